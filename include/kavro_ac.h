@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: MIT
+// The queue-manager context of a process.
+#pragma once
+
+#include <cstddef>
+
+#include "kavro_object.h"
+#include "kavro_queue.h"
+
+extern "C" {
+
+/// The queue-manager context: zeroed by its owner, filled once by KVR_InitQmgrCtx, valid until the process ends.
+typedef struct T_KAVRO_QMGR_CTX {
+    char sObjName[32];
+    T_KVR_OBJ_DB_HANDLE hObjDB; ///< first argument of every object operation
+    T_KVR_QUE_DB_HANDLE hQueDB; ///< first argument of every queue operation
+} T_KAVRO_QMGR_CTX;
+
+/// Name of the queue manager that the process belongs to; the host owns the text.
+char* KVR_GetQmgrName(void);
+
+/// Attaches the process to a queue manager and fills the context. Negative on failure.
+int KVR_InitQmgrCtx(T_KAVRO_QMGR_CTX* ptCtx, char* psQmgrName);
+}
+
+static_assert(sizeof(T_KAVRO_QMGR_CTX) == 48);
+static_assert(offsetof(T_KAVRO_QMGR_CTX, hObjDB) == 32 && offsetof(T_KAVRO_QMGR_CTX, hQueDB) == 40);
