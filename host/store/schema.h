@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: MIT
+// Object classes with their attributes, and the greatest lengths that readers have room for.
+#pragma once
+
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "error.h"
+
+namespace kvr {
+
+enum class AttrKind {
+    kText,
+    kNumber,  ///< decimal integer within min..max
+    kChoice,  ///< one of `choices`, case aside
+    kAddress, ///< connection name: host, or host(port) with a port of 1 to 65535
+    kSecret,  ///< text that is never shown
+    kPath,
+};
+
+struct AttrSpec {
+    std::string_view name;
+    std::size_t max_length; ///< bytes without NUL
+    AttrKind kind;
+    long min;
+    long max;
+    std::string_view choices;      ///< separated by '|'
+    std::string_view default_text; ///< what a definition starts with; empty: unset
+    std::string_view help;         ///< one line for operators
+};
+
+struct ClassSpec {
+    std::string_view name; ///< "CHL", "QMGR", "CHS"
+    std::span<const AttrSpec> attrs;
+};
+
+/// All classes. The lengths are those of the buffers into which the channel reads (docs/operations.md).
+std::span<const ClassSpec> schema();
+/// Null when there is none.
+const ClassSpec* find_class(std::string_view name);
+const AttrSpec* find_attr(const ClassSpec& cls, std::string_view name);
+/// What the store refuses whoever writes: unknown class or attribute, too long. Throws kvr::Error.
+void check_attr(std::string_view cls, std::string_view attr, std::string_view value);
+/// What a definition by an operator refuses on top of that: values that could not work. Throws kvr::Error.
+void check_definition(std::string_view cls, std::string_view attr, std::string_view value);
+
+} // namespace kvr

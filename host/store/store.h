@@ -1,0 +1,144 @@
+// SPDX-License-Identifier: MIT
+// The store of one queue manager: objects, queues and messages in one LMDB environment, read and written by any number
+// of processes.
+//
+// Every operation is one transaction: it happened durably when it returned and did not happen when it threw kvr::Error.
+// No read transaction outlives a call. One Store is open once per process and folder (Store::open returns the same
+// one).
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <sys/types.h>
+
+#include "error.h"
+#include "kavro_api.h"
+
+namespace kvr {
+
+/// Greatest message: data with its transmission header.
+constexpr std::size_t kMaxMessage = 2098376;
+/// Greatest name of a queue, channel or queue manager. Queue names travel in fields of 32 bytes.
+constexpr std::size_t kMaxQueueName = 32;
+constexpr std::size_t kMaxChannelName = 63;
+
+using Attributes = std::map<std::string, std::string>;
+
+/// A message to be put. The views are read during the call only.
+struct OutgoingMessage {
+    const T_KAVRO_MD* descriptor; ///< pOptData is not looked at; KVR_MSGFLAG_ACCESSORIES follows `attachments`
+    std::span<const std::string> attachments; ///< full paths, at most KVR_ACC_MAX of at most 511 bytes
+    std::span<const char> data;
+};
+
+/// A message as it lies on a queue. The views are valid during the visitor's call only.
+struct StoredMessage {
+    std::uint64_t sequence;
+    T_KAVRO_MD descriptor; ///< pOptData null
+    std::vector<std::string> attachments;
+    std::span<const char> data;
+    bool held;    ///< kept back after a dead-letter put that failed
+    bool in_hand; ///< reserved by the process that drains the queue
+};
+
+struct QueueInfo {
+    std::string name;
+    std::string description;
+    std::uint64_t depth; ///< messages on the queue: reserved and held ones included, used ones not
+    std::uint64_t bytes; ///< their data
+    std::uint64_t held;
+    pid_t drained_by; ///< process that drains the queue, 0 for none
+};
+
+/// Limits and trade-offs of a queue manager, fixed at its creation or changed by set_settings.
+struct Settings {
+    std::uint64_t quota = 7ULL << 30;    ///< bytes of messages and objects beyond which puts fail (deletes go on)
+    std::uint64_t map_size = 8ULL << 30; ///< address space of the environment; above the quota
+    bool sync = true;                    ///< false: faster, but a power loss can take the last seconds with it
+};
+
+class Getter;
+
+class Store : public std::enable_shared_from_this<Store> {
+  public:
+    /// Makes a new queue manager's folder (0700) with an empty store (0600). Throws kExists.
+    static void create(const std::filesystem::path& dir, const std::string& qmgr, const Settings& settings);
+    /// Opens a queue manager's store, clears stale readers. Throws kNotFound, kVersion, kPermission (not ours, or
+    /// writable by others), kDamaged, kIo.
+    static std::shared_ptr<Store> open(const std::filesystem::path& dir);
+    virtual ~Store() = default;
+
+    [[nodiscard]] virtual const std::string& qmgr() const = 0;
+    [[nodiscard]] virtual const std::filesystem::path& dir() const = 0;
+    [[nodiscard]] virtual Settings settings() const = 0;
+    virtual void set_settings(const Settings& settings) = 0;
+
+    // Objects. Classes, attributes and their limits: schema.h.
+    virtual void object_add(const std::string& cls, const std::string& name, const Attributes& attrs) = 0;
+    [[nodiscard]] virtual Attributes object_get(const std::string& cls, const std::string& name) = 0;
+    virtual void object_set(const std::string& cls, const std::string& name, const Attributes& attrs) = 0;
+    virtual void object_delete(const std::string& cls, const std::string& name) = 0;
+    [[nodiscard]] virtual std::vector<std::string> object_names(const std::string& cls) = 0;
+
+    // Queues.
+    virtual void queue_define(const std::string& name, const std::string& description) = 0;
+    virtual void queue_set(const std::string& name, const std::string& description) = 0;
+    /// Throws kBusy while a process drains it or when it holds messages and `purge` is false.
+    virtual void queue_delete(const std::string& name, bool purge) = 0;
+    [[nodiscard]] virtual QueueInfo queue_info(const std::string& name) = 0;
+    [[nodiscard]] virtual std::vector<QueueInfo> queues() = 0;
+
+    /// Puts all messages or none, and wakes a getter that waits. Throws kNotFound, kTooLarge, kFull, kIo.
+    virtual void put(const std::string& queue, std::span<const OutgoingMessage> messages) = 0;
+    void put(const std::string& queue, const OutgoingMessage& message) { put(queue, {&message, 1}); }
+
+    /// Shows messages oldest first, from `from` on, until `visit` returns false. Used messages are not shown.
+    virtual void browse(const std::string& queue, std::uint64_t from,
+                        const std::function<bool(const StoredMessage&)>& visit) = 0;
+    /// Puts held messages back to where they stood. Returns how many.
+    virtual std::uint64_t release_held(const std::string& queue) = 0;
+
+    /// Takes the queue over for draining; it belongs to the getter until that is destroyed or its process ends.
+    /// Throws kBusy with the other process's id.
+    virtual std::unique_ptr<Getter> drain(const std::string& queue) = 0;
+};
+
+/// The one drainer of a queue.
+///
+/// next() reserves a message: nobody else gets it, and it is used up by the following next(), by commit() or by a
+/// successful put_instead(); destroyed without any of these, or killed, the reservation is given back. Used messages
+/// are deleted in groups; how far the queue is used stands in a small shared mapping that survives the process, so that
+/// after kill -9 at most the message in hand is delivered again.
+class Getter {
+  public:
+    virtual ~Getter() = default;
+
+    /// Commits the message in hand, then reserves the next one and copies it out.
+    /// @param descriptor   (in/out) filled; its pOptData, when not null, must point at a T_KAVRO_ACCESSORIES_MD, which
+    /// is
+    ///                     filled for a message with attachments
+    /// @param buffer       room for the data; a larger message throws kTooLarge and stays
+    /// @param wait         what to do on an empty queue: true waits for a put or a signal
+    /// @return bytes of data; -1 when the queue is empty (wait false) or a signal ended the wait (wait true)
+    virtual std::int64_t next(T_KAVRO_MD& descriptor, std::span<char> buffer, bool wait) = 0;
+    /// Uses up the message in hand without taking another one; deletes what was used.
+    virtual void commit() = 0;
+    /// Gives the message in hand back.
+    virtual void rollback() = 0;
+    /// Puts a message on another queue and uses up the message in hand, both or neither. When it fails the message in
+    /// hand is held and the error is thrown.
+    virtual void put_instead(const std::string& queue, const OutgoingMessage& message) = 0;
+    /// Keeps the message in hand on its queue, out of the getters' way, until release_held.
+    virtual void hold(const std::string& reason) = 0;
+    [[nodiscard]] virtual bool in_hand() const = 0;
+};
+
+} // namespace kvr
