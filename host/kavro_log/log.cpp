@@ -1,0 +1,137 @@
+// SPDX-License-Identifier: MIT
+// The host's log: one line per call, one write per line.
+//
+// Called about ten times for each message and from signal handlers: a line above the level costs one comparison; a line
+// that is written is built on the stack and leaves in one write to a descriptor in append mode. `errno` is preserved. A
+// line that cannot be written (disk full, a reader that stalls) is lost, never waited for at length: the channel's work
+// goes on without its log.
+#include "log.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "kavro_log.h"
+#include "line.h"
+
+namespace {
+
+/// How long a line waits for the reader of a full pipe, once; until that reader catches up lines are dropped at once.
+constexpr int kStalledWaitMs = 200;
+constexpr std::size_t kQmgrSize = 64;
+
+int g_level = kvr::kLogDefaultLevel;
+int g_fd = STDERR_FILENO;
+bool g_regular = false; ///< a regular file never blocks a writer; what standard error is was not looked at yet
+volatile int g_stalled = 0;
+char g_qmgr[kQmgrSize];
+
+bool is_regular(int fd) {
+    struct stat info {};
+    return fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
+}
+
+void write_line(const char* line, std::size_t length) {
+    if (!g_regular) {
+        pollfd entry{g_fd, POLLOUT, 0};
+        if (poll(&entry, 1, g_stalled != 0 ? 0 : kStalledWaitMs) != 1 || (entry.revents & POLLOUT) == 0) {
+            g_stalled = 1;
+            return;
+        }
+        g_stalled = 0;
+    }
+    // A line that meets a full disk is lost; there is nobody to tell.
+    [[maybe_unused]] const ssize_t wrote = write(g_fd, line, length);
+}
+
+} // namespace
+
+namespace kvr {
+
+int log_open(const char* file) {
+    int fd = STDERR_FILENO;
+    if (file != nullptr && file[0] != '\0') {
+        fd = open(file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0600);
+        if (fd >= 0 && fd <= STDERR_FILENO) {
+            const int low = fd;
+            fd = fcntl(low, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+            close(low);
+        }
+        if (fd < 0) {
+            return -1;
+        }
+    }
+    const int old = g_fd;
+    g_regular = is_regular(fd);
+    g_fd = fd;
+    if (old > STDERR_FILENO) {
+        close(old);
+    }
+    return 0;
+}
+
+void log_set_level(int level) {
+    g_level = level;
+}
+
+} // namespace kvr
+
+extern "C" {
+
+__attribute__((visibility("default"))) int KVR_LogSetQMName(char* psQmgrName) {
+    if (psQmgrName == nullptr) {
+        return -1;
+    }
+    const std::size_t length = strnlen(psQmgrName, kQmgrSize - 1);
+    std::memcpy(g_qmgr, psQmgrName, length);
+    g_qmgr[length] = '\0';
+    return 0;
+}
+
+__attribute__((visibility("default"))) int KVR_LogPrint(char* /*psTag*/, int iLevel, char* psMod, char* psFile,
+                                                        int iLine, const char* psFunc, char* psFmt, ...) {
+    if (iLevel > g_level) {
+        return 0;
+    }
+    const int saved = errno;
+    kvr::LogLine line;
+    line.add_time();
+    line.add(" ");
+    line.add_number(iLevel);
+    line.add(" ");
+    line.add_printable(g_qmgr);
+    line.add(" ");
+    line.add_number(getpid());
+    line.add(" ");
+    line.add_printable(psMod);
+    line.add(" ");
+    line.add_printable(psFile);
+    line.add(":");
+    line.add_number(iLine);
+    line.add(" ");
+    line.add_printable(psFunc);
+    line.add(" ");
+    if (psFmt != nullptr) {
+        char text[kvr::kMaxLine];
+        va_list arguments;
+        va_start(arguments, psFmt);
+        errno = saved; // a format may hold %m
+        const int wanted = std::vsnprintf(text, sizeof(text), psFmt, arguments);
+        va_end(arguments);
+        if (wanted >= 0) {
+            const std::size_t full = static_cast<std::size_t>(wanted);
+            const bool cut = full >= sizeof(text);
+            line.add_masked(text, cut ? sizeof(text) - 1 : full, cut);
+        }
+    }
+    const std::size_t length = line.finish();
+    write_line(line.data(), length);
+    errno = saved;
+    return 0;
+}
+}
