@@ -1,0 +1,96 @@
+// SPDX-License-Identifier: MIT
+// Connecting to the listener: its address and the retry policy are read anew for every connection.
+
+/// Connects, first with short and then with long retries. 0 when connected; -1 when the definition cannot be read, the
+/// client cannot be prepared or every attempt failed; -10002 when the status cannot be written.
+static int Connect2Lsr(void) {
+    char sLongTry[CHLS_VALUE_SIZE] = {};
+    char sLongTryTmr[CHLS_NAME_SIZE] = {};
+    char sShortTry[CHLS_NAME_SIZE] = {};
+    char sShortTryTmr[CHLS_NAME_SIZE] = {};
+    char sConnName[CHLS_VALUE_SIZE] = {};
+    char sHostName[CHLS_VALUE_SIZE] = {};
+    int iShortTryCnt = 0;
+    int iLongTryCnt = 0;
+    int iOption = NET_TCP_OPT_SNDTIMEO;
+
+    char* psAttrNames[] = {TXT("LONGRTY"), TXT("LONGTMR"), TXT("SHORTRTY"), TXT("SHORTTMR"), TXT("CONNAME")};
+    char* psAttrVals[] = {sLongTry, sLongTryTmr, sShortTry, sShortTryTmr, sConnName};
+    int iRet = KVR_ObjGetAttr(f_tQmgrCtx.hObjDB, TXT("CHL"), f_sAppName, 5, psAttrNames, psAttrVals);
+    if (iRet < 0) {
+        CHLS_LOG(LOG_ERR, TXT("get chl[%s] error[%d]"), f_sAppName, iRet);
+        return CHLS_FAIL;
+    }
+
+    int iLongTry = atoi(sLongTry);
+    int iShortTry = atoi(sShortTry);
+    // A negative pause or time-out means none.
+    int iLongTryTmr = atoi(sLongTryTmr) > 0 ? atoi(sLongTryTmr) : 0;
+    int iShortTryTmr = atoi(sShortTryTmr) > 0 ? atoi(sShortTryTmr) : 0;
+    CHLS_LOG(LOG_EVENT, TXT("chl[%s] conn[%s]"), f_sAppName, sConnName);
+
+    int iPort = 0;
+    AnlyConnName(sConnName, &iPort, sHostName);
+    if (f_iUseSSL) {
+        iOption |= NET_TCP_OPT_SSL;
+    }
+    f_tTcpClient.iSndTimeOut = iShortTryTmr;
+    iRet = f_tTcpClient.pfnInit(&f_tTcpClient, iOption);
+    if (iRet < 0) {
+        CHLS_LOG(LOG_ERR, TXT("tcpclient init error[%d:%s] return[%d]"), f_tTcpClient.iErrorCode,
+                 f_tTcpClient.sErrorStr, iRet);
+        return CHLS_FAIL;
+    }
+    iRet = SetObjStat("RETRYING");
+    if (iRet < 0) {
+        return CHLS_ERR_SETUP;
+    }
+
+    for (;;) {
+        CHLS_LOG(LOG_DBG, TXT("begin connect  [%s:%d]"), sHostName, iPort);
+        iRet = f_tTcpClient.pfnConnect(&f_tTcpClient, sHostName, iPort, 0);
+        if (iRet == 0) {
+            CHLS_LOG(LOG_INF, TXT("connect [%s:%d] success"), f_tTcpClient.sRemoteAddr, f_tTcpClient.iRemotePort);
+            return CHLS_OK;
+        }
+        CHLS_LOG(LOG_ERR, TXT("connect [%s:%d]  error[%d:%s] return[%d]"), f_tTcpClient.sRemoteAddr,
+                 f_tTcpClient.iRemotePort, f_tTcpClient.iErrorCode, f_tTcpClient.sErrorStr, iRet);
+        CHLS_LOG(LOG_DBG, TXT("shorttry[%d] longtry[%d]"), iShortTryCnt, iLongTryCnt);
+
+        int iPause = 0;
+        if (iShortTryCnt < iShortTry) {
+            iShortTryCnt++;
+            iPause = iShortTryTmr;
+        } else if (iLongTryCnt < iLongTry) {
+            iLongTryCnt++;
+            iPause = iLongTryTmr;
+        } else {
+            CHLS_LOG(LOG_ERR, TXT("connect[%s:%d] error shorttry[%d:%d] longtry[%d:%d]"), f_tTcpClient.sRemoteAddr,
+                     f_tTcpClient.iRemotePort, iShortTryCnt, iShortTryTmr, iLongTryCnt, iLongTryTmr);
+            return CHLS_FAIL;
+        }
+        CHLS_LOG(LOG_DBG, TXT("sleep(%d)"), iPause);
+        sleep(static_cast<unsigned>(iPause));
+    }
+}
+
+/// Splits a connection name, "host" or "host(port)", into the host (room for CHLS_VALUE_SIZE bytes) and the port.
+/// Rejects nothing: without a usable port it gives the default one. Port text beyond 63 characters is cut.
+static int AnlyConnName(char* psConnName, int* piPort, char* pAddr) {
+    size_t iHostLen = strcspn(psConnName, "(");
+    CopyText(pAddr, iHostLen < CHLS_VALUE_SIZE ? iHostLen + 1 : CHLS_VALUE_SIZE, psConnName);
+    *piPort = CHLS_DEFAULT_PORT;
+    if (psConnName[iHostLen] == '\0') {
+        return CHLS_OK;
+    }
+
+    const char* psPort = psConnName + iHostLen + 1;
+    size_t iPortLen = strcspn(psPort, ")");
+    char sPort[CHLS_NAME_SIZE];
+    CopyText(sPort, iPortLen < sizeof(sPort) ? iPortLen + 1 : sizeof(sPort), psPort);
+    int iPort = atoi(sPort);
+    if (iPort != 0) {
+        *piPort = iPort;
+    }
+    return CHLS_OK;
+}

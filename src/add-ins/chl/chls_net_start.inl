@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: MIT
+// The network start: the one entry into link management for the run loop and the router.
+
+/// Records the running line in the status object.
+static int SetObjRuning(void) {
+    char sLAddr[CHLS_NAME_SIZE] = {};
+    char sLPort[CHLS_NAME_SIZE] = {};
+    char sRAddr[CHLS_VALUE_SIZE] = {};
+    char sRPort[CHLS_NAME_SIZE] = {};
+    char* psAttrNames[6] = {TXT("STATUS"), TXT("LOCALIP"), TXT("LOCALPORT"), TXT("REMOTEIP"), TXT("REMOTEPORT")};
+    char* psAttrVals[6] = {TXT("RUNING"), sLAddr, sLPort, sRAddr, sRPort};
+
+    CopyText(sLAddr, sizeof(sLAddr), f_tTcpClient.sLocalAddr);
+    snprintf(sLPort, sizeof(sLPort), "%d", f_tTcpClient.iLocalPort);
+    CopyText(sRAddr, sizeof(sRAddr), f_tTcpClient.sRemoteAddr);
+    snprintf(sRPort, sizeof(sRPort), "%d", f_tTcpClient.iRemotePort);
+    int iRet = KVR_ObjSetAttr(f_tQmgrCtx.hObjDB, TXT("CHS"), f_sAppName, 5, psAttrNames, psAttrVals);
+    if (iRet < 0) {
+        CHLS_LOG(LOG_ERR, TXT("KVR_ObjSetAttr[%s][%s] return[%d]"), "CHS", f_sAppName, iRet);
+        return CHLS_ERR_SETUP;
+    }
+    return CHLS_OK;
+}
+
+/// Connects, binds, starts the watcher and records the line.
+static int StartLine(void) {
+    if (Connect2Lsr() < 0) {
+        int iErrno = errno;
+        CHLS_LOG(LOG_ERR, TXT("Connect2Lsr error[%d:%s]"), iErrno, ErrText(iErrno));
+        return CHLS_FAIL;
+    }
+    SetLineOpt(TCP_NODELAY, 1);
+    if (BindChl() < 0) {
+        int iErrno = errno;
+        CHLS_LOG(LOG_ERR, TXT("BindChl error[%d:%s]"), iErrno, ErrText(iErrno));
+        f_tTcpClient.pfnClose(&f_tTcpClient, 0);
+        return CHLS_FAIL;
+    }
+    f_iNetStat = 1;
+    if (StartNetChkProc() < 0) {
+        int iErrno = errno;
+        CHLS_LOG(LOG_ERR, TXT("fork error[%d:%s]"), iErrno, ErrText(iErrno));
+        return CHLS_FAIL;
+    }
+    return SetObjRuning();
+}
+
+/// Makes sure of a bound connection with a watcher: at once when the line is up, otherwise through a new connection.
+/// 0; -1 when connection, bind or watcher failed; -10002 when the line is up but could not be recorded.
+static int SndrNetInit(void) {
+    if (f_iNetStat) {
+        // A second start in one process has cleared the client under a line that was up: nothing to test or to close.
+        int iSocketNo = f_tTcpClient.iSocketNo;
+        int iRet = iSocketNo > 0 ? sockCanRead(iSocketNo) : 1;
+        if (iRet == 0) {
+            CHLS_LOG(LOG_DBG, TXT("NETSTAT[%d]"), static_cast<int>(f_iNetStat));
+            return CHLS_OK;
+        }
+        if (iRet < 0) {
+            CHLS_LOG(LOG_ERR, TXT("sockCanRead [%d]"), iRet);
+        }
+        f_iNetStat = 0;
+        f_tTcpClient.pfnClose(&f_tTcpClient, 0);
+        CHLS_LOG(LOG_EVENT, TXT("RCVER CLOSED"));
+    }
+    StopNetChkProc();
+
+    // Until the new watcher runs, a line signal from anybody would close the new client under way, and a stray alarm
+    // would break the connect off: both are held and delivered afterwards.
+    sigset_t tHeld;
+    sigset_t tBefore;
+    sigemptyset(&tHeld);
+    sigaddset(&tHeld, SIGUSR2);
+    sigaddset(&tHeld, SIGALRM);
+    sigprocmask(SIG_BLOCK, &tHeld, &tBefore);
+    int iRet = StartLine();
+    sigprocmask(SIG_SETMASK, &tBefore, nullptr);
+    return iRet;
+}

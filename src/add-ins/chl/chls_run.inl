@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: MIT
+// Event 2: drain the transmission queue for as long as the process lives.
+
+/// Ends the process on a failure that the loop cannot recover from.
+[[noreturn]] static void EndRun(void) {
+    TakeTlsRecords();
+    exit(EXIT_FAILURE);
+}
+
+/// After a get that a handler cut short: back to waiting while the line is up, else a new line.
+static void Resume(void) {
+    f_iHBBreak = 0;
+    if (f_iNetStat != 0) {
+        TakeTlsRecords();
+        return;
+    }
+    sleep(CHLS_RESTART_PAUSE);
+    int iRet = SndrNetInit();
+    if (iRet < 0) {
+        CHLS_LOG(LOG_ERR, TXT("SndrNetInit error[%d]"), iRet);
+        EndRun();
+    }
+}
+
+/// -10002 when the first network start fails; otherwise it does not return.
+static int OnRunEventHandler(int /*iPlugId*/, int /*iEventId*/, void* /*pInData*/, void* /*pOutData*/) {
+    // Static: the host's thread need not have a stack for two megabytes.
+    static char sRecvBuf[CHLS_RECV_SIZE];
+    static T_KAVRO_ACCESSORIES_MD tAccMd = {{'A', 'C', 'M', 'D'}, 1, 0, 0, {}};
+    static const T_KAVRO_QUE_MD tMDTmp = [] {
+        T_KAVRO_QUE_MD tBlank = {};
+        memcpy(tBlank.sStrucId, "MD  ", sizeof(tBlank.sStrucId));
+        tBlank.iVersion = 2;
+        tBlank.cMsgStoreType = KVR_STORE_DATA;
+        return tBlank;
+    }();
+    T_KAVRO_QUE_GMO tGMO = {{'G', 'M', 'O', ' '}, 1, 0, 0, 0, 0};
+
+    int iRet = SndrNetInit();
+    if (iRet < 0) {
+        CHLS_LOG(LOG_ERR, TXT("SndrNetInit error[%d]"), iRet);
+        return CHLS_ERR_SETUP;
+    }
+
+    for (;;) {
+        T_KAVRO_QUE_MD tMD = tMDTmp;
+        int iDataLen = CHLS_RECV_SIZE;
+        tMD.pOptData = &tAccMd;
+        sRecvBuf[CHLS_RECV_SIZE - 1] = '\0';
+
+        CHLS_LOG(LOG_DBG, TXT("--------------------start recv msg----------------------"));
+        f_iInGet = 1;
+        alarm(f_iHBInt > 0 ? static_cast<unsigned>(f_iHBInt) : 0);
+        iRet = KVR_QueMsgGet(f_tQmgrCtx.hQueDB, f_hObjHdl, &tMD, &tGMO, sRecvBuf, &iDataLen);
+        f_iInGet = 0;
+        alarm(0);
+
+        if (iRet >= 0) {
+            CHLS_LOG(LOG_INF, TXT("rcv len[%d]"), iDataLen);
+            iRet = ProcMsg(&tMD, sRecvBuf, iDataLen);
+            if (iRet < 0) {
+                CHLS_LOG(LOG_ERR, TXT("ProcMsg[%d]"), iRet);
+                SndMsgToDeadQ(&tMD, sRecvBuf, iDataLen);
+            }
+        } else if (f_iHBBreak == 0) {
+            CHLS_LOG(LOG_ERR, TXT("RecvIpcMsg error[%d]"), iRet);
+            EndRun();
+        } else {
+            Resume();
+        }
+    }
+}

@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: MIT
+// When bytes leave. A message is written in three or more pieces: under TCP_CORK they leave as one segment when the
+// message is complete, and with TCP_NODELAY neither a lone message nor a bind or heartbeat frame waits for the peer.
+
+/// Sets TCP_NODELAY or TCP_CORK on the line. A failure costs speed, not bytes, so it is not looked at.
+static void SetLineOpt(int iOpt, int iOn) {
+    int iSocketNo = f_tTcpClient.iSocketNo;
+    if (iSocketNo > 0) {
+        setsockopt(iSocketNo, IPPROTO_TCP, iOpt, &iOn, sizeof(iOn));
+    }
+}
+
+/// Lets the client take in what TLS itself sent (session tickets). Left unread when the process ends, it would make the
+/// kernel reset the connection and throw away what the receiver has not read yet.
+static void TakeTlsRecords(void) {
+    if (f_iUseSSL && f_iNetStat && f_tTcpClient.iSocketNo > 0) {
+        f_tTcpClient.pfnWrite(&f_tTcpClient, TXT(""), 0, 0);
+    }
+}

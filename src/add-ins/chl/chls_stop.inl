@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: MIT
+// Event 4: stop the channel. Always 0.
+
+static void CloseQueue(char* psName, T_KVR_QUE_OBJ_HANDLE* phObj) {
+    if (*phObj == nullptr) {
+        return;
+    }
+    int iRet = KVR_QueClose(f_tQmgrCtx.hQueDB, psName, *phObj, 0);
+    if (iRet < 0) {
+        CHLS_LOG(LOG_ERR, TXT("KVR_QueClose[%s] return[%d]"), psName, iRet);
+    }
+    // A second exit event, or a second life of the process, must not use a closed handle.
+    *phObj = nullptr;
+}
+
+/// Marks the status object first, because what follows can wait; closes the queues only when the watcher is gone.
+static int ExitEventHandler(int /*iPlugId*/, int /*iEventId*/, void* /*pInData*/, void* /*pOutData*/) {
+    char sPID[CHLS_VALUE_SIZE] = "-1";
+    char sSTAT[CHLS_VALUE_SIZE] = "STOPED";
+    if (!f_iIsInit) {
+        return CHLS_OK;
+    }
+    int iRet = KVR_ObjSetAttrV(f_tQmgrCtx.hObjDB, TXT("CHS"), f_sAppName, 2, TXT("PID"), TXT("STATUS"), sPID, sSTAT);
+    if (iRet < 0) {
+        CHLS_LOG(LOG_ERR, TXT("KVR_ObjSetAttrV[%s][%s] return[%d]"), "CHS", f_sAppName, iRet);
+    }
+    StopNetChkProc();
+    TakeTlsRecords();
+    CloseQueue(f_sXmitQ, &f_hObjHdl);
+    CloseQueue(f_sDeadQ, &f_hDeaqHdl);
+    return CHLS_OK;
+}

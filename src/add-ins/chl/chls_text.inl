@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: MIT
+// Texts and numbers.
+
+/// Text of an errno. Unlike strerror it may be called in a handler.
+static const char* ErrText(int iErrno) {
+    const char* psText = strerrordesc_np(iErrno);
+    return psText != nullptr ? psText : "Unknown error";
+}
+
+/// Copies a text into a field of `iSize` bytes and cuts it there; always leaves a NUL.
+static void CopyText(char* psTo, size_t iSize, const char* psFrom) {
+    size_t iLen = strnlen(psFrom, iSize - 1);
+    memcpy(psTo, psFrom, iLen);
+    psTo[iLen] = '\0';
+}
+
+/// Writes a text number: 8 characters without NUL; of a longer number the first 8.
+static void PutNum(char* psField, long lValue) {
+    char sTmp[CHLS_NAME_SIZE];
+    snprintf(sTmp, sizeof(sTmp), "%08ld", lValue);
+    memcpy(psField, sTmp, KVR_CHL_NUM_LEN);
+}

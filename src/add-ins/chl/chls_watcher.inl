@@ -1,0 +1,172 @@
+// SPDX-License-Identifier: MIT
+// The line watcher: a child process per connection that waits until the socket becomes readable, which means that the
+// receiver closed it, and then tells the channel process with SIGUSR2. A pipe whose only write end the channel process
+// holds lets it end with that process, however that ends.
+
+/// Moves a descriptor above the standard ones. Descriptor numbers of FD_SETSIZE and more do not fit the watcher's set:
+/// they fail with EMFILE. Returns -1 with the descriptor closed and errno set.
+static int UsableFD(int iFD) {
+    if (iFD > STDERR_FILENO && iFD < FD_SETSIZE) {
+        return iFD;
+    }
+    int iNewFD = -1;
+    int iErrno = EMFILE;
+    if (iFD < FD_SETSIZE) {
+        iNewFD = fcntl(iFD, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+        iErrno = errno;
+    }
+    close(iFD);
+    if (iNewFD >= FD_SETSIZE) {
+        close(iNewFD);
+        iNewFD = -1;
+        iErrno = EMFILE;
+    }
+    errno = iErrno;
+    return iNewFD;
+}
+
+/// Opens the lifeline pipe. 0, or -1 with nothing open and errno set.
+static int OpenLifeline(int* iFDArr) {
+    if (f_tTcpClient.iSocketNo >= FD_SETSIZE) {
+        errno = EMFILE;
+        return CHLS_FAIL;
+    }
+    if (pipe2(iFDArr, O_CLOEXEC) < 0) {
+        return CHLS_FAIL;
+    }
+    iFDArr[0] = UsableFD(iFDArr[0]);
+    int iErrno = errno;
+    iFDArr[1] = UsableFD(iFDArr[1]);
+    if (iFDArr[0] >= 0 && iFDArr[1] >= 0) {
+        return CHLS_OK;
+    }
+    if (iFDArr[0] < 0) {
+        errno = iErrno;
+    }
+    iErrno = errno;
+    for (int i = 0; i < 2; i++) {
+        if (iFDArr[i] >= 0) {
+            close(iFDArr[i]);
+        }
+    }
+    errno = iErrno;
+    return CHLS_FAIL;
+}
+
+/// In the watcher: gives up what it inherited and must not keep. It ends with its pipe or its socket, so no signal of
+/// the terminal or of the process group may end it before; handlers of the channel or the host would act on copies.
+static void ShedInherited(int iWriteEnd) {
+    close(iWriteEnd);
+    const int iSigs[] = {SIGALRM, SIGUSR2, SIGUSR1, SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+    for (int iSig : iSigs) {
+        signal(iSig, SIG_IGN);
+    }
+    sigset_t tNone;
+    sigemptyset(&tNone);
+    sigprocmask(SIG_SETMASK, &tNone, nullptr);
+}
+
+/// Forks the watcher of the current connection. Its process id, or -1; never returns in the watcher.
+static int StartNetChkProc(void) {
+    int iFDArr[2] = {-1, -1};
+    if (f_iChlLineFD > 0) {
+        close(f_iChlLineFD);
+        f_iChlLineFD = 0;
+    }
+    if (OpenLifeline(iFDArr) < 0) {
+        int iErrno = errno;
+        CHLS_LOG(LOG_ERR, TXT("pipe error[%d:%s]"), iErrno, ErrText(iErrno));
+        errno = iErrno;
+        return CHLS_FAIL;
+    }
+
+    f_iMonPid = fork();
+    if (f_iMonPid < 0) {
+        int iErrno = errno;
+        CHLS_LOG(LOG_ERR, TXT("fork error[%d:%s]"), iErrno, ErrText(iErrno));
+        close(iFDArr[0]);
+        close(iFDArr[1]);
+        errno = iErrno;
+        return CHLS_FAIL;
+    }
+    if (f_iMonPid == 0) {
+        ShedInherited(iFDArr[1]);
+        f_iChlLineFD = iFDArr[0];
+        CheckNetStat();
+        _exit(0);
+    }
+    close(iFDArr[0]);
+    f_iChlLineFD = iFDArr[1];
+    return f_iMonPid;
+}
+
+/// In the watcher, whose process is gone: it now holds the connection's last descriptor. Bytes left unread at the close
+/// (session tickets) would make the kernel reset the connection instead of delivering what was sent.
+static void DropUnread(void) {
+    char sBuf[4096];
+    while (recv(f_tTcpClient.iSocketNo, sBuf, sizeof(sBuf), MSG_DONTWAIT) > 0) {
+    }
+}
+
+/// In the watcher: waits for the end of the line or of the channel process and reports it.
+static void CheckNetStat(void) {
+    int f_iPPid = getppid();
+    fd_set rdfds;
+    FD_ZERO(&rdfds);
+    FD_SET(f_tTcpClient.iSocketNo, &rdfds);
+    FD_SET(f_iChlLineFD, &rdfds);
+    int iMaxFd = f_tTcpClient.iSocketNo > f_iChlLineFD ? f_tTcpClient.iSocketNo : f_iChlLineFD;
+
+    CHLS_LOG(LOG_INF, TXT("-----------------------begin check line-------------------------"));
+    if (select(iMaxFd + 1, &rdfds, nullptr, nullptr, nullptr) < 0) {
+        int iErrno = errno;
+        CHLS_LOG(LOG_ERR, TXT("select error[%d:%s]"), iErrno, ErrText(iErrno));
+        return;
+    }
+    // The pipe first: once the channel process is gone, its id may be a stranger's, who must not get the signal.
+    if (FD_ISSET(f_iChlLineFD, &rdfds)) {
+        CHLS_LOG(LOG_GONE, TXT("parent abort[%d]"), f_iPPid);
+        DropUnread();
+        return;
+    }
+    CHLS_LOG(LOG_ERR, TXT("connection lost"));
+    CHLS_LOG(LOG_INF, TXT("----------------------line disconnected------------------------ "));
+    if (f_iPPid > 1) {
+        procSndSig2Proc(f_iPPid, SIGUSR2);
+    }
+    _exit(0);
+}
+
+/// Kills and reaps the watcher, if there is one. A wait that a signal interrupted is repeated.
+static void StopNetChkProc(void) {
+    if (f_iMonPid <= 0) {
+        return;
+    }
+    if (procIsExist(f_iMonPid) > 0 && procSndSig2Proc(f_iMonPid, SIGKILL) < 0) {
+        int iErrno = errno;
+        CHLS_LOG(LOG_ERR, TXT("procSndSig2Proc f_iMonPid[%d] error[%d:%s]"), f_iMonPid, iErrno, ErrText(iErrno));
+    }
+    CHLS_LOG(LOG_DBG, TXT("waitpid %d begin"), f_iMonPid);
+    while (waitpid(f_iMonPid, nullptr, 0) != f_iMonPid) {
+        int iErrno = errno;
+        CHLS_LOG(LOG_INF, TXT("Waitpid error[%d:%s]"), iErrno, ErrText(iErrno));
+        if (iErrno != EINTR) {
+            break;
+        }
+    }
+    CHLS_LOG(LOG_DBG, TXT("waitpid %d end"), f_iMonPid);
+    f_iMonPid = 0;
+}
+
+/// SIGUSR2, at any point of the main flow. Calls: the client's close (which in a handler neither frees nor gives back
+/// the descriptor number) and the host's log. Before the client exists it only raises and lowers the flags.
+static void OnNetDisconn(int /*iSig*/) {
+    int iErrno = errno;
+    f_iHBBreak = 1;
+    if (f_tTcpClient.pfnClose != nullptr) {
+        f_tTcpClient.pfnClose(&f_tTcpClient, 0);
+    }
+    f_iNetStat = 0;
+    CHLS_LOG(LOG_EVENT, TXT("line disconnected [%d]"), static_cast<int>(f_iNetStat));
+    errno = iErrno;
+}

@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: MIT
+// Private header of the channel unit: constants, the log call and every prototype, so that the order of the fragments
+// never matters. Included by plug_kavro_chls.cpp alone.
+#pragma once
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "kavro_ac.h"
+#include "kavro_chl.h"
+#include "kavro_log.h"
+#include "kavutil.h"
+#include "net_tcp_client.h"
+#include "plug_mgr.h"
+
+// Results (negative ones; 0 or a count is success).
+constexpr int CHLS_OK = 0;
+constexpr int CHLS_FAIL = -1;          ///< not routed or sent; a step of connection, bind or watcher failed
+constexpr int CHLS_ERR_FILE = -2;      ///< a file that cannot be opened, positioned or sized, is empty or too long
+constexpr int CHLS_ERR_WRITE = -201;   ///< a write took less than the whole frame; worth a new connection
+constexpr int CHLS_ERR_SETUP = -10002; ///< a set-up step failed
+
+// Limits.
+constexpr int CHLS_NAME_SIZE = 64;         ///< names and short numbers, with NUL
+constexpr int CHLS_VALUE_SIZE = 256;       ///< other attribute values, with NUL
+constexpr int CHLS_ADDR_SIZE = 512;        ///< addresses as the TCP client holds them, with NUL
+constexpr int CHLS_RECV_SIZE = 2098376;    ///< receive buffer: the greatest message with its transmission header
+constexpr int CHLS_XMITQ_HDR_LEN = 72;     ///< transmission header
+constexpr int CHLS_PATH_SIZE = 1024;       ///< path of a file message, with NUL
+constexpr int CHLS_ACC_BUF_SIZE = 51200;   ///< attachment block; the greatest takes KVR_CHL_ACC_BLOCK_MAX
+constexpr int CHLS_FILE_CHUNK = 10240;     ///< bytes of a file per write
+constexpr int CHLS_SEND_TRIES = 4;         ///< attempts to send one message
+constexpr unsigned CHLS_RESTART_PAUSE = 3; ///< seconds between a lost line and the next connection
+constexpr int CHLS_DEFAULT_PORT = 5151;    ///< listener's port when the connection name has none
+constexpr int CHLS_APP_NAME_ENTRY = 4;     ///< entry of the argument table, counted after the options
+
+static_assert(sizeof(T_KAVRO_HDR_XMITQ) == CHLS_XMITQ_HDR_LEN);
+static_assert(CHLS_RECV_SIZE - CHLS_XMITQ_HDR_LEN == KVR_CHL_BODY_MAX);
+static_assert(KVR_CHL_ACC_BLOCK_MAX <= CHLS_ACC_BUF_SIZE);
+
+// Log levels.
+constexpr int LOG_ERR = 1;
+constexpr int LOG_GONE = 2;
+constexpr int LOG_EVENT = 3;
+constexpr int LOG_INF = 4;
+constexpr int LOG_DBG = 5;
+
+/// Host operations and log functions take `char*` and write to none of these texts.
+#define TXT(text) const_cast<char*>(text)
+/// One log line: level, format, arguments.
+#define CHLS_LOG(level, ...) CHLS_LOG_TO(f_ptRTCoreCtx->pfnLogPrint, level, __VA_ARGS__)
+#define CHLS_LOG_TO(function, level, ...)                                                                              \
+    function(nullptr, level, TXT("$plug_kavro_chls"), TXT("plug_kavro_chls"), __LINE__, __func__, __VA_ARGS__)
+
+// chls_event.inl
+static int EventHandlers(int iPlugId, int iEventId, void* pInData, void* pOutData);
+static int DefaultEventHandler(int iPlugId, int iEventId, void* pInData, void* pOutData);
+// chls_start.inl: event 1
+static int InitEventHandler(int iPlugId, int iEventId, void* pInData, void* pOutData);
+static int TakeAppName(void);
+// chls_run.inl: event 2
+static int OnRunEventHandler(int iPlugId, int iEventId, void* pInData, void* pOutData);
+// chls_stop.inl: event 4
+static int ExitEventHandler(int iPlugId, int iEventId, void* pInData, void* pOutData);
+
+// chls_text.inl: texts and numbers
+static const char* ErrText(int iErrno);
+static void CopyText(char* psTo, size_t iSize, const char* psFrom);
+static void PutNum(char* psField, long lValue);
+
+// chls_frame.inl: wire records
+static void FillChlMD(T_KAVRO_CHL_MD* ptChlMD, const T_KAVRO_MD* ptMD);
+static int FillAccBlock(const T_KAVRO_ACCESSORIES_MD* ptAccMd);
+
+// chls_status.inl: the status object
+static int InitObjStat(char* psChlName);
+static int SetObjStat(const char* psStat);
+
+// chls_client.inl: set-up of the TCP client; chls_segment.inl: when its bytes leave
+static int InitTcpClient(void);
+static void SetLineOpt(int iOpt, int iOn);
+static void TakeTlsRecords(void);
+
+// chls_connect.inl, chls_bind.inl, chls_watcher.inl, chls_net_start.inl, chls_heartbeat.inl: the link
+static int Connect2Lsr(void);
+static int AnlyConnName(char* psConnName, int* piPort, char* pAddr);
+static int BindChl(void);
+static int StartNetChkProc(void);
+static void CheckNetStat(void);
+static void OnNetDisconn(int iSig);
+static void StopNetChkProc(void);
+static int SndrNetInit(void);
+static void HeartBeat(int iSig);
+
+// chls_send_data.inl, chls_send_file.inl, chls_route.inl: one message
+static int ChlSndData(T_KAVRO_MD* ptMD, char* psDestQue, char* psMsgBuf, int iDataLen);
+static int SendFile2Rcvr(char* psFileName);
+static int ProcMsg(T_KAVRO_MD* ptMD, char* psMsgBuf, int iDataLen);
+static int SndMsgToDeadQ(T_KAVRO_MD* ptMD, char* psMsgBuf, int iDataLen);
