@@ -1,0 +1,435 @@
+// SPDX-License-Identifier: MIT
+// Connecting with retries, binding, and the network start around them, seen through event 2.
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "channel_run.h"
+#include "expected_frames.h"
+
+namespace kvr::test {
+namespace {
+
+using testing::Contains;
+using testing::Each;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::StartsWith;
+
+class Link : public ChannelTest {};
+
+TEST_F(Link, FirstStartInOrder) {
+    chl()["SHORTTMR"] = "4";
+    const Result r = run_channel();
+    ASSERT_EQ(r.conns.size(), 1U) << r.dump();
+    EXPECT_EQ(r.conns[0], bind_frame());
+    EXPECT_EQ(r.conns[0].size(), 78U);
+    const std::string port = std::to_string(port_);
+    const std::vector<std::string> expected = {
+        "KVR_ObjGetAttr(CHL CH1 LONGRTY LONGTMR SHORTRTY SHORTTMR CONNAME)",
+        "3 Connect2Lsr: chl[CH1] conn[127.0.0.1(" + port + ")]",
+        "KVR_ObjSetAttrV(CHS CH1 STATUS=RETRYING)",
+        "5 Connect2Lsr: begin connect  [" + address() + "]",
+        "sockSetSTimeOut(4)",
+        "sockGetHostIp(127.0.0.1)",
+        "sockGetLocalAddr()",
+        "4 Connect2Lsr: connect [" + address() + "] success",
+        "KVR_ObjSetAttrV(CHS CH1 STATUS=BINDING)",
+        "write(78)",
+        "4 BindChl: binding channel[CH1] [" + address() + "] success",
+        "pipe()",
+        "fork()",
+        "KVR_ObjSetAttr(CHS CH1 STATUS=RUNING LOCALIP=127.0.0.1 LOCALPORT=" + std::to_string(r.ports[0]) +
+            " REMOTEIP=127.0.0.1 REMOTEPORT=" + port + ")",
+        "5 OnRunEventHandler: --------------------start recv msg----------------------",
+        "alarm(5)",
+        "KVR_QueMsgGet(blank)"};
+    EXPECT_EQ(r.lines_between("LHS", expected.front(), expected.back()), expected);
+    EXPECT_THAT(r.lines("T"), Contains("nodelay=1"));
+}
+
+TEST_F(Link, BindFrameCarriesTheName) {
+    for (const std::string& name : {std::string("A"), std::string("CHANNEL8"), std::string(63, 'Z')}) {
+        host().name = name;
+        host().objects["CHL/" + name] = chl();
+        const Result r = run_channel();
+        EXPECT_THAT(r.conns, ElementsAre(bind_frame(name)));
+    }
+}
+
+TEST_F(Link, ConnectionNames) {
+    const std::string long_host(240, 'h');
+    const struct {
+        std::string name, shown, resolved;
+    } cases[] = {
+        {"10.1.2.3(1414)", "10.1.2.3:1414", "10.1.2.3"},
+        {"10.1.2.3", "10.1.2.3:5151", "10.1.2.3"},
+        {"10.1.2.3()", "10.1.2.3:5151", "10.1.2.3"},
+        {"10.1.2.3(0)", "10.1.2.3:5151", "10.1.2.3"},
+        {"10.1.2.3(abc)", "10.1.2.3:5151", "10.1.2.3"},
+        {"10.1.2.3(1414", "10.1.2.3:1414", "10.1.2.3"},
+        {"10.1.2.3(1414)x", "10.1.2.3:1414", "10.1.2.3"},
+        {"10.1.2.3(12ab)", "10.1.2.3:12", "10.1.2.3"},
+        {"10.1.2.3( 99)", "10.1.2.3:99", "10.1.2.3"},
+        {"10.1.2.3(-7)", "10.1.2.3:-7", "10.1.2.3"},
+        {"10.1.2.3 (1414)", "10.1.2.3 :1414", "10.1.2.3 "},
+        {"(1414)", ":1414", ""},
+        {"", ":5151", ""},
+        {long_host + "(77)", long_host + ":77", long_host},
+        {"h(" + std::string(58, '0') + "44)", "h:44", "h"},
+    };
+    host().hooks["sockGetHostIp"] = failing(-1, 1, 99, ENOENT); // no such address is ever dialled
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        chl()["CONNAME"] = c.name;
+        const Result r = run_channel();
+        EXPECT_TRUE(in_order(r, {"3 Connect2Lsr: chl[CH1] conn[" + c.name + "]",
+                                 "5 Connect2Lsr: begin connect  [" + c.shown + "]", "sockGetHostIp(" + c.resolved + ")",
+                                 "event 2 = -10002"}));
+    }
+    chl()["CONNAME"] = "h(" + std::string(200, '1') + ")"; // more digits than any port: no crash, one attempt
+    EXPECT_EQ(run_channel().count("sockGetHostIp(h)"), 1);
+}
+
+TEST_F(Link, RetriesShortThenLong) {
+    listening_ = false;
+    chl()["SHORTRTY"] = "3";
+    chl()["SHORTTMR"] = "5";
+    chl()["LONGRTY"] = "2";
+    chl()["LONGTMR"] = "60";
+    const Result r = run_channel();
+    EXPECT_THAT(r.lines("S"), testing::IsSupersetOf({"sleep(5)", "sleep(5)", "sleep(5)", "sleep(60)", "sleep(60)"}));
+    std::vector<std::string> expected;
+    const std::string refused = err(ECONNREFUSED);
+    for (int i = 0; i < 6; ++i) {
+        const int shorts = std::min(i, 3);
+        expected.push_back("5 Connect2Lsr: begin connect  [" + address() + "]");
+        expected.push_back("1 Connect2Lsr: connect [" + address() + "]  error[" + std::to_string(ECONNREFUSED) +
+                           ":connect[" + address() + "] error[" + refused + "]] return[-1]");
+        expected.push_back("5 Connect2Lsr: shorttry[" + std::to_string(shorts) + "] longtry[" +
+                           std::to_string(i - shorts) + "]");
+        if (i < 5) {
+            expected.push_back("5 Connect2Lsr: sleep(" + std::string(i < 3 ? "5" : "60") + ")");
+            expected.push_back(i < 3 ? "sleep(5)" : "sleep(60)");
+        }
+    }
+    expected.push_back("1 Connect2Lsr: connect[" + address() + "] error shorttry[3:5] longtry[2:60]");
+    EXPECT_EQ(r.lines_between("LS", expected.front(), expected.back()), expected);
+    const auto lines = r.lines("L");
+    EXPECT_THAT(lines[lines.size() - 2], StartsWith("1 SndrNetInit: Connect2Lsr error["));
+    EXPECT_EQ(lines.back(), "1 OnRunEventHandler: SndrNetInit error[-1]");
+    EXPECT_TRUE(in_order(r, {"event 2 = -10002"}));
+    EXPECT_EQ(r.count("STATUS=RETRYING"), 1);
+    EXPECT_EQ(r.count("KVR_ObjSetAttr"), 1) << "the status stays RETRYING";
+    EXPECT_EQ(r.count("fork()") + r.count("KVR_QueMsgGet"), 0);
+}
+
+TEST_F(Link, RetryNumbersOutOfTheOrdinary) {
+    const struct {
+        const char *srty, *stmr, *lrty, *ltmr;
+        int attempts;
+        std::vector<std::string> pauses;
+        const char* send_limit;
+    } cases[] = {{"", "", "", "", 1, {}, "sockSetSTimeOut(0)"},
+                 {"-2", "5", "-1", "6", 1, {}, "sockSetSTimeOut(5)"},
+                 {"1", "-5", "1", "-6", 3, {"sleep(0)", "sleep(0)"}, "sockSetSTimeOut(0)"},
+                 {"x", "y", " 2z", "1", 3, {"sleep(1)", "sleep(1)"}, "sockSetSTimeOut(0)"}};
+    listening_ = false;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.srty);
+        chl()["SHORTRTY"] = c.srty;
+        chl()["SHORTTMR"] = c.stmr;
+        chl()["LONGRTY"] = c.lrty;
+        chl()["LONGTMR"] = c.ltmr;
+        const Result r = run_channel();
+        EXPECT_EQ(r.count("sockGetHostIp("), c.attempts);
+        EXPECT_EQ(r.count(c.send_limit), c.attempts) << r.dump();
+        std::vector<std::string> pauses;
+        for (const std::string& line : r.lines("S")) {
+            if (line.rfind("sleep", 0) == 0 && (line != "sleep(0)" || !c.pauses.empty())) {
+                pauses.push_back(line);
+            }
+        }
+        EXPECT_TRUE(pauses == c.pauses || (c.pauses.size() == 2 && pauses.empty() && c.pauses[0] == "sleep(0)"));
+    }
+}
+
+TEST_F(Link, ListenerComesUpInTheLongPhase) {
+    chl()["SHORTRTY"] = "1";
+    chl()["LONGRTY"] = "5";
+    host().hooks["sockGetHostIp"] = failing(-1, 1, 3, EHOSTUNREACH);
+    const Result r = run_channel();
+    EXPECT_EQ(r.count("sockGetHostIp("), 4);
+    EXPECT_TRUE(in_order(r, {"sleep(4)", "sleep(6)", "sleep(6)", "sockGetHostIp(127.0.0.1)",
+                             "4 Connect2Lsr: connect [" + address() + "] success", "KVR_QueMsgGet(blank)"}));
+    EXPECT_THAT(r.conns, ElementsAre(bind_frame()));
+}
+
+struct Failure {
+    const char* name;
+    const char* op;
+    Hook hook;
+    std::vector<std::string> logged; ///< starts of the level-1 lines before that of the run loop
+    int result;                      ///< of the network start
+    bool watched;                    ///< whether a line watcher was forked
+};
+
+TEST_F(Link, EachFailureOfTheFirstStart) {
+    const std::string broken = "[32:write[78] ret[20] error[" + err(EPIPE) + "]]";
+    const Failure cases[] = {
+        {"Definition",
+         "KVR_ObjGetAttr",
+         failing(-7),
+         {"1 Connect2Lsr: get chl[CH1] error[-7]", "1 SndrNetInit: Connect2Lsr error["},
+         -1,
+         false},
+        {"StatusRetrying",
+         "KVR_ObjSetAttrV",
+         failing(-8, 1),
+         {"1 Connect2Lsr: KVR_ObjSetAttrV[CHS][CH1] return[-8]", "1 SndrNetInit: Connect2Lsr error["},
+         -1,
+         false},
+        {"StatusBinding",
+         "KVR_ObjSetAttrV",
+         failing(-8, 2),
+         {"1 BindChl: KVR_ObjSetAttrV[CHS][CH1] return[-8]", "1 SndrNetInit: BindChl error["},
+         -1,
+         false},
+        {"BindWrite",
+         "write",
+         failing_write(78, 1, 20, EPIPE),
+         {"1 BindChl: write [78] to receiver error" + broken + " return[-1]", "1 SndrNetInit: BindChl error["},
+         -1,
+         false},
+        {"Pipe",
+         "pipe",
+         failing(-1, 1, 1, EMFILE),
+         {"1 StartNetChkProc: pipe error[" + err(EMFILE) + "]", "1 SndrNetInit: fork error["},
+         -1,
+         false},
+        {"Fork",
+         "fork",
+         failing(-1, 1, 1, EAGAIN),
+         {"1 StartNetChkProc: fork error[" + err(EAGAIN) + "]", "1 SndrNetInit: fork error["},
+         -1,
+         false},
+        {"StatusRuning",
+         "KVR_ObjSetAttr",
+         failing(-9),
+         {"1 SndrNetInit: KVR_ObjSetAttr[CHS][CH1] return[-9]"},
+         -10002,
+         true},
+    };
+    for (const Failure& c : cases) {
+        SCOPED_TRACE(c.name);
+        host().hooks = {{c.op, c.hook}};
+        const Result r = run_channel();
+        std::vector<std::string> level1;
+        for (const std::string& line : r.lines("L")) {
+            if (line[0] == '1') {
+                level1.push_back(line);
+            }
+        }
+        ASSERT_EQ(level1.size(), c.logged.size() + 1) << r.dump();
+        for (size_t i = 0; i < c.logged.size(); ++i) {
+            EXPECT_THAT(level1[i], StartsWith(c.logged[i]));
+        }
+        EXPECT_EQ(level1.back(), "1 OnRunEventHandler: SndrNetInit error[" + std::to_string(c.result) + "]");
+        EXPECT_EQ(r.watchers.size(), c.watched ? 1U : 0U);
+        EXPECT_TRUE(in_order(r, {"event 2 = -10002"}));
+        EXPECT_EQ(r.count("KVR_QueMsgGet"), 0);
+    }
+}
+
+TEST_F(Link, LineUpCostsOneLookAndOneLine) {
+    const Result r = run_messages({message("hello")});
+    EXPECT_EQ(r.lines_between("LHS", "4 ProcMsg: dest queue[Q1]", "5 ChlSndData: start write chl hdr"),
+              (std::vector<std::string>{"4 ProcMsg: dest queue[Q1]", "sockCanRead()", "5 SndrNetInit: NETSTAT[1]",
+                                        "5 ChlSndData: start write chl hdr"}));
+}
+
+/// What a restart does about the old watcher, in order; `wait` is what happens around the waiting.
+std::vector<std::string> restart(pid_t watcher, const std::vector<std::string>& look,
+                                 const std::vector<std::string>& wait) {
+    const std::string pid = std::to_string(watcher);
+    std::vector<std::string> lines = {"sockCanRead()"};
+    lines.insert(lines.end(), look.begin(), look.end());
+    lines.insert(lines.end(), {"3 SndrNetInit: RCVER CLOSED", "procIsExist(" + pid + ")"});
+    lines.insert(lines.end(), wait.begin(), wait.end());
+    lines.insert(lines.end(), {"5 SndrNetInit: waitpid " + pid + " end",
+                               "KVR_ObjGetAttr(CHL CH1 LONGRTY LONGTMR SHORTRTY SHORTTMR CONNAME)"});
+    return lines;
+}
+
+TEST_F(Link, RestartKillsAndReapsTheWatcher) {
+    const auto kill_for_real = [](int result, int code) {
+        return [=](const Call& c) -> std::optional<int> {
+            kill(static_cast<pid_t>(c.a), SIGKILL);
+            errno = code;
+            return result;
+        };
+    };
+    const struct {
+        const char* name;
+        std::map<std::string, Hook> hooks;
+        std::vector<std::string> look, wait; ///< "P" stands for the watcher's id
+    } cases[] = {
+        {"Alive", {}, {}, {"procSndSig2Proc(P 9)", "5 SndrNetInit: waitpid P begin", "waitpid()"}},
+        {"LookFails",
+         {{"sockCanRead", failing(-3, 1, 1)}},
+         {"1 SndrNetInit: sockCanRead [-3]"},
+         {"procSndSig2Proc(P 9)", "5 SndrNetInit: waitpid P begin", "waitpid()"}},
+        {"EndedByItself", {{"procIsExist", kill_for_real(0, 0)}}, {}, {"5 SndrNetInit: waitpid P begin", "waitpid()"}},
+        {"KillFails",
+         {{"procSndSig2Proc", kill_for_real(-1, EPERM)}},
+         {},
+         {"procSndSig2Proc(P 9)", "1 SndrNetInit: procSndSig2Proc f_iMonPid[P] error[" + err(EPERM) + "]",
+          "5 SndrNetInit: waitpid P begin", "waitpid()"}},
+        {"WaitInterrupted",
+         {{"waitpid", failing(-1, 1, 2, EINTR)}},
+         {},
+         {"procSndSig2Proc(P 9)", "5 SndrNetInit: waitpid P begin", "waitpid()",
+          "4 SndrNetInit: Waitpid error[" + err(EINTR) + "]", "waitpid()",
+          "4 SndrNetInit: Waitpid error[" + err(EINTR) + "]", "waitpid()"}},
+        {"NoSuchChild",
+         {{"waitpid", failing(-1, 1, 2, ECHILD)}},
+         {},
+         {"procSndSig2Proc(P 9)", "5 SndrNetInit: waitpid P begin", "waitpid()",
+          "4 SndrNetInit: Waitpid error[" + err(ECHILD) + "]"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        host().hooks = {{"sockCanRead", failing(1, 1, 1)}};
+        for (const auto& hook : c.hooks) {
+            host().hooks[hook.first] = hook.second;
+        }
+        const Result r = run_messages({message("one")});
+        ASSERT_EQ(r.watchers.size(), 2U) << r.dump();
+        auto named = [&](std::vector<std::string> lines) {
+            for (std::string& line : lines) {
+                if (const auto at = line.find("P "); at != std::string::npos && line.find("RCV") == std::string::npos) {
+                    line.replace(at, 1, std::to_string(r.watchers[0]));
+                } else if (const auto in = line.find("[P]"); in != std::string::npos) {
+                    line.replace(in + 1, 1, std::to_string(r.watchers[0]));
+                }
+            }
+            return lines;
+        };
+        const auto expected = restart(r.watchers[0], c.look, named(c.wait));
+        EXPECT_EQ(r.lines_between("LHS", expected.front(), expected.back()), expected);
+        EXPECT_THAT(r.conns, ElementsAre(bind_frame(), bind_frame() + data_frame("one")));
+        EXPECT_EQ(r.count("LOCALPORT=" + std::to_string(r.ports[1]) + " "), 1);
+        EXPECT_EQ(r.count("STATUS=RETRYING"), 2);
+    }
+}
+
+TEST_F(Link, ChangedDefinitionTakesEffectAtTheNextConnection) {
+    host().hooks["sockCanRead"] = failing(1, 1, 1);
+    host().get.push_back([](T_KAVRO_MD* md, char* buf, int* len) {
+        host().objects["CHL/CH1"]["SHORTTMR"] = "11";
+        return deliver(message("x"))(md, buf, len);
+    });
+    const Result r = run_channel();
+    EXPECT_TRUE(in_order(r, {"sockSetSTimeOut(4)", "3 SndrNetInit: RCVER CLOSED", "sockSetSTimeOut(11)"}));
+}
+
+// A line-loss signal while a connection is being made must not touch the new client: it waits for the new watcher.
+TEST_F(Link, SignalsAreHeldWhileAConnectionIsMade) {
+    for (int sig : {SIGUSR2, SIGALRM}) {
+        host().hooks["sockCanRead"] = failing(1, 1, 1);
+        host().hooks["KVR_ObjGetAttr"] = [sig](const Call& c) -> std::optional<int> {
+            if (c.n == 2) {
+                raise(sig);
+            }
+            return {};
+        };
+        host().hooks["fork"] = [](const Call&) -> std::optional<int> { return {}; };
+        host().get = {deliver(message("one")), finally([] {
+                          char path[64];
+                          snprintf(path, sizeof path, "/proc/%d/status", static_cast<int>(host().watcher));
+                          FILE* status = fopen(path, "r");
+                          char line[256];
+                          while (fgets(line, sizeof line, status) != nullptr) {
+                              unsigned long held = 0;
+                              if (sscanf(line, "SigBlk: %lx", &held) == 1) {
+                                  const bool open =
+                                      (held >> (SIGUSR2 - 1) & 1) == 0 && (held >> (SIGALRM - 1) & 1) == 0;
+                                  trace(kNote, "watcher %s", open ? "unmasked" : "masked");
+                              }
+                          }
+                          fclose(status);
+                      })};
+        const Result r = run_channel();
+        EXPECT_EQ(r.count("watcher unmasked"), 1) << r.dump();
+        if (sig == SIGUSR2) {
+            EXPECT_TRUE(in_order(r, {"fork()", "pipe()", "fork()", "3 OnNetDisconn: line disconnected [0]"}));
+            EXPECT_EQ(r.count("3 OnNetDisconn: line disconnected [0]"), 1);
+        }
+        ASSERT_GE(r.conns.size(), 2U);
+        EXPECT_EQ(r.conns.back(), bind_frame() + data_frame("one"));
+    }
+}
+
+TEST_F(Link, SignalsBeforeTheClientExistOnlyRaiseFlags) {
+    for (int sig : {SIGUSR2, SIGALRM}) {
+        host().hooks["KVR_ObjGetAttrV"] = [sig](const Call& c) -> std::optional<int> {
+            if (c.n == 3) { // the manager's settings: handlers installed, client still all zero
+                raise(sig);
+            }
+            return {};
+        };
+        const Result r = run_messages({message("one")});
+        EXPECT_THAT(r.conns, ElementsAre(bind_frame() + data_frame("one"))) << r.dump();
+    }
+}
+
+// The second life in one process: a first run that left its line flag up, an exit, a new start-up. Descriptor 0 is a
+// socket of somebody else's throughout and must stay untouched.
+TEST_F(Link, SecondLifeInOneProcessLeaksNothingAndLeavesDescriptorZeroAlone) {
+    host().hooks["fork"] = failing(-1, 1, 1, EAGAIN);
+    host().get = {deliver(message("one")), finally([] {
+                      trace(kNote, "descriptors %d", open_descriptors());
+                      char byte;
+                      const bool quiet = recv(host().var.iVersion, &byte, 1, MSG_DONTWAIT) < 0 && errno == EAGAIN;
+                      trace(kNote, "decoy %s", quiet ? "untouched" : "touched");
+                  })};
+    const Result r = run([] {
+        int decoy[2];
+        socketpair(AF_UNIX, SOCK_STREAM, 0, decoy);
+        dup2(decoy[0], 0);
+        close(decoy[0]);
+        host().var.iVersion = decoy[1];
+        load();
+        trace(kNote, "before %d", open_descriptors());
+        event(1);
+        event(2);
+        event(4);
+        event(1);
+        event(2);
+    });
+    EXPECT_TRUE(in_order(r, {"event 2 = -10002", "event 4 = 0", "event 1 = 0", "decoy untouched"}));
+    ASSERT_EQ(r.conns.size(), 2U) << r.dump();
+    EXPECT_EQ(r.conns[1], bind_frame() + data_frame("one"));
+    int before = 0;
+    int after = 0;
+    for (const std::string& note : r.lines("E")) {
+        sscanf(note.c_str(), "before %d", &before);
+        sscanf(note.c_str(), "descriptors %d", &after);
+    }
+    EXPECT_EQ(after, before + 2) << "one connection and one pipe end";
+}
+
+TEST_F(Link, RunsWithStandardInputClosed) {
+    host().get = {deliver(message("one"))};
+    const Result r = run([] {
+        close(0);
+        load();
+        event(1);
+        event(2);
+    });
+    EXPECT_EQ(r.status, kScriptOver);
+    EXPECT_THAT(r.conns, ElementsAre(bind_frame() + data_frame("one")));
+}
+
+} // namespace
+} // namespace kvr::test

@@ -1,0 +1,107 @@
+// SPDX-License-Identifier: MIT
+// A scripted host for tests of the channel plug-in: it defines every host operation, and the few system calls whose
+// failures or order matter, in the test program itself, so that the plug-in and the TCP library resolve to them.
+// Each call and each log line is appended to a trace in shared memory; a hook may change what a call does. The channel
+// runs in a forked process (channel_run.h); what is set up here before the fork is that process's host.
+#pragma once
+
+#include <sys/types.h>
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "kavro_api.h"
+#include "plug_mgr.h"
+
+namespace kvr::test {
+
+/// What an entry of the trace tells of.
+enum Kind : char {
+    kLog = 'L',    ///< log line of the plug-in: "<level> <function>: <text>"
+    kNetLog = 'N', ///< log line of the TCP library
+    kHost = 'H',   ///< host operation with its arguments
+    kSystem = 'S', ///< sleep, alarm, pipe, fork, waitpid, sigset, select
+    kSocket = 'T', ///< TCP option set on a socket
+    kNote = 'E',   ///< written by the test
+    kChild = 'W',  ///< process id of a forked line watcher
+    kFault = '!',  ///< a breach of the border that no case may show, such as descriptor 0 used as the connection
+};
+
+struct Entry {
+    pid_t pid;
+    char kind;
+    std::string text;
+};
+
+/// Appends to the trace; callable from a signal handler and from every process of a run.
+void trace(char kind, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+void trace_reset();
+std::vector<Entry> trace_entries();
+
+/// One call that a hook looks at.
+struct Call {
+    int n;  ///< 1 for the first call of this operation in the channel process
+    long a; ///< length of a write, process id, signal, seconds or socket, whichever the operation has first
+};
+/// A value replaces the call's own behaviour and is its result; nothing lets the call go on.
+using Hook = std::function<std::optional<int>(const Call&)>;
+/// Fails the calls numbered `from` to `to` with this result and errno.
+Hook failing(int result, int from = 1, int to = 1 << 30, int err = 0);
+/// Fails writes of `len` bytes, the first `times` of them.
+Hook failing_write(long len, int times, int result, int err);
+
+struct Message {
+    T_KAVRO_MD md{};
+    std::string data;
+    std::vector<std::string> files; ///< listed when the descriptor has the flag
+    std::optional<int> file_count;  ///< a count other than that of `files`
+    bool null_list = false;         ///< pOptData is null after the get
+};
+/// A message with a transmission header for `dest`.
+Message message(const std::string& body, const std::string& dest = "Q1");
+/// A message whose data is the path of a file.
+Message file_message(const std::string& path);
+
+/// One result of the get.
+using GetStep = std::function<int(T_KAVRO_MD*, char*, int*)>;
+GetStep deliver(const Message& msg);
+/// Raises a signal inside the get, which then fails as an interrupted wait does.
+GetStep interrupted(int sig);
+GetStep get_fails(int result);
+/// Notes "idle", waits until a signal handler has run, and fails.
+GetStep idle();
+/// Runs `what` inside the get and ends the channel process as kill -9 would leave it.
+GetStep finally(std::function<void()> what);
+
+using Attrs = std::map<std::string, std::string>;
+
+/// The host of one channel process. When the get has no step left the process ends with kScriptOver.
+struct Host {
+    std::map<std::string, Attrs> objects; ///< "CLASS/NAME"
+    std::map<std::string, Hook> hooks;    ///< by operation or system call
+    std::deque<GetStep> get;
+    int success = 0;           ///< result of operations that succeed
+    std::string name = "ch1";  ///< channel name among the process arguments
+    int sock = 0;              ///< the latest socket of the connection
+    pid_t watcher = 0;         ///< the latest line watcher
+    T_RTCORE_CONTEXT ctx{};    ///< set up by load()
+    T_PLUG_MGR_PLUG_VAR var{}; ///< set up by load()
+    bool recording = false;    ///< true in the channel process only
+};
+Host& host();
+
+constexpr int kScriptOver = 77;
+constexpr int kOptions = 2; ///< option entries in the argument table
+
+/// In the channel process: calls OnPlugLoad with a fresh context; raises an event and notes "event <n> = <result>".
+void load();
+int event(int id);
+/// In the channel process: open descriptors, and whether the connection's socket became readable within 10 s.
+int open_descriptors();
+bool wait_readable();
+
+} // namespace kvr::test

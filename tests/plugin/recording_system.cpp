@@ -1,0 +1,132 @@
+// SPDX-License-Identifier: MIT
+// System calls that the scripted host records and may fail: pauses and alarms pass at once, the rest goes on to the C
+// library. Outside the channel process everything passes through.
+#include "recording_system.h"
+
+#include <dlfcn.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <signal.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "recording_host.h"
+
+namespace kvr::test {
+
+std::optional<int> run_hook(const char* op, long a) {
+    auto hook = host().hooks.find(op);
+    if (!host().recording || hook == host().hooks.end()) {
+        return {};
+    }
+    static std::map<std::string, int> calls;
+    return hook->second(Call{++calls[op], a});
+}
+
+namespace {
+
+template <class Fn>
+Fn next(const char* name) {
+    return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
+}
+
+/// Records the call when it comes from a process of the channel, and asks its hook.
+std::optional<int> recorded(const char* op, const char* shown, long a) {
+    if (!host().recording) {
+        return {};
+    }
+    trace(kSystem, "%s", shown);
+    return run_hook(op, a);
+}
+
+std::string with_number(const char* op, long a) {
+    return std::string(op) + "(" + std::to_string(a) + ")";
+}
+
+} // namespace
+} // namespace kvr::test
+
+using namespace kvr::test;
+
+extern "C" {
+
+unsigned int sleep(unsigned int seconds) {
+    if (!host().recording) {
+        return next<unsigned int (*)(unsigned int)>("sleep")(seconds);
+    }
+    recorded("sleep", with_number("sleep", seconds).c_str(), seconds);
+    return 0;
+}
+
+unsigned int alarm(unsigned int seconds) noexcept {
+    if (!host().recording) {
+        return next<unsigned int (*)(unsigned int)>("alarm")(seconds);
+    }
+    recorded("alarm", with_number("alarm", seconds).c_str(), seconds);
+    return 0;
+}
+
+int pipe(int* fds) noexcept {
+    if (auto r = recorded("pipe", "pipe()", 0)) {
+        return *r;
+    }
+    return next<int (*)(int*)>("pipe")(fds);
+}
+
+int pipe2(int* fds, int flags) noexcept {
+    if (auto r = recorded("pipe", "pipe()", 0)) {
+        return *r;
+    }
+    return next<int (*)(int*, int)>("pipe2")(fds, flags);
+}
+
+pid_t fork() noexcept {
+    if (auto r = recorded("fork", "fork()", 0)) {
+        return *r;
+    }
+    const pid_t pid = next<pid_t (*)()>("fork")();
+    if (pid > 0 && host().recording) {
+        host().watcher = pid;
+        trace(kChild, "%d", static_cast<int>(pid));
+    }
+    return pid;
+}
+
+pid_t waitpid(pid_t pid, int* status, int options) {
+    if (host().recording && pid < 1) {
+        trace(kFault, "waitpid(%d)", static_cast<int>(pid));
+    }
+    if (auto r = recorded("waitpid", "waitpid()", pid)) {
+        return *r;
+    }
+    return next<pid_t (*)(pid_t, int*, int)>("waitpid")(pid, status, options);
+}
+
+sighandler_t sigset(int sig, sighandler_t handler) noexcept {
+    if (auto r = recorded("sigset", with_number("sigset", sig).c_str(), sig)) {
+        return SIG_ERR;
+    }
+    return next<sighandler_t (*)(int, sighandler_t)>("sigset")(sig, handler);
+}
+
+int select(int count, fd_set* reads, fd_set* writes, fd_set* errors, timeval* limit) {
+    if (auto r = recorded("select", "select()", count)) {
+        return *r;
+    }
+    return next<int (*)(int, fd_set*, fd_set*, fd_set*, timeval*)>("select")(count, reads, writes, errors, limit);
+}
+
+int setsockopt(int sock, int level, int name, const void* value, socklen_t len) noexcept {
+    if (host().recording && level == IPPROTO_TCP && (name == TCP_CORK || name == TCP_NODELAY)) {
+        int on = 0;
+        memcpy(&on, value, sizeof on);
+        trace(kSocket, "%s=%d", name == TCP_CORK ? "cork" : "nodelay", on);
+    }
+    return next<int (*)(int, int, int, const void*, socklen_t)>("setsockopt")(sock, level, name, value, len);
+}
+}

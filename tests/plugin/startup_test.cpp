@@ -1,0 +1,282 @@
+// SPDX-License-Identifier: MIT
+// Start-up (event 1): the order of its steps, each failure, the claim of the status object, the channel's settings.
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "channel_run.h"
+
+namespace kvr::test {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAreArray;
+using testing::HasSubstr;
+
+class StartUp : public ChannelTest {
+  protected:
+    /// load, event 1, then event 4.
+    Result start_and_stop() {
+        return run([] {
+            load();
+            event(1);
+            trace(kNote, "claimed %d", host().objects.contains("CHS/CH1") ? 1 : 0);
+            event(4);
+        });
+    }
+};
+
+TEST_F(StartUp, StepsInOrder) {
+    qmgr()["KEYPASS"] = "pw";
+    const Result r = run([] {
+        load();
+        event(1);
+        struct sigaction now {};
+        sigaction(SIGPIPE, nullptr, &now);
+        trace(kNote, "SIGPIPE %s", now.sa_handler == SIG_IGN ? "ignored" : "not ignored");
+    });
+    const std::string pid = std::to_string(r.pid);
+    EXPECT_THAT(r.lines("LNHSE"), ElementsAreArray({"KVR_GetQmgrName()",
+                                                    "KVR_InitQmgrCtx(zeroed QM1)",
+                                                    "KVR_GetQmgrName()",
+                                                    "KVR_LogSetQMName(QM1)",
+                                                    "strToUpper(ch1)",
+                                                    "KVR_ObjGetAttrV(CHL CH1 XMITQ CHLTYPE HBINT DISCINT SSLCAUTH)",
+                                                    "4 InitEventHandler: [CH1] chltype[SNDR]",
+                                                    "4 InitEventHandler: HBINT[5]",
+                                                    "sigset(13)",
+                                                    "sigset(14)",
+                                                    "sigset(12)",
+                                                    "KVR_ObjGetAttrV(CHS CH1 PID STATUS)",
+                                                    "5 InitObjStat: KVR_ObjGetAttrV[CHS][CH1] return[-1]",
+                                                    ("KVR_ObjAdd(CHS CH1 PID=" + pid + " STATUS=BINDING)").c_str(),
+                                                    "KVR_ObjGetAttrV(QMGR QMGR CAFILE CERTFILE KEYFILE KEYPASS DEADQ)",
+                                                    "4 InitTcpClient: deadq[DLQ]",
+                                                    "4 InitTcpClient: ca[ca] cert[cert] key[key] keypass[pw]",
+                                                    "KVR_QueOpen(XQ)",
+                                                    "event 1 = 0",
+                                                    "SIGPIPE ignored"}));
+}
+
+TEST_F(StartUp, OnlyTheSignOfAHostResultCounts) {
+    host().success = 3;
+    host().objects["CHS/CH1"] = {{"PID", "-1"}, {"STATUS", "STOPED"}};
+    const Result r = run_channel();
+    EXPECT_TRUE(in_order(r, {"event 1 = 0", "KVR_QueMsgGet(blank)"}));
+}
+
+struct Failure {
+    const char* name;
+    std::function<void(Host&)> set_up;
+    std::vector<std::string> logged; ///< the level-1 lines
+    const char* last;                ///< the step that failed, after which start-up calls nothing
+    bool claimed;                    ///< whether the exit event has a channel to release
+};
+
+void script(Host& h, const char* op, Hook hook) {
+    h.hooks[op] = std::move(hook);
+}
+
+const Failure kFailures[] = {
+    {"Context",
+     [](Host& h) { script(h, "KVR_InitQmgrCtx", failing(-3)); },
+     {"1 InitEventHandler: KVR_InitQmgrCtx[-3]"},
+     "KVR_InitQmgrCtx(zeroed QM1)",
+     false},
+    {"Definition",
+     [](Host& h) { h.objects.erase("CHL/CH1"); },
+     {"1 InitEventHandler: KVR_ObjGetAttrV[CHL][CH1] return[-1]"},
+     "KVR_ObjGetAttrV(CHL CH1 XMITQ CHLTYPE HBINT DISCINT SSLCAUTH)",
+     false},
+    {"OtherType",
+     [](Host& h) { h.objects["CHL/CH1"]["CHLTYPE"] = "RCVR"; },
+     {"1 InitEventHandler: [CH1] chltype[RCVR] fault"},
+     "KVR_ObjGetAttrV(CHL CH1 XMITQ CHLTYPE HBINT DISCINT SSLCAUTH)",
+     false},
+    {"NoType",
+     [](Host& h) { h.objects["CHL/CH1"].erase("CHLTYPE"); },
+     {"1 InitEventHandler: [CH1] chltype[] fault"},
+     "KVR_ObjGetAttrV(CHL CH1 XMITQ CHLTYPE HBINT DISCINT SSLCAUTH)",
+     false},
+    {"AlarmHandler",
+     [](Host& h) {
+         script(h, "sigset",
+                [](const Call& c) { return c.a == SIGALRM ? failing(-1, 1, 99, EINVAL)(c) : std::nullopt; });
+     },
+     {"1 InitEventHandler: sigset SIGALRM error:[22][Invalid argument]"},
+     "sigset(14)",
+     false},
+    {"LineLossHandler",
+     [](Host& h) {
+         script(h, "sigset",
+                [](const Call& c) { return c.a == SIGUSR2 ? failing(-1, 1, 99, EINVAL)(c) : std::nullopt; });
+     },
+     {"1 InitEventHandler: sigset SIGUSR2 error:[22][Invalid argument]"},
+     "sigset(12)",
+     false},
+    {"StatusCreate",
+     [](Host& h) { script(h, "KVR_ObjAdd", failing(-5)); },
+     {"1 InitObjStat: KVR_ObjAdd[CHS][CH1] return[-5]", "1 InitEventHandler: AddObjStat[CH1] return[-10002]"},
+     "",
+     false},
+    {"StatusClaim",
+     [](Host& h) {
+         h.objects["CHS/CH1"] = {{"PID", "-1"}, {"STATUS", "STOPED"}};
+         script(h, "KVR_ObjSetAttrV", failing(-6));
+     },
+     {"1 InitObjStat: KVR_ObjSetAttrV[CHS][CH1] return[-6]", "1 InitEventHandler: AddObjStat[CH1] return[-10002]"},
+     "",
+     false},
+    {"ManagerSettings",
+     [](Host& h) { h.objects.erase("QMGR/QMGR"); },
+     {"1 InitTcpClient: KVR_ObjGetAttrV[QMGR] [QMGR] return[-1]", "1 InitEventHandler: InitTcpClient return[-10002]"},
+     "KVR_ObjGetAttrV(QMGR QMGR CAFILE CERTFILE KEYFILE KEYPASS DEADQ)",
+     true},
+    {"TransmissionQueue",
+     [](Host& h) { script(h, "KVR_QueOpen", failing(-8)); },
+     {"1 InitEventHandler: KVR_QueOpen[XQ] return[-8]"},
+     "KVR_QueOpen(XQ)",
+     true},
+};
+
+TEST_F(StartUp, EachFailureIsToldAndEndsIt) {
+    for (const Failure& c : kFailures) {
+        SCOPED_TRACE(c.name);
+        const Host before = host();
+        c.set_up(host());
+        const Result r = start_and_stop();
+        std::vector<std::string> level1;
+        std::vector<std::string> calls;
+        std::vector<std::string> after;
+        bool stopped = false;
+        for (const std::string& line : r.lines("LHSE")) {
+            stopped = stopped || line == "event 1 = -10002";
+            if (line.rfind("1 ", 0) == 0) {
+                level1.push_back(line);
+            } else if (line.find('(') != std::string::npos && line.find(": ") == std::string::npos) {
+                (stopped ? after : calls).push_back(line);
+            }
+        }
+        EXPECT_EQ(level1, c.logged) << r.dump();
+        EXPECT_TRUE(in_order(r, {"event 1 = -10002", "event 4 = 0"}));
+        if (*c.last != '\0') {
+            EXPECT_EQ(calls.back(), c.last);
+        }
+        EXPECT_EQ(after, c.claimed ? std::vector<std::string>{"KVR_ObjSetAttrV(CHS CH1 PID=-1 STATUS=STOPED)"}
+                                   : std::vector<std::string>{})
+            << r.dump();
+        host() = before;
+    }
+}
+
+TEST_F(StartUp, ChannelNames) {
+    const std::string longest(63, 'n');
+    struct {
+        std::string given;
+        int options;
+        bool missing, accepted;
+    } const cases[] = {{longest, kOptions, false, true},
+                       {longest + "n", kOptions, false, false},
+                       {std::string(5000, 'n'), kOptions, false, false},
+                       {"", kOptions, true, false},
+                       {"beyond the table", RTCORE_ARG_MAX - 4, false, false}};
+    host().objects["CHL/" + std::string(63, 'N')] = chl();
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.given.substr(0, 70));
+        host().name = c.given;
+        const Result r = run([&c] {
+            load();
+            host().ctx.tRTCoreArgv.iOptc = c.options;
+            if (c.missing) {
+                host().ctx.tRTCoreArgv.tArg[kOptions + 4].psValue = nullptr;
+            }
+            event(1);
+        });
+        EXPECT_EQ(r.count(c.accepted ? "event 1 = 0" : "event 1 = -10002"), 1) << r.dump();
+        if (!c.accepted) {
+            EXPECT_THAT(r.lines("L"), testing::ElementsAre(HasSubstr("1 InitEventHandler: ")));
+            EXPECT_EQ(r.count("KVR_ObjGetAttrV"), 0);
+        }
+    }
+}
+
+TEST_F(StartUp, ClaimsTheStatusObjectUnlessALiveProcessHoldsIt) {
+    const pid_t ended = fork();
+    if (ended == 0) {
+        _exit(0);
+    }
+    waitpid(ended, nullptr, 0);
+    const std::string dead = std::to_string(ended);
+    const std::string live = std::to_string(getpid());
+    struct {
+        const char* status;
+        std::string pid;
+        bool claimed;
+    } const cases[] = {
+        {"STOPED", live, true},  {"RUNING", dead, true},   {"BINDING", dead, true},   {"RETRYING", dead, true},
+        {"RUNING", live, false}, {"BINDING", live, false}, {"RETRYING", live, false}, {"stoped", live, false},
+        {"stoped", dead, true},  {"STOPPED", live, false}, {"", live, false},         {"RUNING", "", true},
+        {"RUNING", "0", true},   {"RUNING", "-1", true},   {"RUNING", "x", true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.status) + " " + c.pid);
+        host().objects["CHS/CH1"] = {{"STATUS", c.status}, {"PID", c.pid}};
+        const Result r = start_and_stop();
+        EXPECT_TRUE(in_order(r, {"KVR_ObjGetAttrV(CHS CH1 PID STATUS)",
+                                 std::string("5 InitObjStat: CH1 stat [") + c.status + "] pid[" + c.pid + "]"}));
+        if (c.claimed) {
+            EXPECT_TRUE(
+                in_order(r, {"KVR_ObjSetAttrV(CHS CH1 PID=" + std::to_string(r.pid) + " STATUS=BINDING)", "event 1 = 0",
+                             "KVR_ObjSetAttrV(CHS CH1 PID=-1 STATUS=STOPED)", "KVR_QueClose(XQ XQ)", "event 4 = 0"}));
+        } else {
+            EXPECT_TRUE(
+                in_order(r, {"1 InitObjStat: CH1 stat[" + std::string(c.status) + "] pid[" + c.pid + "]",
+                             "1 InitEventHandler: AddObjStat[CH1] return[-10002]", "event 1 = -10002", "event 4 = 0"}));
+            EXPECT_EQ(r.count("KVR_ObjSetAttrV"), 0) << "another process's status was written";
+        }
+    }
+}
+
+TEST_F(StartUp, SecondStartUpOfALiveChannelIsRefused) {
+    const Result r = run([] {
+        load();
+        event(1);
+        event(1);
+    });
+    EXPECT_TRUE(in_order(
+        r, {"event 1 = 0", "1 InitObjStat: CH1 stat[BINDING] pid[" + std::to_string(r.pid) + "]", "event 1 = -10002"}));
+}
+
+TEST_F(StartUp, SettingsAreReadByTheRulesOfTheirTexts) {
+    const struct {
+        const char *type, *hbint, *ssl;
+        int seconds;
+        bool tls;
+    } cases[] = {{"sndr", "30", "enable", 30, true},
+                 {"SnDr", " +7s", "ENABLE", 7, true},
+                 {"SNDR", "", "ENABLED", 0, false},
+                 {"SNDR", "soon", "", 0, false},
+                 {"SNDR", "60", "DISABLE", 60, false}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.hbint);
+        chl()["CHLTYPE"] = c.type;
+        chl()["HBINT"] = c.hbint;
+        chl()["SSLCAUTH"] = c.ssl;
+        qmgr() = {{"KEYPASS", "pw"}}; // no files: a TLS channel cannot get as far as its status
+        const Result r = run_channel();
+        EXPECT_TRUE(
+            in_order(r, {std::string("4 InitEventHandler: [CH1] chltype[") + c.type + "]",
+                         "4 InitEventHandler: HBINT[" + std::to_string(c.seconds) + "]", "4 InitTcpClient: deadq[]",
+                         "4 InitTcpClient: ca[] cert[] key[] keypass[pw]", "event 1 = 0"}));
+        if (c.tls) {
+            EXPECT_THAT(r.lines("L"), Contains(testing::StartsWith("1 Connect2Lsr: tcpclient init error[-1:")));
+            EXPECT_TRUE(in_order(r, {"1 OnRunEventHandler: SndrNetInit error[-1]", "event 2 = -10002"}));
+            EXPECT_EQ(r.count("STATUS=RETRYING"), 0);
+        } else {
+            EXPECT_THAT(r.lines("S"), Contains("alarm(" + std::to_string(c.seconds) + ")"));
+        }
+    }
+}
+
+} // namespace
+} // namespace kvr::test
