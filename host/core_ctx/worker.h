@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <string>
 
+#include "export.h"
+
 namespace kvr {
 
 struct WorkerOptions {
@@ -19,6 +21,6 @@ struct WorkerOptions {
 /// Runs the channel on the calling thread and ends the process: status 0 after a stop (SIGTERM, SIGINT), 1 when the
 /// channel could not start or failed. Throws kvr::Error for what is wrong before the plug-in is loaded (unknown queue
 /// manager or channel, wrong type, channel already running, missing queue).
-[[noreturn]] void run_worker(const WorkerOptions& options, int argc, char** argv);
+[[noreturn]] KVR_EXPORT void run_worker(const WorkerOptions& options, int argc, char** argv);
 
 } // namespace kvr

@@ -83,7 +83,7 @@ void log_set_level(int level) {
 
 extern "C" {
 
-__attribute__((visibility("default"))) int KVR_LogSetQMName(char* psQmgrName) {
+KVR_EXPORT int KVR_LogSetQMName(char* psQmgrName) {
     if (psQmgrName == nullptr) {
         return -1;
     }
@@ -93,8 +93,8 @@ __attribute__((visibility("default"))) int KVR_LogSetQMName(char* psQmgrName) {
     return 0;
 }
 
-__attribute__((visibility("default"))) int KVR_LogPrint(char* /*psTag*/, int iLevel, char* psMod, char* psFile,
-                                                        int iLine, const char* psFunc, char* psFmt, ...) {
+KVR_EXPORT int KVR_LogPrint(char* /*psTag*/, int iLevel, char* psMod, char* psFile, int iLine, const char* psFunc,
+                            char* psFmt, ...) {
     if (iLevel > g_level) {
         return 0;
     }

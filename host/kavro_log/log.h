@@ -2,6 +2,7 @@
 // The host's own side of the log: where lines go and which of them.
 #pragma once
 
+#include "export.h"
 #include "log_secret.h"
 
 namespace kvr {
@@ -11,9 +12,9 @@ constexpr int kLogDefaultLevel = 3;
 /// Directs the log to a file, created with mode 0600 and appended to (a rotation that copies and truncates is fine).
 /// Null or empty: standard error, which is also where lines go before this call.
 /// @return 0, or -1 with `errno` set, and the log stays where it was
-__attribute__((visibility("default"))) int log_open(const char* file);
+KVR_EXPORT int log_open(const char* file);
 
 /// Drops lines above this level (0 drops all).
-__attribute__((visibility("default"))) void log_set_level(int level);
+KVR_EXPORT void log_set_level(int level);
 
 } // namespace kvr

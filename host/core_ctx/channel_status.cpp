@@ -1,0 +1,139 @@
+// SPDX-License-Identifier: MIT
+#include "channel_status.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <poll.h>
+#include <sys/pidfd.h>
+#include <unistd.h>
+
+#include "run_lock.h"
+
+namespace kvr {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// How long a process may take to vanish after SIGKILL; more means that the system itself is stuck.
+constexpr std::chrono::seconds kKillWait{10};
+
+/// A process that cannot be mistaken for a later one with the same id.
+class ProcessHandle {
+  public:
+    explicit ProcessHandle(pid_t pid) : pid_(pid), fd_(pidfd_open(pid, 0)) {}
+    ~ProcessHandle() {
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+    }
+    ProcessHandle(const ProcessHandle&) = delete;
+    ProcessHandle& operator=(const ProcessHandle&) = delete;
+
+    [[nodiscard]] bool is_open() const { return fd_ >= 0; }
+
+    void send(int signal) const {
+        if (pidfd_send_signal(fd_, signal, nullptr, 0) == 0 || errno == ESRCH) {
+            return;
+        }
+        throw Error(errno == EPERM ? Errc::kPermission : Errc::kIo,
+                    "process " + std::to_string(pid_) + " cannot be signalled (" + std::strerror(errno) +
+                        "): stop it as its owner");
+    }
+
+    [[nodiscard]] bool ends_within(std::chrono::milliseconds time) const {
+        const auto deadline = Clock::now() + time;
+        for (;;) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+            pollfd entry{fd_, POLLIN, 0};
+            const int ready = poll(&entry, 1, left > 0 ? static_cast<int>(left) : 0);
+            if (ready > 0) {
+                return true;
+            }
+            if (ready == 0 || errno != EINTR) {
+                return false;
+            }
+        }
+    }
+
+  private:
+    pid_t pid_;
+    int fd_;
+};
+
+/// Puts the record right when nobody runs the channel any more, which the lock guarantees meanwhile.
+bool repair(Store& store, const std::string& channel) {
+    try {
+        const RunLock lock(store.dir(), channel);
+        return mark_stopped(store, channel);
+    } catch (const Error& error) {
+        if (error.code() == Errc::kBusy) {
+            return false; // started again: the record is the new process's
+        }
+        throw;
+    }
+}
+
+} // namespace
+
+ChannelStatus recorded_status(Store& store, const std::string& channel) {
+    ChannelStatus status;
+    Attributes attributes;
+    try {
+        attributes = store.object_get("CHS", channel);
+    } catch (const Error& error) {
+        if (error.code() != Errc::kNotFound) {
+            throw;
+        }
+        return status;
+    }
+    status.state = attributes["STATUS"];
+    status.recorded_pid = static_cast<pid_t>(std::strtol(attributes["PID"].c_str(), nullptr, 10));
+    status.local_ip = attributes["LOCALIP"];
+    status.local_port = attributes["LOCALPORT"];
+    status.remote_ip = attributes["REMOTEIP"];
+    status.remote_port = attributes["REMOTEPORT"];
+    return status;
+}
+
+ChannelStatus channel_status(Store& store, const std::string& channel) {
+    ChannelStatus status = recorded_status(store, channel);
+    status.runner = RunLock::holder(store.dir(), channel);
+    return status;
+}
+
+bool mark_stopped(Store& store, const std::string& channel) {
+    const ChannelStatus status = recorded_status(store, channel);
+    if (!status.is_stale()) {
+        return false;
+    }
+    store.object_set("CHS", channel, {{"PID", "-1"}, {"STATUS", "STOPED"}});
+    return true;
+}
+
+StopOutcome stop_channel(Store& store, const std::string& channel, std::chrono::milliseconds timeout) {
+    const pid_t pid = RunLock::holder(store.dir(), channel);
+    if (pid == 0) {
+        return {StopResult::kNotRunning, 0, repair(store, channel)};
+    }
+    const ProcessHandle process(pid);
+    // The holder may have ended, and its id be another's, between the question and the handle.
+    if (!process.is_open() || RunLock::holder(store.dir(), channel) != pid) {
+        return {StopResult::kNotRunning, 0, repair(store, channel)};
+    }
+    process.send(SIGTERM);
+    StopResult result = StopResult::kStopped;
+    if (!process.ends_within(timeout)) {
+        process.send(SIGKILL);
+        if (!process.ends_within(kKillWait)) {
+            throw Error(Errc::kBusy, "process " + std::to_string(pid) + " that runs channel '" + channel +
+                                         "' does not end even after SIGKILL: the system holds it, look for a disk or "
+                                         "network file system that does not answer");
+        }
+        result = StopResult::kKilled;
+    }
+    return {result, pid, repair(store, channel)};
+}
+
+} // namespace kvr

@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: MIT
+// The truth about a channel, for operator tools: what its status object says beside who really runs it; and its stop.
+// For processes that run no channel themselves (run_lock.h).
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include <sys/types.h>
+
+#include "export.h"
+#include "store.h"
+
+namespace kvr {
+
+struct ChannelStatus {
+    std::string state;       ///< STATUS as recorded; empty: the channel never ran
+    pid_t recorded_pid = 0;  ///< PID as recorded; below 1: none
+    pid_t runner = 0;        ///< the process that runs the channel now, 0 for none
+    std::string local_ip;    ///< ends of the current or the last connection
+    std::string local_port;  //
+    std::string remote_ip;   //
+    std::string remote_port; //
+
+    /// The record names a state of a running channel, but nobody runs it: its process ended without a word.
+    [[nodiscard]] bool is_stale() const { return runner == 0 && !state.empty() && state != "STOPED"; }
+};
+
+/// Reads the status of a channel (name in upper case). Throws kvr::Error from the store.
+KVR_EXPORT ChannelStatus channel_status(Store& store, const std::string& channel);
+
+enum class StopResult {
+    kNotRunning, ///< nobody ran it
+    kStopped,    ///< it ended by itself after SIGTERM
+    kKilled,     ///< it did not end in time; SIGKILL ended it. Its message in hand, if any, is sent again at the next
+                 ///< start
+};
+
+struct StopOutcome {
+    StopResult result;
+    pid_t pid;     ///< the process that ran the channel, 0 for none
+    bool repaired; ///< the status object still named a running state; it now says "STOPED"
+};
+
+/// Stops a channel and waits for its end: SIGTERM, after `timeout` SIGKILL. Throws kvr::Error: kPermission when the
+/// process belongs to somebody else, kBusy when not even SIGKILL ends it, and from the store.
+KVR_EXPORT StopOutcome stop_channel(Store& store, const std::string& channel, std::chrono::milliseconds timeout);
+
+/// The record alone, `runner` left 0. For the process that holds the run lock too.
+ChannelStatus recorded_status(Store& store, const std::string& channel);
+
+/// Writes "STOPED" and PID -1 when the record says otherwise; returns whether it did. The caller holds the run lock.
+bool mark_stopped(Store& store, const std::string& channel);
+
+} // namespace kvr

@@ -1,0 +1,13 @@
+// SPDX-License-Identifier: MIT
+// What a worker process must not take over from whoever started it.
+#pragma once
+
+namespace kvr {
+
+/// Opens descriptors 0 to 2 where they are closed, so that no socket or file gets one of their numbers; lets every
+/// signal through and drops inherited "ignore" dispositions (SIGHUP under nohup and SIGINT of a background job stay);
+/// ignores SIGPIPE and the signals that only the plug-in's handlers make sense of; private file modes, no core dumps (a
+/// pass phrase is in memory).
+void set_up_process();
+
+} // namespace kvr

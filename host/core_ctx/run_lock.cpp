@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: MIT
+#include "run_lock.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "error.h"
+
+namespace kvr {
+namespace {
+
+[[noreturn]] void fail(const std::filesystem::path& path) {
+    const int cause = errno;
+    throw Error(Errc::kIo, "run lock " + path.string() + ": " + std::strerror(cause) +
+                               "; check the folder's owner and free space");
+}
+
+std::filesystem::path lock_path(const std::filesystem::path& qmgr_dir, const std::string& channel) {
+    return qmgr_dir / "run" / ("channel-" + channel + ".lock");
+}
+
+struct flock whole_file(short type) {
+    struct flock lock {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    return lock;
+}
+
+pid_t holder_of(int fd, const std::filesystem::path& path) {
+    struct flock lock = whole_file(F_WRLCK);
+    if (fcntl(fd, F_GETLK, &lock) != 0) {
+        fail(path);
+    }
+    return lock.l_type == F_UNLCK ? 0 : lock.l_pid;
+}
+
+} // namespace
+
+RunLock::RunLock(const std::filesystem::path& qmgr_dir, const std::string& channel) {
+    const std::filesystem::path path = lock_path(qmgr_dir, channel);
+    if (mkdir(path.parent_path().c_str(), 0700) != 0 && errno != EEXIST) {
+        fail(path.parent_path());
+    }
+    fd_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (fd_ < 0) {
+        fail(path);
+    }
+    struct flock lock = whole_file(F_WRLCK);
+    if (fcntl(fd_, F_SETLK, &lock) == 0) {
+        return;
+    }
+    const bool taken = errno == EACCES || errno == EAGAIN;
+    const int cause = errno;
+    const pid_t other = taken ? holder_of(fd_, path) : 0;
+    close(fd_);
+    if (taken) {
+        throw Error(Errc::kBusy, "channel '" + channel + "' is already run by process " + std::to_string(other) +
+                                     ": stop it first with 'kvr stop " + channel + "'");
+    }
+    errno = cause;
+    fail(path);
+}
+
+RunLock::~RunLock() {
+    close(fd_);
+}
+
+pid_t RunLock::holder(const std::filesystem::path& qmgr_dir, const std::string& channel) {
+    const std::filesystem::path path = lock_path(qmgr_dir, channel);
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0) {
+        if (errno == ENOENT) {
+            return 0;
+        }
+        fail(path);
+    }
+    struct Closer {
+        int fd;
+        ~Closer() { close(fd); }
+    } closer{fd};
+    return holder_of(fd, path);
+}
+
+} // namespace kvr

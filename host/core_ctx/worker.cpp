@@ -1,0 +1,232 @@
+// SPDX-License-Identifier: MIT
+#include "worker.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <source_location>
+#include <strings.h>
+#include <system_error>
+
+#include <unistd.h>
+
+#include "channel_status.h"
+#include "context.h"
+#include "kavro_ac_host.h"
+#include "kavro_log.h"
+#include "kavro_queue_host.h"
+#include "kavutil.h"
+#include "log.h"
+#include "plugin.h"
+#include "process_setup.h"
+#include "run_lock.h"
+#include "stop_point.h"
+#include "stop_signal.h"
+#include "store.h"
+
+extern "C" void __gcov_dump() __attribute__((weak)); // NOLINT(bugprone-reserved-identifier)
+
+namespace kvr {
+namespace {
+
+constexpr int kLevelFailure = 1;
+constexpr int kLevelEvent = 3;
+
+/// What the process runs; lives until _exit.
+struct Worker {
+    std::string channel;
+    std::shared_ptr<Store> store;
+    std::optional<RunLock> lock;
+    std::optional<Context> context;
+    std::optional<Plugin> plugin;
+};
+
+Worker& worker() {
+    static Worker& the_worker = *new Worker; // never destroyed: exit handlers use it
+    return the_worker;
+}
+
+void log_line(int level, const std::string& text, const std::source_location& where = std::source_location::current()) {
+    // The log takes pointers to char and writes through none of them.
+    KVR_LogPrint(nullptr, level, const_cast<char*>("$core_ctx"), const_cast<char*>("worker"),
+                 static_cast<int>(where.line()), "run_worker", const_cast<char*>("%s"), text.c_str());
+}
+
+/// For what an operator at the terminal must see too, wherever the log goes.
+void warn(const WorkerOptions& options, const std::string& text) {
+    log_line(kLevelFailure, text);
+    if (!options.log_file.empty()) {
+        std::fprintf(stderr, "kvr: %s\n", text.c_str());
+    }
+}
+
+std::string upper_case(std::string text) {
+    strToUpper(text.data());
+    return text;
+}
+
+/// The channel's name becomes part of a file's name.
+std::string checked_channel(const std::string& name) {
+    if (name.empty() || name.size() > kMaxChannelName || name.find('/') != std::string::npos) {
+        throw Error(Errc::kInvalid, "'" + name + "' is no channel name: 1 to " + std::to_string(kMaxChannelName) +
+                                        " characters without a slash");
+    }
+    return upper_case(name);
+}
+
+bool queue_exists(Store& store, const std::string& name) {
+    try {
+        static_cast<void>(store.queue_info(name));
+        return true;
+    } catch (const Error& error) {
+        if (error.code() != Errc::kNotFound) {
+            throw;
+        }
+        return false;
+    }
+}
+
+void check_definition(Store& store, const std::string& channel) {
+    Attributes definition;
+    try {
+        definition = store.object_get("CHL", channel);
+    } catch (const Error& error) {
+        if (error.code() != Errc::kNotFound) {
+            throw;
+        }
+        throw Error(Errc::kNotFound, "channel '" + channel + "' is not defined in queue manager '" + store.qmgr() +
+                                         "': define it with 'kvr define channel " + channel + " ...'");
+    }
+    const std::string type = definition["CHLTYPE"];
+    if (strcasecmp(type.c_str(), "SNDR") != 0) {
+        throw Error(Errc::kInvalid, "channel '" + channel + "' has type '" + type +
+                                        "': only sender channels (CHLTYPE SNDR) can be run");
+    }
+    const std::string queue = definition["XMITQ"];
+    if (queue.empty()) {
+        throw Error(Errc::kInvalid, "channel '" + channel + "' has no transmission queue: set its XMITQ");
+    }
+    if (!queue_exists(store, queue)) {
+        throw Error(Errc::kNotFound, "transmission queue '" + queue + "' of channel '" + channel +
+                                         "' does not exist: define it with 'kvr define queue " + queue + "'");
+    }
+}
+
+void check_dead_letter_queue(Store& store, const WorkerOptions& options) {
+    constexpr char kRemedy[] = ": messages that cannot be sent will have no home and are held on the transmission "
+                               "queue; set DEADQ of the queue manager to a queue that exists";
+    Attributes qmgr = store.object_get("QMGR", "QMGR");
+    const std::string queue = qmgr["DEADQ"];
+    if (queue.empty()) {
+        warn(options, "no dead-letter queue is set" + std::string(kRemedy));
+    } else if (!queue_exists(store, queue)) {
+        warn(options, "dead-letter queue '" + queue + "' does not exist" + kRemedy);
+    }
+    kvr_log_add_secret(qmgr["KEYPASS"].c_str());
+}
+
+/// A status that names a running state blocks the start when the process id that it recorded is in use again, by
+/// whatever process, this one included. Under the run lock it is known to be stale.
+void repair_status(Store& store, const std::string& channel) {
+    const ChannelStatus status = recorded_status(store, channel);
+    if (procIsExist(status.recorded_pid) > 0 && mark_stopped(store, channel)) {
+        log_line(kLevelEvent, "channel[" + channel + "] stat[" + status.state + "] pid[" +
+                                  std::to_string(status.recorded_pid) +
+                                  "] is stale: that process does not run it; taken over");
+    }
+}
+
+/// Raises the exit event and ends the process. Reached from the main flow only, once.
+[[noreturn]] void end_process(int status) {
+    stop_set_hook(nullptr);
+    ignore_stop_signals();
+    // The plug-in's handlers must not run under its shutdown.
+    alarm(0);
+    sigset_t all;
+    sigfillset(&all);
+    sigprocmask(SIG_BLOCK, &all, nullptr);
+    if (worker().plugin) {
+        worker().plugin->raise(PluginEvent::kExit);
+    }
+    log_line(kLevelEvent, "channel[" + worker().channel + "] ended, status[" + std::to_string(status) + "]");
+    if (__gcov_dump != nullptr) {
+        __gcov_dump();
+    }
+    _exit(status);
+}
+
+[[noreturn]] void end_stopped() {
+    log_line(kLevelEvent, "channel[" + worker().channel + "] stop requested");
+    end_process(EXIT_SUCCESS);
+}
+
+void on_stop(StopPlace place) {
+    if (place == StopPlace::kMidMessage) {
+        queue_give_back();
+    }
+    end_stopped();
+}
+
+/// The run event ends the process itself when it cannot go on. Where a stop made it fail (an interrupted connection
+/// without retries left), this is the stop.
+void on_exit_in_run() {
+    if (worker().plugin && stop_pending()) {
+        queue_give_back();
+        end_stopped();
+    }
+}
+
+/// Ends after an event that failed: as stopped when a stop made it fail.
+[[noreturn]] void end_failed(const WorkerOptions& options, const char* what, int result) {
+    if (stop_pending()) {
+        end_stopped();
+    }
+    warn(options, "channel '" + worker().channel + "' " + what + " (result " + std::to_string(result) +
+                      "): the cause stands in the log above this line");
+    end_process(EXIT_FAILURE);
+}
+
+void prepare(const WorkerOptions& options, int argc, char** argv) {
+    Worker& self = worker();
+    self.channel = checked_channel(options.channel);
+    log_set_level(options.log_level);
+    if (log_open(options.log_file.c_str()) != 0) {
+        throw Error(Errc::kIo, "log file '" + options.log_file.string() + "' cannot be opened (" +
+                                   std::error_code(errno, std::generic_category()).message() +
+                                   "): check its folder, or leave the log on standard error");
+    }
+    self.store = Store::open(options.home / options.qmgr);
+    std::string qmgr = self.store->qmgr();
+    KVR_LogSetQMName(qmgr.data());
+    check_definition(*self.store, self.channel);
+    self.lock.emplace(self.store->dir(), self.channel);
+    check_dead_letter_queue(*self.store, options);
+    repair_status(*self.store, self.channel);
+    ac_set_qmgr(options.home, options.qmgr);
+    self.context.emplace(options, self.channel, argc, argv);
+    watch_stop_signals();
+    self.plugin.emplace(options.plugin, self.context->record());
+}
+
+} // namespace
+
+void run_worker(const WorkerOptions& options, int argc, char** argv) {
+    set_up_process();
+    prepare(options, argc, argv);
+    Plugin& plugin = *worker().plugin;
+    log_line(kLevelEvent, "channel[" + worker().channel + "] starting, plug-in[" + options.plugin.string() + "]");
+    const int started = plugin.raise(PluginEvent::kInit);
+    if (started < 0) {
+        end_failed(options, "could not start", started);
+    }
+    std::atexit(on_exit_in_run);
+    stop_set_hook(on_stop);
+    stop_point(StopPlace::kBetweenMessages);
+    const int result = plugin.raise(PluginEvent::kRun);
+    end_failed(options, "could not reach its receiver", result);
+}
+
+} // namespace kvr
