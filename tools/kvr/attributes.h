@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: MIT
+// Attributes on the command line: ATTR=VALUE arguments and one option for each attribute of a class.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "schema.h"
+#include "store.h"
+
+namespace kvr {
+
+struct AttributeArguments {
+    std::vector<std::string> pairs;             ///< ATTR=VALUE
+    std::map<std::string, std::string> options; ///< by attribute name
+};
+
+/// Adds the positional arguments and the options to a command. Secrets get neither.
+std::shared_ptr<AttributeArguments> add_attribute_arguments(CLI::App& command, const ClassSpec& cls);
+
+/// The attributes given, each checked by the schema; paths must name readable files and become absolute.
+/// Throws UsageError for what cannot be, Error for a file that is not there.
+Attributes collect_attributes(const AttributeArguments& arguments, const ClassSpec& cls);
+
+const ClassSpec& class_spec(const char* name);
+
+/// How an attribute's value is shown: secrets are masked.
+std::string shown_value(const ClassSpec& cls, const std::string& name, const std::string& value);
+
+} // namespace kvr

@@ -1,0 +1,155 @@
+// SPDX-License-Identifier: MIT
+// kvr browse: looks at messages without taking them. The queue is read in short stretches, however slowly the output is
+// read.
+#include <memory>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include "commands.h"
+#include "descriptor.h"
+#include "message_text.h"
+#include "output.h"
+#include "session.h"
+#include "xmit_header.h"
+
+namespace kvr {
+namespace {
+
+constexpr std::uint64_t kDefaultCount = 50;
+constexpr std::size_t kStretchBytes = 1U << 20; ///< of output or data, then the store is let go
+constexpr std::size_t kPreview = 24;
+
+struct BrowseOptions {
+    std::string queue;
+    std::uint64_t count = kDefaultCount;
+    std::uint64_t from = 0;
+    bool all = false;
+    bool held = false;
+    bool hex = false;
+    bool full = false;
+};
+
+std::string_view state_of(const StoredMessage& message) {
+    return message.held ? "held" : message.in_hand ? "in hand" : "ready";
+}
+
+std::vector<std::string> table_row(const StoredMessage& message) {
+    const std::string_view data(message.data.data(), message.data.size());
+    const auto destination = destination_of(data);
+    const std::string_view body = destination ? data.substr(kXmitHeaderSize) : data;
+    std::string preview = printable(body.substr(0, kPreview));
+    if (body.size() > kPreview) {
+        preview += "...";
+    }
+    return {std::to_string(message.sequence),
+            std::string(state_of(message)),
+            std::to_string(body.size()),
+            destination ? destination_text(*destination) : "-",
+            printable(field_string(message.descriptor.sFmtName, sizeof message.descriptor.sFmtName)),
+            std::to_string(message.attachments.size() + (message.descriptor.cMsgStoreType == KVR_STORE_FILE ? 1 : 0)),
+            message_id_text(message.descriptor),
+            preview};
+}
+
+class Browser {
+  public:
+    Browser(const GlobalOptions& global, const BrowseOptions& options)
+        : json_(global.json), options_(options), detailed_(options.full || options.hex),
+          table_({"SEQ", "STATE", "LENGTH", "DESTINATION", "FORMAT", "FILES", "MESSAGE ID", "DATA"}) {}
+
+    void run(Store& store) {
+        std::uint64_t from = options_.from;
+        for (bool more = true; more;) {
+            more = false;
+            std::size_t work = 0;
+            store.browse(options_.queue, from, [&](const StoredMessage& message) {
+                from = message.sequence + 1;
+                if (options_.held && !message.held) {
+                    return true;
+                }
+                if (!options_.all && shown_ == options_.count) {
+                    cut_ = true;
+                    return false;
+                }
+                ++shown_;
+                add(message);
+                work += message.data.size() + sizeof(T_KAVRO_MD);
+                more = work >= kStretchBytes;
+                return !more;
+            });
+            print(out_);
+            out_.clear();
+        }
+        finish();
+    }
+
+  private:
+    void add(const StoredMessage& message) {
+        if (!json_ && !detailed_) {
+            table_.row(table_row(message));
+            return;
+        }
+        const MessageView view{message.sequence,
+                               message.descriptor,
+                               message.attachments,
+                               {message.data.data(), message.data.size()},
+                               state_of(message)};
+        DataForm form = options_.hex ? DataForm::kHex : options_.full ? DataForm::kText : DataForm::kNone;
+        out_ += json_ ? message_json(view, form).dump(-1, ' ', false, Json::error_handler_t::replace) + "\n"
+                      : message_text(view, form) + "\n";
+    }
+
+    void finish() {
+        if (json_) {
+            return;
+        }
+        if (shown_ == 0) {
+            print(options_.held ? "no held messages\n" : "no messages\n");
+        } else if (!detailed_) {
+            print(table_.text());
+        }
+        if (cut_) {
+            flush_output();
+            remark("there are more messages: give --count N or --all to see them");
+        }
+    }
+
+    bool json_;
+    const BrowseOptions& options_;
+    bool detailed_;
+    Table table_;
+    std::string out_;
+    std::uint64_t shown_ = 0;
+    bool cut_ = false;
+};
+
+void browse(const GlobalOptions& global, BrowseOptions& options) {
+    options.queue = checked_queue_name(options.queue);
+    const auto store = open_store(global);
+    require_queue(*store, options.queue);
+    Browser(global, options).run(*store);
+}
+
+} // namespace
+
+void add_browse_command(CLI::App& app, GlobalOptions& global) {
+    auto options = std::make_shared<BrowseOptions>();
+    CLI::App* command = app.add_subcommand("browse", "Look at the messages of a queue without taking them");
+    command->add_option("queue", options->queue, "Queue")->required()->type_name("QUEUE");
+    CLI::Option* count = command->add_option("--count", options->count, "Greatest number of messages [50]")
+                             ->check(CLI::PositiveNumber)
+                             ->type_name("N");
+    command->add_flag("--all", options->all, "All messages")->excludes(count);
+    command->add_option("--from", options->from, "Begin at this place (column SEQ)")->type_name("SEQ");
+    command->add_flag("--held", options->held, "Held messages only: those whose dead-letter put failed");
+    command->add_flag("--full", options->full, "Every descriptor field, the attachments and the data");
+    command->add_flag("--hex", options->hex, "As --full, the data in hexadecimal");
+    set_examples(*command,
+                 "  kvr browse TO.WEST\n  kvr browse DEAD.LETTER.QUEUE --full\n"
+                 "  kvr browse TO.WEST --from 1042 --count 1 --hex\n"
+                 "With --json there is one object on one line for each message, with --full its data, too.\n");
+    command->callback([options, &global] { browse(global, *options); });
+}
+
+} // namespace kvr

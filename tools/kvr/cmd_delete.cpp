@@ -1,0 +1,143 @@
+// SPDX-License-Identifier: MIT
+// kvr delete: queues, channels and whole queue managers; never what is in use, and messages only when told so.
+#include <filesystem>
+#include <memory>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include "channel_status.h"
+#include "commands.h"
+#include "output.h"
+#include "session.h"
+
+namespace kvr {
+namespace {
+
+struct DeleteOptions {
+    std::string name;
+    bool purge = false;
+    bool yes = false;
+};
+
+void report(const GlobalOptions& global, const char* what, const std::string& name) {
+    if (global.json) {
+        print_json({{"deleted", what}, {"name", name}});
+        return;
+    }
+    print(fmt::format("deleted {} {}\n", what, name));
+}
+
+void delete_queue(const GlobalOptions& global, const DeleteOptions& options) {
+    const std::string name = checked_queue_name(options.name);
+    const auto store = open_store(global);
+    require_queue(*store, name);
+    if (dead_letter_queue(*store) == name) {
+        throw Error(Errc::kBusy, fmt::format("queue '{}' is the dead-letter queue: set another one with 'kvr set qmgr "
+                                             "DEADQ=QUEUE' first",
+                                             name));
+    }
+    const QueueInfo queue = store->queue_info(name);
+    if (queue.drained_by > 0) {
+        throw Error(Errc::kBusy, fmt::format("process {} drains queue '{}': stop it first, see 'kvr status'",
+                                             queue.drained_by, name));
+    }
+    if (queue.depth > 0 && !options.purge) {
+        throw Error(Errc::kBusy,
+                    fmt::format("queue '{}' has {} messages: give --purge to delete them with it", name, queue.depth));
+    }
+    store->queue_delete(name, options.purge);
+    report(global, "queue", name);
+}
+
+void refuse_running(Store& store, const std::string& channel) {
+    const ChannelStatus status = channel_status(store, channel);
+    if (status.runner > 0) {
+        throw Error(Errc::kBusy, fmt::format("channel '{}' is run by process {}: stop it first with 'kvr stop {}'",
+                                             channel, status.runner, channel));
+    }
+}
+
+void delete_channel(const GlobalOptions& global, const DeleteOptions& options) {
+    const std::string name = checked_channel_name(options.name);
+    const auto store = open_store(global);
+    require_channel(*store, name);
+    refuse_running(*store, name);
+    store->object_delete("CHL", name);
+    if (object_exists(*store, "CHS", name)) {
+        store->object_delete("CHS", name);
+    }
+    report(global, "channel", name);
+}
+
+void delete_qmgr(const GlobalOptions& global, const DeleteOptions& options) {
+    GlobalOptions named = global;
+    named.qmgr = checked_qmgr_name(options.name);
+    std::filesystem::path dir;
+    {
+        const auto store = open_store(named);
+        dir = store->dir();
+        for (const std::string& channel : store->object_names("CHL")) {
+            refuse_running(*store, channel);
+        }
+        std::uint64_t messages = 0;
+        for (const QueueInfo& queue : store->queues()) {
+            if (queue.drained_by > 0) {
+                throw Error(Errc::kBusy,
+                            fmt::format("process {} drains queue '{}': stop it first", queue.drained_by, queue.name));
+            }
+            messages += queue.depth;
+        }
+        if (messages > 0 && !options.purge) {
+            throw Error(Errc::kBusy, fmt::format("queue manager {} has {} messages on its queues: give --purge to "
+                                                 "delete them with it",
+                                                 named.qmgr, messages));
+        }
+        if (!options.yes) {
+            throw UsageError(fmt::format("queue manager {} with its definitions and logs in {} would be deleted: give "
+                                         "--yes to do it",
+                                         named.qmgr, dir.native()));
+        }
+    }
+    std::error_code error;
+    std::filesystem::remove_all(dir, error);
+    if (error) {
+        throw Error(Errc::kIo, fmt::format("{} cannot be deleted ({}): remove what is left of it by hand", dir.native(),
+                                           error.message()));
+    }
+    report(global, "qmgr", named.qmgr);
+}
+
+CLI::App* add_kind(CLI::App& parent, const char* kind, const char* type, const char* help,
+                   const std::shared_ptr<DeleteOptions>& options) {
+    CLI::App* command = parent.add_subcommand(kind, help);
+    command->add_option("name", options->name, "Its name")->required()->type_name(type);
+    return command;
+}
+
+} // namespace
+
+void add_delete_command(CLI::App& app, GlobalOptions& global) {
+    CLI::App* command = app.add_subcommand("delete", "Delete a queue, a channel or a queue manager");
+    command->require_subcommand(1);
+    set_examples(*command, "  kvr delete channel EAST.WEST\n  kvr delete queue TO.WEST --purge\n"
+                           "  kvr delete qmgr EAST --purge --yes\n");
+    auto options = std::make_shared<DeleteOptions>();
+
+    CLI::App* queue = add_kind(*command, "queue", "QUEUE", "Delete a queue", options);
+    queue->add_flag("--purge", options->purge, "Delete its messages, too");
+    set_examples(*queue, "  kvr delete queue TO.WEST\n  kvr delete queue TO.WEST --purge\n");
+    queue->callback([options, &global] { delete_queue(global, *options); });
+
+    CLI::App* channel = add_kind(*command, "channel", "CHANNEL", "Delete a channel and its status", options);
+    set_examples(*channel, "  kvr delete channel EAST.WEST\n");
+    channel->callback([options, &global] { delete_channel(global, *options); });
+
+    CLI::App* qmgr = add_kind(*command, "qmgr", "QMGR", "Delete a queue manager with all that it has", options);
+    qmgr->add_flag("--purge", options->purge, "Delete messages, too");
+    qmgr->add_flag("--yes", options->yes, "Yes, delete it");
+    set_examples(*qmgr, "  kvr delete qmgr EAST --yes\n  kvr delete qmgr EAST --purge --yes\n");
+    qmgr->callback([options, &global] { delete_qmgr(global, *options); });
+}
+
+} // namespace kvr

@@ -1,0 +1,160 @@
+// SPDX-License-Identifier: MIT
+// kvr get: takes messages off a queue. A message is used up only after its output has been handed over, so a full disk
+// or a closed pipe loses none.
+#include <limits>
+#include <memory>
+#include <optional>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include "commands.h"
+#include "data_sink.h"
+#include "drainer.h"
+#include "load.h"
+#include "message_text.h"
+#include "output.h"
+#include "session.h"
+
+namespace kvr {
+namespace {
+
+constexpr double kMaxWait = 86400.0 * 365;
+
+struct GetOptions {
+    std::string queue;
+    std::uint64_t count = 1;
+    bool all = false;
+    double wait = 0;
+    std::string out;
+    bool raw = false;
+    bool hex = false;
+    bool verify = false;
+};
+
+/// Where the messages go.
+class Target {
+  public:
+    Target(const GlobalOptions& global, const GetOptions& options) : json_(global.json), options_(options) {
+        if (!options.out.empty()) {
+            sink_.emplace(options.out);
+            if (!sink_->is_folder() && (options.all || options.count > 1)) {
+                throw UsageError(fmt::format("--out {} is one file and more than one message is asked for: name a "
+                                             "folder, with a slash at its end",
+                                             printable(options.out)));
+            }
+        }
+    }
+
+    void take(const Drainer& message) {
+        const std::string file = sink_ ? sink_->write(message.data()) : std::string();
+        if (options_.verify) {
+            check_.take(message.descriptor(), message.data());
+        } else if (options_.raw) {
+            if (!sink_) {
+                print(message.data());
+            }
+        } else {
+            describe({std::nullopt, message.descriptor(), message.attachments(), message.data(), ""}, file);
+        }
+        flush_output();
+    }
+
+    /// Throws when the check of load messages found something.
+    void finish() {
+        if (!options_.verify) {
+            return;
+        }
+        if (json_) {
+            print_json(check_.json(options_.all));
+        } else {
+            print(check_.text(options_.all));
+        }
+        flush_output();
+        if (!check_.good(options_.all)) {
+            throw Error(Errc::kDamaged, "the messages are not what was put: see the report above");
+        }
+    }
+
+  private:
+    void describe(const MessageView& view, const std::string& file) {
+        DataForm form = options_.hex ? DataForm::kHex : DataForm::kText;
+        if (!file.empty()) {
+            form = DataForm::kNone;
+        }
+        if (!json_) {
+            print(message_text(view, form) + (file.empty() ? "" : "  data in:          " + printable(file) + "\n"));
+            return;
+        }
+        Json json = message_json(view, form);
+        if (!file.empty()) {
+            json["data_file"] = file;
+        }
+        print_json(json, true);
+    }
+
+    bool json_;
+    const GetOptions& options_;
+    std::optional<DataSink> sink_;
+    LoadCheck check_;
+};
+
+void get(const GlobalOptions& global, GetOptions& options) {
+    options.queue = checked_queue_name(options.queue);
+    if (options.raw && (options.hex || options.verify || global.json)) {
+        throw UsageError("--raw prints the data and nothing else: leave out --hex, --verify and --json");
+    }
+    const auto store = open_store(global);
+    require_queue(*store, options.queue);
+    Target target(global, options);
+    const std::uint64_t wanted = options.all ? std::numeric_limits<std::uint64_t>::max() : options.count;
+    std::uint64_t taken = 0;
+    {
+        Drainer drainer(*store, options.queue, options.wait);
+        try {
+            while (taken < wanted && drainer.next()) {
+                target.take(drainer);
+                ++taken;
+            }
+        } catch (...) {
+            if (drainer.getter().in_hand()) {
+                drainer.getter().rollback();
+            }
+            throw;
+        }
+        drainer.getter().commit();
+    }
+    target.finish();
+    if (!options.all && taken < wanted) {
+        throw Error(Errc::kNotFound, fmt::format("queue {} had {} of {} messages: put more, or wait for them with "
+                                                 "--wait SECONDS",
+                                                 options.queue, taken, wanted));
+    }
+}
+
+} // namespace
+
+void add_get_command(CLI::App& app, GlobalOptions& global) {
+    auto options = std::make_shared<GetOptions>();
+    CLI::App* command = app.add_subcommand("get", "Take messages off a queue");
+    command->add_option("queue", options->queue, "Queue")->required()->type_name("QUEUE");
+    CLI::Option* count = command->add_option("--count", options->count, "Number of messages [1]")
+                             ->check(CLI::PositiveNumber)
+                             ->type_name("N");
+    command->add_flag("--all", options->all, "Until the queue is empty")->excludes(count);
+    command->add_option("--wait", options->wait, "Longest wait for each message [0]")
+        ->check(CLI::Range(0.0, kMaxWait))
+        ->type_name("SECONDS");
+    command
+        ->add_option("--out", options->out, "Write the data to this file, or to a file for each message in this folder")
+        ->type_name("FILE|DIR/");
+    command->add_flag("--raw", options->raw, "Print the data only, as it lies on the queue");
+    command->add_flag("--hex", options->hex, "Print the data in hexadecimal");
+    command->add_flag("--verify", options->verify, "Check messages made by 'put --size'; with --all missing ones, too");
+    set_examples(*command, "  kvr get ORDERS\n  kvr get ORDERS --wait 10 --raw > order.xml\n"
+                           "  kvr get ORDERS --all --out orders/\n  kvr get LOAD --all --verify\n"
+                           "With --json there is one object on one line for each message.\n");
+    command->callback([options, &global] { get(global, *options); });
+}
+
+} // namespace kvr

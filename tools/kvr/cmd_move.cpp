@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: MIT
+// kvr move: puts messages of one queue on another one, each whole or not at all; for dead letters that get another try.
+#include <memory>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include "commands.h"
+#include "drainer.h"
+#include "output.h"
+#include "session.h"
+#include "xmit_header.h"
+
+namespace kvr {
+namespace {
+
+struct MoveOptions {
+    std::string from;
+    std::string to;
+    std::string destination;
+    bool strip_header = false;
+    std::uint64_t count = 0; ///< 0: all that were there at the start
+};
+
+std::string new_data(const MoveOptions& options, const std::string& header, std::string_view data) {
+    const bool replace = options.strip_header || !header.empty();
+    const std::string_view body = replace && destination_of(data) ? data.substr(kXmitHeaderSize) : data;
+    if (header.size() + body.size() > kMaxMessage) {
+        throw Error(Errc::kTooLarge, fmt::format("a message of {} bytes has no room for a transmission header: the "
+                                                 "limit is 2,098,304 bytes; take it off with 'kvr get'",
+                                                 body.size()));
+    }
+    return header + std::string(body);
+}
+
+std::uint64_t move_messages(Store& store, const MoveOptions& options, const std::string& header) {
+    const QueueInfo source = store.queue_info(options.from);
+    const std::uint64_t ready = source.depth - std::min(source.held, source.depth);
+    const std::uint64_t wanted = options.count == 0 ? ready : std::min(options.count, ready);
+    Drainer drainer(store, options.from, 0);
+    std::uint64_t moved = 0;
+    for (; moved < wanted && drainer.next(); ++moved) {
+        std::string data;
+        try {
+            data = new_data(options, header, drainer.data());
+        } catch (const Error&) {
+            drainer.getter().rollback();
+            throw;
+        }
+        try {
+            drainer.getter().put_instead(options.to, {&drainer.descriptor(), drainer.attachments(), data});
+        } catch (const Error& error) {
+            throw Error(error.code(), fmt::format("{} messages were moved, the next one failed and is held on {}: {}; "
+                                                  "then 'kvr release {}'",
+                                                  moved, options.from, error.what(), options.from));
+        }
+    }
+    drainer.getter().commit();
+    return moved;
+}
+
+void move(const GlobalOptions& global, MoveOptions& options) {
+    options.from = checked_queue_name(options.from);
+    options.to = checked_queue_name(options.to);
+    if (options.from == options.to) {
+        throw UsageError("both queues are the same: name another one");
+    }
+    const std::string header =
+        options.destination.empty() ? std::string() : xmit_header(parse_destination(options.destination));
+    const auto store = open_store(global);
+    require_queue(*store, options.from);
+    require_queue(*store, options.to);
+    const std::uint64_t moved = move_messages(*store, options, header);
+    if (global.json) {
+        print_json({{"from", options.from}, {"to", options.to}, {"moved", moved}});
+        return;
+    }
+    print(fmt::format("moved {} messages from {} to {}\n", moved, options.from, options.to));
+}
+
+} // namespace
+
+void add_move_command(CLI::App& app, GlobalOptions& global) {
+    auto options = std::make_shared<MoveOptions>();
+    CLI::App* command = app.add_subcommand("move", "Put messages of one queue on another one");
+    command->add_option("from", options->from, "Queue to take from")->required()->type_name("FROM");
+    command->add_option("to", options->to, "Queue to put on")->required()->type_name("TO");
+    CLI::Option* strip = command->add_flag("--strip-header", options->strip_header, "Take the transmission header off");
+    command->add_option("--dest", options->destination, "Give the messages this destination, in a new header")
+        ->type_name("QUEUE[@QMGR]")
+        ->excludes(strip);
+    command->add_option("--count", options->count, "Greatest number of messages (default: all that are there)")
+        ->check(CLI::PositiveNumber)
+        ->type_name("N");
+    set_examples(*command, "  kvr move DEAD.LETTER.QUEUE TO.WEST\n"
+                           "  kvr move DEAD.LETTER.QUEUE TO.WEST --dest ORDERS@WEST --count 1\n"
+                           "  kvr move DEAD.LETTER.QUEUE LOCAL.QUEUE --strip-header\n");
+    command->callback([options, &global] { move(global, *options); });
+}
+
+} // namespace kvr

@@ -1,0 +1,152 @@
+// SPDX-License-Identifier: MIT
+// kvr run: the worker of one channel, in the foreground.
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include "attributes.h"
+#include "commands.h"
+#include "output.h"
+#include "session.h"
+#include "worker.h"
+
+namespace kvr {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kPluginFile = "libplug_kavro_chls.so";
+constexpr mode_t kPrivateFolder = 0700;
+
+struct RunOptions {
+    std::string channel;
+    std::string log;
+    std::string plugin;
+    int log_level = 3;
+};
+
+/// What is said when the channel ends the process on a failure of its own; empty: nothing.
+std::string& last_words() {
+    static std::string& text = *new std::string; // never destroyed: exit handlers use it
+    return text;
+}
+
+void say_last_words(int status, void* /*unused*/) {
+    if (status != 0 && !last_words().empty()) {
+        remark(last_words());
+    }
+}
+
+fs::path plugin_file(const std::string& given) {
+    std::error_code error;
+    if (!given.empty()) {
+        const fs::path file = fs::absolute(given);
+        if (!fs::is_regular_file(file, error)) {
+            throw Error(Errc::kNotFound,
+                        fmt::format("the plug-in {} does not exist: check --plugin", printable(file.native())));
+        }
+        return file;
+    }
+    const fs::path folder = fs::read_symlink("/proc/self/exe", error).parent_path();
+    fs::path file = (folder / ".." / "lib" / kPluginFile).lexically_normal();
+    if (!fs::is_regular_file(file, error)) {
+        throw Error(Errc::kNotFound, fmt::format("the plug-in {} does not exist: build or install it, or name it with "
+                                                 "--plugin FILE",
+                                                 file.native()));
+    }
+    return file;
+}
+
+fs::path log_file(const Store& store, const std::string& channel, const std::string& given) {
+    if (given == "-") {
+        return {};
+    }
+    if (!given.empty()) {
+        return fs::absolute(given);
+    }
+    const fs::path folder = store.dir() / "log";
+    if (::mkdir(folder.c_str(), kPrivateFolder) != 0 && errno != EEXIST) {
+        throw Error(Errc::kIo, fmt::format("the folder {} cannot be made ({}): give --log FILE, or - for standard "
+                                           "error",
+                                           folder.native(), std::generic_category().message(errno)));
+    }
+    return folder / (channel + ".log");
+}
+
+/// The connection could never be made without these; better said now than in a log after the first retries.
+void check_tls_files(Store& store, const std::string& channel) {
+    const std::string tls = value_of(store.object_get("CHL", channel), "SSLCAUTH");
+    if (::strcasecmp(tls.c_str(), "ENABLE") != 0) {
+        return;
+    }
+    const Attributes qmgr = store.object_get("QMGR", "QMGR");
+    for (const char* attr : {"CAFILE", "CERTFILE", "KEYFILE"}) {
+        const std::string file = value_of(qmgr, attr);
+        if (file.empty()) {
+            throw Error(Errc::kNotFound, fmt::format("channel {} uses TLS and the queue manager has no {}: set it with "
+                                                     "'kvr set qmgr {}=FILE'",
+                                                     channel, attr, attr));
+        }
+        if (::access(file.c_str(), R_OK) != 0) {
+            throw Error(Errc::kNotFound,
+                        fmt::format("the {} {} cannot be read ({}): put it there, or change it with "
+                                    "'kvr set qmgr {}=FILE'",
+                                    attr, printable(file), std::generic_category().message(errno), attr));
+        }
+    }
+}
+
+void run(const GlobalOptions& global, const RunOptions& options) {
+    WorkerOptions worker;
+    worker.channel = checked_channel_name(options.channel);
+    worker.plugin = plugin_file(options.plugin);
+    worker.log_level = options.log_level;
+    {
+        const auto store = open_store(global);
+        require_channel(*store, worker.channel);
+        check_tls_files(*store, worker.channel);
+        worker.home = store->dir().parent_path();
+        worker.qmgr = store->qmgr();
+        worker.log_file = log_file(*store, worker.channel, options.log);
+    }
+    const std::string where = worker.log_file.empty() ? std::string("its log above") : worker.log_file.native();
+    remark(fmt::format("channel {} of {} starts; log {}; stop it with Ctrl-C or 'kvr stop {}'", worker.channel,
+                       worker.qmgr, worker.log_file.empty() ? "on standard error" : where, worker.channel));
+    last_words() = fmt::format("channel {} ended after a failure: the last lines of {} say why", worker.channel, where);
+    (void)::on_exit(say_last_words, nullptr);
+    try {
+        run_worker(worker, global.argc, global.argv);
+    } catch (...) {
+        last_words().clear();
+        throw;
+    }
+}
+
+} // namespace
+
+void add_run_command(CLI::App& app, GlobalOptions& global) {
+    auto options = std::make_shared<RunOptions>();
+    CLI::App* command = app.add_subcommand("run", "Run a channel in the foreground");
+    command->add_option("channel", options->channel, "Channel")->required()->type_name("CHANNEL");
+    command
+        ->add_option("--log,--log-file", options->log,
+                     "Log file; - for standard error (default: log/CHANNEL.log in the queue manager's folder)")
+        ->type_name("FILE");
+    command->add_option("--log-level", options->log_level, "1 failures to 5 every step [3]")
+        ->check(CLI::Range(1, 5))
+        ->type_name("1-5");
+    command->add_option("--plugin", options->plugin, "Channel plug-in (default: beside this program, in ../lib)")
+        ->type_name("FILE");
+    set_examples(*command, "  kvr run EAST.WEST\n  kvr run EAST.WEST --log - --log-level 5\n"
+                           "The program ends with 0 after a stop and with 1 when the channel failed.\n");
+    command->callback([options, &global] { run(global, *options); });
+}
+
+} // namespace kvr

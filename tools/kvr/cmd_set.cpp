@@ -1,0 +1,141 @@
+// SPDX-License-Identifier: MIT
+// kvr set: attributes of the queue manager and of channels. Pass phrases come from a file or standard input only.
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include "attributes.h"
+#include "commands.h"
+#include "input.h"
+#include "output.h"
+#include "session.h"
+#include "settings.h"
+
+namespace kvr {
+namespace {
+
+struct SetQmgrOptions {
+    std::string keypass_file;
+    std::string quota;
+    std::string sync;
+};
+
+constexpr std::size_t kMaxPassPhraseFile = 4096;
+
+/// The first line, without its line end.
+std::string read_pass_phrase(const std::string& file) {
+    std::string text = read_input(file, kMaxPassPhraseFile, "the file of the pass phrase");
+    text.resize(std::min(text.find_first_of("\r\n"), text.size()));
+    try {
+        check_definition("QMGR", "KEYPASS", text);
+    } catch (const Error& error) {
+        throw UsageError(error.what());
+    }
+    return text;
+}
+
+void check_dead_letter_queue(Store& store, const std::string& name) {
+    if (name.empty()) {
+        remark("warning: no dead-letter queue is set: messages that fail will have no home; set one with 'kvr set qmgr "
+               "DEADQ=QUEUE'");
+        return;
+    }
+    require_queue(store, checked_queue_name(name));
+}
+
+void set_qmgr(const GlobalOptions& global, const SetQmgrOptions& options, const AttributeArguments& arguments) {
+    Attributes attributes = collect_attributes(arguments, class_spec("QMGR"));
+    if (!options.keypass_file.empty()) {
+        attributes["KEYPASS"] = read_pass_phrase(options.keypass_file);
+    }
+    if (attributes.empty() && options.quota.empty() && options.sync.empty()) {
+        throw UsageError("nothing to set: give ATTR=VALUE, see 'kvr set qmgr --help'");
+    }
+    const auto store = open_store(global);
+    if (const auto deadq = attributes.find("DEADQ"); deadq != attributes.end()) {
+        check_dead_letter_queue(*store, deadq->second);
+    }
+    if (!options.quota.empty() || !options.sync.empty()) {
+        Settings settings = store->settings();
+        if (!options.quota.empty()) {
+            set_quota(settings, options.quota);
+        }
+        if (!options.sync.empty()) {
+            settings.sync = options.sync == "on";
+        }
+        store->set_settings(settings);
+    }
+    if (!attributes.empty()) {
+        store->object_set("QMGR", "QMGR", attributes);
+    }
+    if (global.json) {
+        print_json({{"qmgr", store->qmgr()}, {"changed", true}});
+        return;
+    }
+    print(fmt::format("changed queue manager {}; channels that run take it up at their next start\n", store->qmgr()));
+}
+
+void set_channel(const GlobalOptions& global, const std::string& given_name, const AttributeArguments& arguments) {
+    const std::string name = checked_channel_name(given_name);
+    const Attributes attributes = collect_attributes(arguments, class_spec("CHL"));
+    if (attributes.empty()) {
+        throw UsageError("nothing to set: give ATTR=VALUE, see 'kvr set channel --help'");
+    }
+    for (const char* attr : {"XMITQ", "CONNAME"}) {
+        if (attributes.contains(attr) && value_of(attributes, attr).empty()) {
+            throw UsageError(fmt::format("{} cannot be empty: a channel needs it", attr));
+        }
+    }
+    const auto store = open_store(global);
+    require_channel(*store, name);
+    if (attributes.contains("XMITQ")) {
+        require_queue(*store, checked_queue_name(value_of(attributes, "XMITQ")));
+    }
+    store->object_set("CHL", name, attributes);
+    if (global.json) {
+        print_json({{"qmgr", store->qmgr()}, {"channel", name}, {"changed", true}});
+        return;
+    }
+    print(fmt::format("changed channel {}; address and retries count from its next connection, the rest from its next "
+                      "start\n",
+                      name));
+}
+
+} // namespace
+
+void add_set_command(CLI::App& app, GlobalOptions& global) {
+    CLI::App* command = app.add_subcommand("set", "Change attributes of the queue manager or of a channel");
+    command->require_subcommand(1);
+    set_examples(*command, "  kvr set qmgr CERTFILE=east.pem KEYFILE=east.key CAFILE=ca.pem --keypass-file -\n"
+                           "  kvr set channel EAST.WEST HBINT=60\n");
+
+    auto options = std::make_shared<SetQmgrOptions>();
+    CLI::App* qmgr = command->add_subcommand("qmgr", "Change the queue manager");
+    const auto qmgr_arguments = add_attribute_arguments(*qmgr, class_spec("QMGR"));
+    qmgr->add_option("--keypass-file", options->keypass_file,
+                     "File whose first line is the private key's pass phrase; - for standard input")
+        ->type_name("FILE");
+    qmgr->add_option("--quota", options->quota, "Bytes of messages beyond which puts are refused")->type_name("SIZE");
+    qmgr->add_option("--sync", options->sync,
+                     "on: wait for the disk at every commit; off: faster, a power loss can "
+                     "take the last seconds")
+        ->check(CLI::IsMember({"on", "off"}))
+        ->type_name("on|off");
+    set_examples(*qmgr, "  kvr set qmgr CERTFILE=east.pem KEYFILE=east.key CAFILE=ca.pem\n"
+                        "  kvr set qmgr --keypass-file - < passphrase.txt\n"
+                        "  kvr set qmgr DEADQ=DEAD.LETTER.QUEUE\n");
+    qmgr->callback([options, qmgr_arguments, &global] { set_qmgr(global, *options, *qmgr_arguments); });
+
+    auto name = std::make_shared<std::string>();
+    CLI::App* channel = command->add_subcommand("channel", "Change a channel");
+    channel->add_option("name", *name, "Name of the channel")->required()->type_name("CHANNEL");
+    const auto channel_arguments = add_attribute_arguments(*channel, class_spec("CHL"));
+    set_examples(*channel, "  kvr set channel EAST.WEST CONNAME='10.0.0.3(5151)' HBINT=60\n");
+    channel->callback([name, channel_arguments, &global] { set_channel(global, *name, *channel_arguments); });
+}
+
+} // namespace kvr

@@ -1,0 +1,198 @@
+// SPDX-License-Identifier: MIT
+// kvr status: what channels do, who runs them, and how deep their queues are. With --watch again and again.
+#include <csignal>
+#include <memory>
+#include <optional>
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include "channel_status.h"
+#include "commands.h"
+#include "output.h"
+#include "session.h"
+
+namespace kvr {
+namespace {
+
+constexpr double kDefaultInterval = 1;
+constexpr double kMinInterval = 0.05;
+constexpr double kMaxInterval = 3600;
+constexpr double kMilliseconds = 1000;
+
+struct StatusOptions {
+    std::string channel;
+    bool watch = false;
+    double interval = kDefaultInterval;
+};
+
+struct Line {
+    std::string channel;
+    ChannelStatus status;
+    std::string xmitq;
+    std::optional<QueueInfo> queue; ///< nothing: the transmission queue does not exist
+};
+
+struct Picture {
+    std::vector<Line> lines;
+    std::string dead_queue;
+    std::optional<QueueInfo> dead_info;
+};
+
+volatile std::sig_atomic_t g_ended = 0;
+
+extern "C" void on_end(int /*signal*/) {
+    g_ended = 1;
+}
+
+std::optional<QueueInfo> info_if_there(Store& store, const std::string& queue) {
+    try {
+        return store.queue_info(queue);
+    } catch (const Error& error) {
+        if (error.code() != Errc::kNotFound && error.code() != Errc::kInvalid) {
+            throw;
+        }
+        return std::nullopt;
+    }
+}
+
+Picture take_picture(Store& store, const std::string& channel) {
+    Picture picture;
+    std::vector<std::string> names{channel};
+    if (channel.empty()) {
+        names = store.object_names("CHL");
+    } else {
+        require_channel(store, channel);
+    }
+    for (const std::string& name : names) {
+        Line line{name, channel_status(store, name), value_of(store.object_get("CHL", name), "XMITQ"), std::nullopt};
+        line.queue = info_if_there(store, line.xmitq);
+        picture.lines.push_back(std::move(line));
+    }
+    picture.dead_queue = dead_letter_queue(store);
+    picture.dead_info = info_if_there(store, picture.dead_queue);
+    return picture;
+}
+
+std::string state_word(const ChannelStatus& status) {
+    return status.state.empty() ? "never run" : status.state;
+}
+
+std::string process_words(const ChannelStatus& status) {
+    if (status.runner > 0) {
+        return fmt::format("{} alive", status.runner);
+    }
+    return status.is_stale() && status.recorded_pid > 0 ? fmt::format("{} gone", status.recorded_pid) : "-";
+}
+
+std::string end_text(const std::string& ip, const std::string& port) {
+    return ip.empty() ? "-" : printable(ip + ":" + port);
+}
+
+std::string dead_letter_text(const Picture& picture) {
+    if (picture.dead_queue.empty()) {
+        return "dead-letter queue: none; messages that fail have no home\n";
+    }
+    if (!picture.dead_info) {
+        return fmt::format("dead-letter queue {}: does not exist; messages that fail have no home\n",
+                           printable(picture.dead_queue));
+    }
+    return fmt::format("dead-letter queue {}: {} messages\n", picture.dead_queue, picture.dead_info->depth);
+}
+
+std::string picture_text(const Picture& picture) {
+    if (picture.lines.empty()) {
+        return "no channels\n" + dead_letter_text(picture);
+    }
+    Table table({"CHANNEL", "STATE", "PROCESS", "LOCAL", "REMOTE", "XMITQ", "DEPTH", "HELD"});
+    for (const Line& line : picture.lines) {
+        const ChannelStatus& status = line.status;
+        table.row({line.channel, state_word(status), process_words(status),
+                   end_text(status.local_ip, status.local_port), end_text(status.remote_ip, status.remote_port),
+                   printable(line.xmitq), line.queue ? std::to_string(line.queue->depth) : "missing",
+                   line.queue ? std::to_string(line.queue->held) : "-"});
+    }
+    return table.text() + dead_letter_text(picture);
+}
+
+Json queue_json(const std::string& name, const std::optional<QueueInfo>& info) {
+    Json json{{"name", name}, {"exists", info.has_value()}};
+    if (info) {
+        json["depth"] = info->depth;
+        json["held"] = info->held;
+        json["bytes"] = info->bytes;
+    }
+    return json;
+}
+
+Json picture_json(const Picture& picture) {
+    Json channels = Json::array();
+    for (const Line& line : picture.lines) {
+        const ChannelStatus& status = line.status;
+        channels.push_back({{"channel", line.channel},
+                            {"state", status.state},
+                            {"running", status.runner > 0},
+                            {"pid", status.runner},
+                            {"recorded_pid", status.recorded_pid},
+                            {"stale", status.is_stale()},
+                            {"local", {{"ip", status.local_ip}, {"port", status.local_port}}},
+                            {"remote", {{"ip", status.remote_ip}, {"port", status.remote_port}}},
+                            {"transmission_queue", queue_json(line.xmitq, line.queue)}});
+    }
+    return {{"channels", channels}, {"dead_letter_queue", queue_json(picture.dead_queue, picture.dead_info)}};
+}
+
+void watch(const GlobalOptions& global, Store& store, const StatusOptions& options) {
+    struct sigaction action {};
+    action.sa_handler = on_end;
+    (void)::sigaction(SIGINT, &action, nullptr);
+    (void)::sigaction(SIGTERM, &action, nullptr);
+    const bool redraw = !global.json && ::isatty(STDOUT_FILENO) == 1;
+    while (g_ended == 0) {
+        const Picture picture = take_picture(store, options.channel);
+        if (global.json) {
+            print_json(picture_json(picture), true);
+        } else {
+            print((redraw ? "\033[H\033[J" : "") + picture_text(picture) + (redraw ? "" : "\n"));
+        }
+        flush_output();
+        (void)::poll(nullptr, 0, g_ended != 0 ? 0 : static_cast<int>(options.interval * kMilliseconds));
+    }
+}
+
+void status(const GlobalOptions& global, StatusOptions& options) {
+    if (!options.channel.empty()) {
+        options.channel = checked_channel_name(options.channel);
+    }
+    const auto store = open_store(global);
+    if (options.watch) {
+        watch(global, *store, options);
+        return;
+    }
+    const Picture picture = take_picture(*store, options.channel);
+    if (global.json) {
+        print_json(picture_json(picture));
+        return;
+    }
+    print(picture_text(picture));
+}
+
+} // namespace
+
+void add_status_command(CLI::App& app, GlobalOptions& global) {
+    auto options = std::make_shared<StatusOptions>();
+    CLI::App* command = app.add_subcommand("status", "Show what channels do: state, process, connection, queue depths");
+    command->add_option("channel", options->channel, "Channel (default: all)")->type_name("CHANNEL");
+    CLI::Option* watch_flag = command->add_flag("--watch", options->watch, "Show it again and again, until Ctrl-C");
+    command->add_option("--interval", options->interval, "Seconds between two looks [1]")
+        ->check(CLI::Range(kMinInterval, kMaxInterval))
+        ->needs(watch_flag)
+        ->type_name("SECONDS");
+    set_examples(*command, "  kvr status\n  kvr status EAST.WEST --watch --interval 0.5\n  kvr status --json\n");
+    command->callback([options, &global] { status(global, *options); });
+}
+
+} // namespace kvr

@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: MIT
+// kvr stop: ends the process of a channel, gently first, and says truthfully what it took.
+#include <chrono>
+#include <memory>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include "channel_status.h"
+#include "commands.h"
+#include "output.h"
+#include "session.h"
+
+namespace kvr {
+namespace {
+
+constexpr double kDefaultTimeout = 10;
+constexpr double kMaxTimeout = 3600;
+
+std::string outcome_text(const std::string& channel, const StopOutcome& outcome, double timeout) {
+    const char* repaired =
+        outcome.repaired ? "; its status was left from a process that is gone and now says STOPED" : "";
+    switch (outcome.result) {
+    case StopResult::kNotRunning:
+        return fmt::format("channel {} was not running{}\n", channel, repaired);
+    case StopResult::kStopped:
+        return fmt::format("channel {} stopped (process {}){}\n", channel, outcome.pid, repaired);
+    case StopResult::kKilled:
+        break;
+    }
+    return fmt::format("channel {} did not stop within {} s: process {} was killed; a message in hand is sent again at "
+                       "the next start{}\n",
+                       channel, timeout, outcome.pid, repaired);
+}
+
+const char* outcome_word(StopResult result) {
+    return result == StopResult::kNotRunning ? "not running" : result == StopResult::kStopped ? "stopped" : "killed";
+}
+
+void stop(const GlobalOptions& global, const std::string& given_name, double timeout) {
+    const std::string channel = checked_channel_name(given_name);
+    const auto store = open_store(global);
+    require_channel(*store, channel);
+    const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(timeout));
+    const StopOutcome outcome = stop_channel(*store, channel, milliseconds);
+    if (global.json) {
+        print_json({{"channel", channel},
+                    {"result", outcome_word(outcome.result)},
+                    {"pid", outcome.pid},
+                    {"status_repaired", outcome.repaired}});
+        return;
+    }
+    print(outcome_text(channel, outcome, timeout));
+}
+
+} // namespace
+
+void add_stop_command(CLI::App& app, GlobalOptions& global) {
+    auto channel = std::make_shared<std::string>();
+    auto timeout = std::make_shared<double>(kDefaultTimeout);
+    CLI::App* command = app.add_subcommand("stop", "Stop a channel that runs");
+    command->add_option("channel", *channel, "Channel")->required()->type_name("CHANNEL");
+    command->add_option("--timeout", *timeout, "Seconds to wait before the process is killed [10]")
+        ->check(CLI::Range(0.0, kMaxTimeout))
+        ->type_name("SECONDS");
+    set_examples(*command, "  kvr stop EAST.WEST\n  kvr stop EAST.WEST --timeout 2\n");
+    command->callback([channel, timeout, &global] { stop(global, *channel, *timeout); });
+}
+
+} // namespace kvr

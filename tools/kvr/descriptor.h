@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: MIT
+// The fields of a message descriptor as one table: the option that sets each, its name in output, its place and width.
+#pragma once
+
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "kavro_api.h"
+
+namespace kvr {
+
+enum class FieldKind {
+    kNumber, ///< 32-bit integer
+    kText,   ///< padded with NULs and ended by one
+    kDigits, ///< text of exactly `size` - 1 digits
+    kId,     ///< bytes over the whole width: as text, or 0x and up to 64 hexadecimal digits
+    kChar,   ///< one character
+};
+
+struct DescriptorField {
+    std::string_view name;  ///< in output, and the option that sets it without its dashes
+    std::string_view label; ///< for people
+    FieldKind kind;
+    std::size_t offset; ///< in T_KAVRO_MD
+    std::size_t size;
+    std::string_view help; ///< of the option; empty: not settable by an option of its own
+};
+
+std::span<const DescriptorField> descriptor_fields();
+
+/// "MD  ", version 2, storage type KVR_STORE_DATA, the rest clear.
+T_KAVRO_MD blank_descriptor();
+/// The value for people and programs; reading it back with set_field gives the same bytes.
+std::string field_text(const T_KAVRO_MD& descriptor, const DescriptorField& field);
+/// The message id as field_text gives it.
+std::string message_id_text(const T_KAVRO_MD& descriptor);
+int field_number(const T_KAVRO_MD& descriptor, const DescriptorField& field);
+/// Throws UsageError that names the option.
+void set_field(T_KAVRO_MD& descriptor, const DescriptorField& field, const std::string& text);
+/// Copies text into a field of `size` bytes that is padded with NULs; what is too long is cut.
+void fill_text(char* target, std::size_t size, std::string_view text);
+/// The text of a field of `size` bytes, up to its first NUL.
+std::string field_string(const char* source, std::size_t size);
+
+/// 32 characters that no other message of this system has.
+std::string unique_message_id();
+/// Fills what the putter left unset: message id, put date and time (UTC), application name.
+void complete_descriptor(T_KAVRO_MD& descriptor);
+
+} // namespace kvr

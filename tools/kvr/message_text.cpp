@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: MIT
+#include "message_text.h"
+
+#include <fmt/format.h>
+
+#include "descriptor.h"
+#include "xmit_header.h"
+
+namespace kvr {
+namespace {
+
+std::string line(std::string_view label, std::string_view value) {
+    return value.empty() ? fmt::format("  {}:\n", label)
+                         : fmt::format("  {:<18}{}\n", fmt::format("{}:", label), value);
+}
+
+std::string data_text(std::string_view body, DataForm form) {
+    if (form == DataForm::kHex) {
+        return hex_dump(body);
+    }
+    if (!is_text(body)) {
+        return printable(body) + "\n";
+    }
+    return body.ends_with('\n') ? std::string(body) : std::string(body) + "\n";
+}
+
+} // namespace
+
+std::string message_text(const MessageView& message, DataForm form) {
+    const auto destination = destination_of(message.data);
+    const std::string_view body = destination ? message.data.substr(kXmitHeaderSize) : message.data;
+    std::string out = message.sequence ? fmt::format("message {}", *message.sequence) : std::string("message");
+    out += message.state.empty() ? "\n" : fmt::format(" ({})\n", message.state);
+    for (const DescriptorField& field : descriptor_fields()) {
+        out += line(field.label, printable(field_text(message.descriptor, field)));
+    }
+    out += line("destination", destination ? destination_text(*destination) : "none: no transmission header");
+    for (const std::string& path : message.attachments) {
+        out += line("attachment", printable(path));
+    }
+    out += line("data length", destination ? fmt::format("{} after a header of {}", body.size(), kXmitHeaderSize)
+                                           : std::to_string(body.size()));
+    if (form != DataForm::kNone && !body.empty()) {
+        out += "data:\n" + data_text(body, form);
+    }
+    return out;
+}
+
+Json message_json(const MessageView& message, DataForm form) {
+    const auto destination = destination_of(message.data);
+    const std::string_view body = destination ? message.data.substr(kXmitHeaderSize) : message.data;
+    Json json;
+    if (message.sequence) {
+        json["sequence"] = *message.sequence;
+    }
+    if (!message.state.empty()) {
+        json["state"] = message.state;
+    }
+    for (const DescriptorField& field : descriptor_fields()) {
+        if (field.kind == FieldKind::kNumber) {
+            json[std::string(field.name)] = field_number(message.descriptor, field);
+        } else {
+            json[std::string(field.name)] = field_text(message.descriptor, field);
+        }
+    }
+    json["destination"] = nullptr;
+    if (destination) {
+        json["destination"] = {{"queue", destination->queue}, {"qmgr", destination->qmgr}};
+    }
+    json["attachments"] = message.attachments;
+    json["length"] = body.size();
+    if (form != DataForm::kNone) {
+        const bool text = is_text(body);
+        json["data_encoding"] = text ? "text" : "base64";
+        json["data"] = text ? std::string(body) : base64(body);
+    }
+    return json;
+}
+
+} // namespace kvr

@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: MIT
+// A message as text for people and as JSON, the same for get and browse.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "kavro_api.h"
+#include "output.h"
+
+namespace kvr {
+
+struct MessageView {
+    std::optional<std::uint64_t> sequence; ///< its place on the queue, when known
+    const T_KAVRO_MD& descriptor;
+    std::span<const std::string> attachments;
+    std::string_view data;
+    std::string_view state; ///< "ready", "held", "in hand"
+};
+
+enum class DataForm {
+    kNone,
+    kText, ///< text where the data is text, otherwise escaped; base64 in JSON
+    kHex,
+};
+
+/// Every descriptor field, the transmission header, the attachments, the data.
+std::string message_text(const MessageView& message, DataForm form);
+Json message_json(const MessageView& message, DataForm form);
+
+} // namespace kvr

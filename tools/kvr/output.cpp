@@ -1,0 +1,183 @@
+// SPDX-License-Identifier: MIT
+#include "output.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include <fmt/format.h>
+
+#include "error.h"
+
+namespace kvr {
+namespace {
+
+constexpr std::size_t kHexColumns = 16;
+constexpr unsigned kByteMask = 0xFF;
+
+unsigned byte_at(std::string_view bytes, std::size_t at) {
+    return static_cast<unsigned char>(bytes[at]);
+}
+
+/// Bytes of the UTF-8 character at `at`; 0 when there is none, or when it is a control character of the second set.
+std::size_t utf8_length(std::string_view bytes, std::size_t at) {
+    const unsigned first = byte_at(bytes, at);
+    const std::size_t length = first < 0x80         ? 1
+                               : (first >> 5) == 6  ? 2
+                               : (first >> 4) == 14 ? 3
+                               : (first >> 3) == 30 ? 4
+                                                    : 0;
+    if (length == 0 || at + length > bytes.size()) {
+        return 0;
+    }
+    constexpr std::array<unsigned, 5> kLeadBits = {0, 0x7F, 0x1F, 0x0F, 0x07};
+    constexpr std::array<unsigned, 5> kSmallest = {0, 0, 0xA0, 0x800, 0x10000};
+    unsigned code = first & kLeadBits.at(length);
+    for (std::size_t i = 1; i < length; ++i) {
+        const unsigned next = byte_at(bytes, at + i);
+        if ((next & 0xC0U) != 0x80U) {
+            return 0;
+        }
+        code = (code << 6) | (next & 0x3FU);
+    }
+    const bool surrogate = code >= 0xD800 && code <= 0xDFFF;
+    return code < kSmallest.at(length) || surrogate || code > 0x10FFFF ? 0 : length;
+}
+
+bool is_number(const std::string& cell) {
+    return cell.empty() || cell == "-" || cell.find_first_not_of("0123456789.") == std::string::npos;
+}
+
+[[noreturn]] void output_failed(int error) {
+    throw Error(Errc::kIo, fmt::format("the output cannot be written ({}): check where standard output goes",
+                                       std::strerror(error)));
+}
+
+} // namespace
+
+void print(std::string_view text) {
+    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size()) {
+        output_failed(errno);
+    }
+}
+
+void print_json(const Json& value, bool line) {
+    print(value.dump(line ? -1 : 2, ' ', false, Json::error_handler_t::replace));
+    print("\n");
+}
+
+void flush_output() {
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+        output_failed(errno);
+    }
+}
+
+void remark(const std::string& text) {
+    (void)std::fprintf(stderr, "kvr: %s\n", text.c_str());
+}
+
+std::string Table::text() const {
+    std::vector<std::size_t> widths;
+    std::vector<bool> right;
+    for (std::size_t column = 0; column < headings_.size(); ++column) {
+        std::size_t width = headings_[column].size();
+        bool numbers = !rows_.empty();
+        for (const auto& cells : rows_) {
+            width = std::max(width, cells[column].size());
+            numbers = numbers && is_number(cells[column]);
+        }
+        widths.push_back(width);
+        right.push_back(numbers);
+    }
+    std::string out;
+    const auto line = [&](const std::vector<std::string>& cells) {
+        std::string text;
+        for (std::size_t column = 0; column < cells.size(); ++column) {
+            text += right[column] ? fmt::format("{:>{}}  ", cells[column], widths[column])
+                                  : fmt::format("{:<{}}  ", cells[column], widths[column]);
+        }
+        text.erase(text.find_last_not_of(' ') + 1);
+        out += text + "\n";
+    };
+    line(headings_);
+    std::for_each(rows_.begin(), rows_.end(), line);
+    return out;
+}
+
+bool is_text(std::string_view bytes) {
+    for (std::size_t at = 0; at < bytes.size();) {
+        const unsigned byte = byte_at(bytes, at);
+        const std::size_t length = utf8_length(bytes, at);
+        if (length == 0 || byte == 0x7F || (byte < 0x20 && std::strchr("\t\n\r", static_cast<int>(byte)) == nullptr) ||
+            byte == 0) {
+            return false;
+        }
+        at += length;
+    }
+    return true;
+}
+
+std::string printable(std::string_view bytes) {
+    std::string out;
+    for (std::size_t at = 0; at < bytes.size();) {
+        const unsigned byte = byte_at(bytes, at);
+        const std::size_t length = utf8_length(bytes, at);
+        if (byte == '\n' || byte == '\t' || byte == '\\') {
+            out += byte == '\n' ? "\\n" : byte == '\t' ? "\\t" : "\\\\";
+        } else if (length == 0 || byte < 0x20 || byte == 0x7F) {
+            out += fmt::format("\\x{:02X}", byte);
+        } else {
+            out.append(bytes, at, length);
+        }
+        at += std::max<std::size_t>(length, 1);
+    }
+    return out;
+}
+
+std::string base64(std::string_view bytes) {
+    constexpr std::string_view kDigits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    constexpr unsigned kSixBits = 0x3F;
+    std::string out;
+    out.reserve((bytes.size() + 2) / 3 * 4);
+    for (std::size_t at = 0; at < bytes.size(); at += 3) {
+        const std::size_t have = std::min<std::size_t>(3, bytes.size() - at);
+        unsigned group = 0;
+        for (std::size_t i = 0; i < 3; ++i) {
+            group = (group << 8) | (i < have ? byte_at(bytes, at + i) : 0);
+        }
+        for (std::size_t i = 0; i < 4; ++i) {
+            out += i <= have ? kDigits[(group >> (18 - 6 * i)) & kSixBits] : '=';
+        }
+    }
+    return out;
+}
+
+std::string hex_dump(std::string_view bytes) {
+    std::string out;
+    for (std::size_t line = 0; line < bytes.size(); line += kHexColumns) {
+        std::string hex;
+        std::string chars;
+        for (std::size_t at = line; at < std::min(line + kHexColumns, bytes.size()); ++at) {
+            const unsigned byte = byte_at(bytes, at) & kByteMask;
+            hex += fmt::format("{:02x} ", byte);
+            chars += byte >= 0x20 && byte < 0x7F ? static_cast<char>(byte) : '.';
+        }
+        out += fmt::format("{:08x}  {:<48} |{}|\n", line, hex, chars);
+    }
+    return out;
+}
+
+std::string human_size(std::uint64_t bytes) {
+    constexpr std::array<const char*, 5> kUnits = {"B", "KiB", "MiB", "GiB", "TiB"};
+    constexpr double kStep = 1024;
+    auto value = static_cast<double>(bytes);
+    std::size_t unit = 0;
+    for (; value >= kStep && unit + 1 < kUnits.size(); ++unit) {
+        value /= kStep;
+    }
+    return unit == 0 ? fmt::format("{} B", bytes) : fmt::format("{:.1f} {}", value, kUnits.at(unit));
+}
+
+} // namespace kvr

@@ -1,0 +1,210 @@
+// SPDX-License-Identifier: MIT
+#include "session.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+
+#include <sys/stat.h>
+
+#include <fmt/format.h>
+
+#include "names.h"
+#include "output.h"
+
+namespace kvr {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr mode_t kPrivateFolder = 0700;
+
+bool good_name(std::string name, std::size_t max_length, bool slash) {
+    if (slash) {
+        std::replace(name.begin(), name.end(), '/', '_');
+    }
+    try {
+        check_name("object", name, max_length);
+        return true;
+    } catch (const Error&) {
+        return false;
+    }
+}
+
+std::string checked_name(const char* what, const std::string& name, std::size_t max_length, bool slash) {
+    if (name.empty()) {
+        throw UsageError(fmt::format("the {} name is empty: give a name of 1 to {} characters", what, max_length));
+    }
+    if (name.size() > max_length) {
+        throw UsageError(fmt::format("the {} name '{}' has {} characters: use at most {}", what, printable(name),
+                                     name.size(), max_length));
+    }
+    if (!good_name(name, max_length, slash)) {
+        throw UsageError(fmt::format("'{}' cannot be a {} name: use letters, digits and . _ % -{}, not beginning with "
+                                     "a dot or a dash",
+                                     printable(name), what, slash ? " /" : ""));
+    }
+    return name;
+}
+
+} // namespace
+
+std::filesystem::path home_folder(const GlobalOptions& global, bool create) {
+    fs::path home = global.home;
+    if (home.empty()) {
+        const char* user_home = std::getenv("HOME");
+        if (user_home == nullptr || *user_home == '\0') {
+            throw UsageError("no home folder is known: give --home DIR or set KVR_HOME");
+        }
+        home = fs::path(user_home) / ".kvr";
+    }
+    home = fs::absolute(home).lexically_normal();
+    struct stat status {};
+    if (::stat(home.c_str(), &status) == 0) {
+        if (!S_ISDIR(status.st_mode)) {
+            throw Error(Errc::kInvalid, fmt::format("{} is not a folder: give another one with --home", home.native()));
+        }
+        return home;
+    }
+    if (errno != ENOENT) {
+        throw Error(Errc::kIo, fmt::format("{} cannot be read ({}): check the folder's path and owner", home.native(),
+                                           std::strerror(errno)));
+    }
+    if (!create) {
+        throw Error(Errc::kNotFound,
+                    fmt::format("{} does not exist: make a queue manager with 'kvr create QMGR', or name the right "
+                                "folder with --home",
+                                home.native()));
+    }
+    if (::mkdir(home.c_str(), kPrivateFolder) != 0) {
+        throw Error(Errc::kIo, fmt::format("{} cannot be made ({}): check the folder above it, or give --home",
+                                           home.native(), std::strerror(errno)));
+    }
+    return home;
+}
+
+std::vector<std::string> qmgr_names(const GlobalOptions& global) {
+    const fs::path home = home_folder(global);
+    std::vector<std::string> names;
+    std::error_code error;
+    for (fs::directory_iterator entry(home, error), end; !error && entry != end; entry.increment(error)) {
+        const std::string name = entry->path().filename().string();
+        std::error_code ignored;
+        if (entry->is_directory(ignored) && good_name(name, kMaxQueueName, false)) {
+            names.push_back(name);
+        }
+    }
+    if (error) {
+        throw Error(Errc::kPermission, fmt::format("{} cannot be listed ({}): check the folder's owner, or give --home",
+                                                   home.native(), error.message()));
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::string chosen_qmgr(const GlobalOptions& global) {
+    if (!global.qmgr.empty()) {
+        return checked_qmgr_name(global.qmgr);
+    }
+    const std::vector<std::string> names = qmgr_names(global);
+    if (names.empty()) {
+        throw Error(Errc::kNotFound, fmt::format("there is no queue manager in {}: make one with 'kvr create QMGR'",
+                                                 home_folder(global).native()));
+    }
+    if (names.size() > 1) {
+        throw UsageError(fmt::format("there is more than one queue manager ({}): name one with -m or KVR_QMGR",
+                                     fmt::join(names, ", ")));
+    }
+    return names.front();
+}
+
+std::shared_ptr<Store> open_store(const GlobalOptions& global) {
+    const std::string qmgr = chosen_qmgr(global);
+    const fs::path dir = home_folder(global) / qmgr;
+    std::error_code error;
+    if (!fs::exists(dir, error) && !error) {
+        throw Error(Errc::kNotFound,
+                    fmt::format("queue manager '{}' does not exist in {}: make it with 'kvr create {}'", qmgr,
+                                dir.parent_path().native(), qmgr));
+    }
+    return Store::open(dir);
+}
+
+std::string checked_qmgr_name(const std::string& name) {
+    return checked_name("queue manager", name, kMaxQueueName, false);
+}
+
+std::string checked_queue_name(const std::string& name) {
+    return checked_name("queue", name, kMaxQueueName, false);
+}
+
+std::string checked_channel_name(const std::string& name) {
+    std::string upper = checked_name("channel", name, kMaxChannelName, false);
+    std::transform(upper.begin(), upper.end(), upper.begin(),
+                   [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; });
+    return upper;
+}
+
+std::string checked_remote_name(const std::string& what, const std::string& name) {
+    return checked_name(what.c_str(), name, kMaxQueueName, true);
+}
+
+std::uint64_t parse_size(const std::string& what, const std::string& text) {
+    constexpr unsigned kKilo = 10;
+    std::uint64_t number = 0;
+    const char* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, number);
+    unsigned shift = 0;
+    bool good = error == std::errc() && rest != text.data();
+    if (good && rest != end) {
+        constexpr std::string_view kUnits = "KMG";
+        const auto unit = kUnits.find(static_cast<char>(*rest & ~0x20));
+        good = rest + 1 == end && unit != std::string_view::npos;
+        shift = good ? kKilo * static_cast<unsigned>(unit + 1) : 0;
+    }
+    if (!good || (number << shift) >> shift != number) {
+        throw UsageError(fmt::format("{} '{}' is not a size: give bytes, such as 4096, or 64K, 20M, 2G", what, text));
+    }
+    return number << shift;
+}
+
+bool object_exists(Store& store, const std::string& cls, const std::string& name) {
+    const std::vector<std::string> names = store.object_names(cls);
+    return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+void require_queue(Store& store, const std::string& queue) {
+    try {
+        (void)store.queue_info(queue);
+    } catch (const Error& error) {
+        if (error.code() != Errc::kNotFound) {
+            throw;
+        }
+        throw Error(Errc::kNotFound,
+                    fmt::format("queue '{}' does not exist in {}: make it with 'kvr define queue {}', or see "
+                                "'kvr show queue'",
+                                queue, store.qmgr(), queue));
+    }
+}
+
+void require_channel(Store& store, const std::string& channel) {
+    if (!object_exists(store, "CHL", channel)) {
+        throw Error(Errc::kNotFound,
+                    fmt::format("channel '{}' does not exist in {}: make it with 'kvr define channel {}', or see "
+                                "'kvr show channel'",
+                                channel, store.qmgr(), channel));
+    }
+}
+
+std::string dead_letter_queue(Store& store) {
+    return value_of(store.object_get("QMGR", "QMGR"), "DEADQ");
+}
+
+std::string value_of(const Attributes& attributes, const std::string& name) {
+    const auto found = attributes.find(name);
+    return found == attributes.end() ? std::string() : found->second;
+}
+
+} // namespace kvr

@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: MIT
+// From the global options to an open queue manager, and the rules for names.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "store.h"
+
+namespace kvr {
+
+/// The folder of the queue managers. With `create` it is made (0700) when it is missing.
+std::filesystem::path home_folder(const GlobalOptions& global, bool create = false);
+/// Names of the queue managers in the home folder, sorted.
+std::vector<std::string> qmgr_names(const GlobalOptions& global);
+/// The queue manager that is meant: the one named, or the only one there is. Throws UsageError, Error(kNotFound).
+std::string chosen_qmgr(const GlobalOptions& global);
+/// Opens the queue manager that is meant.
+std::shared_ptr<Store> open_store(const GlobalOptions& global);
+
+/// Names are 1 to 32 (channels 63) letters, digits and . _ % -, and begin with neither a dot nor a dash: a queue
+/// manager's name is a folder's, and no name may be taken for an option. Throw UsageError.
+std::string checked_qmgr_name(const std::string& name);
+std::string checked_queue_name(const std::string& name);
+/// The name in upper case, as the channel uses it.
+std::string checked_channel_name(const std::string& name);
+/// A name that another system has chosen: a slash is allowed as well.
+std::string checked_remote_name(const std::string& what, const std::string& name);
+
+/// "10", "64K", "20M", "2G" (powers of 1024) as bytes. Throws UsageError that names `what`.
+std::uint64_t parse_size(const std::string& what, const std::string& text);
+
+/// Throws a clear Error(kNotFound) when the queue or channel does not exist.
+void require_queue(Store& store, const std::string& queue);
+void require_channel(Store& store, const std::string& channel);
+bool object_exists(Store& store, const std::string& cls, const std::string& name);
+/// Name of the dead-letter queue, empty for none.
+std::string dead_letter_queue(Store& store);
+/// A value of an attribute, empty when unset.
+std::string value_of(const Attributes& attributes, const std::string& name);
+
+} // namespace kvr
