@@ -1,0 +1,119 @@
+// SPDX-License-Identifier: MIT
+// Child processes of a test: their end is always waited for with a deadline, and no child outlives its test.
+#pragma once
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <functional>
+#include <poll.h>
+#include <string>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utility>
+
+#include <gtest/gtest.h>
+
+namespace kvr::test {
+
+constexpr std::chrono::seconds kDeadline{30};
+
+class Child {
+  public:
+    explicit Child(pid_t pid) : pid_(pid) {}
+    ~Child() { end(); }
+    Child(Child&& other) noexcept : pid_(std::exchange(other.pid_, 0)) {}
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    /// Runs `work` in a forked child, which ends with its result.
+    static Child fork_off(const std::function<int()>& work) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            _exit(work());
+        }
+        return Child(pid);
+    }
+
+    [[nodiscard]] pid_t pid() const { return pid_; }
+
+    /// Waits for the end: exit status, or minus the signal that ended it; -1000 when it did not end (it is killed
+    /// then).
+    int result() { return result_within(kDeadline); }
+
+    /// As result(), sending `signal` again and again until the child ends.
+    int result_under(int signal) {
+        const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+        while (std::chrono::steady_clock::now() < deadline) {
+            kill(pid_, signal);
+            if (ends_within(std::chrono::milliseconds(10))) {
+                break;
+            }
+        }
+        return result_within(std::chrono::seconds(0));
+    }
+
+  private:
+    int result_within(std::chrono::milliseconds time) {
+        constexpr int kNoEnd = -1000;
+        const bool ended = ends_within(time);
+        const int status = end();
+        return !ended ? kNoEnd : WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    }
+
+    [[nodiscard]] bool ends_within(std::chrono::milliseconds time) const {
+        const int fd = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
+        pollfd entry{fd, POLLIN, 0};
+        const bool ended = poll(&entry, 1, static_cast<int>(time.count())) == 1;
+        close(fd);
+        return ended;
+    }
+
+    int end() {
+        int status = 0;
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+            }
+            pid_ = 0;
+        }
+        return status;
+    }
+
+    pid_t pid_;
+};
+
+/// A pipe on which a child tells where it is.
+class Signposts {
+  public:
+    Signposts() { EXPECT_EQ(pipe(ends_), 0); }
+    ~Signposts() {
+        close(ends_[0]);
+        close(ends_[1]);
+    }
+    Signposts(const Signposts&) = delete;
+    Signposts& operator=(const Signposts&) = delete;
+
+    [[nodiscard]] int write_end() const { return ends_[1]; }
+
+    /// Waits until the child has written this byte; false when it does not come in time.
+    [[nodiscard]] bool passed(char wanted) const {
+        for (;;) {
+            pollfd entry{ends_[0], POLLIN, 0};
+            char post = 0;
+            if (poll(&entry, 1, static_cast<int>(std::chrono::milliseconds(kDeadline).count())) != 1 ||
+                read(ends_[0], &post, 1) != 1) {
+                return false;
+            }
+            if (post == wanted) {
+                return true;
+            }
+        }
+    }
+
+  private:
+    int ends_[2]{-1, -1};
+};
+
+} // namespace kvr::test
