@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <poll.h>
-#include <sys/pidfd.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "run_lock.h"
@@ -19,10 +19,11 @@ using Clock = std::chrono::steady_clock;
 /// How long a process may take to vanish after SIGKILL; more means that the system itself is stuck.
 constexpr std::chrono::seconds kKillWait{10};
 
-/// A process that cannot be mistaken for a later one with the same id.
+/// A process that cannot be mistaken for a later one with the same id. By system call: not every C library that has the
+/// functions declares them for C++.
 class ProcessHandle {
   public:
-    explicit ProcessHandle(pid_t pid) : pid_(pid), fd_(pidfd_open(pid, 0)) {}
+    explicit ProcessHandle(pid_t pid) : pid_(pid), fd_(static_cast<int>(syscall(SYS_pidfd_open, pid, 0))) {}
     ~ProcessHandle() {
         if (fd_ >= 0) {
             close(fd_);
@@ -34,7 +35,7 @@ class ProcessHandle {
     [[nodiscard]] bool is_open() const { return fd_ >= 0; }
 
     void send(int signal) const {
-        if (pidfd_send_signal(fd_, signal, nullptr, 0) == 0 || errno == ESRCH) {
+        if (syscall(SYS_pidfd_send_signal, fd_, signal, nullptr, 0) == 0 || errno == ESRCH) {
             return;
         }
         throw Error(errno == EPERM ? Errc::kPermission : Errc::kIo,
