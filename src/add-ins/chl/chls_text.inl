@@ -14,8 +14,16 @@ static void CopyText(char* psTo, size_t iSize, const char* psFrom) {
     psTo[iLen] = '\0';
 }
 
-/// Writes a text number: 8 characters without NUL; of a longer number the first 8.
+/// Writes a text number: 8 characters without NUL; of a longer number the first 8. Three to a message, so the numbers
+/// that occur are written digit by digit.
 static void PutNum(char* psField, long lValue) {
+    if (lValue >= 0 && lValue <= KVR_CHL_NUM_MAX) {
+        for (int i = KVR_CHL_NUM_LEN - 1; i >= 0; i--) {
+            psField[i] = static_cast<char>('0' + lValue % 10);
+            lValue /= 10;
+        }
+        return;
+    }
     char sTmp[CHLS_NAME_SIZE];
     snprintf(sTmp, sizeof(sTmp), "%08ld", lValue);
     memcpy(psField, sTmp, KVR_CHL_NUM_LEN);
