@@ -271,6 +271,8 @@ Result ChannelTest::run(const std::function<void()>& body) {
             break;
         }
     }
+    host().get.clear();
+    cues_.clear();
     result.trace = trace_entries();
     for (const Entry& e : result.trace) {
         if (e.kind == kFault) {

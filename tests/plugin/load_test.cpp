@@ -91,7 +91,7 @@ TEST_F(ChannelTest, SecondLoadReplacesTheContext) {
         load();
         event(1);
     });
-    EXPECT_TRUE(in_order(r, {"4 InitEventHandler: [CH1] chltype[SNDR]", "event 1 = 0"}));
+    EXPECT_TRUE(in_order(r, {"4 [CH1] chltype[SNDR]", "event 1 = 0"}));
 }
 
 TEST_F(ChannelTest, OtherEventsAndEarlyExitDoNothing) {

@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cctype>
 #include <cerrno>
@@ -89,12 +90,12 @@ int log_line(bool by_name, char* tag, int level, const char* mod, const char* fi
     const bool net = strcmp(mod, "$net_tcp") == 0;
     char text[2100];
     vsnprintf(text, sizeof text, fmt, ap);
-    if (tag != nullptr || line <= 0 || level < 1 || level > 5 ||
+    if (tag != nullptr || line <= 0 || func == nullptr || *func == 0 || level < 1 || level > 5 ||
         strcmp(net ? "net_tcp_client" : "plug_kavro_chls", file) != 0 ||
         (!net && strcmp(mod, "$plug_kavro_chls") != 0)) {
         trace(kFault, "log line with wrong origin: %s %s:%d %s", mod, file, line, text);
     }
-    trace(net ? kNetLog : kLog, "%d %s: %s%s", level, func, text, by_name ? " (KVR_LogPrint)" : "");
+    trace(net ? kNetLog : kLog, "%d %s%s", level, text, by_name ? " (KVR_LogPrint)" : "");
     errno = EXDEV; // a log function may do so
     return 0;
 }
@@ -186,8 +187,10 @@ void trace_reset() {
 
 std::vector<Entry> trace_entries() {
     std::vector<Entry> all;
-    for (unsigned i = 0; i < shared()->used && shared()->slot[i].ready; ++i) {
-        all.push_back({shared()->slot[i].pid, shared()->slot[i].kind, shared()->slot[i].text});
+    for (unsigned i = 0; i < shared()->used; ++i) {
+        if (shared()->slot[i].ready) { // a watcher can be killed in the middle of an entry
+            all.push_back({shared()->slot[i].pid, shared()->slot[i].kind, shared()->slot[i].text});
+        }
     }
     return all;
 }
@@ -325,6 +328,18 @@ int open_descriptors() {
 bool wait_readable() {
     pollfd waited{host().sock, POLLIN, 0};
     return poll(&waited, 1, 10000) == 1;
+}
+
+bool wait_for(const std::string& text, int times) {
+    for (int i = 0; i < 10000; ++i) {
+        const auto all = trace_entries();
+        if (std::count_if(all.begin(), all.end(),
+                          [&](const Entry& e) { return e.text.find(text) != std::string::npos; }) >= times) {
+            return true;
+        }
+        poll(nullptr, 0, 1);
+    }
+    return false;
 }
 
 } // namespace kvr::test

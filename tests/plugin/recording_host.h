@@ -21,7 +21,7 @@ namespace kvr::test {
 
 /// What an entry of the trace tells of.
 enum Kind : char {
-    kLog = 'L',    ///< log line of the plug-in: "<level> <function>: <text>"
+    kLog = 'L',    ///< log line of the plug-in: "<level> <text>"
     kNetLog = 'N', ///< log line of the TCP library
     kHost = 'H',   ///< host operation with its arguments
     kSystem = 'S', ///< sleep, alarm, pipe, fork, waitpid, sigset, select
@@ -100,8 +100,10 @@ constexpr int kOptions = 2; ///< option entries in the argument table
 /// In the channel process: calls OnPlugLoad with a fresh context; raises an event and notes "event <n> = <result>".
 void load();
 int event(int id);
-/// In the channel process: open descriptors, and whether the connection's socket became readable within 10 s.
+/// In the channel process: open descriptors; waits of at most 10 s, for the connection's socket to become readable and
+/// for a text to stand in the trace so many times.
 int open_descriptors();
 bool wait_readable();
+bool wait_for(const std::string& text, int times = 1);
 
 } // namespace kvr::test

@@ -42,17 +42,17 @@ TEST_F(StartUp, StepsInOrder) {
                                                     "KVR_LogSetQMName(QM1)",
                                                     "strToUpper(ch1)",
                                                     "KVR_ObjGetAttrV(CHL CH1 XMITQ CHLTYPE HBINT DISCINT SSLCAUTH)",
-                                                    "4 InitEventHandler: [CH1] chltype[SNDR]",
-                                                    "4 InitEventHandler: HBINT[5]",
+                                                    "4 [CH1] chltype[SNDR]",
+                                                    "4 HBINT[5]",
                                                     "sigset(13)",
                                                     "sigset(14)",
                                                     "sigset(12)",
                                                     "KVR_ObjGetAttrV(CHS CH1 PID STATUS)",
-                                                    "5 InitObjStat: KVR_ObjGetAttrV[CHS][CH1] return[-1]",
+                                                    "5 KVR_ObjGetAttrV[CHS][CH1] return[-1]",
                                                     ("KVR_ObjAdd(CHS CH1 PID=" + pid + " STATUS=BINDING)").c_str(),
                                                     "KVR_ObjGetAttrV(QMGR QMGR CAFILE CERTFILE KEYFILE KEYPASS DEADQ)",
-                                                    "4 InitTcpClient: deadq[DLQ]",
-                                                    "4 InitTcpClient: ca[ca] cert[cert] key[key] keypass[pw]",
+                                                    "4 deadq[DLQ]",
+                                                    "4 ca[ca] cert[cert] key[key] keypass[pw]",
                                                     "KVR_QueOpen(XQ)",
                                                     "event 1 = 0",
                                                     "SIGPIPE ignored"}));
@@ -80,22 +80,22 @@ void script(Host& h, const char* op, Hook hook) {
 const Failure kFailures[] = {
     {"Context",
      [](Host& h) { script(h, "KVR_InitQmgrCtx", failing(-3)); },
-     {"1 InitEventHandler: KVR_InitQmgrCtx[-3]"},
+     {"1 KVR_InitQmgrCtx[-3]"},
      "KVR_InitQmgrCtx(zeroed QM1)",
      false},
     {"Definition",
      [](Host& h) { h.objects.erase("CHL/CH1"); },
-     {"1 InitEventHandler: KVR_ObjGetAttrV[CHL][CH1] return[-1]"},
+     {"1 KVR_ObjGetAttrV[CHL][CH1] return[-1]"},
      "KVR_ObjGetAttrV(CHL CH1 XMITQ CHLTYPE HBINT DISCINT SSLCAUTH)",
      false},
     {"OtherType",
      [](Host& h) { h.objects["CHL/CH1"]["CHLTYPE"] = "RCVR"; },
-     {"1 InitEventHandler: [CH1] chltype[RCVR] fault"},
+     {"1 [CH1] chltype[RCVR] fault"},
      "KVR_ObjGetAttrV(CHL CH1 XMITQ CHLTYPE HBINT DISCINT SSLCAUTH)",
      false},
     {"NoType",
      [](Host& h) { h.objects["CHL/CH1"].erase("CHLTYPE"); },
-     {"1 InitEventHandler: [CH1] chltype[] fault"},
+     {"1 [CH1] chltype[] fault"},
      "KVR_ObjGetAttrV(CHL CH1 XMITQ CHLTYPE HBINT DISCINT SSLCAUTH)",
      false},
     {"AlarmHandler",
@@ -103,7 +103,7 @@ const Failure kFailures[] = {
          script(h, "sigset",
                 [](const Call& c) { return c.a == SIGALRM ? failing(-1, 1, 99, EINVAL)(c) : std::nullopt; });
      },
-     {"1 InitEventHandler: sigset SIGALRM error:[22][Invalid argument]"},
+     {"1 sigset SIGALRM error:[22][Invalid argument]"},
      "sigset(14)",
      false},
     {"LineLossHandler",
@@ -111,12 +111,12 @@ const Failure kFailures[] = {
          script(h, "sigset",
                 [](const Call& c) { return c.a == SIGUSR2 ? failing(-1, 1, 99, EINVAL)(c) : std::nullopt; });
      },
-     {"1 InitEventHandler: sigset SIGUSR2 error:[22][Invalid argument]"},
+     {"1 sigset SIGUSR2 error:[22][Invalid argument]"},
      "sigset(12)",
      false},
     {"StatusCreate",
      [](Host& h) { script(h, "KVR_ObjAdd", failing(-5)); },
-     {"1 InitObjStat: KVR_ObjAdd[CHS][CH1] return[-5]", "1 InitEventHandler: AddObjStat[CH1] return[-10002]"},
+     {"1 KVR_ObjAdd[CHS][CH1] return[-5]", "1 AddObjStat[CH1] return[-10002]"},
      "",
      false},
     {"StatusClaim",
@@ -124,17 +124,17 @@ const Failure kFailures[] = {
          h.objects["CHS/CH1"] = {{"PID", "-1"}, {"STATUS", "STOPED"}};
          script(h, "KVR_ObjSetAttrV", failing(-6));
      },
-     {"1 InitObjStat: KVR_ObjSetAttrV[CHS][CH1] return[-6]", "1 InitEventHandler: AddObjStat[CH1] return[-10002]"},
+     {"1 KVR_ObjSetAttrV[CHS][CH1] return[-6]", "1 AddObjStat[CH1] return[-10002]"},
      "",
      false},
     {"ManagerSettings",
      [](Host& h) { h.objects.erase("QMGR/QMGR"); },
-     {"1 InitTcpClient: KVR_ObjGetAttrV[QMGR] [QMGR] return[-1]", "1 InitEventHandler: InitTcpClient return[-10002]"},
+     {"1 KVR_ObjGetAttrV[QMGR] [QMGR] return[-1]", "1 InitTcpClient return[-10002]"},
      "KVR_ObjGetAttrV(QMGR QMGR CAFILE CERTFILE KEYFILE KEYPASS DEADQ)",
      true},
     {"TransmissionQueue",
      [](Host& h) { script(h, "KVR_QueOpen", failing(-8)); },
-     {"1 InitEventHandler: KVR_QueOpen[XQ] return[-8]"},
+     {"1 KVR_QueOpen[XQ] return[-8]"},
      "KVR_QueOpen(XQ)",
      true},
 };
@@ -194,7 +194,7 @@ TEST_F(StartUp, ChannelNames) {
         });
         EXPECT_EQ(r.count(c.accepted ? "event 1 = 0" : "event 1 = -10002"), 1) << r.dump();
         if (!c.accepted) {
-            EXPECT_THAT(r.lines("L"), testing::ElementsAre(HasSubstr("1 InitEventHandler: ")));
+            EXPECT_THAT(r.lines("L"), testing::ElementsAre(HasSubstr("1 ")));
             EXPECT_EQ(r.count("KVR_ObjGetAttrV"), 0);
         }
     }
@@ -223,15 +223,14 @@ TEST_F(StartUp, ClaimsTheStatusObjectUnlessALiveProcessHoldsIt) {
         host().objects["CHS/CH1"] = {{"STATUS", c.status}, {"PID", c.pid}};
         const Result r = start_and_stop();
         EXPECT_TRUE(in_order(r, {"KVR_ObjGetAttrV(CHS CH1 PID STATUS)",
-                                 std::string("5 InitObjStat: CH1 stat [") + c.status + "] pid[" + c.pid + "]"}));
+                                 std::string("5 CH1 stat [") + c.status + "] pid[" + c.pid + "]"}));
         if (c.claimed) {
             EXPECT_TRUE(
                 in_order(r, {"KVR_ObjSetAttrV(CHS CH1 PID=" + std::to_string(r.pid) + " STATUS=BINDING)", "event 1 = 0",
                              "KVR_ObjSetAttrV(CHS CH1 PID=-1 STATUS=STOPED)", "KVR_QueClose(XQ XQ)", "event 4 = 0"}));
         } else {
-            EXPECT_TRUE(
-                in_order(r, {"1 InitObjStat: CH1 stat[" + std::string(c.status) + "] pid[" + c.pid + "]",
-                             "1 InitEventHandler: AddObjStat[CH1] return[-10002]", "event 1 = -10002", "event 4 = 0"}));
+            EXPECT_TRUE(in_order(r, {"1 CH1 stat[" + std::string(c.status) + "] pid[" + c.pid + "]",
+                                     "1 AddObjStat[CH1] return[-10002]", "event 1 = -10002", "event 4 = 0"}));
             EXPECT_EQ(r.count("KVR_ObjSetAttrV"), 0) << "another process's status was written";
         }
     }
@@ -243,8 +242,8 @@ TEST_F(StartUp, SecondStartUpOfALiveChannelIsRefused) {
         event(1);
         event(1);
     });
-    EXPECT_TRUE(in_order(
-        r, {"event 1 = 0", "1 InitObjStat: CH1 stat[BINDING] pid[" + std::to_string(r.pid) + "]", "event 1 = -10002"}));
+    EXPECT_TRUE(
+        in_order(r, {"event 1 = 0", "1 CH1 stat[BINDING] pid[" + std::to_string(r.pid) + "]", "event 1 = -10002"}));
 }
 
 TEST_F(StartUp, SettingsAreReadByTheRulesOfTheirTexts) {
@@ -265,12 +264,11 @@ TEST_F(StartUp, SettingsAreReadByTheRulesOfTheirTexts) {
         qmgr() = {{"KEYPASS", "pw"}}; // no files: a TLS channel cannot get as far as its status
         const Result r = run_channel();
         EXPECT_TRUE(
-            in_order(r, {std::string("4 InitEventHandler: [CH1] chltype[") + c.type + "]",
-                         "4 InitEventHandler: HBINT[" + std::to_string(c.seconds) + "]", "4 InitTcpClient: deadq[]",
-                         "4 InitTcpClient: ca[] cert[] key[] keypass[pw]", "event 1 = 0"}));
+            in_order(r, {std::string("4 [CH1] chltype[") + c.type + "]", "4 HBINT[" + std::to_string(c.seconds) + "]",
+                         "4 deadq[]", "4 ca[] cert[] key[] keypass[pw]", "event 1 = 0"}));
         if (c.tls) {
-            EXPECT_THAT(r.lines("L"), Contains(testing::StartsWith("1 Connect2Lsr: tcpclient init error[-1:")));
-            EXPECT_TRUE(in_order(r, {"1 OnRunEventHandler: SndrNetInit error[-1]", "event 2 = -10002"}));
+            EXPECT_THAT(r.lines("L"), Contains(testing::StartsWith("1 tcpclient init error[-1:")));
+            EXPECT_TRUE(in_order(r, {"1 SndrNetInit error[-1]", "event 2 = -10002"}));
             EXPECT_EQ(r.count("STATUS=RETRYING"), 0);
         } else {
             EXPECT_THAT(r.lines("S"), Contains("alarm(" + std::to_string(c.seconds) + ")"));
