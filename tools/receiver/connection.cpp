@@ -1,0 +1,425 @@
+// SPDX-License-Identifier: MIT
+#include "connection.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include <fmt/format.h>
+#include <poll.h>
+
+#include "listen_log.h"
+#include "wire_fields.h"
+
+namespace kvr {
+
+namespace {
+
+constexpr std::chrono::seconds kRetryPause{1};     ///< between tries to store what found no room
+constexpr std::chrono::seconds kDropTime{5};       ///< for the peer to notice an end of stream on purpose
+constexpr std::chrono::milliseconds kRateTick{20}; ///< how often a slow reader reads
+
+AwkwardOptions switches_for(const ListenerOptions& options, std::uint64_t id) {
+    return options.awkward.first == 0 || id <= options.awkward.first ? options.awkward : AwkwardOptions{};
+}
+
+bool room_may_return(int error) {
+    return error == ENOSPC || error == EDQUOT;
+}
+
+} // namespace
+
+Connection::Connection(std::uint64_t id, UniqueFd fd, std::string peer, ListenerContext& context)
+    : id_(id), peer_(std::move(peer)), context_(context), stream_(std::move(fd), context.tls),
+      awkward_(switches_for(context.options, id)), started_(Clock::now()), last_bytes_(started_),
+      deadline_(started_ + std::chrono::seconds(context.options.handshake_seconds)) {
+    listen_log(fmt::format("connection {} from {}", id_, peer_));
+    context_.journal.add("connect", id_, fmt::format(R"("peer":"{}")", peer_));
+    if (context_.journal.enabled()) {
+        digest_ = std::make_unique<Sha256>();
+    }
+    if (awkward_.no_handshake) {
+        state_ = State::kSilent;
+    } else if (context.tls == nullptr) {
+        state_ = State::kOpen;
+        reach_switch(started_);
+    }
+}
+
+short Connection::events(Clock::time_point now) const {
+    switch (state_) {
+    case State::kHandshake:
+        return static_cast<short>(want_write_ ? POLLOUT : POLLIN);
+    case State::kOpen:
+    case State::kDraining:
+    case State::kDropping:
+        return static_cast<short>(paused_ || read_limit(now) == 0 ? 0 : POLLIN);
+    case State::kSilent:
+        return POLLRDHUP;
+    case State::kClosed:
+        break;
+    }
+    return 0;
+}
+
+Clock::time_point Connection::next_timer() const {
+    Clock::time_point next = ticket_at_;
+    if (state_ == State::kDraining || state_ == State::kDropping ||
+        (state_ != State::kSilent && state_ != State::kClosed && channel_.empty())) {
+        next = std::min(next, deadline_);
+    }
+    if (paused_) {
+        next = std::min(next, retry_at_);
+    } else if (awkward_.read_rate != 0 && reading()) {
+        next = std::min(next, Clock::now() + kRateTick);
+    }
+    return next;
+}
+
+void Connection::work(Clock::time_point now, short ready, bool may_read) {
+    check_timers(now);
+    if (state_ == State::kSilent && (ready & (POLLRDHUP | POLLHUP | POLLERR)) != 0) {
+        close("the peer went away");
+    }
+    if (state_ == State::kHandshake && ready != 0 && may_read) {
+        shake_hands(now);
+    }
+    if (paused_ && now >= retry_at_ && may_read) {
+        resume(now);
+    }
+    if (reading() && !paused_ && may_read && (ready != 0 || stream_.pending())) {
+        read(now);
+    }
+}
+
+void Connection::check_timers(Clock::time_point now) {
+    if (now >= ticket_at_) {
+        ticket_at_ = Clock::time_point::max();
+        stream_.send_ticket();
+    }
+    if (now < deadline_) {
+        return;
+    }
+    if (state_ == State::kDraining || state_ == State::kDropping) {
+        close("the peer did not end the connection in time");
+    } else if ((state_ == State::kHandshake || state_ == State::kOpen) && channel_.empty()) {
+        close(fmt::format("no bind frame within {} seconds", context_.options.handshake_seconds));
+    }
+}
+
+void Connection::shake_hands(Clock::time_point now) {
+    const StreamEnd end = stream_.handshake();
+    want_write_ = end == StreamEnd::kWantWrite;
+    if (end == StreamEnd::kDone) {
+        state_ = State::kOpen;
+        listen_log(fmt::format("connection {}: {}", id_, stream_.description()));
+        context_.journal.add("tls", id_, fmt::format(R"("session":"{}")", stream_.description()));
+        if (context_.options.tls.late_ticket_ms >= 0) {
+            ticket_at_ = now + std::chrono::milliseconds(context_.options.tls.late_ticket_ms);
+        }
+        reach_switch(now);
+    } else if (end != StreamEnd::kWantRead && end != StreamEnd::kWantWrite) {
+        close(fmt::format("TLS handshake failed: {}", stream_.error().empty() ? "end of stream" : stream_.error()));
+    }
+}
+
+std::size_t Connection::read_limit(Clock::time_point now) const {
+    std::uint64_t limit = ListenerContext::kChunk;
+    if (state_ == State::kDropping) {
+        return limit;
+    }
+    for (const auto& at : {awkward_.close_after, awkward_.reset_after, awkward_.stall_after}) {
+        if (at) {
+            limit = std::min(limit, *at - received_);
+        }
+    }
+    if (awkward_.read_rate != 0) {
+        const double seconds = std::chrono::duration<double>(now - started_).count();
+        const auto allowed = static_cast<std::uint64_t>(seconds * static_cast<double>(awkward_.read_rate));
+        limit = allowed > received_ ? std::min(limit, allowed - received_) : 0;
+    }
+    return limit;
+}
+
+void Connection::read(Clock::time_point now) {
+    const std::size_t limit = read_limit(now);
+    if (limit == 0) {
+        return;
+    }
+    const std::span<char> room = std::span(context_.chunk).first(limit);
+    std::size_t filled = 0;
+    StreamEnd end = StreamEnd::kDone;
+    do {
+        std::size_t count = 0;
+        end = stream_.read(room.subspan(filled), count);
+        filled += count;
+        // A TLS read gives one record at most: small pieces are gathered.
+    } while (end == StreamEnd::kDone && filled < limit && context_.tls != nullptr);
+    if (filled > 0) {
+        last_bytes_ = now;
+        received_ += filled;
+        context_.bytes += filled;
+        if (state_ != State::kDropping) {
+            feed(room.first(filled), now);
+            reach_switch(now);
+        }
+    }
+    if (!reading() || end == StreamEnd::kDone || end == StreamEnd::kWantRead || end == StreamEnd::kWantWrite) {
+        return;
+    }
+    if (paused_) {
+        return; // the end of the stream is seen again when the bytes before it are stored
+    }
+    close(end == StreamEnd::kEof ? "the peer ended the connection" : "reading failed: " + stream_.error());
+}
+
+void Connection::reach_switch(Clock::time_point now) {
+    if (state_ != State::kOpen) {
+        return;
+    }
+    if (awkward_.reset_after == received_) {
+        stream_.reset_on_close();
+        close(fmt::format("reset on purpose after {} bytes", received_));
+    } else if (awkward_.close_after == received_) {
+        stream_.finish_sending(awkward_.close_notify);
+        state_ = State::kDropping;
+        deadline_ = now + kDropTime;
+        listen_log(fmt::format("connection {}: end of stream on purpose after {} bytes", id_, received_));
+    } else if (awkward_.stall_after == received_) {
+        state_ = State::kSilent;
+        listen_log(fmt::format("connection {}: stalled on purpose after {} bytes", id_, received_));
+    }
+}
+
+void Connection::feed(std::span<const char> bytes, Clock::time_point now) {
+    const FeedEnd end = splitter_.feed(bytes, *this);
+    switch (end) {
+    case FeedEnd::kHungry:
+        return;
+    case FeedEnd::kPaused:
+        // `bytes` lies in the shared chunk or at the end of left_ itself.
+        left_ = std::vector<char>(bytes.begin(), bytes.end());
+        pause(no_room_told_ ? now + kRetryPause : now);
+        return;
+    case FeedEnd::kStopped:
+        close(stop_reason_);
+        return;
+    case FeedEnd::kBroken:
+        close(fmt::format("malformed stream at byte {}: {}", splitter_.error().offset, splitter_.error().reason));
+        return;
+    }
+}
+
+void Connection::pause(Clock::time_point retry) {
+    paused_ = true;
+    retry_at_ = retry;
+}
+
+void Connection::resume(Clock::time_point now) {
+    paused_ = false;
+    if (complete_waits_ && !store_files()) {
+        if (complete_waits_) {
+            pause(now + kRetryPause);
+        } else {
+            close(stop_reason_);
+        }
+        return;
+    }
+    const std::vector<char> bytes = std::exchange(left_, {});
+    feed(bytes, now);
+    if (!paused_ && no_room_told_) {
+        no_room_told_ = false;
+        listen_log(fmt::format("connection {}: files can be stored again", id_));
+    }
+}
+
+void Connection::drain(Clock::time_point deadline) {
+    if (state_ != State::kOpen || channel_.empty()) {
+        close("the listener stops");
+        return;
+    }
+    // No closing alert: the peer would not read it, and a close with unread bytes resets the connection.
+    stream_.finish_sending(awkward_.close_notify);
+    state_ = State::kDraining;
+    deadline_ = deadline;
+}
+
+void Connection::close(const std::string& reason) {
+    if (state_ == State::kClosed) {
+        return;
+    }
+    state_ = State::kClosed;
+    const bool by_peer = stop_reason_.empty() && splitter_.error().reason.empty();
+    const std::string cut =
+        by_peer && !splitter_.at_boundary() ? fmt::format(", cut {}: discarded", splitter_.position()) : "";
+    listen_log(fmt::format("connection {}: {}{}; {} messages, {} bytes{}{}", id_, reason, cut, messages_, received_,
+                           channel_.empty() ? "" : ", channel ", channel_));
+    context_.journal.add("end", id_,
+                         fmt::format(R"("reason":"{}","whole":{},"messages":{},"bytes":{})", escaped(reason),
+                                     splitter_.at_boundary(), messages_, received_));
+    files_.clear();
+    for (const std::string& file : message_.files) {
+        context_.spool->remove(file);
+    }
+    message_.files.clear();
+}
+
+bool Connection::stop(std::string reason) {
+    stop_reason_ = std::move(reason);
+    return false;
+}
+
+bool Connection::on_bind(std::string_view channel) {
+    channel_ = escaped(channel);
+    listen_log(fmt::format("connection {}: bound by channel {}", id_, channel_));
+    context_.journal.add("bind", id_, fmt::format(R"("channel":"{}")", channel_));
+    if (awkward_.send > 0) {
+        stream_.send_some(std::string(awkward_.send, 'x'));
+    }
+    return true;
+}
+
+bool Connection::on_heartbeat() {
+    context_.journal.add("heartbeat", id_, "");
+    return true;
+}
+
+bool Connection::on_message(const WireMessage& message) {
+    message_ = {};
+    message_.connection = id_;
+    message_.queue = message.queue;
+    message_.descriptor = message.descriptor;
+    if (!context_.delivery.has_home(message_.queue)) {
+        return stop(fmt::format("no queue '{}' and no dead-letter queue (DEADQ of the queue manager): define one of "
+                                "them; the message is dropped",
+                                escaped(message_.queue)));
+    }
+    is_file_ = message.is_file();
+    body_length_ = message.body.size();
+    if (digest_) {
+        digest_->add(message.body);
+        body_digest_ = digest_->finish();
+    }
+    files_.clear();
+    facts_.clear();
+    if (context_.spool != nullptr && !is_file_) {
+        message_.data.assign(message.body.begin(), message.body.end());
+    }
+    const auto expect_file = [this](std::string_view name) {
+        facts_.push_back({std::string(name), {}, 0, {}});
+        if (context_.spool != nullptr) {
+            files_.emplace_back(*context_.spool, std::string(name));
+        }
+    };
+    std::for_each(message.attachments.begin(), message.attachments.end(), expect_file);
+    if (is_file_) {
+        expect_file(message.file_name);
+    }
+    return true;
+}
+
+bool Connection::on_file_begin(std::size_t index, std::uint64_t length) {
+    facts_[index].length = length;
+    current_file_ = index;
+    return true;
+}
+
+Flow Connection::on_file_bytes(std::span<const char>& bytes) {
+    const std::span<const char> offered = bytes;
+    IncomingFile::Write end = IncomingFile::Write::kDone;
+    if (context_.spool != nullptr) {
+        end = files_[current_file_].write(bytes);
+    } else {
+        bytes = {};
+    }
+    if (digest_) {
+        digest_->add(offered.first(offered.size() - bytes.size()));
+    }
+    if (end == IncomingFile::Write::kDone) {
+        return Flow::kGoOn;
+    }
+    const int error = files_[current_file_].error();
+    if (end == IncomingFile::Write::kFailed) {
+        stop(fmt::format("cannot store a file of a message [{}:{}]; the message is dropped", error,
+                         std::strerror(error)));
+        return Flow::kStop;
+    }
+    tell_no_room(error);
+    return Flow::kPause;
+}
+
+bool Connection::on_file_end() {
+    if (digest_) {
+        facts_[current_file_].digest = digest_->finish();
+    }
+    if (context_.spool != nullptr && !files_[current_file_].finish()) {
+        const int error = files_[current_file_].error();
+        return stop(fmt::format("cannot sync a file of a message [{}:{}]; the message is dropped", error,
+                                std::strerror(error)));
+    }
+    return true;
+}
+
+Flow Connection::on_message_complete() {
+    if (!store_files()) {
+        return complete_waits_ ? Flow::kPause : Flow::kStop;
+    }
+    return context_.delivery.full() && !context_.delivery.flush() ? Flow::kPause : Flow::kGoOn;
+}
+
+void Connection::tell_no_room(int error) {
+    if (!no_room_told_) {
+        listen_log(fmt::format("connection {}: no room for a file [{}:{}], reading stops until there is", id_, error,
+                               std::strerror(error)));
+    }
+    no_room_told_ = true;
+}
+
+/// Gives the files of the complete message their names and hands the message over. False: it waits for room
+/// (complete_waits_) or cannot be stored.
+bool Connection::store_files() {
+    complete_waits_ = false;
+    for (std::size_t i = message_.files.size(); i < files_.size(); ++i) {
+        std::string path = files_[i].publish();
+        if (path.empty()) {
+            const int error = files_[i].error();
+            complete_waits_ = room_may_return(error);
+            if (complete_waits_) {
+                tell_no_room(error);
+                return false;
+            }
+            return stop(fmt::format("cannot name a file of a message [{}:{}]; the message is dropped", error,
+                                    std::strerror(error)));
+        }
+        facts_[i].path = path;
+        message_.files.push_back(std::move(path));
+    }
+    files_.clear();
+    message_.attachments = message_.files;
+    if (is_file_ && !message_.files.empty()) {
+        message_.data.assign(message_.files.back().begin(), message_.files.back().end());
+        message_.attachments.pop_back();
+    }
+    ++messages_;
+    ++context_.messages;
+    if (context_.journal.enabled()) {
+        message_.journal = message_facts();
+    }
+    context_.delivery.add(std::move(message_));
+    return true;
+}
+
+std::string Connection::message_facts() const {
+    std::string text = fmt::format(
+        R"("seq":{},"channel":"{}","queue":"{}","msgid":"{}","type":{},"code":{},"flags":{},"file_message":{},)"
+        R"("length":{},"sha256":"{}","files":[)",
+        messages_, channel_, escaped(message_.queue), escaped_field(message_.descriptor.sMsgId),
+        message_.descriptor.iMsgType, message_.descriptor.iMsgCode, message_.descriptor.iMsgFlags, is_file_,
+        body_length_, body_digest_);
+    for (const FileFacts& file : facts_) {
+        text += fmt::format(R"({}{{"name":"{}","path":"{}","length":{},"sha256":"{}"}})", text.back() == '[' ? "" : ",",
+                            escaped(file.name), escaped(file.path), file.length, file.digest);
+    }
+    return text + "]";
+}
+
+} // namespace kvr

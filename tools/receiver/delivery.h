@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: MIT
+// Puts received messages on the queues of the receiver's store, in groups, each queue's messages in the order in which
+// they came.
+//
+// A group is bounded in count and bytes here and in time by the listener. One put of the store is one synced
+// transaction, so a group costs one sync per queue. Order of durability for a group: the spool's folder, the store, the
+// journal. A message for a queue that does not exist goes to the queue manager's dead-letter queue, preceded by a
+// transmission header that says where it was meant to go. Without a store messages are counted and dropped.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "journal.h"
+#include "kavro_api.h"
+#include "spool.h"
+#include "store.h"
+
+namespace kvr {
+
+struct ReceivedMessage {
+    std::uint64_t connection;
+    std::string queue; ///< as the frame named it
+    T_KAVRO_MD descriptor;
+    std::vector<char> data;               ///< of a file message: the path in the spool
+    std::vector<std::string> attachments; ///< paths in the spool
+    std::vector<std::string> files;       ///< all files of the message, in the spool
+    std::string journal;                  ///< members of its journal line
+};
+
+class Delivery {
+  public:
+    static constexpr std::size_t kMaxMessages = 256;
+    static constexpr std::size_t kMaxBytes = 4U << 20U;
+
+    /// @param store  null: messages are dropped
+    /// @param spool  null only without a store
+    Delivery(std::shared_ptr<Store> store, Spool* spool, Journal& journal);
+    /// Removes the files of messages that were not delivered.
+    ~Delivery();
+    Delivery(const Delivery&) = delete;
+    Delivery& operator=(const Delivery&) = delete;
+
+    /// Whether a message for this queue would find a queue to lie on. Asked before anything of it is kept.
+    bool has_home(const std::string& queue);
+    void add(ReceivedMessage message);
+    /// Delivers the group. False: the store cannot take it for now (logged once); try again later.
+    bool flush();
+
+    [[nodiscard]] bool full() const { return group_.size() >= kMaxMessages || bytes_ >= kMaxBytes; }
+    [[nodiscard]] bool empty() const { return group_.empty(); }
+    [[nodiscard]] bool blocked() const { return blocked_; }
+    [[nodiscard]] std::size_t waiting() const { return group_.size(); }
+    [[nodiscard]] std::uint64_t delivered() const { return delivered_; }
+    [[nodiscard]] std::uint64_t dead_lettered() const { return dead_lettered_; }
+    /// Connections of which a message was lost because its queue vanished at the last moment; they have to be closed.
+    std::vector<std::uint64_t> take_failed();
+
+  private:
+    enum class Home { kQueue, kDeadLetter, kNone };
+    struct Queued {
+        ReceivedMessage message;
+        std::string home; ///< where it will lie
+    };
+
+    Home find_home(const std::string& queue, std::string& name);
+    void address_dead_letter(Queued& queued);
+    void put_group(const std::string& home);
+    void put(const std::string& home, const std::vector<Queued*>& messages);
+    void refuse(Queued& queued, const Error& error);
+    void done(const Queued& queued);
+    void discard();
+
+    std::shared_ptr<Store> store_;
+    Spool* spool_;
+    Journal& journal_;
+    std::vector<Queued> group_;
+    std::size_t bytes_ = 0;
+    std::map<std::string, bool> known_; ///< queues looked up for this group
+    std::vector<std::uint64_t> failed_;
+    bool blocked_ = false;
+    std::uint64_t delivered_ = 0;
+    std::uint64_t dead_lettered_ = 0;
+};
+
+} // namespace kvr

@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: MIT
+// The listener's journal: a file of JSON lines, one per event, for whoever has to account for each message. A message's
+// line is written after the store has taken the message. Texts from outside appear with %XX for anything but plain
+// ASCII. Without a path nothing is written.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+#include "unique_fd.h"
+
+namespace kvr {
+
+class Journal {
+  public:
+    /// Opens the file for appending (0600). Throws kvr::Error(kIo).
+    explicit Journal(const std::filesystem::path& path);
+
+    [[nodiscard]] bool enabled() const { return static_cast<bool>(fd_); }
+    /// @param members JSON members without braces, such as `"channel":"A"`; may be empty
+    void add(std::string_view event, std::uint64_t connection, std::string_view members);
+    /// Hands the lines to the system. What cannot be written is kept for the next time, within a bound.
+    void flush();
+
+  private:
+    UniqueFd fd_;
+    std::string lines_;
+    bool failing_ = false;
+};
+
+} // namespace kvr

@@ -1,0 +1,225 @@
+// SPDX-License-Identifier: MIT
+#include "tls_server.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+
+#include <fmt/format.h>
+#include <openssl/err.h>
+#include <openssl/x509.h>
+#include <sys/socket.h>
+
+#include "error.h"
+#include "wire_fields.h"
+
+namespace kvr {
+
+namespace {
+
+/// Why the last OpenSSL operation failed; empties the error queue.
+std::string openssl_reason() {
+    std::string text;
+    for (unsigned long code = ERR_get_error(); code != 0; code = ERR_get_error()) {
+        const char* const reason = ERR_reason_error_string(code);
+        text +=
+            (text.empty() ? "" : "; ") + (reason != nullptr ? std::string(reason) : fmt::format("error {:x}", code));
+    }
+    return text.empty() ? "no reason given" : text;
+}
+
+void require(bool done, const std::string& what) {
+    if (!done) {
+        throw Error(Errc::kInvalid, fmt::format("{}: {}", what, openssl_reason()));
+    }
+}
+
+int version_number(const std::string& text) {
+    if (text == "1.2") {
+        return TLS1_2_VERSION;
+    }
+    if (text == "1.3") {
+        return TLS1_3_VERSION;
+    }
+    throw Error(Errc::kInvalid, fmt::format("TLS version '{}' is unknown: use 1.2 or 1.3", escaped(text)));
+}
+
+std::string first_line(const std::filesystem::path& path) {
+    std::ifstream file(path);
+    std::string line;
+    if (!file || (!std::getline(file, line) && !file.eof())) {
+        throw Error(Errc::kIo, fmt::format("cannot read the pass phrase file {}", escaped(path.native())));
+    }
+    return line;
+}
+
+/// Never asks on the terminal: without a pass phrase the key does not open.
+int give_pass_phrase(char* buffer, int size, int /*writing*/, void* user) {
+    const auto* const phrase = static_cast<const std::string*>(user);
+    if (phrase->size() > static_cast<std::size_t>(size)) {
+        return -1;
+    }
+    std::memcpy(buffer, phrase->data(), phrase->size());
+    return static_cast<int>(phrase->size());
+}
+
+} // namespace
+
+TlsServer::TlsServer(const TlsOptions& options) : context_(SSL_CTX_new(TLS_server_method())) {
+    ERR_clear_error();
+    SSL_CTX* const context = context_.get();
+    require(context != nullptr, "cannot set TLS up");
+    if (options.cert.empty()) {
+        throw Error(Errc::kInvalid, "TLS needs a certificate: give one with --cert");
+    }
+    require(SSL_CTX_set_min_proto_version(context, version_number(options.min_version)) == 1 &&
+                SSL_CTX_set_max_proto_version(context, version_number(options.max_version)) == 1,
+            "the TLS versions do not go together");
+    std::string phrase = options.key_pass_file.empty() ? std::string() : first_line(options.key_pass_file);
+    SSL_CTX_set_default_passwd_cb(context, give_pass_phrase);
+    SSL_CTX_set_default_passwd_cb_userdata(context, &phrase);
+    require(SSL_CTX_use_certificate_chain_file(context, options.cert.c_str()) == 1,
+            fmt::format("cannot use the certificate {}", escaped(options.cert.native())));
+    const std::filesystem::path& key = options.key.empty() ? options.cert : options.key;
+    require(SSL_CTX_use_PrivateKey_file(context, key.c_str(), SSL_FILETYPE_PEM) == 1 &&
+                SSL_CTX_check_private_key(context) == 1,
+            fmt::format("cannot use the key {} with the certificate {}", escaped(key.native()),
+                        escaped(options.cert.native())));
+    SSL_CTX_set_default_passwd_cb_userdata(context, nullptr);
+    OPENSSL_cleanse(phrase.data(), phrase.size());
+    if (!options.ca.empty()) {
+        require(SSL_CTX_load_verify_locations(context, options.ca.c_str(), nullptr) == 1,
+                fmt::format("cannot use the CA file {}", escaped(options.ca.native())));
+        SSL_CTX_set_client_CA_list(context, SSL_load_client_CA_file(options.ca.c_str()));
+    }
+    if (options.client_cert != ClientCert::kNone) {
+        if (options.ca.empty()) {
+            throw Error(Errc::kInvalid, "checking client certificates needs a CA file: give one with --ca");
+        }
+        SSL_CTX_set_verify(
+            context,
+            SSL_VERIFY_PEER |
+                (options.client_cert == ClientCert::kRequired ? SSL_VERIFY_FAIL_IF_NO_PEER_CERT : SSL_VERIFY_NONE),
+            nullptr);
+        static constexpr unsigned char kSessionIdContext[] = "kvr";
+        require(SSL_CTX_set_session_id_context(context, kSessionIdContext, sizeof kSessionIdContext - 1) == 1,
+                "cannot set TLS up");
+    }
+    require(options.tickets >= 0 && SSL_CTX_set_num_tickets(context, static_cast<std::size_t>(options.tickets)) == 1,
+            "the number of session tickets does not go");
+    SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
+    // Idle connections hold no record buffers.
+    SSL_CTX_set_mode(context, SSL_MODE_RELEASE_BUFFERS | SSL_MODE_ENABLE_PARTIAL_WRITE);
+}
+
+StreamEnd Stream::judge(int result) {
+    switch (SSL_get_error(ssl_.get(), result)) {
+    case SSL_ERROR_WANT_READ:
+        return StreamEnd::kWantRead;
+    case SSL_ERROR_WANT_WRITE:
+        return StreamEnd::kWantWrite;
+    case SSL_ERROR_ZERO_RETURN:
+        return StreamEnd::kEof;
+    case SSL_ERROR_SYSCALL:
+        error_ = errno == 0 ? std::string("end of stream") : fmt::format("[{}:{}]", errno, std::strerror(errno));
+        return StreamEnd::kFailed;
+    default:
+        break;
+    }
+    if (ERR_GET_REASON(ERR_peek_error()) == SSL_R_UNEXPECTED_EOF_WHILE_READING) {
+        ERR_clear_error();
+        error_ = "end of stream";
+        return SSL_is_init_finished(ssl_.get()) == 1 ? StreamEnd::kEof : StreamEnd::kFailed;
+    }
+    error_ = openssl_reason();
+    return StreamEnd::kFailed;
+}
+
+StreamEnd Stream::handshake() {
+    if (tls_ == nullptr) {
+        return StreamEnd::kDone;
+    }
+    ERR_clear_error();
+    if (!ssl_) {
+        ssl_.reset(SSL_new(tls_));
+        if (!ssl_ || SSL_set_fd(ssl_.get(), fd_.get()) != 1) {
+            error_ = openssl_reason();
+            return StreamEnd::kFailed;
+        }
+    }
+    errno = 0;
+    const int result = SSL_accept(ssl_.get());
+    return result == 1 ? StreamEnd::kDone : judge(result);
+}
+
+StreamEnd Stream::read(std::span<char> buffer, std::size_t& count) {
+    count = 0;
+    if (ssl_) {
+        ERR_clear_error();
+        errno = 0;
+        const int result = SSL_read_ex(ssl_.get(), buffer.data(), buffer.size(), &count);
+        return result == 1 ? StreamEnd::kDone : judge(result);
+    }
+    for (;;) {
+        const ssize_t got = ::recv(fd_.get(), buffer.data(), buffer.size(), 0);
+        if (got > 0) {
+            count = static_cast<std::size_t>(got);
+            return StreamEnd::kDone;
+        }
+        if (got == 0) {
+            return StreamEnd::kEof;
+        }
+        if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            return StreamEnd::kWantRead;
+        }
+        if (errno != EINTR) {
+            error_ = fmt::format("[{}:{}]", errno, std::strerror(errno));
+            return StreamEnd::kFailed;
+        }
+    }
+}
+
+void Stream::send_some(std::span<const char> bytes) {
+    if (ssl_) {
+        ERR_clear_error();
+        std::size_t written = 0;
+        (void)SSL_write_ex(ssl_.get(), bytes.data(), bytes.size(), &written);
+    } else {
+        (void)::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    }
+}
+
+void Stream::send_ticket() {
+    if (ssl_ && SSL_new_session_ticket(ssl_.get()) == 1) {
+        ERR_clear_error();
+        (void)SSL_do_handshake(ssl_.get());
+    }
+}
+
+void Stream::finish_sending(bool notify) {
+    if (ssl_ && notify) {
+        ERR_clear_error();
+        (void)SSL_shutdown(ssl_.get());
+    }
+    (void)::shutdown(fd_.get(), SHUT_WR);
+}
+
+void Stream::reset_on_close() {
+    const linger hard{1, 0};
+    (void)::setsockopt(fd_.get(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+}
+
+std::string Stream::description() const {
+    if (!ssl_) {
+        return "plain";
+    }
+    std::string text = fmt::format("{} {}", SSL_get_version(ssl_.get()), SSL_get_cipher_name(ssl_.get()));
+    if (X509* const peer = SSL_get0_peer_certificate(ssl_.get()); peer != nullptr) {
+        char* const subject = X509_NAME_oneline(X509_get_subject_name(peer), nullptr, 0);
+        text += fmt::format(" client {}", subject != nullptr ? escaped(subject) : "?");
+        OPENSSL_free(subject);
+    }
+    return text;
+}
+
+} // namespace kvr
