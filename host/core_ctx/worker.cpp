@@ -77,6 +77,17 @@ std::string checked_channel(const std::string& name) {
     return upper_case(name);
 }
 
+std::optional<Attributes> find_object(Store& store, const std::string& cls, const std::string& name) {
+    try {
+        return store.object_get(cls, name);
+    } catch (const Error& error) {
+        if (error.code() != Errc::kNotFound) {
+            throw;
+        }
+        return std::nullopt;
+    }
+}
+
 bool queue_exists(Store& store, const std::string& name) {
     try {
         static_cast<void>(store.queue_info(name));
@@ -90,22 +101,17 @@ bool queue_exists(Store& store, const std::string& name) {
 }
 
 void check_definition(Store& store, const std::string& channel) {
-    Attributes definition;
-    try {
-        definition = store.object_get("CHL", channel);
-    } catch (const Error& error) {
-        if (error.code() != Errc::kNotFound) {
-            throw;
-        }
+    std::optional<Attributes> definition = find_object(store, "CHL", channel);
+    if (!definition) {
         throw Error(Errc::kNotFound, "channel '" + channel + "' is not defined in queue manager '" + store.qmgr() +
                                          "': define it with 'kvr define channel " + channel + " ...'");
     }
-    const std::string type = definition["CHLTYPE"];
+    const std::string type = (*definition)["CHLTYPE"];
     if (strcasecmp(type.c_str(), "SNDR") != 0) {
         throw Error(Errc::kInvalid, "channel '" + channel + "' has type '" + type +
                                         "': only sender channels (CHLTYPE SNDR) can be run");
     }
-    const std::string queue = definition["XMITQ"];
+    const std::string queue = (*definition)["XMITQ"];
     if (queue.empty()) {
         throw Error(Errc::kInvalid, "channel '" + channel + "' has no transmission queue: set its XMITQ");
     }
@@ -118,7 +124,7 @@ void check_definition(Store& store, const std::string& channel) {
 void check_dead_letter_queue(Store& store, const WorkerOptions& options) {
     constexpr char kRemedy[] = ": messages that cannot be sent will have no home and are held on the transmission "
                                "queue; set DEADQ of the queue manager to a queue that exists";
-    Attributes qmgr = store.object_get("QMGR", "QMGR");
+    Attributes qmgr = find_object(store, "QMGR", "QMGR").value_or(Attributes{});
     const std::string queue = qmgr["DEADQ"];
     if (queue.empty()) {
         warn(options, "no dead-letter queue is set" + std::string(kRemedy));
