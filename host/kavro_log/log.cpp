@@ -49,6 +49,49 @@ void write_line(const char* line, std::size_t length) {
     [[maybe_unused]] const ssize_t wrote = write(g_fd, line, length);
 }
 
+struct Origin {
+    const char* module;
+    const char* file;
+    const char* function;
+    int line;
+};
+
+/// Apart from KVR_LogPrint, so that a line that is dropped does not pay for the buffers.
+__attribute__((noinline, format(printf, 3, 0))) void print_line(int level, const Origin& origin, const char* format,
+                                                                va_list arguments) {
+    const int saved = errno;
+    kvr::LogLine line;
+    line.add_time();
+    line.add(" ");
+    line.add_number(level);
+    line.add(" ");
+    line.add_printable(g_qmgr);
+    line.add(" ");
+    line.add_number(getpid());
+    line.add(" ");
+    line.add_printable(origin.module);
+    line.add(" ");
+    line.add_printable(origin.file);
+    line.add(":");
+    line.add_number(origin.line);
+    line.add(" ");
+    line.add_printable(origin.function);
+    line.add(" ");
+    if (format != nullptr) {
+        char text[kvr::kMaxLine];
+        errno = saved; // a format may hold %m
+        const int wanted = std::vsnprintf(text, sizeof(text), format, arguments);
+        if (wanted >= 0) {
+            const std::size_t full = static_cast<std::size_t>(wanted);
+            const bool cut = full >= sizeof(text);
+            line.add_masked(text, cut ? sizeof(text) - 1 : full, cut);
+        }
+    }
+    const std::size_t length = line.finish();
+    write_line(line.data(), length);
+    errno = saved;
+}
+
 } // namespace
 
 namespace kvr {
@@ -98,40 +141,10 @@ KVR_EXPORT int KVR_LogPrint(char* /*psTag*/, int iLevel, char* psMod, char* psFi
     if (iLevel > g_level) {
         return 0;
     }
-    const int saved = errno;
-    kvr::LogLine line;
-    line.add_time();
-    line.add(" ");
-    line.add_number(iLevel);
-    line.add(" ");
-    line.add_printable(g_qmgr);
-    line.add(" ");
-    line.add_number(getpid());
-    line.add(" ");
-    line.add_printable(psMod);
-    line.add(" ");
-    line.add_printable(psFile);
-    line.add(":");
-    line.add_number(iLine);
-    line.add(" ");
-    line.add_printable(psFunc);
-    line.add(" ");
-    if (psFmt != nullptr) {
-        char text[kvr::kMaxLine];
-        va_list arguments;
-        va_start(arguments, psFmt);
-        errno = saved; // a format may hold %m
-        const int wanted = std::vsnprintf(text, sizeof(text), psFmt, arguments);
-        va_end(arguments);
-        if (wanted >= 0) {
-            const std::size_t full = static_cast<std::size_t>(wanted);
-            const bool cut = full >= sizeof(text);
-            line.add_masked(text, cut ? sizeof(text) - 1 : full, cut);
-        }
-    }
-    const std::size_t length = line.finish();
-    write_line(line.data(), length);
-    errno = saved;
+    va_list arguments;
+    va_start(arguments, psFmt);
+    print_line(iLevel, {psMod, psFile, psFunc, iLine}, psFmt, arguments);
+    va_end(arguments);
     return 0;
 }
 }
