@@ -96,14 +96,16 @@ class Judge {
     }
 
     void see_files(const NumberedMessage& message, const std::vector<std::filesystem::path>& paths) {
+        for (const std::filesystem::path& path : paths) {
+            std::error_code unknown;
+            spooled_.insert(std::filesystem::weakly_canonical(path, unknown));
+        }
         const auto files = files_of(run_.tag, message);
         if (files.size() != paths.size()) {
             fault(fmt::format("message {}: {} files instead of {}", message.number, paths.size(), files.size()));
             return;
         }
         for (std::size_t i = 0; i < files.size(); ++i) {
-            std::error_code unknown;
-            spooled_.insert(std::filesystem::weakly_canonical(paths[i], unknown));
             if (!same_file(paths[i], files[i])) {
                 fault(fmt::format("message {}: the file {} is not the one that was sent", message.number,
                                   paths[i].string()));
