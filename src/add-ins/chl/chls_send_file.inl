@@ -84,6 +84,10 @@ static int SendFileData(FILE* fp, const char* psFileName, long lFileLen) {
                      iSndFileData);
             return CHLS_ERR_WRITE;
         }
+        if (f_iUseSSL && f_tTcpClient.iSocketNo > 0) {
+            // A TLS write calls no host operation, and a host can end the process only inside one.
+            sockCanRead(f_tTcpClient.iSocketNo);
+        }
         if (WriteFilePiece(sFileData, iLen) < 0) {
             return CHLS_ERR_WRITE;
         }
