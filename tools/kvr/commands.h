@@ -47,6 +47,8 @@ void add_move_command(CLI::App& app, GlobalOptions& global);
 void add_run_command(CLI::App& app, GlobalOptions& global);
 void add_stop_command(CLI::App& app, GlobalOptions& global);
 void add_status_command(CLI::App& app, GlobalOptions& global);
+void add_listen_command(CLI::App& app, GlobalOptions& global);
+void add_dissect_command(CLI::App& app, GlobalOptions& global);
 void add_completion_command(CLI::App& app, GlobalOptions& global);
 
 } // namespace kvr

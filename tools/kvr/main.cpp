@@ -76,6 +76,8 @@ void add_commands(CLI::App& app, GlobalOptions& global) {
     add_run_command(app, global);
     add_stop_command(app, global);
     add_status_command(app, global);
+    add_listen_command(app, global);
+    add_dissect_command(app, global);
     add_completion_command(app, global);
 }
 

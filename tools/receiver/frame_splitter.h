@@ -79,6 +79,8 @@ class FrameSplitter {
     [[nodiscard]] std::string position() const;
     [[nodiscard]] const Error& error() const { return error_; }
     [[nodiscard]] std::uint64_t offset() const { return unit_start_ + held_.size(); }
+    /// During an event: where in the stream the header, package, file length or file bytes begin that it tells of.
+    [[nodiscard]] std::uint64_t event_offset() const { return unit_start_; }
     /// Bytes of memory that the connection costs here.
     [[nodiscard]] std::size_t memory() const { return held_.capacity(); }
     /// Gives memory back while nothing is kept.

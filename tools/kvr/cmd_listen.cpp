@@ -1,0 +1,157 @@
+// SPDX-License-Identifier: MIT
+// kvr listen: the receiving end of channels, and, with switches, a peer that misbehaves on purpose.
+#include <map>
+#include <memory>
+
+#include <sys/stat.h>
+
+#include <CLI/CLI.hpp>
+
+#include "commands.h"
+#include "listener_options.h"
+#include "session.h"
+
+namespace kvr {
+namespace {
+
+struct ListenCommand {
+    ListenerOptions listener;
+    bool discard = false;
+    std::uint64_t close_after = 0;
+    std::uint64_t reset_after = 0;
+    std::uint64_t stall_after = 0;
+};
+
+void listen(const GlobalOptions& global, ListenCommand& command) {
+    ListenerOptions& options = command.listener;
+    if (!options.tls.enabled && (!options.tls.cert.empty() || !options.tls.key.empty() || !options.tls.ca.empty())) {
+        throw UsageError("certificate options without TLS: add --tls, or leave them out");
+    }
+    if (options.tls.enabled && options.tls.cert.empty()) {
+        throw UsageError("TLS needs a certificate: add --cert FILE and --key FILE");
+    }
+    if (!command.discard) {
+        options.store = open_store(global);
+        if (options.spool.empty()) {
+            options.spool = options.store->dir() / "spool";
+        }
+    }
+    if (const int result = run_listener(options); result != 0) {
+        throw Error(Errc::kFull, "complete messages could not be delivered at the end: make room in the store; the log "
+                                 "above says how many");
+    }
+}
+
+void add_tls_options(CLI::App& command, TlsOptions& tls) {
+    static const std::map<std::string, ClientCert> kClientCerts = {
+        {"none", ClientCert::kNone}, {"optional", ClientCert::kOptional}, {"required", ClientCert::kRequired}};
+    const std::string group = "TLS";
+    command.add_flag("--tls", tls.enabled, "Speak TLS")->group(group);
+    command.add_option("--cert", tls.cert, "Certificate with its chain, PEM")->group(group)->type_name("FILE");
+    command.add_option("--key", tls.key, "Private key, PEM (default: in the certificate's file)")
+        ->group(group)
+        ->type_name("FILE");
+    command.add_option("--key-pass-file", tls.key_pass_file, "File whose first line is the key's pass phrase")
+        ->group(group)
+        ->type_name("FILE");
+    command.add_option("--ca", tls.ca, "Certificates of those who sign client certificates, PEM")
+        ->group(group)
+        ->type_name("FILE");
+    command
+        .add_option("--client-cert", tls.client_cert, "Ask senders for a certificate: none, optional, required [none]")
+        ->group(group)
+        ->transform(CLI::CheckedTransformer(kClientCerts, CLI::ignore_case))
+        ->type_name("MODE");
+    command.add_option("--tls-min", tls.min_version, "Lowest version: 1.2 or 1.3 [1.2]")->group(group)->type_name("V");
+    command.add_option("--tls-max", tls.max_version, "Highest version: 1.2 or 1.3 [1.3]")->group(group)->type_name("V");
+    command.add_option("--tls-tickets", tls.tickets, "TLS 1.3 session tickets after the handshake [0]")
+        ->group(group)
+        ->check(CLI::Range(0, 100))
+        ->type_name("N");
+    command.add_option("--tls-late-ticket", tls.late_ticket_ms, "One more ticket this long after the handshake")
+        ->group(group)
+        ->check(CLI::NonNegativeNumber)
+        ->type_name("MS");
+}
+
+void add_awkward_options(CLI::App& command, ListenCommand& options) {
+    AwkwardOptions& awkward = options.listener.awkward;
+    const std::string group = "Misbehaving on purpose";
+    command.add_option("--close-after", options.close_after, "End the stream (FIN) after so many bytes")
+        ->group(group)
+        ->type_name("BYTES");
+    command.add_option("--reset-after", options.reset_after, "Reset the connection (RST) after so many bytes")
+        ->group(group)
+        ->type_name("BYTES");
+    command.add_option("--stall-after", options.stall_after, "Stop reading after so many bytes")
+        ->group(group)
+        ->type_name("BYTES");
+    command.add_option("--read-rate", awkward.read_rate, "Read so many bytes per second")
+        ->group(group)
+        ->type_name("BYTES");
+    command.add_option("--receive-buffer", awkward.receive_buffer, "Socket receive buffer")
+        ->group(group)
+        ->check(CLI::NonNegativeNumber)
+        ->type_name("BYTES");
+    command.add_option("--send", awkward.send, "Send so many bytes to the sender after its bind frame")
+        ->group(group)
+        ->check(CLI::Range(0, 65536))
+        ->type_name("BYTES");
+    command.add_flag("--refuse", awkward.refuse, "Accept and close at once")->group(group);
+    command.add_flag("--no-handshake", awkward.no_handshake, "Accept and stay silent")->group(group);
+    command.add_flag("--close-notify", awkward.close_notify, "With TLS: a closing alert before each end of stream")
+        ->group(group);
+    command.add_option("--awkward-first", awkward.first, "Misbehave on the first so many connections only [all]")
+        ->group(group)
+        ->type_name("N");
+}
+
+} // namespace
+
+void add_listen_command(CLI::App& app, GlobalOptions& global) {
+    auto options = std::make_shared<ListenCommand>();
+    ListenerOptions& listener = options->listener;
+    CLI::App* command = app.add_subcommand("listen", "Receive the messages of channels, in the foreground");
+    command->add_option("--port", listener.port, "Port; 0: any that is free [5151]")
+        ->check(CLI::Range(0, 65535))
+        ->type_name("PORT");
+    command->add_option("--address,--bind", listener.address, "Numeric address to listen on [0.0.0.0]")
+        ->type_name("ADDR");
+    command->add_option("--port-file", listener.port_file, "Write the port to this file once connections are accepted")
+        ->type_name("FILE");
+    command
+        ->add_option("--spool", listener.spool,
+                     "Folder for received files (default: spool in the queue manager's folder)")
+        ->type_name("DIR");
+    command->add_option("--journal", listener.journal, "Append a JSON line per connection, bind and message")
+        ->type_name("FILE");
+    command->add_option("--max-connections", listener.max_connections, "Further ones wait until one ends [1024]")
+        ->check(CLI::Range(1, 100000))
+        ->type_name("N");
+    command->add_option("--handshake-time", listener.handshake_seconds, "Limit for a sender to say its name [30]")
+        ->check(CLI::Range(1, 86400))
+        ->type_name("SECONDS");
+    command->add_option("--once", listener.once, "End after so many connections")->type_name("N");
+    command->add_flag("--discard", options->discard, "Check and count messages, store nothing; needs no queue manager");
+    add_tls_options(*command, listener.tls);
+    add_awkward_options(*command, *options);
+    set_examples(*command, "  kvr -m WEST listen\n"
+                           "  kvr -m WEST listen --port 5152 --spool /data/in --tls --cert west.pem --key west.key \\\n"
+                           "      --ca ca.pem --client-cert required\n"
+                           "  kvr listen --discard --port 0 --port-file port --close-after 5000 --awkward-first 1\n"
+                           "\nMessages go to the queues that they name; a message for a queue that does not exist\n"
+                           "goes to the dead-letter queue (DEADQ of the queue manager). Ctrl-C or SIGTERM stops it\n"
+                           "after what has been sent is delivered.\n");
+    command->callback([options, command, &global] {
+        const auto given = [command](const char* name, std::uint64_t value) {
+            return command->count(name) > 0 ? std::optional<std::uint64_t>(value) : std::nullopt;
+        };
+        AwkwardOptions& awkward = options->listener.awkward;
+        awkward.close_after = given("--close-after", options->close_after);
+        awkward.reset_after = given("--reset-after", options->reset_after);
+        awkward.stall_after = given("--stall-after", options->stall_after);
+        listen(global, *options);
+    });
+}
+
+} // namespace kvr
