@@ -1,0 +1,189 @@
+// SPDX-License-Identifier: MIT
+// Help, wrong usage and bad input: exit codes, and texts that say what to do.
+#include <regex>
+
+#include <gmock/gmock.h>
+
+#include "kvr_program.h"
+
+namespace kvr::test {
+namespace {
+
+using ::testing::HasSubstr;
+
+struct BadInput {
+    std::vector<std::string> arguments;
+    int code;
+    const char* error; ///< regular expression within standard error
+};
+
+/// Wrong usage and failures leave standard output empty and give one line that begins with the program's name.
+void expect_refused(const ProgramHome& home, const BadInput& bad) {
+    std::string command;
+    for (const std::string& argument : bad.arguments) {
+        command += argument.substr(0, 60) + " ";
+    }
+    const ProgramResult result = home.run(bad.arguments);
+    EXPECT_EQ(result.code, bad.code) << command << result.err;
+    EXPECT_EQ(result.out, "") << command;
+    EXPECT_TRUE(std::regex_search(result.err, std::regex(bad.error))) << command << "\n" << result.err;
+    EXPECT_TRUE(std::regex_search(result.err, std::regex("^kvr: .+: .+"))) << command << "\n" << result.err;
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << command << "\n" << result.err;
+}
+
+TEST(KvrUsage, EveryCommandHasHelpWithExamples) {
+    const ProgramHome home;
+    const std::vector<std::vector<std::string>> commands = {
+        {},          {"create"},         {"define"},         {"define", "queue"}, {"define", "channel"},
+        {"set"},     {"set", "qmgr"},    {"set", "channel"}, {"show"},            {"show", "qmgr"},
+        {"show", "queue"}, {"show", "channel"}, {"delete"},  {"delete", "queue"}, {"delete", "channel"},
+        {"delete", "qmgr"}, {"put"},     {"get"},            {"browse"},          {"release"},
+        {"move"},    {"run"},            {"stop"},           {"status"},          {"listen"},
+        {"completion"}};
+    for (std::vector<std::string> arguments : commands) {
+        arguments.emplace_back("--help");
+        EXPECT_THAT(home.done(arguments), HasSubstr("xamples:\n  kvr ")) << arguments.front();
+    }
+    EXPECT_TRUE(std::regex_match(home.done({"--version"}), std::regex("kvr [0-9.]+\n")));
+}
+
+TEST(KvrUsage, WrongCommandLinesAreRefusedWithCodeTwo) {
+    const ProgramHome home;
+    (void)home.done({"create", "EAST"});
+    (void)home.done({"define", "queue", "Q"});
+    const std::string file = home.file("a", "x");
+    const std::vector<BadInput> cases = {
+        {{}, 2, "see 'kvr --help'"},
+        {{"frobnicate"}, 2, "frobnicate.*see 'kvr --help'"},
+        {{"put"}, 2, "queue.*see 'kvr put --help'"},
+        {{"put", "Q", "x", "--wrong"}, 2, "--wrong.*see 'kvr put --help'"},
+        {{"define", "channel", "C", "XMITQ=Q", "--nope", "1"}, 2, "see 'kvr define channel --help'"},
+        {{"create", "../EVIL"}, 2, "letters, digits"},
+        {{"create", ".hidden"}, 2, "not beginning with a dot"},
+        {{"create", std::string(33, 'A')}, 2, "at most 32"},
+        {{"create", "BAD\nNAME"}, 2, "BAD\\\\nNAME"},
+        {{"create", "SMALL", "--quota", "1K"}, 2, "4M to 4096G"},
+        {{"create", "SMALL", "--quota", "lots"}, 2, "not a size"},
+        {{"define", "queue", "a/b"}, 2, "letters, digits"},
+        {{"define", "channel", "C"}, 2, "has no XMITQ"},
+        {{"define", "channel", "C", "XMITQ=Q"}, 2, "has no CONNAME"},
+        {{"define", "channel", "C", "XMITQ=Q", "CONNAME=h(0)"}, 2, "port"},
+        {{"define", "channel", "C", "XMITQ=Q", "CONNAME=h(70000)"}, 2, "port"},
+        {{"define", "channel", "C", "XMITQ=Q", "CONNAME=h", "CHLTYPE=RCVR"}, 2, "CHLTYPE"},
+        {{"define", "channel", "C", "XMITQ=Q", "CONNAME=h", "COLOUR=red"}, 2, "no attribute 'COLOUR'.*XMITQ"},
+        {{"define", "channel", "C", "XMITQ=Q", "CONNAME=h", "HBINT=soon"}, 2, "HBINT"},
+        {{"define", "channel", "C", "XMITQ=Q", "CONNAME=h", "HBINT=-1"}, 2, "HBINT"},
+        {{"define", "channel", "C", "XMITQ=Q", "CONNAME=" + std::string(256, 'h')}, 2, "at most 255"},
+        {{"define", "channel", "C", "XMITQ=Q", "--xmitq", "Q", "CONNAME=h"}, 2, "given twice"},
+        {{"define", "channel", "C", "XMITQ"}, 2, "ATTR=VALUE"},
+        {{"define", "channel", std::string(64, 'C'), "XMITQ=Q", "CONNAME=h"}, 2, "at most 63"},
+        {{"set", "qmgr"}, 2, "nothing to set"},
+        {{"set", "qmgr", "KEYPASS=secret"}, 2, "--keypass-file"},
+        {{"put", "Q", "x", "--data", "y"}, 2, "more than one place"},
+        {{"put", "Q", "x", "--dest", "a b"}, 2, "destination queue"},
+        {{"put", "Q", "x", "--dest", std::string(33, 'D')}, 2, "at most 32"},
+        {{"put", "Q", "x", "--priority", "high"}, 2, "--priority.*32 bits"},
+        {{"put", "Q", "x", "--priority", "2147483648"}, 2, "32 bits"},
+        {{"put", "Q", "x", "--format", "NINECHARS"}, 2, "--format.*at most 8"},
+        {{"put", "Q", "x", "--put-date", "2026-1-1"}, 2, "exactly 8 digits"},
+        {{"put", "Q", "x", "--msgid", "0x123"}, 2, "hexadecimal"},
+        {{"put", "Q", "x", "--flags", "4"}, 2, "--attach"},
+        {{"put", "Q", "--size", "9-1"}, 2, "downwards"},
+        {{"put", "Q", "--size", "1", "--seqno", "4"}, 2, "--seqno"},
+        {{"put", "Q", "x", "--count", "0"}, 2, "see 'kvr put --help'"},
+        {{"get", "Q", "--all", "--out", file}, 2, "folder"},
+        {{"get", "Q", "--raw", "--json"}, 2, "--raw"},
+        {{"move", "Q", "Q"}, 2, "same"},
+        {{"delete", "qmgr", "EAST"}, 2, "--yes"},
+        {{"status", "--interval", "2"}, 2, "--watch"},
+        {{"run", "C", "--log-level", "9"}, 2, "see 'kvr run --help'"},
+        {{"completion", "fish"}, 2, "see 'kvr completion --help'"},
+    };
+    for (const BadInput& bad : cases) {
+        expect_refused(home, bad);
+    }
+}
+
+TEST(KvrUsage, WhatTheSystemCannotDoFailsWithCodeOne) {
+    const ProgramHome home;
+    const ProgramResult none = home.run({"show"});
+    EXPECT_EQ(none.code, 1);
+    EXPECT_THAT(none.err, HasSubstr("kvr create QMGR"));
+    (void)home.done({"create", "EAST"});
+    (void)home.done({"define", "queue", "Q"});
+    (void)home.done({"define", "channel", "C", "XMITQ=Q", "CONNAME=h"});
+    (void)home.done({"put", "Q", "x"});
+    const std::string large = home.file("large", std::string(2098377, 'x'));
+    const std::string empty = home.file("empty", "");
+    const std::string present = home.file("present", "x");
+    const std::string long_path = "/" + std::string(512, 'p');
+    const std::vector<BadInput> cases = {
+        {{"create", "EAST"}, 1, "exists already"},
+        {{"show", "-m", "WEST"}, 1, "WEST.*kvr create WEST"},
+        {{"define", "queue", "Q"}, 1, "--replace"},
+        {{"define", "channel", "c", "XMITQ=Q", "CONNAME=h"}, 1, "channel 'C' exists already.*--replace"},
+        {{"set", "channel", "NONE", "HBINT=1"}, 1, "kvr define channel NONE"},
+        {{"set", "channel", "C", "XMITQ=NONE"}, 1, "kvr define queue NONE"},
+        {{"set", "qmgr", "DEADQ=NONE"}, 1, "kvr define queue NONE"},
+        {{"set", "qmgr", "CERTFILE=/no/such.pem"}, 1, "/no/such.pem.*CERTFILE.*PEM"},
+        {{"set", "qmgr", "CERTFILE=/tmp"}, 1, "/tmp.*CERTFILE.*PEM"},
+        {{"set", "qmgr", "--keypass-file", "/no/such"}, 1, "/no/such"},
+        {{"put", "NONE", "x"}, 1, "kvr define queue NONE"},
+        {{"put", "Q", "--data-file", "/no/such"}, 1, "/no/such"},
+        {{"put", "Q", "--data-file", large}, 1, "at most 2,098,376"},
+        {{"put", "Q", "--data-file", large, "--dest", "D"}, 1, "at most 2,098,304 bytes after its transmission header"},
+        {{"put", "Q", "--size", "2098305", "--dest", "D"}, 1, "2098305.*at most 2,098,304"},
+        {{"put", "Q", "x", "--attach", "/no/such"}, 1, "/no/such"},
+        {{"put", "Q", "x", "--attach", empty}, 1, "0 bytes.*1 to 99,999,999"},
+        {{"put", "Q", "x", "--attach", home.path().native()}, 1, "regular file"},
+        {{"put", "Q", "--file", "/dev/null"}, 1, "regular file"},
+        {{"put", "Q", "x", "--attach", long_path}, 1, "pppp"},
+        {{"get", "NONE"}, 1, "kvr define queue NONE"},
+        {{"get", "Q", "--out", present}, 1, "nothing is overwritten"},
+        {{"browse", "NONE"}, 1, "kvr define queue NONE"},
+        {{"release", "NONE"}, 1, "kvr define queue NONE"},
+        {{"move", "Q", "NONE"}, 1, "kvr define queue NONE"},
+        {{"delete", "queue", "Q"}, 1, "--purge"},
+        {{"delete", "queue", "DEAD.LETTER.QUEUE"}, 1, "DEADQ"},
+        {{"delete", "queue", "NONE"}, 1, "does not exist"},
+        {{"delete", "qmgr", "EAST", "--yes"}, 1, "--purge"},
+        {{"run", "NONE"}, 1, "kvr define channel NONE"},
+        {{"run", "C", "--plugin", "/no/such.so"}, 1, "/no/such.so"},
+        {{"stop", "NONE"}, 1, "kvr define channel NONE"},
+        {{"status", "NONE"}, 1, "kvr define channel NONE"},
+    };
+    for (const BadInput& bad : cases) {
+        expect_refused(home, bad);
+    }
+    EXPECT_EQ(home.json({"show", "queue", "Q"})[0]["depth"], 1) << "a refused command took or added a message";
+    (void)home.done({"create", "WEST"});
+    expect_refused(home, {{"show"}, 2, "EAST, WEST.*-m"});
+}
+
+TEST(KvrUsage, OutputThatCannotBeWrittenIsAFailureAndLosesNothing) {
+    const ProgramHome home;
+    (void)home.done({"create", "EAST"});
+    (void)home.done({"define", "queue", "Q"});
+    (void)home.done({"put", "Q", "--count", "3", "x"});
+    for (const char* line :
+         {"exec $KVR show > /dev/full", "exec $KVR browse Q --json > /dev/full", "exec $KVR get Q --raw > /dev/full",
+          "exec $KVR get Q --all > /dev/full", "exec $KVR get Q >&-", "exec $KVR --help > /dev/full"}) {
+        const ProgramResult result = home.shell(line);
+        EXPECT_EQ(result.code, 1) << line;
+        EXPECT_THAT(result.err, HasSubstr("the output cannot be written")) << line;
+    }
+    EXPECT_EQ(home.json({"show", "queue", "Q"})[0]["depth"], 3);
+}
+
+TEST(KvrUsage, AStoreThatOthersCanWriteIsRefused) {
+    const ProgramHome home;
+    (void)home.done({"create", "EAST"});
+    std::filesystem::permissions(home.path() / "EAST", std::filesystem::perms::others_write,
+                                 std::filesystem::perm_options::add);
+    const ProgramResult result = home.run({"show"});
+    EXPECT_EQ(result.code, 1);
+    EXPECT_THAT(result.err, HasSubstr("EAST"));
+}
+
+} // namespace
+} // namespace kvr::test
