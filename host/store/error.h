@@ -5,6 +5,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "export.h"
+
 namespace kvr {
 
 /// Negative results of the KVR_ operations. Each names one cause; callers of the C operations see the number in their
@@ -28,7 +30,7 @@ enum class Errc : int {
 };
 
 /// An error with a text that says what is wrong and what to do about it.
-class Error : public std::runtime_error {
+class KVR_EXPORT Error : public std::runtime_error {
   public:
     Error(Errc code, const std::string& text) : std::runtime_error(text), code_(code) {}
     [[nodiscard]] Errc code() const { return code_; }

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "error.h"
+#include "export.h"
 
 namespace kvr {
 
@@ -36,13 +37,13 @@ struct ClassSpec {
 };
 
 /// All classes. The lengths are those of the buffers into which the channel reads (docs/operations.md).
-std::span<const ClassSpec> schema();
+KVR_EXPORT std::span<const ClassSpec> schema();
 /// Null when there is none.
-const ClassSpec* find_class(std::string_view name);
-const AttrSpec* find_attr(const ClassSpec& cls, std::string_view name);
+KVR_EXPORT const ClassSpec* find_class(std::string_view name);
+KVR_EXPORT const AttrSpec* find_attr(const ClassSpec& cls, std::string_view name);
 /// What the store refuses whoever writes: unknown class or attribute, too long. Throws kvr::Error.
-void check_attr(std::string_view cls, std::string_view attr, std::string_view value);
+KVR_EXPORT void check_attr(std::string_view cls, std::string_view attr, std::string_view value);
 /// What a definition by an operator refuses on top of that: values that could not work. Throws kvr::Error.
-void check_definition(std::string_view cls, std::string_view attr, std::string_view value);
+KVR_EXPORT void check_definition(std::string_view cls, std::string_view attr, std::string_view value);
 
 } // namespace kvr

@@ -20,6 +20,7 @@
 #include <sys/types.h>
 
 #include "error.h"
+#include "export.h"
 #include "kavro_api.h"
 
 namespace kvr {
@@ -45,7 +46,8 @@ struct StoredMessage {
     T_KAVRO_MD descriptor; ///< pOptData null
     std::vector<std::string> attachments;
     std::span<const char> data;
-    bool held;    ///< kept back after a dead-letter put that failed
+    bool held; ///< kept back after a dead-letter put that failed
+    std::string held_reason;
     bool in_hand; ///< reserved by the process that drains the queue
 };
 
@@ -62,12 +64,14 @@ struct QueueInfo {
 struct Settings {
     std::uint64_t quota = 7ULL << 30;    ///< bytes of messages and objects beyond which puts fail (deletes go on)
     std::uint64_t map_size = 8ULL << 30; ///< address space of the environment; above the quota
-    bool sync = true;                    ///< false: faster, but a power loss can take the last seconds with it
+    /// False: faster, but a power loss can take the last seconds with it, and the whole store on a file system that
+    /// reorders writes. Takes effect when a process opens the store.
+    bool sync = true;
 };
 
 class Getter;
 
-class Store : public std::enable_shared_from_this<Store> {
+class KVR_EXPORT Store : public std::enable_shared_from_this<Store> {
   public:
     /// Makes a new queue manager's folder (0700) with an empty store (0600). Throws kExists.
     static void create(const std::filesystem::path& dir, const std::string& qmgr, const Settings& settings);
@@ -117,7 +121,7 @@ class Store : public std::enable_shared_from_this<Store> {
 /// successful put_instead(); destroyed without any of these, or killed, the reservation is given back. Used messages
 /// are deleted in groups; how far the queue is used stands in a small shared mapping that survives the process, so that
 /// after kill -9 at most the message in hand is delivered again.
-class Getter {
+class KVR_EXPORT Getter {
   public:
     virtual ~Getter() = default;
 

@@ -1,0 +1,145 @@
+// SPDX-License-Identifier: MIT
+// The object operations of the host over the store. No exception leaves: each becomes its negative number, and its text
+// a line of the log.
+#include "kavro_object.h"
+
+#include <array>
+#include <cstdarg>
+#include <cstring>
+#include <exception>
+#include <source_location>
+#include <string>
+
+#include "c_border.h"
+#include "db_handle.h"
+#include "export.h"
+#include "log_secret.h"
+#include "schema.h"
+#include "stop_point.h"
+#include "store.h"
+
+namespace kvr {
+
+namespace {
+
+/// Attributes of one call: more than any class has.
+constexpr int kMaxCount = 32;
+constexpr BorderModule kSelf{"$kavro_object", "kavro_object"};
+
+void check_arguments(const char* cls, const char* name, int count, char** attrs, char** values) {
+    if (cls == nullptr || name == nullptr || count < 0 || count > kMaxCount ||
+        (count > 0 && (attrs == nullptr || values == nullptr))) {
+        throw Error(Errc::kInvalid,
+                    "an object operation needs a class, a name and up to " + std::to_string(kMaxCount) + " attributes");
+    }
+    for (int i = 0; i < count; ++i) {
+        if (attrs[i] == nullptr || values[i] == nullptr) {
+            throw Error(Errc::kInvalid, "an attribute of an object operation is a null pointer");
+        }
+    }
+}
+
+Attributes to_attributes(int count, char** attrs, char** values) {
+    Attributes all;
+    for (int i = 0; i < count; ++i) {
+        all[attrs[i]] = values[i];
+    }
+    return all;
+}
+
+void get_attributes(const void* handle, const char* cls, const char* name, int count, char** attrs, char** buffers) {
+    stop_point(StopPlace::kMidMessage);
+    check_arguments(cls, name, count, attrs, buffers);
+    const Attributes values = store_of(handle)->object_get(cls, name);
+    for (int i = 0; i < count; ++i) {
+        const auto value = values.find(attrs[i]);
+        const std::string_view text = value == values.end() ? std::string_view() : std::string_view(value->second);
+        check_attr(cls, attrs[i], text); // known, and no longer than the reader's buffer: nobody tells us its size
+    }
+    for (int i = 0; i < count; ++i) {
+        if (const auto value = values.find(attrs[i]); value != values.end()) {
+            if (find_attr(*find_class(cls), attrs[i])->kind == AttrKind::kSecret) {
+                kvr_log_add_secret(value->second.c_str()); // before the reader can print it
+            }
+            std::memcpy(buffers[i], value->second.c_str(), value->second.size() + 1);
+        }
+    }
+}
+
+void set_attributes(const void* handle, const char* cls, const char* name, int count, char** attrs, char** values) {
+    stop_point(StopPlace::kMidMessage);
+    check_arguments(cls, name, count, attrs, values);
+    store_of(handle)->object_set(cls, name, to_attributes(count, attrs, values));
+}
+
+void add_object(const void* handle, const char* cls, const char* name, int count, char** attrs, char** values) {
+    stop_point(StopPlace::kMidMessage);
+    check_arguments(cls, name, count, attrs, values);
+    store_of(handle)->object_add(cls, name, to_attributes(count, attrs, values));
+}
+
+using Operation = void (*)(const void*, const char*, const char*, int, char**, char**);
+
+int run(Operation operation, const void* handle, const char* cls, const char* name, int count, char** attrs,
+        char** values, const std::source_location& where = std::source_location::current()) {
+    try {
+        operation(handle, cls, name, count, attrs, values);
+        return 0;
+    } catch (const std::exception& error) {
+        // A status object that is not there yet is no fault.
+        const auto* known = dynamic_cast<const Error*>(&error);
+        const bool missing = known != nullptr && known->code() == Errc::kNotFound;
+        return fail_at_border(kSelf, error, missing ? kBorderLevelDebug : kBorderLevelError, where);
+    }
+}
+
+/// For the forms that take first all names and then all values.
+int run_list(Operation operation, const void* handle, const char* cls, const char* name, int count, va_list arguments,
+             const std::source_location& where = std::source_location::current()) {
+    std::array<char*, kMaxCount> attrs{};
+    std::array<char*, kMaxCount> values{};
+    if (count >= 0 && count <= kMaxCount) { // any other count is refused before a name is read
+        for (int i = 0; i < count; ++i) {
+            attrs.at(static_cast<std::size_t>(i)) = va_arg(arguments, char*);
+        }
+        for (int i = 0; i < count; ++i) {
+            values.at(static_cast<std::size_t>(i)) = va_arg(arguments, char*);
+        }
+    }
+    return run(operation, handle, cls, name, count, attrs.data(), values.data(), where);
+}
+
+} // namespace
+
+} // namespace kvr
+
+extern "C" KVR_EXPORT int KVR_ObjAdd(T_KVR_OBJ_DB_HANDLE hObjDB, char* psClass, char* psName, int iCnt, char** ppsAttrs,
+                                     char** ppsVals, int /*iFlags*/) {
+    return kvr::run(kvr::add_object, hObjDB, psClass, psName, iCnt, ppsAttrs, ppsVals);
+}
+
+extern "C" KVR_EXPORT int KVR_ObjGetAttr(T_KVR_OBJ_DB_HANDLE hObjDB, char* psClass, char* psName, int iCnt,
+                                         char** ppsAttrs, char** ppsBufs) {
+    return kvr::run(kvr::get_attributes, hObjDB, psClass, psName, iCnt, ppsAttrs, ppsBufs);
+}
+
+extern "C" KVR_EXPORT int KVR_ObjGetAttrV(T_KVR_OBJ_DB_HANDLE hObjDB, char* psClass, char* psName, int iCnt, ...) {
+    va_list arguments;
+    va_start(arguments, iCnt);
+    const int result = kvr::run_list(kvr::get_attributes, hObjDB, psClass, psName, iCnt, arguments);
+    va_end(arguments);
+    return result;
+}
+
+extern "C" KVR_EXPORT int KVR_ObjSetAttr(T_KVR_OBJ_DB_HANDLE hObjDB, char* psClass, char* psName, int iCnt,
+                                         char** ppsAttrs, char** ppsVals) {
+    return kvr::run(kvr::set_attributes, hObjDB, psClass, psName, iCnt, ppsAttrs, ppsVals);
+}
+
+extern "C" KVR_EXPORT int KVR_ObjSetAttrV(T_KVR_OBJ_DB_HANDLE hObjDB, char* psClass, char* psName, int iCnt, ...) {
+    va_list arguments;
+    va_start(arguments, iCnt);
+    const int result = kvr::run_list(kvr::set_attributes, hObjDB, psClass, psName, iCnt, arguments);
+    va_end(arguments);
+    return result;
+}

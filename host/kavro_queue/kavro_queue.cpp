@@ -1,0 +1,144 @@
+// SPDX-License-Identifier: MIT
+// The queue operations of the host over the store. No exception leaves: each becomes its negative number, and its text
+// a line of the log.
+//
+// A process that holds a message in hand puts one message only: that message, on the dead-letter queue. So a put then
+// takes the message in hand off its queue in the same transaction, and where that fails, or where no dead-letter queue
+// could be opened, the message is held: the next get must not use it up.
+#include "kavro_queue.h"
+
+#include <cstring>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "c_border.h"
+#include "db_handle.h"
+#include "export.h"
+#include "kavro_queue_host.h"
+#include "open_queues.h"
+#include "stop_point.h"
+
+namespace kvr {
+
+namespace {
+
+constexpr BorderModule kSelf{"$kavro_queue", "kavro_queue"};
+
+/// What the dead-letter queue could not take stays on its own queue.
+void hold_message_in_hand(const std::string& reason) {
+    try {
+        if (const std::shared_ptr<OpenQueue> queue = queue_in_hand()) {
+            queue->getter->hold(reason);
+        }
+    } catch (const std::exception& error) {
+        static_cast<void>(fail_at_border(kSelf, error)); // the next get tries again before anything else
+    }
+}
+
+std::vector<std::string> attachments_of(const T_KAVRO_MD& descriptor) {
+    std::vector<std::string> paths;
+    if ((descriptor.iMsgFlags & KVR_MSGFLAG_ACCESSORIES) == 0) {
+        return paths;
+    }
+    const auto* files = static_cast<const T_KAVRO_ACCESSORIES_MD*>(descriptor.pOptData);
+    if (files == nullptr || files->iNum < 0 || files->iNum > KVR_ACC_MAX) {
+        throw Error(Errc::kInvalid, "the message is flagged to have attached files and lists none that can be");
+    }
+    for (int i = 0; i < files->iNum; ++i) {
+        const char* path = files->sFiles[i];
+        const std::size_t length = strnlen(path, KVR_ACC_PATH_SIZE);
+        paths.emplace_back(path, length); // one without NUL is too long for the store, which says so
+    }
+    return paths;
+}
+
+void put_message(T_KVR_QUE_OBJ_HANDLE handle, const T_KAVRO_MD* descriptor, const char* data, int length) {
+    const std::shared_ptr<OpenQueue> target = find_open_queue(handle);
+    if (descriptor == nullptr || length < 0 || (data == nullptr && length > 0)) {
+        throw Error(Errc::kInvalid, "a put needs a descriptor and its data");
+    }
+    const std::vector<std::string> attachments = attachments_of(*descriptor);
+    const OutgoingMessage message{descriptor, attachments, {data, static_cast<std::size_t>(length)}};
+    if (const std::shared_ptr<OpenQueue> source = queue_in_hand()) {
+        source->getter->put_instead(target->name, message);
+    } else {
+        target->store->put(target->name, message);
+    }
+}
+
+} // namespace
+
+} // namespace kvr
+
+using kvr::Errc;
+using kvr::Error;
+
+extern "C" KVR_EXPORT int KVR_QueOpen(T_KVR_QUE_DB_HANDLE hQueDB, char* psName, T_KVR_QUE_OBJ_HANDLE* phObj,
+                                      int /*iOpt*/) {
+    try {
+        kvr::stop_point(kvr::StopPlace::kMidMessage);
+        if (psName == nullptr || phObj == nullptr) {
+            throw Error(Errc::kInvalid, "an open needs a queue name and a place for the handle");
+        }
+        auto queue = std::make_shared<kvr::OpenQueue>();
+        queue->store = kvr::store_of(hQueDB);
+        queue->name = psName;
+        static_cast<void>(queue->store->queue_info(queue->name)); // throws when there is no such queue
+        *phObj = kvr::add_open_queue(std::move(queue));
+        return 0;
+    } catch (const std::exception& error) {
+        const int result = kvr::fail_at_border(kvr::kSelf, error);
+        kvr::hold_message_in_hand(std::string("no dead-letter queue: ") + error.what());
+        return result;
+    }
+}
+
+extern "C" KVR_EXPORT int KVR_QueClose(T_KVR_QUE_DB_HANDLE /*hQueDB*/, char* /*psName*/, T_KVR_QUE_OBJ_HANDLE hObj,
+                                       int /*iOpt*/) {
+    try {
+        const std::shared_ptr<kvr::OpenQueue> queue = kvr::remove_open_queue(hObj);
+        if (queue->getter) {
+            const std::unique_ptr<kvr::Getter> getter = std::move(queue->getter);
+            getter->commit();
+        }
+        return 0;
+    } catch (const std::exception& error) {
+        return kvr::fail_at_border(kvr::kSelf, error);
+    }
+}
+
+extern "C" KVR_EXPORT int KVR_QueMsgGet(T_KVR_QUE_DB_HANDLE /*hQueDB*/, T_KVR_QUE_OBJ_HANDLE hObj, T_KAVRO_QUE_MD* ptMD,
+                                        T_KAVRO_QUE_GMO* /*ptGMO*/, char* psBuf, int* piLen) {
+    try {
+        const std::shared_ptr<kvr::OpenQueue> queue = kvr::find_open_queue(hObj);
+        if (ptMD == nullptr || psBuf == nullptr || piLen == nullptr || *piLen < 0) {
+            throw Error(Errc::kInvalid, "a get needs a descriptor, a buffer and its length");
+        }
+        if (!queue->getter) {
+            kvr::stop_point(kvr::StopPlace::kBetweenMessages);
+            queue->getter = queue->store->drain(queue->name);
+        }
+        const std::int64_t length = queue->getter->next(*ptMD, {psBuf, static_cast<std::size_t>(*piLen)}, true);
+        if (length < 0) {
+            return static_cast<int>(Errc::kInterrupted); // no fault: nothing for the log
+        }
+        *piLen = static_cast<int>(length);
+        return 0;
+    } catch (const std::exception& error) {
+        return kvr::fail_at_border(kvr::kSelf, error);
+    }
+}
+
+extern "C" KVR_EXPORT int KVR_QueMsgPut(T_KVR_QUE_DB_HANDLE /*hQueDB*/, T_KVR_QUE_OBJ_HANDLE hObj, T_KAVRO_QUE_MD* ptMD,
+                                        T_KAVRO_QUE_PMO* /*ptPMO*/, char* psBuf, int iLen) {
+    try {
+        kvr::stop_point(kvr::StopPlace::kMidMessage);
+        kvr::put_message(hObj, ptMD, psBuf, iLen);
+        return 0;
+    } catch (const std::exception& error) {
+        const int result = kvr::fail_at_border(kvr::kSelf, error);
+        kvr::hold_message_in_hand(std::string("not dead-lettered: ") + error.what());
+        return result;
+    }
+}

@@ -1,0 +1,82 @@
+// SPDX-License-Identifier: MIT
+// The queues that the process has open, by handle.
+#include "open_queues.h"
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <utility>
+
+#include "kavro_queue_host.h"
+
+namespace kvr {
+
+namespace {
+
+struct OpenQueues {
+    std::mutex mutex;
+    std::uintptr_t last = 0;
+    std::map<std::uintptr_t, std::shared_ptr<OpenQueue>> by_handle;
+};
+
+/// Never destroyed: a process that ends in the middle of a message must not commit it from a destructor.
+OpenQueues& open_queues() {
+    static auto* all = new OpenQueues;
+    return *all;
+}
+
+std::uintptr_t to_number(T_KVR_QUE_OBJ_HANDLE handle) {
+    return reinterpret_cast<std::uintptr_t>(handle);
+}
+
+[[noreturn]] void not_open() {
+    throw Error(Errc::kNotOpen, "the handle is of no open queue: open the queue first");
+}
+
+} // namespace
+
+T_KVR_QUE_OBJ_HANDLE add_open_queue(std::shared_ptr<OpenQueue> queue) {
+    OpenQueues& all = open_queues();
+    const std::scoped_lock guard(all.mutex);
+    all.by_handle.emplace(++all.last, std::move(queue));
+    return reinterpret_cast<T_KVR_QUE_OBJ_HANDLE>(all.last); // NOLINT: a number in a pointer's clothes
+}
+
+std::shared_ptr<OpenQueue> find_open_queue(T_KVR_QUE_OBJ_HANDLE handle) {
+    OpenQueues& all = open_queues();
+    const std::scoped_lock guard(all.mutex);
+    const auto found = all.by_handle.find(to_number(handle));
+    if (found == all.by_handle.end()) {
+        not_open();
+    }
+    return found->second;
+}
+
+std::shared_ptr<OpenQueue> remove_open_queue(T_KVR_QUE_OBJ_HANDLE handle) {
+    OpenQueues& all = open_queues();
+    const std::scoped_lock guard(all.mutex);
+    const auto node = all.by_handle.extract(to_number(handle));
+    if (node.empty()) {
+        not_open();
+    }
+    return node.mapped();
+}
+
+std::shared_ptr<OpenQueue> queue_in_hand() {
+    OpenQueues& all = open_queues();
+    const std::scoped_lock guard(all.mutex);
+    for (const auto& [handle, queue] : all.by_handle) {
+        if (queue->getter && queue->getter->in_hand()) {
+            return queue;
+        }
+    }
+    return nullptr;
+}
+
+void queue_give_back() {
+    while (const std::shared_ptr<OpenQueue> queue = queue_in_hand()) {
+        queue->getter->rollback();
+    }
+}
+
+} // namespace kvr

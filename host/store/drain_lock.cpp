@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: MIT
+// Who drains a queue: one byte of a lock file for each queue.
+#include "drain_lock.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "permissions.h"
+#include "system_error.h"
+
+namespace kvr {
+
+namespace {
+
+struct flock byte_lock(std::uint32_t queue, short type) {
+    struct flock lock {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = queue;
+    lock.l_len = 1;
+    return lock;
+}
+
+} // namespace
+
+DrainLocks::DrainLocks(const std::filesystem::path& path) : fd_(open_allocated_file(path, 0)) {}
+
+DrainLocks::~DrainLocks() {
+    ::close(fd_);
+}
+
+pid_t DrainLocks::other_holder(std::uint32_t queue) const {
+    struct flock lock = byte_lock(queue, F_WRLCK);
+    if (::fcntl(fd_, F_GETLK, &lock) != 0) {
+        throw Error(Errc::kIo, "cannot ask who drains the queue: " + std::string(std::strerror(errno)));
+    }
+    return lock.l_type == F_UNLCK ? 0 : lock.l_pid;
+}
+
+pid_t DrainLocks::acquire(std::uint32_t queue) {
+    const std::scoped_lock guard(mutex_);
+    if (ours_.contains(queue)) {
+        return ::getpid();
+    }
+    for (;;) {
+        struct flock lock = byte_lock(queue, F_WRLCK);
+        if (::fcntl(fd_, F_SETLK, &lock) == 0) {
+            ours_.insert(queue);
+            return 0;
+        }
+        if (errno != EAGAIN && errno != EACCES) {
+            throw Error(Errc::kIo, "cannot lock the queue: " + std::string(std::strerror(errno)));
+        }
+        if (const pid_t holder = other_holder(queue); holder != 0) {
+            return holder;
+        }
+    }
+}
+
+void DrainLocks::release(std::uint32_t queue) {
+    const std::scoped_lock guard(mutex_);
+    struct flock lock = byte_lock(queue, F_UNLCK);
+    ::fcntl(fd_, F_SETLK, &lock);
+    ours_.erase(queue);
+}
+
+pid_t DrainLocks::holder(std::uint32_t queue) {
+    const std::scoped_lock guard(mutex_);
+    return ours_.contains(queue) ? ::getpid() : other_holder(queue);
+}
+
+} // namespace kvr

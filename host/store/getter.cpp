@@ -1,0 +1,419 @@
+// SPDX-License-Identifier: MIT
+// The drainer of a queue: takes messages in the order of their puts, deletes the used ones in groups, waits.
+//
+// mark_file.h says what a crash leaves behind at each step of a group. Two rules here keep that true:
+//   - a group never passes a held message, so that its range of sequences holds used messages only, even after the held
+//     one was released;
+//   - the mark moves only after the message before was used up, and its group begins anew only after the delete was
+//     committed.
+#include "getter.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+#include "keys.h"
+#include "message_record.h"
+#include "message_table.h"
+#include "stop_point.h"
+#include "system_error.h"
+#include "wake_fifo.h"
+
+namespace kvr {
+
+namespace {
+
+constexpr std::uint64_t kGroupMessages = 64;
+constexpr std::uint64_t kGroupBytes = 1ULL << 20;
+constexpr std::uint64_t kNone = std::numeric_limits<std::uint64_t>::max();
+/// Bytes of the map that may stay in this process's memory before they are let go; the kernel maps more around them.
+constexpr std::uint64_t kReadBeforeDrop = 4ULL << 20;
+
+class DrainGetter final : public Getter {
+  public:
+    DrainGetter(std::shared_ptr<StoreImpl> store, std::string queue);
+    ~DrainGetter() override;
+    DrainGetter(const DrainGetter&) = delete;
+    DrainGetter& operator=(const DrainGetter&) = delete;
+
+    std::int64_t next(T_KAVRO_MD& descriptor, std::span<char> buffer, bool wait) override;
+    void commit() override;
+    void rollback() override;
+    void put_instead(const std::string& queue, const OutgoingMessage& message) override;
+    void hold(const std::string& reason) override;
+    [[nodiscard]] bool in_hand() const override { return hand_ != 0; }
+
+  private:
+    enum class Found { kMessage, kNothing, kGroupEnd };
+
+    void use_up();
+    void delete_used();
+    void delete_used_if_due();
+    void finish_group(const std::function<void(WriteTxn&, QueueRecord&)>& extra);
+    void retry_hold();
+    void read_plan(const QueueRecord& record);
+    Found take(T_KAVRO_MD& descriptor, std::span<char> buffer, std::int64_t& length);
+    bool take_next(T_KAVRO_MD& descriptor, std::span<char> buffer, std::int64_t& length);
+    void deliver(std::uint64_t sequence, std::string_view record, T_KAVRO_MD& descriptor, std::span<char> buffer,
+                 std::int64_t& length);
+    std::int64_t wait_for_message(T_KAVRO_MD& descriptor, std::span<char> buffer, SignalBlock& signals);
+    void count_read(std::uint64_t bytes);
+
+    std::shared_ptr<StoreImpl> store_;
+    Environment& env_;
+    std::string queue_;
+    std::uint32_t id_ = 0;
+    std::shared_ptr<MarkFile> mark_;
+    Reader reader_;
+    std::unique_ptr<WakeFifo> fifo_;
+
+    std::uint64_t generation_ = 0; ///< of the queue's record: only the drainer moves it
+    std::uint64_t releases_ = 0;   ///< of the queue's record, when position_ was set
+    std::uint64_t position_ = 0;   ///< messages after this sequence come next
+    std::uint64_t ceiling_ = 0;    ///< first held message after the position when the group began
+
+    UsedRange group_;
+    std::uint64_t group_count_ = 0;
+    std::uint64_t group_bytes_ = 0;
+    std::uint64_t group_limit_ = kGroupMessages;
+
+    std::uint64_t hand_ = 0; ///< sequence of the message in hand, 0 for none
+    std::uint64_t hand_bytes_ = 0;
+    std::string hold_pending_; ///< reason of a hold that failed: the message must not be used up
+    bool at_end_ = true;       ///< nothing followed the message in hand when it was read
+    std::uint64_t read_ = 0;
+};
+
+DrainGetter::DrainGetter(std::shared_ptr<StoreImpl> store, std::string queue)
+    : store_(std::move(store)), env_(store_->env()), queue_(std::move(queue)), reader_(env_) {
+    QueueRecord record;
+    {
+        const ReadScope scope(reader_);
+        record = load_queue(reader_.txn(), queue_, env_);
+    }
+    id_ = record.id;
+    if (const pid_t holder = store_->drain_locks().acquire(id_); holder != 0) {
+        throw Error(Errc::kBusy, "queue '" + queue_ + "' is drained by process " + std::to_string(holder) +
+                                     ": browse it, or stop that process first");
+    }
+    try {
+        mark_ = store_->mark(id_);
+        fifo_ = std::make_unique<WakeFifo>(store_->files().fifo(id_));
+        {
+            const ReadScope scope(reader_);
+            record = load_queue(reader_.txn(), queue_, env_);
+        }
+        if (record.id != id_) {
+            throw Error(Errc::kBusy, "queue '" + queue_ + "' was defined anew meanwhile: try again");
+        }
+        generation_ = record.generation;
+        group_ = mark_->used(generation_);
+        if (!group_.empty()) {
+            finish_group({}); // the last drainer was killed before it deleted what it had used
+        } else {
+            mark_->begin_group(generation_);
+        }
+        mark_->set_in_hand(0);
+        mark_->set_waiting(false);
+    } catch (...) {
+        store_->drain_locks().release(id_);
+        throw;
+    }
+}
+
+DrainGetter::~DrainGetter() {
+    hand_ = 0;
+    mark_->set_in_hand(0);
+    try {
+        delete_used();
+    } catch (const Error&) {
+        // The mark stands: the next drainer deletes the group.
+        static_cast<void>(0);
+    }
+    store_->drain_locks().release(id_);
+}
+
+/// The message in hand is used from here on: this is the point that decides whether a killed process repeats it.
+void DrainGetter::use_up() {
+    if (hand_ == 0) {
+        return;
+    }
+    if (group_.empty()) {
+        group_.first = hand_;
+    }
+    group_.through = hand_;
+    mark_->set_used(group_);
+    mark_->set_in_hand(0);
+    ++group_count_;
+    group_bytes_ += hand_bytes_;
+    position_ = hand_;
+    hand_ = 0;
+}
+
+/// Deletes the used messages and does `extra` with the queue's record, both in one transaction; then begins a group.
+void DrainGetter::finish_group(const std::function<void(WriteTxn&, QueueRecord&)>& extra) {
+    store_->write(Need::kMust, [&](WriteTxn& write) {
+        QueueRecord record = load_queue(write.txn(), queue_, env_);
+        if (!group_.empty()) {
+            erase_messages(write, record, group_.first, group_.through, kNone);
+        }
+        if (extra) {
+            extra(write, record);
+        }
+        record.generation = generation_ + 1;
+        save_queue(write, queue_, record);
+    });
+    mark_->begin_group(++generation_);
+    group_ = {};
+    group_count_ = 0;
+    group_bytes_ = 0;
+    group_limit_ = kGroupMessages;
+}
+
+void DrainGetter::delete_used() {
+    if (!group_.empty()) {
+        finish_group({});
+    }
+}
+
+void DrainGetter::delete_used_if_due() {
+    if (group_count_ < group_limit_ && group_bytes_ < kGroupBytes) {
+        return;
+    }
+    try {
+        delete_used();
+    } catch (const FullError&) {
+        // Not even the reserve was enough. The mark knows what is used: go on and try again later.
+        group_limit_ = group_count_ + kGroupMessages;
+        group_bytes_ = 0;
+    }
+}
+
+void DrainGetter::retry_hold() {
+    if (hand_ == 0 || hold_pending_.empty()) {
+        return;
+    }
+    try {
+        hold(hold_pending_);
+    } catch (const Error& error) {
+        throw Error(Errc::kHeld, "queue '" + queue_ +
+                                     "': the message in hand could be neither dead-lettered nor held, "
+                                     "it stays on its queue: " +
+                                     error.what());
+    }
+}
+
+/// Where the next group may go, as of the reader's moment.
+void DrainGetter::read_plan(const QueueRecord& record) {
+    if (record.id != id_) {
+        throw Error(Errc::kNotFound, "queue '" + queue_ + "' was deleted");
+    }
+    if (record.releases != releases_) {
+        releases_ = record.releases;
+        position_ = 0; // messages that were held stand before it
+    }
+    ceiling_ = record.held > 0 ? first_held(reader_.txn(), env_, id_, position_ + 1) : kNone;
+}
+
+DrainGetter::Found DrainGetter::take(T_KAVRO_MD& descriptor, std::span<char> buffer, std::int64_t& length) {
+    const ReadScope scope(reader_);
+    if (group_.empty()) {
+        read_plan(load_queue(reader_.txn(), queue_, env_));
+    }
+    Cursor cursor(reader_.txn(), env_.messages, env_);
+    for (;;) {
+        const MessageKey start(id_, position_ + 1);
+        MDB_val key = to_val(start.view());
+        MDB_val value{};
+        const bool found = cursor.get(key, value, MDB_SET_RANGE);
+        const std::uint64_t sequence = found ? MessageKey::sequence_in(to_view(key), id_) : 0;
+        if (sequence == 0) {
+            at_end_ = true;
+            return group_.empty() ? Found::kNothing : Found::kGroupEnd;
+        }
+        if (sequence < ceiling_) {
+            deliver(sequence, to_view(value), descriptor, buffer, length);
+            at_end_ = !cursor.get(key, value, MDB_NEXT) || MessageKey::sequence_in(to_view(key), id_) == 0;
+            return Found::kMessage;
+        }
+        if (!group_.empty()) {
+            return Found::kGroupEnd;
+        }
+        position_ = ceiling_;
+        ceiling_ = first_held(reader_.txn(), env_, id_, position_ + 1);
+    }
+}
+
+void DrainGetter::deliver(std::uint64_t sequence, std::string_view record, T_KAVRO_MD& descriptor,
+                          std::span<char> buffer, std::int64_t& length) {
+    const MessageView view = decode_message(record);
+    if (view.data.size() > buffer.size()) {
+        throw Error(Errc::kTooLarge, "queue '" + queue_ + "': the next message has " +
+                                         std::to_string(view.data.size()) + " bytes, the buffer " +
+                                         std::to_string(buffer.size()) + ": it stays on the queue");
+    }
+    std::memcpy(&descriptor, view.descriptor, kDescriptorSize); // the caller's pointer at its end stays
+    if (view.attachment_count > 0 && descriptor.pOptData != nullptr) {
+        auto* files = static_cast<T_KAVRO_ACCESSORIES_MD*>(descriptor.pOptData);
+        std::string_view list = view.attachments;
+        for (std::uint32_t i = 0; i < view.attachment_count; ++i) {
+            const std::string_view path = next_attachment(list);
+            std::memcpy(files->sFiles[i], path.data(), path.size());
+            files->sFiles[i][path.size()] = '\0';
+        }
+        files->iNum = static_cast<int>(view.attachment_count);
+    }
+    if (!view.data.empty()) {
+        std::memcpy(buffer.data(), view.data.data(), view.data.size());
+    }
+    length = static_cast<std::int64_t>(view.data.size());
+    hand_ = sequence;
+    hand_bytes_ = view.data.size();
+    mark_->set_in_hand(sequence);
+    count_read(stored_size(record.size()));
+}
+
+void DrainGetter::count_read(std::uint64_t bytes) {
+    read_ += bytes;
+    if (read_ >= kReadBeforeDrop) {
+        read_ = 0;
+        env_.drop_pages();
+    }
+}
+
+/// False when the queue is empty; what was used is deleted then.
+bool DrainGetter::take_next(T_KAVRO_MD& descriptor, std::span<char> buffer, std::int64_t& length) {
+    for (;;) {
+        switch (take(descriptor, buffer, length)) {
+        case Found::kMessage:
+            return true;
+        case Found::kNothing:
+            return false;
+        case Found::kGroupEnd:
+            try {
+                delete_used();
+            } catch (const FullError&) {
+                if (!at_end_) {
+                    throw;
+                }
+                return false; // the mark knows what is used; deleted once there is room
+            }
+            break;
+        }
+    }
+}
+
+std::int64_t DrainGetter::next(T_KAVRO_MD& descriptor, std::span<char> buffer, bool wait) {
+    retry_hold();
+    use_up();
+    delete_used_if_due();
+    stop_point(StopPlace::kBetweenMessages);
+
+    SignalBlock signals;
+    if (wait && at_end_) {
+        signals.block(); // probably empty: a signal from here on ends the wait
+    }
+    std::int64_t length = -1;
+    const Found found = take(descriptor, buffer, length);
+    if (found == Found::kMessage) {
+        return length;
+    }
+    if (!wait) {
+        return found == Found::kGroupEnd && take_next(descriptor, buffer, length) ? length : -1;
+    }
+    return wait_for_message(descriptor, buffer, signals);
+}
+
+std::int64_t DrainGetter::wait_for_message(T_KAVRO_MD& descriptor, std::span<char> buffer, SignalBlock& signals) {
+    struct WaitingWord {
+        MarkFile& mark;
+        ~WaitingWord() { mark.set_waiting(false); }
+    } const word{*mark_};
+    std::int64_t length = -1;
+    signals.block();
+    for (;;) {
+        mark_->set_waiting(true); // then look again: a put that does not see the word is seen by the look
+        if (take_next(descriptor, buffer, length)) {
+            return length;
+        }
+        if (!fifo_->wait(signals.original())) {
+            signals.restore();
+            stop_point(StopPlace::kBetweenMessages);
+            return -1;
+        }
+    }
+}
+
+void DrainGetter::commit() {
+    retry_hold();
+    use_up();
+    delete_used();
+}
+
+void DrainGetter::rollback() {
+    hand_ = 0;
+    hold_pending_.clear();
+    at_end_ = false;
+    mark_->set_in_hand(0);
+}
+
+void DrainGetter::put_instead(const std::string& queue, const OutgoingMessage& message) {
+    if (hand_ == 0) {
+        throw Error(Errc::kInvalid, "there is no message in hand that another could replace");
+    }
+    try {
+        check_message(message);
+        std::uint32_t target_id = 0;
+        std::shared_ptr<MarkFile> target_mark;
+        // The quota is not asked: as much goes as comes.
+        finish_group([&](WriteTxn& write, QueueRecord& record) {
+            erase_messages(write, record, hand_, hand_, 1);
+            if (queue == queue_) {
+                append_message(write, record, message);
+                return;
+            }
+            QueueRecord target = load_queue(write.txn(), queue, env_);
+            target_id = target.id;
+            target_mark = store_->mark(target_id);
+            append_message(write, target, message);
+            save_queue(write, queue, target);
+        });
+        position_ = hand_;
+        hand_ = 0;
+        mark_->set_in_hand(0);
+        if (target_mark) {
+            store_->wake(target_id, *target_mark);
+        }
+    } catch (const std::exception& error) {
+        try {
+            hold("not put on queue '" + queue + "': " + error.what());
+        } catch (const Error&) {
+            static_cast<void>(0); // the next call tries again, and says so
+        }
+        throw;
+    }
+}
+
+void DrainGetter::hold(const std::string& reason) {
+    if (hand_ == 0) {
+        return;
+    }
+    constexpr std::size_t kMaxReason = 1024;
+    hold_pending_ = reason.empty() ? "held" : reason.substr(0, kMaxReason);
+    finish_group([&](WriteTxn& write, QueueRecord& record) {
+        table_put(write, env_.held, MessageKey(id_, hand_).view(), hold_pending_);
+        ++record.held;
+    });
+    hold_pending_.clear();
+    position_ = hand_;
+    hand_ = 0;
+    mark_->set_in_hand(0);
+}
+
+} // namespace
+
+std::unique_ptr<Getter> drain_queue(std::shared_ptr<StoreImpl> store, const std::string& queue) {
+    return std::make_unique<DrainGetter>(std::move(store), queue);
+}
+
+} // namespace kvr

@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: MIT
+// Changes to the table of messages within a transaction.
+#include "message_table.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "keys.h"
+#include "message_record.h"
+#include "store_layout.h"
+#include "system_error.h"
+
+namespace kvr {
+
+namespace {
+
+std::uint64_t less(std::uint64_t from, std::uint64_t amount) {
+    return from - std::min(from, amount);
+}
+
+/// Calls `each(cursor, sequence, record)` for the queue's messages from `first` to `through` while it returns true.
+template <class Each>
+void for_range(MDB_txn* txn, const Environment& env, std::uint32_t queue, std::uint64_t first, std::uint64_t through,
+               Each each) {
+    const MessageKey start(queue, first);
+    Cursor cursor(txn, env.messages, env);
+    MDB_val key = to_val(start.view());
+    MDB_val value{};
+    for (bool found = cursor.get(key, value, MDB_SET_RANGE); found; found = cursor.get(key, value, MDB_NEXT)) {
+        const std::uint64_t sequence = MessageKey::sequence_in(to_view(key), queue);
+        if (sequence == 0 || sequence > through || !each(cursor, sequence, to_view(value))) {
+            return;
+        }
+    }
+}
+
+} // namespace
+
+void append_message(WriteTxn& write, QueueRecord& queue, const OutgoingMessage& message) {
+    const Environment& env = write.env();
+    const MessageKey key(queue.id, queue.next_sequence);
+    const std::size_t size = encoded_size(message);
+    MDB_val key_val = to_val(key.view());
+    MDB_val value{size, nullptr};
+    // At the table's end, where the newest queue's messages go, appending fills the pages wholly.
+    int result = mdb_put(write.txn(), env.messages, &key_val, &value, MDB_RESERVE | MDB_APPEND);
+    if (result == MDB_KEYEXIST) {
+        value = {size, nullptr};
+        result = mdb_put(write.txn(), env.messages, &key_val, &value, MDB_RESERVE | MDB_NOOVERWRITE);
+    }
+    if (result != MDB_SUCCESS) {
+        throw_mdb("put a message", env.folder(), result);
+    }
+    encode_message(message, static_cast<char*>(value.mv_data));
+    save_usage(write, load_usage(write.txn(), env) + stored_size(size));
+    ++queue.next_sequence;
+    ++queue.depth;
+    queue.bytes += message.data.size();
+}
+
+std::uint64_t erase_messages(WriteTxn& write, QueueRecord& queue, std::uint64_t first, std::uint64_t through,
+                             std::uint64_t limit) {
+    std::uint64_t count = 0;
+    std::uint64_t stored = 0;
+    for_range(write.txn(), write.env(), queue.id, first, through,
+              [&](Cursor& cursor, std::uint64_t, std::string_view record) {
+                  queue.bytes = less(queue.bytes, data_bytes(record));
+                  stored += stored_size(record.size());
+                  cursor.erase();
+                  return ++count < limit;
+              });
+    if (count > 0) {
+        queue.depth = less(queue.depth, count);
+        save_usage(write, less(load_usage(write.txn(), write.env()), stored));
+    }
+    return count;
+}
+
+std::pair<std::uint64_t, std::uint64_t> count_messages(MDB_txn* txn, const Environment& env, std::uint32_t queue,
+                                                       UsedRange range) {
+    std::pair<std::uint64_t, std::uint64_t> counted{0, 0};
+    if (!range.empty()) {
+        for_range(txn, env, queue, range.first, range.through, [&](Cursor&, std::uint64_t, std::string_view record) {
+            ++counted.first;
+            counted.second += data_bytes(record);
+            return true;
+        });
+    }
+    return counted;
+}
+
+std::uint64_t first_held(MDB_txn* txn, const Environment& env, std::uint32_t queue, std::uint64_t from) {
+    const MessageKey start(queue, from);
+    Cursor cursor(txn, env.held, env);
+    MDB_val key = to_val(start.view());
+    MDB_val value{};
+    std::uint64_t sequence = 0;
+    if (cursor.get(key, value, MDB_SET_RANGE)) {
+        sequence = MessageKey::sequence_in(to_view(key), queue);
+    }
+    return sequence != 0 ? sequence : std::numeric_limits<std::uint64_t>::max();
+}
+
+} // namespace kvr

@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: MIT
+// Changes to the table of messages within a transaction. Each keeps the queue's record (the caller saves it) and the
+// store's usage in step.
+#pragma once
+
+#include <cstdint>
+
+#include "environment.h"
+#include "mark_file.h"
+#include "queue_record.h"
+#include "store.h"
+
+namespace kvr {
+
+/// Appends a message that check_message took.
+void append_message(WriteTxn& write, QueueRecord& queue, const OutgoingMessage& message);
+/// Deletes up to `limit` of the queue's messages from `first` to `through`, held or not. Returns how many.
+std::uint64_t erase_messages(WriteTxn& write, QueueRecord& queue, std::uint64_t first, std::uint64_t through,
+                             std::uint64_t limit);
+/// Counts messages and their data in a range: what a mark says is used. Returns depth and bytes.
+std::pair<std::uint64_t, std::uint64_t> count_messages(MDB_txn* txn, const Environment& env, std::uint32_t queue,
+                                                       UsedRange range);
+/// Sequence of the first held message from `from` on, UINT64_MAX for none.
+std::uint64_t first_held(MDB_txn* txn, const Environment& env, std::uint32_t queue, std::uint64_t from);
+
+} // namespace kvr

@@ -1,0 +1,148 @@
+// SPDX-License-Identifier: MIT
+// Puts, browses and releases of messages.
+#include <cstring>
+
+#include "getter.h"
+#include "keys.h"
+#include "message_record.h"
+#include "message_table.h"
+#include "store_impl.h"
+#include "system_error.h"
+#include "wake_fifo.h"
+
+namespace kvr {
+
+namespace {
+
+/// Bytes that a browse reads before it lets go of the mapped pages.
+constexpr std::size_t kReadBeforeDrop = 4UL << 20;
+
+void check_quota(WriteTxn& write, std::uint64_t growth) {
+    const std::uint64_t quota = load_settings(write.txn(), write.env()).quota;
+    const std::uint64_t usage = load_usage(write.txn(), write.env());
+    if (usage + growth > quota) {
+        throw FullError(Shortage::kQuota, "the queue manager's quota of " + std::to_string(quota) +
+                                              " bytes is used up: drain its queues or raise the quota");
+    }
+}
+
+StoredMessage to_stored(std::uint64_t sequence, const MessageView& view) {
+    StoredMessage message{};
+    message.sequence = sequence;
+    std::memcpy(&message.descriptor, view.descriptor, kDescriptorSize);
+    std::string_view list = view.attachments;
+    while (!list.empty()) {
+        message.attachments.emplace_back(next_attachment(list));
+    }
+    message.data = view.data;
+    return message;
+}
+
+} // namespace
+
+void StoreImpl::put(const std::string& queue, std::span<const OutgoingMessage> messages) {
+    std::uint64_t growth = 0;
+    for (const OutgoingMessage& message : messages) {
+        check_message(message);
+        growth += stored_size(encoded_size(message));
+    }
+    reserve_.require();
+    std::uint32_t id = 0;
+    std::shared_ptr<MarkFile> its_mark;
+    write(Need::kMayFail, [&](WriteTxn& write) {
+        QueueRecord record = load_queue(write.txn(), queue, env_);
+        check_quota(write, growth);
+        id = record.id;
+        its_mark = mark(id); // before the commit: nothing may fail after it
+        for (const OutgoingMessage& message : messages) {
+            append_message(write, record, message);
+        }
+        save_queue(write, queue, record);
+    });
+    wake(id, *its_mark);
+}
+
+void StoreImpl::wake(std::uint32_t queue, MarkFile& mark) const {
+    if (mark.claim_wake_up()) {
+        WakeFifo::wake(files_.fifo(queue));
+    }
+}
+
+void StoreImpl::browse(const std::string& queue, std::uint64_t from,
+                       const std::function<bool(const StoredMessage&)>& visit) {
+    // One short transaction for each message and none while the visitor runs: it may be slow, or use the store.
+    Reader reader(env_);
+    std::string copy;
+    std::size_t read = 0;
+    for (std::uint64_t next = from;;) {
+        StoredMessage message{};
+        {
+            const ReadScope scope(reader);
+            const Look now = look(reader, queue);
+            if (now.used.contains(next)) {
+                next = now.used.through + 1;
+            }
+            const MessageKey start(now.record.id, next);
+            Cursor cursor(reader.txn(), env_.messages, env_);
+            MDB_val key = to_val(start.view());
+            MDB_val value{};
+            if (!cursor.get(key, value, MDB_SET_RANGE)) {
+                return;
+            }
+            const std::uint64_t sequence = MessageKey::sequence_in(to_view(key), now.record.id);
+            if (sequence == 0) {
+                return;
+            }
+            next = sequence + 1;
+            if (now.used.contains(sequence)) {
+                continue;
+            }
+            copy.assign(to_view(value));
+            message = to_stored(sequence, decode_message(copy));
+            message.in_hand = now.in_hand == sequence && drain_locks_.holder(now.record.id) != 0;
+            if (now.record.held > 0) {
+                if (const auto reason =
+                        table_get(reader.txn(), env_.held, MessageKey(now.record.id, sequence).view(), env_)) {
+                    message.held = true;
+                    message.held_reason = *reason;
+                }
+            }
+        }
+        read += copy.size();
+        if (read > kReadBeforeDrop) {
+            env_.drop_pages();
+            read = 0;
+        }
+        if (!visit(message)) {
+            return;
+        }
+    }
+}
+
+std::uint64_t StoreImpl::release_held(const std::string& queue) {
+    std::uint64_t released = 0;
+    std::uint32_t id = 0;
+    std::shared_ptr<MarkFile> its_mark;
+    write(Need::kMust, [&](WriteTxn& write) {
+        released = 0;
+        QueueRecord record = load_queue(write.txn(), queue, env_);
+        id = record.id;
+        its_mark = mark(id);
+        constexpr std::uint64_t kNone = UINT64_MAX;
+        for (std::uint64_t at = 0; (at = first_held(write.txn(), env_, id, at)) != kNone; ++at) {
+            table_erase(write, env_.held, MessageKey(id, at).view());
+            ++released;
+        }
+        record.held = 0;
+        ++record.releases;
+        save_queue(write, queue, record);
+    });
+    wake(id, *its_mark);
+    return released;
+}
+
+std::unique_ptr<Getter> StoreImpl::drain(const std::string& queue) {
+    return drain_queue(std::static_pointer_cast<StoreImpl>(shared_from_this()), queue);
+}
+
+} // namespace kvr

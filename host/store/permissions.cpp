@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: MIT
+// Folders and files of a queue manager: private to their owner whatever the umask, refused when others can write.
+#include "permissions.h"
+
+#include <cerrno>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "system_error.h"
+
+namespace kvr {
+
+namespace {
+
+constexpr mode_t kFolderMode = 0700;
+constexpr mode_t kFileMode = 0600;
+constexpr mode_t kOthersWrite = 0022;
+
+void give_to_owner_of_parent(const std::filesystem::path& path) {
+    struct stat parent {};
+    if (::geteuid() == 0 && ::stat(path.parent_path().c_str(), &parent) == 0 && parent.st_uid != 0 &&
+        ::lchown(path.c_str(), parent.st_uid, parent.st_gid) != 0) {
+        throw_system("give to its owner", path, errno);
+    }
+}
+
+} // namespace
+
+void make_private_folder(const std::filesystem::path& path) {
+    if (::mkdir(path.c_str(), kFolderMode) != 0) {
+        throw_system("make the folder", path, errno);
+    }
+    if (::chmod(path.c_str(), kFolderMode) != 0) {
+        throw_system("protect the folder", path, errno);
+    }
+    give_to_owner_of_parent(path);
+}
+
+void make_private_file(const std::filesystem::path& path) {
+    if (::chmod(path.c_str(), kFileMode) != 0) {
+        throw_system("protect", path, errno);
+    }
+    give_to_owner_of_parent(path);
+}
+
+void check_private(const std::filesystem::path& path, bool folder) {
+    struct stat info {};
+    if (::lstat(path.c_str(), &info) != 0) {
+        throw_system("find", path, errno);
+    }
+    if (folder ? !S_ISDIR(info.st_mode) : !S_ISREG(info.st_mode)) {
+        throw Error(Errc::kPermission, path.string() + " is not a plain " + (folder ? "folder" : "file"));
+    }
+    const uid_t self = ::geteuid();
+    if (info.st_uid != self && self != 0) {
+        throw Error(Errc::kPermission, path.string() + " belongs to user id " + std::to_string(info.st_uid) +
+                                           ", not to you: run as that user");
+    }
+    if ((info.st_mode & kOthersWrite) != 0) {
+        throw Error(Errc::kPermission,
+                    "others can write to " + path.string() + ": check what they did, then run chmod go-w on it");
+    }
+}
+
+void sync_folder(const std::filesystem::path& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) {
+        throw_system("open the folder", path, errno);
+    }
+    const int failed = ::fsync(fd) == 0 ? 0 : errno;
+    ::close(fd);
+    if (failed != 0) {
+        throw_system("flush the folder", path, failed);
+    }
+}
+
+int open_allocated_file(const std::filesystem::path& path, off_t size) {
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kFileMode);
+    if (fd < 0) {
+        throw_system("open", path, errno);
+    }
+    struct stat info {};
+    int failed = ::fstat(fd, &info) == 0 ? 0 : errno;
+    if (failed == 0 && info.st_size < size) {
+        // Never through ftruncate: a hole would be filled at the first store into the mapping, and a full disk then is
+        // a SIGBUS. Two processes may do this at once, and it keeps what the file holds.
+        failed = ::posix_fallocate(fd, 0, size);
+    }
+    if (failed == 0 && (info.st_mode & 07777) != kFileMode && ::fchmod(fd, kFileMode) != 0) {
+        failed = errno;
+    }
+    if (failed != 0) {
+        ::close(fd);
+        throw_system("make", path, failed);
+    }
+    give_to_owner_of_parent(path);
+    return fd;
+}
+
+} // namespace kvr

@@ -1,0 +1,188 @@
+// SPDX-License-Identifier: MIT
+// Queues of the store: their definitions, and what an operator sees of them.
+#include <limits>
+
+#include <unistd.h>
+
+#include "keys.h"
+#include "message_table.h"
+#include "names.h"
+#include "schema.h"
+#include "store_impl.h"
+#include "wake_fifo.h"
+
+namespace kvr {
+
+namespace {
+
+constexpr std::size_t kMaxDescription = 255;
+/// Messages deleted in one transaction of a purge: a transaction has room for so many changed pages.
+constexpr std::uint64_t kPurgeStep = 4096;
+
+void check_description(const std::string& description) {
+    if (description.size() > kMaxDescription) {
+        throw Error(Errc::kTooLong,
+                    "a queue's description takes at most " + std::to_string(kMaxDescription) + " bytes");
+    }
+}
+
+/// The lock of a queue that nobody drains, for as long as it is being deleted.
+class DeletionLock {
+  public:
+    DeletionLock(DrainLocks& locks, const std::string& name, std::uint32_t queue) : locks_(locks), queue_(queue) {
+        if (const pid_t holder = locks_.acquire(queue_); holder != 0) {
+            throw Error(Errc::kBusy,
+                        "queue '" + name + "' is drained by process " + std::to_string(holder) + ": stop it first");
+        }
+    }
+    ~DeletionLock() { locks_.release(queue_); }
+    DeletionLock(const DeletionLock&) = delete;
+    DeletionLock& operator=(const DeletionLock&) = delete;
+
+  private:
+    DrainLocks& locks_;
+    std::uint32_t queue_;
+};
+
+} // namespace
+
+void StoreImpl::queue_define(const std::string& name, const std::string& description) {
+    check_name("queue", name, kMaxQueueName);
+    check_description(description);
+    write(Need::kMayFail, [&](WriteTxn& write) {
+        if (find_queue(write.txn(), name, env_)) {
+            throw Error(Errc::kExists, "queue '" + name + "' exists already");
+        }
+        QueueRecord record;
+        record.id = next_queue_id(write);
+        record.description = description;
+        // Made before the queue is: whoever works with it later finds its files on a full disk too.
+        WakeFifo::create(files_.fifo(record.id));
+        static_cast<void>(mark(record.id));
+        save_queue(write, name, record);
+    });
+}
+
+void StoreImpl::queue_set(const std::string& name, const std::string& description) {
+    check_description(description);
+    write(Need::kMust, [&](WriteTxn& write) {
+        QueueRecord record = load_queue(write.txn(), name, env_);
+        record.description = description;
+        save_queue(write, name, record);
+    });
+}
+
+void StoreImpl::queue_delete(const std::string& name, bool purge) {
+    const std::uint32_t id = [&] {
+        Reader reader(env_);
+        const ReadScope scope(reader);
+        return load_queue(reader.txn(), name, env_).id;
+    }();
+    const DeletionLock lock(drain_locks_, name, id);
+    for (bool done = false; !done;) {
+        erase_step(name, id, purge, done);
+    }
+    {
+        const std::scoped_lock guard(marks_mutex_);
+        marks_.erase(id);
+    }
+    ::unlink(files_.mark(id).c_str());
+    ::unlink(files_.fifo(id).c_str());
+}
+
+/// Deletes some messages of a queue, or the queue itself once it is empty.
+void StoreImpl::erase_step(const std::string& name, std::uint32_t id, bool purge, bool& done) {
+    constexpr std::uint64_t kLast = std::numeric_limits<std::uint64_t>::max();
+    const std::shared_ptr<MarkFile> used_mark = mark(id);
+    write(Need::kMust, [&](WriteTxn& write) {
+        QueueRecord record = load_queue(write.txn(), name, env_);
+        if (record.id != id) {
+            throw Error(Errc::kBusy, "queue '" + name + "' was defined anew meanwhile: try again");
+        }
+        if (!purge) {
+            // What a killed drainer used up is not on the queue any more.
+            const UsedRange used = used_mark->used(record.generation);
+            if (!used.empty()) {
+                erase_messages(write, record, used.first, used.through, kLast);
+            }
+            if (record.depth > 0) {
+                throw Error(Errc::kBusy, "queue '" + name + "' holds " + std::to_string(record.depth) +
+                                             " messages: drain it, or purge it with its messages");
+            }
+        }
+        if (record.depth > 0 && erase_messages(write, record, 1, kLast, kPurgeStep) == kPurgeStep) {
+            ++record.generation;
+            save_queue(write, name, record);
+            done = false;
+            return;
+        }
+        for (std::uint64_t at = 0; (at = first_held(write.txn(), env_, id, at)) != kLast; ++at) {
+            table_erase(write, env_.held, MessageKey(id, at).view());
+        }
+        table_erase(write, env_.queues, name);
+        done = true;
+    });
+}
+
+StoreImpl::Look StoreImpl::look(Reader& reader, const std::string& queue) {
+    // The caller's transaction shows the queue at one moment, its mark moves on. A mark of a later generation means
+    // that the group was deleted after that moment: look again from now.
+    constexpr int kTries = 100;
+    for (int attempt = 1;; ++attempt) {
+        Look result{.record = load_queue(reader.txn(), queue, env_), .used = {}, .in_hand = 0};
+        const std::shared_ptr<MarkFile> its_mark = mark(result.record.id);
+        const std::uint64_t in_hand = its_mark->in_hand();
+        result.used = its_mark->used(result.record.generation);
+        const std::uint64_t generation = its_mark->generation();
+        if (generation <= result.record.generation || attempt == kTries) {
+            result.in_hand = in_hand;
+            return result;
+        }
+        reader.end();
+        reader.begin();
+    }
+}
+
+QueueInfo StoreImpl::info_of(MDB_txn* txn, const std::string& name, const Look& look) {
+    const auto [used, used_bytes] = count_messages(txn, env_, look.record.id, look.used);
+    return {.name = name,
+            .description = look.record.description,
+            .depth = look.record.depth - std::min(look.record.depth, used),
+            .bytes = look.record.bytes - std::min(look.record.bytes, used_bytes),
+            .held = look.record.held,
+            .drained_by = drain_locks_.holder(look.record.id)};
+}
+
+QueueInfo StoreImpl::queue_info(const std::string& name) {
+    Reader reader(env_);
+    const ReadScope scope(reader);
+    const Look now = look(reader, name);
+    return info_of(reader.txn(), name, now);
+}
+
+std::vector<QueueInfo> StoreImpl::queues() {
+    std::vector<std::string> names;
+    {
+        Reader reader(env_);
+        const ReadScope scope(reader);
+        Cursor cursor(reader.txn(), env_.queues, env_);
+        MDB_val key{};
+        MDB_val value{};
+        for (bool found = cursor.get(key, value, MDB_FIRST); found; found = cursor.get(key, value, MDB_NEXT)) {
+            names.emplace_back(to_view(key));
+        }
+    }
+    std::vector<QueueInfo> infos;
+    for (const std::string& name : names) {
+        try {
+            infos.push_back(queue_info(name));
+        } catch (const Error& error) {
+            if (error.code() != Errc::kNotFound) { // deleted meanwhile
+                throw;
+            }
+        }
+    }
+    return infos;
+}
+
+} // namespace kvr

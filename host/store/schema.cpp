@@ -1,0 +1,170 @@
+// SPDX-License-Identifier: MIT
+// Object classes with their attributes. A length is the reader's buffer less its NUL: readers are told no sizes.
+#include "schema.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+
+#include <strings.h>
+
+namespace kvr {
+
+namespace {
+
+constexpr std::size_t kShort = 63;  ///< readers' buffers of 64 bytes
+constexpr std::size_t kLong = 255;  ///< readers' buffers of 256 bytes
+constexpr long kMaxSeconds = 86400; ///< a day: longer pauses look like a dead channel
+constexpr long kMaxRetries = 999999999;
+constexpr long kMaxPort = 65535;
+/// Queue names fit 32 bytes wherever they travel, although the readers' buffers hold 63.
+constexpr std::size_t kQueueNameRoom = 32;
+
+constexpr std::array<AttrSpec, 11> kChannel{{
+    {"DESCR", kLong, AttrKind::kText, 0, 0, "", "", "free text for operators"},
+    {"CHLTYPE", kLong, AttrKind::kChoice, 0, 0, "SNDR", "SNDR", "type of the channel; SNDR sends"},
+    {"XMITQ", kQueueNameRoom, AttrKind::kText, 0, 0, "", "", "transmission queue that the channel drains"},
+    {"CONNAME", kLong, AttrKind::kAddress, 0, 0, "", "", "listener's address: host or host(port); port 5151 if none"},
+    {"HBINT", kLong, AttrKind::kNumber, 0, kMaxSeconds, "", "30",
+     "seconds without a message between heartbeats; 0: none"},
+    {"DISCINT", kShort, AttrKind::kNumber, 0, kMaxSeconds, "", "0",
+     "disconnect interval in seconds; read, not acted on"},
+    {"SSLCAUTH", kLong, AttrKind::kChoice, 0, 0, "ENABLE|DISABLE", "DISABLE", "ENABLE: the connection uses TLS"},
+    {"SHORTRTY", kShort, AttrKind::kNumber, 0, kMaxRetries, "", "10",
+     "connection attempts repeated at the short pause"},
+    {"SHORTTMR", kShort, AttrKind::kNumber, 0, kMaxSeconds, "", "5",
+     "seconds before each short retry; also the send time-out, 0: none"},
+    {"LONGRTY", kLong, AttrKind::kNumber, 0, kMaxRetries, "", "1000000",
+     "attempts at the long pause after the short ones"},
+    {"LONGTMR", kShort, AttrKind::kNumber, 0, kMaxSeconds, "", "60", "seconds before each long retry"},
+}};
+
+constexpr std::array<AttrSpec, 6> kQmgr{{
+    {"DESCR", kLong, AttrKind::kText, 0, 0, "", "", "free text for operators"},
+    {"DEADQ", kQueueNameRoom, AttrKind::kText, 0, 0, "", "", "dead-letter queue for messages that cannot be sent"},
+    {"CAFILE", kLong, AttrKind::kPath, 0, 0, "", "", "trusted CA certificates, PEM"},
+    {"CERTFILE", kLong, AttrKind::kPath, 0, 0, "", "", "own certificate, PEM"},
+    {"KEYFILE", kLong, AttrKind::kPath, 0, 0, "", "", "private key of the certificate, PEM"},
+    {"KEYPASS", kShort, AttrKind::kSecret, 0, 0, "", "", "pass phrase of the private key"},
+}};
+
+constexpr std::array<AttrSpec, 6> kStatus{{
+    {"PID", kLong, AttrKind::kText, 0, 0, "", "", "process that runs the channel; -1 after a stop"},
+    {"STATUS", kLong, AttrKind::kText, 0, 0, "", "", "BINDING, RETRYING, RUNING or STOPED"},
+    {"LOCALIP", kShort, AttrKind::kText, 0, 0, "", "", "own address of the connection"},
+    {"LOCALPORT", kShort, AttrKind::kText, 0, 0, "", "", "own port of the connection"},
+    {"REMOTEIP", kLong, AttrKind::kText, 0, 0, "", "", "listener's address"},
+    {"REMOTEPORT", kShort, AttrKind::kText, 0, 0, "", "", "listener's port"},
+}};
+
+constexpr std::array<ClassSpec, 3> kClasses{{{"CHL", kChannel}, {"QMGR", kQmgr}, {"CHS", kStatus}}};
+
+const AttrSpec& require_attr(std::string_view cls, std::string_view attr) {
+    const ClassSpec* spec = find_class(cls);
+    if (spec == nullptr) {
+        throw Error(Errc::kInvalid, "there is no object class '" + std::string(cls) + "'; use CHL, QMGR or CHS");
+    }
+    const AttrSpec* found = find_attr(*spec, attr);
+    if (found == nullptr) {
+        std::string known;
+        for (const AttrSpec& each : spec->attrs) {
+            known += (known.empty() ? "" : ", ") + std::string(each.name);
+        }
+        throw Error(Errc::kUnknownAttr,
+                    "class " + std::string(cls) + " has no attribute '" + std::string(attr) + "'; it has " + known);
+    }
+    return *found;
+}
+
+bool parse_number(std::string_view text, long& value) {
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    return !text.empty() && error == std::errc{} && end == text.data() + text.size();
+}
+
+bool is_choice(std::string_view choices, std::string_view value) {
+    for (std::size_t at = 0; at <= choices.size();) {
+        const std::size_t end = std::min(choices.find('|', at), choices.size());
+        const std::string_view choice = choices.substr(at, end - at);
+        if (choice.size() == value.size() && strncasecmp(choice.data(), value.data(), value.size()) == 0) {
+            return true;
+        }
+        at = end + 1;
+    }
+    return false;
+}
+
+/// The address as a reader of connection names splits it: the host up to the first "(", the port up to the next ")".
+bool is_address(std::string_view value) {
+    const std::size_t open = value.find('(');
+    const std::string_view host = value.substr(0, open);
+    if (host.empty() || host.find_first_of(" \t)") != std::string_view::npos) {
+        return false;
+    }
+    if (open == std::string_view::npos) {
+        return true;
+    }
+    long port = 0;
+    return value.back() == ')' && parse_number(value.substr(open + 1, value.size() - open - 2), port) && port >= 1 &&
+           port <= kMaxPort;
+}
+
+} // namespace
+
+std::span<const ClassSpec> schema() {
+    return kClasses;
+}
+
+const ClassSpec* find_class(std::string_view name) {
+    const auto* found =
+        std::find_if(kClasses.begin(), kClasses.end(), [&](const ClassSpec& cls) { return cls.name == name; });
+    return found == kClasses.end() ? nullptr : found;
+}
+
+const AttrSpec* find_attr(const ClassSpec& cls, std::string_view name) {
+    const auto found =
+        std::find_if(cls.attrs.begin(), cls.attrs.end(), [&](const AttrSpec& attr) { return attr.name == name; });
+    return found == cls.attrs.end() ? nullptr : &*found;
+}
+
+void check_attr(std::string_view cls, std::string_view attr, std::string_view value) {
+    const AttrSpec& spec = require_attr(cls, attr);
+    if (value.size() > spec.max_length) {
+        throw Error(Errc::kTooLong, std::string(attr) + " takes at most " + std::to_string(spec.max_length) +
+                                        " bytes, not " + std::to_string(value.size()));
+    }
+    if (std::any_of(value.begin(), value.end(), [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; })) {
+        throw Error(Errc::kInvalid, std::string(attr) + " must not hold control characters");
+    }
+}
+
+void check_definition(std::string_view cls, std::string_view attr, std::string_view value) {
+    check_attr(cls, attr, value);
+    const AttrSpec& spec = require_attr(cls, attr);
+    const std::string quoted = std::string(attr) + " '" + std::string(value) + "'";
+    switch (spec.kind) {
+    case AttrKind::kNumber: {
+        long number = 0;
+        if (!parse_number(value, number) || number < spec.min || number > spec.max) {
+            throw Error(Errc::kInvalid, quoted + " is not a whole number from " + std::to_string(spec.min) + " to " +
+                                            std::to_string(spec.max));
+        }
+        break;
+    }
+    case AttrKind::kChoice:
+        if (!is_choice(spec.choices, value)) {
+            throw Error(Errc::kInvalid, quoted + " is not one of " + std::string(spec.choices));
+        }
+        break;
+    case AttrKind::kAddress:
+        if (!is_address(value)) {
+            throw Error(Errc::kInvalid, quoted + " is not host or host(port) with a port from 1 to 65535");
+        }
+        break;
+    case AttrKind::kText:
+    case AttrKind::kSecret:
+    case AttrKind::kPath:
+        break;
+    }
+}
+
+} // namespace kvr
