@@ -226,6 +226,7 @@ void Peer::serve() {
         if (socket < 0) {
             continue;
         }
+        accepted_++;
         PeerConnection connection(socket, context_);
         if (!options_.handshake || connection.handshake()) {
             script_(connection);

@@ -3,6 +3,7 @@
 // its own that takes no signals. Connections come one after the other.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
@@ -91,6 +92,8 @@ class Peer {
     Peer& operator=(const Peer&) = delete;
 
     int port() const { return port_; }
+    /// Connections taken so far.
+    int accepted() const { return accepted_; }
 
   private:
     void serve();
@@ -101,6 +104,7 @@ class Peer {
     int listener_ = -1;
     int stop_pipe_[2] = {-1, -1};
     int port_ = 0;
+    std::atomic<int> accepted_ = 0;
     std::thread thread_;
 };
 

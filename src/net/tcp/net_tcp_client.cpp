@@ -196,8 +196,9 @@ int StartTls(T_NET_TCPCLIENT* ptClient, int iSocketNo, int iOptions) {
 
     const int iLowat = TLS_RCV_LOWAT;
     setsockopt(iSocketNo, SOL_SOCKET, SO_RCVLOWAT, &iLowat, sizeof(iLowat));
-    // A server that refuses this end's certificate can say so only after the handshake. Data stays for a read.
-    if (HasPending(ssl, iSocketNo) && Drain(ssl, iSocketNo, &psReason) == eDrainLost) {
+    // A server that refuses this end's certificate can say so only after the handshake. Data and an orderly end are
+    // left to the operations that follow.
+    if (HasPending(ssl, iSocketNo) && Drain(ssl, iSocketNo, false, &psReason) == eDrainLost) {
         NET_TCP_FAIL(ptClient, -1, CONNECT_FUNC, "SSL_connect[%s:%d] error[%s]", ptClient->sRemoteAddr,
                      ptClient->iRemotePort, psReason);
         return -1;
@@ -269,10 +270,11 @@ int netTcpClientConnect(void* pThis, char* psAddr, int iPort, int iOptions) {
 
 int WriteTls(T_NET_TCPCLIENT* ptClient, SSL* ssl, int iSocketNo, void* pBuf, int iWriteLen) {
     static constexpr char FUNC[] = "netTcpClientWrite";
-    const char* psReason = "";
+    const char* psReason = TLS_CLOSED;
     int iRet = -1;
     ClearReason();
-    if (!HasPending(ssl, iSocketNo) || InHandler() || Drain(ssl, iSocketNo, &psReason) == eDrainDone) {
+    if ((SSL_get_shutdown(ssl) & SSL_RECEIVED_SHUTDOWN) == 0 &&
+        (!HasPending(ssl, iSocketNo) || InHandler() || Drain(ssl, iSocketNo, true, &psReason) == eDrainDone)) {
         errno = 0;
         iRet = netTcpSSLWriteN(pBuf, iWriteLen, ssl);
         if (iRet == iWriteLen) {

@@ -17,6 +17,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include "net_tcp_heap.h"
+
 /// The library is built with hidden visibility; this opens one name.
 #define NET_TCP_EXPORT __attribute__((visibility("default")))
 
@@ -211,6 +213,7 @@ NET_TCP_EXPORT int netTcpSSLWriteN(void* pBuf, int iLen, SSL* ssl) {
     if (iLen <= 0) {
         return 0;
     }
+    f_iWriting = f_iWriting + 1;
     T_WRITE_LIMIT tLimit{};
     BIO* bio = SSL_get_wbio(ssl);
     BIO_set_callback_arg(bio, reinterpret_cast<char*>(&tLimit));
@@ -240,6 +243,7 @@ NET_TCP_EXPORT int netTcpSSLWriteN(void* pBuf, int iLen, SSL* ssl) {
     if (tLimit.iShortened != 0) {
         setsockopt(SSL_get_wfd(ssl), SOL_SOCKET, SO_SNDTIMEO, &tLimit.tSndTimeO, sizeof(tLimit.tSndTimeO));
     }
+    f_iWriting = f_iWriting - 1;
     errno = tLimit.iExpired != 0 ? EAGAIN : iErrno;
     return iTotal;
 }

@@ -136,16 +136,22 @@ void AnswerKeyUpdate(SSL* ssl) {
     ERR_clear_error();
 }
 
-enum E_DRAIN { eDrainDone, eDrainData, eDrainLost };
+enum E_DRAIN {
+    eDrainDone,
+    eDrainData,   ///< application data waits
+    eDrainClosed, ///< the peer said that it sends no more
+    eDrainLost,   ///< a fatal alert, a damaged record or an end of stream without notice
+};
 
 /// Takes in what the peer sent unasked: session tickets and key updates are consumed without waiting, application data
 /// stays for a read. Unread bytes would make the kernel reset the connection at its end and so lose data already sent.
-/// Outside a handler only. Sets the reason when the line is lost or holds data.
-E_DRAIN Drain(SSL* ssl, int iSocketNo, const char** ppsReason) {
+/// Without `bSeeEnd` an end of stream behind those bytes is left for later. Outside a handler only. Sets the reason
+/// when the line is lost or holds data.
+E_DRAIN Drain(SSL* ssl, int iSocketNo, bool bSeeEnd, const char** ppsReason) {
     E_DRAIN eRet = eDrainDone;
     SetNonBlock(iSocketNo, true);
     SSL_clear_mode(ssl, SSL_MODE_AUTO_RETRY);
-    for (int i = 0; i < DRAIN_RECORDS_MAX; i++) {
+    for (int i = 0; i < DRAIN_RECORDS_MAX && (bSeeEnd || HasPending(ssl, iSocketNo)); i++) {
         char cData = 0;
         errno = 0;
         const int iRet = SSL_peek(ssl, &cData, 1);
@@ -161,7 +167,7 @@ E_DRAIN Drain(SSL* ssl, int iSocketNo, const char** ppsReason) {
         }
         if (iSslError != SSL_ERROR_WANT_READ && iSslError != SSL_ERROR_WANT_WRITE) {
             *ppsReason = TlsReason(iErrno, TLS_CLOSED);
-            eRet = eDrainLost;
+            eRet = iSslError == SSL_ERROR_ZERO_RETURN ? eDrainClosed : eDrainLost;
         }
         break;
     }

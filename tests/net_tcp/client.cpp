@@ -1,0 +1,105 @@
+// SPDX-License-Identifier: MIT
+#include <gtest/gtest.h>
+
+#include "net_tcp/client.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <filesystem>
+
+#include <sys/ioctl.h>
+
+#include "kavutil.h"
+
+namespace kvr::test {
+namespace {
+
+std::atomic<void (*)()> handler_action;
+std::atomic<int> handler_runs;
+volatile sig_atomic_t handler_running = 0;
+
+void run_handler(int) {
+    const int saved = errno;
+    handler_running = 1;
+    handler_action.load()();
+    handler_running = 0;
+    handler_runs++;
+    errno = saved;
+}
+
+} // namespace
+
+std::vector<LoggedLine>& logged_lines() {
+    static std::vector<LoggedLine> lines;
+    return lines;
+}
+
+int record_line(char*, int iLevel, char* psMod, char* psFile, int, const char* psFunc, char* psFmt, ...) {
+    if (handler_running != 0) {
+        return 0;
+    }
+    char text[4096];
+    va_list arguments;
+    va_start(arguments, psFmt);
+    vsnprintf(text, sizeof(text), psFmt, arguments);
+    va_end(arguments);
+    logged_lines().push_back({iLevel, std::string(psMod) + "/" + psFile + "/" + psFunc, text});
+    errno = EDOM; // a log function may do that
+    return 0;
+}
+
+Client::Client(Carrier carrier) : tls_option_(carrier == Carrier::kPlain ? 0 : NET_TCP_OPT_SSL) {
+    signal(SIGPIPE, SIG_IGN);
+    logged_lines().clear();
+    netTcpClientCreate(&record, record_line);
+    if (tls_option_ != 0) {
+        set_text(record.sCaFile, tls_material().ca_file);
+        set_text(record.sCertFile, tls_material().client.cert_file);
+        set_text(record.sKeyFile, tls_material().client.key_file);
+    }
+}
+
+int Client::connect(int port, const char* address, int options) {
+    std::string text = address;
+    return record.pfnConnect(&record, text.data(), port, options);
+}
+
+int Client::write(const std::string& data) {
+    std::string copy = data;
+    return record.pfnWrite(&record, copy.data(), static_cast<int>(copy.size()), 0);
+}
+
+int Client::pending() const {
+    int bytes = 0;
+    ioctl(record.iSocketNo, FIONREAD, &bytes);
+    return bytes;
+}
+
+bool Client::readable() const {
+    return sockCanRead(record.iSocketNo) != 0;
+}
+
+Handler::Handler(void (*action)()) {
+    handler_action = action;
+    handler_runs = 0;
+    struct sigaction handler {};
+    handler.sa_handler = run_handler;
+    sigaction(SIGUSR2, &handler, &before_);
+}
+
+Handler::~Handler() {
+    sigaction(SIGUSR2, &before_, nullptr);
+}
+
+int Handler::runs() {
+    return handler_runs;
+}
+
+int open_descriptors() {
+    const std::filesystem::directory_iterator entries("/proc/self/fd");
+    return static_cast<int>(std::distance(begin(entries), end(entries)));
+}
+
+} // namespace kvr::test

@@ -1,0 +1,333 @@
+// SPDX-License-Identifier: MIT
+// TLS on a line that only writes: the check of the peer, tickets, what a receiver may say, and time limits.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <openssl/ssl.h>
+#include <pthread.h>
+
+#include "net_tcp/client.h"
+#include "net_tcp_common.h"
+
+namespace kvr::test {
+namespace {
+
+using testing::HasSubstr;
+
+class TlsTest : public testing::TestWithParam<Carrier> {
+  protected:
+    static PeerOptions options() {
+        PeerOptions made;
+        made.carrier = GetParam();
+        return made;
+    }
+};
+INSTANTIATE_TEST_SUITE_P(Carriers, TlsTest, testing::Values(Carrier::kTls12, Carrier::kTls13),
+                         [](const auto& row) { return std::string(carrier_name(row.param)); });
+
+TEST_P(TlsTest, JudgesThePeerBeforeAnyDataGoesOut) {
+    const TlsMaterial& material = tls_material();
+    const struct {
+        const char* name;
+        TlsIdentity identity;
+        int connect_options;
+        const char* reason; ///< null: accepted
+    } cases[] = {
+        {"trusted", material.server, 0, nullptr},
+        {"expired", material.expired_server, 0, "certificate has expired"},
+        {"not yet valid", material.future_server, 0, "certificate is not yet valid"},
+        {"of another CA", material.foreign_server, 0, "unable to get local issuer certificate"},
+        {"self-signed", material.self_signed_server, 0, "self-signed certificate"},
+        {"name to be checked", material.server, NET_TCP_SSL_CHECK_CN, "common name differs"},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.name);
+        PeerOptions made = options();
+        made.identity = row.identity;
+        std::string received;
+        {
+            Peer peer(made, [&](PeerConnection& connection) { received = connection.read_all(); });
+            Client client(GetParam());
+            ASSERT_EQ(client.init(), 0);
+            const int before = open_descriptors();
+            EXPECT_EQ(client.connect(peer.port(), "127.0.0.1", row.connect_options), row.reason == nullptr ? 0 : -1);
+            if (row.reason != nullptr) {
+                EXPECT_EQ(client.error(), std::string("netTcpSSLCheckCert error[") + row.reason + "]");
+                EXPECT_EQ(client.record.iErrorCode, -1);
+                EXPECT_EQ(client.record.iSocketNo, 0);
+                EXPECT_EQ(client.record.ssl, nullptr);
+                EXPECT_NE(client.record.ctx, nullptr);
+                EXPECT_EQ(client.record.iStat, 0);
+                EXPECT_TRUE(wait_until([&] { return open_descriptors() <= before; }));
+            }
+            EXPECT_EQ(client.write("secret"), row.reason == nullptr ? 6 : -1);
+        }
+        EXPECT_EQ(received, row.reason == nullptr ? "secret" : "");
+    }
+}
+
+TEST(TlsPeer, WithoutACertificateIsRefused) {
+    PeerOptions made;
+    made.carrier = Carrier::kTls12;
+    made.anonymous = true;
+    Peer peer(made, [](PeerConnection& connection) { connection.read_all(); });
+    Client client(Carrier::kTls12);
+    ASSERT_EQ(client.init(), 0);
+    SSL_CTX_set_cipher_list(client.record.ctx, "aNULL:@SECLEVEL=0");
+    EXPECT_EQ(client.connect(peer), -1);
+    EXPECT_EQ(client.error(), "netTcpSSLCheckCert error[peer has no certificate]");
+}
+
+TEST_P(TlsTest, ShowsItsCertificateWhenAsked) {
+    PeerOptions made = options();
+    made.ask_client_cert = true;
+    std::string received;
+    {
+        Peer peer(made, [&](PeerConnection& connection) { received = connection.read_all(); });
+        Client client(GetParam());
+        ASSERT_TRUE(client.up(peer)) << client.error();
+        EXPECT_EQ(client.write("hello"), 5);
+    }
+    EXPECT_EQ(received, "hello");
+
+    // Without one, TLS 1.2 fails in the handshake; with 1.3 the refusal follows it and meets the next operations.
+    Peer peer(made, [](PeerConnection&) {});
+    Client client(GetParam());
+    ASSERT_EQ(client.init(NET_TCP_SSL_NO_FILES), 0);
+    SSL_CTX_load_verify_locations(client.record.ctx, tls_material().ca_file.c_str(), nullptr);
+    if (client.connect(peer) == 0) {
+        ASSERT_EQ(GetParam(), Carrier::kTls13);
+        ASSERT_TRUE(wait_until([&] { return client.pending() > 0; }));
+        EXPECT_EQ(client.write("hello"), -1);
+        EXPECT_EQ(client.record.iErrorCode, -1);
+    }
+    EXPECT_THAT(client.error(), testing::AnyOf(HasSubstr("certificate required"), HasSubstr("handshake failure")));
+}
+
+TEST(TlsHandshake, WithAPlainPeerFailsReadably) {
+    Peer peer({}, [](PeerConnection& connection) {
+        connection.write("220 good morning, this is no TLS\r\n");
+        connection.read_all();
+    });
+    Client client(Carrier::kTls13);
+    ASSERT_EQ(client.init(), 0);
+    EXPECT_EQ(client.connect(peer), -1);
+    EXPECT_EQ(client.error(), "SSL_connect[127.0.0.1:" + std::to_string(peer.port()) + "] error[wrong version number]");
+    EXPECT_EQ(client.record.iErrorCode, -1);
+}
+
+TEST(TlsHandshake, WithASilentPeerEndsByTheSendTimeOutOrASignal) {
+    Event done;
+    Peer peer({}, [&](PeerConnection&) { EXPECT_TRUE(done.wait()); });
+    const std::string start = "SSL_connect[127.0.0.1:" + std::to_string(peer.port()) + "] error[";
+    {
+        Client client(Carrier::kTls13);
+        client.record.iSndTimeOut = 1;
+        ASSERT_EQ(client.init(NET_TCP_OPT_SNDTIMEO), 0);
+        EXPECT_EQ(client.connect(peer), -1);
+        EXPECT_EQ(client.error(), start + "timed out]");
+    }
+    Client client(Carrier::kTls13);
+    const Handler handler([] {});
+    ASSERT_EQ(client.init(), 0);
+    std::atomic<bool> ended = false;
+    const pthread_t main_thread = pthread_self();
+    std::thread signals([&] {
+        EXPECT_TRUE(wait_until([&] {
+            pthread_kill(main_thread, SIGUSR2);
+            return ended.load();
+        }));
+    });
+    EXPECT_EQ(client.connect(peer), -1);
+    ended = true;
+    signals.join();
+    EXPECT_THAT(client.error(), testing::HasSubstr("nterrupted")); // in the handshake, or in the connect before it
+    done.set();
+}
+
+/// Late tickets come one by one between writes, "many" at once.
+TEST(TlsTickets, NeitherLookLikeALostLineNorStayUnread) {
+    const struct {
+        const char* name;
+        int tickets;
+        int late;
+    } cases[] = {{"default", -1, 0}, {"none", 0, 0}, {"late", 0, 1}, {"many", 10, 20}};
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.name);
+        PeerOptions made;
+        made.carrier = Carrier::kTls13;
+        made.tickets = row.tickets;
+        Event leave;
+        std::atomic<int> answered = 0;
+        Peer peer(made, [&](PeerConnection& connection) {
+            while (connection.read(4) == "ping") {
+                connection.send_tickets(row.late);
+                answered++;
+            }
+            EXPECT_TRUE(leave.wait());
+        });
+        Client client(Carrier::kTls13);
+        ASSERT_TRUE(client.up(peer)) << client.error();
+        for (int i = 0; i < 20; i++) {
+            ASSERT_EQ(client.write("ping"), 4) << client.error();
+            ASSERT_TRUE(wait_until([&] { return answered == i + 1; }));
+            EXPECT_TRUE(row.late == 0 || client.pending() > 0);
+            EXPECT_FALSE(client.readable());
+        }
+        ASSERT_EQ(client.write("quit"), 4);
+        ASSERT_TRUE(wait_until([&] { return client.write("") == 0 && client.pending() == 0; }));
+        EXPECT_EQ(client.record.iStat, 1);
+        leave.set();
+        EXPECT_TRUE(wait_until([&] { return client.readable(); })); // the peer's close still shows
+    }
+}
+
+TEST(TlsTickets, LeftUnreadDoNotTakeDataAwayFromASlowReader) {
+    const std::string data(100'000, 'd');
+    std::string received;
+    bool ended_well = false;
+    Event sent;
+    Event told;
+    Event closed;
+    {
+        PeerOptions made;
+        made.carrier = Carrier::kTls13;
+        Peer peer(made, [&](PeerConnection& connection) {
+            EXPECT_TRUE(sent.wait());
+            connection.send_tickets(3);
+            told.set();
+            EXPECT_TRUE(closed.wait());
+            received = connection.read_all();
+            ended_well = connection.ended_well();
+        });
+        Client client(Carrier::kTls13);
+        ASSERT_TRUE(client.up(peer));
+        ASSERT_EQ(client.write(data), static_cast<int>(data.size()));
+        sent.set();
+        ASSERT_TRUE(told.wait());
+        EXPECT_GT(client.pending(), 0);
+        client.close();
+        closed.set();
+    }
+    EXPECT_EQ(received.size(), data.size());
+    EXPECT_TRUE(ended_well);
+}
+
+TEST_P(TlsTest, WhatTheReceiverSaysMeansALostLine) {
+    const struct {
+        const char* name;
+        void (*say)(PeerConnection&);
+        const char* reason;
+    } cases[] = {
+        {"data", [](PeerConnection& connection) { connection.write("?"); }, "receiver sent data"},
+        {"close alert", [](PeerConnection& connection) { connection.send_close_alert(); }, "connection closed by peer"},
+    };
+    for (const auto& row : cases) {
+        for (const int size : {0, 75}) {
+            SCOPED_TRACE(row.name);
+            Event done;
+            Event told;
+            PeerOptions made = options();
+            made.tickets = 0;
+            Peer peer(made, [&](PeerConnection& connection) {
+                EXPECT_TRUE(told.wait());
+                row.say(connection);
+                EXPECT_TRUE(done.wait());
+            });
+            Client client(GetParam());
+            ASSERT_TRUE(client.up(peer));
+            told.set();
+            ASSERT_TRUE(wait_until([&] { return client.pending() > 0; }));
+            logged_lines().clear();
+            EXPECT_EQ(client.write(std::string(static_cast<std::size_t>(size), 'x')), -1);
+            EXPECT_EQ(client.record.iErrorCode, -1);
+            EXPECT_EQ(client.error(), "write[" + std::to_string(size) + "] ret[-1] error[" + row.reason + "]");
+            EXPECT_EQ(logged_lines().at(0).level, 1);
+            done.set();
+        }
+    }
+}
+
+TEST(TlsKeyUpdate, OfThePeerBreaksNothing) {
+    std::string received;
+    {
+        PeerOptions made;
+        made.carrier = Carrier::kTls13;
+        Peer peer(made, [&](PeerConnection& connection) {
+            for (int i = 0; i < 3; i++) {
+                received += connection.read(4);
+                connection.update_keys();
+            }
+            received += connection.read_all();
+        });
+        Client client(Carrier::kTls13);
+        ASSERT_TRUE(client.up(peer));
+        for (int i = 0; i < 3; i++) {
+            ASSERT_EQ(client.write("data"), 4) << client.error();
+            ASSERT_TRUE(wait_until([&] { return client.pending() > 0; }));
+            ASSERT_EQ(client.write(""), 0) << client.error();
+        }
+        EXPECT_EQ(client.write("last"), 4);
+    }
+    EXPECT_EQ(received, "datadatadatalast");
+}
+
+/// The reader takes a little now and then, far more often than the send time-out: it must not hold a write for ever.
+TEST_P(TlsTest, SendTimeOutCoversAWriteAsAWhole) {
+    Event done;
+    std::atomic<bool> stop = false;
+    PeerOptions made = options();
+    made.receive_buffer = 4096;
+    Peer peer(made, [&](PeerConnection& connection) {
+        while (!stop) {
+            connection.read(1);
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+    });
+    Client client(GetParam());
+    client.record.iSndTimeOut = 1;
+    ASSERT_TRUE(client.up(peer, NET_TCP_OPT_SNDTIMEO)) << client.error();
+    EXPECT_EQ(client.write(std::string(64'000'000, 'x')), -1);
+    EXPECT_THAT(client.error(), testing::EndsWith("error[timed out]"));
+    stop = true;
+}
+
+TEST_P(TlsTest, OneSignalDoesNotEndAStalledWriteRepeatedOnesDo) {
+    const std::string data(20'000'000, 'x');
+    std::string received;
+    Event stalled;
+    Event go_on;
+    const pthread_t main_thread = pthread_self();
+    const Handler handler([] {});
+    {
+        Peer peer(options(), [&](PeerConnection& connection) {
+            EXPECT_TRUE(wait_until([&] { return connection.pending() > 100'000; }));
+            pthread_kill(main_thread, SIGUSR2);
+            EXPECT_TRUE(wait_until([] { return Handler::runs() == 1; }));
+            received = connection.read(data.size());
+            stalled.set();
+            EXPECT_TRUE(go_on.wait());
+        });
+        Client client(GetParam());
+        ASSERT_TRUE(client.up(peer)) << client.error();
+        ASSERT_EQ(client.write(data), static_cast<int>(data.size())) << client.error();
+        ASSERT_TRUE(stalled.wait());
+        std::atomic<bool> ended = false;
+        std::thread signals([&] {
+            EXPECT_TRUE(wait_until([&] {
+                pthread_kill(main_thread, SIGUSR2);
+                return ended.load();
+            }));
+        });
+        EXPECT_EQ(client.write(data), -1);
+        ended = true;
+        signals.join();
+        EXPECT_THAT(client.error(), testing::EndsWith("error[interrupted]"));
+        go_on.set();
+    }
+    EXPECT_EQ(received.size(), data.size());
+}
+
+} // namespace
+} // namespace kvr::test
