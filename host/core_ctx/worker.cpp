@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <memory>
 #include <optional>
-#include <source_location>
 #include <strings.h>
 #include <system_error>
 
@@ -49,10 +48,10 @@ Worker& worker() {
     return the_worker;
 }
 
-void log_line(int level, const std::string& text, const std::source_location& where = std::source_location::current()) {
+void log_line(int level, const std::string& text, int line = __builtin_LINE()) {
     // The log takes pointers to char and writes through none of them.
-    KVR_LogPrint(nullptr, level, const_cast<char*>("$core_ctx"), const_cast<char*>("worker"),
-                 static_cast<int>(where.line()), "run_worker", const_cast<char*>("%s"), text.c_str());
+    KVR_LogPrint(nullptr, level, const_cast<char*>("$core_ctx"), const_cast<char*>("worker"), line, "run_worker",
+                 const_cast<char*>("%s"), text.c_str());
 }
 
 /// For what an operator at the terminal must see too, wherever the log goes.
