@@ -76,7 +76,7 @@ bool Delivery::has_home(const std::string& queue) {
 }
 
 void Delivery::add(ReceivedMessage message) {
-    Queued queued{std::move(message), {}};
+    Queued queued{std::move(message), {}, false};
     if (store_ != nullptr) {
         // kNone is left to the put, which fails and tells.
         if (find_home(queued.message.queue, queued.home) == Home::kDeadLetter) {
@@ -138,7 +138,7 @@ bool Delivery::flush() {
 }
 
 void Delivery::discard() {
-    for (const Queued& queued : group_) {
+    for (Queued& queued : group_) {
         done(queued);
     }
     group_.clear();
@@ -146,7 +146,8 @@ void Delivery::discard() {
     journal_.flush();
 }
 
-/// Puts all messages of the group that have this home and takes them out of the group.
+/// Puts the messages of the group that have this home, or the first of them for which there is room, and takes them out
+/// of the group.
 void Delivery::put_group(const std::string& home) {
     std::vector<Queued*> messages;
     for (Queued& queued : group_) {
@@ -154,31 +155,29 @@ void Delivery::put_group(const std::string& home) {
             messages.push_back(&queued);
         }
     }
-    try {
-        put(home, messages);
-        std::for_each(messages.begin(), messages.end(), [this](const Queued* queued) { done(*queued); });
-        std::erase_if(group_, [&home](const Queued& queued) { return queued.home == home; });
-    } catch (const Error& error) {
-        if (passes(error.code())) {
-            throw;
-        }
-        if (messages.size() == 1) {
-            refuse(*messages.front(), error);
-            return;
-        }
-        // One of them is in the way: find out which by putting them one at a time.
-        Queued* const first = messages.front();
+    for (;;) {
         try {
-            put(home, {first});
-            done(*first);
-            group_.erase(group_.begin() + (first - group_.data()));
-        } catch (const Error& one) {
-            if (passes(one.code())) {
+            put(home, messages);
+            break;
+        } catch (const Error& error) {
+            if (messages.size() == 1) {
+                if (passes(error.code())) {
+                    throw;
+                }
+                refuse(*messages.front(), error);
+                return;
+            }
+            if (error.code() == Errc::kIo) {
                 throw;
             }
-            refuse(*first, one);
+            // A store that is nearly full takes a part of them; a message that cannot be put hides among them.
+            messages.resize(messages.size() / 2);
         }
     }
+    for (Queued* const queued : messages) {
+        done(*queued);
+    }
+    std::erase_if(group_, [](const Queued& queued) { return queued.done; });
 }
 
 void Delivery::put(const std::string& home, const std::vector<Queued*>& messages) {
@@ -208,7 +207,8 @@ void Delivery::refuse(Queued& queued, const Error& error) {
     group_.erase(group_.begin() + (&queued - group_.data()));
 }
 
-void Delivery::done(const Queued& queued) {
+void Delivery::done(Queued& queued) {
+    queued.done = true;
     ++delivered_;
     journal_.add("message", queued.message.connection, queued.message.journal);
 }

@@ -66,6 +66,7 @@ class Delivery {
     struct Queued {
         ReceivedMessage message;
         std::string home; ///< where it will lie
+        bool done;        ///< lies there
     };
 
     Home find_home(const std::string& queue, std::string& name);
@@ -73,7 +74,7 @@ class Delivery {
     void put_group(const std::string& home);
     void put(const std::string& home, const std::vector<Queued*>& messages);
     void refuse(Queued& queued, const Error& error);
-    void done(const Queued& queued);
+    void done(Queued& queued);
     void discard();
 
     std::shared_ptr<Store> store_;
