@@ -70,6 +70,9 @@ class Handler {
     struct sigaction before_ {};
 };
 
+/// More than the buffers of a connection hold: writing it stalls when the peer does not read.
+const std::string& huge_data();
+
 /// Open descriptors of this process.
 int open_descriptors();
 

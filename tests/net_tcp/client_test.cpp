@@ -16,7 +16,6 @@ namespace {
 
 using testing::Contains;
 using testing::ElementsAre;
-using testing::Field;
 using testing::HasSubstr;
 
 std::string pattern(std::size_t size) {

@@ -288,13 +288,13 @@ TEST_P(TlsTest, SendTimeOutCoversAWriteAsAWhole) {
     Client client(GetParam());
     client.record.iSndTimeOut = 1;
     ASSERT_TRUE(client.up(peer, NET_TCP_OPT_SNDTIMEO)) << client.error();
-    EXPECT_EQ(client.write(std::string(64'000'000, 'x')), -1);
+    EXPECT_EQ(client.write(huge_data()), -1);
     EXPECT_THAT(client.error(), testing::EndsWith("error[timed out]"));
     stop = true;
 }
 
 TEST_P(TlsTest, OneSignalDoesNotEndAStalledWriteRepeatedOnesDo) {
-    const std::string data(20'000'000, 'x');
+    const std::string& data = huge_data();
     std::string received;
     Event stalled;
     Event go_on;

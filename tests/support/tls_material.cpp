@@ -15,7 +15,7 @@
 namespace kvr::test {
 namespace {
 
-constexpr long kDay = 24 * 60 * 60;
+constexpr long kDay = 24L * 60 * 60;
 
 struct Deleter {
     void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
@@ -134,7 +134,7 @@ class Maker {
     }
     TlsIdentity identity(const std::string& name, std::string_view common_name, const Authority* issuer,
                          long from = -kDay, long until = kDay, std::string_view pass = {}) {
-        const TlsIdentity made{folder_.file(name + ".pem"), folder_.file(name + ".key")};
+        TlsIdentity made{folder_.file(name + ".pem"), folder_.file(name + ".key")};
         const Key key = make_key();
         store_cert(made.cert_file, make_cert(key.get(), common_name, issuer, from, until, false).get());
         store_key(made.key_file, key.get(), pass);

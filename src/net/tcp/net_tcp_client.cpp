@@ -19,8 +19,8 @@
 
 #include "kavutil.h"
 #include "net_tcp_common.h"
-#include "net_tcp_retired.h"
-#include "net_tcp_tls.h"
+#include "net_tcp_retired.inl"
+#include "net_tcp_tls.inl"
 
 #define NET_TCP_LOG(ptClient, iLevel, psFunc, psFmt, ...)                                                              \
     (ptClient)->pfnLogPrint(nullptr, iLevel, f_sModule, f_sFile, __LINE__, psFunc,                                     \

@@ -17,7 +17,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include "net_tcp_heap.h"
+#include "net_tcp_heap.inl"
 
 /// The library is built with hidden visibility; this opens one name.
 #define NET_TCP_EXPORT __attribute__((visibility("default")))

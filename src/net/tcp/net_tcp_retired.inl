@@ -5,7 +5,6 @@
 // back: it moves them here. The next operation outside a handler on the same record releases them. Each resource is
 // taken out of the record by an atomic exchange, so it has one owner at every instruction: the record, a slot here, or
 // the local variables of the operation that releases it.
-#pragma once
 
 #include <atomic>
 #include <csignal>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Private to net_tcp_client.cpp: the handshake, the reading of what a peer says unasked, and the texts of TLS failures.
-#pragma once
+// Private to net_tcp_client.cpp, after net_tcp_retired.inl: the handshake, the reading of what a peer says unasked, the
+// texts of TLS failures.
 
 #include <cerrno>
 #include <cstring>
@@ -12,8 +12,6 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-
-#include "net_tcp_retired.h"
 
 namespace {
 

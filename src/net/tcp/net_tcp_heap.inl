@@ -6,7 +6,6 @@
 // from a fixed pool. OpenSSL takes other memory functions only before its first allocation, hence the constructor; in a
 // process that used OpenSSL before this library was loaded it keeps the heap. The library stays loaded once it is
 // (nodelete).
-#pragma once
 
 #include <atomic>
 #include <csignal>
