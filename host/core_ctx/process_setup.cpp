@@ -14,7 +14,7 @@ namespace {
 void open_standard_descriptors() {
     int fd = 0;
     do {
-        fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+        fd = open("/dev/null", O_RDWR); // these three stay open across exec
     } while (fd >= 0 && fd <= STDERR_FILENO);
     if (fd > STDERR_FILENO) {
         close(fd);

@@ -63,7 +63,7 @@ bool claim() {
                            text("BINDING")) >= 0;
 }
 
-/// What a worker must not have taken over from its parent.
+/// What a worker must not have taken over from a parent that closed descriptors 0 to 2, blocked and ignored signals.
 bool is_clean_process() {
     sigset_t mask;
     sigprocmask(SIG_SETMASK, nullptr, &mask);
@@ -73,9 +73,10 @@ bool is_clean_process() {
     getrlimit(RLIMIT_CORE, &core);
     const mode_t modes = umask(0);
     umask(modes);
-    bool open = true;
+    bool open = true; // and not as somebody's store or log
     for (int fd = 0; fd <= 2; ++fd) {
-        open = open && fcntl(fd, F_GETFD) >= 0;
+        struct stat info {};
+        open = open && fstat(fd, &info) == 0 && S_ISCHR(info.st_mode);
     }
     return open && sigismember(&mask, SIGTERM) == 0 && sigismember(&mask, SIGALRM) == 0 &&
            child_ends.sa_handler == SIG_DFL && core.rlim_cur == 0 && modes == 077;
