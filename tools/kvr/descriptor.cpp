@@ -12,6 +12,7 @@
 #include <iterator>
 
 #include <sys/random.h>
+#include <unistd.h>
 
 #include <fmt/format.h>
 
@@ -174,8 +175,8 @@ void set_field(T_KAVRO_MD& descriptor, const DescriptorField& field, const std::
 std::string unique_message_id() {
     static const std::uint32_t process = [] {
         std::uint32_t random = 0;
-        (void)::getrandom(&random, sizeof random, 0);
-        return random;
+        const bool drawn = ::getrandom(&random, sizeof random, 0) == static_cast<ssize_t>(sizeof random);
+        return drawn ? random : static_cast<std::uint32_t>(::getpid());
     }();
     static std::uint32_t count = 0;
     const auto now = std::chrono::system_clock::now().time_since_epoch();
