@@ -31,9 +31,12 @@ struct Copy {
 /// a plain one, and one without a header on the dead-letter queue.
 class Scene {
   public:
-    Scene() : folder_(fs::path(testing::TempDir()) / "judge_XXXXXX") {
-        std::string name = folder_.string();
-        folder_ = ::mkdtemp(name.data());
+    Scene() {
+        std::string name = testing::TempDir() + "judge_XXXXXX";
+        if (::mkdtemp(name.data()) == nullptr) {
+            throw std::runtime_error("no temporary folder");
+        }
+        folder_ = name;
         fs::create_directories(folder_ / "out");
         fs::create_directories(folder_ / "spool");
         run.tag = kTag;
@@ -103,6 +106,10 @@ struct Damage {
     std::function<void(Scene&)> act;
     const char* fault; ///< part of its text; empty: no fault
 };
+
+void PrintTo(const Damage& damage, std::ostream* out) {
+    *out << damage.name;
+}
 
 class JudgeFinds : public testing::TestWithParam<Damage> {};
 
