@@ -146,6 +146,7 @@ int on_run() {
         get();
         post('R');
         pause();
+        pause(); // one interruption would not do: the signal may come just before a call that blocks
         std::exit(1);
     }
     if (state() == "is deaf") {
