@@ -55,6 +55,6 @@ extern "C" KVR_EXPORT int KVR_InitQmgrCtx(T_KAVRO_QMGR_CTX* ptCtx, char* psQmgrN
         kvr::attach(ptCtx, psQmgrName);
         return 0;
     } catch (const std::exception& error) {
-        return kvr::fail_at_border({"$kavro_ac", "kavro_ac"}, error);
+        return kvr::fail_at_border({"$kavro_ac", "kavro_ac"}, error, kvr::BorderPlace::here());
     }
 }

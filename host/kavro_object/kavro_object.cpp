@@ -7,7 +7,6 @@
 #include <cstdarg>
 #include <cstring>
 #include <exception>
-#include <source_location>
 #include <string>
 
 #include "c_border.h"
@@ -81,7 +80,7 @@ void add_object(const void* handle, const char* cls, const char* name, int count
 using Operation = void (*)(const void*, const char*, const char*, int, char**, char**);
 
 int run(Operation operation, const void* handle, const char* cls, const char* name, int count, char** attrs,
-        char** values, const std::source_location& where = std::source_location::current()) {
+        char** values, const BorderPlace& place) {
     try {
         operation(handle, cls, name, count, attrs, values);
         return 0;
@@ -89,13 +88,13 @@ int run(Operation operation, const void* handle, const char* cls, const char* na
         // A status object that is not there yet is no fault.
         const auto* known = dynamic_cast<const Error*>(&error);
         const bool missing = known != nullptr && known->code() == Errc::kNotFound;
-        return fail_at_border(kSelf, error, missing ? kBorderLevelDebug : kBorderLevelError, where);
+        return fail_at_border(kSelf, error, place, missing ? kBorderLevelDebug : kBorderLevelError);
     }
 }
 
 /// For the forms that take first all names and then all values.
 int run_list(Operation operation, const void* handle, const char* cls, const char* name, int count, va_list arguments,
-             const std::source_location& where = std::source_location::current()) {
+             const BorderPlace& place) {
     std::array<char*, kMaxCount> attrs{};
     std::array<char*, kMaxCount> values{};
     if (count >= 0 && count <= kMaxCount) { // any other count is refused before a name is read
@@ -106,7 +105,7 @@ int run_list(Operation operation, const void* handle, const char* cls, const cha
             values.at(static_cast<std::size_t>(i)) = va_arg(arguments, char*);
         }
     }
-    return run(operation, handle, cls, name, count, attrs.data(), values.data(), where);
+    return run(operation, handle, cls, name, count, attrs.data(), values.data(), place);
 }
 
 } // namespace
@@ -115,31 +114,33 @@ int run_list(Operation operation, const void* handle, const char* cls, const cha
 
 extern "C" KVR_EXPORT int KVR_ObjAdd(T_KVR_OBJ_DB_HANDLE hObjDB, char* psClass, char* psName, int iCnt, char** ppsAttrs,
                                      char** ppsVals, int /*iFlags*/) {
-    return kvr::run(kvr::add_object, hObjDB, psClass, psName, iCnt, ppsAttrs, ppsVals);
+    return kvr::run(kvr::add_object, hObjDB, psClass, psName, iCnt, ppsAttrs, ppsVals, kvr::BorderPlace::here());
 }
 
 extern "C" KVR_EXPORT int KVR_ObjGetAttr(T_KVR_OBJ_DB_HANDLE hObjDB, char* psClass, char* psName, int iCnt,
                                          char** ppsAttrs, char** ppsBufs) {
-    return kvr::run(kvr::get_attributes, hObjDB, psClass, psName, iCnt, ppsAttrs, ppsBufs);
+    return kvr::run(kvr::get_attributes, hObjDB, psClass, psName, iCnt, ppsAttrs, ppsBufs, kvr::BorderPlace::here());
 }
 
 extern "C" KVR_EXPORT int KVR_ObjGetAttrV(T_KVR_OBJ_DB_HANDLE hObjDB, char* psClass, char* psName, int iCnt, ...) {
     va_list arguments;
     va_start(arguments, iCnt);
-    const int result = kvr::run_list(kvr::get_attributes, hObjDB, psClass, psName, iCnt, arguments);
+    const int result =
+        kvr::run_list(kvr::get_attributes, hObjDB, psClass, psName, iCnt, arguments, kvr::BorderPlace::here());
     va_end(arguments);
     return result;
 }
 
 extern "C" KVR_EXPORT int KVR_ObjSetAttr(T_KVR_OBJ_DB_HANDLE hObjDB, char* psClass, char* psName, int iCnt,
                                          char** ppsAttrs, char** ppsVals) {
-    return kvr::run(kvr::set_attributes, hObjDB, psClass, psName, iCnt, ppsAttrs, ppsVals);
+    return kvr::run(kvr::set_attributes, hObjDB, psClass, psName, iCnt, ppsAttrs, ppsVals, kvr::BorderPlace::here());
 }
 
 extern "C" KVR_EXPORT int KVR_ObjSetAttrV(T_KVR_OBJ_DB_HANDLE hObjDB, char* psClass, char* psName, int iCnt, ...) {
     va_list arguments;
     va_start(arguments, iCnt);
-    const int result = kvr::run_list(kvr::set_attributes, hObjDB, psClass, psName, iCnt, arguments);
+    const int result =
+        kvr::run_list(kvr::set_attributes, hObjDB, psClass, psName, iCnt, arguments, kvr::BorderPlace::here());
     va_end(arguments);
     return result;
 }

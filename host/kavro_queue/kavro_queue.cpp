@@ -32,7 +32,8 @@ void hold_message_in_hand(const std::string& reason) {
             queue->getter->hold(reason);
         }
     } catch (const std::exception& error) {
-        static_cast<void>(fail_at_border(kSelf, error)); // the next get tries again before anything else
+        static_cast<void>(
+            fail_at_border(kSelf, error, BorderPlace::here())); // the next get tries again before anything else
     }
 }
 
@@ -88,7 +89,7 @@ extern "C" KVR_EXPORT int KVR_QueOpen(T_KVR_QUE_DB_HANDLE hQueDB, char* psName, 
         *phObj = kvr::add_open_queue(std::move(queue));
         return 0;
     } catch (const std::exception& error) {
-        const int result = kvr::fail_at_border(kvr::kSelf, error);
+        const int result = kvr::fail_at_border(kvr::kSelf, error, kvr::BorderPlace::here());
         kvr::hold_message_in_hand(std::string("no dead-letter queue: ") + error.what());
         return result;
     }
@@ -104,7 +105,7 @@ extern "C" KVR_EXPORT int KVR_QueClose(T_KVR_QUE_DB_HANDLE /*hQueDB*/, char* /*p
         }
         return 0;
     } catch (const std::exception& error) {
-        return kvr::fail_at_border(kvr::kSelf, error);
+        return kvr::fail_at_border(kvr::kSelf, error, kvr::BorderPlace::here());
     }
 }
 
@@ -126,7 +127,7 @@ extern "C" KVR_EXPORT int KVR_QueMsgGet(T_KVR_QUE_DB_HANDLE /*hQueDB*/, T_KVR_QU
         *piLen = static_cast<int>(length);
         return 0;
     } catch (const std::exception& error) {
-        return kvr::fail_at_border(kvr::kSelf, error);
+        return kvr::fail_at_border(kvr::kSelf, error, kvr::BorderPlace::here());
     }
 }
 
@@ -137,7 +138,7 @@ extern "C" KVR_EXPORT int KVR_QueMsgPut(T_KVR_QUE_DB_HANDLE /*hQueDB*/, T_KVR_QU
         kvr::put_message(hObj, ptMD, psBuf, iLen);
         return 0;
     } catch (const std::exception& error) {
-        const int result = kvr::fail_at_border(kvr::kSelf, error);
+        const int result = kvr::fail_at_border(kvr::kSelf, error, kvr::BorderPlace::here());
         kvr::hold_message_in_hand(std::string("not dead-lettered: ") + error.what());
         return result;
     }

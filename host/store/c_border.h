@@ -4,7 +4,6 @@
 #pragma once
 
 #include <exception>
-#include <source_location>
 
 #include "error.h"
 #include "kavro_log.h"
@@ -20,15 +19,20 @@ struct BorderModule {
     const char* file;   ///< such as "kavro_queue"
 };
 
-inline void log_at_border(const BorderModule& self, int level, const char* text, const std::source_location& where) {
-    // The log takes pointers to char and writes through none of them.
-    KVR_LogPrint(nullptr, level, const_cast<char*>(self.module), const_cast<char*>(self.file),
-                 static_cast<int>(where.line()), where.function_name(), const_cast<char*>("%s"), text);
-}
+/// Where the C caller came in.
+struct BorderPlace {
+    const char* function;
+    int line;
+    static BorderPlace here(const char* function = __builtin_FUNCTION(), int line = __builtin_LINE()) {
+        return {function, line};
+    }
+};
 
-inline int fail_at_border(const BorderModule& self, const std::exception& error, int level = kBorderLevelError,
-                          const std::source_location& where = std::source_location::current()) {
-    log_at_border(self, level, error.what(), where);
+inline int fail_at_border(const BorderModule& self, const std::exception& error, const BorderPlace& place,
+                          int level = kBorderLevelError) {
+    // The log takes pointers to char and writes through none of them.
+    KVR_LogPrint(nullptr, level, const_cast<char*>(self.module), const_cast<char*>(self.file), place.line,
+                 place.function, const_cast<char*>("%s"), error.what());
     const auto* known = dynamic_cast<const Error*>(&error);
     return known != nullptr ? known->result() : static_cast<int>(Errc::kIo);
 }

@@ -3,10 +3,15 @@
 #include "environment.h"
 
 #include <cerrno>
+#include <cstring>
+#include <fstream>
 #include <mutex>
+#include <sstream>
+#include <string>
 #include <utility>
 
 #include <sys/mman.h>
+#include <sys/stat.h>
 
 #include "permissions.h"
 #include "system_error.h"
@@ -20,6 +25,7 @@ constexpr unsigned kTables = 8;
 constexpr mdb_mode_t kFileMode = 0600;
 /// A reader that was killed keeps pages from being used again until somebody looks: each process looks this often.
 constexpr std::uint64_t kCommitsPerReaderCheck = 256;
+constexpr std::uint64_t kCommitsPerDrop = 16;
 /// By how much the map grows for a write that must not fail.
 constexpr std::uint64_t kMapStep = 16ULL << 20;
 
@@ -27,6 +33,30 @@ void check(int result, const char* doing, const Environment& env) {
     if (result != MDB_SUCCESS) {
         throw_mdb(doing, env.folder(), result);
     }
+}
+
+/// Where the environment's file is mapped. LMDB does not say; the system does. Null when it does not.
+void* find_mapping(MDB_env* env) {
+    int fd = -1;
+    struct stat file {};
+    if (mdb_env_get_fd(env, &fd) != MDB_SUCCESS || ::fstat(fd, &file) != 0) {
+        return nullptr;
+    }
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);) {
+        // address-end permissions offset device inode path
+        std::istringstream fields(line);
+        std::uintptr_t start = 0;
+        std::uint64_t offset = 0;
+        std::uint64_t inode = 0;
+        std::string skipped;
+        char dash = 0;
+        fields >> std::hex >> start >> dash >> skipped >> skipped >> offset >> skipped >> std::dec >> inode;
+        if (fields && offset == 0 && inode == file.st_ino && line.ends_with("data.mdb")) {
+            return reinterpret_cast<void*>(start); // NOLINT: the system tells addresses as numbers
+        }
+    }
+    return nullptr;
 }
 
 MDB_txn* begin_txn(Environment& env, unsigned flags) {
@@ -101,12 +131,14 @@ std::uint64_t Environment::map_size() const {
 void Environment::grow_map(std::uint64_t size) {
     const std::unique_lock lock(map_lock_);
     if (size > map_size()) {
+        map_start_ = nullptr;
         check(mdb_env_set_mapsize(env_, size), "make the map larger", *this);
     }
 }
 
 void Environment::adopt_map() {
     const std::unique_lock lock(map_lock_);
+    map_start_ = nullptr;
     check(mdb_env_set_mapsize(env_, 0), "adopt the larger map", *this);
 }
 
@@ -121,9 +153,25 @@ int Environment::clear_stale_readers() {
 }
 
 void Environment::drop_pages() {
-    MDB_envinfo info{};
-    mdb_env_info(env_, &info);
-    ::madvise(info.me_mapaddr, info.me_mapsize, MADV_DONTNEED); // a hint: failure only costs memory
+    void* start = map_start_.load(std::memory_order_acquire);
+    if (start == nullptr) {
+        start = find_mapping(env_);
+        map_start_.store(start, std::memory_order_release);
+    }
+    if (start != nullptr) {
+        ::madvise(start, map_size(), MADV_DONTNEED); // a hint: failure only costs memory
+    }
+}
+
+void Environment::count_commit() {
+    const std::uint64_t count = commits_.fetch_add(1, std::memory_order_relaxed) + 1;
+    if (count % kCommitsPerReaderCheck == 0) {
+        clear_stale_readers();
+    }
+    if (count % kCommitsPerDrop == 0) {
+        const std::shared_lock lock(map_lock_);
+        drop_pages();
+    }
 }
 
 Reader::~Reader() {
@@ -175,6 +223,24 @@ void WriteTxn::commit() {
     check(result, "commit", env_);
 }
 
+std::uint64_t Reader::free_bytes() const {
+    constexpr MDB_dbi kFreePages = 0; // each value is a count and that many page numbers
+    MDB_stat stat{};
+    check(mdb_stat(txn_, env_.main, &stat), "read", env_);
+    std::uint64_t pages = 0;
+    Cursor cursor(txn_, kFreePages, env_);
+    MDB_val key{};
+    MDB_val value{};
+    for (bool found = cursor.get(key, value, MDB_FIRST); found; found = cursor.get(key, value, MDB_NEXT)) {
+        if (value.mv_size >= sizeof(std::size_t)) {
+            std::size_t count = 0;
+            std::memcpy(&count, value.mv_data, sizeof count);
+            pages += count;
+        }
+    }
+    return pages * stat.ms_psize;
+}
+
 Cursor::Cursor(MDB_txn* txn, MDB_dbi table, const Environment& env) : env_(env) {
     check(mdb_cursor_open(txn, table, &cursor_), "read", env);
 }
@@ -220,10 +286,7 @@ bool table_erase(WriteTxn& write, MDB_dbi table, std::string_view key) {
 }
 
 void write_store(Environment& env, ReserveFile& reserve, Need need, const std::function<void(WriteTxn&)>& work) {
-    static thread_local std::uint64_t commits = 0;
-    if (++commits % kCommitsPerReaderCheck == 0) {
-        env.clear_stale_readers();
-    }
+    env.count_commit();
     constexpr int kTries = 3;
     for (int attempt = 1;; ++attempt) {
         try {

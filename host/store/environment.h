@@ -5,6 +5,7 @@
 // map fills. Each Environment belongs to the process that opened it; a forked child opens its own.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -49,17 +50,21 @@ class Environment {
     /// Frees the slots of readers that died. Returns how many.
     int clear_stale_readers();
     /// Lets go of the mapped pages that were read: they count as this process's memory. They stay in the system's
-    /// cache.
+    /// cache. No transaction of the calling thread is needed, none is disturbed.
     void drop_pages();
 
     /// Held by every open transaction, so that the map moves under none.
     std::shared_mutex& map_lock() { return map_lock_; }
+    /// Lets go of pages every few commits: a write reads some, wherever it goes.
+    void count_commit();
 
   private:
     void open_table_set(bool create, std::initializer_list<std::pair<const char*, MDB_dbi*>> tables);
 
     std::filesystem::path folder_;
     MDB_env* env_ = nullptr;
+    std::atomic<void*> map_start_{nullptr}; ///< null: not looked up since the map moved
+    std::atomic<std::uint64_t> commits_{0};
     std::shared_mutex map_lock_;
 };
 
@@ -75,6 +80,8 @@ class Reader {
     void end();
     [[nodiscard]] MDB_txn* txn() const { return txn_; }
     [[nodiscard]] Environment& env() const { return env_; }
+    /// Bytes of the file that hold nothing any more. Walks the list of free pages: for a disk that is full only.
+    [[nodiscard]] std::uint64_t free_bytes() const;
 
   private:
     Environment& env_;

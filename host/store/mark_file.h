@@ -11,14 +11,17 @@
 //   4. mark being set up for g+1                         → `through` is cleared before the generation moves: nothing is
 //                                                          used
 // After a reboot the mark is ignored (its boot id differs): the page may be older than the last group. The group then
-// is delivered again, at most kGroupMessages messages. A copy of the store that is put back has another generation, a
-// queue that was deleted and defined again another id, another store another store id: no mark passes for theirs.
+// is delivered again, and after a power loss the one before it too, whose delete may not have reached the disk: at most
+// two groups (kGroupMessages). A copy of the store that is put back has another generation, a queue that was deleted and
+// defined again another id, another store another store id: no mark passes for theirs.
 // Within one group the sequences rise and no held message lies between them, so that a range says it all.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
+
+#include "export.h"
 
 namespace kvr {
 
@@ -30,7 +33,7 @@ struct UsedRange {
     [[nodiscard]] bool empty() const { return through == 0; }
 };
 
-class MarkFile {
+class KVR_EXPORT MarkFile {
   public:
     /// Maps the mark of a queue; makes the file when it is missing.
     MarkFile(const std::filesystem::path& path, std::uint64_t store_id, std::uint32_t queue_id);

@@ -28,13 +28,13 @@ constexpr std::size_t kDescriptorSize = offsetof(T_KAVRO_MD, pOptData);
 
 /// Throws kInvalid, kTooLarge for a message that the store does not take.
 void check_message(const OutgoingMessage& message);
-std::size_t encoded_size(const OutgoingMessage& message);
+KVR_EXPORT std::size_t encoded_size(const OutgoingMessage& message);
 /// Writes encoded_size(message) bytes.
-void encode_message(const OutgoingMessage& message, char* out);
+KVR_EXPORT void encode_message(const OutgoingMessage& message, char* out);
 /// Throws kDamaged. Any bytes may be given.
 KVR_EXPORT MessageView decode_message(std::span<const char> record);
 /// Takes the first path off a checked list.
-std::string_view next_attachment(std::string_view& list);
+KVR_EXPORT std::string_view next_attachment(std::string_view& list);
 
 /// Bytes of data of a record as its header says; 0 for a damaged one. Enough for accounts, not for reading.
 std::uint64_t data_bytes(std::string_view record);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Puts, browses and releases of messages.
+#include <cerrno>
 #include <cstring>
 
 #include "getter.h"
@@ -26,6 +27,15 @@ void check_quota(WriteTxn& write, std::uint64_t growth) {
     }
 }
 
+/// Without a reserve on the disk a put must leave as much free inside the store.
+void check_free_pages(Environment& env, std::uint64_t growth) {
+    Reader reader(env);
+    const ReadScope scope(reader);
+    if (reader.free_bytes() < ReserveFile::kSize + 2 * growth) {
+        throw_system("put messages", env.folder(), ENOSPC);
+    }
+}
+
 StoredMessage to_stored(std::uint64_t sequence, const MessageView& view) {
     StoredMessage message{};
     message.sequence = sequence;
@@ -46,7 +56,9 @@ void StoreImpl::put(const std::string& queue, std::span<const OutgoingMessage> m
         check_message(message);
         growth += stored_size(encoded_size(message));
     }
-    reserve_.require();
+    if (!reserve_.ensure()) {
+        check_free_pages(env_, growth);
+    }
     std::uint32_t id = 0;
     std::shared_ptr<MarkFile> its_mark;
     write(Need::kMayFail, [&](WriteTxn& write) {

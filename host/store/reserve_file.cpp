@@ -10,23 +10,17 @@
 
 namespace kvr {
 
-namespace {
-
-/// Room for some tens of group deletes, each of which rewrites a few pages of every table it touches.
-constexpr off_t kReserve = 1L << 20;
-
-} // namespace
-
-void ReserveFile::require() const {
+bool ReserveFile::ensure() const {
     struct stat info {};
-    if (::stat(path_.c_str(), &info) == 0 && info.st_size >= kReserve) {
-        return;
+    if (::stat(path_.c_str(), &info) == 0 && info.st_size >= static_cast<off_t>(kSize)) {
+        return true;
     }
     try {
-        ::close(open_allocated_file(path_, kReserve));
+        ::close(open_allocated_file(path_, static_cast<off_t>(kSize)));
+        return true;
     } catch (const FullError&) {
         release(); // a part of it helps nobody here: the others may need the room
-        throw;
+        return false;
     }
 }
 

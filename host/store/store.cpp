@@ -53,7 +53,9 @@ void fill_folder(const StoreFiles& files, const std::string& qmgr, const Setting
         save_usage(write, 0);
         write.commit();
     }
-    ReserveFile(files.reserve()).require();
+    if (!ReserveFile(files.reserve()).ensure()) {
+        throw_system("make", files.reserve(), ENOSPC);
+    }
     sync_folder(files.store());
     sync_folder(files.dir);
 }
