@@ -30,9 +30,9 @@ constexpr std::uint64_t kNone = std::numeric_limits<std::uint64_t>::max();
 /// Bytes of the map that may stay in this process's memory before they are let go; the kernel maps more around them.
 constexpr std::uint64_t kReadBeforeDrop = 4ULL << 20;
 
-/// While it lives, a commit of this process flushes its data and leaves the flush of the page that makes it valid to the
-/// next commit: half the cost. A power loss can then undo that one commit, never damage the store. Right for deletes of
-/// used messages, which a power loss may repeat anyway.
+/// While it lives, a commit of this process flushes its data and leaves the flush of the page that makes it valid to
+/// the next commit: half the cost. A power loss can then undo that one commit, never damage the store. Right for
+/// deletes of used messages, which a power loss may repeat anyway.
 class LateFlush {
   public:
     explicit LateFlush(const Environment& env) : env_(env) { mdb_env_set_flags(env_.handle(), MDB_NOMETASYNC, 1); }
