@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <ctime>
 #include <fstream>
 
 #include <fmt/format.h>
@@ -31,15 +30,6 @@ std::array<Sender, 3> make_senders(const Setup& setup, const Message& message, c
          {"channel", true, [&] { return host.start(); }}}};
 }
 
-double cpu_seconds(pid_t pid) {
-    clockid_t clock{};
-    timespec used{};
-    if (clock_getcpuclockid(pid, &clock) != 0 || clock_gettime(clock, &used) != 0) {
-        return 0;
-    }
-    return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9;
-}
-
 long peak_kib(pid_t pid) {
     std::ifstream status(fmt::format("/proc/{}/status", pid));
     for (std::string line; std::getline(status, line);) {
@@ -53,11 +43,10 @@ long peak_kib(pid_t pid) {
 Sample measure(Sink& sink, std::uint64_t bytes, const Sender& sender) {
     sink.expect(bytes);
     const pid_t pid = sender.start();
+    sink.watch(pid);
     sink.wait_first();
-    const double cpu = cpu_seconds(pid);
     sink.wait_last();
-    const Sample sample{static_cast<double>(sink.last_ns() - sink.first_ns()) / 1e9, cpu_seconds(pid) - cpu,
-                        peak_kib(pid)};
+    const Sample sample{static_cast<double>(sink.last_ns() - sink.first_ns()) / 1e9, sink.cpu(), peak_kib(pid)};
     end_process(pid, sender.worker);
     return sample;
 }

@@ -47,8 +47,6 @@ struct Sample {
 /// Starts a sender, waits until `bytes` have arrived, and ends it.
 Sample measure(Sink& sink, std::uint64_t bytes, const Sender& sender);
 
-/// CPU time of another process so far, in seconds.
-double cpu_seconds(pid_t pid);
 /// Greatest resident memory of a process so far, pages of mapped files included.
 long peak_kib(pid_t pid);
 

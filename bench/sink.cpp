@@ -38,7 +38,19 @@ std::int64_t now_ns() {
     return static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
 }
 
+double cpu_seconds(pid_t pid) {
+    clockid_t clock{};
+    timespec used{};
+    if (pid <= 0 || clock_getcpuclockid(pid, &clock) != 0 || clock_gettime(clock, &used) != 0) {
+        return 0;
+    }
+    return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9;
+}
+
 struct Sink::Shared {
+    std::atomic<pid_t> sender;
+    std::atomic<double> first_cpu;
+    std::atomic<double> last_cpu;
     std::atomic<std::uint64_t> target;
     std::atomic<std::uint64_t> message_bytes;
     std::atomic<std::int64_t> first;
@@ -109,6 +121,7 @@ void Sink::read_connection(int sock) {
         const std::uint64_t data = total - bind_bytes;
         if (!had_data) {
             shared_->first = now_ns();
+            shared_->first_cpu = cpu_seconds(shared_->sender);
             signal(kFirst);
         }
         const std::uint64_t message_bytes = shared_->message_bytes;
@@ -121,6 +134,7 @@ void Sink::read_connection(int sock) {
         const std::uint64_t target = shared_->target;
         if (data >= target && signalled != target) {
             shared_->last = now_ns();
+            shared_->last_cpu = cpu_seconds(shared_->sender);
             signalled = target;
             signal(kLast);
         }
@@ -130,6 +144,14 @@ void Sink::read_connection(int sock) {
 void Sink::expect(std::uint64_t bytes, std::uint64_t message_bytes) {
     shared_->message_bytes = message_bytes;
     shared_->target = bytes;
+}
+
+void Sink::watch(pid_t sender) {
+    shared_->sender = sender;
+}
+
+double Sink::cpu() const {
+    return shared_->last_cpu - shared_->first_cpu;
 }
 
 void Sink::wait_event(char event) {

@@ -23,12 +23,16 @@ class Sink {
     /// Tells what comes next: `bytes` on a connection after its bind frame. With `message_bytes` above 0 the arrival of
     /// every message of that length is noted.
     void expect(std::uint64_t bytes, std::uint64_t message_bytes = 0);
+    /// Whose CPU time is to be noted together with the first and the last byte.
+    void watch(pid_t sender);
     /// Waits for the first byte after the bind frame, and for the last one. Throws when nothing comes for a minute.
     void wait_first();
     void wait_last();
     /// When they arrived: nanoseconds of the monotonic clock.
     [[nodiscard]] std::int64_t first_ns() const;
     [[nodiscard]] std::int64_t last_ns() const;
+    /// CPU time of the watched process between them, in seconds.
+    [[nodiscard]] double cpu() const;
     /// When message `index` of the connection was complete.
     [[nodiscard]] std::int64_t arrival_ns(std::uint64_t index) const;
 
@@ -50,5 +54,7 @@ class Sink {
 
 /// Nanoseconds of the monotonic clock.
 std::int64_t now_ns();
+/// CPU time of a process so far, in seconds.
+double cpu_seconds(pid_t pid);
 
 } // namespace kvr::bench
