@@ -148,11 +148,13 @@ void repair_status(Store& store, const std::string& channel) {
 [[noreturn]] void end_process(int status) {
     stop_set_hook(nullptr);
     ignore_stop_signals();
-    // The plug-in's handlers must not run under its shutdown.
+    // The plug-in's handlers must not run under its shutdown, which still is its main flow: ignored, not held.
     alarm(0);
-    sigset_t all;
-    sigfillset(&all);
-    sigprocmask(SIG_BLOCK, &all, nullptr);
+    std::signal(SIGALRM, SIG_IGN);
+    std::signal(SIGUSR2, SIG_IGN);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
     if (worker().plugin) {
         worker().plugin->raise(PluginEvent::kExit);
     }

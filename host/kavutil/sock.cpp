@@ -10,6 +10,7 @@
 #include <sys/time.h>
 
 #include "export.h"
+#include "stop_point.h"
 
 namespace {
 
@@ -28,6 +29,10 @@ KVR_EXPORT int sockCanRead(int iSock) {
     if (iSock < 0) {
         errno = EBADF;
         return -1;
+    }
+    // The one operation that a sender calls on the way of a TLS message, whose writes are not the host's.
+    if (kvr::stop_overdue() && !kvr::in_signal_handler()) {
+        kvr::stop_point(kvr::StopPlace::kMidMessage);
     }
     pollfd entry{iSock, POLLIN, 0};
     int ready = 0;

@@ -11,8 +11,12 @@
 static void Resume(void) {
     f_iHBBreak = 0;
     if (f_iNetStat != 0) {
-        TakeTlsRecords();
-        return;
+        if (TakeTlsRecords() >= 0) {
+            return;
+        }
+        f_iNetStat = 0;
+        f_tTcpClient.pfnClose(&f_tTcpClient, 0);
+        CHLS_LOG(LOG_EVENT, TXT("RCVER CLOSED"));
     }
     sleep(CHLS_RESTART_PAUSE);
     int iRet = SndrNetInit();

@@ -94,7 +94,7 @@ static int SetObjStat(const char* psStat);
 // chls_client.inl: set-up of the TCP client; chls_segment.inl: when its bytes leave
 static int InitTcpClient(void);
 static void SetLineOpt(int iOpt, int iOn);
-static void TakeTlsRecords(void);
+static int TakeTlsRecords(void);
 
 // chls_connect.inl, chls_bind.inl, chls_watcher.inl, chls_net_start.inl, chls_heartbeat.inl: the link
 static int Connect2Lsr(void);

@@ -4,6 +4,7 @@
 #include "net_tcp_common.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -17,6 +18,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include "kavutil.h"
+
 #include "net_tcp_heap.inl"
 
 /// The library is built with hidden visibility; this opens one name.
@@ -26,8 +29,8 @@ namespace {
 
 /// A line on standard error: two file names' worth; longer ones are cut.
 constexpr int STDERR_LINE_LEN = 1024;
-/// So many interruptions without a byte of progress are survived: a lone alarm must not cost a message, but a process
-/// that is being stopped repeats its signal and must get out of a stalled write.
+/// So many interruptions without a byte of progress are survived where the host cannot end the process: in a handler,
+/// and in reads.
 constexpr int IDLE_INTERRUPTS_MAX = 2;
 /// The send time-out covers a write as a whole, to within this step.
 constexpr long LIMIT_STEP_MS = 250;
@@ -107,6 +110,19 @@ long LimitWrite(BIO* bio, int iOper, const char*, size_t, int, long, int iRet, s
     ptLimit->lAppliedMs = lUsedMs;
     setsockopt(iSocketNo, SOL_SOCKET, SO_SNDTIMEO, &tLeft, sizeof(tLeft));
     return iRet;
+}
+
+/// After an interruption without progress. A process that is being stopped repeats its signal, and its host ends it
+/// inside an operation of the host's: the readability check is called for that alone. With signals held (a handler, a
+/// connection being made) the host does not act, and the write is given up instead.
+bool MayGoOn(int iSocketNo, int* piInterrupts) {
+    sigset_t tNow;
+    pthread_sigmask(SIG_BLOCK, nullptr, &tNow);
+    if (sigisemptyset(&tNow) == 0) {
+        return (*piInterrupts)++ < IDLE_INTERRUPTS_MAX;
+    }
+    sockCanRead(iSocketNo);
+    return true;
 }
 
 const char* TextOf(const char* psText) {
@@ -231,7 +247,7 @@ NET_TCP_EXPORT int netTcpSSLWriteN(void* pBuf, int iLen, SSL* ssl) {
             iInterrupts = 0;
             continue;
         }
-        if (iErrno == EINTR && SSL_want_write(ssl) && iInterrupts++ < IDLE_INTERRUPTS_MAX) {
+        if (iErrno == EINTR && SSL_want_write(ssl) && MayGoOn(SSL_get_wfd(ssl), &iInterrupts)) {
             continue;
         }
         ErrLine("write len[%d] writelen[%d]", iLen, iTotal);
