@@ -18,7 +18,7 @@ namespace kvr::test {
 
 /// What the receiver does once connection `conn` has brought `after_bytes` and the trace shows `after_text`.
 struct Cue {
-    enum Act { kClose, kReset, kSend };
+    enum Act { kClose, kReset, kSend, kTicket };
     size_t conn;
     Act act;
     size_t after_bytes = 0;
@@ -38,7 +38,8 @@ struct Result {
 
     /// Texts of the channel process's entries of these kinds; or those of another process.
     std::vector<std::string> lines(const std::string& kinds, pid_t of = 0) const;
-    /// The same from the first entry that equals `first` on, up to the last that equals `last`.
+    /// The same from the first entry that equals `first` on, up to the last that equals `last`. Left out is the note of
+    /// the line-loss handler: a close on this side wakes the watcher too, which may or may not report it in time.
     std::vector<std::string> lines_between(const std::string& kinds, const std::string& first,
                                            const std::string& last) const;
     /// Entries of any process and kind that contain the text.

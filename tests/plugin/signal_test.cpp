@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "channel_run.h"
@@ -109,8 +110,9 @@ TEST_F(LineLoss, InTheWaitPausesAndRestarts) {
     host().get = {interrupted(SIGUSR2), deliver(message("x"))};
     const Result r = run_channel();
     EXPECT_EQ(r.lines_between("LHS", kStart, "sleep(3)"),
-              (Lines{kStart, "alarm(5)", "KVR_QueMsgGet(blank)", "3 line disconnected [0]", "alarm(0)", "sleep(3)"}));
-    EXPECT_TRUE(in_order(r, {"sleep(3)", "KVR_ObjSetAttrV(CHS CH1 STATUS=RETRYING)", kStart}));
+              (Lines{kStart, "alarm(5)", "KVR_QueMsgGet(blank)", "alarm(0)", "sleep(3)"}));
+    EXPECT_TRUE(in_order(r, {"KVR_QueMsgGet(blank)", "3 line disconnected [0]", "sleep(3)",
+                             "KVR_ObjSetAttrV(CHS CH1 STATUS=RETRYING)", kStart}));
     EXPECT_THAT(r.conns, ElementsAre(bind_frame(), bind_frame() + data_frame("x")));
 }
 
@@ -195,6 +197,8 @@ TEST_F(Watcher, SignalsNobodyWhenChannelAndLineEndTogether) {
     host().get = {finally([] {
         wait_for(kBegin);
         kill(host().watcher, SIGSTOP); // resumed when the channel has ended
+        siginfo_t stopped{};
+        waitid(P_PID, static_cast<id_t>(host().watcher), &stopped, WSTOPPED | WNOWAIT);
         trace(kNote, "stopped");
         trace(kNote, "line %s", wait_readable() ? "closed" : "open");
     })};

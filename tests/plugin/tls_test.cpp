@@ -1,0 +1,135 @@
+// SPDX-License-Identifier: MIT
+// The channel inside TLS: the same bytes, session tickets that are no lost line, and lines that are lost all the same.
+#include <openssl/ssl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+
+#include "channel_run.h"
+#include "expected_frames.h"
+#include "support/tls_material.h"
+
+namespace kvr::test {
+namespace {
+
+using testing::ElementsAre;
+
+/// Gives a cue, waits until its bytes have arrived, and lets the heartbeat run.
+GetStep beat_after(const char* cue) {
+    return [cue](T_KAVRO_MD* md, char* buf, int* len) {
+        int before = 0;
+        ioctl(host().sock, FIONREAD, &before);
+        trace(kNote, "%s", cue);
+        for (int i = 0, now = before; now == before && i < 10000; ++i) {
+            poll(nullptr, 0, 1);
+            ioctl(host().sock, FIONREAD, &now);
+        }
+        return interrupted(SIGALRM)(md, buf, len);
+    };
+}
+
+class Tls : public ChannelTest {
+  protected:
+    Tls() {
+        chl()["SSLCAUTH"] = "ENABLE";
+        qmgr() = {{"CAFILE", tls_material().ca_file},
+                  {"CERTFILE", tls_material().encrypted_client.cert_file},
+                  {"KEYFILE", tls_material().encrypted_client.key_file},
+                  {"KEYPASS", kKeyPass},
+                  {"DEADQ", "DLQ"}};
+        speak(TLS1_3_VERSION);
+    }
+
+    void speak(int version) {
+        SSL_CTX_free(server_ctx_);
+        server_ctx_ = SSL_CTX_new(TLS_server_method());
+        SSL_CTX_set_max_proto_version(server_ctx_, version);
+        SSL_CTX_use_certificate_file(server_ctx_, tls_material().server.cert_file.c_str(), SSL_FILETYPE_PEM);
+        SSL_CTX_use_PrivateKey_file(server_ctx_, tls_material().server.key_file.c_str(), SSL_FILETYPE_PEM);
+    }
+};
+
+// The process ends right after the last message: what the receiver sent and nobody read must not cost it that message.
+TEST_F(Tls, SameBytesOnOneConnectionWhateverTicketsCome) {
+    const std::string body(300000, 't');
+    for (int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
+        speak(version);
+        if (version == TLS1_3_VERSION) {
+            cues_ = {{0, Cue::kTicket, 78, "late ticket 1"}, {0, Cue::kTicket, 78, "late ticket 2"}};
+        }
+        const auto ticket = [version](const char* cue) {
+            return version == TLS1_3_VERSION ? beat_after(cue) : interrupted(SIGALRM);
+        };
+        host().get = {interrupted(SIGALRM), deliver(message("one")), ticket("late ticket 1"),
+                      deliver(message("")), ticket("late ticket 2"), deliver(message(body))};
+        const Result r = run_channel();
+        ASSERT_EQ(r.conns.size(), 1U) << r.dump();
+        const std::string beat = heartbeat_frame();
+        EXPECT_TRUE(r.conns[0] ==
+                    bind_frame() + beat + data_frame("one") + beat + data_frame("") + beat + data_frame(body))
+            << r.conns[0].size() << " bytes\n"
+            << r.dump();
+        EXPECT_EQ(r.count("connection lost") + r.count("RCVER CLOSED"), 0);
+    }
+}
+
+TEST_F(Tls, WatcherReportsTheEndOfTheLine) {
+    for (int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
+        for (Cue::Act act : {Cue::kClose, Cue::kReset}) {
+            speak(version);
+            cues_ = {{0, act, 78, "idle"}};
+            host().get = {idle(), deliver(message("x"))};
+            const Result r = run_channel();
+            EXPECT_EQ(r.count("1 connection lost"), 1) << r.dump();
+            EXPECT_EQ(r.count("3 line disconnected [0]"), 1);
+            ASSERT_EQ(r.conns.size(), 2U);
+            EXPECT_EQ(r.conns[1], bind_frame() + data_frame("x"));
+        }
+    }
+}
+
+// A few bytes need not wake the watcher, which must not mistake a ticket; the next heartbeat or message sees them, and
+// an idle line is given up with the heartbeat.
+TEST_F(Tls, BytesOfTheReceiverEndTheLineAtTheLatestWithTheNextFrame) {
+    for (int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
+        for (bool beat : {true, false}) {
+            speak(version);
+            cues_ = {{0, Cue::kSend, 78, "speak up"}};
+            host().get = {beat_after("speak up"), deliver(message("x"))};
+            if (!beat) {
+                host().get = {[](T_KAVRO_MD* md, char* buf, int* len) {
+                    signal(SIGALRM, SIG_IGN);
+                    beat_after("speak up")(md, buf, len);
+                    return deliver(message("x"))(md, buf, len);
+                }};
+            }
+            const Result r = run_channel();
+            ASSERT_EQ(r.conns.size(), 2U) << r.dump();
+            EXPECT_EQ(r.conns[0], bind_frame() + (beat ? heartbeat_frame() : "")) << r.dump();
+            EXPECT_EQ(r.conns[1], bind_frame() + data_frame("x"));
+            EXPECT_EQ(r.count("1 ChlSndData len[1] error[-201]"), beat ? 0 : 1) << "the idle line was not given up";
+        }
+    }
+}
+
+TEST_F(Tls, LineLossBetweenTwoWritesIsRepairedByANewSession) {
+    host().hooks["alarm"] = [](const Call& c) -> std::optional<int> {
+        if (c.n == 2) {
+            raise(SIGUSR2);
+        }
+        return {};
+    };
+    EXPECT_THAT(run_messages({message("x")}).conns, ElementsAre(bind_frame(), bind_frame() + data_frame("x")));
+}
+
+TEST_F(Tls, ReceiverOfAnotherAuthorityIsRefused) {
+    qmgr()["CAFILE"] = tls_material().other_ca_file;
+    chl()["SHORTRTY"] = "2";
+    const Result r = run_channel();
+    EXPECT_EQ(r.count("1 connect [" + address() + "]  error[-1:netTcpSSLCheckCert error["), 3) << r.dump();
+    EXPECT_TRUE(in_order(r, {"event 2 = -10002"}));
+    EXPECT_THAT(r.conns, testing::Each(std::string())) << "nothing is said to a receiver that is not trusted";
+}
+
+} // namespace
+} // namespace kvr::test
