@@ -43,8 +43,12 @@ constexpr char CONNECT_FUNC[] = "netTcpClientConnect";
 constexpr int FIRST_SOCKET_NO = 3;
 constexpr int PORT_MAX = 65535;
 
+/// Every write begins here, so a text that is clear already is not cleared again: SetError alone writes it, and never
+/// an empty one.
 void ClearError(T_NET_TCPCLIENT* ptClient) {
-    memset(ptClient->sErrorStr, 0, sizeof(ptClient->sErrorStr));
+    if (ptClient->sErrorStr[0] != '\0') {
+        memset(ptClient->sErrorStr, 0, sizeof(ptClient->sErrorStr));
+    }
     ptClient->iErrorCode = 0;
 }
 
