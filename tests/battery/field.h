@@ -1,0 +1,109 @@
+// SPDX-License-Identifier: MIT
+// The field on which the battery fights: a sender with one channel and a receiver, each with a store of its own, real
+// processes between them, and a ledger of everything that was put.
+//
+// Each test makes a field, lets the attack happen, brings the channel to rest and asks for the verdict. Every wait ends
+// with an event or at a deadline.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "host/children.h"
+#include "judge.h"
+#include "store.h"
+#include "support/peer.h"
+#include "support/tls_material.h"
+
+namespace kvr::test {
+
+/// Names on the field.
+inline constexpr char kSender[] = "SENDER";
+inline constexpr char kReceiver[] = "RECEIVER";
+inline constexpr char kChannel[] = "BATTERY";
+inline constexpr char kXmitQueue[] = "XMIT";
+inline constexpr char kTarget[] = "TARGET";
+inline constexpr char kDeadQueue[] = "DEAD.LETTER.QUEUE";
+inline constexpr char kTag[] = "BATTERY";
+
+using Environment = std::vector<std::pair<std::string, std::string>>;
+
+class Field {
+  public:
+    /// Fast retries (1 second), no heartbeats; `carrier` other than plain sets the channel and the listener to TLS.
+    explicit Field(Carrier carrier = Carrier::kPlain);
+    ~Field();
+    Field(const Field&) = delete;
+    Field& operator=(const Field&) = delete;
+
+    [[nodiscard]] const std::filesystem::path& home() const { return home_; }
+    [[nodiscard]] Store& sender() { return *sender_; }
+    [[nodiscard]] Store& receiver() { return *receiver_; }
+    [[nodiscard]] int port() const { return port_; }
+
+    /// Attributes of the channel ("HBINT", "1"), and of the sender's queue manager.
+    void set_channel(const Attributes& attributes);
+    void set_qmgr(const Attributes& attributes);
+
+    /// Puts the next numbered messages on the transmission queue and writes them down once the put succeeded.
+    void put(MessageKind kind, std::uint64_t count, std::size_t least, std::size_t greatest);
+    /// One of each: plain, with two attachments, file message.
+    void put_one_of_each();
+
+    /// Starts a listener and waits until it takes connections. The first one picks the port, later ones take the same.
+    [[nodiscard]] Child listen(const std::vector<std::string>& options = {});
+    /// Starts the worker with its log at level 5.
+    [[nodiscard]] Child run_channel(const Environment& environment = {}, const std::vector<std::string>& options = {});
+    /// Any other run of the program, its output in a file of the home.
+    [[nodiscard]] Child start(const std::vector<std::string>& arguments, const Environment& environment = {});
+
+    [[nodiscard]] std::string status(const std::string& attribute = "STATUS");
+    [[nodiscard]] std::string log() const;
+    /// How often a text stands in the worker's log.
+    [[nodiscard]] std::size_t logged(const std::string& text) const;
+    [[nodiscard]] std::uint64_t depth(const std::string& queue = kXmitQueue);
+    [[nodiscard]] std::uint64_t arrived();
+
+    // Waits; each fails the test when its deadline passes.
+    void await_status(const std::string& wanted);
+    void await_log(const std::string& text, std::size_t times = 1);
+    void await_arrived(std::uint64_t count);
+    /// Until the transmission queue is empty and nothing more arrives than `sent` messages or what a cut may have cost.
+    void await_drained();
+
+    /// Judges everything put so far. `cuts`: connections broken under load; `repeats`: second copies allowed.
+    [[nodiscard]] Verdict judge(std::uint64_t cuts = 0, std::uint64_t repeats = 0);
+    /// As judge, and expects: no fault, nothing lost, nothing repeated, everything at its target.
+    void expect_all_delivered(std::uint64_t repeats = 0);
+    [[nodiscard]] const std::vector<NumberedMessage>& ledger() const { return ledger_; }
+
+  private:
+    std::filesystem::path home_;
+    Carrier carrier_;
+    int port_ = 0;
+    std::shared_ptr<Store> sender_;
+    std::shared_ptr<Store> receiver_;
+    std::vector<NumberedMessage> ledger_;
+};
+
+/// Send plus receive buffer at their greatest, by the system's settings: what one cut may cost.
+std::uint64_t cut_window();
+
+/// Asks until it holds; fails the test with `what` when the deadline passes.
+void await(const std::string& what, const std::function<bool()>& condition);
+
+/// Processes whose parent is `pid` (zombies included).
+std::vector<pid_t> children_of(pid_t pid);
+/// Open descriptors of a process.
+std::size_t descriptors_of(pid_t pid);
+/// A figure of /proc/PID/status in KiB ("VmRSS").
+std::uint64_t memory_of(pid_t pid, const std::string& figure);
+
+} // namespace kvr::test
