@@ -19,8 +19,8 @@ namespace kvr {
 
 namespace {
 
-constexpr std::size_t kGroupMessages = 64;
-constexpr std::size_t kGroupBytes = 1U << 20;
+constexpr std::size_t kGroupMessages = 256;
+constexpr std::size_t kGroupBytes = 4U << 20;
 constexpr std::size_t kMaxSize = kMaxMessage - sizeof(T_KAVRO_HDR_XMITQ);
 constexpr auto kLookAgain = std::chrono::milliseconds(2);
 
