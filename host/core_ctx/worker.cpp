@@ -121,14 +121,18 @@ void check_definition(Store& store, const std::string& channel) {
 }
 
 void check_dead_letter_queue(Store& store, const WorkerOptions& options) {
-    constexpr char kRemedy[] = ": messages that cannot be sent will have no home and are held on the transmission "
-                               "queue; set DEADQ of the queue manager to a queue that exists";
+    constexpr char kRemedy[] = "; set DEADQ of the queue manager to a queue that exists";
     Attributes qmgr = find_object(store, "QMGR", "QMGR").value_or(Attributes{});
     const std::string queue = qmgr["DEADQ"];
     if (queue.empty()) {
-        warn(options, "no dead-letter queue is set" + std::string(kRemedy));
+        // The channel then makes no call by which the host could tell a failed message from a sent one.
+        warn(options,
+             std::string("no dead-letter queue is set: messages that cannot be sent have no home and are LOST") +
+                 kRemedy);
     } else if (!queue_exists(store, queue)) {
-        warn(options, "dead-letter queue '" + queue + "' does not exist" + kRemedy);
+        warn(options, "dead-letter queue '" + queue +
+                          "' does not exist: messages that cannot be sent will be held on the transmission queue" +
+                          kRemedy);
     }
     kvr_log_add_secret(qmgr["KEYPASS"].c_str());
 }
