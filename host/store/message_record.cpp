@@ -89,7 +89,7 @@ void encode_message(const OutgoingMessage& message, char* out) {
     for (const std::string& path : message.attachments) {
         const auto length = static_cast<std::uint16_t>(path.size());
         std::memcpy(out, &length, sizeof length);
-        std::memcpy(out + sizeof length, path.data(), path.size());
+        path.copy(out + sizeof length, path.size());
         out += sizeof length + path.size();
     }
     if (!message.data.empty()) {

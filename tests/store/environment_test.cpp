@@ -107,7 +107,7 @@ TEST_F(EnvironmentTest, RefusesAnotherVersionAndDamage) {
     put_numbers(*store_, "Q", 1, 2);
     store_.reset();
     const std::string first(MessageKey(1, 1).view());
-    tamper(dir_, "messages", first, [](std::string record) { return record.substr(0, record.size() - 1); });
+    tamper(dir_, "messages", first, [](const std::string& record) { return record.substr(0, record.size() - 1); });
     store_ = Store::open(dir_);
     {
         const auto getter = store_->drain("Q");

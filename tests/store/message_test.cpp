@@ -3,6 +3,7 @@
 #include <random>
 
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 
 #include "message_record.h"
 #include "store_fixture.h"
@@ -87,7 +88,7 @@ TEST_F(StoreTest, MessageComesBackAsItWasPut) {
     EXPECT_EQ(got.iMsgFlags, 8 | KVR_MSGFLAG_ACCESSORIES);
     got.iMsgFlags = put.iMsgFlags;
     got.pOptData = nullptr;
-    EXPECT_EQ(std::memcmp(&got, &put, sizeof got), 0);
+    EXPECT_EQ(std::memcmp(&got, &put, sizeof got), 0); // NOLINT: the bytes are what is kept
     EXPECT_EQ(list.iNum, 2);
     EXPECT_STREQ(list.sFiles[1], "/spool/b");
 
@@ -157,6 +158,30 @@ TEST_F(StoreTest, DeadLetterPutJoinsTheReservation) {
     getter->put_instead("Q", {&descriptor, {}, text}); // its own queue: to the end of it
     EXPECT_THAT(browse_texts(*store_, "Q"), ElementsAre("3!", "dead"));
     EXPECT_EQ(store_->queue_info("Q").depth, 2U);
+}
+
+TEST_F(StoreTest, MessageThatCannotBeHeldIsNotUsedUp) {
+    make_store();
+    put_numbers(*store_, "Q", 1, 2);
+    const T_KAVRO_MD descriptor = blank_descriptor();
+    const auto getter = store_->drain("Q");
+    ASSERT_EQ(take_text(*getter), "1");
+    rlimit limit{};
+    ::getrlimit(RLIMIT_FSIZE, &limit);
+    const rlimit none{.rlim_cur = 0, .rlim_max = limit.rlim_max};
+    ::signal(SIGXFSZ, SIG_IGN);
+    ::setrlimit(RLIMIT_FSIZE, &none); // every write fails from here on
+    const Errc put = code_of([&] { getter->put_instead("DEAD", {&descriptor, {}, std::string_view("dead")}); });
+    const Errc next = code_of([&] { take_text(*getter); });
+    const Errc commit = code_of([&] { getter->commit(); });
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    EXPECT_EQ(put, Errc::kIo);
+    EXPECT_EQ(next, Errc::kHeld);
+    EXPECT_EQ(commit, Errc::kHeld);
+    EXPECT_THAT(browse_texts(*store_, "Q"), ElementsAre("1*", "2"));
+    EXPECT_EQ(take_text(*getter), "2") << "held as soon as it can be";
+    EXPECT_THAT(browse_texts(*store_, "Q"), ElementsAre("1!", "2*"));
+    EXPECT_THAT(browse_texts(*store_, "DEAD"), IsEmpty());
 }
 
 TEST_F(StoreTest, ReleasedMessagesAreNeverTakenForUsedOnes) {

@@ -38,10 +38,11 @@ inline void put_text(Store& store, const std::string& queue, const std::string& 
 /// All or nothing: `count` messages "first", "first + 1", ...
 inline void put_numbers(Store& store, const std::string& queue, int first, int count) {
     const T_KAVRO_MD descriptor = blank_descriptor();
-    std::vector<std::string> texts;
+    std::vector<std::string> texts(static_cast<std::size_t>(count));
     std::vector<OutgoingMessage> group;
-    for (int i = 0; i < count; ++i) {
-        texts.push_back(std::to_string(first + i));
+    group.reserve(texts.size());
+    for (std::string& text : texts) {
+        text = std::to_string(first++);
     }
     for (const std::string& text : texts) {
         group.push_back({&descriptor, {}, text});
