@@ -11,9 +11,7 @@ namespace kvr::test {
 namespace {
 
 using testing::Contains;
-using testing::Each;
 using testing::ElementsAre;
-using testing::ElementsAreArray;
 using testing::StartsWith;
 
 class Link : public ChannelTest {};

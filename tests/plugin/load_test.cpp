@@ -81,7 +81,7 @@ TEST_F(ChannelTest, LoadSetsOnlyTheEventHandler) {
         T_PLUG_MGR_PLUG_VAR before = var;
         const int result = OnPlugLoad(&var);
         before.pfnEventHdl = var.pfnEventHdl;
-        trace(kNote, "%d %s", result, memcmp(&before, &var, sizeof var) == 0 ? "same" : "changed");
+        trace(kNote, "%d %s", result, same_bytes(&before, &var, sizeof var) ? "same" : "changed");
     });
     EXPECT_THAT(r.lines("LNHSTE"), ElementsAre("0 same"));
 }

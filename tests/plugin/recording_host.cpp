@@ -1,17 +1,14 @@
 // SPDX-License-Identifier: MIT
-// The trace, the script and the host operations of the scripted host. Scripted system calls: recording_system.cpp.
+// The operations of the scripted host, and the channel process's side of it.
 #include "recording_host.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <cstdarg>
@@ -31,42 +28,10 @@ namespace kvr::test {
 
 namespace {
 
-struct Slot {
-    std::atomic<bool> ready;
-    pid_t pid;
-    char kind;
-    char text[2200];
-};
-struct Trace {
-    static constexpr unsigned kSlots = 16384;
-    std::atomic<unsigned> used;
-    Slot slot[kSlots];
-};
-
-Trace* shared() {
-    static Trace* map = static_cast<Trace*>(
-        mmap(nullptr, sizeof(Trace), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
-    return map;
-}
-
-void vtrace(char kind, const char* fmt, va_list ap) {
-    const unsigned i = shared()->used.fetch_add(1);
-    if (i >= Trace::kSlots) {
-        _exit(99);
-    }
-    Slot& slot = shared()->slot[i];
-    slot.pid = getpid();
-    slot.kind = kind;
-    vsnprintf(slot.text, sizeof slot.text, fmt, ap);
-    slot.ready = true;
-}
-
 T_KVR_OBJ_DB_HANDLE const kObjDb = &host().objects;
 T_KVR_QUE_DB_HANDLE const kQueDb = &host().get;
 char xmit_queue[] = "XQ";
 char dead_queue[] = "DLQ";
-const Message* in_hand = nullptr; // the message that the latest get delivered
-T_KAVRO_MD in_hand_md;            // its descriptor as the get returned it
 
 /// Counts the call, lets the hook act, and says what the operation should return instead of going on.
 std::optional<int> scripted(const char* op, long a = 0) {
@@ -164,129 +129,14 @@ struct VarArgs {
 bool is_blank(const T_KAVRO_MD* md) {
     T_KAVRO_MD blank;
     memset(&blank, 0, sizeof blank);
-    memcpy(blank.sStrucId, "MD  ", 4);
+    std::copy_n("MD  ", 4, blank.sStrucId);
     blank.iVersion = 2;
     blank.cMsgStoreType = '1';
     blank.pOptData = md->pOptData;
-    return memcmp(&blank, md, sizeof blank) == 0;
+    return same_bytes(&blank, md, sizeof blank);
 }
 
 } // namespace
-
-void trace(char kind, const char* fmt, ...) {
-    va_list ap;
-    va_start(ap, fmt);
-    vtrace(kind, fmt, ap);
-    va_end(ap);
-}
-
-void trace_reset() {
-    madvise(shared(), sizeof(Trace), MADV_REMOVE);
-    shared()->used = 0;
-}
-
-std::vector<Entry> trace_entries() {
-    std::vector<Entry> all;
-    for (unsigned i = 0; i < shared()->used; ++i) {
-        if (shared()->slot[i].ready) { // a watcher can be killed in the middle of an entry
-            all.push_back({shared()->slot[i].pid, shared()->slot[i].kind, shared()->slot[i].text});
-        }
-    }
-    return all;
-}
-
-Hook failing(int result, int from, int to, int err) {
-    return [=](const Call& c) -> std::optional<int> {
-        if (c.n < from || c.n > to) {
-            return {};
-        }
-        errno = err;
-        return result;
-    };
-}
-
-Hook failing_write(long len, int times, int result, int err) {
-    return [=, left = times](const Call& c) mutable -> std::optional<int> {
-        if (c.a != len || left-- <= 0) {
-            return {};
-        }
-        errno = err;
-        return result;
-    };
-}
-
-Message message(const std::string& body, const std::string& dest) {
-    Message msg;
-    T_KAVRO_HDR_XMITQ hdr{};
-    memcpy(hdr.sStrucId, "XTMH", 4);
-    hdr.iVersion = 1;
-    memcpy(hdr.sDestQ, dest.data(), dest.size());
-    memcpy(hdr.sDestQMgr, "QM2", 3);
-    msg.data.assign(reinterpret_cast<const char*>(&hdr), sizeof hdr);
-    msg.data += body;
-    msg.md.cMsgStoreType = KVR_STORE_DATA;
-    msg.md.iMsgType = 1;
-    return msg;
-}
-
-Message file_message(const std::string& path) {
-    Message msg = message(path);
-    msg.md.cMsgStoreType = KVR_STORE_FILE;
-    return msg;
-}
-
-GetStep deliver(const Message& msg) {
-    return [msg](T_KAVRO_MD* md, char* buf, int* len) {
-        auto* list = static_cast<T_KAVRO_ACCESSORIES_MD*>(md->pOptData);
-        *md = msg.md;
-        memcpy(md->sStrucId, "MD  ", 4);
-        md->iVersion = 2;
-        md->pOptData = msg.null_list ? nullptr : list;
-        list->iNum = msg.file_count.value_or(static_cast<int>(msg.files.size()));
-        for (size_t i = 0; i < msg.files.size(); ++i) {
-            strcpy(list->sFiles[i], msg.files[i].c_str());
-        }
-        memcpy(buf, msg.data.data(), msg.data.size());
-        *len = static_cast<int>(msg.data.size());
-        static Message kept;
-        kept = msg;
-        in_hand = &kept;
-        in_hand_md = *md;
-        return host().success;
-    };
-}
-
-GetStep interrupted(int sig) {
-    return [sig](T_KAVRO_MD*, char*, int*) {
-        raise(sig);
-        errno = EINTR;
-        return -4;
-    };
-}
-
-GetStep get_fails(int result) {
-    return [result](T_KAVRO_MD*, char*, int*) { return result; };
-}
-
-GetStep idle() {
-    return [](T_KAVRO_MD*, char*, int*) {
-        sigset_t all;
-        sigset_t before;
-        sigfillset(&all);
-        sigprocmask(SIG_SETMASK, &all, &before);
-        trace(kNote, "idle");
-        sigsuspend(&before);
-        sigprocmask(SIG_SETMASK, &before, nullptr);
-        return -4;
-    };
-}
-
-GetStep finally(std::function<void()> what) {
-    return [what = std::move(what)](T_KAVRO_MD*, char*, int*) -> int {
-        what();
-        _exit(kScriptOver);
-    };
-}
 
 Host& host() {
     static Host* const the = new Host; // the channel may end the process with exit: this one stays
@@ -313,33 +163,6 @@ int event(int id) {
     const int result = host().var.pfnEventHdl(host().var.iId, id, in, out);
     trace(kNote, "event %d = %d", id, result);
     return result;
-}
-
-int open_descriptors() {
-    int count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (readdir(dir) != nullptr) {
-        ++count;
-    }
-    closedir(dir);
-    return count;
-}
-
-bool wait_readable() {
-    pollfd waited{host().sock, POLLIN, 0};
-    return poll(&waited, 1, 10000) == 1;
-}
-
-bool wait_for(const std::string& text, int times) {
-    for (int i = 0; i < 10000; ++i) {
-        const auto all = trace_entries();
-        if (std::count_if(all.begin(), all.end(),
-                          [&](const Entry& e) { return e.text.find(text) != std::string::npos; }) >= times) {
-            return true;
-        }
-        poll(nullptr, 0, 1);
-    }
-    return false;
 }
 
 } // namespace kvr::test
@@ -426,7 +249,7 @@ int KVR_QueClose(void* hQueDB, char* psName, void* hObj, int iOpt) {
 int KVR_QueMsgGet(void* hQueDB, void* hObj, T_KAVRO_MD* ptMD, T_KAVRO_GMO* ptGMO, char* psBuf, int* piLen) {
     const T_KAVRO_GMO options{{'G', 'M', 'O', ' '}, 1, 0, 0, 0, 0};
     check_handle(hQueDB == kQueDb && hObj == xmit_queue, "KVR_QueMsgGet");
-    const bool good = is_blank(ptMD) && ptMD->pOptData != nullptr && memcmp(&options, ptGMO, sizeof options) == 0 &&
+    const bool good = is_blank(ptMD) && ptMD->pOptData != nullptr && same_bytes(&options, ptGMO, sizeof options) &&
                       *piLen == 2098376 && psBuf[2098375] == '\0';
     trace(kHost, "KVR_QueMsgGet(%s)", good ? "blank" : "WRONG");
     if (host().get.empty()) {
@@ -440,9 +263,9 @@ int KVR_QueMsgGet(void* hQueDB, void* hObj, T_KAVRO_MD* ptMD, T_KAVRO_GMO* ptGMO
 int KVR_QueMsgPut(void* hQueDB, void* hObj, T_KAVRO_MD* ptMD, T_KAVRO_PMO* ptPMO, char* psBuf, int iLen) {
     const T_KAVRO_PMO options{{'G', 'M', 'O', ' '}, 1, 0, 0};
     check_handle(hQueDB == kQueDb && hObj == dead_queue, "KVR_QueMsgPut");
-    const bool same = in_hand != nullptr && memcmp(&in_hand_md, ptMD, sizeof *ptMD) == 0 &&
-                      std::string(psBuf, static_cast<size_t>(iLen)) == in_hand->data &&
-                      memcmp(&options, ptPMO, sizeof options) == 0;
+    const bool same = same_bytes(&host().in_hand.md, ptMD, sizeof *ptMD) &&
+                      std::string(psBuf, static_cast<size_t>(iLen)) == host().in_hand.data &&
+                      same_bytes(&options, ptPMO, sizeof options);
     trace(kHost, "KVR_QueMsgPut(%d %s)", iLen, same ? "as received" : "CHANGED");
     return scripted("KVR_QueMsgPut").value_or(host().success);
 }

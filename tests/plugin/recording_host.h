@@ -7,6 +7,7 @@
 
 #include <sys/types.h>
 
+#include <cstring>
 #include <deque>
 #include <functional>
 #include <map>
@@ -18,6 +19,11 @@
 #include "plug_mgr.h"
 
 namespace kvr::test {
+
+/// Whether two records agree to the byte, padding and whatever follows a NUL included.
+inline bool same_bytes(const void* a, const void* b, size_t size) {
+    return memcmp(a, b, size) == 0;
+}
 
 /// What an entry of the trace tells of.
 enum Kind : char {
@@ -88,6 +94,7 @@ struct Host {
     std::string name = "ch1";  ///< channel name among the process arguments
     int sock = 0;              ///< the latest socket of the connection
     pid_t watcher = 0;         ///< the latest line watcher
+    Message in_hand;           ///< what the latest get delivered, as it was returned
     T_RTCORE_CONTEXT ctx{};    ///< set up by load()
     T_PLUG_MGR_PLUG_VAR var{}; ///< set up by load()
     bool recording = false;    ///< true in the channel process only

@@ -60,28 +60,30 @@ TEST_F(Send, DescriptorBlockFieldByField) {
         }
         block.replace(at, size, field, size);
     };
-    const auto number = [&block](KVRINT& field, KVRINT value, size_t at, const char* bytes) {
+    const auto number = [&block](KVRINT& field, KVRINT value, size_t at, const std::string& hex) {
         field = value;
-        block.replace(at, 4, bytes, 4);
+        for (size_t i = 0; i < 4; ++i) {
+            block[at + i] = static_cast<char>(std::stoi(hex.substr(2 * i, 2), nullptr, 16));
+        }
     };
     text(md.sMsgId, 32, 0, 'A');
     text(md.sCorrelId, 32, 32, 'B');
     block[64] = md.cMsgStoreType = '7';
-    number(md.iUsage, 1, 68, "\0\0\0\1");
-    number(md.iMsgFlags, 0x7ffffff3, 72, "\x7f\xff\xff\xf3");
-    number(md.iExpiry, -1, 76, "\xff\xff\xff\xff");
-    number(md.iFeedback, 0x01020304, 80, "\1\2\3\4");
-    number(md.iEncoding, 256, 84, "\0\0\1\0");
-    number(md.iCodedCharSetId, 1208, 88, "\0\0\4\xb8");
-    number(md.iPriority, 5, 92, "\0\0\0\5");
-    number(md.iPersistence, 65536, 96, "\0\1\0\0");
-    number(md.iMsgSeqNo, -2, 100, "\xff\xff\xff\xfe");
-    number(md.iReportOpt, 16777216, 104, "\1\0\0\0");
+    number(md.iUsage, 1, 68, "00000001");
+    number(md.iMsgFlags, 0x7ffffff3, 72, "7ffffff3");
+    number(md.iExpiry, -1, 76, "ffffffff");
+    number(md.iFeedback, 0x01020304, 80, "01020304");
+    number(md.iEncoding, 256, 84, "00000100");
+    number(md.iCodedCharSetId, 1208, 88, "000004b8");
+    number(md.iPriority, 5, 92, "00000005");
+    number(md.iPersistence, 65536, 96, "00010000");
+    number(md.iMsgSeqNo, -2, 100, "fffffffe");
+    number(md.iReportOpt, 16777216, 104, "01000000");
     text(md.sFmtName, 9, 108, 'C');
     text(md.sReplyToQ, 33, 117, 'D');
     text(md.sReplyToQMgr, 33, 150, 'E');
     text(md.sGroupId, 32, 183, 'F');
-    number(md.iPutApplType, 28, 216, "\0\0\0\x1c");
+    number(md.iPutApplType, 28, 216, "0000001c");
     text(md.sPutApplName, 33, 220, 'G');
     text(md.sPutDate, 9, 253, 'H');
     text(md.sPutTime, 7, 262, 'I');
@@ -260,9 +262,9 @@ TEST_F(Send, BadFileFailsTheMessageAfterItsFrame) {
             ASSERT_EQ(r.conns.size(), 5U) << r.dump();
             const std::string block = own ? "" : attachment_block({base});
             const std::string body = own ? padded(base, path.size()) : "m";
-            const std::string frame =
-                frame_header(own ? '4' : '0', "Q1", "00000001", "00000000", 272 + body.size() + block.size()) +
-                plain_block(own ? '2' : '1', own ? 0 : 4) + body + block;
+            std::string frame =
+                frame_header(own ? '4' : '0', "Q1", "00000001", "00000000", 272 + body.size() + block.size());
+            frame.append(plain_block(own ? '2' : '1', own ? 0 : 4)).append(body).append(block);
             for (size_t i = 0; i < 4; ++i) {
                 EXPECT_EQ(r.conns[i], bind_frame() + frame);
             }
@@ -362,7 +364,8 @@ TEST_F(Send, EachFailedWriteIsTold) {
         host().hooks["write"] = failing_write(c.piece, 1, 7, ECONNRESET);
         const Result r = run_messages({with_files("msg", {path})});
         const std::string piece = std::to_string(c.piece);
-        std::string line = std::string("1 write ") + (c.in_file ? "data" : "") + "[" + piece + "]" + told;
+        std::string line = c.in_file ? "1 write data[" : "1 write [";
+        line.append(piece).append("]").append(told);
         line.replace(line.find('@'), 1, piece);
         Lines expected = {line, "1 ChlSndData len[3] error[-201]", "4 send 3 real size[25372]"};
         if (c.in_file) {
