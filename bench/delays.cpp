@@ -97,10 +97,11 @@ void measure_delays(const Setup& setup) {
         for (std::size_t i = 0; i < senders.size(); ++i) {
             row({burst == 1 ? "one" : "burst of three", senders[i].name, cells(series[i].whole), cells(series[i].line),
                  cells(series[i].put)});
-            if (burst > 1) {
+            if (burst > 1 && i > 0) {
                 const double late = percentile(series[i].line, 1);
-                target(fmt::format("{}: no message of a burst later than {} ms", senders[i].name, kWantedMs),
-                       late <= kWantedMs, fmt::format("{:.2f} ms", late));
+                target(
+                    fmt::format("{}: no message of a burst later than {} ms after its put", senders[i].name, kWantedMs),
+                    late <= kWantedMs, fmt::format("{:.2f} ms", late));
             }
         }
     }

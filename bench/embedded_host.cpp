@@ -26,6 +26,7 @@ constexpr std::size_t kGroupBytes = 8UL << 20;
 
 [[noreturn]] void become(const std::vector<std::string>& command, bool quiet) {
     std::vector<char*> argv;
+    argv.reserve(command.size() + 1);
     for (const std::string& word : command) {
         argv.push_back(const_cast<char*>(word.c_str()));
     }

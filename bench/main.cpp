@@ -113,28 +113,29 @@ void run(const Options& options) {
 } // namespace kvr::bench
 
 int main(int argc, char** argv) {
-    using kvr::bench::Options;
-    const std::filesystem::path own = std::filesystem::read_symlink("/proc/self/exe").parent_path();
-    Options options;
-    options.program = (own / "kvr").string();
-    options.plugin = (own.parent_path() / "lib" / "libplug_kavro_chls.so").string();
-    CLI::App app("Measures the channel against a bare sender, on loopback; prints a report in markdown.", "kvr_bench");
-    app.add_option("--kvr", options.program, "The program kvr [beside this one]")->check(CLI::ExistingFile);
-    app.add_option("--plugin", options.plugin, "The plug-in [../lib/libplug_kavro_chls.so]")->check(CLI::ExistingFile);
-    app.add_option("--dir", options.dir, "Folder for the queues, on the disk to be measured")
-        ->check(CLI::ExistingDirectory)
-        ->capture_default_str();
-    app.add_option("--rounds", options.rounds, "Rounds, of which the medians are shown")
-        ->check(CLI::Range(1, 1000))
-        ->capture_default_str();
-    app.add_option("--section", options.sections, "messages, files, delays, depths [all]")
-        ->check(CLI::IsMember({"messages", "files", "delays", "depths"}));
-    app.add_flag("--quick", options.quick, "Everything once and small: does it run at all?");
-    CLI11_PARSE(app, argc, argv);
     try {
+        const std::filesystem::path own = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+        kvr::bench::Options options;
+        options.program = (own / "kvr").string();
+        options.plugin = (own.parent_path() / "lib" / "libplug_kavro_chls.so").string();
+        CLI::App app("Measures the channel against a bare sender, on loopback; prints a report in markdown.",
+                     "kvr_bench");
+        app.add_option("--kvr", options.program, "The program kvr [beside this one]")->check(CLI::ExistingFile);
+        app.add_option("--plugin", options.plugin, "The plug-in [../lib/libplug_kavro_chls.so]")
+            ->check(CLI::ExistingFile);
+        app.add_option("--dir", options.dir, "Folder for the queues, on the disk to be measured")
+            ->check(CLI::ExistingDirectory)
+            ->capture_default_str();
+        app.add_option("--rounds", options.rounds, "Rounds, of which the medians are shown")
+            ->check(CLI::Range(1, 1000))
+            ->capture_default_str();
+        app.add_option("--section", options.sections, "messages, files, delays, depths [all]")
+            ->check(CLI::IsMember({"messages", "files", "delays", "depths"}));
+        app.add_flag("--quick", options.quick, "Everything once and small: does it run at all?");
+        CLI11_PARSE(app, argc, argv);
         kvr::bench::run(options);
     } catch (const std::exception& error) {
-        fmt::print(stderr, "kvr_bench: {}\n", error.what());
+        std::fprintf(stderr, "kvr_bench: %s\n", error.what());
         return EXIT_FAILURE;
     }
     return EXIT_SUCCESS;
