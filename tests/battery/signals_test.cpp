@@ -1,0 +1,112 @@
+// SPDX-License-Identifier: MIT
+// The line-loss signal and the alarm at every call of a message's road: before it, after it, and in place of it where a
+// signal can end it. One worker lives through them all: each message meets its signal one call later than the one
+// before.
+#include "injector.h"
+
+namespace kvr::test {
+namespace {
+
+using inject::Action;
+using inject::Attack;
+using inject::Trigger;
+
+struct Wave {
+    const char* name;
+    Trigger trigger;
+    Action action;
+    int signal;
+};
+
+constexpr Wave kWaves[] = {
+    {"line signal before", Trigger::kMessage, Action::kBefore, SIGUSR2},
+    {"line signal after", Trigger::kMessage, Action::kAfter, SIGUSR2},
+    {"line signal in place of", Trigger::kMessage, Action::kInterrupt, SIGUSR2},
+    {"alarm before", Trigger::kMessage, Action::kBefore, SIGALRM},
+    {"alarm after", Trigger::kMessage, Action::kAfter, SIGALRM},
+    {"alarm in place of", Trigger::kMessage, Action::kInterrupt, SIGALRM},
+    {"line signal in the heartbeat before", Trigger::kHeartbeat, Action::kBefore, SIGUSR2},
+    {"line signal in the heartbeat after", Trigger::kHeartbeat, Action::kAfter, SIGUSR2},
+    {"line signal in the heartbeat in place of", Trigger::kHeartbeat, Action::kInterrupt, SIGUSR2},
+};
+
+/// Which calls: every host operation and TLS call, and of the system calls every one or a sample.
+struct Depth {
+    const char* name;
+    int system_step;
+};
+
+class SignalsAt : public ::testing::TestWithParam<Carrier> {
+  protected:
+    void SetUp() override {
+#ifdef __SANITIZE_ADDRESS__
+        GTEST_SKIP() << "the sanitizer has the allocator";
+#endif
+    }
+
+    void strike(const Depth& depth);
+
+  private:
+    int wave(Field& field, Injector& injector, const Child& worker, const Wave& wave, int kinds, int step);
+};
+
+/// One message for each call; ends when a message's road has fewer calls. The number of calls struck.
+int SignalsAt::wave(Field& field, Injector& injector, const Child& worker, const Wave& wave, int kinds, int step) {
+    int struck = 0;
+    for (int target = 1;; target = injector.control().fired + step) {
+        injector.arm({wave.trigger, wave.action, kinds, target, wave.signal, 0});
+        if (wave.trigger == Trigger::kHeartbeat) {
+            ::kill(worker.pid(), SIGALRM);
+        } else {
+            field.put(MessageKind::kAttached, 1, 100, 5000);
+        }
+        const std::string what = std::string(wave.name) + " call " + std::to_string(target);
+        if (!injector.done(worker, what)) {
+            ADD_FAILURE() << "the worker ended after " << what << " " << injector.control().name;
+            return struck;
+        }
+        if (injector.control().fired == 0) {
+            return struck;
+        }
+        ++struck;
+    }
+}
+
+void SignalsAt::strike(const Depth& depth) {
+    Field field(GetParam());
+    field.set_channel({{"SHORTTMR", "0"}});
+    Child listener = field.listen();
+    Injector injector(field);
+    Child worker = field.run_channel(injector.environment());
+    field.await_status("RUNING");
+    int struck = 0;
+    for (const Wave& each : kWaves) {
+        struck += wave(field, injector, worker, each, inject::kHost | inject::kTls, 1);
+        struck += wave(field, injector, worker, each, inject::kSystem, depth.system_step);
+        if (HasFailure()) {
+            return;
+        }
+    }
+    injector.disarm();
+    field.put_one_of_each();
+    field.await_drained();
+    field.await_arrived(field.ledger().size());
+    EXPECT_EQ(field.status(), "RUNING");
+    EXPECT_EQ(children_of(worker.pid()).size(), 1U);
+    EXPECT_EQ(worker.result_under(SIGTERM), 0);
+    injector.expect_no_finding();
+    field.expect_all_delivered();
+    RecordProperty("signals at calls", struck);
+    RecordProperty("handlers run", injector.control().handled);
+    RecordProperty("decoys opened", injector.control().decoys);
+}
+
+TEST_P(SignalsAt, HostOperationsAndSomeSystemCalls) {
+    strike({"sample", 7});
+}
+
+INSTANTIATE_TEST_SUITE_P(Carriers, SignalsAt, ::testing::Values(Carrier::kPlain, Carrier::kTls13),
+                         [](const auto& test) { return std::string(carrier_name(test.param)); });
+
+} // namespace
+} // namespace kvr::test
