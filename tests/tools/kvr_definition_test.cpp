@@ -12,9 +12,9 @@
 namespace kvr::test {
 namespace {
 
+using nlohmann::json;
 using ::testing::HasSubstr;
 using ::testing::Not;
-using nlohmann::json;
 
 class KvrDefinition : public ::testing::Test {
   protected:
@@ -110,7 +110,7 @@ TEST_F(KvrDefinition, StatusTellsTheTruthAboutADeadProcess) {
 TEST_F(KvrDefinition, WatchingEndsCleanlyWhenInterrupted) {
     BackgroundProgram watching(home_, {"status", "--watch", "--interval", "0.05"});
     const auto output = home_.path() / ".background.out";
-    while (std::filesystem::file_size(output) == 0) {
+    for (std::error_code error; std::filesystem::file_size(output, error) == 0 || error;) {
         std::this_thread::yield();
     }
     (void)::kill(watching.pid(), SIGINT);

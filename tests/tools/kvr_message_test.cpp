@@ -10,9 +10,9 @@
 namespace kvr::test {
 namespace {
 
+using nlohmann::json;
 using ::testing::HasSubstr;
 using ::testing::Not;
-using nlohmann::json;
 
 class KvrMessage : public ::testing::Test {
   protected:

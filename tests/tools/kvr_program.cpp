@@ -28,8 +28,11 @@ struct Redirections {
 };
 
 std::string contents(const fs::path& file) {
-    std::ifstream stream(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+    std::ostringstream text;
+    if (fs::file_size(file) > 0) {
+        text << std::ifstream(file, std::ios::binary).rdbuf();
+    }
+    return text.str();
 }
 
 bool redirect(const fs::path& file, int flags, int to) {

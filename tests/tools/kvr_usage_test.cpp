@@ -33,13 +33,32 @@ void expect_refused(const ProgramHome& home, const BadInput& bad) {
 
 TEST(KvrUsage, EveryCommandHasHelpWithExamples) {
     const ProgramHome home;
-    const std::vector<std::vector<std::string>> commands = {
-        {},          {"create"},         {"define"},         {"define", "queue"}, {"define", "channel"},
-        {"set"},     {"set", "qmgr"},    {"set", "channel"}, {"show"},            {"show", "qmgr"},
-        {"show", "queue"}, {"show", "channel"}, {"delete"},  {"delete", "queue"}, {"delete", "channel"},
-        {"delete", "qmgr"}, {"put"},     {"get"},            {"browse"},          {"release"},
-        {"move"},    {"run"},            {"stop"},           {"status"},          {"listen"},
-        {"completion"}};
+    const std::vector<std::vector<std::string>> commands = {{},
+                                                            {"create"},
+                                                            {"define"},
+                                                            {"define", "queue"},
+                                                            {"define", "channel"},
+                                                            {"set"},
+                                                            {"set", "qmgr"},
+                                                            {"set", "channel"},
+                                                            {"show"},
+                                                            {"show", "qmgr"},
+                                                            {"show", "queue"},
+                                                            {"show", "channel"},
+                                                            {"delete"},
+                                                            {"delete", "queue"},
+                                                            {"delete", "channel"},
+                                                            {"delete", "qmgr"},
+                                                            {"put"},
+                                                            {"get"},
+                                                            {"browse"},
+                                                            {"release"},
+                                                            {"move"},
+                                                            {"run"},
+                                                            {"stop"},
+                                                            {"status"},
+                                                            {"listen"},
+                                                            {"completion"}};
     for (std::vector<std::string> arguments : commands) {
         arguments.emplace_back("--help");
         EXPECT_THAT(home.done(arguments), HasSubstr("xamples:\n  kvr ")) << arguments.front();
@@ -55,6 +74,7 @@ TEST(KvrUsage, WrongCommandLinesAreRefusedWithCodeTwo) {
     const std::vector<BadInput> cases = {
         {{}, 2, "see 'kvr --help'"},
         {{"frobnicate"}, 2, "frobnicate.*see 'kvr --help'"},
+        {{"define", "topic"}, 2, "topic.*see 'kvr define --help'"},
         {{"put"}, 2, "queue.*see 'kvr put --help'"},
         {{"put", "Q", "x", "--wrong"}, 2, "--wrong.*see 'kvr put --help'"},
         {{"define", "channel", "C", "XMITQ=Q", "--nope", "1"}, 2, "see 'kvr define channel --help'"},
@@ -112,7 +132,7 @@ TEST(KvrUsage, WhatTheSystemCannotDoFailsWithCodeOne) {
     (void)home.done({"create", "EAST"});
     (void)home.done({"define", "queue", "Q"});
     (void)home.done({"define", "channel", "C", "XMITQ=Q", "CONNAME=h"});
-    (void)home.done({"put", "Q", "x"});
+    (void)home.done({"put", "Q", "x", "--dest", "D"});
     const std::string large = home.file("large", std::string(2098377, 'x'));
     const std::string empty = home.file("empty", "");
     const std::string present = home.file("present", "x");

@@ -74,7 +74,7 @@ void add_attribute(Attributes& attributes, const ClassSpec& cls, const std::stri
         if (error.code() == Errc::kNotFound || error.code() == Errc::kPermission) {
             throw;
         }
-        throw UsageError(error.what());
+        throw UsageError(fmt::format("{}: give another value, see --help", error.what()));
     }
     if (!attributes.emplace(attr->name, value).second) {
         throw UsageError(fmt::format("{} is given twice: give it once", attr->name));

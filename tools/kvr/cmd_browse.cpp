@@ -22,7 +22,7 @@ constexpr std::size_t kPreview = 24;
 
 struct BrowseOptions {
     std::string queue;
-    std::uint64_t count = kDefaultCount;
+    std::uint64_t count = 0; ///< 0: not given
     std::uint64_t from = 0;
     bool all = false;
     bool held = false;
@@ -68,8 +68,8 @@ class Browser {
                 if (options_.held && !message.held) {
                     return true;
                 }
-                if (!options_.all && shown_ == options_.count) {
-                    cut_ = true;
+                if (!options_.all && shown_ == (options_.count > 0 ? options_.count : kDefaultCount)) {
+                    cut_ = options_.count == 0;
                     return false;
                 }
                 ++shown_;
@@ -138,7 +138,7 @@ void add_browse_command(CLI::App& app, GlobalOptions& global) {
     CLI::App* command = app.add_subcommand("browse", "Look at the messages of a queue without taking them");
     command->add_option("queue", options->queue, "Queue")->required()->type_name("QUEUE");
     CLI::Option* count = command->add_option("--count", options->count, "Greatest number of messages [50]")
-                             ->check(CLI::PositiveNumber)
+                             ->check(CLI::PositiveNumber.description(""))
                              ->type_name("N");
     command->add_flag("--all", options->all, "All messages")->excludes(count);
     command->add_option("--from", options->from, "Begin at this place (column SEQ)")->type_name("SEQ");

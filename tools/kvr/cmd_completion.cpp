@@ -76,9 +76,10 @@ void add_completion_command(CLI::App& app, GlobalOptions& /*global*/) {
     CLI::App* command = app.add_subcommand("completion", "Print a completion script for a shell");
     command->add_option("shell", *shell, "bash or zsh")
         ->required()
-        ->check(CLI::IsMember({"bash", "zsh"}))
+        ->check(CLI::IsMember({"bash", "zsh"}).description(""))
         ->type_name("bash|zsh");
-    set_examples(*command, "  source <(kvr completion bash)\n  kvr completion zsh > ~/.kvr-completion.zsh\n");
+    set_examples(*command, "  kvr completion bash > ~/.local/share/bash-completion/completions/kvr\n"
+                           "  kvr completion zsh >> ~/.zshrc\n");
     command->callback([shell, &app] { print(script(app, *shell == "zsh")); });
 }
 

@@ -139,11 +139,11 @@ void add_get_command(CLI::App& app, GlobalOptions& global) {
     CLI::App* command = app.add_subcommand("get", "Take messages off a queue");
     command->add_option("queue", options->queue, "Queue")->required()->type_name("QUEUE");
     CLI::Option* count = command->add_option("--count", options->count, "Number of messages [1]")
-                             ->check(CLI::PositiveNumber)
+                             ->check(CLI::PositiveNumber.description(""))
                              ->type_name("N");
     command->add_flag("--all", options->all, "Until the queue is empty")->excludes(count);
     command->add_option("--wait", options->wait, "Longest wait for each message [0]")
-        ->check(CLI::Range(0.0, kMaxWait))
+        ->check(CLI::Range(0.0, kMaxWait).description(""))
         ->type_name("SECONDS");
     command
         ->add_option("--out", options->out, "Write the data to this file, or to a file for each message in this folder")

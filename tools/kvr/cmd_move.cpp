@@ -90,7 +90,7 @@ void add_move_command(CLI::App& app, GlobalOptions& global) {
         ->type_name("QUEUE[@QMGR]")
         ->excludes(strip);
     command->add_option("--count", options->count, "Greatest number of messages (default: all that are there)")
-        ->check(CLI::PositiveNumber)
+        ->check(CLI::PositiveNumber.description(""))
         ->type_name("N");
     set_examples(*command, "  kvr move DEAD.LETTER.QUEUE TO.WEST\n"
                            "  kvr move DEAD.LETTER.QUEUE TO.WEST --dest ORDERS@WEST --count 1\n"

@@ -329,7 +329,7 @@ void add_put_command(CLI::App& app, GlobalOptions& global) {
         ->allow_extra_args(false);
     command->add_option("--file", options->file, "Send this file: the message holds its path")->type_name("FILE");
     command->add_option("--count", options->count, "Number of messages [1]")
-        ->check(CLI::Range(std::uint32_t{1}, kMaxLoadCount))
+        ->check(CLI::Range(std::uint32_t{1}, kMaxLoadCount).description(""))
         ->type_name("N");
     command
         ->add_option("--size", options->size, "Generate data of this size, numbered and checksummed for 'get --verify'")

@@ -47,7 +47,7 @@ void say_last_words(int status, void* /*unused*/) {
 fs::path plugin_file(const std::string& given) {
     std::error_code error;
     if (!given.empty()) {
-        const fs::path file = fs::absolute(given);
+        fs::path file = fs::absolute(given);
         if (!fs::is_regular_file(file, error)) {
             throw Error(Errc::kNotFound,
                         fmt::format("the plug-in {} does not exist: check --plugin", printable(file.native())));
@@ -140,7 +140,7 @@ void add_run_command(CLI::App& app, GlobalOptions& global) {
                      "Log file; - for standard error (default: log/CHANNEL.log in the queue manager's folder)")
         ->type_name("FILE");
     command->add_option("--log-level", options->log_level, "1 failures to 5 every step [3]")
-        ->check(CLI::Range(1, 5))
+        ->check(CLI::Range(1, 5).description(""))
         ->type_name("1-5");
     command->add_option("--plugin", options->plugin, "Channel plug-in (default: beside this program, in ../lib)")
         ->type_name("FILE");

@@ -33,7 +33,7 @@ std::string read_pass_phrase(const std::string& file) {
     try {
         check_definition("QMGR", "KEYPASS", text);
     } catch (const Error& error) {
-        throw UsageError(error.what());
+        throw UsageError(fmt::format("{}: give another pass phrase to the key and the file", error.what()));
     }
     return text;
 }
@@ -123,7 +123,7 @@ void add_set_command(CLI::App& app, GlobalOptions& global) {
     qmgr->add_option("--sync", options->sync,
                      "on: wait for the disk at every commit; off: faster, a power loss can "
                      "take the last seconds")
-        ->check(CLI::IsMember({"on", "off"}))
+        ->check(CLI::IsMember({"on", "off"}).description(""))
         ->type_name("on|off");
     set_examples(*qmgr, "  kvr set qmgr CERTFILE=east.pem KEYFILE=east.key CAFILE=ca.pem\n"
                         "  kvr set qmgr --keypass-file - < passphrase.txt\n"

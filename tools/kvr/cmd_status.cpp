@@ -188,7 +188,7 @@ void add_status_command(CLI::App& app, GlobalOptions& global) {
     command->add_option("channel", options->channel, "Channel (default: all)")->type_name("CHANNEL");
     CLI::Option* watch_flag = command->add_flag("--watch", options->watch, "Show it again and again, until Ctrl-C");
     command->add_option("--interval", options->interval, "Seconds between two looks [1]")
-        ->check(CLI::Range(kMinInterval, kMaxInterval))
+        ->check(CLI::Range(kMinInterval, kMaxInterval).description(""))
         ->needs(watch_flag)
         ->type_name("SECONDS");
     set_examples(*command, "  kvr status\n  kvr status EAST.WEST --watch --interval 0.5\n  kvr status --json\n");

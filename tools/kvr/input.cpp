@@ -75,7 +75,7 @@ std::string read_input(const std::string& file, std::size_t limit, const std::st
 }
 
 std::string sendable_file(const std::string& file, std::size_t max_path) {
-    const std::string path = file.empty() ? file : std::filesystem::absolute(file).lexically_normal().native();
+    std::string path = file.empty() ? file : std::filesystem::absolute(file).lexically_normal().native();
     const auto refuse = [&](Errc code, const std::string& why) {
         throw Error(code, fmt::format("the file {} cannot be sent: {}", printable(path), why));
     };

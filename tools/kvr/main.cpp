@@ -62,6 +62,15 @@ std::string recognised_command(const CLI::App& app) {
     return path;
 }
 
+/// The parser misses a command before it looks at a word that is none.
+std::string complaint(const CLI::App& app, const CLI::ParseError& error) {
+    const std::vector<std::string> unknown = app.remaining(true);
+    if (error.get_name() == "RequiredError" && !unknown.empty()) {
+        return fmt::format("'{}' is no command here", printable(unknown.front()));
+    }
+    return printable(error.what());
+}
+
 void add_commands(CLI::App& app, GlobalOptions& global) {
     add_create_command(app, global);
     add_define_command(app, global);
@@ -107,7 +116,8 @@ int run(int argc, char** argv) {
         flush_output();
         return std::cout.good() ? kExitDone : kExitFailed;
     } catch (const CLI::ParseError& error) {
-        (void)std::fprintf(stderr, "kvr: %s: see '%s --help'\n", error.what(), recognised_command(app).c_str());
+        const std::string command = recognised_command(app);
+        (void)std::fprintf(stderr, "kvr: %s: see '%s --help'\n", complaint(app, error).c_str(), command.c_str());
         return kExitUsage;
     } catch (const UsageError& error) {
         (void)std::fflush(stdout);

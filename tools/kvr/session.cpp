@@ -21,6 +21,12 @@ namespace fs = std::filesystem;
 
 constexpr mode_t kPrivateFolder = 0700;
 
+/// A folder with a store in it, as far as this user may look.
+bool holds_store(const fs::path& dir) {
+    std::error_code error;
+    return fs::exists(dir / "store", error) || error;
+}
+
 bool good_name(std::string name, std::size_t max_length, bool slash) {
     if (slash) {
         std::replace(name.begin(), name.end(), '/', '_');
@@ -92,7 +98,7 @@ std::vector<std::string> qmgr_names(const GlobalOptions& global) {
     for (fs::directory_iterator entry(home, error), end; !error && entry != end; entry.increment(error)) {
         const std::string name = entry->path().filename().string();
         std::error_code ignored;
-        if (entry->is_directory(ignored) && good_name(name, kMaxQueueName, false)) {
+        if (entry->is_directory(ignored) && good_name(name, kMaxQueueName, false) && holds_store(entry->path())) {
             names.push_back(name);
         }
     }
