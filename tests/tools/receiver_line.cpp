@@ -47,7 +47,7 @@ RunningListener::~RunningListener() {
 
 int RunningListener::stop() {
     // The listener's thread has the signal blocked and takes it through its descriptor.
-    EXPECT_EQ(::pthread_kill(thread_.native_handle(), SIGTERM), 0);
+    EXPECT_EQ(::pthread_sigqueue(thread_.native_handle(), SIGTERM, sigval{}), 0);
     return wait();
 }
 

@@ -79,15 +79,15 @@ std::vector<std::string> sample_events() {
         "file 1 length=11",
         "content second file",
         "complete",
-        "message 4 queue=Q3 type=0 code=0 id=ID flags=0 priority=5 seq=16909060 report=-16 "
-        "body=x.dat%00%00%00%00%00%00%00%00%00%00%00%00%00%00",
+        "message 4 queue=Q3 type=0 code=0 id=ID flags=0 priority=5 seq=16909060 report=-16 body=" +
+            escaped(padded("x.dat", 19)),
         "name x.dat",
         "file 0 length=13",
         "content contents of x",
         "complete",
         "heartbeat",
-        "message 0 queue=LLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLL type=7 code=-5 id=ID flags=0 priority=5 seq=16909060 "
-        "report=-16 body=",
+        "message 0 queue=" + std::string(32, 'L') +
+            " type=7 code=-5 id=ID flags=0 priority=5 seq=16909060 report=-16 body=",
         "complete",
     };
 }

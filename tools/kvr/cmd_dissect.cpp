@@ -107,7 +107,7 @@ class Dissector : public FrameSink {
             names_.push_back(escaped(message.file_name));
             fields["file"] = names_.back();
         }
-        show(frame_start(), message.is_file() ? "file message" : "message", std::move(fields), text);
+        show(frame_start(), message.is_file() ? "file message" : "message", fields, text);
         show_bytes(fmt::format("body, {} bytes", message.body.size()), message.body);
         return true;
     }
@@ -132,7 +132,7 @@ class Dissector : public FrameSink {
   private:
     [[nodiscard]] std::uint64_t frame_start() const { return splitter_.event_offset() - sizeof(T_KAVRO_CHL_HDR); }
 
-    void show(std::uint64_t offset, const char* frame, Json fields, const std::string& text) const {
+    void show(std::uint64_t offset, const char* frame, const Json& fields, const std::string& text) const {
         if (json_) {
             Json line = {{"offset", offset}, {"frame", frame}};
             line.update(fields);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "tls_server.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -59,7 +60,7 @@ int give_pass_phrase(char* buffer, int size, int /*writing*/, void* user) {
     if (phrase->size() > static_cast<std::size_t>(size)) {
         return -1;
     }
-    std::memcpy(buffer, phrase->data(), phrase->size());
+    std::copy(phrase->begin(), phrase->end(), buffer); // no NUL: the length is returned
     return static_cast<int>(phrase->size());
 }
 
