@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Definitions as operators make and see them, and the truth about channels that run, ran or never ran.
 #include <csignal>
-#include <thread>
 
 #include <gmock/gmock.h>
 #include <sys/wait.h>
@@ -110,9 +109,10 @@ TEST_F(KvrDefinition, StatusTellsTheTruthAboutADeadProcess) {
 TEST_F(KvrDefinition, WatchingEndsCleanlyWhenInterrupted) {
     BackgroundProgram watching(home_, {"status", "--watch", "--interval", "0.05"});
     const auto output = home_.path() / ".background.out";
-    for (std::error_code error; std::filesystem::file_size(output, error) == 0 || error;) {
-        std::this_thread::yield();
-    }
+    ASSERT_TRUE(eventually([&output] {
+        std::error_code error;
+        return std::filesystem::file_size(output, error) > 0 && !error;
+    }));
     (void)::kill(watching.pid(), SIGINT);
     EXPECT_EQ(watching.wait(), 0);
 }
@@ -121,9 +121,7 @@ TEST_F(KvrDefinition, AChannelRunsRefusesASecondWorkerAndStops) {
     (void)home_.done({"define", "channel", "C", "XMITQ=TO.WEST", "CONNAME=127.0.0.1(1)", "LONGTMR=3600", "SHORTRTY=0"});
     BackgroundProgram worker(home_, {"run", "C", "--plugin", KVR_PLUGIN});
     const auto state = [this] { return home_.json({"status"})["channels"][0]["state"]; };
-    while (state() != "RETRYING") {
-        std::this_thread::yield();
-    }
+    ASSERT_TRUE(eventually([&state] { return state() == "RETRYING"; }));
     EXPECT_THAT(home_.done({"status"}), HasSubstr(std::to_string(worker.pid()) + " alive"));
     const ProgramResult second = home_.run({"run", "C", "--plugin", KVR_PLUGIN});
     EXPECT_EQ(second.code, 1);

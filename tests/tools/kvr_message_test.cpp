@@ -166,7 +166,7 @@ TEST_F(KvrMessage, LoadIsProvenAndWhatIsWrongIsFound) {
     result = verify();
     EXPECT_EQ(result.code, 1);
     EXPECT_THAT(result.out, HasSubstr("500 repeated"));
-    EXPECT_THAT(result.out, HasSubstr("1 messages are not load messages"));
+    EXPECT_THAT(result.out, HasSubstr("1 message without a proof"));
 
     (void)home_.done({"put", "Q", "altered", "--format", "KVRLOAD", "--correlid", first["correlid"], "--group-id",
                       first["group-id"], "--seqno", "1"});
@@ -222,7 +222,7 @@ TEST_F(KvrMessage, DeadLettersGoBackWithTheirHeaderChangedOrNot) {
         put();
         std::vector<std::string> arguments{"move", "Q", "OTHER", "--count", "1"};
         arguments.insert(arguments.end(), each.options.begin(), each.options.end());
-        EXPECT_THAT(home_.done(arguments), HasSubstr("moved 1 messages"));
+        EXPECT_THAT(home_.done(arguments), HasSubstr("moved 1 message "));
         const json moved = home_.json({"get", "OTHER"})[0];
         EXPECT_EQ(moved["destination"], each.destination);
         EXPECT_EQ(moved["data"], "body");
@@ -250,7 +250,7 @@ TEST_F(KvrMessage, HeldMessagesAreShownAndReleased) {
     EXPECT_EQ(home_.json({"show", "queue", "Q"})[0]["held"], 1);
     EXPECT_EQ(home_.done({"get", "Q", "--raw"}), "free");
     EXPECT_EQ(home_.run({"get", "Q"}).code, 1);
-    EXPECT_THAT(home_.done({"release", "Q"}), HasSubstr("released 1 messages"));
+    EXPECT_THAT(home_.done({"release", "Q"}), HasSubstr("released 1 message "));
     EXPECT_EQ(home_.done({"get", "Q", "--raw"}), "stuck");
 }
 

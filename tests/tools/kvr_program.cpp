@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "kvr_program.h"
 
-#include <array>
+#include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
-#include <map>
 #include <sstream>
+#include <thread>
 
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -91,6 +92,17 @@ std::vector<std::string> with_program(const std::vector<std::string>& arguments)
 }
 
 } // namespace
+
+bool eventually(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(kDeadlineSeconds);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::yield();
+    }
+    return true;
+}
 
 ProgramHome::ProgramHome() {
     std::string name = (fs::temp_directory_path() / "kvr-test.XXXXXX").native();

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -57,5 +58,8 @@ class BackgroundProgram {
   private:
     pid_t pid_;
 };
+
+/// Asks again and again until the condition holds; false when a generous deadline passed first.
+[[nodiscard]] bool eventually(const std::function<bool()>& condition);
 
 } // namespace kvr::test

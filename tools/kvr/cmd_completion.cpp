@@ -18,14 +18,13 @@ std::string words_of(const CLI::App& command, const CLI::App& root) {
     for (const CLI::App* sub : command.get_subcommands([](const CLI::App*) { return true; })) {
         words += sub->get_name() + " ";
     }
-    for (const CLI::App* level : {&command, &root}) {
+    for (const CLI::App* level : {&root, &command}) {
         for (const CLI::Option* option : level->get_options()) {
             for (const std::string& name : option->get_lnames()) {
-                words += "--" + name + " ";
+                if (words.find("--" + name + " ") == std::string::npos) {
+                    words += "--" + name + " ";
+                }
             }
-        }
-        if (&command == &root) {
-            break;
         }
     }
     return words;

@@ -43,8 +43,8 @@ void delete_queue(const GlobalOptions& global, const DeleteOptions& options) {
                                              queue.drained_by, name));
     }
     if (queue.depth > 0 && !options.purge) {
-        throw Error(Errc::kBusy,
-                    fmt::format("queue '{}' has {} messages: give --purge to delete them with it", name, queue.depth));
+        throw Error(Errc::kBusy, fmt::format("queue '{}' has {}: give --purge to delete them, too", name,
+                                             message_count(queue.depth)));
     }
     store->queue_delete(name, options.purge);
     report(global, "queue", name);
@@ -89,9 +89,9 @@ void delete_qmgr(const GlobalOptions& global, const DeleteOptions& options) {
             messages += queue.depth;
         }
         if (messages > 0 && !options.purge) {
-            throw Error(Errc::kBusy, fmt::format("queue manager {} has {} messages on its queues: give --purge to "
-                                                 "delete them with it",
-                                                 named.qmgr, messages));
+            throw Error(Errc::kBusy, fmt::format("queue manager {} has {} on its queues: give --purge to "
+                                                 "delete them, too",
+                                                 named.qmgr, message_count(messages)));
         }
         if (!options.yes) {
             throw UsageError(fmt::format("queue manager {} with its definitions and logs in {} would be deleted: give "

@@ -50,9 +50,9 @@ std::uint64_t move_messages(Store& store, const MoveOptions& options, const std:
         try {
             drainer.getter().put_instead(options.to, {&drainer.descriptor(), drainer.attachments(), data});
         } catch (const Error& error) {
-            throw Error(error.code(), fmt::format("{} messages were moved, the next one failed and is held on {}: {}; "
+            throw Error(error.code(), fmt::format("{} moved, the next one failed and is held on {}: {}; "
                                                   "then 'kvr release {}'",
-                                                  moved, options.from, error.what(), options.from));
+                                                  message_count(moved), options.from, error.what(), options.from));
         }
     }
     drainer.getter().commit();
@@ -75,7 +75,7 @@ void move(const GlobalOptions& global, MoveOptions& options) {
         print_json({{"from", options.from}, {"to", options.to}, {"moved", moved}});
         return;
     }
-    print(fmt::format("moved {} messages from {} to {}\n", moved, options.from, options.to));
+    print(fmt::format("moved {} from {} to {}\n", message_count(moved), options.from, options.to));
 }
 
 } // namespace

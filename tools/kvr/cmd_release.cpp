@@ -22,7 +22,7 @@ void release(const GlobalOptions& global, const std::string& given_name) {
         return;
     }
     print(released == 0 ? fmt::format("queue {} holds no messages back\n", queue)
-                        : fmt::format("released {} messages on {}\n", released, queue));
+                        : fmt::format("released {} on {}\n", message_count(released), queue));
 }
 
 } // namespace

@@ -100,7 +100,7 @@ std::string dead_letter_text(const Picture& picture) {
         return fmt::format("dead-letter queue {}: does not exist; messages that fail have no home\n",
                            printable(picture.dead_queue));
     }
-    return fmt::format("dead-letter queue {}: {} messages\n", picture.dead_queue, picture.dead_info->depth);
+    return fmt::format("dead-letter queue {}: {}\n", picture.dead_queue, message_count(picture.dead_info->depth));
 }
 
 std::string picture_text(const Picture& picture) {

@@ -147,7 +147,7 @@ std::string LoadCheck::text(bool complete) const {
         out += "\n";
     }
     if (foreign_ > 0) {
-        out += fmt::format("{} messages are not load messages\n", foreign_);
+        out += fmt::format("{} without a proof\n", message_count(foreign_));
     }
     return out.empty() ? "no messages\n" : out;
 }

@@ -169,6 +169,10 @@ std::string hex_dump(std::string_view bytes) {
     return out;
 }
 
+std::string message_count(std::uint64_t number) {
+    return fmt::format("{} message{}", number, number == 1 ? "" : "s");
+}
+
 std::string human_size(std::uint64_t bytes) {
     constexpr std::array<const char*, 5> kUnits = {"B", "KiB", "MiB", "GiB", "TiB"};
     constexpr double kStep = 1024;

@@ -40,6 +40,8 @@ std::string printable(std::string_view bytes);
 std::string base64(std::string_view bytes);
 /// Lines of offset, 16 bytes in hexadecimal and as characters.
 std::string hex_dump(std::string_view bytes);
+/// "1 message", "2 messages".
+std::string message_count(std::uint64_t number);
 /// "1.5 KiB" and the like.
 std::string human_size(std::uint64_t bytes);
 
