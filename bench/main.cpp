@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
+#include <sched.h>
 #include <string>
 
 #include <CLI/CLI.hpp>
@@ -58,12 +59,14 @@ void print_machine(const Setup& setup) {
     getloadavg(&load, 1);
     struct sysinfo memory {};
     sysinfo(&memory);
-    fmt::print(
-        "{}, {} cores, {} GiB memory, Linux {}, queues on {}, g++ {}, {:%Y-%m-%d}, {} rounds, load {:.1f} at the "
-        "start\n",
-        first_field("/proc/cpuinfo", "model name"), get_nprocs(),
-        (memory.totalram * memory.mem_unit + (1UL << 29)) >> 30, system.release, type, __VERSION__, fmt::localtime(now),
-        setup.rounds, load);
+    std::string congestion;
+    std::ifstream("/proc/sys/net/ipv4/tcp_congestion_control") >> congestion;
+    const char* priority = sched_getscheduler(0) == SCHED_OTHER ? "" : "real-time priority, ";
+    fmt::print("{}, {} cores, {} GiB memory, Linux {}, TCP {}, queues on {}, g++ {}, {:%Y-%m-%d}, {} rounds, {}load "
+               "{:.1f} at the start\n",
+               first_field("/proc/cpuinfo", "model name"), get_nprocs(),
+               (memory.totalram * memory.mem_unit + (1UL << 29)) >> 30, system.release, congestion, type, __VERSION__,
+               fmt::localtime(now), setup.rounds, priority, load);
     if (type == "tmpfs") {
         fmt::print("\nThe queues lie in memory: figures of the whole channel say nothing about durable queues. Give "
                    "--dir on a disk.\n");

@@ -16,7 +16,7 @@ struct Size {
     std::uint64_t messages;
 };
 
-constexpr std::array kSizes = {Size{0, 50000}, Size{256, 50000}, Size{1024, 50000}, Size{16384, 10000},
+constexpr std::array kSizes = {Size{0, 100000}, Size{256, 100000}, Size{1024, 100000}, Size{16384, 10000},
                                Size{1048576, 400}};
 constexpr std::uint64_t kQuickPart = 20;
 constexpr std::size_t kFileSize = 64UL << 20;
