@@ -12,7 +12,7 @@ kBuildPackages=(
     libgtest-dev libgmock-dev libbenchmark-dev openssl
 )
 kCheckPackages=(clang-format-14 clang-tidy-14)
-kSourceFolders=(include src host tools tests bench)
+kSourceFolders=(include src host tools tests bench fuzz)
 
 if [[ -t 1 ]]; then
     kGood=$'\e[32m✓\e[0m' kBad=$'\e[31m✗\e[0m' kBold=$'\e[1m' kDim=$'\e[2m' kPlain=$'\e[0m'
