@@ -27,6 +27,26 @@ std::string contents(const fs::path& file) {
     return text.str();
 }
 
+std::size_t occurrences(const std::string& all, const std::string& text) {
+    std::size_t count = 0;
+    for (std::size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + text.size())) {
+        ++count;
+    }
+    return count;
+}
+
+std::vector<pid_t> processes(const std::function<bool(const fs::path&)>& wanted) {
+    std::vector<pid_t> found;
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename();
+        pid_t pid = 0;
+        if (std::from_chars(name.data(), name.data() + name.size(), pid).ec == std::errc{} && wanted(entry.path())) {
+            found.push_back(pid);
+        }
+    }
+    return found;
+}
+
 void make_qmgr(const fs::path& home, const std::string& name) {
     Store::create(home / name, name, Settings{});
     const auto store = Store::open(home / name);
@@ -131,7 +151,12 @@ void Field::put_one_of_each() {
 }
 
 Child Field::start(const std::vector<std::string>& arguments, const Environment& environment) {
-    std::vector<std::string> copy{KVR_PROGRAM};
+    return start_program(KVR_PROGRAM, arguments, environment);
+}
+
+Child Field::start_program(const std::string& program, const std::vector<std::string>& arguments,
+                           const Environment& environment) {
+    std::vector<std::string> copy{program};
     copy.insert(copy.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
     for (std::string& argument : copy) {
@@ -208,12 +233,11 @@ std::string Field::log() const {
 }
 
 std::size_t Field::logged(const std::string& text) const {
-    const std::string all = log();
-    std::size_t count = 0;
-    for (std::size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + text.size())) {
-        ++count;
-    }
-    return count;
+    return occurrences(log(), text);
+}
+
+std::size_t Field::journalled(const std::string& event) const {
+    return occurrences(contents(home_ / "journal"), "\"event\":\"" + event + '"');
 }
 
 std::uint64_t Field::depth(const std::string& queue) {
@@ -291,28 +315,28 @@ void await(const std::string& what, const std::function<bool()>& condition) {
     }
 }
 
+std::size_t rounds(std::size_t quick) {
+    const char* wanted = std::getenv("KVR_BATTERY_ROUNDS");
+    return wanted == nullptr ? quick : std::stoul(wanted);
+}
+
+std::vector<pid_t> processes_with(const std::string& text) {
+    return processes([&](const fs::path& folder) { return contents(folder / "cmdline").find(text) != text.npos; });
+}
+
 std::vector<pid_t> children_of(pid_t pid) {
-    std::vector<pid_t> found;
-    for (const auto& entry : fs::directory_iterator("/proc")) {
-        const std::string name = entry.path().filename();
-        pid_t candidate = 0;
-        if (std::from_chars(name.data(), name.data() + name.size(), candidate).ec != std::errc{}) {
-            continue;
-        }
-        const std::string stat = contents(entry.path() / "stat");
+    return processes([&](const fs::path& folder) {
+        const std::string stat = contents(folder / "stat");
         const std::size_t end = stat.rfind(')');
         if (end == std::string::npos) {
-            continue;
+            return false;
         }
         std::istringstream rest(stat.substr(end + 1));
         char state = 0;
         pid_t parent = 0;
         rest >> state >> parent;
-        if (parent == pid) {
-            found.push_back(candidate);
-        }
-    }
-    return found;
+        return parent == pid;
+    });
 }
 
 std::size_t descriptors_of(pid_t pid) {

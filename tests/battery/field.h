@@ -63,11 +63,16 @@ class Field {
     [[nodiscard]] Child run_channel(const Environment& environment = {}, const std::vector<std::string>& options = {});
     /// Any other run of the program, its output in a file of the home.
     [[nodiscard]] Child start(const std::vector<std::string>& arguments, const Environment& environment = {});
+    /// As start, of another program.
+    [[nodiscard]] Child start_program(const std::string& program, const std::vector<std::string>& arguments,
+                                      const Environment& environment = {});
 
     [[nodiscard]] std::string status(const std::string& attribute = "STATUS");
     [[nodiscard]] std::string log() const;
     /// How often a text stands in the worker's log.
     [[nodiscard]] std::size_t logged(const std::string& text) const;
+    /// How often an event ("connect", "end") stands in the listener's journal.
+    [[nodiscard]] std::size_t journalled(const std::string& event) const;
     [[nodiscard]] std::uint64_t depth(const std::string& queue = kXmitQueue);
     [[nodiscard]] std::uint64_t arrived();
 
@@ -99,6 +104,11 @@ std::uint64_t cut_window();
 /// Asks until it holds; fails the test with `what` when the deadline passes.
 void await(const std::string& what, const std::function<bool()>& condition);
 
+/// How often a case repeats its attack: `quick`, or what KVR_BATTERY_ROUNDS says.
+std::size_t rounds(std::size_t quick);
+
+/// Processes whose command line holds this text (zombies have none).
+std::vector<pid_t> processes_with(const std::string& text);
 /// Processes whose parent is `pid` (zombies included).
 std::vector<pid_t> children_of(pid_t pid);
 /// Open descriptors of a process.

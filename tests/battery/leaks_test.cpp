@@ -1,0 +1,124 @@
+// SPDX-License-Identifier: MIT
+// Connections and failed handshakes in numbers: descriptors, children and memory of the worker stay as they were.
+#include <algorithm>
+
+#include "field.h"
+
+namespace kvr::test {
+namespace {
+
+constexpr std::uint64_t kMemoryKib = 256;
+constexpr std::size_t kWarmUp = 20;
+constexpr std::size_t kLooks = 25;
+
+/// Figures of a process, each the least of several looks: it may be in the middle of a connection at any one.
+struct Footprint {
+    std::size_t descriptors = SIZE_MAX;
+    std::size_t children = SIZE_MAX;   ///< zombies included
+    std::uint64_t memory = UINT64_MAX; ///< KiB of its own; mapped pages of the store come and go with the page cache
+
+    static Footprint of(pid_t pid) {
+        Footprint print;
+        for (std::size_t i = 0; i < kLooks; ++i) {
+            print.descriptors = std::min(print.descriptors, descriptors_of(pid));
+            print.children = std::min(print.children, children_of(pid).size());
+            print.memory = std::min(print.memory, memory_of(pid, "RssAnon"));
+        }
+        return print;
+    }
+};
+
+void expect_no_growth(const Footprint& before, const Footprint& after) {
+    EXPECT_EQ(after.descriptors, before.descriptors);
+    EXPECT_EQ(after.children, before.children);
+#ifndef __SANITIZE_ADDRESS__ // whose runtime keeps freed memory
+    EXPECT_LE(after.memory, before.memory + kMemoryKib);
+#endif
+    ::testing::Test::RecordProperty("KiB before", std::to_string(before.memory));
+    ::testing::Test::RecordProperty("KiB after", std::to_string(after.memory));
+    ::testing::Test::RecordProperty("descriptors", std::to_string(after.descriptors));
+}
+
+class Leaks : public ::testing::TestWithParam<Carrier> {
+  protected:
+    Leaks() : field_(GetParam()) {}
+
+    [[nodiscard]] std::size_t connections() const { return field_.journalled("connect"); }
+
+    /// So many lines, each closed by the listener after some messages while more wait: the worker finds out between two
+    /// messages or in one. A line lost in the get costs a pause, so that the queue is kept filled.
+    void reconnect(std::size_t count) {
+        const std::size_t wanted = connections() + count;
+        Child listener = field_.listen({"--close-after", "3000"});
+        while (connections() < wanted && !HasFailure()) {
+            field_.put(MessageKind::kData, 200, 400, 800);
+            await("a short queue", [&] { return field_.depth() < 100 || connections() >= wanted; });
+        }
+    }
+
+    /// With the line up, the queue drained and all messages of the last put arrived.
+    Footprint at_rest(const Child& worker) {
+        constexpr std::uint64_t kMessages = 50;
+        Child listener = field_.listen();
+        field_.await_drained();
+        const std::uint64_t before = field_.arrived();
+        field_.put(MessageKind::kData, kMessages, 400, 800);
+        field_.await_arrived(before + 1);
+        field_.await_drained();
+        field_.await_status("RUNING");
+        return Footprint::of(worker.pid());
+    }
+
+    Field field_;
+};
+
+INSTANTIATE_TEST_SUITE_P(Carriers, Leaks, ::testing::Values(Carrier::kPlain, Carrier::kTls12, Carrier::kTls13),
+                         [](const auto& tested) { return std::string(carrier_name(tested.param)); });
+
+TEST_P(Leaks, ReconnectsLeaveNothingBehind) {
+    const std::size_t count = rounds(30);
+    {
+        Child listener = field_.listen();
+        field_.set_channel({{"SHORTRTY", "100000"}});
+    }
+    Child worker = field_.run_channel({}, {"--log-level", "1"});
+    reconnect(kWarmUp);
+    const Footprint before = at_rest(worker);
+    reconnect(count);
+    const Footprint after = at_rest(worker);
+    expect_no_growth(before, after);
+    EXPECT_EQ(after.children, 1U);
+    RecordProperty("reconnects", std::to_string(count));
+    EXPECT_EQ(worker.result_under(SIGTERM), 0);
+    const Verdict verdict = field_.judge(connections());
+    EXPECT_EQ(verdict.dead + verdict.held + verdict.waiting, 0U);
+    EXPECT_EQ(verdict.repeated, 0U);
+}
+
+TEST_P(Leaks, FailedHandshakesLeaveNothingBehind) {
+    if (GetParam() == Carrier::kPlain) {
+        GTEST_SKIP() << "no handshake";
+    }
+    const int count = static_cast<int>(rounds(30));
+    field_.set_channel({{"SHORTRTY", "10000000"}, {"SHORTTMR", "0"}});
+    field_.put_one_of_each();
+    Peer peer({.carrier = GetParam(), .identity = tls_material().foreign_server}, [](PeerConnection&) {});
+    field_.set_channel({{"CONNAME", "127.0.0.1(" + std::to_string(peer.port()) + ")"}});
+    Child worker = field_.run_channel({}, {"--log-level", "1"});
+    const auto after_failures = [&](int failures) {
+        const int wanted = peer.accepted() + failures;
+        await("failed handshakes", [&] { return peer.accepted() >= wanted; });
+        return Footprint::of(worker.pid());
+    };
+    const Footprint before = after_failures(kWarmUp);
+    const Footprint after = after_failures(count);
+    expect_no_growth(before, after);
+    EXPECT_EQ(after.children, 0U);
+    RecordProperty("failed handshakes", std::to_string(count));
+    EXPECT_EQ(worker.result_under(SIGTERM), 0);
+    const Verdict verdict = field_.judge();
+    EXPECT_EQ(verdict.waiting, field_.ledger().size());
+}
+
+} // namespace
+} // namespace kvr::test
