@@ -11,8 +11,8 @@ static void SetLineOpt(int iOpt, int iOn) {
 }
 
 /// Lets the client take in what TLS itself sent (session tickets): 0, or -1 when the receiver said something or left.
-/// Left unread when the process ends, it would make the kernel reset the connection and throw away what the receiver has
-/// not read yet.
+/// Left unread when the process ends, it would make the kernel reset the connection and throw away what the receiver
+/// has not read yet.
 static int TakeTlsRecords(void) {
     if (f_iUseSSL && f_iNetStat && f_tTcpClient.iSocketNo > 0) {
         return f_tTcpClient.pfnWrite(&f_tTcpClient, TXT(""), 0, 0);

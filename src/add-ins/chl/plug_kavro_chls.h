@@ -61,7 +61,7 @@ constexpr int LOG_INF = 4;
 constexpr int LOG_DBG = 5;
 
 /// Host operations and log functions take `char*` and write to none of these texts.
-#define TXT(text) const_cast<char*>(text)
+#define TXT(text) const_cast<char*>(text) // NOLINT(bugprone-macro-parentheses): the parentheses of a cast
 /// One log line: level, format, arguments.
 #define CHLS_LOG(level, ...) CHLS_LOG_TO(f_ptRTCoreCtx->pfnLogPrint, level, __VA_ARGS__)
 #define CHLS_LOG_TO(function, level, ...)                                                                              \
