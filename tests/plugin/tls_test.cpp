@@ -133,5 +133,20 @@ TEST_F(Tls, ReceiverOfAnotherAuthorityIsRefused) {
     EXPECT_THAT(r.conns, testing::Each(std::string())) << "nothing is said to a receiver that is not trusted";
 }
 
+// The connection is made with signals held, as in a handler: that must not hide why it failed.
+TEST_F(Tls, ReasonOfAFailureIsShown) {
+    qmgr()["KEYPASS"] = "wrong";
+    Result r = run_channel();
+    EXPECT_EQ(r.count("1 tcpclient init error[-1:"), 1) << r.dump();
+    EXPECT_EQ(r.count("no reason given"), 0) << r.dump();
+
+    qmgr()["KEYPASS"] = kKeyPass;
+    SSL_CTX_set_min_proto_version(server_ctx_, TLS1_3_VERSION);
+    SSL_CTX_set_ciphersuites(server_ctx_, ""); // nothing in common
+    r = run_channel();
+    EXPECT_EQ(r.count("1 connect [" + address() + "]  error[-1:SSL_connect[" + address() + "] error["), 1) << r.dump();
+    EXPECT_EQ(r.count("handshake failure"), 2) << r.dump();
+}
+
 } // namespace
 } // namespace kvr::test

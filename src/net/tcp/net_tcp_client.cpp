@@ -165,7 +165,7 @@ const char* PeerReason(SSL* ssl, int iCheck) {
 
 /// Handshake and check of the peer on the connected socket. 0 or -1 with the error set; no data goes out before.
 int StartTls(T_NET_TCPCLIENT* ptClient, int iSocketNo, int iOptions) {
-    ClearReason();
+    ERR_clear_error();
     SSL* ssl = SSL_new(Look(ptClient->ctx));
     if (ssl == nullptr) {
         NET_TCP_FAIL(ptClient, -1, CONNECT_FUNC, "SSL_new error[%s]", TlsReason(0));
@@ -222,7 +222,7 @@ int netTcpClientInit(void* pThis, int iOptions) {
     }
 
     ptClient->iIsSSL = 1;
-    ClearReason();
+    ERR_clear_error();
     errno = 0;
     SSL_CTX* ctx = netTcpSSLInitCtx(ptClient->sCaFile, ptClient->sCertFile, ptClient->sKeyFile, ptClient->sKeyPass,
                                     iOptions | NET_TCP_SSL_CLIENT);
@@ -276,7 +276,10 @@ int WriteTls(T_NET_TCPCLIENT* ptClient, SSL* ssl, int iSocketNo, void* pBuf, int
     static constexpr char FUNC[] = "netTcpClientWrite";
     const char* psReason = TLS_CLOSED;
     int iRet = -1;
-    ClearReason();
+    // A reason left over would pass for this write's. A handler may not empty the queue; it then shows what errno says.
+    if (ERR_peek_error() != 0 && !InHandler()) {
+        ERR_clear_error();
+    }
     if ((SSL_get_shutdown(ssl) & SSL_RECEIVED_SHUTDOWN) == 0 &&
         (!HasPending(ssl, iSocketNo) || InHandler() || Drain(ssl, iSocketNo, true, &psReason) == eDrainDone)) {
         errno = 0;
@@ -285,7 +288,8 @@ int WriteTls(T_NET_TCPCLIENT* ptClient, SSL* ssl, int iSocketNo, void* pBuf, int
             NET_TCP_LOG(ptClient, 5, FUNC, "netTcpSSLWriteN [%d] success.", iWriteLen);
             return iRet;
         }
-        psReason = TlsReason(errno);
+        const int iErrno = errno;
+        psReason = InHandler() ? ErrnoReason(iErrno) : TlsReason(iErrno);
     }
     NET_TCP_FAIL(ptClient, -1, FUNC, "write[%d] ret[%d] error[%s]", iWriteLen, iRet, psReason);
     return -1;
@@ -324,7 +328,7 @@ int netTcpClientWrite(void* pThis, void* pBuf, int iWriteLen, int) {
 
 int ReadTls(T_NET_TCPCLIENT* ptClient, SSL* ssl, void* pBuf, int iLen, int* piReadLen) {
     static constexpr char FUNC[] = "netTcpClientRead";
-    ClearReason();
+    ERR_clear_error();
     errno = 0;
     const int iRet = netTcpSSLReadN(pBuf, iLen, piReadLen, ssl);
     const int iErrno = errno;
@@ -332,7 +336,7 @@ int ReadTls(T_NET_TCPCLIENT* ptClient, SSL* ssl, void* pBuf, int iLen, int* piRe
         NET_TCP_LOG(ptClient, 5, FUNC, "netTcpSSLReadN [%d] success.", *piReadLen);
         return iRet;
     }
-    const char* psReason = TlsReason(iErrno, iRet == 0 ? TLS_CLOSED : "no reason given");
+    const char* psReason = TlsReason(iErrno, iRet == 0 ? TLS_CLOSED : NO_REASON);
     NET_TCP_FAIL(ptClient, iErrno, FUNC, "read[%d:%d] ret[%d] error[%s]", iLen, *piReadLen, iRet, psReason);
     return iRet == 0 ? 0 : -1;
 }

@@ -39,7 +39,8 @@ std::atomic<int> f_iRetiredCnt; ///< slots in use: the common case is one look a
 sigset_t f_tMainMask;           ///< signals that the main flow holds, as netTcpClientCreate found them
 
 /// A handler runs with its own signal held, so more is held than when the client was created. The main flow with extra
-/// signals held counts as one too: what it closes is released a little later.
+/// signals held counts as one too: what it closes is released a little later, and a failed write shows errno's reason.
+/// Operations of the main flow alone do not ask.
 bool InHandler() {
     sigset_t tNow;
     pthread_sigmask(SIG_BLOCK, nullptr, &tNow);

@@ -23,6 +23,7 @@ constexpr int TLS_RCV_LOWAT = 16384;
 constexpr int DRAIN_RECORDS_MAX = 64;
 
 constexpr char TLS_CLOSED[] = "connection closed by peer";
+constexpr char NO_REASON[] = "no reason given";
 
 /// strerror is not to be called in a signal handler; this is.
 const char* ErrnoText(int iErrno) {
@@ -30,26 +31,8 @@ const char* ErrnoText(int iErrno) {
     return psText != nullptr ? psText : "unknown error";
 }
 
-/// Empties OpenSSL's error queue, so that a reason taken later belongs to the operation that follows. Emptying frees
-/// memory, which a handler may not do; it then works with what errno says.
-void ClearReason() {
-    if (ERR_peek_error() != 0 && !InHandler()) {
-        ERR_clear_error();
-    }
-}
-
-/// The reason of the failure that just happened, as static text; empties the queue. `iErrno` is errno as the failed
-/// operation left it, `psElse` serves when neither it nor OpenSSL knows a reason.
-const char* TlsReason(int iErrno, const char* psElse = "no reason given") {
-    const unsigned long ulErr = ERR_peek_error();
-    if (ulErr != 0 && !InHandler()) {
-        const char* psReason =
-            ERR_SYSTEM_ERROR(ulErr) ? ErrnoText(ERR_GET_REASON(ulErr)) : ERR_reason_error_string(ulErr);
-        ERR_clear_error();
-        if (psReason != nullptr) {
-            return psReason;
-        }
-    }
+/// Why an operation failed, as errno tells it. `psElse` serves when it does not. Callable from a handler.
+const char* ErrnoReason(int iErrno, const char* psElse = NO_REASON) {
     switch (iErrno) {
     case 0:
         return psElse;
@@ -60,6 +43,19 @@ const char* TlsReason(int iErrno, const char* psElse = "no reason given") {
     default:
         return ErrnoText(iErrno);
     }
+}
+
+/// The reason of the failure that just happened, as static text; empties OpenSSL's error queue. `iErrno` is errno as
+/// the failed operation left it and serves when OpenSSL knows no reason. Emptying the queue frees memory: outside a
+/// handler only.
+const char* TlsReason(int iErrno, const char* psElse = NO_REASON) {
+    const unsigned long ulErr = ERR_peek_error();
+    const char* psReason = nullptr;
+    if (ulErr != 0) {
+        psReason = ERR_SYSTEM_ERROR(ulErr) ? ErrnoText(ERR_GET_REASON(ulErr)) : ERR_reason_error_string(ulErr);
+        ERR_clear_error();
+    }
+    return psReason != nullptr ? psReason : ErrnoReason(iErrno, psElse);
 }
 
 void SetNonBlock(int iSocketNo, bool bOn) {
