@@ -50,15 +50,27 @@ void check_id(int id, const char* op) {
     }
 }
 
+/// Operators look for these: a line shows the operation at whose work it was written, not a helper's name.
+bool is_operation(const char* func) {
+    static const char* const names[] = {
+        "InitEventHandler", "InitObjStat",      "InitTcpClient",       "OnRunEventHandler", "ProcMsg",
+        "SndMsgToDeadQ",    "ChlSndData",       "SendFile2Rcvr",       "Connect2Lsr",       "BindChl",
+        "SndrNetInit",      "StartNetChkProc",  "CheckNetStat",        "OnNetDisconn",      "HeartBeat",
+        "ExitEventHandler", "netTcpClientInit", "netTcpClientConnect", "netTcpClientWrite"};
+    return std::any_of(std::begin(names), std::end(names),
+                       [func](const char* name) { return strcmp(name, func) == 0; });
+}
+
 int log_line(bool by_name, char* tag, int level, const char* mod, const char* file, int line, const char* func,
              const char* fmt, va_list ap) {
     const bool net = strcmp(mod, "$net_tcp") == 0;
     char text[2100];
     vsnprintf(text, sizeof text, fmt, ap);
-    if (tag != nullptr || line <= 0 || func == nullptr || *func == 0 || level < 1 || level > 5 ||
+    if (tag != nullptr || line <= 0 || func == nullptr || !is_operation(func) || level < 1 || level > 5 ||
         strcmp(net ? "net_tcp_client" : "plug_kavro_chls", file) != 0 ||
         (!net && strcmp(mod, "$plug_kavro_chls") != 0)) {
-        trace(kFault, "log line with wrong origin: %s %s:%d %s", mod, file, line, text);
+        trace(kFault, "log line with wrong origin: %s %s:%d %s %s", mod, file, line, func != nullptr ? func : "-",
+              text);
     }
     trace(net ? kNetLog : kLog, "%d %s%s", level, text, by_name ? " (KVR_LogPrint)" : "");
     errno = EXDEV; // a log function may do so

@@ -241,9 +241,11 @@ TEST_F(StartUp, SecondStartUpOfALiveChannelIsRefused) {
         load();
         event(1);
         event(1);
+        event(2); // the refused start has cleared the client
     });
-    EXPECT_TRUE(
-        in_order(r, {"event 1 = 0", "1 CH1 stat[BINDING] pid[" + std::to_string(r.pid) + "]", "event 1 = -10002"}));
+    EXPECT_TRUE(in_order(r, {"event 1 = 0", "1 CH1 stat[BINDING] pid[" + std::to_string(r.pid) + "]",
+                             "event 1 = -10002", "1 SndrNetInit error[-1]", "event 2 = -10002"}))
+        << r.dump();
 }
 
 TEST_F(StartUp, SettingsAreReadByTheRulesOfTheirTexts) {

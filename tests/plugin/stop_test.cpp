@@ -84,6 +84,16 @@ TEST_F(Stop, MarksStopsReapsAndCloses) {
     }
 }
 
+// A stop inside the get leaves the alarm armed; a heartbeat must not interrupt the last use of the connection.
+TEST_F(Stop, AnAlarmDuringTheStopSendsNoHeartbeat) {
+    host().hooks["KVR_QueClose"] = [](const Call&) -> std::optional<int> {
+        raise(SIGALRM);
+        return {};
+    };
+    host().get = {finally([] { event(4); })};
+    EXPECT_THAT(run_channel().conns, testing::ElementsAre(bind_frame()));
+}
+
 // A failed start has left no watcher: nothing is waited for, and the addresses of the status object stay.
 TEST_F(Stop, AfterAFailedNetworkStart) {
     listening_ = false;

@@ -13,7 +13,7 @@ static int BindChl(void) {
     memcpy(sBindMsg + sizeof(tKavroChlHdr), f_sAppName, static_cast<size_t>(iChlNameLen));
     int iSndLen = static_cast<int>(sizeof(tKavroChlHdr)) + iChlNameLen;
 
-    if (SetObjStat("BINDING") < 0) {
+    if (SetObjStat(__func__, "BINDING") < 0) {
         return CHLS_ERR_SETUP;
     }
     int iRet = f_tTcpClient.pfnWrite(&f_tTcpClient, sBindMsg, iSndLen, 0);

@@ -41,7 +41,7 @@ static int Connect2Lsr(void) {
                  f_tTcpClient.sErrorStr, iRet);
         return CHLS_FAIL;
     }
-    iRet = SetObjStat("RETRYING");
+    iRet = SetObjStat(__func__, "RETRYING");
     if (iRet < 0) {
         return CHLS_ERR_SETUP;
     }

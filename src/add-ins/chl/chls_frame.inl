@@ -51,7 +51,7 @@ static int FillAccBlock(const T_KAVRO_ACCESSORIES_MD* ptAccMd) {
         PutNum(tAccHdr.sLen, iFNLen);
         memcpy(f_sAccBuf + iAccLen, &tAccHdr, sizeof(tAccHdr));
         memcpy(f_sAccBuf + iAccLen + sizeof(tAccHdr), psName, static_cast<size_t>(iFNLen));
-        CHLS_LOG_TO(KVR_LogPrint, LOG_DBG, TXT("snd file%d[%s]"), i, sPath);
+        CHLS_LOG_TO(KVR_LogPrint, "ChlSndData", LOG_DBG, TXT("snd file%d[%s]"), i, sPath);
         iAccLen += static_cast<int>(sizeof(tAccHdr)) + iFNLen;
     }
     PutNum(f_sAccBuf + iAccLen, ptAccMd->iNum);

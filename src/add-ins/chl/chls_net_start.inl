@@ -16,7 +16,7 @@ static int SetObjRuning(void) {
     snprintf(sRPort, sizeof(sRPort), "%d", f_tTcpClient.iRemotePort);
     int iRet = KVR_ObjSetAttr(f_tQmgrCtx.hObjDB, TXT("CHS"), f_sAppName, 5, psAttrNames, psAttrVals);
     if (iRet < 0) {
-        CHLS_LOG(LOG_ERR, TXT("KVR_ObjSetAttr[%s][%s] return[%d]"), "CHS", f_sAppName, iRet);
+        CHLS_LOG_OF("SndrNetInit", LOG_ERR, TXT("KVR_ObjSetAttr[%s][%s] return[%d]"), "CHS", f_sAppName, iRet);
         return CHLS_ERR_SETUP;
     }
     return CHLS_OK;
@@ -26,20 +26,20 @@ static int SetObjRuning(void) {
 static int StartLine(void) {
     if (Connect2Lsr() < 0) {
         int iErrno = errno;
-        CHLS_LOG(LOG_ERR, TXT("Connect2Lsr error[%d:%s]"), iErrno, ErrText(iErrno));
+        CHLS_LOG_OF("SndrNetInit", LOG_ERR, TXT("Connect2Lsr error[%d:%s]"), iErrno, ErrText(iErrno));
         return CHLS_FAIL;
     }
     SetLineOpt(TCP_NODELAY, 1);
     if (BindChl() < 0) {
         int iErrno = errno;
-        CHLS_LOG(LOG_ERR, TXT("BindChl error[%d:%s]"), iErrno, ErrText(iErrno));
+        CHLS_LOG_OF("SndrNetInit", LOG_ERR, TXT("BindChl error[%d:%s]"), iErrno, ErrText(iErrno));
         f_tTcpClient.pfnClose(&f_tTcpClient, 0);
         return CHLS_FAIL;
     }
     f_iNetStat = 1;
     if (StartNetChkProc() < 0) {
         int iErrno = errno;
-        CHLS_LOG(LOG_ERR, TXT("fork error[%d:%s]"), iErrno, ErrText(iErrno));
+        CHLS_LOG_OF("SndrNetInit", LOG_ERR, TXT("fork error[%d:%s]"), iErrno, ErrText(iErrno));
         return CHLS_FAIL;
     }
     return SetObjRuning();
@@ -48,6 +48,10 @@ static int StartLine(void) {
 /// Makes sure of a bound connection with a watcher: at once when the line is up, otherwise through a new connection.
 /// 0; -1 when connection, bind or watcher failed; -10002 when the line is up but could not be recorded.
 static int SndrNetInit(void) {
+    if (f_tTcpClient.pfnInit == nullptr) {
+        CHLS_LOG(LOG_ERR, TXT("network start without a started channel"));
+        return CHLS_FAIL;
+    }
     if (f_iNetStat) {
         // A second start in one process has cleared the client under a line that was up: nothing to test or to close.
         int iSocketNo = f_tTcpClient.iSocketNo;
@@ -63,7 +67,7 @@ static int SndrNetInit(void) {
         f_tTcpClient.pfnClose(&f_tTcpClient, 0);
         CHLS_LOG(LOG_EVENT, TXT("RCVER CLOSED"));
     }
-    StopNetChkProc();
+    StopNetChkProc(__func__);
 
     // Until the new watcher runs, a line signal from anybody would close the new client under way, and a stray alarm
     // would break the connect off: both are held and delivered afterwards.

@@ -16,12 +16,12 @@ static void Resume(void) {
         }
         f_iNetStat = 0;
         f_tTcpClient.pfnClose(&f_tTcpClient, 0);
-        CHLS_LOG(LOG_EVENT, TXT("RCVER CLOSED"));
+        CHLS_LOG_OF("OnRunEventHandler", LOG_EVENT, TXT("RCVER CLOSED"));
     }
     sleep(CHLS_RESTART_PAUSE);
     int iRet = SndrNetInit();
     if (iRet < 0) {
-        CHLS_LOG(LOG_ERR, TXT("SndrNetInit error[%d]"), iRet);
+        CHLS_LOG_OF("OnRunEventHandler", LOG_ERR, TXT("SndrNetInit error[%d]"), iRet);
         EndRun();
     }
 }

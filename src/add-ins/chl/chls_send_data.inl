@@ -17,8 +17,8 @@ struct T_CHLS_MSG {
 static int CheckFileLen(const char* psFileName) {
     struct stat tStat;
     if (stat(psFileName, &tStat) == 0 && S_ISREG(tStat.st_mode) && tStat.st_size > KVR_CHL_NUM_MAX) {
-        CHLS_LOG(LOG_ERR, TXT("file [%s] of [%ld] bytes is longer than a file frame can carry"), psFileName,
-                 static_cast<long>(tStat.st_size));
+        CHLS_LOG_OF("ChlSndData", LOG_ERR, TXT("file [%s] of [%ld] bytes is longer than a file frame can carry"),
+                    psFileName, static_cast<long>(tStat.st_size));
         return CHLS_ERR_FILE;
     }
     return CHLS_OK;
@@ -28,8 +28,8 @@ static int CheckFileLen(const char* psFileName) {
 static int TakeFileName(T_CHLS_MSG* ptMsg, const char* psMsgBuf, int iDataLen) {
     size_t iPathLen = strnlen(psMsgBuf, static_cast<size_t>(iDataLen));
     if (iPathLen >= sizeof(ptMsg->sFileName)) {
-        CHLS_LOG(LOG_ERR, TXT("file message with a path of [%zu] bytes, at most [%d] can be sent"), iPathLen,
-                 CHLS_PATH_SIZE - 1);
+        CHLS_LOG_OF("ChlSndData", LOG_ERR, TXT("file message with a path of [%zu] bytes, at most [%d] can be sent"),
+                    iPathLen, CHLS_PATH_SIZE - 1);
         return CHLS_FAIL;
     }
     memcpy(ptMsg->sFileName, psMsgBuf, iPathLen);
@@ -47,11 +47,11 @@ static int TakeFileName(T_CHLS_MSG* ptMsg, const char* psMsgBuf, int iDataLen) {
 static int TakeAccessories(T_CHLS_MSG* ptMsg, const T_KAVRO_MD* ptMD) {
     ptMsg->ptAccMd = static_cast<const T_KAVRO_ACCESSORIES_MD*>(ptMD->pOptData);
     if (ptMsg->ptAccMd == nullptr || ptMsg->ptAccMd->iNum < 0 || ptMsg->ptAccMd->iNum > KVR_ACC_MAX) {
-        CHLS_LOG(LOG_ERR, TXT("message with [%d] attached files, 0 to [%d] can be sent"),
-                 ptMsg->ptAccMd == nullptr ? -1 : ptMsg->ptAccMd->iNum, KVR_ACC_MAX);
+        CHLS_LOG_OF("ChlSndData", LOG_ERR, TXT("message with [%d] attached files, 0 to [%d] can be sent"),
+                    ptMsg->ptAccMd == nullptr ? -1 : ptMsg->ptAccMd->iNum, KVR_ACC_MAX);
         return CHLS_FAIL;
     }
-    CHLS_LOG(LOG_DBG, TXT("ACCSNUM[%d]"), ptMsg->ptAccMd->iNum);
+    CHLS_LOG_OF("ChlSndData", LOG_DBG, TXT("ACCSNUM[%d]"), ptMsg->ptAccMd->iNum);
     for (int i = 0; i < ptMsg->ptAccMd->iNum; i++) {
         int iRet = CheckFileLen(ptMsg->ptAccMd->sFiles[i]);
         if (iRet < 0) {
@@ -66,8 +66,8 @@ static int TakeAccessories(T_CHLS_MSG* ptMsg, const T_KAVRO_MD* ptMD) {
 static int WritePiece(void* pData, int iLen) {
     int iRet = f_tTcpClient.pfnWrite(&f_tTcpClient, pData, iLen, 0);
     if (iRet != iLen) {
-        CHLS_LOG(LOG_ERR, TXT("write [%d] to receiver error[%d:%s] return[%d]"), iLen, f_tTcpClient.iErrorCode,
-                 f_tTcpClient.sErrorStr, iRet);
+        CHLS_LOG_OF("ChlSndData", LOG_ERR, TXT("write [%d] to receiver error[%d:%s] return[%d]"), iLen,
+                    f_tTcpClient.iErrorCode, f_tTcpClient.sErrorStr, iRet);
         return CHLS_ERR_WRITE;
     }
     return CHLS_OK;
@@ -82,7 +82,7 @@ static void AddSent(int* piLen, int iMore) {
 static int SendFile(char* psFileName, int* piLen) {
     int iRet = SendFile2Rcvr(psFileName);
     if (iRet < 0) {
-        CHLS_LOG(LOG_ERR, TXT("SendFile2Rcvr[%s] error[%d]"), psFileName, iRet);
+        CHLS_LOG_OF("ChlSndData", LOG_ERR, TXT("SendFile2Rcvr[%s] error[%d]"), psFileName, iRet);
         return CHLS_ERR_WRITE;
     }
     AddSent(piLen, iRet);
@@ -92,16 +92,16 @@ static int SendFile(char* psFileName, int* piLen) {
 /// Sends the file frames behind a data frame.
 static int SendFiles(T_CHLS_MSG* ptMsg, int* piLen) {
     if (ptMsg->iAccLen > 0) {
-        CHLS_LOG(LOG_INF, TXT("----------------------start process accessories---------------------"));
-        CHLS_LOG(LOG_DBG, TXT("ACCSNUM[%d]"), ptMsg->ptAccMd->iNum);
+        CHLS_LOG_OF("ChlSndData", LOG_INF, TXT("----------------------start process accessories---------------------"));
+        CHLS_LOG_OF("ChlSndData", LOG_DBG, TXT("ACCSNUM[%d]"), ptMsg->ptAccMd->iNum);
         for (int i = 0; i < ptMsg->ptAccMd->iNum; i++) {
             char sPath[KVR_ACC_PATH_SIZE];
             CopyText(sPath, sizeof(sPath), ptMsg->ptAccMd->sFiles[i]);
-            CHLS_LOG(LOG_DBG, TXT("-------------------start send file[%s]------------------"), sPath);
+            CHLS_LOG_OF("ChlSndData", LOG_DBG, TXT("-------------------start send file[%s]------------------"), sPath);
             if (SendFile(sPath, piLen) < 0) {
                 return CHLS_ERR_WRITE;
             }
-            CHLS_LOG(LOG_EVENT, TXT("send file[%s]"), sPath);
+            CHLS_LOG_OF("ChlSndData", LOG_EVENT, TXT("send file[%s]"), sPath);
         }
     }
     return ptMsg->iIsFile ? SendFile(ptMsg->sFileName, piLen) : CHLS_OK;

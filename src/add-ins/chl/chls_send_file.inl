@@ -34,20 +34,23 @@ static long SizeFile(FILE* fp, const char* psFileName) {
     int iRet = fseek(fp, 0, SEEK_END);
     if (iRet < 0) {
         int iErrno = errno;
-        CHLS_LOG(LOG_ERR, TXT("fseek [%s] ret[%d] error[%d:%s]"), psFileName, iRet, iErrno, ErrText(iErrno));
+        CHLS_LOG_OF("SendFile2Rcvr", LOG_ERR, TXT("fseek [%s] ret[%d] error[%d:%s]"), psFileName, iRet, iErrno,
+                    ErrText(iErrno));
         return -1;
     }
     errno = 0;
     long lFileLen = ftell(fp);
     if (lFileLen <= 0 || lFileLen > KVR_CHL_NUM_MAX) {
         int iErrno = lFileLen > KVR_CHL_NUM_MAX ? EFBIG : errno;
-        CHLS_LOG(LOG_ERR, TXT("tell [%s] ret[%ld] error[%d:%s]"), psFileName, lFileLen, iErrno, ErrText(iErrno));
+        CHLS_LOG_OF("SendFile2Rcvr", LOG_ERR, TXT("tell [%s] ret[%ld] error[%d:%s]"), psFileName, lFileLen, iErrno,
+                    ErrText(iErrno));
         return -1;
     }
     iRet = fseek(fp, 0, SEEK_SET);
     if (iRet < 0) {
         int iErrno = errno;
-        CHLS_LOG(LOG_ERR, TXT("fseek [%s] ret[%d] error[%d:%s]"), psFileName, iRet, iErrno, ErrText(iErrno));
+        CHLS_LOG_OF("SendFile2Rcvr", LOG_ERR, TXT("fseek [%s] ret[%d] error[%d:%s]"), psFileName, iRet, iErrno,
+                    ErrText(iErrno));
         return -1;
     }
     return lFileLen;
@@ -57,8 +60,8 @@ static long SizeFile(FILE* fp, const char* psFileName) {
 static int WriteFilePiece(char* psData, int iLen) {
     int iRet = f_tTcpClient.pfnWrite(&f_tTcpClient, psData, iLen, 0);
     if (iRet != iLen) {
-        CHLS_LOG(LOG_ERR, TXT("write data[%d] to receiver error[%d:%s] return[%d]"), iLen, f_tTcpClient.iErrorCode,
-                 f_tTcpClient.sErrorStr, iRet);
+        CHLS_LOG_OF("SendFile2Rcvr", LOG_ERR, TXT("write data[%d] to receiver error[%d:%s] return[%d]"), iLen,
+                    f_tTcpClient.iErrorCode, f_tTcpClient.sErrorStr, iRet);
         f_tTcpClient.pfnClose(&f_tTcpClient, 0);
         return CHLS_ERR_WRITE;
     }
@@ -76,17 +79,19 @@ static int SendFileData(FILE* fp, const char* psFileName, long lFileLen) {
             fread(sFileData, 1, lRest < CHLS_FILE_CHUNK ? static_cast<size_t>(lRest) : sizeof(sFileData), fp));
         if (ferror(fp)) {
             int iErrno = errno;
-            CHLS_LOG(LOG_ERR, TXT("tell [%s] ret[%ld] error[%d:%s]"), psFileName, lFileLen, iErrno, ErrText(iErrno));
+            CHLS_LOG_OF("SendFile2Rcvr", LOG_ERR, TXT("tell [%s] ret[%ld] error[%d:%s]"), psFileName, lFileLen, iErrno,
+                        ErrText(iErrno));
             return CHLS_ERR_WRITE;
         }
         if (iLen == 0) {
-            CHLS_LOG(LOG_ERR, TXT("file [%s] changed: [%ld] bytes announced, [%d] found"), psFileName, lFileLen,
-                     iSndFileData);
+            CHLS_LOG_OF("SendFile2Rcvr", LOG_ERR, TXT("file [%s] changed: [%ld] bytes announced, [%d] found"),
+                        psFileName, lFileLen, iSndFileData);
             return CHLS_ERR_WRITE;
         }
-        if (f_iUseSSL && f_tTcpClient.iSocketNo > 0) {
-            // A TLS write calls no host operation, and a host can end the process only inside one.
-            sockCanRead(f_tTcpClient.iSocketNo);
+        // A TLS write calls no host operation, and a host can end the process only inside one.
+        int iSocketNo = f_tTcpClient.iSocketNo;
+        if (f_iUseSSL && iSocketNo > 0) {
+            sockCanRead(iSocketNo);
         }
         if (WriteFilePiece(sFileData, iLen) < 0) {
             return CHLS_ERR_WRITE;

@@ -9,8 +9,9 @@ static int TakeAppName(void) {
         psValue = ptArgv->tArg[ptArgv->iOptc + CHLS_APP_NAME_ENTRY].psValue;
     }
     if (psValue == nullptr || strnlen(psValue, sizeof(f_sAppName)) == sizeof(f_sAppName)) {
-        CHLS_LOG(LOG_ERR, TXT("channel name missing in the process arguments, or longer than [%d] characters"),
-                 CHLS_NAME_SIZE - 1);
+        CHLS_LOG_OF("InitEventHandler", LOG_ERR,
+                    TXT("channel name missing in the process arguments, or longer than [%d] characters"),
+                    CHLS_NAME_SIZE - 1);
         return CHLS_FAIL;
     }
     CopyText(f_sAppName, sizeof(f_sAppName), psValue);
@@ -22,7 +23,7 @@ static int TakeAppName(void) {
 static int InstallHandler(int iSig, const char* psSig, void (*pfnHandler)(int)) {
     if (sigset(iSig, pfnHandler) == SIG_ERR) {
         int iErrno = errno;
-        CHLS_LOG(LOG_ERR, TXT("sigset %s error:[%d][%s]"), psSig, iErrno, ErrText(iErrno));
+        CHLS_LOG_OF("InitEventHandler", LOG_ERR, TXT("sigset %s error:[%d][%s]"), psSig, iErrno, ErrText(iErrno));
         return CHLS_FAIL;
     }
     return CHLS_OK;

@@ -22,7 +22,7 @@ static int f_iMonPid = 0;                          ///< line watcher; not above 
 static int f_iChlLineFD = 0;                       ///< own end of the pipe shared with the watcher; 0: none
 static volatile sig_atomic_t f_iNetStat = 0;       ///< 1: line up and bound; handlers only lower it
 static volatile sig_atomic_t f_iHBBreak = 0;       ///< 1: a handler interrupted the get; handlers only raise it
-static volatile sig_atomic_t f_iInGet = 0;         ///< 1: the main flow waits in the get; handlers only read it
+static volatile sig_atomic_t f_iInGet = 0;         ///< 1: the main flow is in the get; handlers only read it
 static char f_sAccBuf[CHLS_ACC_BUF_SIZE];          ///< attachment block of the message being sent
 
 /// What every frame header starts from.

@@ -42,11 +42,11 @@ static int InitObjStat(char* psChlName) {
     return CHLS_OK;
 }
 
-/// Writes the status word alone.
-static int SetObjStat(const char* psStat) {
+/// Writes the status word alone; a failure is logged as that of `psFunc`.
+static int SetObjStat(const char* psFunc, const char* psStat) {
     int iRet = KVR_ObjSetAttrV(f_tQmgrCtx.hObjDB, TXT("CHS"), f_sAppName, 1, TXT("STATUS"), TXT(psStat));
     if (iRet < 0) {
-        CHLS_LOG(LOG_ERR, TXT("KVR_ObjSetAttrV[%s][%s] return[%d]"), "CHS", f_sAppName, iRet);
+        CHLS_LOG_OF(psFunc, LOG_ERR, TXT("KVR_ObjSetAttrV[%s][%s] return[%d]"), "CHS", f_sAppName, iRet);
     }
     return iRet;
 }

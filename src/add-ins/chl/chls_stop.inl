@@ -7,7 +7,7 @@ static void CloseQueue(char* psName, T_KVR_QUE_OBJ_HANDLE* phObj) {
     }
     int iRet = KVR_QueClose(f_tQmgrCtx.hQueDB, psName, *phObj, 0);
     if (iRet < 0) {
-        CHLS_LOG(LOG_ERR, TXT("KVR_QueClose[%s] return[%d]"), psName, iRet);
+        CHLS_LOG_OF("ExitEventHandler", LOG_ERR, TXT("KVR_QueClose[%s] return[%d]"), psName, iRet);
     }
     // A second exit event, or a second life of the process, must not use a closed handle.
     *phObj = nullptr;
@@ -20,11 +20,13 @@ static int ExitEventHandler(int /*iPlugId*/, int /*iEventId*/, void* /*pInData*/
     if (!f_iIsInit) {
         return CHLS_OK;
     }
+    // A host may raise this inside the get; no heartbeat may interrupt what follows.
+    f_iInGet = 0;
     int iRet = KVR_ObjSetAttrV(f_tQmgrCtx.hObjDB, TXT("CHS"), f_sAppName, 2, TXT("PID"), TXT("STATUS"), sPID, sSTAT);
     if (iRet < 0) {
         CHLS_LOG(LOG_ERR, TXT("KVR_ObjSetAttrV[%s][%s] return[%d]"), "CHS", f_sAppName, iRet);
     }
-    StopNetChkProc();
+    StopNetChkProc(__func__);
     TakeTlsRecords();
     CloseQueue(f_sXmitQ, &f_hObjHdl);
     CloseQueue(f_sDeadQ, &f_hDeaqHdl);

@@ -137,24 +137,25 @@ static void CheckNetStat(void) {
     _exit(0);
 }
 
-/// Kills and reaps the watcher, if there is one. A wait that a signal interrupted is repeated.
-static void StopNetChkProc(void) {
+/// Kills and reaps the watcher, if there is one. A wait that a signal interrupted is repeated. Logs as `psFunc`.
+static void StopNetChkProc(const char* psFunc) {
     if (f_iMonPid <= 0) {
         return;
     }
     if (procIsExist(f_iMonPid) > 0 && procSndSig2Proc(f_iMonPid, SIGKILL) < 0) {
         int iErrno = errno;
-        CHLS_LOG(LOG_ERR, TXT("procSndSig2Proc f_iMonPid[%d] error[%d:%s]"), f_iMonPid, iErrno, ErrText(iErrno));
+        CHLS_LOG_OF(psFunc, LOG_ERR, TXT("procSndSig2Proc f_iMonPid[%d] error[%d:%s]"), f_iMonPid, iErrno,
+                    ErrText(iErrno));
     }
-    CHLS_LOG(LOG_DBG, TXT("waitpid %d begin"), f_iMonPid);
+    CHLS_LOG_OF(psFunc, LOG_DBG, TXT("waitpid %d begin"), f_iMonPid);
     while (waitpid(f_iMonPid, nullptr, 0) != f_iMonPid) {
         int iErrno = errno;
-        CHLS_LOG(LOG_INF, TXT("Waitpid error[%d:%s]"), iErrno, ErrText(iErrno));
+        CHLS_LOG_OF(psFunc, LOG_INF, TXT("Waitpid error[%d:%s]"), iErrno, ErrText(iErrno));
         if (iErrno != EINTR) {
             break;
         }
     }
-    CHLS_LOG(LOG_DBG, TXT("waitpid %d end"), f_iMonPid);
+    CHLS_LOG_OF(psFunc, LOG_DBG, TXT("waitpid %d end"), f_iMonPid);
     f_iMonPid = 0;
 }
 

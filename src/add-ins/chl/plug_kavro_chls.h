@@ -63,9 +63,11 @@ constexpr int LOG_DBG = 5;
 /// Host operations and log functions take `char*` and write to none of these texts.
 #define TXT(text) const_cast<char*>(text) // NOLINT(bugprone-macro-parentheses): the parentheses of a cast
 /// One log line: level, format, arguments.
-#define CHLS_LOG(level, ...) CHLS_LOG_TO(f_ptRTCoreCtx->pfnLogPrint, level, __VA_ARGS__)
-#define CHLS_LOG_TO(function, level, ...)                                                                              \
-    function(nullptr, level, TXT("$plug_kavro_chls"), TXT("plug_kavro_chls"), __LINE__, __func__, __VA_ARGS__)
+#define CHLS_LOG(level, ...) CHLS_LOG_OF(__func__, level, __VA_ARGS__)
+/// The same in a helper: the line shows the operation that it works for, whose name operators know.
+#define CHLS_LOG_OF(func, level, ...) CHLS_LOG_TO(f_ptRTCoreCtx->pfnLogPrint, func, level, __VA_ARGS__)
+#define CHLS_LOG_TO(function, func, level, ...)                                                                        \
+    function(nullptr, level, TXT("$plug_kavro_chls"), TXT("plug_kavro_chls"), __LINE__, func, __VA_ARGS__)
 
 // chls_event.inl
 static int EventHandlers(int iPlugId, int iEventId, void* pInData, void* pOutData);
@@ -89,7 +91,7 @@ static int FillAccBlock(const T_KAVRO_ACCESSORIES_MD* ptAccMd);
 
 // chls_status.inl: the status object
 static int InitObjStat(char* psChlName);
-static int SetObjStat(const char* psStat);
+static int SetObjStat(const char* psFunc, const char* psStat);
 
 // chls_client.inl: set-up of the TCP client; chls_segment.inl: when its bytes leave
 static int InitTcpClient(void);
@@ -103,7 +105,7 @@ static int BindChl(void);
 static int StartNetChkProc(void);
 static void CheckNetStat(void);
 static void OnNetDisconn(int iSig);
-static void StopNetChkProc(void);
+static void StopNetChkProc(const char* psFunc);
 static int SndrNetInit(void);
 static void HeartBeat(int iSig);
 
