@@ -81,7 +81,7 @@ TEST_P(Leaks, ReconnectsLeaveNothingBehind) {
         Child listener = field_.listen();
         field_.set_channel({{"SHORTRTY", "100000"}});
     }
-    Child worker = field_.run_channel({}, {"--log-level", "1"});
+    Child worker = field_.run_channel();
     reconnect(kWarmUp);
     const Footprint before = at_rest(worker);
     reconnect(count);
@@ -104,7 +104,7 @@ TEST_P(Leaks, FailedHandshakesLeaveNothingBehind) {
     field_.put_one_of_each();
     Peer peer({.carrier = GetParam(), .identity = tls_material().foreign_server}, [](PeerConnection&) {});
     field_.set_channel({{"CONNAME", "127.0.0.1(" + std::to_string(peer.port()) + ")"}});
-    Child worker = field_.run_channel({}, {"--log-level", "1"});
+    Child worker = field_.run_channel();
     const auto after_failures = [&](int failures) {
         const int wanted = peer.accepted() + failures;
         await("failed handshakes", [&] { return peer.accepted() >= wanted; });

@@ -1,0 +1,244 @@
+// SPDX-License-Identifier: MIT
+// SIGKILL of every process at every point under load: the worker, those who put and get, the listener.
+#include <algorithm>
+#include <fstream>
+#include <map>
+#include <random>
+#include <thread>
+
+#include <lmdb.h>
+
+#include "field.h"
+#include "ledger_file.h"
+#include "log_tail.h"
+
+namespace kvr::test {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds kStepTime{300};
+constexpr std::uint64_t kPutGroup = 256;
+
+/// Lines of the worker's log that mark the steps of a message's road and of a connection's start.
+constexpr std::array kSteps{
+    "starting, plug-in",   "deadq[",         "begin connect",      "connect[127.0.0.1", "binding channel",
+    "begin check line",    "start recv msg", "rcv len[",           "NETSTAT[",          "start write chl hdr",
+    "start write chl msg", "main msg len[",  "start write attach", "begin send file[",  "send data[",
+    "real size["};
+
+class Kills : public ::testing::Test {
+  protected:
+    void sleep_up_to(int microseconds) {
+        std::this_thread::sleep_for(std::chrono::microseconds(std::uniform_int_distribution(0, microseconds)(random_)));
+    }
+
+    static void kill_now(Child& child) {
+        ::kill(child.pid(), SIGKILL);
+        const int result = child.result();
+        EXPECT_TRUE(result == -SIGKILL || result == 0) << result; // done before the kill came
+    }
+
+    /// Readers of a store whose process is gone, after some command has opened it.
+    static int stale_readers(Field& field, const char* qmgr) {
+        EXPECT_EQ(field.start({"--qmgr", qmgr, "show", "queue"}).result(), 0);
+        // In a process of its own: a second environment of the same file would end the locks of this one's.
+        return Child::fork_off([&] {
+                   MDB_env* env = nullptr;
+                   int dead = -1;
+                   if (::mdb_env_create(&env) != 0 ||
+                       ::mdb_env_open(env, store_folder(field, qmgr).c_str(), MDB_RDONLY, 0600) != 0 ||
+                       ::mdb_reader_check(env, &dead) != 0) {
+                       return 200;
+                   }
+                   return dead;
+               })
+            .result();
+    }
+
+    static std::filesystem::path store_folder(const Field& field, const char* qmgr) {
+        for (const auto& file : std::filesystem::recursive_directory_iterator(field.home() / qmgr)) {
+            if (file.path().filename() == "data.mdb") {
+                return file.path().parent_path();
+            }
+        }
+        throw std::runtime_error("no store");
+    }
+
+    std::mt19937 random_{std::random_device{}()};
+};
+
+class WorkerKills : public Kills, public ::testing::WithParamInterface<Carrier> {};
+
+INSTANTIATE_TEST_SUITE_P(Carriers, WorkerKills, ::testing::Values(Carrier::kPlain, Carrier::kTls13),
+                         [](const auto& tested) { return std::string(carrier_name(tested.param)); });
+
+TEST_P(WorkerKills, LoseNothingAndRepeatAtMostTheMessageInHand) {
+    Field field(GetParam());
+    Child listener = field.listen();
+    const std::string mark = (field.home() / "log").native(); // in the command line of workers and watchers alone
+    const std::size_t kills = rounds(16);
+    std::size_t steps_hit = 0;
+    std::chrono::milliseconds longest{0};
+    for (std::size_t i = 0; i < kills && !HasFailure(); ++i) {
+        field.put(MessageKind::kData, 20, 0, 20000);
+        field.put_one_of_each();
+        LogTail tail(mark);
+        Child worker = field.run_channel();
+        if (i % 3 == 0) { // the takeover, then anywhere
+            await("the takeover",
+                  [&] { return field.status() == "RUNING" && field.status("PID") == std::to_string(worker.pid()); });
+            sleep_up_to(20000);
+        } else if (i % 3 == 1) { // anywhere from the start on
+            sleep_up_to(100000);
+        } else {
+            steps_hit += tail.comes(kSteps.at(i / 3 % kSteps.size()), kStepTime) ? 1U : 0U;
+        }
+        kill_now(worker);
+        const auto killed = Clock::now();
+        await("the end of the watcher", [&] { return processes_with(mark).empty(); });
+        longest = std::max(longest, std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - killed));
+    }
+    Child worker = field.run_channel();
+    field.await_drained();
+    field.await_arrived(field.ledger().size());
+    EXPECT_EQ(worker.result_under(SIGTERM), 0);
+    field.expect_all_delivered(kills);
+    EXPECT_EQ(stale_readers(field, kSender), 0);
+    RecordProperty("kills", std::to_string(kills));
+    RecordProperty("at a step", std::to_string(steps_hit));
+    RecordProperty("repeats", std::to_string(field.arrived() - field.ledger().size()));
+    RecordProperty("longest life of a watcher in ms", std::to_string(longest.count()));
+}
+
+TEST_F(Kills, OfThePutterKeepWhatWasPut) {
+    Field field;
+    Child listener = field.listen();
+    Child worker = field.run_channel();
+    const std::size_t kills = rounds(10);
+    constexpr std::uint64_t kEach = 5000;
+    const std::filesystem::path ledger = field.home() / "ledger";
+    std::ofstream(ledger).close();
+    for (std::size_t i = 0; i < kills && !HasFailure(); ++i) {
+        Child putter = field.start_program(
+            KVR_LEDGER,
+            {"--tag", kTag, "--ledger", ledger.native(), "--files", (field.home() / "files").native(), "put",
+             std::string(kSender) + "/" + kXmitQueue, "--dest", std::string(kTarget) + "@" + kReceiver, "--first",
+             std::to_string(i * kEach + 1), "--count", std::to_string(kEach), "--max", "200"});
+        sleep_up_to(60000);
+        kill_now(putter);
+    }
+    EXPECT_EQ(field.start({"--qmgr", kSender, "put", kXmitQueue, "the store takes more"}).result(), 0);
+    field.await_log("msg no xmit header");
+    field.await_drained();
+    EXPECT_EQ(worker.result_under(SIGTERM), 0);
+    EXPECT_EQ(stale_readers(field, kSender), 0);
+
+    // Of each putter's last group either nothing is there or all of it, and its line in the ledger may be missing.
+    std::vector<NumberedMessage> sent = read_ledger(ledger);
+    const std::size_t told = sent.size();
+    std::map<std::uint64_t, std::uint64_t> last; // of each putter
+    for (const NumberedMessage& message : sent) {
+        last[message.number / kEach] = message.number;
+    }
+    std::uint64_t arrived = 0;
+    field.await_arrived(told);
+    field.receiver().browse(kTarget, 0, [&](const StoredMessage& found) {
+        const std::uint64_t number = number_of(kTag, found.descriptor).value_or(0);
+        const std::uint64_t first = (number - 1) / kEach * kEach + 1;
+        ++arrived;
+        if (const auto known = std::lower_bound(
+                sent.begin(), sent.begin() + static_cast<std::ptrdiff_t>(told), number,
+                [](const NumberedMessage& message, std::uint64_t wanted) { return message.number < wanted; });
+            known == sent.begin() + static_cast<std::ptrdiff_t>(told) || known->number != number) {
+            sent.push_back({number, MessageKind::kData, varied_size(number - first + 1, 0, 200)});
+        }
+        return true;
+    });
+    const std::size_t untold = sent.size() - told;
+    EXPECT_LE(untold, kills * kPutGroup);
+    std::sort(sent.begin(), sent.end(), [](const auto& one, const auto& other) { return one.number < other.number; });
+    kvr::Run run;
+    run.tag = kTag;
+    run.sent = sent;
+    run.files = field.home() / "files";
+    run.delivered = {{field.home() / kReceiver, kTarget}};
+    run.waiting = {{field.home() / kSender, kXmitQueue}};
+    for (const std::string& fault : kvr::judge(run).faults) {
+        ADD_FAILURE() << fault;
+    }
+    RecordProperty("kills", std::to_string(kills));
+    RecordProperty("put and told", std::to_string(told));
+    RecordProperty("put and killed before telling", std::to_string(untold));
+}
+
+TEST_F(Kills, OfTheGetterLoseNothing) {
+    Field field;
+    constexpr std::uint64_t kEach = 300;
+    const std::size_t kills = rounds(10);
+    const std::filesystem::path out = field.home() / "out";
+    for (std::size_t i = 0; i < kills && !HasFailure(); ++i) {
+        field.put(MessageKind::kData, kEach, 0, 500);
+        Child getter = field.start({"--qmgr", kSender, "--json", "get", kXmitQueue, "--all"});
+        sleep_up_to(60000);
+        kill_now(getter);
+        std::ofstream(out, std::ios::app) << '\n'; // ends a line that the kill cut
+    }
+    Child getter = field.start({"--qmgr", kSender, "--json", "get", kXmitQueue, "--all"});
+    EXPECT_EQ(getter.result(), 0) << "the queue is blocked";
+    EXPECT_EQ(field.depth(), 0U);
+    EXPECT_EQ(stale_readers(field, kSender), 0);
+
+    std::ifstream stream(out);
+    const std::string prefix = std::string("\"") + kTag + "-D-";
+    std::uint64_t last = 0;
+    std::size_t repeats = 0;
+    for (std::string line; std::getline(stream, line);) {
+        const std::size_t at = line.find(prefix);
+        if (at == std::string::npos || line.back() != '}') {
+            continue;
+        }
+        const std::uint64_t number = std::stoull(line.substr(at + prefix.size()));
+        EXPECT_TRUE(number == last || number == last + 1) << number << " after " << last;
+        repeats += number == last ? 1U : 0U;
+        last = number;
+    }
+    EXPECT_EQ(last, field.ledger().size());
+    EXPECT_LE(repeats, kills);
+    RecordProperty("kills", std::to_string(kills));
+    RecordProperty("repeats", std::to_string(repeats));
+}
+
+TEST_F(Kills, OfTheListenerCostTheWindowAtMost) {
+    Field field;
+    Child worker = [&] {
+        Child listener = field.listen();
+        field.set_channel({{"SHORTRTY", "100000"}});
+        return field.run_channel();
+    }();
+    const std::size_t kills = rounds(4);
+    for (std::size_t i = 0; i < kills && !HasFailure(); ++i) {
+        Child listener = field.listen();
+        const std::uint64_t before = field.arrived();
+        field.put(MessageKind::kData, 400, 0, 20000);
+        field.await_arrived(before + 1);
+        sleep_up_to(50000);
+        kill_now(listener);
+    }
+    Child listener = field.listen();
+    field.await_drained();
+    field.put(MessageKind::kData, 1, 10, 10);
+    field.await_drained();
+    EXPECT_EQ(worker.result_under(SIGTERM), 0);
+    await("the last message", [&] { return field.journalled("end") > 0; });
+    EXPECT_EQ(listener.result_under(SIGTERM), 0);
+    const Verdict verdict = field.judge(kills);
+    EXPECT_EQ(verdict.delivered + verdict.lost, field.ledger().size());
+    EXPECT_EQ(stale_readers(field, kReceiver), 0);
+    RecordProperty("kills", std::to_string(kills));
+    RecordProperty("lost", std::to_string(verdict.lost));
+    RecordProperty("lost bytes", std::to_string(verdict.lost_bytes));
+}
+
+} // namespace
+} // namespace kvr::test
