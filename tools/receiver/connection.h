@@ -52,6 +52,8 @@ class Connection final : public FrameSink {
     [[nodiscard]] bool pending() const { return reading() && !paused_ && stream_.pending(); }
     [[nodiscard]] bool in_message() const { return !splitter_.at_boundary(); }
     [[nodiscard]] Clock::time_point last_bytes() const { return last_bytes_; }
+    [[nodiscard]] bool in_handshake() const { return state_ == State::kHandshake; }
+    [[nodiscard]] Clock::time_point started() const { return started_; }
     [[nodiscard]] std::size_t memory() const { return splitter_.memory() + left_.capacity(); }
 
     /// @param ready     poll's events for the socket

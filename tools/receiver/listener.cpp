@@ -2,8 +2,9 @@
 // The event loop of the listener: one thread, poll, many connections.
 //
 // Bounds: memory kept for unfinished messages (kMemoryBudget; beyond it one connection at a time is read, and those
-// that fell silent in mid-message are closed), the number of connections (further ones wait in the kernel's queue), the
-// time to the bind frame, the time that a message waits in a group (kGroupTime), the time of a stop (kStopTime).
+// that fell silent in mid-message are closed), the number of connections and of TLS handshakes under way (further ones
+// wait in the kernel's queue), the time to the bind frame, the time that a message waits in a group (kGroupTime), the
+// time of a stop (kStopTime).
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -29,6 +30,9 @@ constexpr std::chrono::milliseconds kGroupTime{20};
 constexpr std::chrono::seconds kRetryTime{1}; ///< between tries of a store that is full, or of accept
 constexpr std::chrono::seconds kStopTime{2};
 constexpr int kAcceptBatch = 64;
+/// Each costs some 60 KiB until it is done; whoever takes longer than this makes room while others wait for it.
+constexpr std::size_t kMaxHandshakes = 256;
+constexpr std::chrono::seconds kHandshakePatience{2};
 constexpr std::size_t kOtherDescriptors = 64;
 
 /// SIGTERM and SIGINT as a descriptor; the mask is as before when this ends.
@@ -66,8 +70,8 @@ class Listener {
 
   private:
     [[nodiscard]] bool accepting() const {
-        return socket_ && connections_.size() < options_.max_connections && Clock::now() >= accept_again_ &&
-               !all_accepted();
+        return socket_ && connections_.size() < options_.max_connections && handshakes_ < kMaxHandshakes &&
+               Clock::now() >= accept_again_ && !all_accepted();
     }
     [[nodiscard]] bool all_accepted() const { return options_.once != 0 && accepted_ == options_.once; }
     [[nodiscard]] bool finished() const { return (stopping_ || all_accepted()) && connections_.empty(); }
@@ -76,6 +80,7 @@ class Listener {
     void accept_all();
     bool work_all(Clock::time_point now);
     void relieve_memory(Clock::time_point now);
+    void relieve_handshakes(Clock::time_point now);
     void deliver(Clock::time_point now, bool idle);
     void drop_closed();
     void begin_stop(Clock::time_point now);
@@ -92,11 +97,13 @@ class Listener {
     std::vector<std::unique_ptr<Connection>> connections_;
     std::vector<pollfd> polls_; ///< signals, socket, then one per connection
     std::uint64_t accepted_ = 0;
-    std::size_t memory_ = 0; ///< of all connections
+    std::size_t memory_ = 0;     ///< of all connections
+    std::size_t handshakes_ = 0; ///< connections that are in theirs
     std::uint64_t favoured_ = 0;
     Clock::time_point group_since_ = Clock::time_point::max();
     Clock::time_point retry_at_;
     Clock::time_point accept_again_;
+    Clock::time_point relieve_at_ = Clock::time_point::max(); ///< of handshakes, while there are too many
     bool crowded_told_ = false;
     bool stopping_ = false;
 };
@@ -148,6 +155,7 @@ int Listener::run() {
             accept_all();
         }
         relieve_memory(now);
+        relieve_handshakes(now);
         deliver(Clock::now(), !worked);
         drop_closed();
     }
@@ -188,6 +196,7 @@ int Listener::poll_time(Clock::time_point now) const {
     if (favoured_ != 0) {
         next = std::min(next, now + kRetryTime);
     }
+    next = std::min(next, relieve_at_);
     for (const auto& connection : connections_) {
         if (connection->pending() && !delivery_.blocked() && (favoured_ == 0 || favoured_ == connection->id())) {
             return 0;
@@ -219,6 +228,7 @@ void Listener::accept_all() {
             break;
         }
         ++accepted_;
+        handshakes_ += tls_ ? 1U : 0U;
         auto connection = std::make_unique<Connection>(accepted_, std::move(fd), std::move(peer), context_);
         if (options_.awkward.refuse && (options_.awkward.first == 0 || accepted_ <= options_.awkward.first)) {
             connection->close("refused on purpose");
@@ -267,6 +277,32 @@ void Listener::relieve_memory(Clock::time_point now) {
         }
     }
     favoured_ = most == nullptr ? 0 : most->id();
+}
+
+/// Handshakes beyond their number wait in the kernel's queue, those that do not come to an end make room for them.
+void Listener::relieve_handshakes(Clock::time_point now) {
+    handshakes_ = 0;
+    relieve_at_ = Clock::time_point::max();
+    Clock::time_point oldest = now;
+    for (const auto& connection : connections_) {
+        if (connection->in_handshake()) {
+            ++handshakes_;
+            oldest = std::min(oldest, connection->started());
+        }
+    }
+    if (handshakes_ < kMaxHandshakes) {
+        return;
+    }
+    if (now - oldest < kHandshakePatience) {
+        relieve_at_ = oldest + kHandshakePatience;
+        return;
+    }
+    for (const auto& connection : connections_) {
+        if (connection->in_handshake() && now - connection->started() >= kHandshakePatience) {
+            connection->close("in its TLS handshake for too long while others wait");
+            --handshakes_;
+        }
+    }
 }
 
 void Listener::deliver(Clock::time_point now, bool idle) {
