@@ -19,6 +19,8 @@ namespace fs = std::filesystem;
 constexpr auto kAwait = std::chrono::seconds(60);
 constexpr auto kLookAgain = std::chrono::milliseconds(2);
 constexpr int kCannotRun = 127;
+constexpr std::size_t kGroupMessages = 64;
+constexpr std::size_t kGroupBytes = 4U << 20;
 
 std::string contents(const fs::path& file) {
     std::ifstream stream(file, std::ios::binary);
@@ -116,31 +118,50 @@ void Field::set_qmgr(const Attributes& attributes) {
 }
 
 void Field::put(MessageKind kind, std::uint64_t count, std::size_t least, std::size_t greatest) {
-    for (std::uint64_t i = 0; i < count; ++i) {
-        const std::uint64_t number = ledger_.size() + 1;
-        const NumberedMessage message{number, kind, varied_size(number, least, greatest)};
+    struct Parts {
+        NumberedMessage message;
+        T_KAVRO_MD descriptor;
+        std::vector<std::string> attachments;
         std::string data;
+    };
+    std::vector<Parts> group; // one flush of the disk for many messages
+    std::size_t bytes = 0;
+    for (std::uint64_t i = 0; i < count; ++i) {
+        const std::uint64_t number = ledger_.size() + group.size() + 1;
+        const NumberedMessage message{number, kind, varied_size(number, least, greatest)};
+        Parts parts{message, descriptor_of(kTag, message), {}, {}};
         if (kind != MessageKind::kHeaderless) {
             T_KAVRO_HDR_XMITQ header{};
             std::memcpy(header.sStrucId, "XTMH", sizeof(header.sStrucId));
             header.iVersion = 1;
             std::memcpy(header.sDestQ, kTarget, sizeof(kTarget));
             std::memcpy(header.sDestQMgr, kReceiver, sizeof(kReceiver));
-            data.assign(reinterpret_cast<const char*>(&header), sizeof(header));
+            parts.data.assign(reinterpret_cast<const char*>(&header), sizeof(header));
         }
-        std::vector<std::string> attachments;
         for (const NumberedFile& file : files_of(kTag, message)) {
             const std::string path = write_file(home_ / "files", file).native();
             if (kind == MessageKind::kFile) {
-                data += path;
+                parts.data += path;
             } else {
-                attachments.push_back(path);
+                parts.attachments.push_back(path);
             }
         }
-        data += body_of(kTag, message);
-        const T_KAVRO_MD descriptor = descriptor_of(kTag, message);
-        sender_->put(kXmitQueue, OutgoingMessage{&descriptor, attachments, data});
-        ledger_.push_back(message);
+        parts.data += body_of(kTag, message);
+        bytes += parts.data.size();
+        group.push_back(std::move(parts));
+        if (group.size() < kGroupMessages && bytes < kGroupBytes && i + 1 < count) {
+            continue;
+        }
+        std::vector<OutgoingMessage> outgoing;
+        for (const Parts& one : group) {
+            outgoing.push_back({&one.descriptor, one.attachments, one.data});
+        }
+        sender_->put(kXmitQueue, outgoing);
+        for (const Parts& one : group) {
+            ledger_.push_back(one.message);
+        }
+        group.clear();
+        bytes = 0;
     }
 }
 

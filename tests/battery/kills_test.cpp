@@ -233,9 +233,11 @@ TEST_F(Kills, OfTheListenerCostTheWindowAtMost) {
     await("the last message", [&] { return field.journalled("end") > 0; });
     EXPECT_EQ(listener.result_under(SIGTERM), 0);
     const Verdict verdict = field.judge(kills);
-    EXPECT_EQ(verdict.delivered + verdict.lost, field.ledger().size());
+    EXPECT_EQ(verdict.delivered + verdict.lost + verdict.dead, field.ledger().size());
+    EXPECT_LE(verdict.dead, kills) << "only a line that breaks in its bind costs a dead letter";
     EXPECT_EQ(stale_readers(field, kReceiver), 0);
     RecordProperty("kills", std::to_string(kills));
+    RecordProperty("dead letters", std::to_string(verdict.dead));
     RecordProperty("lost", std::to_string(verdict.lost));
     RecordProperty("lost bytes", std::to_string(verdict.lost_bytes));
 }
