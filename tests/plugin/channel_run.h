@@ -6,25 +6,21 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <openssl/types.h>
 
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "recording_host.h"
+#include "support/folder.h"
+#include "support/peer.h"
 
 namespace kvr::test {
 
-/// What the receiver does once connection `conn` has brought `after_bytes` and the trace shows `after_text`.
+/// What the receiver does on the first connection once the bind frame has come and the trace shows `after`.
 struct Cue {
-    enum Act { kClose, kReset, kSend, kTicket };
-    size_t conn;
-    Act act;
-    size_t after_bytes = 0;
-    std::string after_text;
-    int text_count = 1; ///< how often the text must have come
-    bool done = false;
+    enum Act { kClose, kReset, kSend, kTicket } act;
+    std::string after;
 };
 
 /// What a run left behind.
@@ -56,7 +52,6 @@ std::string err(int code);
 class ChannelTest : public testing::Test {
   protected:
     ChannelTest();
-    ~ChannelTest() override;
 
     /// Forks the channel process, which does `body` and ends with status 0 unless the body ends it before.
     Result run(const std::function<void()>& body);
@@ -69,16 +64,15 @@ class ChannelTest : public testing::Test {
 
     Attrs& chl() { return host().objects["CHL/CH1"]; }
     Attrs& qmgr() { return host().objects["QMGR/QMGR"]; }
+    /// Of the receiver of the latest run.
     std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
 
     std::vector<Cue> cues_;
-    bool listening_ = true;         ///< false: the receiver's port refuses connections
-    SSL_CTX* server_ctx_ = nullptr; ///< set: the receiver speaks TLS
-    int port_ = 0;
-    std::string dir_;
-
-  private:
-    int listener_ = -1;
+    bool listening_ = true; ///< false: the receiver's port refuses connections
+    PeerOptions receiver_;
+    int port_ = 0; ///< of the receiver; each run has another one
+    TemporaryFolder folder_;
+    std::string dir_ = folder_.path();
 };
 
 } // namespace kvr::test

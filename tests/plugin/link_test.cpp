@@ -62,19 +62,15 @@ TEST_F(Link, ConnectionNames) {
     } cases[] = {
         {"10.1.2.3(1414)", "10.1.2.3:1414", "10.1.2.3"},
         {"10.1.2.3", "10.1.2.3:5151", "10.1.2.3"},
-        {"10.1.2.3()", "10.1.2.3:5151", "10.1.2.3"},
         {"10.1.2.3(0)", "10.1.2.3:5151", "10.1.2.3"},
         {"10.1.2.3(abc)", "10.1.2.3:5151", "10.1.2.3"},
         {"10.1.2.3(1414", "10.1.2.3:1414", "10.1.2.3"},
-        {"10.1.2.3(1414)x", "10.1.2.3:1414", "10.1.2.3"},
         {"10.1.2.3(12ab)", "10.1.2.3:12", "10.1.2.3"},
-        {"10.1.2.3( 99)", "10.1.2.3:99", "10.1.2.3"},
         {"10.1.2.3(-7)", "10.1.2.3:-7", "10.1.2.3"},
         {"10.1.2.3 (1414)", "10.1.2.3 :1414", "10.1.2.3 "},
         {"(1414)", ":1414", ""},
         {"", ":5151", ""},
         {long_host + "(77)", long_host + ":77", long_host},
-        {"h(" + std::string(58, '0') + "44)", "h:44", "h"},
     };
     host().hooks["sockGetHostIp"] = failing(-1, 1, 99, ENOENT); // no such address is ever dialled
     for (const auto& c : cases) {
@@ -95,7 +91,6 @@ TEST_F(Link, RetriesShortThenLong) {
     chl()["LONGRTY"] = "2";
     chl()["LONGTMR"] = "60";
     const Result r = run_channel();
-    EXPECT_THAT(r.lines("S"), testing::IsSupersetOf({"sleep(5)", "sleep(5)", "sleep(5)", "sleep(60)", "sleep(60)"}));
     std::vector<std::string> expected;
     const std::string refused = err(ECONNREFUSED);
     for (int i = 0; i < 6; ++i) {
@@ -124,11 +119,11 @@ TEST_F(Link, RetryNumbersOutOfTheOrdinary) {
     const struct {
         const char *srty, *stmr, *lrty, *ltmr;
         int attempts;
-        std::vector<std::string> pauses;
+        std::vector<std::string> pauses; ///< other than of 0 seconds
         const char* send_limit;
     } cases[] = {{"", "", "", "", 1, {}, "sockSetSTimeOut(0)"},
                  {"-2", "5", "-1", "6", 1, {}, "sockSetSTimeOut(5)"},
-                 {"1", "-5", "1", "-6", 3, {"sleep(0)", "sleep(0)"}, "sockSetSTimeOut(0)"},
+                 {"1", "-5", "1", "-6", 3, {}, "sockSetSTimeOut(0)"},
                  {"x", "y", " 2z", "1", 3, {"sleep(1)", "sleep(1)"}, "sockSetSTimeOut(0)"}};
     listening_ = false;
     for (const auto& c : cases) {
@@ -140,13 +135,9 @@ TEST_F(Link, RetryNumbersOutOfTheOrdinary) {
         const Result r = run_channel();
         EXPECT_EQ(r.count("sockGetHostIp("), c.attempts);
         EXPECT_EQ(r.count(c.send_limit), c.attempts) << r.dump();
-        std::vector<std::string> pauses;
-        for (const std::string& line : r.lines("S")) {
-            if (line.rfind("sleep", 0) == 0 && (line != "sleep(0)" || !c.pauses.empty())) {
-                pauses.push_back(line);
-            }
-        }
-        EXPECT_TRUE(pauses == c.pauses || (c.pauses.size() == 2 && pauses.empty() && c.pauses[0] == "sleep(0)"));
+        auto pauses = r.lines("S");
+        std::erase_if(pauses, [](const std::string& line) { return line.find("sleep") != 0 || line == "sleep(0)"; });
+        EXPECT_EQ(pauses, c.pauses);
     }
 }
 
@@ -161,138 +152,41 @@ TEST_F(Link, ListenerComesUpInTheLongPhase) {
     EXPECT_THAT(r.conns, ElementsAre(bind_frame()));
 }
 
-struct Failure {
-    const char* name;
-    const char* op;
-    Hook hook;
-    std::vector<std::string> logged; ///< starts of the level-1 lines before that of the run loop
-    int result;                      ///< of the network start
-    bool watched;                    ///< whether a line watcher was forked
-};
-
 TEST_F(Link, EachFailureOfTheFirstStart) {
     const std::string broken = "[32:write[78] ret[20] error[" + err(EPIPE) + "]]";
-    const Failure cases[] = {
-        {"Definition", "KVR_ObjGetAttr", failing(-7), {"1 get chl[CH1] error[-7]", "1 Connect2Lsr error["}, -1, false},
-        {"StatusRetrying",
-         "KVR_ObjSetAttrV",
-         failing(-8, 1),
-         {"1 KVR_ObjSetAttrV[CHS][CH1] return[-8]", "1 Connect2Lsr error["},
-         -1,
-         false},
-        {"StatusBinding",
-         "KVR_ObjSetAttrV",
-         failing(-8, 2),
-         {"1 KVR_ObjSetAttrV[CHS][CH1] return[-8]", "1 BindChl error["},
-         -1,
-         false},
-        {"BindWrite",
-         "write",
+    const struct {
+        const char* op;
+        Hook hook;
+        std::vector<std::string> logged; ///< starts of the level-1 lines before that of the run loop
+        int result;                      ///< of the network start
+        size_t watchers;
+    } cases[] = {
+        {"KVR_ObjGetAttr", failing(-7), {"1 get chl[CH1] error[-7]", "1 Connect2Lsr error["}, -1, 0},
+        {"KVR_ObjSetAttrV", failing(-8), {"1 KVR_ObjSetAttrV[CHS][CH1] return[-8]", "1 Connect2Lsr error["}, -1, 0},
+        {"KVR_ObjSetAttrV", failing(-8, 2), {"1 KVR_ObjSetAttrV[CHS][CH1] return[-8]", "1 BindChl error["}, -1, 0},
+        {"write",
          failing_write(78, 1, 20, EPIPE),
          {"1 write [78] to receiver error" + broken + " return[-1]", "1 BindChl error["},
          -1,
-         false},
-        {"Pipe", "pipe", failing(-1, 1, 1, EMFILE), {"1 pipe error[" + err(EMFILE) + "]", "1 fork error["}, -1, false},
-        {"Fork", "fork", failing(-1, 1, 1, EAGAIN), {"1 fork error[" + err(EAGAIN) + "]", "1 fork error["}, -1, false},
-        {"StatusRuning", "KVR_ObjSetAttr", failing(-9), {"1 KVR_ObjSetAttr[CHS][CH1] return[-9]"}, -10002, true},
+         0},
+        {"pipe", failing(-1, 1, 1, EMFILE), {"1 pipe error[" + err(EMFILE) + "]", "1 fork error["}, -1, 0},
+        {"fork", failing(-1, 1, 1, EAGAIN), {"1 fork error[" + err(EAGAIN) + "]", "1 fork error["}, -1, 0},
+        {"KVR_ObjSetAttr", failing(-9), {"1 KVR_ObjSetAttr[CHS][CH1] return[-9]"}, -10002, 1},
     };
-    for (const Failure& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.logged[0]);
         host().hooks = {{c.op, c.hook}};
         const Result r = run_channel();
-        std::vector<std::string> level1;
-        for (const std::string& line : r.lines("L")) {
-            if (line[0] == '1') {
-                level1.push_back(line);
-            }
-        }
+        auto level1 = r.lines("L");
+        std::erase_if(level1, [](const std::string& line) { return line[0] != '1'; });
         ASSERT_EQ(level1.size(), c.logged.size() + 1) << r.dump();
         for (size_t i = 0; i < c.logged.size(); ++i) {
             EXPECT_THAT(level1[i], StartsWith(c.logged[i]));
         }
         EXPECT_EQ(level1.back(), "1 SndrNetInit error[" + std::to_string(c.result) + "]");
-        EXPECT_EQ(r.watchers.size(), c.watched ? 1U : 0U);
+        EXPECT_EQ(r.watchers.size(), c.watchers);
         EXPECT_TRUE(in_order(r, {"event 2 = -10002"}));
         EXPECT_EQ(r.count("KVR_QueMsgGet"), 0);
-    }
-}
-
-TEST_F(Link, LineUpCostsOneLookAndOneLine) {
-    const Result r = run_messages({message("hello")});
-    EXPECT_EQ(r.lines_between("LHS", "4 dest queue[Q1]", "5 start write chl hdr"),
-              (std::vector<std::string>{"4 dest queue[Q1]", "sockCanRead()", "5 NETSTAT[1]", "5 start write chl hdr"}));
-}
-
-/// What a restart does about the old watcher, in order; `wait` is what happens around the waiting.
-std::vector<std::string> restart(pid_t watcher, const std::vector<std::string>& look,
-                                 const std::vector<std::string>& wait) {
-    const std::string pid = std::to_string(watcher);
-    std::vector<std::string> lines = {"sockCanRead()"};
-    lines.insert(lines.end(), look.begin(), look.end());
-    lines.insert(lines.end(), {"3 RCVER CLOSED", "procIsExist(" + pid + ")"});
-    lines.insert(lines.end(), wait.begin(), wait.end());
-    lines.insert(lines.end(),
-                 {"5 waitpid " + pid + " end", "KVR_ObjGetAttr(CHL CH1 LONGRTY LONGTMR SHORTRTY SHORTTMR CONNAME)"});
-    return lines;
-}
-
-TEST_F(Link, RestartKillsAndReapsTheWatcher) {
-    const auto kill_for_real = [](int result, int code) {
-        return [=](const Call& c) -> std::optional<int> {
-            kill(static_cast<pid_t>(c.a), SIGKILL);
-            errno = code;
-            return result;
-        };
-    };
-    const struct {
-        const char* name;
-        std::map<std::string, Hook> hooks;
-        std::vector<std::string> look, wait; ///< "P" stands for the watcher's id
-    } cases[] = {
-        {"Alive", {}, {}, {"procSndSig2Proc(P 9)", "5 waitpid P begin", "waitpid()"}},
-        {"LookFails",
-         {{"sockCanRead", failing(-3, 1, 1)}},
-         {"1 sockCanRead [-3]"},
-         {"procSndSig2Proc(P 9)", "5 waitpid P begin", "waitpid()"}},
-        {"EndedByItself", {{"procIsExist", kill_for_real(0, 0)}}, {}, {"5 waitpid P begin", "waitpid()"}},
-        {"KillFails",
-         {{"procSndSig2Proc", kill_for_real(-1, EPERM)}},
-         {},
-         {"procSndSig2Proc(P 9)", "1 procSndSig2Proc f_iMonPid[P] error[" + err(EPERM) + "]", "5 waitpid P begin",
-          "waitpid()"}},
-        {"WaitInterrupted",
-         {{"waitpid", failing(-1, 1, 2, EINTR)}},
-         {},
-         {"procSndSig2Proc(P 9)", "5 waitpid P begin", "waitpid()", "4 Waitpid error[" + err(EINTR) + "]", "waitpid()",
-          "4 Waitpid error[" + err(EINTR) + "]", "waitpid()"}},
-        {"NoSuchChild",
-         {{"waitpid", failing(-1, 1, 2, ECHILD)}},
-         {},
-         {"procSndSig2Proc(P 9)", "5 waitpid P begin", "waitpid()", "4 Waitpid error[" + err(ECHILD) + "]"}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        host().hooks = {{"sockCanRead", failing(1, 1, 1)}};
-        for (const auto& hook : c.hooks) {
-            host().hooks[hook.first] = hook.second;
-        }
-        const Result r = run_messages({message("one")});
-        ASSERT_EQ(r.watchers.size(), 2U) << r.dump();
-        auto named = [&](std::vector<std::string> lines) {
-            for (std::string& line : lines) {
-                if (const auto at = line.find("P "); at != std::string::npos && line.find("RCV") == std::string::npos) {
-                    line.replace(at, 1, std::to_string(r.watchers[0]));
-                } else if (const auto in = line.find("[P]"); in != std::string::npos) {
-                    line.replace(in + 1, 1, std::to_string(r.watchers[0]));
-                }
-            }
-            return lines;
-        };
-        const auto expected = restart(r.watchers[0], c.look, named(c.wait));
-        EXPECT_EQ(r.lines_between("LHS", expected.front(), expected.back()), expected);
-        EXPECT_THAT(r.conns, ElementsAre(bind_frame(), bind_frame() + data_frame("one")));
-        EXPECT_EQ(r.count("LOCALPORT=" + std::to_string(r.ports[1]) + " "), 1);
-        EXPECT_EQ(r.count("STATUS=RETRYING"), 2);
     }
 }
 
@@ -372,18 +266,6 @@ TEST_F(Link, SecondLifeInOneProcessLeaksNothingAndLeavesDescriptorZeroAlone) {
         sscanf(note.c_str(), "descriptors %d", &after);
     }
     EXPECT_EQ(after, before + 2) << "one connection and one pipe end";
-}
-
-TEST_F(Link, RunsWithStandardInputClosed) {
-    host().get = {deliver(message("one"))};
-    const Result r = run([] {
-        close(0);
-        load();
-        event(1);
-        event(2);
-    });
-    EXPECT_EQ(r.status, kScriptOver);
-    EXPECT_THAT(r.conns, ElementsAre(bind_frame() + data_frame("one")));
 }
 
 } // namespace

@@ -20,7 +20,6 @@
 #include "kavro_object.h"
 #include "kavro_queue.h"
 #include "kavutil.h"
-#include "recording_system.h"
 
 extern "C" int OnPlugLoad(T_PLUG_MGR_PLUG_VAR* ptPlugVar);
 
@@ -32,11 +31,6 @@ T_KVR_OBJ_DB_HANDLE const kObjDb = &host().objects;
 T_KVR_QUE_DB_HANDLE const kQueDb = &host().get;
 char xmit_queue[] = "XQ";
 char dead_queue[] = "DLQ";
-
-/// Counts the call, lets the hook act, and says what the operation should return instead of going on.
-std::optional<int> scripted(const char* op, long a = 0) {
-    return run_hook(op, a);
-}
 
 /// Breaches of the border that are faults in every case.
 void check_handle(bool good, const char* op) {
@@ -96,7 +90,7 @@ std::string joined(int count, char** names, char** values = nullptr) {
 int get_attrs(const char* op, void* db, char* cls, char* name, int count, char** names, char** bufs) {
     check_handle(db == kObjDb, op);
     trace(kHost, "%s(%s %s%s)", op, cls, name, joined(count, names).c_str());
-    if (auto r = scripted(op)) {
+    if (auto r = run_hook(op)) {
         return *r;
     }
     auto object = host().objects.find(std::string(cls) + "/" + name);
@@ -115,7 +109,7 @@ int get_attrs(const char* op, void* db, char* cls, char* name, int count, char**
 int set_attrs(const char* op, void* db, char* cls, char* name, int count, char** names, char** values, bool add) {
     check_handle(db == kObjDb, op);
     trace(kHost, "%s(%s %s%s)", op, cls, name, joined(count, names, values).c_str());
-    if (auto r = scripted(op)) {
+    if (auto r = run_hook(op)) {
         return *r;
     }
     const std::string key = std::string(cls) + "/" + name;
@@ -192,7 +186,7 @@ char* KVR_GetQmgrName(void) {
 int KVR_InitQmgrCtx(T_KAVRO_QMGR_CTX* ptCtx, char* psQmgrName) {
     const bool zeroed = ptCtx->sObjName[0] == 0 && ptCtx->hObjDB == nullptr && ptCtx->hQueDB == nullptr;
     trace(kHost, "KVR_InitQmgrCtx(%s %s)", zeroed ? "zeroed" : "used", psQmgrName);
-    if (auto r = scripted("KVR_InitQmgrCtx")) {
+    if (auto r = run_hook("KVR_InitQmgrCtx")) {
         return *r;
     }
     ptCtx->hObjDB = kObjDb;
@@ -245,7 +239,7 @@ int KVR_ObjSetAttrV(void* hObjDB, char* psClass, char* psName, int iCnt, ...) {
 int KVR_QueOpen(void* hQueDB, char* psName, void** phObj, int iOpt) {
     check_handle(hQueDB == kQueDb && iOpt == 0, "KVR_QueOpen");
     trace(kHost, "KVR_QueOpen(%s)", psName);
-    if (auto r = scripted("KVR_QueOpen")) {
+    if (auto r = run_hook("KVR_QueOpen")) {
         return *r;
     }
     *phObj = strcmp(psName, xmit_queue) == 0 ? xmit_queue : dead_queue;
@@ -255,7 +249,7 @@ int KVR_QueOpen(void* hQueDB, char* psName, void** phObj, int iOpt) {
 int KVR_QueClose(void* hQueDB, char* psName, void* hObj, int iOpt) {
     check_handle(hQueDB == kQueDb && iOpt == 0 && (hObj == xmit_queue || hObj == dead_queue), "KVR_QueClose");
     trace(kHost, "KVR_QueClose(%s %s)", psName, static_cast<char*>(hObj));
-    return scripted("KVR_QueClose").value_or(host().success);
+    return run_hook("KVR_QueClose").value_or(host().success);
 }
 
 int KVR_QueMsgGet(void* hQueDB, void* hObj, T_KAVRO_MD* ptMD, T_KAVRO_GMO* ptGMO, char* psBuf, int* piLen) {
@@ -279,28 +273,26 @@ int KVR_QueMsgPut(void* hQueDB, void* hObj, T_KAVRO_MD* ptMD, T_KAVRO_PMO* ptPMO
                       std::string(psBuf, static_cast<size_t>(iLen)) == host().in_hand.data &&
                       same_bytes(&options, ptPMO, sizeof options);
     trace(kHost, "KVR_QueMsgPut(%d %s)", iLen, same ? "as received" : "CHANGED");
-    return scripted("KVR_QueMsgPut").value_or(host().success);
+    return run_hook("KVR_QueMsgPut").value_or(host().success);
 }
 
 int procIsExist(int iPid) {
     check_id(iPid, "procIsExist");
     trace(kHost, "procIsExist(%d)", iPid);
-    return scripted("procIsExist", iPid).value_or(kill(iPid, 0) == 0 ? 1 : 0);
+    return run_hook("procIsExist", iPid).value_or(kill(iPid, 0) == 0 ? 1 : 0);
 }
 
 int procSndSig2Proc(int iPid, int iSig) {
     check_id(iPid, "procSndSig2Proc");
     trace(kHost, "procSndSig2Proc(%d %d)", iPid, iSig);
-    if (auto r = scripted("procSndSig2Proc", iPid)) {
-        return *r;
-    }
-    return kill(iPid, iSig);
+    const auto r = run_hook("procSndSig2Proc", iPid);
+    return r ? *r : kill(iPid, iSig);
 }
 
 int sockCanRead(int iSock) {
     check_id(iSock, "sockCanRead");
     trace(kHost, "sockCanRead()");
-    if (auto r = scripted("sockCanRead", iSock)) {
+    if (auto r = run_hook("sockCanRead", iSock)) {
         return *r;
     }
     pollfd tested{iSock, POLLIN, 0};
@@ -310,7 +302,7 @@ int sockCanRead(int iSock) {
 
 int sockGetHostIp(char* psHost, char* psAddr) {
     trace(kHost, "sockGetHostIp(%s)", psHost);
-    if (auto r = scripted("sockGetHostIp")) {
+    if (auto r = run_hook("sockGetHostIp")) {
         return *r;
     }
     in_addr addr{};
@@ -373,7 +365,7 @@ int streamReadNByte(void*, int, int*, int) {
 int streamWriteNByte(void* pBuf, int iLen, int iSock) {
     check_id(iSock, "streamWriteNByte");
     trace(kHost, "write(%d)", iLen);
-    if (auto r = scripted("write", iLen)) {
+    if (auto r = run_hook("write", iLen)) {
         return *r;
     }
     int done = 0;

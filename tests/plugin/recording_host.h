@@ -55,6 +55,8 @@ struct Call {
 };
 /// A value replaces the call's own behaviour and is its result; nothing lets the call go on.
 using Hook = std::function<std::optional<int>(const Call&)>;
+/// Counts the call in the channel process and runs the hook set for it, if any.
+std::optional<int> run_hook(const char* op, long a = 0);
 /// Fails the calls numbered `from` to `to` with this result and errno.
 Hook failing(int result, int from = 1, int to = 1 << 30, int err = 0);
 /// Fails writes of `len` bytes, the first `times` of them.

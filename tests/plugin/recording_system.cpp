@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // System calls that the scripted host records and may fail: pauses and alarms pass at once, the rest goes on to the C
 // library. Outside the channel process everything passes through.
-#include "recording_system.h"
+#include "recording_host.h"
 
 #include <dlfcn.h>
 #include <netinet/in.h>
@@ -14,8 +14,6 @@
 
 #include <cerrno>
 #include <cstring>
-
-#include "recording_host.h"
 
 namespace kvr::test {
 
@@ -36,16 +34,20 @@ Fn next(const char* name) {
 }
 
 /// Records the call when it comes from a process of the channel, and asks its hook.
-std::optional<int> recorded(const char* op, const char* shown, long a) {
+std::optional<int> recorded(const char* op, long a, bool shown) {
     if (!host().recording) {
         return {};
     }
-    trace(kSystem, "%s", shown);
+    trace(kSystem, "%s(%s)", op, shown ? std::to_string(a).c_str() : "");
     return run_hook(op, a);
 }
 
-std::string with_number(const char* op, long a) {
-    return std::string(op) + "(" + std::to_string(a) + ")";
+unsigned int passes_at_once(const char* op, unsigned int seconds) {
+    if (!host().recording) {
+        return next<unsigned int (*)(unsigned int)>(op)(seconds);
+    }
+    recorded(op, seconds, true);
+    return 0;
 }
 
 } // namespace
@@ -61,37 +63,29 @@ const char* __asan_default_options() {
 }
 
 unsigned int sleep(unsigned int seconds) {
-    if (!host().recording) {
-        return next<unsigned int (*)(unsigned int)>("sleep")(seconds);
-    }
-    recorded("sleep", with_number("sleep", seconds).c_str(), seconds);
-    return 0;
+    return passes_at_once("sleep", seconds);
 }
 
 unsigned int alarm(unsigned int seconds) noexcept {
-    if (!host().recording) {
-        return next<unsigned int (*)(unsigned int)>("alarm")(seconds);
-    }
-    recorded("alarm", with_number("alarm", seconds).c_str(), seconds);
-    return 0;
+    return passes_at_once("alarm", seconds);
 }
 
 int pipe(int* fds) noexcept {
-    if (auto r = recorded("pipe", "pipe()", 0)) {
+    if (auto r = recorded("pipe", 0, false)) {
         return *r;
     }
     return next<int (*)(int*)>("pipe")(fds);
 }
 
 int pipe2(int* fds, int flags) noexcept {
-    if (auto r = recorded("pipe", "pipe()", 0)) {
+    if (auto r = recorded("pipe", 0, false)) {
         return *r;
     }
     return next<int (*)(int*, int)>("pipe2")(fds, flags);
 }
 
 pid_t fork() noexcept {
-    if (auto r = recorded("fork", "fork()", 0)) {
+    if (auto r = recorded("fork", 0, false)) {
         return *r;
     }
     const pid_t pid = next<pid_t (*)()>("fork")();
@@ -106,21 +100,21 @@ pid_t waitpid(pid_t pid, int* status, int options) {
     if (host().recording && pid < 1) {
         trace(kFault, "waitpid(%d)", static_cast<int>(pid));
     }
-    if (auto r = recorded("waitpid", "waitpid()", pid)) {
+    if (auto r = recorded("waitpid", pid, false)) {
         return *r;
     }
     return next<pid_t (*)(pid_t, int*, int)>("waitpid")(pid, status, options);
 }
 
 sighandler_t sigset(int sig, sighandler_t handler) noexcept {
-    if (auto r = recorded("sigset", with_number("sigset", sig).c_str(), sig)) {
+    if (auto r = recorded("sigset", sig, true)) {
         return SIG_ERR;
     }
     return next<sighandler_t (*)(int, sighandler_t)>("sigset")(sig, handler);
 }
 
 int select(int count, fd_set* reads, fd_set* writes, fd_set* errors, timeval* limit) {
-    if (auto r = recorded("select", "select()", count)) {
+    if (auto r = recorded("select", count, false)) {
         return *r;
     }
     return next<int (*)(int, fd_set*, fd_set*, fd_set*, timeval*)>("select")(count, reads, writes, errors, limit);

@@ -33,7 +33,9 @@ Trace* shared() {
     return map;
 }
 
-void vtrace(char kind, const char* fmt, va_list ap) {
+} // namespace
+
+void trace(char kind, const char* fmt, ...) {
     const unsigned i = shared()->used.fetch_add(1);
     if (i >= Trace::kSlots) {
         _exit(99);
@@ -41,17 +43,11 @@ void vtrace(char kind, const char* fmt, va_list ap) {
     Slot& slot = shared()->slot[i];
     slot.pid = getpid();
     slot.kind = kind;
-    vsnprintf(slot.text, sizeof slot.text, fmt, ap);
-    slot.ready = true;
-}
-
-} // namespace
-
-void trace(char kind, const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    vtrace(kind, fmt, ap);
+    vsnprintf(slot.text, sizeof slot.text, fmt, ap);
     va_end(ap);
+    slot.ready = true;
 }
 
 void trace_reset() {

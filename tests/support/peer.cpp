@@ -155,6 +155,13 @@ int PeerConnection::pending() const {
     return bytes;
 }
 
+int PeerConnection::port() const {
+    sockaddr_in address{};
+    socklen_t length = sizeof(address);
+    getpeername(socket_, reinterpret_cast<sockaddr*>(&address), &length);
+    return ntohs(address.sin_port);
+}
+
 void PeerConnection::send_tickets(int count) {
     for (int i = 0; i < count; i++) {
         require(SSL_new_session_ticket(ssl_) == 1 && SSL_do_handshake(ssl_) == 1, "no ticket sent");
@@ -205,6 +212,7 @@ Peer::Peer(const PeerOptions& options, Script script)
     pthread_sigmask(SIG_BLOCK, &all, &before);
     thread_ = std::thread([this] { serve(); });
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    require(serving_.wait(), "no thread"); // a fork from here on copies no lock of a thread that begins
 }
 
 Peer::~Peer() {
@@ -216,6 +224,7 @@ Peer::~Peer() {
 }
 
 void Peer::serve() {
+    serving_.set();
     for (;;) {
         std::array<pollfd, 2> waited{{{listener_, POLLIN, 0}, {stop_pipe_[0], POLLIN, 0}}};
         poll(waited.data(), waited.size(), -1);

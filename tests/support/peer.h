@@ -64,6 +64,8 @@ class PeerConnection {
     bool write(std::string_view data);
     /// Bytes that lie in the receive buffer.
     int pending() const;
+    /// The other end's port.
+    int port() const;
     /// How the last read ended before its size: true at an orderly end, false at an error.
     bool ended_well() const { return ended_well_; }
 
@@ -105,6 +107,7 @@ class Peer {
     int stop_pipe_[2] = {-1, -1};
     int port_ = 0;
     std::atomic<int> accepted_ = 0;
+    Event serving_;
     std::thread thread_;
 };
 

@@ -3,7 +3,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <string_view>
@@ -11,6 +10,8 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
+
+#include "support/folder.h"
 
 namespace kvr::test {
 namespace {
@@ -36,26 +37,6 @@ void require(bool done, const char* what) {
         throw std::runtime_error(what);
     }
 }
-
-/// Removed with everything in it when the process ends.
-class Folder {
-  public:
-    Folder() {
-        std::string name = (std::filesystem::temp_directory_path() / "kvr-tls-XXXXXX").string();
-        require(mkdtemp(name.data()) != nullptr, "no folder for certificates");
-        path_ = name;
-    }
-    ~Folder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    Folder(const Folder&) = delete;
-    Folder& operator=(const Folder&) = delete;
-    std::string file(const std::string& name) const { return (path_ / name).string(); }
-
-  private:
-    std::filesystem::path path_;
-};
 
 /// A signed certificate; `issuer` null: self-signed.
 Cert make_cert(EVP_PKEY* key, std::string_view common_name, const Authority* issuer, long from, long until,
@@ -111,8 +92,8 @@ class Maker {
   public:
     Maker() : ca_(authority("ca", "Test CA")), other_ca_(authority("other_ca", "Other CA")) {
         using namespace std::string_view_literals;
-        made_.ca_file = folder_.file("ca.pem");
-        made_.other_ca_file = folder_.file("other_ca.pem");
+        made_.ca_file = file("ca.pem");
+        made_.other_ca_file = file("other_ca.pem");
         made_.server = identity("server", "Receiver.Test", &ca_);
         made_.client = identity("client", "Sender.Test", &ca_);
         made_.encrypted_client = identity("encrypted", "Sender.Test", &ca_, -kDay, kDay, kKeyPass);
@@ -126,22 +107,23 @@ class Maker {
     const TlsMaterial& made() const { return made_; }
 
   private:
+    [[nodiscard]] std::string file(const std::string& name) const { return folder_.path() / name; }
     Authority authority(const std::string& name, std::string_view common_name) {
         Authority made{make_key(), nullptr};
         made.cert = make_cert(made.key.get(), common_name, nullptr, -kDay, kDay, true);
-        store_cert(folder_.file(name + ".pem"), made.cert.get());
+        store_cert(file(name + ".pem"), made.cert.get());
         return made;
     }
     TlsIdentity identity(const std::string& name, std::string_view common_name, const Authority* issuer,
                          long from = -kDay, long until = kDay, std::string_view pass = {}) {
-        TlsIdentity made{folder_.file(name + ".pem"), folder_.file(name + ".key")};
+        TlsIdentity made{file(name + ".pem"), file(name + ".key")};
         const Key key = make_key();
         store_cert(made.cert_file, make_cert(key.get(), common_name, issuer, from, until, false).get());
         store_key(made.key_file, key.get(), pass);
         return made;
     }
 
-    Folder folder_;
+    TemporaryFolder folder_;
     Authority ca_;
     Authority other_ca_;
     TlsMaterial made_;

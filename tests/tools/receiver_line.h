@@ -13,7 +13,7 @@
 #include <openssl/ssl.h>
 
 #include "listener_options.h"
-#include "receiver_folder.h"
+#include "support/folder.h"
 #include "support/peer.h"
 #include "unique_fd.h"
 

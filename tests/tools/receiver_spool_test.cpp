@@ -11,8 +11,8 @@
 #include <sys/stat.h>
 
 #include "error.h"
-#include "receiver_folder.h"
 #include "spool.h"
+#include "support/folder.h"
 
 namespace kvr::test {
 namespace {

@@ -5,18 +5,19 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+
+#include <unistd.h>
 
 namespace kvr::test {
 
 class TemporaryFolder {
   public:
     TemporaryFolder() {
-        std::string name = std::filesystem::temp_directory_path() / "kvr_receiver_XXXXXX";
+        std::string name = std::filesystem::temp_directory_path() / "kvr_test_XXXXXX";
         if (::mkdtemp(name.data()) == nullptr) {
             throw std::runtime_error("mkdtemp failed");
         }
@@ -25,12 +26,15 @@ class TemporaryFolder {
     TemporaryFolder(const TemporaryFolder&) = delete;
     TemporaryFolder& operator=(const TemporaryFolder&) = delete;
     ~TemporaryFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
+        if (::getpid() == owner_) { // not the end of a forked child
+            std::error_code ignored;
+            std::filesystem::remove_all(path_, ignored);
+        }
     }
     [[nodiscard]] const std::filesystem::path& path() const { return path_; }
 
   private:
+    pid_t owner_ = ::getpid();
     std::filesystem::path path_;
 };
 
