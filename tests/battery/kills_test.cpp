@@ -100,8 +100,11 @@ TEST_P(WorkerKills, LoseNothingAndRepeatAtMostTheMessageInHand) {
         longest = std::max(longest, std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - killed));
     }
     Child worker = field.run_channel();
+    field.await_status("RUNING");
     field.await_drained();
     field.await_arrived(field.ledger().size());
+    await("the listener to read old lines to the end",
+          [&] { return field.journalled("end") + 1 == field.journalled("connect"); });
     EXPECT_EQ(worker.result_under(SIGTERM), 0);
     field.expect_all_delivered(kills);
     EXPECT_EQ(stale_readers(field, kSender), 0);
