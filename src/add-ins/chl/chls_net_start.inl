@@ -45,6 +45,15 @@ static int StartLine(void) {
     return SetObjRuning();
 }
 
+/// Holds the channel's own signals; the mask before is for the caller to restore.
+static void HoldSignals(sigset_t* ptBefore) {
+    sigset_t tHeld;
+    sigemptyset(&tHeld);
+    sigaddset(&tHeld, SIGUSR2);
+    sigaddset(&tHeld, SIGALRM);
+    sigprocmask(SIG_BLOCK, &tHeld, ptBefore);
+}
+
 /// Makes sure of a bound connection with a watcher: at once when the line is up, otherwise through a new connection.
 /// 0; -1 when connection, bind or watcher failed; -10002 when the line is up but could not be recorded.
 static int SndrNetInit(void) {
@@ -71,12 +80,8 @@ static int SndrNetInit(void) {
 
     // Until the new watcher runs, a line signal from anybody would close the new client under way, and a stray alarm
     // would break the connect off: both are held and delivered afterwards.
-    sigset_t tHeld;
     sigset_t tBefore;
-    sigemptyset(&tHeld);
-    sigaddset(&tHeld, SIGUSR2);
-    sigaddset(&tHeld, SIGALRM);
-    sigprocmask(SIG_BLOCK, &tHeld, &tBefore);
+    HoldSignals(&tBefore);
     int iRet = StartLine();
     sigprocmask(SIG_SETMASK, &tBefore, nullptr);
     return iRet;

@@ -18,7 +18,11 @@ static void Resume(void) {
         f_tTcpClient.pfnClose(&f_tTcpClient, 0);
         CHLS_LOG_OF("OnRunEventHandler", LOG_EVENT, TXT("RCVER CLOSED"));
     }
+    // A close in a handler wakes the line's watcher too; its signal must not cut the pause short.
+    sigset_t tBefore;
+    HoldSignals(&tBefore);
     sleep(CHLS_RESTART_PAUSE);
+    sigprocmask(SIG_SETMASK, &tBefore, nullptr);
     int iRet = SndrNetInit();
     if (iRet < 0) {
         CHLS_LOG_OF("OnRunEventHandler", LOG_ERR, TXT("SndrNetInit error[%d]"), iRet);

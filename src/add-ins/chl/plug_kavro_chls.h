@@ -106,6 +106,7 @@ static int StartNetChkProc(void);
 static void CheckNetStat(void);
 static void OnNetDisconn(int iSig);
 static void StopNetChkProc(const char* psFunc);
+static void HoldSignals(sigset_t* ptBefore);
 static int SndrNetInit(void);
 static void HeartBeat(int iSig);
 

@@ -8,6 +8,8 @@
 // runs with its own signal held (sigset, or sigaction without SA_NODEFER). A close from a handler makes the connection
 // unusable at once, but its descriptor number and TLS objects are given back only by the next operation on the record
 // outside a handler: a write that was interrupted can reach neither a foreign descriptor nor a released session.
+//
+// Callers ignore SIGPIPE: a write inside TLS raises it when the peer has gone.
 #pragma once
 
 #include <cstddef>

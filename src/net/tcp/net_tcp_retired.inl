@@ -27,8 +27,8 @@ enum E_SLOT_STATE { eSlotFree, eSlotBusy, eSlotFull };
 
 struct T_RETIRED {
     std::atomic<int> iState; ///< E_SLOT_STATE; busy while its fields are written or read
-    const void* pOwner;      ///< the record
     int iSocketNo;
+    const void* pOwner; ///< the record
     SSL* ssl;
     SSL_CTX* ctx;
 };
