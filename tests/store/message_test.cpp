@@ -233,8 +233,6 @@ TEST_F(StoreTest, QueuesKeepTheirMessagesApart) {
     EXPECT_EQ(code_of([&] { static_cast<void>(store_->queue_info("Q")); }), Errc::kNotFound);
     store_->queue_define("Q", "again");
     EXPECT_THAT(browse_texts(*store_, "Q"), IsEmpty());
-    put_numbers(*store_, "Q", 21, 1);
-    EXPECT_THAT(take_all(*store_, "Q"), ElementsAre("21"));
     EXPECT_EQ(code_of([&] { store_->queue_define("Q", ""); }), Errc::kExists);
     for (const char* name : {"", "a/b", "..", "-x", "two words", "new\nline", "123456789012345678901234567890123"}) {
         EXPECT_EQ(code_of([&] { store_->queue_define(name, ""); }), Errc::kInvalid) << name;

@@ -4,8 +4,6 @@
 #pragma once
 
 #include <array>
-#include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -15,10 +13,11 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include "host/children.h"
 #include "store.h"
+#include "support/folder.h"
 
 namespace kvr {
 
@@ -94,74 +93,40 @@ class Child {
   public:
     using Report = std::function<void(int)>;
 
-    explicit Child(const std::function<void(const Report&)>& work) {
-        std::array<int, 2> ends{};
-        if (::pipe(ends.data()) != 0) {
-            throw std::runtime_error("pipe");
-        }
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            ::close(ends[0]);
-            try {
-                work([&](int value) { static_cast<void>(!::write(ends[1], &value, sizeof value)); });
-            } catch (const std::exception& error) {
-                std::fprintf(stderr, "child: %s\n", error.what());
-                ::_exit(1);
-            }
-            ::_exit(0);
-        }
-        ::close(ends[1]);
-        reports_ = ends[0];
+    explicit Child(const std::function<void(const Report&)>& work)
+        : child_(test::Child::fork_off([&] {
+              ::close(ends_[0]);
+              work([&](int value) { static_cast<void>(!::write(ends_[1], &value, sizeof value)); });
+              return 0;
+          })) {
+        ::close(ends_[1]);
     }
-    ~Child() {
-        kill();
-        ::close(reports_);
-    }
+    ~Child() { ::close(ends_[0]); }
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
-    [[nodiscard]] pid_t pid() const { return pid_; }
     /// The next report; -1 when the child ended, -2 when none came within the deadline.
     int next_report() {
-        constexpr int kDeadlineMs = 30000;
-        pollfd waited{.fd = reports_, .events = POLLIN, .revents = 0};
-        if (::poll(&waited, 1, kDeadlineMs) <= 0) {
-            return -2;
-        }
+        pollfd waited{.fd = ends_[0], .events = POLLIN, .revents = 0};
         int value = 0;
-        return ::read(reports_, &value, sizeof value) == sizeof value ? value : -1;
+        return ::poll(&waited, 1, 30000) <= 0                           ? -2
+               : ::read(ends_[0], &value, sizeof value) == sizeof value ? value
+                                                                        : -1;
     }
-    void kill() {
-        if (pid_ > 0) {
-            ::kill(pid_, SIGKILL);
-            wait();
-        }
-    }
-    int wait() {
-        int status = -1;
-        while (pid_ > 0 && ::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-        }
-        pid_ = -1;
-        return status;
-    }
+    /// As test::Child.
+    int result() { return child_.result(); }
 
   private:
-    pid_t pid_ = -1;
-    int reports_ = -1;
+    std::array<int, 2> ends_ = [] {
+        std::array<int, 2> ends{};
+        EXPECT_EQ(::pipe(ends.data()), 0);
+        return ends;
+    }();
+    test::Child child_;
 };
 
 class StoreTest : public testing::Test {
   protected:
-    StoreTest() {
-        std::string name = (std::filesystem::temp_directory_path() / "kvr-store-XXXXXX").string();
-        home_ = ::mkdtemp(name.data());
-        dir_ = home_ / "QM";
-    }
-    ~StoreTest() override {
-        store_.reset();
-        std::error_code ignored;
-        std::filesystem::remove_all(home_, ignored);
-    }
     /// Without waiting for the disk: what survives kill -9 is the same, and it is what these tests look at.
     void make_store(Settings settings = {}) {
         settings.sync = false;
@@ -171,8 +136,9 @@ class StoreTest : public testing::Test {
         store_->queue_define("DEAD", "");
     }
 
-    std::filesystem::path home_;
-    std::filesystem::path dir_;
+    test::TemporaryFolder folder_;
+    std::filesystem::path home_ = folder_.path();
+    std::filesystem::path dir_ = home_ / "QM";
     std::shared_ptr<Store> store_;
 };
 

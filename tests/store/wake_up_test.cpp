@@ -115,34 +115,5 @@ TEST_F(WakeUpTest, CallersMaskHoldsInTheWait) {
     EXPECT_EQ(g_handled, 1);
 }
 
-TEST_F(WakeUpTest, NoRoundIsLostBetweenProcessesUnderSignals) {
-    constexpr int kRounds = 5000;
-    make_store();
-    Child drainer([&](const Child::Report& report) {
-        const auto getter = Store::open(dir_)->drain("Q");
-        for (int taken = 0; taken < kRounds;) {
-            const std::string text = take_text(*getter, true);
-            if (text != "-") {
-                report(std::stoi(text));
-                ++taken;
-            }
-        }
-    });
-    Child noise([&](const Child::Report&) {
-        for (;;) {
-            ::kill(drainer.pid(), SIGUSR1);
-            ::usleep(50);
-        }
-    });
-    for (int round = 0; round < kRounds; ++round) {
-        put_text(*store_, "Q", std::to_string(round));
-        ASSERT_EQ(drainer.next_report(), round);
-        if (round == kRounds / 2) {
-            noise.kill(); // the second half in quiet: each wait ends by its put alone
-        }
-    }
-    EXPECT_EQ(drainer.wait(), 0);
-}
-
 } // namespace
 } // namespace kvr
