@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 
 #include "permissions.h"
+#include "store_layout.h"
 #include "system_error.h"
 
 namespace kvr {
@@ -285,6 +286,23 @@ bool table_erase(WriteTxn& write, MDB_dbi table, std::string_view key) {
     return true;
 }
 
+namespace {
+
+/// What one transaction freed, LMDB uses again in the second one after it at the earliest. While every write fails for
+/// want of room there is no such second one: a small one makes it. False when there is no room for that either.
+bool free_what_was_freed_last(Environment& env) {
+    try {
+        WriteTxn write(env);
+        save_usage(write, load_usage(write.txn(), env));
+        write.commit();
+        return true;
+    } catch (const FullError&) {
+        return false;
+    }
+}
+
+} // namespace
+
 void write_store(Environment& env, ReserveFile& reserve, Need need, const std::function<void(WriteTxn&)>& work) {
     env.count_commit();
     constexpr int kTries = 3;
@@ -299,8 +317,9 @@ void write_store(Environment& env, ReserveFile& reserve, Need need, const std::f
             if (attempt == kTries || error.shortage() == Shortage::kQuota) {
                 throw;
             }
+            const bool aged = attempt == 1 && free_what_was_freed_last(env);
             if (need == Need::kMayFail) {
-                if (!cleared) {
+                if (!cleared && !aged) {
                     throw;
                 }
             } else if (error.shortage() == Shortage::kMap) {

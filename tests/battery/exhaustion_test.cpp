@@ -1,0 +1,377 @@
+// SPDX-License-Identifier: MIT
+// Nothing left of what the channel needs: disk, quota, descriptors, processes, a disk that does not keep data. What was
+// acknowledged stays, each failure has its line, and the work goes on by itself once there is room again.
+#include <chrono>
+#include <fstream>
+#include <thread>
+
+#include <sys/mount.h>
+#include <sys/resource.h>
+
+#include "under_shell.h"
+
+namespace kvr::test {
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+std::string contents(const fs::path& path) {
+    std::ifstream stream(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+/// A file system of 8 MiB at a folder, for as long as this lives.
+class SmallDisk {
+  public:
+    explicit SmallDisk(fs::path folder) : folder_(std::move(folder)) {
+        mounted_ = ::mount("tmpfs", folder_.c_str(), "tmpfs", 0, "size=8m") == 0;
+    }
+    ~SmallDisk() {
+        if (mounted_) {
+            (void)::umount2(folder_.c_str(), MNT_DETACH);
+        }
+    }
+    SmallDisk(const SmallDisk&) = delete;
+    SmallDisk& operator=(const SmallDisk&) = delete;
+
+    [[nodiscard]] bool mounted() const { return mounted_; }
+
+    /// Takes the last byte, and takes it again whenever it comes back.
+    void fill() {
+        std::ofstream ballast(folder_ / "ballast", std::ios::app);
+        for (const std::size_t piece : {std::size_t{4096}, std::size_t{1}}) {
+            while (ballast << std::string(piece, 'b') << std::flush) {
+            }
+            ballast.clear();
+        }
+    }
+    void give_back() { fs::remove(folder_ / "ballast"); }
+
+  private:
+    fs::path folder_;
+    bool mounted_ = false;
+};
+
+/// A field whose home, stores and logs lie on a small disk.
+class SmallField {
+  public:
+    SmallField() {
+        std::string name = (fs::temp_directory_path() / "kvr-small.XXXXXX").native();
+        folder_ = ::mkdtemp(name.data());
+        disk_.emplace(folder_);
+        const char* before = std::getenv("TMPDIR");
+        const std::string saved = before == nullptr ? "" : before;
+        (void)::setenv("TMPDIR", folder_.c_str(), 1);
+        field_.emplace();
+        (void)(before == nullptr ? ::unsetenv("TMPDIR") : ::setenv("TMPDIR", saved.c_str(), 1));
+    }
+    ~SmallField() {
+        field_.reset();
+        disk_.reset();
+        std::error_code ignored;
+        fs::remove_all(folder_, ignored);
+    }
+    SmallField(const SmallField&) = delete;
+    SmallField& operator=(const SmallField&) = delete;
+    Field& field() { return *field_; }
+    SmallDisk& disk() { return *disk_; }
+
+  private:
+    fs::path folder_;
+    std::optional<SmallDisk> disk_;
+    std::optional<Field> field_;
+};
+
+/// Puts messages until one is refused for lack of room.
+void put_until_full(Field& field) {
+    try {
+        for (;;) {
+            field.put(MessageKind::kData, 1, 30'000, 30'000);
+        }
+    } catch (const Error& error) {
+        EXPECT_EQ(error.code(), Errc::kFull) << error.what();
+    }
+}
+
+void record_seconds(const char* what, Clock::time_point since) {
+    ::testing::Test::RecordProperty(
+        what, std::to_string(std::chrono::duration<double>(Clock::now() - since).count()).substr(0, 4));
+}
+
+TEST(Exhaustion, FullDiskOfTheSender) {
+    SmallField small;
+    if (!small.disk().mounted()) {
+        GTEST_SKIP() << "no file system can be mounted here";
+    }
+    Field& sender = small.field();
+    Field other; // the receiver has a disk of its own
+    Child listener = other.listen();
+    sender.set_channel({{"CONNAME", "127.0.0.1(" + std::to_string(other.port()) + ")"}});
+    const auto judge = [&](std::uint64_t waiting) {
+        kvr::Run run;
+        run.tag = kTag;
+        run.sent = sender.ledger();
+        run.files = sender.home() / "files";
+        run.delivered = {{other.home() / kReceiver, kTarget}};
+        run.waiting = {{sender.home() / kSender, kXmitQueue}};
+        run.dead = {{sender.home() / kSender, kDeadQueue}};
+        const Verdict verdict = kvr::judge(run);
+        for (const std::string& fault : verdict.faults) {
+            ADD_FAILURE() << fault;
+        }
+        EXPECT_EQ(verdict.waiting, waiting);
+        return verdict;
+    };
+    sender.put(MessageKind::kHeaderless, 1, 100, 100);
+    put_until_full(sender);
+    small.disk().fill();
+    // A put from outside says so and leaves nothing behind.
+    Child put = other.start({"--home", sender.home().native(), "--qmgr", kSender, "put", kXmitQueue,
+                             std::string(20'000, 'x'), "--dest", kTarget});
+    EXPECT_EQ(put.result(), 1);
+    EXPECT_NE(contents(other.home() / "out").find("No space left on device"), std::string::npos);
+    judge(sender.ledger().size());
+    // The worker starts, writes its status, dead-letters, sends and commits; somebody takes every byte that it frees.
+    {
+        Child worker = sender.run_channel();
+        await("the queue to drain", [&] {
+            small.disk().fill();
+            return sender.depth() == 0;
+        });
+        other.await_arrived(sender.ledger().size() - 1);
+        EXPECT_EQ(sender.depth(kDeadQueue), 1U);
+        EXPECT_EQ(sender.status(), "RUNING");
+        EXPECT_EQ(worker.result_under(SIGTERM), 0);
+        EXPECT_EQ(sender.status(), "STOPED");
+    }
+    judge(0);
+    Child worker = sender.run_channel();
+    sender.await_status("RUNING");
+    small.disk().fill();
+    small.disk().give_back();
+    const auto since = Clock::now();
+    sender.put(MessageKind::kData, 5, 30'000, 30'000);
+    other.await_arrived(sender.ledger().size() - 1);
+    record_seconds("seconds to the first delivery after room came back", since);
+    EXPECT_EQ(worker.result_under(SIGTERM), 0);
+    EXPECT_EQ(judge(0).delivered, sender.ledger().size() - 1);
+}
+
+// Messages and files that find no room wait at the listener and behind it; getting makes room.
+TEST(Exhaustion, FullDiskOfTheReceiver) {
+    SmallField small;
+    if (!small.disk().mounted()) {
+        GTEST_SKIP() << "no file system can be mounted here";
+    }
+    Field& receiver = small.field();
+    Field sender;
+    Child listener = receiver.listen();
+    sender.set_channel({{"CONNAME", "127.0.0.1(" + std::to_string(receiver.port()) + ")"}, {"SHORTTMR", "60"}});
+    const auto out = [&] { return contents(receiver.home() / "out"); };
+    Child worker = sender.run_channel();
+    small.disk().fill();
+    sender.put(MessageKind::kAttached, 1, 100, 100);
+    sender.put(MessageKind::kData, 400, 30'000, 30'000);
+    await("the listener to say that there is no room",
+          [&] { return out().find("no room for a file [28:") != std::string::npos; });
+    EXPECT_EQ(receiver.arrived(), 0U);
+    small.disk().give_back();
+    auto since = Clock::now();
+    receiver.await_arrived(1);
+    record_seconds("seconds to the first file after room came back", since);
+    await("a full store", [&] {
+        small.disk().fill();
+        return out().find("cannot deliver") != std::string::npos;
+    });
+    // Taking messages off makes room for the next ones, with a disk that stays full.
+    kvr::Run run;
+    run.tag = kTag;
+    run.sent = sender.ledger();
+    run.files = sender.home() / "files";
+    run.delivered = {{receiver.home() / kReceiver, kTarget}};
+    run.waiting = {{sender.home() / kSender, kXmitQueue}};
+    run.cuts = 1; // what is on its way
+    run.window = cut_window() + (64U << 20U);
+    for (const std::string& fault : kvr::judge(run).faults) {
+        ADD_FAILURE() << fault;
+    }
+    Child get =
+        start_after(receiver, "exec >/dev/null; exec", {"--qmgr", kReceiver, "get", kTarget, "--count", "20", "--raw"});
+    EXPECT_EQ(get.result(), 0) << out();
+    small.disk().give_back();
+    since = Clock::now();
+    const std::uint64_t wanted = sender.ledger().size();
+    std::uint64_t taken = 20;
+    std::vector<char> buffer(kMaxMessage);
+    T_KAVRO_ACCESSORIES_MD files{};
+    const auto getter = receiver.receiver().drain(kTarget);
+    await("all messages", [&] {
+        T_KAVRO_MD descriptor{};
+        descriptor.pOptData = &files;
+        if (getter->next(descriptor, buffer, false) >= 0) {
+            ++taken;
+            EXPECT_EQ(number_of(kTag, descriptor), taken); // none missing, none twice, in order
+        }
+        return taken == wanted;
+    });
+    getter->commit();
+    record_seconds("seconds to the last message after room came back", since);
+    EXPECT_EQ(sender.depth(), 0U);
+    EXPECT_EQ(worker.result_under(SIGTERM), 0);
+    EXPECT_EQ(sender.logged("line disconnected [0]"), 0U);
+}
+
+TEST(Exhaustion, QuotaUsedUp) {
+    Field field;
+    field.sender().set_settings({.quota = 2U << 20U, .map_size = 4U << 20U});
+    field.put(MessageKind::kHeaderless, 1, 100'000, 100'000);
+    put_until_full(field);
+    const std::size_t fitted = field.ledger().size();
+    Child put = field.start({"--qmgr", kSender, "put", kXmitQueue, std::string(30'000, 'x')});
+    EXPECT_EQ(put.result(), 1);
+    EXPECT_NE(contents(field.home() / "out").find("quota"), std::string::npos);
+    Child listener = field.listen();
+    Child worker = field.run_channel();
+    field.await_arrived(fitted - 1);
+    field.await_drained();
+    EXPECT_EQ(field.depth(kDeadQueue), 1U);
+    field.put(MessageKind::kData, 10, 30'000, 30'000);
+    field.await_arrived(fitted + 9);
+    EXPECT_EQ(worker.result_under(SIGTERM), 0);
+    EXPECT_EQ(field.judge().delivered, fitted + 9);
+}
+
+TEST(Exhaustion, FewDescriptorsFromTheStart) {
+    Field field;
+    Child listener = field.listen();
+    field.set_channel({{"SHORTRTY", "1"}});
+    int worked = 0;
+    int refused = 0;
+    for (int limit = 4; limit <= 28; limit += 2) {
+        SCOPED_TRACE(limit);
+        field.put_one_of_each();
+        Child worker = run_channel_after(field, "ulimit -n " + std::to_string(limit) + "; exec");
+        bool ended = false;
+        await("the end of the worker or of the queue", [&] {
+            ended = contents("/proc/" + std::to_string(worker.pid()) + "/cmdline").empty();
+            return ended || (field.depth() == 0 && field.status() == "RUNING");
+        });
+        const int result = ended ? worker.result() : worker.result_under(SIGTERM);
+        ++(result == 0 ? worked : refused);
+        if (result != 0) {
+            const std::string said = contents(field.home() / "out") + field.log();
+            EXPECT_NE(said.find("Too many open files"), std::string::npos) << said;
+        }
+    }
+    EXPECT_GE(worked, 1);
+    EXPECT_GE(refused, 1);
+    RecordProperty("starts that worked", std::to_string(worked));
+    RecordProperty("starts refused", std::to_string(refused));
+    Child worker = field.run_channel();
+    await("all messages",
+          [&] { return field.arrived() + field.depth(kDeadQueue) >= field.ledger().size() && field.depth() == 0; });
+    const Verdict verdict = field.judge();
+    EXPECT_EQ(verdict.delivered + verdict.dead, field.ledger().size());
+    RecordProperty("dead letters", std::to_string(verdict.dead));
+}
+
+TEST(Exhaustion, FewDescriptorsWhileItRuns) {
+    Field field;
+    Child worker = [&] {
+        Child listener = field.listen();
+        Child started = field.run_channel();
+        field.await_status("RUNING");
+        rlimit before{};
+        const rlimit few{3, 1 << 12};
+        EXPECT_EQ(prlimit(started.pid(), RLIMIT_NOFILE, &few, &before), 0);
+        return started;
+    }();
+    Child listener = field.listen();
+    field.await_log("error[24:Too many open files]");
+    field.put(MessageKind::kData, 5, 100, 100);
+    EXPECT_EQ(field.depth(), 5U);
+    const rlimit enough{1 << 10, 1 << 12};
+    ASSERT_EQ(prlimit(worker.pid(), RLIMIT_NOFILE, &enough, nullptr), 0);
+    const auto since = Clock::now();
+    field.await_arrived(5);
+    record_seconds("seconds to the first delivery", since);
+    EXPECT_EQ(worker.result_under(SIGTERM), 0);
+    field.expect_all_delivered();
+}
+
+// Of a user's own: root has no such limit. No watcher can be forked, so that a new line cannot be guarded: the channel
+// ends and says so, or its message goes to the dead-letter queue; nothing is lost.
+TEST(Exhaustion, NoMoreProcesses) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "starts the worker as another user";
+    }
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer's runtime wants threads";
+#endif
+    Field field;
+    Child listener = field.listen();
+    field.put(MessageKind::kData, 5, 100, 100);
+    const std::string user = "64123";
+    fs::permissions(field.home(), fs::perms::owner_all | fs::perms::group_exec | fs::perms::others_exec);
+    for (const char* folder : {kSender, "files"}) {
+        ASSERT_EQ(std::system(("chown -R " + user + " " + (field.home() / folder).native()).c_str()), 0);
+    }
+    std::ofstream(field.home() / "log").flush();
+    ASSERT_EQ(std::system(("chown " + user + " " + (field.home() / "log").native()).c_str()), 0);
+    {
+        Child worker = run_channel_after(field, "exec setpriv --reuid=" + user + " --clear-groups prlimit --nproc=1");
+        EXPECT_EQ(worker.result(), 1);
+    }
+    EXPECT_GE(field.logged("fork error[11:Resource temporarily unavailable]"), 1U) << field.log();
+    EXPECT_EQ(field.status(), "STOPED");
+    EXPECT_EQ(field.judge().waiting, 5U);
+    Child worker = run_channel_after(field, "exec setpriv --reuid=" + user + " --clear-groups");
+    field.await_arrived(5);
+    EXPECT_EQ(worker.result_under(SIGTERM), 0);
+    field.expect_all_delivered();
+}
+
+TEST(Exhaustion, ADiskThatDoesNotKeepData) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer wants to be loaded first";
+#endif
+    Field field;
+    const fs::path switch_file = field.home() / "no-flush";
+    const Environment failing{{"LD_PRELOAD", KVR_FLUSH_FAILS_LIBRARY}, {"KVR_FLUSH_FAILS", switch_file.native()}};
+    const auto fail = [&](bool on) { on ? std::ofstream(switch_file).flush(), true : fs::remove(switch_file); };
+    // A put that cannot be flushed is not acknowledged, and not there.
+    fail(true);
+    Child put = field.start({"--qmgr", kSender, "put", kXmitQueue, "lost", "--dest", kTarget}, failing);
+    EXPECT_EQ(put.result(), 1);
+    EXPECT_NE(contents(field.home() / "out").find("Input/output error"), std::string::npos);
+    EXPECT_EQ(field.depth(), 0U);
+    fail(false);
+    // A listener keeps what it cannot store and stores it later.
+    { Child first = field.listen(); }
+    Child listener = field.start({"--qmgr", kReceiver, "listen", "--bind", "127.0.0.1", "--port",
+                                  std::to_string(field.port()), "--spool", (field.home() / "spool").native()},
+                                 failing);
+    // A worker whose deletes cannot be flushed ends, and the next one repeats nothing.
+    Child worker = run_channel_after(field, "exec", failing);
+    field.await_status("RUNING");
+    fail(true);
+    field.put(MessageKind::kData, 50, 100, 100);
+    EXPECT_EQ(worker.result(), 1);
+    EXPECT_GE(field.logged("Input/output error"), 1U);
+    await("the listener to say so",
+          [&] { return contents(field.home() / "out").find("cannot deliver") != std::string::npos; });
+    EXPECT_EQ(field.arrived(), 0U);
+    fail(false);
+    const auto since = Clock::now();
+    field.await_arrived(50);
+    record_seconds("seconds to the first delivery", since);
+    Child next = field.run_channel();
+    field.await_status("RUNING");
+    field.put(MessageKind::kData, 5, 100, 100);
+    field.await_arrived(55);
+    field.expect_all_delivered();
+}
+
+} // namespace
+} // namespace kvr::test
