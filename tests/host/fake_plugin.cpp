@@ -10,7 +10,6 @@
 #include <string>
 #include <string_view>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -123,24 +122,6 @@ int on_run() {
                 std::exit(1);
             }
         }
-    }
-    if (state() == "retries its connection") {
-        for (;;) {
-            char host[] = "127.0.0.1";
-            char address[16];
-            sockGetHostIp(host, address);
-            post('R');
-            sleep(3600);
-        }
-    }
-    if (state() == "stalls in a write") {
-        static char s_bytes[8 << 20];
-        int ends[2];
-        socketpair(AF_UNIX, SOCK_STREAM, 0, ends);
-        get();
-        post('R');
-        streamWriteNByte(s_bytes, sizeof(s_bytes), ends[0]);
-        std::exit(1);
     }
     if (state() == "gives up when interrupted") {
         get();
