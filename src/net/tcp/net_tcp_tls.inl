@@ -58,11 +58,9 @@ const char* TlsReason(int iErrno, const char* psElse = NO_REASON) {
     return psReason != nullptr ? psReason : ErrnoReason(iErrno, psElse);
 }
 
-void SetNonBlock(int iSocketNo, bool bOn) {
+bool SetNonBlock(int iSocketNo, bool bOn) {
     const int iFlags = fcntl(iSocketNo, F_GETFL);
-    if (iFlags >= 0) {
-        fcntl(iSocketNo, F_SETFL, bOn ? iFlags | O_NONBLOCK : iFlags & ~O_NONBLOCK);
-    }
+    return iFlags >= 0 && fcntl(iSocketNo, F_SETFL, bOn ? iFlags | O_NONBLOCK : iFlags & ~O_NONBLOCK) == 0;
 }
 
 /// Waits until the socket is ready for what the handshake wants: 0, or the errno of a failure.
@@ -143,7 +141,9 @@ enum E_DRAIN {
 /// when the line is lost or holds data.
 E_DRAIN Drain(SSL* ssl, int iSocketNo, bool bSeeEnd, const char** ppsReason) {
     E_DRAIN eRet = eDrainDone;
-    SetNonBlock(iSocketNo, true);
+    if (!SetNonBlock(iSocketNo, true)) {
+        return eRet; // a look could wait for ever behind the last ticket: left to the next drain
+    }
     SSL_clear_mode(ssl, SSL_MODE_AUTO_RETRY);
     for (int i = 0; i < DRAIN_RECORDS_MAX && (bSeeEnd || HasPending(ssl, iSocketNo)); i++) {
         char cData = 0;

@@ -15,7 +15,8 @@
 namespace kvr::inject {
 namespace {
 
-constexpr int kHostError = -110; ///< what the host answers when the system failed it
+constexpr int kHostError = -110;        ///< what the host answers when the system failed it
+constexpr int kFailInside = -1'000'000; ///< the wrapper makes the host itself fail
 constexpr int kMostAttributes = 32;
 constexpr std::size_t kLineSize = 4096;
 constexpr long kShortSleepNs = 2'000'000;
@@ -38,8 +39,7 @@ constexpr std::array<int, 4> errors(int first = 0, int second = 0, int third = 0
 #define SYSTEM(RESULT, NAME, ERRORS, PARAMETERS, ARGUMENTS)                                                            \
     WRAP(kSystem, RESULT, NAME, -1, false, ERRORS, PARAMETERS, ARGUMENTS)
 #define HOST(NAME, ERRORS, PARAMETERS, ARGUMENTS) WRAP(kHost, int, NAME, -1, false, ERRORS, PARAMETERS, ARGUMENTS)
-#define STORE(NAME, PARAMETERS, ARGUMENTS)                                                                             \
-    WRAP(kHost, int, NAME, kHostError, false, errors(EIO), PARAMETERS, ARGUMENTS)
+#define STORE(NAME, PARAMETERS, ARGUMENTS) WRAP(kHost, int, NAME, kHostError, false, errors(EIO), PARAMETERS, ARGUMENTS)
 
 // The line.
 SYSTEM(int, socket, errors(EMFILE, ENFILE, ENOBUFS), (int a, int b, int c), (a, b, c))
@@ -110,9 +110,7 @@ STORE(KVR_LogSetQMName, (char* a), (a))
 STORE(KVR_ObjAdd, (void* a, char* b, char* c, int d, char** e, char** f, int g), (a, b, c, d, e, f, g))
 STORE(KVR_ObjGetAttr, (void* a, char* b, char* c, int d, char** e, char** f), (a, b, c, d, e, f))
 STORE(KVR_ObjSetAttr, (void* a, char* b, char* c, int d, char** e, char** f), (a, b, c, d, e, f))
-STORE(KVR_QueOpen, (void* a, char* b, void* c, int d), (a, b, c, d))
 STORE(KVR_QueClose, (void* a, char* b, void* c, int d), (a, b, c, d))
-STORE(KVR_QueMsgPut, (void* a, void* b, void* c, void* d, char* e, int f), (a, b, c, d, e, f))
 
 // TLS.
 WRAP(kTls, int, SSL_connect, -1, false, errors(ECONNRESET), (void* a), (a))
@@ -123,6 +121,20 @@ WRAP(kTls, int, SSL_set_fd, 0, false, errors(ENOMEM), (void* a, int b), (a, b))
 WRAP(kTls, void*, SSL_new, nullptr, false, errors(ENOMEM), (void* a), (a))
 WRAP(kTls, void*, SSL_CTX_new, nullptr, false, errors(ENOMEM), (const void* a), (a))
 WRAP(kTls, void*, SSL_get0_peer_certificate, nullptr, false, errors(ENOENT), (const void* a), (a))
+
+// The host keeps the message in hand when its dead-letter queue fails: the failure has to be the host's own.
+DECLARE(kHost, int, KVR_QueOpen, false, errors(EIO), (void* a, char* b, void* c, int d)) {
+    char missing[] = "NO.SUCH.QUEUE";
+    const auto real = REAL(int, KVR_QueOpen, (void*, char*, void*, int));
+    const int result = pass<int>(call_KVR_QueOpen, kFailInside, [&] { return real(a, b, c, d); });
+    return result != kFailInside ? result : real(a, missing, c, d);
+}
+
+DECLARE(kHost, int, KVR_QueMsgPut, false, errors(EIO), (void* a, void* b, void* c, void* d, char* e, int f)) {
+    const auto real = REAL(int, KVR_QueMsgPut, (void*, void*, void*, void*, char*, int));
+    const int result = pass<int>(call_KVR_QueMsgPut, kFailInside, [&] { return real(a, b, c, d, e, f); });
+    return result != kFailInside ? result : real(a, nullptr, c, d, e, f);
+}
 
 // Calls that say where on its road the channel is.
 DECLARE(kHost, int, KVR_InitQmgrCtx, false, errors(EIO), (void* context, char* name)) {
@@ -142,10 +154,9 @@ DECLARE(kHost, int, KVR_QueMsgGet, false, errors(EIO), (void* a, void* b, void* 
 }
 
 DECLARE(kSystem, int, ppoll, false, errors(EINTR, ENOMEM), (void* a, unsigned long b, const void* c, const void* d)) {
-    on_wait();
-    const int ready = pass<int>(call_ppoll, -1, [&] {
-        return REAL(int, ppoll, (void*, unsigned long, const void*, const void*))(a, b, c, d);
-    });
+    on_wait(call_ppoll);
+    const int ready = pass<int>(
+        call_ppoll, -1, [&] { return REAL(int, ppoll, (void*, unsigned long, const void*, const void*))(a, b, c, d); });
     on_wake(ready);
     return ready;
 }
@@ -158,10 +169,10 @@ DECLARE(kSystem, pid_t, fork, false, errors(EAGAIN, ENOMEM), ()) {
     return child;
 }
 
-/// The real pauses of a channel are seconds.
+/// The real pauses of a channel are seconds; they are left alone until the first attack.
 DECLARE(kSystem, unsigned, sleep, false, errors(), (unsigned seconds)) {
     return pass<unsigned>(call_sleep, 0, [&]() -> unsigned {
-        if (!is_worker()) {
+        if (!is_attacked()) {
             return REAL(unsigned, sleep, (unsigned))(seconds);
         }
         const timespec pause{0, kShortSleepNs};
@@ -215,8 +226,7 @@ static int pass_list(Call& call, Call& plain, void* handle, char* cls, char* nam
 DECLARE(kHost, int, KVR_ObjGetAttrV, false, errors(EIO), (void* handle, char* cls, char* name, int count, ...)) {
     va_list arguments;
     va_start(arguments, count);
-    const int result =
-        pass_list(call_KVR_ObjGetAttrV, call_KVR_ObjGetAttr, handle, cls, name, count, arguments);
+    const int result = pass_list(call_KVR_ObjGetAttrV, call_KVR_ObjGetAttr, handle, cls, name, count, arguments);
     va_end(arguments);
     return result;
 }
@@ -224,8 +234,7 @@ DECLARE(kHost, int, KVR_ObjGetAttrV, false, errors(EIO), (void* handle, char* cl
 DECLARE(kHost, int, KVR_ObjSetAttrV, false, errors(EIO), (void* handle, char* cls, char* name, int count, ...)) {
     va_list arguments;
     va_start(arguments, count);
-    const int result =
-        pass_list(call_KVR_ObjSetAttrV, call_KVR_ObjSetAttr, handle, cls, name, count, arguments);
+    const int result = pass_list(call_KVR_ObjSetAttrV, call_KVR_ObjSetAttr, handle, cls, name, count, arguments);
     va_end(arguments);
     return result;
 }

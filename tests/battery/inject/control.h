@@ -18,9 +18,10 @@ enum class Phase : int {
 };
 
 enum class Trigger : int {
-    kMessage,   ///< the wait for a message ends, or a message was got without one
-    kHeartbeat, ///< the plug-in's alarm handler begins
-    kStart,     ///< the plug-in attaches to its queue manager
+    kMessage, ///< the wait for a message ends, or a message was got without one
+    kHandler, ///< one of the plug-in's handlers begins
+    kStart,   ///< the plug-in attaches to its queue manager
+    kStop,    ///< a signal of the host's ends the wait for a message
 };
 
 enum class Action : int {
@@ -37,9 +38,9 @@ struct Attack {
     Trigger trigger = Trigger::kMessage;
     Action action = Action::kBefore;
     int kinds = kAnyKind;
-    int target = 0;        ///< the n-th call, from 1, or the first one after it that can end so; 0: none
-    int signal = 0;        ///< kBefore, kAfter, kInterrupt
-    int error = 0;         ///< kFail: which of the call's plausible errors, from 0
+    int target = 0; ///< the n-th call, from 1, or the first one after it that can end so; 0: none
+    int signal = 0; ///< kBefore, kAfter, kInterrupt
+    int error = 0;  ///< kFail: which of the call's plausible errors, from 0
 };
 
 struct Control {

@@ -2,6 +2,7 @@
 #include "injector.h"
 
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <stdexcept>
 #include <thread>
@@ -45,7 +46,7 @@ Environment Injector::environment() const {
 
 void Injector::arm(const inject::Attack& attack) {
     Control& control = *control_;
-    control.phase = Phase::kIdle;
+    control.phase = Phase::kDone;
     control.attack = attack;
     control.calls = 0;
     control.fired = 0;
@@ -74,6 +75,11 @@ void Injector::expect_no_finding() const {
     EXPECT_EQ(control_->closed_in_handler, 0) << control_->finding;
     EXPECT_EQ(control_->foreign_bytes, 0) << control_->finding;
     EXPECT_EQ(control_->foreign_closes, 0) << control_->finding;
+}
+
+int end_listener(Child& listener) {
+    ::kill(listener.pid(), SIGTERM);
+    return listener.result();
 }
 
 bool has_ended(const Child& child) {

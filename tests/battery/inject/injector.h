@@ -23,8 +23,9 @@ class Injector {
     [[nodiscard]] inject::Control& control() { return *control_; }
     [[nodiscard]] const inject::Control& control() const { return *control_; }
 
+    /// From the first attack on the channel's pauses are short.
     void arm(const inject::Attack& attack);
-    void disarm() { control_->phase = inject::Phase::kIdle; }
+    void disarm() { control_->phase = inject::Phase::kDone; }
     /// Waits until the channel waits for its next message; false when the worker ended instead. Fails the test when
     /// neither happens.
     bool done(const Child& worker, const std::string& what);
@@ -35,6 +36,9 @@ class Injector {
     std::filesystem::path file_;
     inject::Control* control_;
 };
+
+/// Asks the listener once to end, which it does when everything that came is on its queue; its status.
+int end_listener(Child& listener);
 
 /// True once the process has ended (it stays to be reaped).
 bool has_ended(const Child& child);

@@ -59,15 +59,16 @@ Result pass(Call& call, Result failure, Real real) {
 }
 
 // Events of the road.
-void on_wait();                ///< the get is about to wait for a message
-void on_wake(int ready);       ///< its wait ended
-void on_message();             ///< the get returned a message
-void on_start();               ///< the plug-in starts up
-void on_fork_in_child();       ///< from here on this process is no worker
-void note_heap();              ///< memory was allocated or released
-void note_close();             ///< a descriptor is given back
+void on_wait(const Call& call); ///< the get is about to wait for a message
+void on_wake(int ready);        ///< its wait ended
+void on_message();              ///< the get returned a message
+void on_start();                ///< the plug-in starts up
+void on_fork_in_child();        ///< from here on this process is no worker
+void note_heap();               ///< memory was allocated or released
+void note_close();              ///< a descriptor is given back
 void wrap_handler(int, void (*handler)(int));
 void (*trampoline_of(int))(int);
 bool is_worker();
+bool is_attacked(); ///< a worker, and armed at least once
 
 } // namespace kvr::inject

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The preloaded library's decisions: when calls are counted, what happens at the chosen one, and what must never happen.
+// The preloaded library's decisions: when calls are counted, what happens at the chosen one, and what must never
+// happen.
 //
 // Runs in the worker's main thread, in its main flow and in its handlers: no heap, no stdio. A forked watcher and other
 // threads pass through untouched.
@@ -115,9 +116,7 @@ void begin(Trigger trigger) {
 void trampoline(int signal) {
     g_depth = g_depth + 1;
     ++g_control->handled;
-    if (signal == SIGALRM) {
-        begin(Trigger::kHeartbeat);
-    }
+    begin(Trigger::kHandler);
     g_handlers[signal](signal);
     g_depth = g_depth - 1;
 }
@@ -198,6 +197,10 @@ bool is_worker() {
     return g_control != nullptr && pthread_self() == g_main;
 }
 
+bool is_attacked() {
+    return is_worker() && g_control->phase != Phase::kIdle;
+}
+
 Verdict on_entry(Call& call) {
     if (!is_worker()) {
         return Verdict::kPass;
@@ -220,13 +223,13 @@ void on_return_with_signal() {
     raise_here(g_control->attack.signal);
 }
 
-void on_wait() {
+void on_wait(const Call& call) {
     if (!is_worker() || g_control->phase != Phase::kCounting) {
         return;
     }
     const Attack& plan = g_control->attack;
     const bool now = g_control->fired == 0 && (plan.kinds & kSystem) != 0 && plan.target > 0 &&
-                     g_control->calls + 1 >= plan.target;
+                     g_control->calls + 1 >= plan.target && suits(call, plan);
     if (!now) {
         finish();
     } else if (plan.action == Action::kAfter) {
@@ -235,8 +238,8 @@ void on_wait() {
 }
 
 void on_wake(int ready) {
-    if (ready > 0) {
-        begin(Trigger::kMessage);
+    if (ready != 0) {
+        begin(ready > 0 ? Trigger::kMessage : Trigger::kStop);
     }
 }
 
