@@ -114,6 +114,29 @@ TEST_P(WorkerKills, LoseNothingAndRepeatAtMostTheMessageInHand) {
     RecordProperty("longest life of a watcher in ms", std::to_string(longest.count()));
 }
 
+TEST_F(Kills, OfTheWorkerKeepTheOrderOfWhatTheListenerHasNotRead) {
+    Field field;
+    Child listener = field.listen();
+    {
+        Child worker = field.run_channel();
+        field.put(MessageKind::kData, 1, 10, 10);
+        field.await_arrived(1);
+        ::kill(listener.pid(), SIGSTOP);
+        field.put(MessageKind::kData, 100, 10000, 10000);
+        field.await_log("real size[", 101);
+        kill_now(worker);
+    }
+    Child worker = field.run_channel();
+    field.put(MessageKind::kData, 100, 1000, 1000);
+    field.await_log("real size[", 201);
+    ::kill(listener.pid(), SIGCONT);
+    field.await_drained();
+    field.await_arrived(201);
+    EXPECT_EQ(worker.result_under(SIGTERM), 0);
+    await("both lines' ends", [&] { return field.journalled("end") == 2; });
+    field.expect_all_delivered(1);
+}
+
 TEST_F(Kills, OfThePutterKeepWhatWasPut) {
     Field field;
     Child listener = field.listen();

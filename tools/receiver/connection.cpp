@@ -127,6 +127,10 @@ std::size_t Connection::read_limit(Clock::time_point now) const {
     if (state_ == State::kDropping) {
         return limit;
     }
+    if (channel_.empty()) {
+        // Nothing behind the bind frame: its channel decides when the rest is read.
+        limit = received_ < sizeof(T_KAVRO_CHL_HDR) ? sizeof(T_KAVRO_CHL_HDR) - received_ : 1;
+    }
     for (const auto& at : {awkward_.close_after, awkward_.reset_after, awkward_.stall_after}) {
         if (at) {
             limit = std::min(limit, *at - received_);

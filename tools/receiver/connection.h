@@ -54,6 +54,12 @@ class Connection final : public FrameSink {
     [[nodiscard]] Clock::time_point last_bytes() const { return last_bytes_; }
     [[nodiscard]] bool in_handshake() const { return state_ == State::kHandshake; }
     [[nodiscard]] Clock::time_point started() const { return started_; }
+    [[nodiscard]] bool bound() const { return !channel_.empty(); }
+    /// Takes in messages, and has the channel and the peer's address of `other`, which are known after the bind frame.
+    [[nodiscard]] bool serves_sender_of(const Connection& other) const {
+        return (state_ == State::kOpen || state_ == State::kDraining) && bound() && channel_ == other.channel_ &&
+               host() == other.host();
+    }
     [[nodiscard]] std::size_t memory() const { return splitter_.memory() + left_.capacity(); }
 
     /// @param ready     poll's events for the socket
@@ -91,6 +97,7 @@ class Connection final : public FrameSink {
     [[nodiscard]] bool reading() const {
         return state_ == State::kOpen || state_ == State::kDraining || state_ == State::kDropping;
     }
+    [[nodiscard]] std::string_view host() const { return std::string_view(peer_).substr(0, peer_.rfind(':')); }
     [[nodiscard]] std::size_t read_limit(Clock::time_point now) const;
     void shake_hands(Clock::time_point now);
     void check_timers(Clock::time_point now);

@@ -29,6 +29,11 @@ constexpr std::chrono::seconds kSilence{10}; ///< in mid-message, while memory i
 constexpr std::chrono::milliseconds kGroupTime{20};
 constexpr std::chrono::seconds kRetryTime{1}; ///< between tries of a store that is full, or of accept
 constexpr std::chrono::seconds kStopTime{2};
+/// A new line waits for an old one of its sender at most so long: until that is silent, and in all, because it could be
+/// another sender of the same name.
+constexpr std::chrono::milliseconds kOldLineSilence{500};
+constexpr std::chrono::seconds kOldLineTime{5};
+constexpr std::chrono::milliseconds kOldLineLook{20};
 constexpr int kAcceptBatch = 64;
 /// Each costs some 60 KiB until it is done; whoever takes longer than this makes room while others wait for it.
 constexpr std::size_t kMaxHandshakes = 256;
@@ -75,6 +80,8 @@ class Listener {
     }
     [[nodiscard]] bool all_accepted() const { return options_.once != 0 && accepted_ == options_.once; }
     [[nodiscard]] bool finished() const { return (stopping_ || all_accepted()) && connections_.empty(); }
+    [[nodiscard]] bool behind_old_line(const Connection& connection, Clock::time_point now) const;
+    [[nodiscard]] bool held_back(const Connection& connection, Clock::time_point now) const;
     std::size_t fill_polls(Clock::time_point now);
     [[nodiscard]] int poll_time(Clock::time_point now) const;
     void accept_all();
@@ -162,6 +169,19 @@ int Listener::run() {
     return end();
 }
 
+/// A sender that was killed begins anew while messages of its old line are still to be read: they come first.
+bool Listener::behind_old_line(const Connection& connection, Clock::time_point now) const {
+    return connection.bound() && now - connection.started() < kOldLineTime &&
+           std::any_of(connections_.begin(), connections_.end(), [&](const auto& older) {
+               return older->id() < connection.id() && older->serves_sender_of(connection) &&
+                      now - older->last_bytes() < kOldLineSilence;
+           });
+}
+
+bool Listener::held_back(const Connection& connection, Clock::time_point now) const {
+    return delivery_.blocked() || (favoured_ != 0 && favoured_ != connection.id()) || behind_old_line(connection, now);
+}
+
 std::size_t Listener::fill_polls(Clock::time_point now) {
     polls_.clear();
     polls_.push_back({signals_.fd(), POLLIN, 0});
@@ -172,9 +192,8 @@ std::size_t Listener::fill_polls(Clock::time_point now) {
     }
     crowded_told_ = crowded;
     for (const auto& connection : connections_) {
-        const bool held_back = delivery_.blocked() || (favoured_ != 0 && favoured_ != connection->id());
         short events = connection->events(now);
-        if (held_back && events == POLLIN) {
+        if (events == POLLIN && held_back(*connection, now)) {
             events = 0;
         }
         // A socket that is polled for nothing would still report its end, over and over.
@@ -198,8 +217,11 @@ int Listener::poll_time(Clock::time_point now) const {
     }
     next = std::min(next, relieve_at_);
     for (const auto& connection : connections_) {
-        if (connection->pending() && !delivery_.blocked() && (favoured_ == 0 || favoured_ == connection->id())) {
+        if (connection->pending() && !held_back(*connection, now)) {
             return 0;
+        }
+        if (behind_old_line(*connection, now)) {
+            next = std::min(next, now + kOldLineLook);
         }
         next = std::min(next, connection->next_timer());
     }
@@ -243,14 +265,14 @@ bool Listener::work_all(Clock::time_point now) {
     for (std::size_t i = 0; i < connections_.size(); ++i) {
         Connection& connection = *connections_[i];
         const short ready = polls_.size() > i + 2 ? polls_[i + 2].revents : static_cast<short>(0);
-        const bool held_back = delivery_.blocked() || (favoured_ != 0 && favoured_ != connection.id());
-        const bool readable = (ready != 0 || connection.pending()) && !held_back;
+        const bool may_read = !held_back(connection, now);
+        const bool readable = (ready != 0 || connection.pending()) && may_read;
         if (!readable && ready == 0 && connection.next_timer() > now) {
             continue;
         }
         worked = worked || readable;
         const std::size_t before = connection.memory();
-        connection.work(now, ready, !held_back);
+        connection.work(now, ready, may_read);
         memory_ += connection.memory() - before;
         if (memory_ > kMemoryBudget && favoured_ == 0) {
             favoured_ = connection.id(); // it may go on; relieve_memory chooses better
