@@ -1,6 +1,4 @@
 // SPDX-License-Identifier: MIT
-#include <gtest/gtest.h>
-
 #include "net_tcp/client.h"
 
 #include <atomic>
@@ -95,6 +93,19 @@ Handler::~Handler() {
 
 int Handler::runs() {
     return handler_runs;
+}
+
+Pestering::Pestering()
+    : thread_([this, main_thread = pthread_self()] {
+          EXPECT_TRUE(wait_until([&] {
+              pthread_kill(main_thread, SIGUSR2);
+              return ended_.load();
+          }));
+      }) {}
+
+Pestering::~Pestering() {
+    ended_ = true;
+    thread_.join();
 }
 
 const std::string& huge_data() {

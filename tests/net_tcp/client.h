@@ -2,10 +2,14 @@
 // A client record for tests, with everything it logged.
 #pragma once
 
+#include <atomic>
 #include <csignal>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "net_tcp_client.h"
 #include "support/peer.h"
@@ -47,6 +51,33 @@ class Client {
 
   private:
     int tls_option_;
+};
+
+/// A suite that runs over carriers.
+class CarrierTest : public testing::TestWithParam<Carrier> {
+  protected:
+    static PeerOptions options() {
+        PeerOptions made;
+        made.carrier = GetParam();
+        return made;
+    }
+    static bool tls() { return GetParam() != Carrier::kPlain; }
+};
+inline std::string carrier_of(const testing::TestParamInfo<Carrier>& info) {
+    return carrier_name(info.param);
+}
+
+/// Sends SIGUSR2 to the thread that made it, again and again, until it goes.
+class Pestering {
+  public:
+    Pestering();
+    ~Pestering();
+    Pestering(const Pestering&) = delete;
+    Pestering& operator=(const Pestering&) = delete;
+
+  private:
+    std::atomic<bool> ended_ = false;
+    std::thread thread_;
 };
 
 template <std::size_t N>

@@ -66,16 +66,9 @@ Client* handled = nullptr;
 int result = 0;
 int decoy[2] = {-1, -1};
 
-class HandlerTest : public testing::TestWithParam<Carrier> {
-  protected:
-    static PeerOptions options() {
-        PeerOptions made;
-        made.carrier = GetParam();
-        return made;
-    }
-};
+using HandlerTest = CarrierTest;
 INSTANTIATE_TEST_SUITE_P(Carriers, HandlerTest, testing::Values(Carrier::kPlain, Carrier::kTls12, Carrier::kTls13),
-                         [](const auto& row) { return std::string(carrier_name(row.param)); });
+                         carrier_of);
 
 void count_write() {
     static char frame[75];

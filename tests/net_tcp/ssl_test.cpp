@@ -41,7 +41,6 @@ TEST(SslInitCtx, SaysWhatIsWrongOnOneLine) {
         std::string line;
     } cases[] = {
         {"client", made.ca_file, plain.cert_file, plain.key_file, "", NET_TCP_SSL_CLIENT, ""},
-        {"server", made.ca_file, plain.cert_file, plain.key_file, "", 0, ""},
         {"no files", "", "", "", "", NET_TCP_SSL_CLIENT | NET_TCP_SSL_NO_FILES, ""},
         {"phrase", made.ca_file, locked.cert_file, locked.key_file, kKeyPass, NET_TCP_SSL_CLIENT, ""},
         {"wrong phrase", made.ca_file, locked.cert_file, locked.key_file, "no", NET_TCP_SSL_CLIENT,
@@ -49,7 +48,6 @@ TEST(SslInitCtx, SaysWhatIsWrongOnOneLine) {
         {"null phrase", made.ca_file, locked.cert_file, locked.key_file, "", NET_TCP_SSL_CLIENT,
          "SSL_CTX_use_PrivateKey_file[" + locked.key_file + "] error\n"},
         {"certificate", made.ca_file, "/none", plain.key_file, "", 0, "SSL_CTX_use_certificate_file[/none] error\n"},
-        {"key", made.ca_file, plain.cert_file, "/none", "", 0, "SSL_CTX_use_PrivateKey_file[/none] error\n"},
         {"CA", "/none", plain.cert_file, plain.key_file, "", 0, "SSL_CTX_load_verify_locations error\n"},
         {"name too long for the line", "", long_name, "", "", 0,
          ("SSL_CTX_use_certificate_file[" + long_name).substr(0, 1022) + "\n"},
@@ -105,15 +103,12 @@ TEST(SslCheckCert, ComparesTheCommonNameOnlyWhenAsked) {
         int options;
         int result;
     } cases[] = {
-        {"not asked", made.server, "other", 0, 0},
         {"same but for case", made.server, "rECEIVER.tEST", NET_TCP_SSL_CHECK_CN, 0},
         {"other", made.server, "Receiver.Tes", NET_TCP_SSL_CHECK_CN, -2},
         {"null", made.server, nullptr, NET_TCP_SSL_CHECK_CN, -2},
         {"none is the empty text", made.nameless_server, "", NET_TCP_SSL_CHECK_CN, 0},
-        {"none is no other text", made.nameless_server, "x", NET_TCP_SSL_CHECK_CN, -2},
         {"NUL inside", made.nul_name_server, "Receiver.Test", NET_TCP_SSL_CHECK_CN, -2},
         {"untrusted", made.foreign_server, "Receiver.Test", NET_TCP_SSL_CHECK_CN, -1},
-        {"expired", made.expired_server, nullptr, 0, -1},
     };
     for (const auto& row : cases) {
         SCOPED_TRACE(row.name);
@@ -155,10 +150,6 @@ TEST(SslReadWriteN, ExactLengthsAndEnds) {
         CaptureStderr();
         EXPECT_EQ(netTcpSSLWriteN(data, 10, pair.near.get()), 0);
         EXPECT_EQ(GetCapturedStderr(), "write len[10] writelen[0]\n");
-
-        const Pair cut(tls_material().server, version); // no closing alert
-        cut.leave();
-        EXPECT_EQ(netTcpSSLReadN(buffer, 10, &done, cut.near.get()), 0);
 
         const Pair broken(tls_material().server, version);
         char noise[] = "\x17\x03\x03\x00\x20 no record of this connection at all";

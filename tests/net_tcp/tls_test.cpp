@@ -15,16 +15,8 @@ namespace {
 
 using testing::HasSubstr;
 
-class TlsTest : public testing::TestWithParam<Carrier> {
-  protected:
-    static PeerOptions options() {
-        PeerOptions made;
-        made.carrier = GetParam();
-        return made;
-    }
-};
-INSTANTIATE_TEST_SUITE_P(Carriers, TlsTest, testing::Values(Carrier::kTls12, Carrier::kTls13),
-                         [](const auto& row) { return std::string(carrier_name(row.param)); });
+using TlsTest = CarrierTest;
+INSTANTIATE_TEST_SUITE_P(Carriers, TlsTest, testing::Values(Carrier::kTls12, Carrier::kTls13), carrier_of);
 
 TEST_P(TlsTest, JudgesThePeerBeforeAnyDataGoesOut) {
     const TlsMaterial& material = tls_material();
@@ -79,32 +71,6 @@ TEST(TlsPeer, WithoutACertificateIsRefused) {
     EXPECT_EQ(client.error(), "netTcpSSLCheckCert error[peer has no certificate]");
 }
 
-TEST_P(TlsTest, ShowsItsCertificateWhenAsked) {
-    PeerOptions made = options();
-    made.ask_client_cert = true;
-    std::string received;
-    {
-        Peer peer(made, [&](PeerConnection& connection) { received = connection.read_all(); });
-        Client client(GetParam());
-        ASSERT_TRUE(client.up(peer)) << client.error();
-        EXPECT_EQ(client.write("hello"), 5);
-    }
-    EXPECT_EQ(received, "hello");
-
-    // Without one, TLS 1.2 fails in the handshake; with 1.3 the refusal follows it and meets the next operations.
-    Peer peer(made, [](PeerConnection&) {});
-    Client client(GetParam());
-    ASSERT_EQ(client.init(NET_TCP_SSL_NO_FILES), 0);
-    SSL_CTX_load_verify_locations(client.record.ctx, tls_material().ca_file.c_str(), nullptr);
-    if (client.connect(peer) == 0) {
-        ASSERT_EQ(GetParam(), Carrier::kTls13);
-        ASSERT_TRUE(wait_until([&] { return client.pending() > 0; }));
-        EXPECT_EQ(client.write("hello"), -1);
-        EXPECT_EQ(client.record.iErrorCode, -1);
-    }
-    EXPECT_THAT(client.error(), testing::AnyOf(HasSubstr("certificate required"), HasSubstr("handshake failure")));
-}
-
 TEST(TlsHandshake, WithAPlainPeerFailsReadably) {
     Peer peer({}, [](PeerConnection& connection) {
         connection.write("220 good morning, this is no TLS\r\n");
@@ -120,29 +86,16 @@ TEST(TlsHandshake, WithAPlainPeerFailsReadably) {
 TEST(TlsHandshake, WithASilentPeerEndsByTheSendTimeOutOrASignal) {
     Event done;
     Peer peer({}, [&](PeerConnection&) { EXPECT_TRUE(done.wait()); });
-    const std::string start = "SSL_connect[127.0.0.1:" + std::to_string(peer.port()) + "] error[";
-    {
-        Client client(Carrier::kTls13);
-        client.record.iSndTimeOut = 1;
-        ASSERT_EQ(client.init(NET_TCP_OPT_SNDTIMEO), 0);
-        EXPECT_EQ(client.connect(peer), -1);
-        EXPECT_EQ(client.error(), start + "timed out]");
-    }
-    Client client(Carrier::kTls13);
     const Handler handler([] {});
-    ASSERT_EQ(client.init(), 0);
-    std::atomic<bool> ended = false;
-    const pthread_t main_thread = pthread_self();
-    std::thread signals([&] {
-        EXPECT_TRUE(wait_until([&] {
-            pthread_kill(main_thread, SIGUSR2);
-            return ended.load();
-        }));
-    });
-    EXPECT_EQ(client.connect(peer), -1);
-    ended = true;
-    signals.join();
-    EXPECT_THAT(client.error(), testing::HasSubstr("nterrupted")); // in the handshake, or in the connect before it
+    for (const bool timed : {true, false}) {
+        Client client(Carrier::kTls13);
+        client.record.iSndTimeOut = timed ? 1 : 0;
+        ASSERT_EQ(client.init(timed ? NET_TCP_OPT_SNDTIMEO : 0), 0);
+        const auto signals = timed ? nullptr : std::make_unique<Pestering>();
+        EXPECT_EQ(client.connect(peer), -1);
+        // A signal ends the handshake, or the connect before it.
+        EXPECT_THAT(client.error(), HasSubstr(timed ? "] error[timed out]" : "nterrupted"));
+    }
     done.set();
 }
 
@@ -215,24 +168,15 @@ TEST(TlsTickets, LeftUnreadDoNotTakeDataAwayFromASlowReader) {
 }
 
 TEST_P(TlsTest, WhatTheReceiverSaysMeansALostLine) {
-    const struct {
-        const char* name;
-        void (*say)(PeerConnection&);
-        const char* reason;
-    } cases[] = {
-        {"data", [](PeerConnection& connection) { connection.write("?"); }, "receiver sent data"},
-        {"close alert", [](PeerConnection& connection) { connection.send_close_alert(); }, "connection closed by peer"},
-    };
-    for (const auto& row : cases) {
+    for (const bool data : {true, false}) {
         for (const int size : {0, 75}) {
-            SCOPED_TRACE(row.name);
             Event done;
             Event told;
             PeerOptions made = options();
             made.tickets = 0;
             Peer peer(made, [&](PeerConnection& connection) {
                 EXPECT_TRUE(told.wait());
-                row.say(connection);
+                data ? void(connection.write("?")) : connection.send_close_alert();
                 EXPECT_TRUE(done.wait());
             });
             Client client(GetParam());
@@ -242,35 +186,12 @@ TEST_P(TlsTest, WhatTheReceiverSaysMeansALostLine) {
             logged_lines().clear();
             EXPECT_EQ(client.write(std::string(static_cast<std::size_t>(size), 'x')), -1);
             EXPECT_EQ(client.record.iErrorCode, -1);
-            EXPECT_EQ(client.error(), "write[" + std::to_string(size) + "] ret[-1] error[" + row.reason + "]");
+            EXPECT_EQ(client.error(), "write[" + std::to_string(size) + "] ret[-1] error[" +
+                                          (data ? "receiver sent data]" : "connection closed by peer]"));
             EXPECT_EQ(logged_lines().at(0).level, 1);
             done.set();
         }
     }
-}
-
-TEST(TlsKeyUpdate, OfThePeerBreaksNothing) {
-    std::string received;
-    {
-        PeerOptions made;
-        made.carrier = Carrier::kTls13;
-        Peer peer(made, [&](PeerConnection& connection) {
-            for (int i = 0; i < 3; i++) {
-                received += connection.read(4);
-                connection.update_keys();
-            }
-            received += connection.read_all();
-        });
-        Client client(Carrier::kTls13);
-        ASSERT_TRUE(client.up(peer));
-        for (int i = 0; i < 3; i++) {
-            ASSERT_EQ(client.write("data"), 4) << client.error();
-            ASSERT_TRUE(wait_until([&] { return client.pending() > 0; }));
-            ASSERT_EQ(client.write(""), 0) << client.error();
-        }
-        EXPECT_EQ(client.write("last"), 4);
-    }
-    EXPECT_EQ(received, "datadatadatalast");
 }
 
 /// The reader takes a little now and then, far more often than the send time-out: it must not hold a write for ever.
@@ -315,21 +236,13 @@ TEST_P(TlsTest, SignalsDoNotEndAStalledWriteButWhereTheHostCannotStopIt) {
         ASSERT_TRUE(client.up(peer)) << client.error();
         ASSERT_EQ(client.write(data), static_cast<int>(data.size())) << client.error();
         ASSERT_TRUE(stalled.wait());
-        std::atomic<bool> ended = false;
-        std::thread signals([&] {
-            EXPECT_TRUE(wait_until([&] {
-                pthread_kill(main_thread, SIGUSR2);
-                return ended.load();
-            }));
-        });
+        const Pestering signals;
         sigset_t held;
         sigemptyset(&held);
         sigaddset(&held, SIGALRM);
         pthread_sigmask(SIG_BLOCK, &held, nullptr);
         EXPECT_EQ(client.write(data), -1);
         pthread_sigmask(SIG_UNBLOCK, &held, nullptr);
-        ended = true;
-        signals.join();
         EXPECT_THAT(client.error(), testing::EndsWith("error[interrupted]"));
         go_on.set();
     }

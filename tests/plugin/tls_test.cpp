@@ -37,6 +37,7 @@ class Tls : public ChannelTest {
                   {"KEYPASS", kKeyPass},
                   {"DEADQ", "DLQ"}};
         receiver_.carrier = Carrier::kTls13;
+        receiver_.ask_client_cert = true;
     }
 };
 

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: MIT
-// The store as files: modes, owners, versions, damage, a quota used up, a disk that is full, memory that stays flat.
+// The store as files: modes, owners, versions, damage, a quota used up.
 #include <fstream>
 
 #include <gmock/gmock.h>
 #include <lmdb.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include "keys.h"
@@ -14,7 +13,6 @@ namespace kvr {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::ElementsAre;
 
 using EnvironmentTest = StoreTest;
 
@@ -153,50 +151,6 @@ TEST_F(EnvironmentTest, QuotaStopsPutsAndItsRoomComesBackWhole) {
     }
     store_->set_settings({.quota = 4UL << 20, .map_size = 8UL << 20, .sync = false});
     EXPECT_GT(fill(), fitted);
-}
-
-TEST_F(EnvironmentTest, FullDiskStopsPutsAndNothingElse) {
-    const fs::path mount = home_ / "small";
-    fs::create_directory(mount);
-    if (::mount("tmpfs", mount.c_str(), "tmpfs", 0, "size=8m") != 0) {
-        GTEST_SKIP() << "no file system of 8 MiB can be mounted here";
-    }
-    const std::shared_ptr<void> unmount(nullptr, [&](void*) {
-        store_.reset();
-        ::umount2(mount.c_str(), MNT_DETACH);
-    });
-    dir_ = mount / "QM";
-    make_store();
-    const std::string large(20000, 'x');
-    int count = 0;
-    while (code_of([&] { put_text(*store_, "Q", large); }) == Errc{}) {
-        ++count;
-    }
-    EXPECT_GT(count, 100);
-    std::ofstream ballast(mount / "ballast");
-    while (ballast << std::string(4096, 'b') << std::flush) { // and nothing is left
-    }
-    EXPECT_EQ(code_of([&] { put_text(*store_, "Q", large); }), Errc::kFull);
-    store_->object_add("CHS", "C", {{"PID", "1"}, {"STATUS", "RUNING"}});
-    {
-        const auto getter = store_->drain("Q");
-        ASSERT_EQ(take_text(*getter), large);
-        getter->hold("test");
-        for (int i = 2; i < count; ++i) {
-            ASSERT_EQ(take_text(*getter), large);
-        }
-        getter->commit();
-        EXPECT_EQ(store_->queue_info("Q").depth, 2U);
-        const T_KAVRO_MD descriptor = blank_descriptor();
-        ASSERT_EQ(take_text(*getter), large);
-        getter->put_instead("DEAD", {&descriptor, {}, large});
-    }
-    store_->release_held("Q");
-    EXPECT_EQ(take_all(*store_, "Q").size(), 1U);
-    ballast.close();
-    fs::remove(mount / "ballast");
-    put_text(*store_, "Q", large); // room is back: puts go on
-    EXPECT_THAT(take_all(*store_, "Q"), ElementsAre(large));
 }
 
 TEST_F(EnvironmentTest, ObjectsChangeAsAWholeOrNotAtAll) {

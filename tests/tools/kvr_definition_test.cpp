@@ -25,13 +25,6 @@ class KvrDefinition : public ::testing::Test {
     ProgramHome home_;
 };
 
-TEST_F(KvrDefinition, ANewQueueManagerIsPrivateAndHasADeadLetterQueue) {
-    EXPECT_EQ(home_.json({"show", "qmgr"})["DEADQ"], "DEAD.LETTER.QUEUE");
-    EXPECT_EQ(home_.json({"show", "queue", "DEAD.LETTER.QUEUE"}).size(), 1U);
-    const auto mode = std::filesystem::status(home_.path() / "EAST").permissions();
-    EXPECT_EQ(mode, std::filesystem::perms::owner_all);
-}
-
 TEST_F(KvrDefinition, ChannelsTakeAttributesInBothFormsAndGetDefaults) {
     (void)home_.done({"define", "channel", "east.west", "XMITQ=TO.WEST", "hbint=60", "--conname", "10.0.0.2(1414)"});
     json channel = home_.json({"show", "channel", "EAST.west"})[0];
@@ -106,22 +99,11 @@ TEST_F(KvrDefinition, StatusTellsTheTruthAboutADeadProcess) {
     EXPECT_EQ(home_.json({"status"})["channels"][0]["state"], "STOPED");
 }
 
-TEST_F(KvrDefinition, WatchingEndsCleanlyWhenInterrupted) {
-    BackgroundProgram watching(home_, {"status", "--watch", "--interval", "0.05"});
-    const auto output = home_.path() / ".background.out";
-    ASSERT_TRUE(eventually([&output] {
-        std::error_code error;
-        return std::filesystem::file_size(output, error) > 0 && !error;
-    }));
-    (void)::kill(watching.pid(), SIGINT);
-    EXPECT_EQ(watching.wait(), 0);
-}
-
 TEST_F(KvrDefinition, AChannelRunsRefusesASecondWorkerAndStops) {
     (void)home_.done({"define", "channel", "C", "XMITQ=TO.WEST", "CONNAME=127.0.0.1(1)", "LONGTMR=3600", "SHORTRTY=0"});
-    BackgroundProgram worker(home_, {"run", "C", "--plugin", KVR_PLUGIN});
+    Child worker = in_background(home_, {"run", "C", "--plugin", KVR_PLUGIN});
     const auto state = [this] { return home_.json({"status"})["channels"][0]["state"]; };
-    ASSERT_TRUE(eventually([&state] { return state() == "RETRYING"; }));
+    ASSERT_TRUE(wait_until([&state] { return state() == "RETRYING"; }));
     EXPECT_THAT(home_.done({"status"}), HasSubstr(std::to_string(worker.pid()) + " alive"));
     const ProgramResult second = home_.run({"run", "C", "--plugin", KVR_PLUGIN});
     EXPECT_EQ(second.code, 1);
@@ -131,7 +113,7 @@ TEST_F(KvrDefinition, AChannelRunsRefusesASecondWorkerAndStops) {
         EXPECT_THAT(home_.run(arguments).err, HasSubstr("kvr stop C"));
     }
     EXPECT_THAT(home_.done({"stop", "C"}), HasSubstr("channel C stopped"));
-    EXPECT_EQ(worker.wait(), 0);
+    EXPECT_EQ(worker.result(), 0);
     EXPECT_EQ(state(), "STOPED");
     EXPECT_GT(std::filesystem::file_size(home_.path() / "EAST" / "log" / "C.log"), 0U);
 }

@@ -2,15 +2,15 @@
 // Runs the program kvr as an operator would: a process with arguments, standard input and a home folder of its own.
 #pragma once
 
-#include <filesystem>
-#include <functional>
 #include <string>
 #include <vector>
 
-#include <sys/types.h>
-
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+
+#include "host/children.h"
+#include "support/folder.h"
+#include "support/peer.h"
 
 namespace kvr::test {
 
@@ -21,14 +21,8 @@ struct ProgramResult {
 };
 
 /// A private folder that ends with the object, the value of KVR_HOME for the runs.
-class ProgramHome {
+class ProgramHome : public TemporaryFolder {
   public:
-    ProgramHome();
-    ~ProgramHome();
-    ProgramHome(const ProgramHome&) = delete;
-    ProgramHome& operator=(const ProgramHome&) = delete;
-
-    [[nodiscard]] const std::filesystem::path& path() const { return path_; }
     /// Makes a file in the folder and returns its path.
     [[nodiscard]] std::string file(const std::string& name, const std::string& contents) const;
 
@@ -39,27 +33,9 @@ class ProgramHome {
     [[nodiscard]] std::string done(const std::vector<std::string>& arguments, const std::string& input = "") const;
     /// As done, with --json, and reads what it printed: the value, or an array of the lines' values.
     [[nodiscard]] nlohmann::json json(std::vector<std::string> arguments) const;
-
-  private:
-    std::filesystem::path path_;
 };
 
-/// A run that goes on beside the test; killed with the object when it has not been waited for.
-class BackgroundProgram {
-  public:
-    BackgroundProgram(const ProgramHome& home, const std::vector<std::string>& arguments);
-    ~BackgroundProgram();
-    BackgroundProgram(const BackgroundProgram&) = delete;
-    BackgroundProgram& operator=(const BackgroundProgram&) = delete;
-    [[nodiscard]] pid_t pid() const { return pid_; }
-    /// Waits for its end and gives the exit status as in ProgramResult.
-    int wait();
-
-  private:
-    pid_t pid_;
-};
-
-/// Asks again and again until the condition holds; false when a generous deadline passed first.
-[[nodiscard]] bool eventually(const std::function<bool()>& condition);
+/// A run that goes on beside the test, its output in .background.out and .err of the home.
+[[nodiscard]] Child in_background(const ProgramHome& home, const std::vector<std::string>& arguments);
 
 } // namespace kvr::test

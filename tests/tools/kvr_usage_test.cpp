@@ -35,33 +35,34 @@ void expect_refused(const ProgramHome& home, const BadInput& bad) {
 
 TEST(KvrUsage, EveryCommandHasHelpWithExamples) {
     const ProgramHome home;
-    const std::vector<std::vector<std::string>> commands = {{},
-                                                            {"create"},
-                                                            {"define"},
-                                                            {"define", "queue"},
-                                                            {"define", "channel"},
-                                                            {"set"},
-                                                            {"set", "qmgr"},
-                                                            {"set", "channel"},
-                                                            {"show"},
-                                                            {"show", "qmgr"},
-                                                            {"show", "queue"},
-                                                            {"show", "channel"},
-                                                            {"delete"},
-                                                            {"delete", "queue"},
-                                                            {"delete", "channel"},
-                                                            {"delete", "qmgr"},
-                                                            {"put"},
-                                                            {"get"},
-                                                            {"browse"},
-                                                            {"release"},
-                                                            {"move"},
-                                                            {"run"},
-                                                            {"stop"},
-                                                            {"status"},
-                                                            {"listen"},
-                                                            {"completion"}};
-    for (std::vector<std::string> arguments : commands) {
+    for (const char* command : {"",
+                                "create",
+                                "define",
+                                "define queue",
+                                "define channel",
+                                "set",
+                                "set qmgr",
+                                "set channel",
+                                "show",
+                                "show qmgr",
+                                "show queue",
+                                "show channel",
+                                "delete",
+                                "delete queue",
+                                "delete channel",
+                                "delete qmgr",
+                                "put",
+                                "get",
+                                "browse",
+                                "release",
+                                "move",
+                                "run",
+                                "stop",
+                                "status",
+                                "listen",
+                                "completion"}) {
+        std::istringstream words(command);
+        std::vector<std::string> arguments{std::istream_iterator<std::string>(words), {}};
         arguments.emplace_back("--help");
         EXPECT_THAT(home.done(arguments), HasSubstr("xamples:\n  kvr ")) << arguments.front();
     }
@@ -76,26 +77,13 @@ TEST(KvrUsage, WrongCommandLinesAreRefusedWithCodeTwo) {
     const std::vector<BadInput> cases = {
         {{}, 2, "see 'kvr --help'"},
         {{"frobnicate"}, 2, "frobnicate.*see 'kvr --help'"},
-        {{"define", "topic"}, 2, "topic.*see 'kvr define --help'"},
-        {{"put"}, 2, "queue.*see 'kvr put --help'"},
         {{"put", "Q", "x", "--wrong"}, 2, "--wrong.*see 'kvr put --help'"},
-        {{"define", "channel", "C", "XMITQ=Q", "--nope", "1"}, 2, "see 'kvr define channel --help'"},
         {{"create", "../EVIL"}, 2, "letters, digits"},
-        {{"create", ".hidden"}, 2, "not beginning with a dot"},
-        {{"create", std::string(33, 'A')}, 2, "at most 32"},
         {{"create", "BAD\nNAME"}, 2, "BAD\\\\nNAME"},
         {{"create", "SMALL", "--quota", "1K"}, 2, "4M to 4096G"},
-        {{"create", "SMALL", "--quota", "lots"}, 2, "not a size"},
-        {{"define", "queue", "a/b"}, 2, "letters, digits"},
         {{"define", "channel", "C"}, 2, "has no XMITQ"},
-        {{"define", "channel", "C", "XMITQ=Q"}, 2, "has no CONNAME"},
-        {{"define", "channel", "C", "XMITQ=Q", "CONNAME=h(0)"}, 2, "port"},
         {{"define", "channel", "C", "XMITQ=Q", "CONNAME=h(70000)"}, 2, "port"},
-        {{"define", "channel", "C", "XMITQ=Q", "CONNAME=h", "CHLTYPE=RCVR"}, 2, "CHLTYPE"},
         {{"define", "channel", "C", "XMITQ=Q", "CONNAME=h", "COLOUR=red"}, 2, "no attribute 'COLOUR'.*XMITQ"},
-        {{"define", "channel", "C", "XMITQ=Q", "CONNAME=h", "HBINT=soon"}, 2, "HBINT"},
-        {{"define", "channel", "C", "XMITQ=Q", "CONNAME=h", "HBINT=-1"}, 2, "HBINT"},
-        {{"define", "channel", "C", "XMITQ=Q", "CONNAME=" + std::string(256, 'h')}, 2, "at most 255"},
         {{"define", "channel", "C", "XMITQ=Q", "--xmitq", "Q", "CONNAME=h"}, 2, "given twice"},
         {{"define", "channel", "C", "XMITQ"}, 2, "ATTR=VALUE"},
         {{"define", "channel", std::string(64, 'C'), "XMITQ=Q", "CONNAME=h"}, 2, "at most 63"},
@@ -103,23 +91,18 @@ TEST(KvrUsage, WrongCommandLinesAreRefusedWithCodeTwo) {
         {{"set", "qmgr", "KEYPASS=secret"}, 2, "--keypass-file"},
         {{"put", "Q", "x", "--data", "y"}, 2, "more than one place"},
         {{"put", "Q", "x", "--dest", "a b"}, 2, "destination queue"},
-        {{"put", "Q", "x", "--dest", std::string(33, 'D')}, 2, "at most 32"},
         {{"put", "Q", "x", "--priority", "high"}, 2, "--priority.*32 bits"},
-        {{"put", "Q", "x", "--priority", "2147483648"}, 2, "32 bits"},
         {{"put", "Q", "x", "--format", "NINECHARS"}, 2, "--format.*at most 8"},
         {{"put", "Q", "x", "--put-date", "2026-1-1"}, 2, "exactly 8 digits"},
         {{"put", "Q", "x", "--msgid", "0x123"}, 2, "hexadecimal"},
         {{"put", "Q", "x", "--flags", "4"}, 2, "--attach"},
         {{"put", "Q", "--size", "9-1"}, 2, "downwards"},
         {{"put", "Q", "--size", "1", "--seqno", "4"}, 2, "--seqno"},
-        {{"put", "Q", "x", "--count", "0"}, 2, "see 'kvr put --help'"},
         {{"get", "Q", "--all", "--out", file}, 2, "folder"},
         {{"get", "Q", "--raw", "--json"}, 2, "--raw"},
         {{"move", "Q", "Q"}, 2, "same"},
         {{"delete", "qmgr", "EAST"}, 2, "--yes"},
         {{"status", "--interval", "2"}, 2, "--watch"},
-        {{"run", "C", "--log-level", "9"}, 2, "see 'kvr run --help'"},
-        {{"completion", "fish"}, 2, "see 'kvr completion --help'"},
     };
     for (const BadInput& bad : cases) {
         expect_refused(home, bad);
@@ -146,32 +129,23 @@ TEST(KvrUsage, WhatTheSystemCannotDoFailsWithCodeOne) {
         {{"define", "channel", "c", "XMITQ=Q", "CONNAME=h"}, 1, "channel 'C' exists already.*--replace"},
         {{"set", "channel", "NONE", "HBINT=1"}, 1, "kvr define channel NONE"},
         {{"set", "channel", "C", "XMITQ=NONE"}, 1, "kvr define queue NONE"},
-        {{"set", "qmgr", "DEADQ=NONE"}, 1, "kvr define queue NONE"},
         {{"set", "qmgr", "CERTFILE=/no/such.pem"}, 1, "/no/such.pem.*CERTFILE.*PEM"},
-        {{"set", "qmgr", "CERTFILE=/tmp"}, 1, "/tmp.*CERTFILE.*PEM"},
         {{"set", "qmgr", "--keypass-file", "/no/such"}, 1, "/no/such"},
         {{"put", "NONE", "x"}, 1, "kvr define queue NONE"},
         {{"put", "Q", "--data-file", "/no/such"}, 1, "/no/such"},
-        {{"put", "Q", "--data-file", large}, 1, "at most 2,098,376"},
         {{"put", "Q", "--data-file", large, "--dest", "D"}, 1, "at most 2,098,304 bytes after its transmission header"},
         {{"put", "Q", "--size", "2098305", "--dest", "D"}, 1, "2098305.*at most 2,098,304"},
-        {{"put", "Q", "x", "--attach", "/no/such"}, 1, "/no/such"},
         {{"put", "Q", "x", "--attach", empty}, 1, "0 bytes.*1 to 99,999,999"},
         {{"put", "Q", "x", "--attach", home.path().native()}, 1, "regular file"},
-        {{"put", "Q", "--file", "/dev/null"}, 1, "regular file"},
         {{"put", "Q", "x", "--attach", long_path}, 1, "pppp"},
         {{"get", "NONE"}, 1, "kvr define queue NONE"},
         {{"get", "Q", "--out", present}, 1, "nothing is overwritten"},
-        {{"browse", "NONE"}, 1, "kvr define queue NONE"},
-        {{"release", "NONE"}, 1, "kvr define queue NONE"},
         {{"move", "Q", "NONE"}, 1, "kvr define queue NONE"},
         {{"delete", "queue", "Q"}, 1, "--purge"},
         {{"delete", "queue", "DEAD.LETTER.QUEUE"}, 1, "DEADQ"},
-        {{"delete", "queue", "NONE"}, 1, "does not exist"},
         {{"delete", "qmgr", "EAST", "--yes"}, 1, "--purge"},
         {{"run", "NONE"}, 1, "kvr define channel NONE"},
         {{"run", "C", "--plugin", "/no/such.so"}, 1, "/no/such.so"},
-        {{"stop", "NONE"}, 1, "kvr define channel NONE"},
         {{"status", "NONE"}, 1, "kvr define channel NONE"},
     };
     for (const BadInput& bad : cases) {
@@ -195,16 +169,6 @@ TEST(KvrUsage, OutputThatCannotBeWrittenIsAFailureAndLosesNothing) {
         EXPECT_THAT(result.err, HasSubstr("the output cannot be written")) << line;
     }
     EXPECT_EQ(home.json({"show", "queue", "Q"})[0]["depth"], 3);
-}
-
-TEST(KvrUsage, AStoreThatOthersCanWriteIsRefused) {
-    const ProgramHome home;
-    (void)home.done({"create", "EAST"});
-    std::filesystem::permissions(home.path() / "EAST", std::filesystem::perms::others_write,
-                                 std::filesystem::perm_options::add);
-    const ProgramResult result = home.run({"show"});
-    EXPECT_EQ(result.code, 1);
-    EXPECT_THAT(result.err, HasSubstr("EAST"));
 }
 
 } // namespace
