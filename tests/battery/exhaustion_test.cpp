@@ -254,7 +254,9 @@ TEST(Exhaustion, FewDescriptorsFromTheStart) {
         Child worker = run_channel_after(field, "ulimit -n " + std::to_string(limit) + "; exec");
         bool ended = false;
         await("the end of the worker or of the queue", [&] {
-            ended = contents("/proc/" + std::to_string(worker.pid()) + "/cmdline").empty();
+            siginfo_t info{};
+            ended = ::waitid(P_PID, static_cast<id_t>(worker.pid()), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+                    info.si_pid != 0;
             return ended || (field.depth() == 0 && field.status() == "RUNING");
         });
         const int result = ended ? worker.result() : worker.result_under(SIGTERM);

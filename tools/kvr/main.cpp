@@ -8,6 +8,7 @@
 #include <exception>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -137,6 +138,8 @@ int main(int argc, char** argv) {
     kvr::occupy_standard_descriptors();
     (void)std::signal(SIGPIPE, SIG_IGN);
     (void)::umask(S_IRWXG | S_IRWXO);
+    const rlimit no_core{0, 0}; // memory holds keys and pass phrases
+    (void)::setrlimit(RLIMIT_CORE, &no_core);
     try {
         return kvr::run(argc, argv);
     } catch (const std::exception& error) {
