@@ -36,8 +36,7 @@ class Worker : public testing::Test {
         store->queue_define("XQ", "");
         store->queue_define("DLQ", "");
         const kvr::Attributes qmgr{{"DEADQ", "DLQ"}, {"KEYPASS", kPassPhrase}};
-        const std::vector<std::string> names = store->object_names("QMGR");
-        names.empty() ? store->object_add("QMGR", "QMGR", qmgr) : store->object_set("QMGR", "QMGR", qmgr);
+        store->object_add("QMGR", "QMGR", qmgr);
         store->object_add("CHL", "C1", {{"CHLTYPE", "SNDR"}, {"XMITQ", "XQ"}});
     }
     /// The store is open for as long as the test looks at it only: workers are separate processes.

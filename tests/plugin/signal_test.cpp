@@ -144,18 +144,6 @@ TEST_F(LineLoss, DuringAWriteFailsTheWriteAndKeepsTheDescriptorTaken) {
     }
 }
 
-TEST_F(LineLoss, BetweenMessagesIsRepairedByTheNextOne) {
-    host().hooks["alarm"] = [](const Call& c) -> std::optional<int> {
-        if (c.n == 2) {
-            raise(SIGUSR2);
-        }
-        return {};
-    };
-    const Result r = run_messages({message("x")});
-    EXPECT_THAT(r.conns, ElementsAre(bind_frame(), bind_frame() + data_frame("x"))) << r.dump();
-    EXPECT_EQ(r.count("sleep("), 0);
-}
-
 class Watcher : public ChannelTest {
   protected:
     Result lose_the_line_when_idle(Cue::Act act) {

@@ -81,31 +81,6 @@ TEST_F(Tls, WatcherReportsTheEndOfTheLine) {
     }
 }
 
-// A few bytes need not wake the watcher, which must not mistake a ticket; the next heartbeat or message sees them, and
-// an idle line is given up with the heartbeat.
-TEST_F(Tls, BytesOfTheReceiverEndTheLineAtTheLatestWithTheNextFrame) {
-    for (Carrier carrier : {Carrier::kTls12, Carrier::kTls13}) {
-        for (bool beat : {true, false}) {
-            receiver_.carrier = carrier;
-            receiver_.tickets = 0; // what arrives after the cue is the receiver's word
-            cues_ = {{Cue::kSend, "speak up"}};
-            host().get = {beat_after("speak up"), deliver(message("x"))};
-            if (!beat) {
-                host().get = {[](T_KAVRO_MD* md, char* buf, int* len) {
-                    signal(SIGALRM, SIG_IGN);
-                    beat_after("speak up")(md, buf, len);
-                    return deliver(message("x"))(md, buf, len);
-                }};
-            }
-            const Result r = run_channel();
-            ASSERT_EQ(r.conns.size(), 2U) << r.dump();
-            EXPECT_EQ(r.conns[0], bind_frame() + (beat ? heartbeat_frame() : "")) << r.dump();
-            EXPECT_EQ(r.conns[1], bind_frame() + data_frame("x"));
-            EXPECT_EQ(r.count("1 ChlSndData len[1] error[-201]"), beat ? 0 : 1) << "the idle line was not given up";
-        }
-    }
-}
-
 TEST_F(Tls, ReceiverOfAnotherAuthorityIsRefused) {
     qmgr()["CAFILE"] = tls_material().other_ca_file;
     chl()["SHORTRTY"] = "2";

@@ -216,28 +216,5 @@ TEST_F(StoreTest, ReleasedMessagesAreNeverTakenForUsedOnes) {
     EXPECT_THAT(browse_texts(*store_, "Q"), IsEmpty());
 }
 
-TEST_F(StoreTest, QueuesKeepTheirMessagesApart) {
-    make_store();
-    put_numbers(*store_, "Q", 1, 3);
-    put_numbers(*store_, "DEAD", 11, 2);
-    put_numbers(*store_, "Q", 4, 1);
-    EXPECT_THAT(take_all(*store_, "DEAD"), ElementsAre("11", "12"));
-    EXPECT_EQ(code_of([&] { store_->queue_delete("Q", false); }), Errc::kBusy);
-    {
-        const auto getter = store_->drain("Q");
-        EXPECT_EQ(take_text(*getter), "1");
-        EXPECT_EQ(code_of([&] { store_->queue_delete("Q", true); }), Errc::kBusy);
-        EXPECT_EQ(take_text(*getter), "2");
-    }
-    store_->queue_delete("Q", true);
-    EXPECT_EQ(code_of([&] { static_cast<void>(store_->queue_info("Q")); }), Errc::kNotFound);
-    store_->queue_define("Q", "again");
-    EXPECT_THAT(browse_texts(*store_, "Q"), IsEmpty());
-    EXPECT_EQ(code_of([&] { store_->queue_define("Q", ""); }), Errc::kExists);
-    for (const char* name : {"", "a/b", "..", "-x", "two words", "new\nline", "123456789012345678901234567890123"}) {
-        EXPECT_EQ(code_of([&] { store_->queue_define(name, ""); }), Errc::kInvalid) << name;
-    }
-}
-
 } // namespace
 } // namespace kvr

@@ -23,20 +23,15 @@ class ListenerTest : public testing::TestWithParam<Carrier> {
         return options;
     }
     /// A listener with a store that has the queues Q1 to Q3 and, if wanted, the dead-letter queue DLQ.
-    ListenerOptions storing(Carrier carrier, bool dead_letter_queue = true, const Settings& settings = {}) {
-        Store::create(folder_.path() / "WEST", "WEST", settings);
+    ListenerOptions storing(Carrier carrier, bool dead_letter_queue = true) {
+        Store::create(folder_.path() / "WEST", "WEST", {});
         ListenerOptions options = discarding(carrier);
         options.store = Store::open(folder_.path() / "WEST");
         options.spool = folder_.path() / "spool";
         for (const char* const queue : {"Q1", "Q2", "Q3", "DLQ"}) {
             options.store->queue_define(queue, "");
         }
-        try {
-            options.store->object_add("QMGR", "QMGR", {});
-        } catch (const Error& error) {
-            EXPECT_EQ(error.code(), Errc::kExists) << error.what();
-        }
-        options.store->object_set("QMGR", "QMGR", {{"DEADQ", dead_letter_queue ? "DLQ" : ""}});
+        options.store->object_add("QMGR", "QMGR", {{"DEADQ", dead_letter_queue ? "DLQ" : ""}});
         store_ = options.store;
         return options;
     }
@@ -115,36 +110,6 @@ TEST_P(EachCarrier, MessagesReachTheirQueuesWholeAndInOrder) {
               "XTMH" + std::string("\1\0\0\0", 4) + padded("NO.SUCH.QUEUE", 32) + padded("WEST", 32) + "stray");
 }
 
-TEST_P(EachCarrier, ALineCutAnywhereLeavesOnlyWholeMessages) {
-    RunningListener listener(storing(GetParam()));
-    const std::vector<std::string> units = {bind_frame("C"), message("Q1", "hello"),
-                                            message_with_files("Q2", "b", {{"a", "first"}, {"b", "second"}}),
-                                            file_message("Q3", {"x", "contents"}, 9)};
-    const std::string stream = units[0] + units[1] + units[2] + units[3];
-    constexpr std::size_t kStep = 31; // every offset is covered by the splitter's own tests
-    std::size_t lines = 0;
-    std::size_t expected[] = {0, 0, 0};
-    for (std::size_t cut = 0; cut <= stream.size(); cut += kStep) {
-        SendingClient client(listener.port(), GetParam());
-        ASSERT_TRUE(client.connected());
-        ASSERT_TRUE(client.send(stream.substr(0, cut)));
-        client.finish();
-        ++lines;
-        std::size_t end = units[0].size();
-        for (std::size_t i = 0; i < 3; ++i) {
-            end += units[i + 1].size();
-            expected[i] += cut >= end ? 1 : 0;
-        }
-    }
-    ASSERT_TRUE(listener.wait_for("end", lines));
-    EXPECT_EQ(listener.stop(), 0);
-    EXPECT_EQ(on_queue("Q1").size(), expected[0]);
-    EXPECT_EQ(on_queue("Q2").size(), expected[1]);
-    EXPECT_EQ(on_queue("Q3").size(), expected[2]);
-    EXPECT_EQ(names_in(folder_.path() / "spool").size(), 1 + 2 * expected[1] + expected[2]);
-    EXPECT_TRUE(names_in(folder_.path() / "spool/.incoming").empty());
-}
-
 TEST_F(ListenerTest, AMessageWithoutAHomeEndsItsLineAndNothingAfterItIsTaken) {
     RunningListener listener(storing(Carrier::kPlain, false));
     SendingClient client(listener.port(), Carrier::kPlain);
@@ -156,45 +121,6 @@ TEST_F(ListenerTest, AMessageWithoutAHomeEndsItsLineAndNothingAfterItIsTaken) {
     ASSERT_EQ(on_queue("Q1").size(), 1U);
     EXPECT_EQ(on_queue("Q1")[0].data, "before");
     EXPECT_EQ(names_in(folder_.path() / "spool"), std::set<std::string>{".incoming"});
-}
-
-TEST_F(ListenerTest, AFullStoreHoldsTheLineBackUntilThereIsRoom) {
-    Settings settings;
-    settings.map_size = 64U << 20U;
-    settings.quota = 2U << 20U;
-    RunningListener listener(storing(Carrier::kPlain, true, settings));
-    SendingClient client(listener.port(), Carrier::kPlain);
-    constexpr int kCount = 100;
-    std::thread sender([&client] {
-        std::string stream = bind_frame("C");
-        for (int i = 0; i < kCount; ++i) {
-            stream += message("Q1", std::string(65536, static_cast<char>('a' + i % 26)));
-        }
-        EXPECT_TRUE(client.send(stream));
-    });
-    // No room for one more of that size: the listener has to wait.
-    const T_KAVRO_MD descriptor{};
-    const std::string filler(65536, 'f');
-    const bool blocked = wait_until([&] {
-        try {
-            store_->put("Q2", OutgoingMessage{&descriptor, {}, filler});
-        } catch (const Error& error) {
-            return error.code() == Errc::kFull;
-        }
-        return false;
-    });
-    settings.quota = 32U << 20U;
-    store_->set_settings(settings);
-    EXPECT_TRUE(blocked);
-    EXPECT_TRUE(listener.wait_for("message", kCount));
-    sender.join();
-    EXPECT_TRUE(listener.journal("end").empty());
-    EXPECT_EQ(listener.stop(), 0);
-    const auto found = on_queue("Q1");
-    ASSERT_EQ(found.size(), static_cast<std::size_t>(kCount));
-    for (std::size_t i = 0; i < found.size(); ++i) {
-        ASSERT_EQ(found[i].data.front(), static_cast<char>('a' + i % 26));
-    }
 }
 
 TEST_P(EachCarrier, AStopTakesInWhatHasBeenSent) {
