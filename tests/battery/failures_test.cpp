@@ -71,7 +71,6 @@ constexpr Line kLines[] = {
     {"fork", "fork error["},
     {"waitpid", "Waitpid error["},
     {"procSndSig2Proc", "procSndSig2Proc f_iMonPid["},
-    {"sigset", "sigset SIG"},
     {"fdopen", "open [", true},
     {"fseek", "fseek [", true},
     {"ftell", "tell [", true},

@@ -74,6 +74,10 @@ int SignalsAt::wave(Field& field, Injector& injector, const Child& worker, const
             ADD_FAILURE() << "the worker ended after " << what << " " << injector.control().name;
             return struck;
         }
+        injector.expect_no_finding();
+        if (HasFailure()) {
+            return struck;
+        }
         field.await_arrived(field.ledger().size());
         if (injector.control().fired == 0 || HasFailure()) {
             return struck;

@@ -142,10 +142,17 @@ static void StopNetChkProc(const char* psFunc) {
     if (f_iMonPid <= 0) {
         return;
     }
-    if (procIsExist(f_iMonPid) > 0 && procSndSig2Proc(f_iMonPid, SIGKILL) < 0) {
+    const bool bThere = procIsExist(f_iMonPid) > 0;
+    const bool bKilled = bThere && procSndSig2Proc(f_iMonPid, SIGKILL) >= 0;
+    if (bThere && !bKilled) {
         int iErrno = errno;
         CHLS_LOG_OF(psFunc, LOG_ERR, TXT("procSndSig2Proc f_iMonPid[%d] error[%d:%s]"), f_iMonPid, iErrno,
                     ErrText(iErrno));
+    }
+    // A watcher that could not be killed ends with its pipe; the wait would last for ever otherwise.
+    if (!bKilled && f_iChlLineFD > 0) {
+        close(f_iChlLineFD);
+        f_iChlLineFD = 0;
     }
     CHLS_LOG_OF(psFunc, LOG_DBG, TXT("waitpid %d begin"), f_iMonPid);
     while (waitpid(f_iMonPid, nullptr, 0) != f_iMonPid) {
