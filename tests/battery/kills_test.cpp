@@ -11,6 +11,7 @@
 #include "field.h"
 #include "ledger_file.h"
 #include "log_tail.h"
+#include "wait_marks.h"
 
 namespace kvr::test {
 namespace {
@@ -240,7 +241,7 @@ TEST_F(Kills, OfTheListenerCostTheWindowAtMost) {
     Child worker = [&] {
         Child listener = field.listen();
         field.set_channel({{"SHORTRTY", "100000"}});
-        return field.run_channel();
+        return field.run_channel(short_pauses());
     }();
     const std::size_t kills = rounds(4);
     for (std::size_t i = 0; i < kills && !HasFailure(); ++i) {

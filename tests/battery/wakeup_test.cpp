@@ -8,6 +8,7 @@
 #include "field.h"
 #include "kavro_chl.h"
 #include "log_tail.h"
+#include "wait_marks.h"
 
 namespace kvr::test {
 namespace {
@@ -139,8 +140,7 @@ TEST(Wakeup, ALineSignalInTheGetEndsItsWait) {
     ClosingPeer peer(field, closes);
     field.set_channel({{"CONNAME", "127.0.0.1(" + std::to_string(peer.port()) + ")"}});
     Order order(field.home() / "log");
-    Child worker =
-        field.run_channel({{"LD_PRELOAD", KVR_WAIT_MARKS}, {"KVR_BATTERY_LOG", (field.home() / "log").native()}});
+    Child worker = field.run_channel(short_pauses((field.home() / "log").native()));
 
     std::size_t nudges = 0;
     std::size_t late = 0;
