@@ -174,11 +174,12 @@ Result ChannelTest::run(const std::function<void()>& body) {
     return result;
 }
 
-Result ChannelTest::run_channel() {
-    return run([] {
+Result ChannelTest::run_events(const std::vector<int>& ids) {
+    return run([&ids] {
         load();
-        event(1);
-        event(2);
+        for (int id : ids) {
+            event(id);
+        }
     });
 }
 

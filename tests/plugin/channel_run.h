@@ -55,8 +55,9 @@ class ChannelTest : public testing::Test {
 
     /// Forks the channel process, which does `body` and ends with status 0 unless the body ends it before.
     Result run(const std::function<void()>& body);
-    /// load, event 1, event 2.
-    Result run_channel();
+    /// Loads and raises these events.
+    Result run_events(const std::vector<int>& ids);
+    Result run_channel() { return run_events({1, 2}); }
     /// The same on a queue that delivers these messages.
     Result run_messages(const std::vector<Message>& msgs);
     /// A file of this content in the test's own folder; its path.

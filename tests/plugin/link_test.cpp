@@ -204,12 +204,7 @@ TEST_F(Link, ChangedDefinitionTakesEffectAtTheNextConnection) {
 TEST_F(Link, SignalsAreHeldWhileAConnectionIsMade) {
     for (int sig : {SIGUSR2, SIGALRM}) {
         host().hooks["sockCanRead"] = failing(1, 1, 1);
-        host().hooks["KVR_ObjGetAttr"] = [sig](const Call& c) -> std::optional<int> {
-            if (c.n == 2) {
-                raise(sig);
-            }
-            return {};
-        };
+        host().hooks["KVR_ObjGetAttr"] = raising(sig, 2);
         const Result r = run_messages({message("one")});
         ASSERT_GE(r.conns.size(), 2U) << r.dump();
         EXPECT_EQ(r.conns.back(), bind_frame() + data_frame("one")) << r.dump();
@@ -221,12 +216,7 @@ TEST_F(Link, SignalsAreHeldWhileAConnectionIsMade) {
 
 TEST_F(Link, SignalsBeforeTheClientExistOnlyRaiseFlags) {
     for (int sig : {SIGUSR2, SIGALRM}) {
-        host().hooks["KVR_ObjGetAttrV"] = [sig](const Call& c) -> std::optional<int> {
-            if (c.n == 3) { // the manager's settings: handlers installed, client still all zero
-                raise(sig);
-            }
-            return {};
-        };
+        host().hooks["KVR_ObjGetAttrV"] = raising(sig, 3); // handlers installed, client still all zero
         const Result r = run_messages({message("one")});
         EXPECT_THAT(r.conns, ElementsAre(bind_frame() + data_frame("one"))) << r.dump();
     }
@@ -250,11 +240,9 @@ TEST_F(Link, SecondLifeInOneProcessLeaksNothingAndLeavesDescriptorZeroAlone) {
         host().var.iVersion = decoy[1];
         load();
         trace(kNote, "before %d", open_descriptors());
-        event(1);
-        event(2);
-        event(4);
-        event(1);
-        event(2);
+        for (int id : {1, 2, 4, 1, 2}) {
+            event(id);
+        }
     });
     EXPECT_TRUE(in_order(r, {"event 2 = -10002", "event 4 = 0", "event 1 = 0", "decoy untouched"}));
     ASSERT_EQ(r.conns.size(), 2U) << r.dump();

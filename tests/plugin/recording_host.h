@@ -59,6 +59,8 @@ using Hook = std::function<std::optional<int>(const Call&)>;
 std::optional<int> run_hook(const char* op, long a = 0);
 /// Fails the calls numbered `from` to `to` with this result and errno.
 Hook failing(int result, int from = 1, int to = 1 << 30, int err = 0);
+/// Raises the signal in the call of this number, or in every call, and lets it go on.
+Hook raising(int sig, int in_call = 0);
 /// Fails writes of `len` bytes, the first `times` of them.
 Hook failing_write(long len, int times, int result, int err);
 

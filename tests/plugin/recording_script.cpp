@@ -23,6 +23,15 @@ Hook failing(int result, int from, int to, int err) {
     };
 }
 
+Hook raising(int sig, int in_call) {
+    return [=](const Call& c) -> std::optional<int> {
+        if (in_call == 0 || c.n == in_call) {
+            raise(sig);
+        }
+        return {};
+    };
+}
+
 Hook failing_write(long len, int times, int result, int err) {
     return [=, left = times](const Call& c) mutable -> std::optional<int> {
         if (c.a != len || left-- <= 0) {

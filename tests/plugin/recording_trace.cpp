@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: MIT
-// The trace: slots in memory that every process of a run shares, filled without a lock.
+// The trace: a file in memory to which every process of a run appends its entries, each with one write.
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 
@@ -15,52 +17,47 @@ namespace kvr::test {
 
 namespace {
 
-struct Slot {
-    std::atomic<bool> ready;
-    pid_t pid;
-    char kind;
-    char text[2200];
-};
-struct Trace {
-    static constexpr unsigned kSlots = 16384;
-    std::atomic<unsigned> used;
-    Slot slot[kSlots];
-};
-
-Trace* shared() {
-    static Trace* map = static_cast<Trace*>(
-        mmap(nullptr, sizeof(Trace), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
-    return map;
-}
+const int file = [] {
+    const int made = memfd_create("trace", 0);
+    fcntl(made, F_SETFL, O_APPEND);
+    return made;
+}();
 
 } // namespace
 
 void trace(char kind, const char* fmt, ...) {
-    const unsigned i = shared()->used.fetch_add(1);
-    if (i >= Trace::kSlots) {
-        _exit(99);
-    }
-    Slot& slot = shared()->slot[i];
-    slot.pid = getpid();
-    slot.kind = kind;
+    const int saved = errno;
+    char entry[2300];
+    size_t used = static_cast<size_t>(snprintf(entry, sizeof entry, "%d %c ", getpid(), kind));
     va_list ap;
     va_start(ap, fmt);
-    vsnprintf(slot.text, sizeof slot.text, fmt, ap);
+    used += static_cast<size_t>(vsnprintf(entry + used, sizeof entry - used, fmt, ap));
     va_end(ap);
-    slot.ready = true;
+    used = std::min(used, sizeof entry - 1) + 1; // the NUL ends the entry
+    if (write(file, entry, used) != static_cast<ssize_t>(used)) {
+        _exit(99);
+    }
+    errno = saved;
 }
 
 void trace_reset() {
-    madvise(shared(), sizeof(Trace), MADV_REMOVE);
-    shared()->used = 0;
+    if (ftruncate(file, 0) != 0) {
+        abort();
+    }
 }
 
 std::vector<Entry> trace_entries() {
+    struct stat info {};
+    fstat(file, &info);
+    std::string whole(static_cast<size_t>(info.st_size), '\0');
+    whole.resize(static_cast<size_t>(pread(file, whole.data(), whole.size(), 0)));
     std::vector<Entry> all;
-    for (unsigned i = 0; i < shared()->used; ++i) {
-        if (shared()->slot[i].ready) { // a watcher can be killed in the middle of an entry
-            all.push_back({shared()->slot[i].pid, shared()->slot[i].kind, shared()->slot[i].text});
-        }
+    for (size_t at = 0; at < whole.size(); at = whole.find('\0', at) + 1) {
+        int pid = 0;
+        char kind = 0;
+        int text = 0;
+        sscanf(&whole[at], "%d %c%n", &pid, &kind, &text);
+        all.push_back({pid, kind, &whole[at + static_cast<size_t>(text) + 1]});
     }
     return all;
 }

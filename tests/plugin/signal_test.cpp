@@ -95,10 +95,7 @@ TEST_F(Heartbeat, DownLineGetsNothingAndIsRestarted) {
 TEST_F(Heartbeat, StrayAlarmOutsideTheWaitWritesNothing) {
     for (const char* op : {"write", "sockCanRead", "KVR_ObjSetAttr"}) {
         SCOPED_TRACE(op);
-        host().hooks = {{op, [](const Call&) -> std::optional<int> {
-                             raise(SIGALRM);
-                             return {};
-                         }}};
+        host().hooks = {{op, raising(SIGALRM)}};
         const Result r = run_messages({message("one"), message("two")});
         EXPECT_THAT(r.conns, ElementsAre(bind_frame() + data_frame("one") + data_frame("two"))) << r.dump();
         EXPECT_EQ(r.status, kScriptOver);

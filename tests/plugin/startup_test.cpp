@@ -101,11 +101,7 @@ TEST_F(StartUp, EachFailureIsToldAndEndsIt) {
         if (c.change != nullptr) {
             c.change(host().objects);
         }
-        const Result r = run([] {
-            load();
-            event(1);
-            event(4);
-        });
+        const Result r = run_events({1, 4});
         auto expected = c.logged;
         expected.emplace_back("event 1 = -10002");
         if (c.claimed) {
@@ -168,11 +164,7 @@ TEST_F(StartUp, ClaimsTheStatusObjectUnlessALiveProcessHoldsIt) {
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.status) + " " + c.pid);
         host().objects["CHS/CH1"] = {{"STATUS", c.status}, {"PID", c.pid}};
-        const Result r = run([] {
-            load();
-            event(1);
-            event(4);
-        });
+        const Result r = run_events({1, 4});
         EXPECT_TRUE(in_order(r, {"KVR_ObjGetAttrV(CHS CH1 PID STATUS)",
                                  std::string("5 CH1 stat [") + c.status + "] pid[" + c.pid + "]"}));
         if (c.claimed) {

@@ -101,10 +101,7 @@ TEST_F(Stop, ClosesBothQueuesAndTellsWhatFails) {
 
 // A stop inside the get leaves the alarm armed; a heartbeat must not interrupt the last use of the connection.
 TEST_F(Stop, AnAlarmDuringTheStopSendsNoHeartbeat) {
-    host().hooks["KVR_QueClose"] = [](const Call&) -> std::optional<int> {
-        raise(SIGALRM);
-        return {};
-    };
+    host().hooks["KVR_QueClose"] = raising(SIGALRM);
     host().get = {finally([] { event(4); })};
     EXPECT_THAT(run_channel().conns, testing::ElementsAre(bind_frame()));
 }
@@ -112,13 +109,7 @@ TEST_F(Stop, AnAlarmDuringTheStopSendsNoHeartbeat) {
 // A failed start has left no watcher: nothing is waited for, and the addresses of the status object stay.
 TEST_F(Stop, AfterAFailedNetworkStart) {
     listening_ = false;
-    const Result r = run([] {
-        load();
-        event(1);
-        event(2);
-        event(4);
-        event(1);
-    });
+    const Result r = run_events({1, 2, 4, 1});
     EXPECT_EQ(r.lines_between("LHSE", "event 2 = -10002", "event 4 = 0"),
               (Lines{"event 2 = -10002", "KVR_ObjSetAttrV(CHS CH1 PID=-1 STATUS=STOPED)", "KVR_QueClose(XQ XQ)",
                      "event 4 = 0"}));
