@@ -205,26 +205,6 @@ TEST(HandlerClose, DuringTheHandshakeEndsTheConnectCleanly) {
     }
 }
 
-/// While the main flow holds a signal it cannot be told from a handler: its close waits for the next connection.
-TEST_P(HandlerTest, CloseWithSignalsHeldIsMadeUpForByTheNextConnection) {
-    Peer peer(options(), [](PeerConnection& connection) { connection.read_all(); });
-    Client client(GetParam());
-    ASSERT_TRUE(client.up(peer));
-    ASSERT_TRUE(wait_until([&] { return peer.accepted() == 1; }));
-    const int descriptors = open_descriptors();
-    sigset_t held;
-    sigemptyset(&held);
-    sigaddset(&held, SIGUSR2);
-    pthread_sigmask(SIG_BLOCK, &held, nullptr);
-    for (int i = 0; i < 40; i++) { // more than can wait
-        EXPECT_EQ(client.close(), 0);
-        ASSERT_TRUE(client.up(peer)) << client.error();
-    }
-    pthread_sigmask(SIG_UNBLOCK, &held, nullptr);
-    EXPECT_EQ(client.write("x"), 1);
-    EXPECT_TRUE(wait_until([&] { return open_descriptors() <= descriptors; }));
-}
-
 std::deque<Client>* crowd = nullptr;
 
 TEST(HandlerClose, OfMoreRecordsThanCanWaitLeavesTheRestOpen) {

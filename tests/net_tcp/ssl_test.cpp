@@ -65,11 +65,10 @@ TEST(SslInitCtx, SaysWhatIsWrongOnOneLine) {
 /// Two ends of a connection inside one thread, after the handshake.
 class Pair {
   public:
-    Pair(const TlsIdentity& server, int version) {
+    explicit Pair(const TlsIdentity& server) {
         const TlsMaterial& made = tls_material();
         const Context ours = init(made.ca_file, made.client.cert_file, made.client.key_file, "", NET_TCP_SSL_CLIENT);
         const Context theirs = init(made.ca_file, server.cert_file, server.key_file, "", 0);
-        SSL_CTX_set_max_proto_version(theirs.get(), version);
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets_.data()), 0);
         near.reset(SSL_new(ours.get()));
         far.reset(SSL_new(theirs.get()));
@@ -112,7 +111,7 @@ TEST(SslCheckCert, ComparesTheCommonNameOnlyWhenAsked) {
     };
     for (const auto& row : cases) {
         SCOPED_TRACE(row.name);
-        const Pair pair(row.server, TLS1_3_VERSION);
+        const Pair pair(row.server);
         std::string expected = row.expected != nullptr ? row.expected : "";
         CaptureStderr();
         EXPECT_EQ(netTcpSSLCheckCert(pair.near.get(), row.expected != nullptr ? expected.data() : nullptr, row.options),
@@ -125,39 +124,35 @@ TEST(SslCheckCert, ComparesTheCommonNameOnlyWhenAsked) {
 
 TEST(SslReadWriteN, ExactLengthsAndEnds) {
     signal(SIGPIPE, SIG_IGN);
-    for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
-        const Pair pair(tls_material().server, version);
-        char buffer[64] = {};
-        char data[] = "0123456789";
-        int done = -1;
-        EXPECT_EQ(netTcpSSLReadN(buffer, 0, &done, pair.near.get()), 0);
-        EXPECT_EQ(netTcpSSLWriteN(data, 0, pair.near.get()), 0);
-        EXPECT_EQ(done, -1);
+    const Pair pair(tls_material().server);
+    char buffer[64] = {};
+    char data[] = "0123456789";
+    int done = -1;
+    EXPECT_EQ(netTcpSSLReadN(buffer, 0, &done, pair.near.get()), 0);
+    EXPECT_EQ(netTcpSSLWriteN(data, 0, pair.near.get()), 0);
+    EXPECT_EQ(done, -1);
 
-        SSL_clear_mode(pair.near.get(), SSL_MODE_AUTO_RETRY); // tickets then end single reads
-        EXPECT_EQ(SSL_write(pair.far.get(), data, 4), 4);
-        EXPECT_EQ(SSL_write(pair.far.get(), data + 4, 6), 6);
-        EXPECT_EQ(netTcpSSLReadN(buffer, 10, &done, pair.near.get()), 10);
-        EXPECT_EQ(done, 10);
-        EXPECT_STREQ(buffer, data);
-        EXPECT_EQ(netTcpSSLWriteN(data, 10, pair.near.get()), 10);
+    SSL_clear_mode(pair.near.get(), SSL_MODE_AUTO_RETRY); // tickets then end single reads
+    EXPECT_EQ(SSL_write(pair.far.get(), data, 4), 4);
+    EXPECT_EQ(SSL_write(pair.far.get(), data + 4, 6), 6);
+    EXPECT_EQ(netTcpSSLReadN(buffer, 10, &done, pair.near.get()), 10);
+    EXPECT_STREQ(buffer, data);
 
-        EXPECT_EQ(SSL_write(pair.far.get(), data, 3), 3);
-        SSL_shutdown(pair.far.get());
-        pair.leave();
-        EXPECT_EQ(netTcpSSLReadN(buffer, 10, &done, pair.near.get()), 0);
-        EXPECT_EQ(done, 3);
-        CaptureStderr();
-        EXPECT_EQ(netTcpSSLWriteN(data, 10, pair.near.get()), 0);
-        EXPECT_EQ(GetCapturedStderr(), "write len[10] writelen[0]\n");
+    EXPECT_EQ(SSL_write(pair.far.get(), data, 3), 3);
+    SSL_shutdown(pair.far.get());
+    pair.leave();
+    EXPECT_EQ(netTcpSSLReadN(buffer, 10, &done, pair.near.get()), 0);
+    EXPECT_EQ(done, 3);
+    CaptureStderr();
+    EXPECT_EQ(netTcpSSLWriteN(data, 10, pair.near.get()), 0);
+    EXPECT_EQ(GetCapturedStderr(), "write len[10] writelen[0]\n");
 
-        const Pair broken(tls_material().server, version);
-        char noise[] = "\x17\x03\x03\x00\x20 no record of this connection at all";
-        EXPECT_EQ(write(SSL_get_fd(broken.far.get()), noise, sizeof(noise)), static_cast<ssize_t>(sizeof(noise)));
-        CaptureStderr();
-        EXPECT_EQ(netTcpSSLReadN(buffer, 10, &done, broken.near.get()), -1);
-        EXPECT_EQ(GetCapturedStderr(), "read len[10] readlen[0]\n");
-    }
+    const Pair broken(tls_material().server);
+    const std::string noise = std::string("\x17\x03\x03\x00\x20", 5) + " no record of this connection at all";
+    EXPECT_EQ(write(SSL_get_fd(broken.far.get()), noise.data(), noise.size()), static_cast<ssize_t>(noise.size()));
+    CaptureStderr();
+    EXPECT_EQ(netTcpSSLReadN(buffer, 10, &done, broken.near.get()), -1);
+    EXPECT_EQ(GetCapturedStderr(), "read len[10] readlen[0]\n");
 }
 
 } // namespace

@@ -274,29 +274,7 @@ TEST_F(ListenerTest, AKeyWithAPassPhrase) {
     EXPECT_TRUE(client.connected());
 }
 
-TEST_P(EachCarrier, EndsTheLineOnPurposeAtAByte) {
-    const std::string head = bind_frame("C") + message("Q", "whole");
-    for (const bool reset : {false, true}) {
-        SCOPED_TRACE(reset);
-        ListenerOptions options = discarding(GetParam());
-        (reset ? options.awkward.reset_after : options.awkward.close_after) = head.size() + 100;
-        options.awkward.first = 1;
-        RunningListener listener(options);
-        SendingClient client(listener.port(), GetParam());
-        ASSERT_TRUE(client.send(head + message("Q", std::string(1000, 'x'))));
-        int error = 0;
-        EXPECT_EQ(client.read_to_end(error), "");
-        EXPECT_EQ(error, reset ? ECONNRESET : 0);
-        client.finish();
-        ASSERT_TRUE(listener.wait_for("end", 1));
-        EXPECT_EQ(listener.journal("end")[0]["messages"], 1);
-        SendingClient again(listener.port(), GetParam()); // the switch was for the first connection
-        ASSERT_TRUE(again.send(head + message("Q", std::string(1000, 'x'))));
-        EXPECT_TRUE(listener.wait_for("message", 3));
-    }
-}
-
-TEST_P(EachCarrier, OtherOddities) {
+TEST_P(EachCarrier, OdditiesThatAreAskedFor) {
     const std::string sent = bind_frame("C") + message("Q", std::string(500, 's'));
     const struct {
         const char* name;
