@@ -116,7 +116,7 @@ TEST(Exhaustion, FullDiskOfTheSender) {
         run.delivered = {{other.home() / kReceiver, kTarget}};
         run.waiting = {{sender.home() / kSender, kXmitQueue}};
         run.dead = {{sender.home() / kSender, kDeadQueue}};
-        const Verdict verdict = kvr::judge(run);
+        Verdict verdict = kvr::judge(run);
         for (const std::string& fault : verdict.faults) {
             ADD_FAILURE() << fault;
         }

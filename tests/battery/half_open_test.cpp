@@ -13,7 +13,8 @@ namespace kvr::test {
 namespace {
 
 constexpr std::size_t kPeers = 1000;
-constexpr std::uint64_t kMemoryKib = 64 * 1024;
+constexpr std::size_t kLongFile = 20U << 20U;
+constexpr std::uint64_t kMemoryKib = 64U << 10U;
 
 /// A data frame that announces a package of `length` bytes.
 std::string claim(std::string_view length) {
@@ -50,7 +51,7 @@ TEST(HalfOpen, ClaimsOfAHundredMegabytesAreRefusedOrCostNothing) {
         const RawLine line(field.port());
         ASSERT_TRUE(line.send(bind_frame("HALF.OPEN") +
                               frame('4', kTarget, "00000000", "00000000", block('2', 0) + padded("name", 20)) +
-                              digits(99'999'999) + std::string(20'000'000, 'f')));
+                              digits(99'999'999) + std::string(kLongFile, 'f')));
     }
     await("the end of the file", [&] { return field.journalled("end") == ends + 1; });
     std::size_t files = 0;
@@ -60,7 +61,7 @@ TEST(HalfOpen, ClaimsOfAHundredMegabytesAreRefusedOrCostNothing) {
     EXPECT_EQ(files, 0U);
     EXPECT_EQ(field.arrived(), 0U);
 #ifndef __SANITIZE_ADDRESS__ // whose runtime keeps freed memory
-    EXPECT_LE(memory_of(listener.pid(), "VmHWM"), before + 16 * 1024);
+    EXPECT_LE(memory_of(listener.pid(), "VmHWM"), before + (16U << 10U));
 #endif
 }
 
