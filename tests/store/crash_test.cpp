@@ -14,14 +14,14 @@ using testing::ElementsAre;
 using CrashTest = StoreTest;
 
 TEST_F(CrashTest, KilledDrainerRepeatsAtMostTheMessageInHand) {
-    constexpr int kMessages = 150;
+    constexpr int kMessages = 1100; // two groups of 512 and a part of one
     enum class End { kInHand, kCommitted, kHeld, kInstead };
     const struct {
         int after; ///< messages taken when the drainer kills itself
         End end;
-    } cases[] = {{1, End::kInHand},     {2, End::kInHand},  {63, End::kInHand},  {64, End::kInHand},
-                 {65, End::kInHand},    {66, End::kInHand}, {129, End::kInHand}, {150, End::kInHand},
-                 {70, End::kCommitted}, {70, End::kHeld},   {70, End::kInstead}};
+    } cases[] = {{1, End::kInHand},   {2, End::kInHand},    {511, End::kInHand},  {512, End::kInHand},
+                 {513, End::kInHand}, {1025, End::kInHand}, {1100, End::kInHand}, {600, End::kCommitted},
+                 {600, End::kHeld},   {600, End::kInstead}};
     make_store();
     for (const auto& each : cases) {
         SCOPED_TRACE(std::to_string(each.after) + "/" + std::to_string(static_cast<int>(each.end)));
