@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include "kavro_log.h"
+#include "support/folder.h"
 
 namespace {
 
@@ -47,10 +48,7 @@ class Log : public testing::Test {
         KVR_LogSetQMName(qmgr);
         kvr::log_set_level(kvr::kLogDefaultLevel);
     }
-    ~Log() override {
-        kvr::log_open(nullptr);
-        std::filesystem::remove(file_);
-    }
+    ~Log() override { kvr::log_open(nullptr); }
 
     std::vector<std::string> lines() {
         std::ifstream in(file_);
@@ -73,7 +71,8 @@ class Log : public testing::Test {
         return all[0].substr(all[0].find(kPrefixEnd) + kPrefixEnd.size());
     }
 
-    std::filesystem::path file_ = std::filesystem::temp_directory_path() / ("kvr-log-test-" + std::to_string(getpid()));
+    kvr::test::TemporaryFolder folder_;
+    std::filesystem::path file_ = folder_.path() / "log";
 };
 
 TEST_F(Log, ShowsOnlyWhatIsPrintable) {

@@ -101,10 +101,12 @@ TEST(Text, UpperCaseIsAsciiOnly) {
     EXPECT_EQ(text, "CHL.A-Z_09\xc3\xa4{`");
 }
 
-TEST(Process, ExistsOnlyWhileItRuns) {
+TEST(Process, ExistsOnlyWhileItRunsAndIsOneToSignal) {
     EXPECT_EQ(procIsExist(getpid()), 1);
     for (const int pid : {0, -1, -getpid(), INT_MIN, INT_MAX}) {
         EXPECT_EQ(procIsExist(pid), 0) << pid;
+        EXPECT_LT(procSndSig2Proc(pid, SIGKILL), 0) << pid;
+        EXPECT_EQ(errno, pid == INT_MAX ? ESRCH : EINVAL);
     }
     Child child = Child::fork_off([] {
         pause();
@@ -118,16 +120,6 @@ TEST(Process, ExistsOnlyWhileItRuns) {
     EXPECT_EQ(procIsExist(pid), 0) << "a zombie";
     EXPECT_EQ(child.result(), -SIGKILL);
     EXPECT_EQ(procIsExist(pid), 0);
-}
-
-TEST(Process, SignalsOneProcessOrNone) {
-    for (const int pid : {0, -1, -getpid()}) {
-        errno = 0;
-        EXPECT_LT(procSndSig2Proc(pid, SIGKILL), 0) << pid;
-        EXPECT_EQ(errno, EINVAL);
-    }
-    EXPECT_LT(procSndSig2Proc(INT_MAX, 0), 0);
-    EXPECT_EQ(errno, ESRCH);
 }
 
 /// Two ends of a TCP connection over the loopback interface.

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <filesystem>
 
 #include <sys/ioctl.h>
 
@@ -112,11 +111,6 @@ const std::string& huge_data() {
     constexpr std::size_t kSize = 48'000'000;
     static const std::string data(kSize, 'x'); // NOLINT(bugprone-string-constructor): meant to be that large
     return data;
-}
-
-int open_descriptors() {
-    const std::filesystem::directory_iterator entries("/proc/self/fd");
-    return static_cast<int>(std::distance(begin(entries), end(entries)));
 }
 
 } // namespace kvr::test

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "net_tcp_client.h"
+#include "support/folder.h"
 #include "support/peer.h"
 
 namespace kvr::test {
@@ -103,8 +104,5 @@ class Handler {
 
 /// More than the buffers of a connection hold: writing it stalls when the peer does not read.
 const std::string& huge_data();
-
-/// Open descriptors of this process.
-int open_descriptors();
 
 } // namespace kvr::test

@@ -111,9 +111,8 @@ constexpr int kOptions = 2; ///< option entries in the argument table
 /// In the channel process: calls OnPlugLoad with a fresh context; raises an event and notes "event <n> = <result>".
 void load();
 int event(int id);
-/// In the channel process: open descriptors; waits of at most 10 s, for the connection's socket to become readable and
+/// In the channel process: waits of at most 10 s, for the connection's socket to become readable and
 /// for a text to stand in the trace so many times.
-int open_descriptors();
 bool wait_readable();
 bool wait_for(const std::string& text, int times = 1);
 

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 // What a case scripts: hooks, messages, results of the get; and what it may ask of its own process.
-#include <dirent.h>
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
@@ -111,16 +110,6 @@ GetStep finally(std::function<void()> what) {
         what();
         _exit(kScriptOver);
     };
-}
-
-int open_descriptors() {
-    int count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (readdir(dir) != nullptr) {
-        ++count;
-    }
-    closedir(dir);
-    return count;
 }
 
 bool wait_readable() {

@@ -53,4 +53,9 @@ inline std::set<std::string> names_in(const std::filesystem::path& folder) {
     return names;
 }
 
+/// Open descriptors of this process.
+inline int open_descriptors() {
+    return static_cast<int>(names_in("/proc/self/fd").size());
+}
+
 } // namespace kvr::test
