@@ -3,7 +3,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <future>
 #include <sstream>
 
 #include <arpa/inet.h>
@@ -19,24 +18,20 @@ RunningListener::RunningListener(ListenerOptions options) {
     options.address = "127.0.0.1";
     options.port = 0;
     options.journal = folder_.path() / "journal";
-    std::promise<int> listening;
-    options.on_listening = [&listening](int port) { listening.set_value(port); };
-    thread_ = std::thread([this, options, &listening] {
+    Event listening;
+    options.on_listening = [&](int port) {
+        port_ = port;
+        listening.set();
+    };
+    thread_ = std::thread([this, options] {
         try {
             result_ = run_listener(options);
         } catch (const std::exception& error) {
             ADD_FAILURE() << error.what();
-            if (port_ == 0) {
-                try {
-                    listening.set_value(0);
-                } catch (const std::future_error&) {
-                    result_ = -2; // it listened, then failed
-                }
-            }
         }
         ended_.set();
     });
-    port_ = listening.get_future().get();
+    EXPECT_TRUE(listening.wait());
 }
 
 RunningListener::~RunningListener() {

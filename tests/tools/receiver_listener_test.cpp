@@ -145,29 +145,18 @@ TEST_P(EachCarrier, AStopTakesInWhatHasBeenSent) {
 }
 
 TEST_F(ListenerTest, PeersThatAreNoSendersAreSentAway) {
-    const struct {
-        const char* name;
-        std::string bytes;
-        const char* reason;
-    } cases[] = {
-        {"another protocol",
-         "GET / HTTP/1.1\r\nHost: localhost\r\nAccept: */*\r\nUser-Agent: nobody\r\nX: yyyyyyyy\r\n\r\n",
-         "malformed stream at byte 0"},
-        {"a length of 100 MB", bind_frame("C") + frame('0', "Q", "00000000", "00000000", "").replace(67, 8, "99999999"),
-         "package length 99999999"},
-        {"TLS on a plain port", std::string("\x16\x03\x01\x00\xff", 5) + nuls(80), "malformed stream at byte 0"},
-    };
+    const std::string http =
+        "GET / HTTP/1.1\r\nHost: localhost\r\nAccept: */*\r\nUser-Agent: nobody\r\nX: yyyyyyyy\r\n\r\n";
     RunningListener listener(discarding());
     std::size_t ended = 0;
-    for (const auto& [name, bytes, reason] : cases) {
-        SCOPED_TRACE(name);
+    for (const std::string& bytes : {http, std::string("\x16\x03\x01\x00\xff", 5) + nuls(80)}) { // TLS on a plain port
         SendingClient client(listener.port(), Carrier::kPlain);
         ASSERT_TRUE(client.send(bytes));
         int error = 0;
         EXPECT_EQ(client.read_to_end(error), "");
         ASSERT_TRUE(listener.wait_for("end", ++ended));
-        const auto end = listener.journal("end").back();
-        EXPECT_NE(end["reason"].get<std::string>().find(reason), std::string::npos) << end;
+        const auto reason = listener.journal("end").back()["reason"].get<std::string>();
+        EXPECT_NE(reason.find("malformed stream at byte 0"), std::string::npos) << reason;
     }
 }
 
