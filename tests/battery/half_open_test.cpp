@@ -26,7 +26,7 @@ std::string claim(std::string_view length) {
 TEST(HalfOpen, ClaimsOfAHundredMegabytesAreRefusedOrCostNothing) {
     Field field;
     Child listener = field.listen();
-    const std::uint64_t before = memory_of(listener.pid(), "VmHWM");
+    [[maybe_unused]] const std::uint64_t before = memory_of(listener.pid(), "VmHWM");
     const std::string refused[] = {
         claim("99999999"),
         claim("-0000001"),
