@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Data frames and file frames: every byte on the wire, the order of writes and log lines, and each failure.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "channel_run.h"
@@ -201,10 +202,13 @@ TEST_F(Send, FileMessage) {
 }
 
 TEST_F(Send, BadFileFailsTheMessageAfterItsFrame) {
+    mkfifo((dir_ + "/fifo").c_str(), 0600);
     const std::pair<std::string, std::string> cases[] = {
         {dir_ + "/none", "1 open [" + dir_ + "/none] error[2:No such file or directory]"},
         {file("empty", ""), "1 tell [" + dir_ + "/empty] ret[0] error["},
         {dir_, dir_},
+        {dir_ + "/fifo", dir_ + "/fifo"},
+        {"/dev/zero", "/dev/zero"},
     };
     for (const auto& [path, logged] : cases) {
         for (bool own : {false, true}) {
