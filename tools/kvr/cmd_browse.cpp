@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // kvr browse: looks at messages without taking them. The queue is read in short stretches, however slowly the output is
 // read.
+#include <limits>
 #include <memory>
 
 #include <CLI/CLI.hpp>
@@ -137,9 +138,10 @@ void add_browse_command(CLI::App& app, GlobalOptions& global) {
     auto options = std::make_shared<BrowseOptions>();
     CLI::App* command = app.add_subcommand("browse", "Look at the messages of a queue without taking them");
     command->add_option("queue", options->queue, "Queue")->required()->type_name("QUEUE");
-    CLI::Option* count = command->add_option("--count", options->count, "Greatest number of messages [50]")
-                             ->check(CLI::PositiveNumber.description(""))
-                             ->type_name("N");
+    CLI::Option* count =
+        command->add_option("--count", options->count, "Greatest number of messages [50]")
+            ->check(CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max()).description(""))
+            ->type_name("N");
     command->add_flag("--all", options->all, "All messages")->excludes(count);
     command->add_option("--from", options->from, "Begin at this place (column SEQ)")->type_name("SEQ");
     command->add_flag("--held", options->held, "Held messages only: those whose dead-letter put failed");

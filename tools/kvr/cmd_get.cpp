@@ -138,9 +138,10 @@ void add_get_command(CLI::App& app, GlobalOptions& global) {
     auto options = std::make_shared<GetOptions>();
     CLI::App* command = app.add_subcommand("get", "Take messages off a queue");
     command->add_option("queue", options->queue, "Queue")->required()->type_name("QUEUE");
-    CLI::Option* count = command->add_option("--count", options->count, "Number of messages [1]")
-                             ->check(CLI::PositiveNumber.description(""))
-                             ->type_name("N");
+    CLI::Option* count =
+        command->add_option("--count", options->count, "Number of messages [1]")
+            ->check(CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max()).description(""))
+            ->type_name("N");
     command->add_flag("--all", options->all, "Until the queue is empty")->excludes(count);
     command->add_option("--wait", options->wait, "Longest wait for each message [0]")
         ->check(CLI::Range(0.0, kMaxWait).description(""))

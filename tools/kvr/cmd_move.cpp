@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // kvr move: puts messages of one queue on another one, each whole or not at all; for dead letters that get another try.
+#include <limits>
 #include <memory>
 
 #include <CLI/CLI.hpp>
@@ -90,7 +91,7 @@ void add_move_command(CLI::App& app, GlobalOptions& global) {
         ->type_name("QUEUE[@QMGR]")
         ->excludes(strip);
     command->add_option("--count", options->count, "Greatest number of messages (default: all that are there)")
-        ->check(CLI::PositiveNumber.description(""))
+        ->check(CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max()).description(""))
         ->type_name("N");
     set_examples(*command, "  kvr move DEAD.LETTER.QUEUE TO.WEST\n"
                            "  kvr move DEAD.LETTER.QUEUE TO.WEST --dest ORDERS@WEST --count 1\n"

@@ -272,8 +272,8 @@ void report(const GlobalOptions& global, const PutOptions& options, const Totals
         return;
     }
     if (totals.messages == 1) {
-        print(fmt::format("put 1 message of {} bytes on {}, id {}\n", totals.bytes, options.queue,
-                          printable(totals.first_id)));
+        print(fmt::format("put 1 message of {} byte{} on {}, id {}\n", totals.bytes, totals.bytes == 1 ? "" : "s",
+                          options.queue, printable(totals.first_id)));
         return;
     }
     print(fmt::format("put {} messages ({}) on {} in {:.2f} s: {:.0f}/s", totals.messages, human_size(totals.bytes),
