@@ -104,6 +104,11 @@ void add_awkward_options(CLI::App& command, ListenCommand& options) {
     command.add_option("--awkward-first", awkward.first, "Misbehave on the first so many connections only [all]")
         ->group(group)
         ->type_name("N");
+    command
+        .add_option("--awkward-step", awkward.step,
+                    "Misbehave on every second connection only, each time so many bytes later")
+        ->group(group)
+        ->type_name("BYTES");
 }
 
 } // namespace

@@ -21,6 +21,9 @@ constexpr std::size_t kNumberDigits = 8;
 constexpr std::size_t kFilePiece = 1U << 16;
 /// Around the chunk in which files are read.
 constexpr std::array<std::size_t, 2> kAttachedSizes{10240, 300001};
+constexpr std::array<std::size_t, 2> kSmallSizes{1, 97};
+/// Ends the list of attached files on the wire.
+constexpr std::size_t kAttachmentTrailer = 16;
 
 /// Where buffers, segments and fields end.
 constexpr std::array<std::size_t, 24> kBorders{0,     1,     71,    72,    73,     255,     256,     1023,
@@ -65,8 +68,8 @@ std::string identifier(std::string_view tag, const NumberedMessage& message) {
 } // namespace
 
 std::optional<MessageKind> kind_of(char letter) {
-    for (const MessageKind kind :
-         {MessageKind::kData, MessageKind::kAttached, MessageKind::kFile, MessageKind::kHeaderless}) {
+    for (const MessageKind kind : {MessageKind::kData, MessageKind::kAttached, MessageKind::kSmall, MessageKind::kFile,
+                                   MessageKind::kHeaderless}) {
         if (letter == static_cast<char>(kind)) {
             return kind;
         }
@@ -85,7 +88,8 @@ T_KAVRO_MD descriptor_of(std::string_view tag, const NumberedMessage& message) {
     fill(descriptor.sCorrelId, bytes_of(seed_of(tag, message.number, 1), 0, sizeof descriptor.sCorrelId));
     descriptor.cMsgStoreType = message.kind == MessageKind::kFile ? KVR_STORE_FILE : KVR_STORE_DATA;
     descriptor.iUsage = 0x01020304;
-    descriptor.iMsgFlags = message.kind == MessageKind::kAttached ? KVR_MSGFLAG_ACCESSORIES : 0;
+    const bool attached = message.kind == MessageKind::kAttached || message.kind == MessageKind::kSmall;
+    descriptor.iMsgFlags = attached ? KVR_MSGFLAG_ACCESSORIES : 0;
     descriptor.iExpiry = -1;
     descriptor.iFeedback = -number;
     descriptor.iEncoding = 546;
@@ -149,6 +153,8 @@ std::vector<NumberedFile> files_of(std::string_view tag, const NumberedMessage& 
     };
     if (message.kind == MessageKind::kAttached) {
         std::ranges::for_each(kAttachedSizes, add);
+    } else if (message.kind == MessageKind::kSmall) {
+        std::ranges::for_each(kSmallSizes, add);
     } else if (message.kind == MessageKind::kFile) {
         add(std::max<std::size_t>(message.size, 1));
     }
@@ -188,10 +194,12 @@ std::uint64_t wire_size(std::string_view tag, const NumberedMessage& message) {
     if (message.kind != MessageKind::kFile) {
         size += message.size;
     }
-    for (const NumberedFile& file : files_of(tag, message)) {
-        size += sizeof(T_KAVRO_CHL_ACC_HDR) + file.name.size() + KVR_CHL_NUM_LEN + file.size;
+    const std::vector<NumberedFile> files = files_of(tag, message);
+    for (const NumberedFile& file : files) {
+        size += KVR_CHL_NUM_LEN + file.size;
+        size += message.kind == MessageKind::kFile ? 0 : sizeof(T_KAVRO_CHL_ACC_HDR) + file.name.size();
     }
-    return size;
+    return size + (message.kind == MessageKind::kFile || files.empty() ? 0 : kAttachmentTrailer);
 }
 
 std::size_t varied_size(std::uint64_t number, std::size_t least, std::size_t greatest) {

@@ -17,6 +17,7 @@ namespace kvr {
 enum class MessageKind : char {
     kData = 'D',
     kAttached = 'A',   ///< data and two attached files
+    kSmall = 'S',      ///< data and two attached files of a few bytes
     kFile = 'F',       ///< a file message
     kHeaderless = 'H', ///< put on a transmission queue without its header
 };
@@ -54,7 +55,7 @@ std::filesystem::path write_file(const std::filesystem::path& folder, const Numb
 /// Whether a file has exactly the bytes that write_file writes.
 bool same_file(const std::filesystem::path& path, const NumberedFile& file);
 
-/// Bytes that the message takes on the wire.
+/// Bytes that the message takes on the wire; of a file message without the path of its file.
 std::uint64_t wire_size(std::string_view tag, const NumberedMessage& message);
 
 /// A size between the two for a number: the borders of buffers and segments first, then every order of magnitude alike.

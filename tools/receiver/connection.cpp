@@ -19,7 +19,17 @@ constexpr std::chrono::seconds kDropTime{5};       ///< for the peer to notice a
 constexpr std::chrono::milliseconds kRateTick{20}; ///< how often a slow reader reads
 
 AwkwardOptions switches_for(const ListenerOptions& options, std::uint64_t id) {
-    return options.awkward.first == 0 || id <= options.awkward.first ? options.awkward : AwkwardOptions{};
+    AwkwardOptions switches = options.awkward;
+    const bool good = (switches.first != 0 && id > switches.first) || (switches.step != 0 && id % 2 == 0);
+    if (good) {
+        return {};
+    }
+    for (std::optional<std::uint64_t>* at : {&switches.close_after, &switches.reset_after, &switches.stall_after}) {
+        if (*at) {
+            **at += id / 2 * switches.step;
+        }
+    }
+    return switches;
 }
 
 bool room_may_return(int error) {

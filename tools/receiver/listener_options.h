@@ -41,6 +41,8 @@ struct AwkwardOptions {
     bool close_notify = false;                ///< with TLS, a closing alert goes before each FIN of ours
     int receive_buffer = 0;                   ///< SO_RCVBUF, 0: the system's
     std::uint64_t first = 0;                  ///< only the first so many connections; 0: all
+    /// Only every second connection, the first one included, each of them so many bytes later; 0: all.
+    std::uint64_t step = 0;
 };
 
 struct ListenerOptions {

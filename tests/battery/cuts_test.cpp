@@ -1,0 +1,201 @@
+// SPDX-License-Identifier: MIT
+// The receiver ends the connection after every byte of a bind frame, a plain message, one with two attached files and
+// a file message; and what a cut under load costs.
+//
+// One worker meets all cuts. Lines are bad and good in turn, so that no message meets two cuts in a row: a bad one is
+// cut after so many bytes, the good one behind it is given up by the test when everything has been written.
+#include <algorithm>
+#include <fstream>
+#include <set>
+
+#include <sys/syscall.h>
+
+#include "field.h"
+#include "numbered_message.h"
+
+namespace kvr::test {
+namespace {
+
+constexpr std::uint64_t kBindFrame = 75 + sizeof(kChannel) - 1;
+
+struct Case {
+    Carrier carrier;
+    bool reset;
+
+    [[nodiscard]] const char* option() const { return reset ? "--reset-after" : "--close-after"; }
+};
+
+/// The system call in which a process waits; -1 when it runs.
+long waits_in(pid_t pid) {
+    std::ifstream stream("/proc/" + std::to_string(pid) + "/syscall");
+    long number = -1;
+    return stream >> number ? number : -1;
+}
+
+/// How often the listener says this.
+std::size_t said(const Field& field, const std::string& text) {
+    std::ifstream stream(field.home() / "out");
+    std::size_t count = 0;
+    for (std::string line; std::getline(stream, line);) {
+        count += line.find(text) == std::string::npos ? 0U : 1U;
+    }
+    return count;
+}
+
+class Cuts : public ::testing::TestWithParam<Case> {
+  protected:
+    Cuts() : field_(GetParam().carrier) {
+        // What survives a power loss is not asked here, and the status is written thousands of times.
+        field_.sender().set_settings({.sync = false});
+        field_.receiver().set_settings({.sync = false});
+    }
+
+    void put_one_of_each() {
+        field_.put(MessageKind::kData, 1, 200, 200);
+        field_.put(MessageKind::kSmall, 1, 100, 100);
+        field_.put(MessageKind::kFile, 1, 300, 300);
+    }
+
+    /// Bytes on a connection from its start to the end of each of these last messages.
+    [[nodiscard]] std::vector<std::uint64_t> ends_of_last(std::size_t count) const {
+        std::vector<std::uint64_t> ends;
+        std::uint64_t end = kBindFrame;
+        for (auto each = field_.ledger().end() - static_cast<std::ptrdiff_t>(count); each != field_.ledger().end();
+             ++each) {
+            end += wire_size(kTag, *each);
+            if (each->kind == MessageKind::kFile) {
+                end += (field_.home() / "files" / files_of(kTag, *each).front().name).native().size();
+            }
+            ends.push_back(end);
+        }
+        return ends;
+    }
+
+    void SetUp() override {
+#ifdef __SANITIZE_ADDRESS__
+        GTEST_SKIP() << "the sanitizer's runtime admits no preloaded library";
+#endif
+    }
+
+    Child run_channel() {
+        return field_.run_channel({{"LD_PRELOAD", KVR_NO_PAUSES}});
+    }
+
+    /// Waits until another line is up than before.
+    void await_next_line() {
+        await("the next line", [&] { return field_.status() == "RUNING" && field_.status("LOCALPORT") != line_; });
+        line_ = field_.status("LOCALPORT");
+    }
+
+    /// The line was cut: everything else goes over a good one, which then gives place to the next bad one.
+    void recover(const Child& worker) {
+        await_next_line();
+        field_.await_drained();
+        await("a waiting worker", [&] { return waits_in(worker.pid()) == SYS_ppoll; });
+        ::kill(worker.pid(), SIGUSR2);
+        await_next_line();
+    }
+
+    std::set<std::uint64_t> delivered() {
+        std::set<std::uint64_t> numbers;
+        field_.receiver().browse(kTarget, 0, [&](const StoredMessage& found) {
+            numbers.insert(number_of(kTag, found.descriptor).value_or(0));
+            return true;
+        });
+        return numbers;
+    }
+
+    /// Cuts lines while many messages go over them, and records what each cut cost.
+    void cut_under_load(std::uint64_t read_rate);
+
+    Field field_;
+    std::string line_;
+};
+
+TEST_P(Cuts, AfterEachByteCostNoMoreThanWhatWasOnTheWay) {
+    put_one_of_each();
+    const std::uint64_t whole = ends_of_last(3).back();
+    const std::size_t step = std::max<std::size_t>(whole / rounds(whole / 14), 1);
+    const std::uint64_t first = GetParam().reset ? 1 + step / 2 : 1;
+    const Child listener =
+        field_.listen({GetParam().option(), std::to_string(first), "--awkward-step", std::to_string(step)});
+    Child worker = run_channel();
+
+    std::vector<std::uint64_t> safe; // messages that came in whole before their line was cut
+    std::uint64_t cuts = 0;
+    for (std::uint64_t at = first; at <= whole && !HasFailure(); at += step, ++cuts) {
+        if (cuts == 0) {
+            await_next_line();
+        } else {
+            put_one_of_each();
+        }
+        const auto ends = ends_of_last(3);
+        for (std::size_t i = 0; i < ends.size() && ends[i] <= at; ++i) {
+            safe.push_back(field_.ledger().size() - ends.size() + i + 1);
+        }
+        recover(worker);
+    }
+    EXPECT_EQ(said(field_, "on purpose after"), cuts);
+    EXPECT_EQ(worker.result_under(SIGTERM), 0);
+
+    const Verdict verdict = field_.judge(cuts);
+    EXPECT_EQ(verdict.dead + verdict.held + verdict.waiting, 0U);
+    const auto arrived = delivered();
+    EXPECT_TRUE(std::ranges::includes(arrived, safe)) << "a message that was received before the cut is missing";
+    RecordProperty("cuts", std::to_string(cuts));
+    RecordProperty("messages", std::to_string(verdict.sent));
+    RecordProperty("messages lost", std::to_string(verdict.lost));
+}
+
+void Cuts::cut_under_load(std::uint64_t read_rate) {
+    constexpr std::size_t kSize = 16384;
+    constexpr std::size_t kLoad = 10U << 20U;
+    constexpr std::uint64_t kFirst = 1'000'000;
+    constexpr std::size_t kGreatestCount = 50;
+    const Child listener = field_.listen({GetParam().option(), std::to_string(kFirst), "--awkward-step", "5003",
+                                          "--read-rate", std::to_string(read_rate)});
+    Child worker = run_channel();
+    await_next_line();
+    const std::size_t cuts = std::min(rounds(2), kGreatestCount);
+    for (std::size_t i = 0; i < cuts && !HasFailure(); ++i) {
+        field_.put(MessageKind::kData, kLoad / kSize, kSize, kSize);
+        recover(worker);
+    }
+    EXPECT_EQ(said(field_, "on purpose after"), cuts);
+    EXPECT_EQ(worker.result_under(SIGTERM), 0);
+    const Verdict verdict = field_.judge(cuts);
+    EXPECT_EQ(verdict.dead + verdict.held + verdict.waiting, 0U);
+
+    std::vector<std::uint64_t> lost(cuts);
+    const auto arrived = delivered();
+    for (const NumberedMessage& message : field_.ledger()) {
+        if (!arrived.contains(message.number)) {
+            lost[(message.number - 1) / (kLoad / kSize)] += wire_size(kTag, message);
+        }
+    }
+    std::ranges::sort(lost);
+    RecordProperty("cuts", std::to_string(cuts));
+    RecordProperty("bytes lost, median", std::to_string(lost[cuts / 2]));
+    RecordProperty("bytes lost, p99", std::to_string(lost[cuts * 99 / 100]));
+    RecordProperty("bytes lost, maximum", std::to_string(lost.back()));
+}
+
+TEST_P(Cuts, UnderLoadWithAFastReader) {
+    cut_under_load(0);
+}
+
+TEST_P(Cuts, UnderLoadWithASlowReader) {
+    cut_under_load(4'000'000);
+}
+
+} // namespace
+
+INSTANTIATE_TEST_SUITE_P(Ends, Cuts,
+                         ::testing::Values(Case{Carrier::kPlain, false}, Case{Carrier::kPlain, true},
+                                           Case{Carrier::kTls13, false}, Case{Carrier::kTls13, true}),
+                         [](const auto& test) {
+                             return std::string(carrier_name(test.param.carrier)) +
+                                    (test.param.reset ? "Reset" : "Closed");
+                         });
+
+} // namespace kvr::test
