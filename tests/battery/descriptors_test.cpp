@@ -50,7 +50,7 @@ TEST_P(Descriptors, AWorkerStartedWithoutStandardOnesNeverUsesThemForItsLine) {
         SCOPED_TRACE(closing(closed));
         Child worker = run_channel_after(field_, closing(closed));
         field_.put_one_of_each();
-        field_.await_drained();
+        field_.await_arrived(field_.ledger().size());
         field_.await_status("RUNING");
         EXPECT_EQ(bad_standard_descriptors(worker.pid()), "");
         const auto watchers = children_of(worker.pid());
