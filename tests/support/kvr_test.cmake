@@ -7,7 +7,7 @@ function(kvr_test name)
   add_executable(${name} ${ARG_SOURCES})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
   # A test is compiled far more often than it runs.
-  target_compile_options(${name} PRIVATE $<$<CONFIG:Release>:-O1> $<$<BOOL:${KVR_SANITIZE}>:-O0>)
+  target_compile_options(${name} PRIVATE $<$<CONFIG:Release>:-O1> $<$<CONFIG:Debug>:-O0>)
   target_link_libraries(${name} PRIVATE kvr_warnings ${ARG_LIBS} GTest::gmock GTest::gtest_main)
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}")
 endfunction()
