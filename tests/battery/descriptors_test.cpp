@@ -88,7 +88,8 @@ TEST_P(Descriptors, AListenerStartedWithoutStandardOnesTakesMessages) {
         field_.await_arrived(field_.ledger().size());
         EXPECT_EQ(bad_standard_descriptors(listener.pid()), "");
         EXPECT_EQ(worker.result_under(SIGTERM), 0);
-        EXPECT_EQ(listener.result_under(SIGTERM), 0);
+        kill(listener.pid(), SIGTERM); // once: a second one may meet its end
+        EXPECT_EQ(listener.result(), 0);
     }
     field_.expect_all_delivered();
 }

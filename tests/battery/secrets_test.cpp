@@ -114,7 +114,8 @@ TEST(Secrets, TheListenersPassPhraseEither) {
             EXPECT_EQ(visible(listener.pid()).find(phrase), std::string::npos);
             const std::string limits = contents("/proc/" + std::to_string(listener.pid()) + "/limits");
             EXPECT_NE(limits.find("Max core file size        0                    0"), std::string::npos) << limits;
-            EXPECT_EQ(listener.result_under(SIGTERM), 0);
+            kill(listener.pid(), SIGTERM); // once: a second one may meet its end
+            EXPECT_EQ(listener.result(), 0);
         } else {
             EXPECT_EQ(listener.result(), 1);
         }
@@ -218,7 +219,8 @@ TEST(Secrets, NamesOfOthersMakingStayOneLineOfText) {
     for (const char* command : {"browse", "get"}) {
         EXPECT_EQ(field.start({"--qmgr", kReceiver, command, kDeadQueue}).result(), 0);
     }
-    EXPECT_EQ(listener.result_under(SIGTERM), 0);
+    kill(listener.pid(), SIGTERM); // once: a second one may meet its end
+    EXPECT_EQ(listener.result(), 0);
     for (const char* text : {"log", "out", "journal"}) {
         const std::string written = contents(field.home() / text);
         EXPECT_NE(written.find("FORGED"), std::string::npos) << text;
