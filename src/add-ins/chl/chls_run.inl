@@ -3,7 +3,7 @@
 
 /// Ends the process on a failure that the loop cannot recover from.
 [[noreturn]] static void EndRun(void) {
-    TakeTlsRecords();
+    EndTlsLine();
     exit(EXIT_FAILURE);
 }
 

@@ -27,8 +27,8 @@ static int ExitEventHandler(int /*iPlugId*/, int /*iEventId*/, void* /*pInData*/
         CHLS_LOG(LOG_ERR, TXT("KVR_ObjSetAttrV[%s][%s] return[%d]"), "CHS", f_sAppName, iRet);
     }
     StopNetChkProc(__func__);
-    TakeTlsRecords();
     CloseQueue(f_sXmitQ, &f_hObjHdl);
     CloseQueue(f_sDeadQ, &f_hDeaqHdl);
+    EndTlsLine();
     return CHLS_OK;
 }

@@ -100,14 +100,6 @@ static int StartNetChkProc(void) {
     return f_iMonPid;
 }
 
-/// In the watcher, whose process is gone: it now holds the connection's last descriptor. Bytes left unread at the close
-/// (session tickets) would make the kernel reset the connection instead of delivering what was sent.
-static void DropUnread(void) {
-    char sBuf[4096];
-    while (recv(f_tTcpClient.iSocketNo, sBuf, sizeof(sBuf), MSG_DONTWAIT) > 0) {
-    }
-}
-
 /// In the watcher: waits for the end of the line or of the channel process and reports it.
 static void CheckNetStat(void) {
     int f_iPPid = getppid();
@@ -126,7 +118,8 @@ static void CheckNetStat(void) {
     // The pipe first: once the channel process is gone, its id may be a stranger's, who must not get the signal.
     if (FD_ISSET(f_iChlLineFD, &rdfds)) {
         CHLS_LOG(LOG_GONE, TXT("parent abort[%d]"), f_iPPid);
-        DropUnread();
+        // It now holds the connection's last descriptor.
+        EndTlsLine();
         return;
     }
     CHLS_LOG(LOG_ERR, TXT("connection lost"));

@@ -14,6 +14,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -47,6 +48,7 @@ constexpr int CHLS_FILE_CHUNK = 10240;     ///< bytes of a file per write
 constexpr int CHLS_SEND_TRIES = 4;         ///< attempts to send one message
 constexpr unsigned CHLS_RESTART_PAUSE = 3; ///< seconds between a lost line and the next connection
 constexpr int CHLS_DEFAULT_PORT = 5151;    ///< listener's port when the connection name has none
+constexpr int CHLS_TLS_END_MS = 300;       ///< wait for the receiver's end of a TLS line, within a stop's second
 constexpr int CHLS_APP_NAME_ENTRY = 4;     ///< entry of the argument table, counted after the options
 
 static_assert(sizeof(T_KAVRO_HDR_XMITQ) == CHLS_XMITQ_HDR_LEN);
@@ -97,6 +99,7 @@ static int SetObjStat(const char* psFunc, const char* psStat);
 static int InitTcpClient(void);
 static void SetLineOpt(int iOpt, int iOn);
 static int TakeTlsRecords(void);
+static void EndTlsLine(void);
 
 // chls_connect.inl, chls_bind.inl, chls_watcher.inl, chls_net_start.inl, chls_heartbeat.inl: the link
 static int Connect2Lsr(void);
