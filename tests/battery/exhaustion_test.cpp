@@ -252,7 +252,10 @@ TEST(Exhaustion, FewDescriptorsFromTheStart) {
         ++(result == 0 ? worked : refused);
         if (result != 0) {
             const std::string said = contents(field.home() / "out") + field.log();
-            EXPECT_NE(said.find("Too many open files"), std::string::npos) << said;
+            // Below the first few descriptors it is the system's loader that refuses, in words of its own.
+            EXPECT_TRUE(said.find("Too many open files") != std::string::npos ||
+                        said.find("Error 24") != std::string::npos)
+                << said;
         }
     }
     EXPECT_GE(worked, 1);

@@ -45,5 +45,20 @@ TEST_P(Road, AKilledListenerCostsNothingThatHadArrived) {
     field.expect_all_delivered();
 }
 
+TEST_P(Road, AStopRightAfterTheLastSendLosesNothingThoughTicketsComeLate) {
+    Field field(GetParam());
+    std::vector<std::string> options{"--read-rate", "2000000"};
+    if (GetParam() == Carrier::kTls13) {
+        options.insert(options.end(), {"--tls-late-ticket", "100"});
+    }
+    Child listener = field.listen(options);
+    field.put_one_of_each();
+    Child worker = field.run_channel();
+    field.await_drained();
+    EXPECT_EQ(worker.result_under(SIGTERM), 0);
+    field.await_arrived(field.ledger().size());
+    field.expect_all_delivered();
+}
+
 } // namespace
 } // namespace kvr::test
