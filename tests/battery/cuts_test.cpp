@@ -6,7 +6,7 @@
 // cut after so many bytes, the good one behind it is given up by the test when everything has been written.
 #include <algorithm>
 #include <fstream>
-#include <set>
+#include <iomanip>
 
 #include <sys/syscall.h>
 
@@ -40,6 +40,23 @@ std::size_t said(const Field& field, const std::string& text) {
         count += line.find(text) == std::string::npos ? 0U : 1U;
     }
     return count;
+}
+
+/// Bytes that the system holds of connections with this local or remote port: written and not read yet.
+std::uint64_t bytes_on_the_way(const std::string& port) {
+    std::ostringstream wanted;
+    wanted << ':' << std::uppercase << std::hex << std::setw(4) << std::setfill('0') << std::stoi(port);
+    std::ifstream table("/proc/net/tcp");
+    std::uint64_t bytes = 0;
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream words(line);
+        std::string number, local, remote, state, queues;
+        words >> number >> local >> remote >> state >> queues;
+        if (queues.size() > 9 && (local.ends_with(wanted.str()) || remote.ends_with(wanted.str()))) {
+            bytes += std::stoull(queues.substr(0, 8), nullptr, 16) + std::stoull(queues.substr(9), nullptr, 16);
+        }
+    }
+    return bytes;
 }
 
 class Cuts : public ::testing::TestWithParam<Case> {
@@ -92,6 +109,8 @@ class Cuts : public ::testing::TestWithParam<Case> {
         await_next_line();
         field_.await_drained();
         await("a waiting worker", [&] { return waits_in(worker.pid()) == SYS_ppoll; });
+        // This cut is the test's own and must cost nothing.
+        await("a receiver that has read all", [&] { return bytes_on_the_way(line_) == 0; });
         ::kill(worker.pid(), SIGUSR2);
         await_next_line();
     }
