@@ -106,11 +106,11 @@ TEST_P(Descriptors, AWorkerWithManyOpenWorksOrRefuses) {
     int refused = 0;
     for (const int open : {900, 985, 990, 995, 1000, 1005, 1010, 1014, 1100}) {
         SCOPED_TRACE(open);
+        const std::string refusal = "pipe error[24:Too many open files]";
+        const std::size_t refusals = field_.logged(refusal); // before the worker, which may refuse at once
         Child worker = run_channel_after(field_, "ulimit -n 4096; for ((i = 10; i < " + std::to_string(10 + open) +
                                                      "; ++i)); do eval \"exec $i</dev/null\"; done; exec");
         field_.put_one_of_each();
-        const std::string refusal = "pipe error[24:Too many open files]";
-        const std::size_t refusals = field_.logged(refusal);
         await("the end of the worker or of the queue",
               [&] { return field_.logged(refusal) > refusals || field_.depth() == 0; });
         if (field_.depth() == 0) {
