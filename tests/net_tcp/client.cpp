@@ -4,23 +4,21 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
-#include <cstdio>
 
+#include <poll.h>
 #include <sys/ioctl.h>
-
-#include "kavutil.h"
 
 namespace kvr::test {
 namespace {
 
-std::atomic<void (*)()> handler_action;
+std::function<void()> handler_action;
 std::atomic<int> handler_runs;
 volatile sig_atomic_t handler_running = 0;
 
 void run_handler(int) {
     const int saved = errno;
     handler_running = 1;
-    handler_action.load()();
+    handler_action();
     handler_running = 0;
     handler_runs++;
     errno = saved;
@@ -28,8 +26,8 @@ void run_handler(int) {
 
 } // namespace
 
-std::vector<LoggedLine>& logged_lines() {
-    static std::vector<LoggedLine> lines;
+std::vector<std::string>& logged_lines() {
+    static std::vector<std::string> lines;
     return lines;
 }
 
@@ -42,7 +40,7 @@ int record_line(char*, int iLevel, char* psMod, char* psFile, int, const char* p
     va_start(arguments, psFmt);
     vsnprintf(text, sizeof(text), psFmt, arguments);
     va_end(arguments);
-    logged_lines().push_back({iLevel, std::string(psMod) + "/" + psFile + "/" + psFunc, text});
+    logged_lines().push_back(std::to_string(iLevel) + " " + psMod + "/" + psFile + "/" + psFunc + " " + text);
     errno = EDOM; // a log function may do that
     return 0;
 }
@@ -68,18 +66,26 @@ int Client::write(const std::string& data) {
     return record.pfnWrite(&record, const_cast<char*>(data.data()), static_cast<int>(data.size()), 0);
 }
 
+void Client::expect_down(bool context) const {
+    EXPECT_EQ(record.iStat, 0);
+    EXPECT_EQ(record.iSocketNo, 0);
+    EXPECT_EQ(record.ssl, nullptr);
+    EXPECT_EQ(record.ctx != nullptr, context);
+}
+
 int Client::pending() const {
     int bytes = 0;
     ioctl(record.iSocketNo, FIONREAD, &bytes);
     return bytes;
 }
 
-bool Client::readable() const {
-    return sockCanRead(record.iSocketNo) != 0;
+bool Client::stalled() const {
+    pollfd asked{record.iSocketNo, POLLOUT, 0};
+    return poll(&asked, 1, 0) == 0;
 }
 
-Handler::Handler(void (*action)()) {
-    handler_action = action;
+Handler::Handler(std::function<void()> action) {
+    handler_action = std::move(action);
     handler_runs = 0;
     struct sigaction handler {};
     handler.sa_handler = run_handler;
@@ -92,19 +98,6 @@ Handler::~Handler() {
 
 int Handler::runs() {
     return handler_runs;
-}
-
-Pestering::Pestering()
-    : thread_([this, main_thread = pthread_self()] {
-          EXPECT_TRUE(wait_until([&] {
-              pthread_kill(main_thread, SIGUSR2);
-              return ended_.load();
-          }));
-      }) {}
-
-Pestering::~Pestering() {
-    ended_ = true;
-    thread_.join();
 }
 
 const std::string& huge_data() {

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
-// A client record for tests, with everything it logged.
+// A client record for tests, with everything it logged, and a signal handler that works on it.
 #pragma once
 
-#include <atomic>
 #include <csignal>
 #include <cstring>
+#include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "net_tcp_client.h"
@@ -17,15 +17,9 @@
 
 namespace kvr::test {
 
-struct LoggedLine {
-    int level;
-    std::string place; ///< module/file/function
-    std::string text;
-    bool operator==(const LoggedLine&) const = default;
-};
-
-/// The lines of all clients since the last clear(). Nothing is recorded while a handler runs.
-std::vector<LoggedLine>& logged_lines();
+/// "<level> <module>/<file>/<function> <text>" of each line since the latest Client was made. Nothing is recorded while
+/// a handler runs.
+std::vector<std::string>& logged_lines();
 int record_line(char* psTag, int iLevel, char* psMod, char* psFile, int iLine, const char* psFunc, char* psFmt, ...)
     __attribute__((format(printf, 7, 8)));
 
@@ -44,9 +38,12 @@ class Client {
     int write(const std::string& data);
     int close() { return record.pfnClose(&record, 0); }
     std::string error() const { return record.sErrorStr; }
+    /// No socket and no session; `context` tells whether the TLS context stands.
+    void expect_down(bool context) const;
     /// Bytes that the peer sent and nobody took in.
     int pending() const;
-    bool readable() const;
+    /// The connection takes no more bytes: a write waits.
+    bool stalled() const;
 
     T_NET_TCPCLIENT record{};
 
@@ -57,29 +54,14 @@ class Client {
 /// A suite that runs over carriers.
 class CarrierTest : public testing::TestWithParam<Carrier> {
   protected:
-    static PeerOptions options() {
-        PeerOptions made;
-        made.carrier = GetParam();
-        return made;
-    }
+    CarrierTest() { options_.carrier = GetParam(); }
     static bool tls() { return GetParam() != Carrier::kPlain; }
+    PeerOptions options_;
 };
 inline std::string carrier_of(const testing::TestParamInfo<Carrier>& info) {
     return carrier_name(info.param);
 }
-
-/// Sends SIGUSR2 to the thread that made it, again and again, until it goes.
-class Pestering {
-  public:
-    Pestering();
-    ~Pestering();
-    Pestering(const Pestering&) = delete;
-    Pestering& operator=(const Pestering&) = delete;
-
-  private:
-    std::atomic<bool> ended_ = false;
-    std::thread thread_;
-};
+inline const auto kAllCarriers = testing::Values(Carrier::kPlain, Carrier::kTls12, Carrier::kTls13);
 
 template <std::size_t N>
 void set_text(char (&field)[N], const std::string& text) {
@@ -90,7 +72,7 @@ void set_text(char (&field)[N], const std::string& text) {
 /// Runs `action` in a handler of SIGUSR2, installed without SA_RESTART, while it lives.
 class Handler {
   public:
-    explicit Handler(void (*action)());
+    explicit Handler(std::function<void()> action);
     ~Handler();
     Handler(const Handler&) = delete;
     Handler& operator=(const Handler&) = delete;

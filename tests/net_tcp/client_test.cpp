@@ -1,8 +1,5 @@
 // SPDX-License-Identifier: MIT
 // The client's operations over plain TCP, TLS 1.2 and TLS 1.3: results, error texts, log lines, ownership.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <cerrno>
 
 #include <fcntl.h>
@@ -15,30 +12,20 @@ namespace kvr::test {
 namespace {
 
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
 
-std::string pattern(std::size_t size) {
-    std::string data(size, '\0');
-    for (std::size_t i = 0; i < size; i++) {
-        data[i] = static_cast<char>(i * 31 + i / 251);
-    }
-    return data;
+std::string line(int level, const std::string& function, const std::string& text) {
+    return std::to_string(level) + " $net_tcp/net_tcp_client/netTcpClient" + function + " " + text;
 }
 
-LoggedLine line(int level, const char* function, const std::string& text) {
-    return {level, std::string("$net_tcp/net_tcp_client/netTcpClient") + function, text};
-}
-
-/// A port on which nothing listens.
-int free_port() {
-    const Peer peer({}, [](PeerConnection&) {});
-    return peer.port();
-}
-
-using ClientTest = CarrierTest;
-INSTANTIATE_TEST_SUITE_P(Carriers, ClientTest, testing::Values(Carrier::kPlain, Carrier::kTls12, Carrier::kTls13),
-                         carrier_of);
+class ClientTest : public CarrierTest {
+  protected:
+    Client client_{GetParam()};
+    T_NET_TCPCLIENT& record_ = client_.record;
+};
+INSTANTIATE_TEST_SUITE_P(Carriers, ClientTest, kAllCarriers, carrier_of);
 
 TEST(ClientCreate, RefusesNullAndClearsTheRecord) {
     T_NET_TCPCLIENT record;
@@ -53,31 +40,32 @@ TEST(ClientCreate, RefusesNullAndClearsTheRecord) {
 }
 
 TEST_P(ClientTest, ConnectsWritesReadsAndSaysSo) {
-    const std::string data = pattern(1'000'000);
-    Peer peer(options(), [&](PeerConnection& connection) {
+    std::string data(1'000'000, '\0');
+    for (std::size_t i = 0; i < data.size(); i++) {
+        data[i] = static_cast<char>(i * 31 + i / 251);
+    }
+    Peer peer(options_, [&](PeerConnection& connection) {
         connection.write(connection.read(data.size()));
         connection.read_all();
     });
-    Client client(GetParam());
-    client.record.iRcvTimeOut = 9;
-    client.record.iSndTimeOut = 8;
-    ASSERT_TRUE(client.up(peer, NET_TCP_OPT_RCVTIMEO | NET_TCP_OPT_SNDTIMEO | NET_TCP_OPT_KEEPALIVE)) << client.error();
-    const T_NET_TCPCLIENT& record = client.record;
-    EXPECT_EQ(record.iStat, 1);
-    EXPECT_STREQ(record.sLocalAddr, "127.0.0.1");
-    EXPECT_STREQ(record.sRemoteAddr, "127.0.0.1");
-    EXPECT_EQ(record.iRemotePort, peer.port());
-    EXPECT_GT(record.iLocalPort, 0);
-    EXPECT_EQ(fcntl(record.iSocketNo, F_GETFD), FD_CLOEXEC);
-    EXPECT_EQ(fcntl(record.iSocketNo, F_GETFL) & O_NONBLOCK, 0);
-
-    std::vector<LoggedLine> expected = {
+    record_.iRcvTimeOut = 9;
+    record_.iSndTimeOut = 8;
+    ASSERT_TRUE(client_.up(peer, NET_TCP_OPT_RCVTIMEO | NET_TCP_OPT_SNDTIMEO | NET_TCP_OPT_KEEPALIVE));
+    EXPECT_EQ(record_.iStat, 1);
+    EXPECT_STREQ(record_.sLocalAddr, "127.0.0.1");
+    EXPECT_STREQ(record_.sRemoteAddr, "127.0.0.1");
+    EXPECT_EQ(record_.iRemotePort, peer.port());
+    EXPECT_GT(record_.iLocalPort, 0);
+    EXPECT_EQ(fcntl(record_.iSocketNo, F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(fcntl(record_.iSocketNo, F_GETFL) & O_NONBLOCK, 0);
+    std::vector<std::string> expected = {
         line(5, "Connect", "create new socket"), line(5, "Connect", "set rcv time out[9]"),
         line(5, "Connect", "set snd time out[8]"), line(5, "Connect", "set keepalive[1]")};
     if (tls()) {
-        expected.insert(expected.begin(), line(4, "Init",
-                                               std::string("netTcpSSLInitCtx[") + record.sCertFile + "] [" +
-                                                   record.sKeyFile + "] [] sucess"));
+        const TlsIdentity& identity = tls_material().client;
+        expected.insert(
+            expected.begin(),
+            line(4, "Init", "netTcpSSLInitCtx[" + identity.cert_file + "] [" + identity.key_file + "] [] sucess"));
         expected.push_back(line(5, "Connect", "SSL_connect success."));
         expected.push_back(line(5, "Connect", "netTcpSSLCheckCert success."));
     }
@@ -88,14 +76,14 @@ TEST_P(ClientTest, ConnectsWritesReadsAndSaysSo) {
     // One byte short of a record, one more, and the rest.
     std::size_t at = 0;
     for (const std::size_t size : {std::size_t{0}, std::size_t{16383}, std::size_t{16385}, data.size() - 32768}) {
-        EXPECT_EQ(client.write(data.substr(at, size)), static_cast<int>(size));
+        EXPECT_EQ(client_.write(data.substr(at, size)), static_cast<int>(size));
         at += size;
     }
     std::string back(data.size(), '\0');
     int done = -7;
     const int size = static_cast<int>(back.size());
-    EXPECT_EQ(client.record.pfnRead(&client.record, back.data(), 0, &done, 0), 0);
-    EXPECT_EQ(client.record.pfnRead(&client.record, back.data(), size, &done, 0), size);
+    EXPECT_EQ(record_.pfnRead(&record_, back.data(), 0, &done, 0), 0);
+    EXPECT_EQ(record_.pfnRead(&record_, back.data(), size, &done, 0), size);
     EXPECT_EQ(done, size);
     EXPECT_TRUE(back == data);
     if (tls()) {
@@ -104,101 +92,82 @@ TEST_P(ClientTest, ConnectsWritesReadsAndSaysSo) {
     } else {
         EXPECT_TRUE(logged_lines().empty());
     }
-    EXPECT_EQ(client.close(), 0);
-    EXPECT_EQ(record.iStat, 0);
-    EXPECT_EQ(record.iSocketNo, 0);
-    EXPECT_EQ(record.ssl, nullptr);
-    EXPECT_EQ(record.ctx, nullptr);
+    EXPECT_EQ(client_.close(), 0);
+    client_.expect_down(false);
 }
 
 TEST_P(ClientTest, FailedConnectLeavesNoSocketAndCanBeRepeated) {
-    Client client(GetParam());
-    ASSERT_EQ(client.init(), 0);
+    ASSERT_EQ(client_.init(), 0);
     const int before = open_descriptors();
+    const int port = std::make_unique<Peer>(PeerOptions(), [](PeerConnection&) {})->port(); // nothing listens any more
     for (int i = 0; i < 2; i++) {
-        logged_lines().clear();
-        const int port = free_port();
-        EXPECT_EQ(client.connect(port), -1);
-        EXPECT_EQ(client.record.iErrorCode, ECONNREFUSED);
-        const std::string text = "connect[127.0.0.1:" + std::to_string(port) + "] error[111:Connection refused]";
-        EXPECT_EQ(client.error(), text);
-        EXPECT_EQ(client.record.iSocketNo, 0);
-        EXPECT_THAT(logged_lines(), ElementsAre(line(5, "Connect", "create new socket"), line(1, "Connect", text)));
+        EXPECT_EQ(client_.connect(port), -1);
+        EXPECT_EQ(record_.iErrorCode, ECONNREFUSED);
+        EXPECT_EQ(client_.error(), "connect[127.0.0.1:" + std::to_string(port) + "] error[111:Connection refused]");
+        EXPECT_EQ(logged_lines().back(), line(1, "Connect", client_.error()));
+        client_.expect_down(tls());
     }
-    logged_lines().clear();
-    const int port = client.record.iRemotePort;
-    EXPECT_EQ(client.connect(1, "host..invalid"), -1);
-    EXPECT_EQ(client.record.iRemotePort, port);
-    EXPECT_NE(client.record.iErrorCode, 0);
-    EXPECT_THAT(client.error(), testing::StartsWith("sockGetHostIp[127.0.0.1] error[" +
-                                                    std::to_string(client.record.iErrorCode) + ":"));
-    EXPECT_THAT(logged_lines().back().text, HasSubstr("error[" + std::to_string(client.record.iErrorCode) + "]["));
+    EXPECT_EQ(client_.connect(1, "host..invalid"), -1);
+    EXPECT_EQ(record_.iRemotePort, port);
+    const std::string code = std::to_string(record_.iErrorCode);
+    EXPECT_THAT(client_.error(), testing::StartsWith("sockGetHostIp[127.0.0.1] error[" + code + ":"));
+    EXPECT_THAT(logged_lines().back(), HasSubstr("1 $net_tcp/net_tcp_client/netTcpClientConnect sockGetHostIp["));
+    EXPECT_THAT(logged_lines().back(), HasSubstr("error[" + code + "]["));
     for (const int bad_port : {-1, 65536}) {
-        EXPECT_EQ(client.connect(bad_port), -1);
-        EXPECT_EQ(client.record.iErrorCode, EINVAL);
+        EXPECT_EQ(client_.connect(bad_port), -1);
+        EXPECT_EQ(record_.iErrorCode, EINVAL);
     }
     EXPECT_EQ(open_descriptors(), before);
 
-    Peer peer(options(), [](PeerConnection& connection) { connection.read_all(); });
-    EXPECT_EQ(client.connect(peer), 0) << client.error();
-    EXPECT_STREQ(client.record.sErrorStr, "");
-    EXPECT_EQ(client.record.iErrorCode, 0);
-    client.close(); // before the peer waits for it
+    Peer peer(options_, [](PeerConnection& connection) { connection.read_all(); });
+    EXPECT_EQ(client_.connect(peer), 0) << client_.error();
+    EXPECT_EQ(client_.error(), "");
+    EXPECT_EQ(record_.iErrorCode, 0);
+    client_.close(); // before the peer waits for it
 }
 
-TEST_P(ClientTest, EveryNewConnectionReplacesTheOldOneWithoutLeaking) {
+TEST_P(ClientTest, ANewConnectionReplacesTheOldOneWithoutLeaking) {
     std::atomic<int> begun = 0;
     std::atomic<int> ended = 0;
-    Peer peer(options(), [&](PeerConnection& connection) {
+    Peer peer(options_, [&](PeerConnection& connection) {
         begun++;
         connection.read_all();
         ended++;
     });
-    Client client(GetParam());
-    ASSERT_TRUE(client.up(peer));
+    ASSERT_TRUE(client_.up(peer));
     ASSERT_TRUE(wait_until([&] { return begun == 1; }));
     const int descriptors = open_descriptors();
-    EXPECT_EQ(client.connect(peer), 0); // connected already
+    EXPECT_EQ(client_.connect(peer), 0); // connected already
     EXPECT_TRUE(wait_until([&] { return ended == 1; }));
-    EXPECT_EQ(client.init(), 0); // not closed first
-    EXPECT_EQ(client.record.iSocketNo, 0);
-    EXPECT_EQ(client.record.iStat, 0);
-    EXPECT_EQ(client.connect(peer), 0);
-    EXPECT_TRUE(wait_until([&] { return ended == 2; }));
-    EXPECT_TRUE(wait_until([&] { return begun == 3; }));
+    EXPECT_EQ(client_.init(), 0); // not closed first
+    client_.expect_down(tls());
+    EXPECT_EQ(client_.connect(peer), 0);
+    EXPECT_TRUE(wait_until([&] { return ended == 2 && begun == 3; }));
     EXPECT_EQ(open_descriptors(), descriptors);
-
-    client.record.iStat = 7;
-    EXPECT_EQ(client.close(), 0);
-    EXPECT_EQ(client.record.iStat, 0);
-    client.record.iStat = 7;
-    EXPECT_EQ(client.init(), 0);
-    client.record.iStat = 7;
-    EXPECT_EQ(client.close(), 0); // no socket: only the context goes
-    EXPECT_EQ(client.record.iStat, 7);
-    EXPECT_EQ(client.record.ctx, nullptr);
+    client_.close();
+    record_.iStat = 7;
+    EXPECT_EQ(client_.close(), 0); // no socket: the state stays
+    EXPECT_EQ(record_.iStat, 7);
 }
 
 TEST_P(ClientTest, WithoutAConnectionNothingTouchesDescriptorZero) {
-    Client client(GetParam());
-    ASSERT_EQ(client.init(), 0);
+    ASSERT_EQ(client_.init(), 0);
     int ends[2]; // whatever is written to descriptor 0 shows at the other end
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends), 0);
     const int saved = fcntl(0, F_DUPFD_CLOEXEC, 10);
     dup2(ends[1], 0);
-    const std::string reason =
-        tls() ? "Transport endpoint is not connected" : "107:Transport endpoint is not connected";
+    const std::string reason = std::string(tls() ? "" : "107:") + "Transport endpoint is not connected]";
     for (const std::size_t size : {std::size_t{0}, std::size_t{75}}) {
-        EXPECT_EQ(client.write(std::string(size, 'x')), -1);
-        EXPECT_EQ(client.record.iErrorCode, ENOTCONN);
-        EXPECT_EQ(client.error(), "write[" + std::to_string(size) + "] ret[-1] error[" + reason + "]");
-        EXPECT_EQ(logged_lines().back(), line(1, "Write", client.error()));
+        EXPECT_EQ(client_.write(std::string(size, 'x')), -1);
+        EXPECT_EQ(record_.iErrorCode, ENOTCONN);
+        EXPECT_EQ(client_.error(), "write[" + std::to_string(size) + "] ret[-1] error[" + reason);
+        EXPECT_EQ(logged_lines().back(), line(1, "Write", client_.error()));
     }
     char byte = 0;
     int done = 3;
-    EXPECT_EQ(client.record.pfnRead(&client.record, &byte, 1, &done, 0), -1);
-    EXPECT_EQ(client.error(), "read[1:3] ret[-1] error[" + reason + "]");
-    EXPECT_EQ(client.close(), 0);
+    EXPECT_EQ(record_.pfnRead(&record_, &byte, 1, &done, 0), -1);
+    EXPECT_EQ(client_.error(), "read[1:3] ret[-1] error[" + reason);
+    EXPECT_EQ(client_.close(), 0);
     EXPECT_GE(dup2(saved, 0), 0) << "descriptor 0 was closed";
     EXPECT_LT(::read(ends[0], &byte, 1), 0);
     EXPECT_EQ(errno, EAGAIN);
@@ -209,56 +178,66 @@ TEST_P(ClientTest, WithoutAConnectionNothingTouchesDescriptorZero) {
 
 TEST_P(ClientTest, ReadTellsTheEndOfTheConnection) {
     for (const std::size_t sent : {std::size_t{0}, std::size_t{3}}) {
-        Peer peer(options(), [&](PeerConnection& connection) {
+        Peer peer(options_, [&](PeerConnection& connection) {
             connection.write(std::string(sent, 'a'));
             connection.send_close_alert();
         });
-        Client client(GetParam());
-        ASSERT_TRUE(client.up(peer)) << client.error();
+        ASSERT_TRUE(client_.up(peer)) << client_.error();
         char buffer[8] = {};
         int done = 0;
-        EXPECT_EQ(client.record.pfnRead(&client.record, buffer, 8, &done, 0), 0);
+        EXPECT_EQ(record_.pfnRead(&record_, buffer, 8, &done, 0), 0);
         EXPECT_EQ(done, static_cast<int>(sent));
-        EXPECT_EQ(client.record.iErrorCode, 0);
-        EXPECT_THAT(client.error(), HasSubstr("connection closed by peer"));
-        EXPECT_EQ(logged_lines().back(), line(1, "Read", client.error()));
+        EXPECT_EQ(record_.iErrorCode, 0);
+        EXPECT_THAT(client_.error(), HasSubstr("connection closed by peer"));
+        EXPECT_EQ(logged_lines().back(), line(1, "Read", client_.error()));
     }
 }
 
+/// Each failure leaves its line on standard error too.
 TEST(ClientInit, TellsWhyAContextCannotBeBuilt) {
     const TlsMaterial& made = tls_material();
+    const TlsIdentity& locked = made.encrypted_client;
     const TlsIdentity mixed{made.client.cert_file, made.server.key_file};
+    const std::string no_key = "SSL_CTX_use_PrivateKey_file[" + locked.key_file + "] error\n";
     const struct {
         const char* name;
         std::string ca;
         TlsIdentity identity;
         const char *pass, *reason; ///< reason null: built
+        std::string on_stderr;
     } cases[] = {
-        {"right phrase", made.ca_file, made.encrypted_client, kKeyPass, nullptr},
-        {"wrong phrase", made.ca_file, made.encrypted_client, "sesame", ""},
-        {"no phrase", made.ca_file, made.encrypted_client, "", ""},
-        {"no certificate", made.ca_file, {"/none.pem", made.client.key_file}, "", "No such file or directory"},
-        {"other key", made.ca_file, mixed, "", "key values mismatch"},
-        {"no CA", "/none.pem", made.client, "", "No such file or directory"},
+        {"right phrase", made.ca_file, locked, kKeyPass, nullptr, ""},
+        {"wrong phrase", made.ca_file, locked, "sesame", "", no_key},
+        {"no phrase", made.ca_file, locked, "", "", no_key},
+        {"no certificate",
+         made.ca_file,
+         {"/none.pem", made.client.key_file},
+         "",
+         "No such file or directory",
+         "SSL_CTX_use_certificate_file[/none.pem] error\n"},
+        {"other key", made.ca_file, mixed, "", "key values mismatch",
+         "SSL_CTX_use_PrivateKey_file[" + mixed.key_file + "] error\n"},
+        {"no CA", "/none.pem", made.client, "", "No such file or directory", "SSL_CTX_load_verify_locations error\n"},
     };
     for (const auto& row : cases) {
         SCOPED_TRACE(row.name);
         Client client(Carrier::kTls13);
-        T_NET_TCPCLIENT& record = client.record;
-        set_text(record.sCaFile, row.ca);
-        set_text(record.sCertFile, row.identity.cert_file);
-        set_text(record.sKeyFile, row.identity.key_file);
-        set_text(record.sKeyPass, row.pass);
+        set_text(client.record.sCaFile, row.ca);
+        set_text(client.record.sCertFile, row.identity.cert_file);
+        set_text(client.record.sKeyFile, row.identity.key_file);
+        set_text(client.record.sKeyPass, row.pass);
         const bool built = row.reason == nullptr;
+        CaptureStderr();
         EXPECT_EQ(client.init(), built ? 0 : -1);
-        EXPECT_EQ(record.ctx != nullptr, built);
+        EXPECT_EQ(GetCapturedStderr(), row.on_stderr);
+        client.expect_down(built);
         const std::string start =
             "netTcpSSLInitCtx[" + row.identity.cert_file + "] [" + row.identity.key_file + "] [" + row.pass + "] ";
         if (built) {
             EXPECT_EQ(logged_lines().back(), line(4, "Init", start + "sucess"));
             continue;
         }
-        EXPECT_EQ(record.iErrorCode, -1);
+        EXPECT_EQ(client.record.iErrorCode, -1);
         EXPECT_THAT(client.error(), testing::StartsWith(start + "error[" + row.reason));
         EXPECT_THAT(client.error(), testing::Not(testing::AnyOf(HasSubstr("[]]"), HasSubstr("null"))));
         EXPECT_EQ(logged_lines().back(), line(1, "Init", client.error()));
