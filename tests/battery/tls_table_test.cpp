@@ -15,6 +15,7 @@ enum class Outcome {
     kRecovers, ///< the first line is lost, the second one carries the message
     kEnds,     ///< no line: the worker ends with 1, the message waits and the peer has not got a byte of data
     kNever,    ///< each line is lost again; what was written to one is gone
+    kRefused,  ///< the refusal comes when the line is up already: it is seen at once, at the bind or after a message
 };
 
 struct Case {
@@ -51,7 +52,7 @@ void run(const Case& row) {
     TlsField field;
     field.set_qmgr(row.qmgr);
     field.set_channel(row.channel);
-    if (row.outcome == Outcome::kEnds) {
+    if (row.outcome == Outcome::kEnds || row.outcome == Outcome::kRefused) {
         field.set_channel({{"SHORTRTY", "0"}});
     }
     Child listener = field.listen(row.peer);
@@ -76,6 +77,13 @@ void run(const Case& row) {
         EXPECT_EQ(field.journalled("bind"), 0U);
         EXPECT_EQ(field.journalled("message"), 0U);
         EXPECT_EQ(field.judge().waiting, 1U);
+        break;
+    case Outcome::kRefused: // sooner or later it is seen while the line starts, which ends the worker
+        EXPECT_EQ(worker.result(), 1);
+        EXPECT_EQ(listener.result_under(SIGTERM), 0);
+        EXPECT_GT(field.logged("tlsv1 alert unknown ca") + field.logged("BindChl error["), 0U);
+        EXPECT_EQ(field.journalled("bind"), 0U);
+        EXPECT_EQ(field.judge(1).delivered, 0U);
         break;
     case Outcome::kNever:
         field.await_log("line disconnected [0]", 2);
@@ -114,6 +122,11 @@ std::vector<Case> cases() {
          kEnds,
          server(tls.server, {"--client-cert", "required", "--tls-max", "1.2"}),
          {"SSL_connect[", "unknown ca"},
+         client(tls.foreign_server.cert_file, tls.foreign_server.key_file)},
+        {"ClientWrong13",
+         kRefused,
+         server(tls.server, {"--client-cert", "required"}),
+         {checked, "SndrNetInit error[-1]"},
          client(tls.foreign_server.cert_file, tls.foreign_server.key_file)},
         {"ClientAbsent",
          kEnds,
@@ -173,7 +186,7 @@ TEST(TlsLine, WithTicketsStaysOneOverIdleTimeAndAThousandMessages) {
     const Child listener = field.listen(
         server(tls_material().server, {"--tls-min", "1.3", "--tls-tickets", "2", "--tls-late-ticket", "500"}));
     Child worker = field.run_channel();
-    const std::size_t beats = std::min<std::size_t>(rounds(3), 30);
+    const std::size_t beats = std::min<std::size_t>(rounds(1), 30);
     field.await_log("heartbeat channel[", beats);
     field.put(MessageKind::kData, 1000, 0, 2000);
     field.await_arrived(1000);
