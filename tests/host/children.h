@@ -27,8 +27,8 @@ class Child {
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
-    /// Runs `work` in a forked child, which ends with its result.
-    static Child fork_off(const std::function<int()>& work) {
+    /// Runs `work` in a forked child, which ends with its result; an exception of it is the child's abort.
+    static Child fork_off(const std::function<int()>& work) noexcept {
         const pid_t pid = fork();
         if (pid == 0) {
             _exit(work());

@@ -2,20 +2,12 @@
 // The host's log, through a real file: what a line looks like, what is kept out of it, and that handlers may log.
 #include "log.h"
 
-#include <cerrno>
 #include <csignal>
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
-#include <string>
-#include <string_view>
 #include <sys/stat.h>
 #include <sys/time.h>
-#include <unistd.h>
-#include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "kavro_log.h"
 #include "support/folder.h"
@@ -25,13 +17,8 @@ namespace {
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::MatchesRegex;
-using testing::Not;
 
 constexpr std::size_t kMaxLine = 4096;
-/// Everything before the text.
-constexpr char kPrefix[] = "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}Z [1-5] QM1 [0-9]+ "
-                           "\\$mod unit:[0-9]+ work ";
-constexpr std::string_view kPrefixEnd = " work ";
 
 int log_text(int level, const std::string& text) {
     return KVR_LogPrint(nullptr, level, const_cast<char*>("$mod"), const_cast<char*>("unit"), 12, "work",
@@ -44,14 +31,13 @@ class Log : public testing::Test {
         const mode_t before = umask(0);
         EXPECT_EQ(kvr::log_open(file_.c_str()), 0);
         umask(before);
-        char qmgr[] = "QM1";
-        KVR_LogSetQMName(qmgr);
+        KVR_LogSetQMName(const_cast<char*>("QM1"));
         kvr::log_set_level(kvr::kLogDefaultLevel);
     }
     ~Log() override { kvr::log_open(nullptr); }
 
-    std::vector<std::string> lines() {
-        std::ifstream in(file_);
+    std::vector<std::string> lines() const {
+        std::istringstream in(kvr::test::contents(file_));
         std::vector<std::string> result;
         for (std::string line; std::getline(in, line);) {
             result.push_back(line);
@@ -59,47 +45,21 @@ class Log : public testing::Test {
         return result;
     }
 
-    /// Logs one text and gives back what the line shows of it.
-    std::string shown(const std::string& text) {
+    /// Logs one text and gives back what its line, the only one, shows of it.
+    std::string shown(const std::string& text) const {
         std::filesystem::resize_file(file_, 0);
         log_text(1, text);
-        const std::vector<std::string> all = lines();
-        if (all.size() != 1 || !testing::Matches(MatchesRegex(std::string(kPrefix) + ".*"))(all[0])) {
-            ADD_FAILURE() << "not one well-formed line: " << testing::PrintToString(all);
-            return {};
-        }
-        return all[0].substr(all[0].find(kPrefixEnd) + kPrefixEnd.size());
+        const std::string line = kvr::test::contents(file_);
+        EXPECT_THAT(line, MatchesRegex("[0-9-]{10}T[0-9:]{8}\\.[0-9]{3}Z 1 QM1 [0-9]+ \\$mod unit:12 work [^\n]*\n"));
+        const std::size_t start = line.find(" work ") + 6;
+        return line.substr(start, line.size() - start - 1);
     }
 
     kvr::test::TemporaryFolder folder_;
     std::filesystem::path file_ = folder_.path() / "log";
 };
 
-TEST_F(Log, ShowsOnlyWhatIsPrintable) {
-    const struct {
-        const char* name;
-        std::string text;
-        std::string expected;
-    } cases[] = {
-        {"plain", "send 5 real size[5]", "send 5 real size[5]"},
-        {"forged line", "x\n2026-01-01 1 fake", "x\\x0a2026-01-01 1 fake"},
-        {"terminal control", "\x1b[2J\x07\x7f\t\r", "\\x1b[2J\\x07\\x7f\\x09\\x0d"},
-        {"utf-8", "gr\xc3\xbc\xc3\x9f \xe2\x82\xac \xf0\x9f\x98\x80",
-         "gr\xc3\xbc\xc3\x9f \xe2\x82\xac \xf0\x9f\x98\x80"},
-        {"c1 control in utf-8",
-         "\xc2\x9b"
-         "2J",
-         "\\xc2\\x9b2J"},
-        {"latin-1", "gr\xfc\xdf", "gr\\xfc\\xdf"},
-        {"overlong and surrogate", "\xc0\xaf\xe0\x80\xaf\xed\xa0\x80", "\\xc0\\xaf\\xe0\\x80\\xaf\\xed\\xa0\\x80"},
-        {"percent signs of an argument", "%s%n%d", "%s%n%d"},
-    };
-    for (const auto& test : cases) {
-        EXPECT_EQ(shown(test.text), test.expected) << test.name;
-    }
-}
-
-TEST_F(Log, MasksSecrets) {
+TEST_F(Log, ShowsWhatIsPrintableAndMasksSecrets) {
     const std::string longer(300, 'k');
     for (const std::string& secret : {std::string("pw"), std::string("s3cret"), std::string("s3cret-and-more"),
                                       std::string("ta\tb"), longer, std::string()}) {
@@ -111,12 +71,20 @@ TEST_F(Log, MasksSecrets) {
         std::string text;
         std::string expected;
     } cases[] = {
-        {"short in brackets", "KEYPASS[pw]", "KEYPASS[********]"},
-        {"short elsewhere", "pw in prose, [pwd] and [spw]", "pw in prose, [pwd] and [spw]"},
-        {"long anywhere", "a s3cret, xs3cretx", "a ********, x********x"},
-        {"longest wins", "[s3cret-and-more]", "[********]"},
-        {"with a control character", "=ta\tb=", "=********="},
-        {"beyond the table's width", longer.substr(0, 256) + "k", "********k"},
+        {"plain", "send 5 real size[5]", "send 5 real size[5]"},
+        {"percent signs of an argument", "%s%n%d", "%s%n%d"},
+        {"forged line", "x\n2026-01-01 1 fake", "x\\x0a2026-01-01 1 fake"},
+        {"terminal control", "\x1b[2J\x07\x7f\t\r", "\\x1b[2J\\x07\\x7f\\x09\\x0d"},
+        {"utf-8", "\xc3\xbc \xe2\x82\xac \xf0\x9f\x98\x80", "\xc3\xbc \xe2\x82\xac \xf0\x9f\x98\x80"},
+        {"c1 control in utf-8", "\xc2\x9bJ", "\\xc2\\x9bJ"},
+        {"latin-1", "gr\xfc\xdf", "gr\\xfc\\xdf"},
+        {"overlong and surrogate", "\xc0\xaf\xe0\x80\xaf\xed\xa0\x80", "\\xc0\\xaf\\xe0\\x80\\xaf\\xed\\xa0\\x80"},
+        {"short secret in brackets", "KEYPASS[pw]", "KEYPASS[********]"},
+        {"short secret elsewhere", "pw in prose, [pwd] and [spw]", "pw in prose, [pwd] and [spw]"},
+        {"long secret anywhere", "a s3cret, xs3cretx", "a ********, x********x"},
+        {"longest secret wins", "[s3cret-and-more]", "[********]"},
+        {"secret with a control character", "=ta\tb=", "=********="},
+        {"secret beyond the table's width", longer.substr(0, 256) + "k", "********k"},
     };
     for (const auto& test : cases) {
         EXPECT_EQ(shown(test.text), test.expected) << test.name;
@@ -124,31 +92,22 @@ TEST_F(Log, MasksSecrets) {
 }
 
 TEST_F(Log, CutsLongLinesAndLeaksNoPartOfASecretThere) {
-    log_text(1, std::string(10000, 'a'));
-    std::vector<std::string> all = lines();
-    ASSERT_EQ(all.size(), 1U);
-    EXPECT_THAT(all[0], EndsWith("aaa [cut]"));
-    EXPECT_EQ(all[0].size() + 1, kMaxLine);
-
+    EXPECT_THAT(shown(std::string(10000, 'a')), EndsWith("aaa [cut]"));
+    EXPECT_EQ(std::filesystem::file_size(file_), kMaxLine);
     // Masked secrets make the text shorter than its buffer, so that the end of the buffer becomes visible: whatever the
     // offset, the last secret is broken there.
     const std::string secret = "0123456789abcdef0123456789ABCDEF0123456789abcdef";
     kvr_log_add_secret(secret.c_str());
     for (std::size_t offset = 0; offset < secret.size(); ++offset) {
-        std::filesystem::resize_file(file_, 0);
         std::string text(offset, '.');
         while (text.size() < 2 * kMaxLine) {
             text += secret;
         }
-        log_text(1, text);
-        all = lines();
-        ASSERT_EQ(all.size(), 1U);
-        EXPECT_THAT(all[0], EndsWith("********** [cut]"));
-        EXPECT_THAT(all[0].substr(all[0].size() / 2), Not(HasSubstr("0"))) << offset;
+        EXPECT_THAT(shown(text), MatchesRegex("\\.*\\** \\[cut\\]")) << offset;
     }
 }
 
-TEST_F(Log, DropsLinesAboveTheLevel) {
+TEST_F(Log, KeepsItsLevelItsFilePrivateAndErrnoAlone) {
     for (const int threshold : {0, 1, 3, 5}) {
         std::filesystem::resize_file(file_, 0);
         kvr::log_set_level(threshold);
@@ -157,24 +116,15 @@ TEST_F(Log, DropsLinesAboveTheLevel) {
         }
         EXPECT_EQ(lines().size(), static_cast<std::size_t>(threshold));
     }
-}
-
-TEST_F(Log, KeepsItsFilePrivateAndErrnoAlone) {
     struct stat info {};
     ASSERT_EQ(stat(file_.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0600U);
-
-    errno = EPIPE;
-    log_text(1, "written");
-    EXPECT_EQ(errno, EPIPE);
-
     KVR_LogPrint(nullptr, 1, nullptr, nullptr, -1, nullptr, const_cast<char*>("%d"), 7);
     EXPECT_THAT(lines().back(), EndsWith(" - -:-1 - 7"));
     EXPECT_EQ(kvr::log_open("/nonexistent/folder/log"), -1);
     EXPECT_EQ(errno, ENOENT);
     log_text(1, "still here");
-    EXPECT_EQ(lines().size(), 3U);
-
+    EXPECT_EQ(lines().size(), 7U);
     ASSERT_EQ(kvr::log_open("/dev/full"), 0);
     errno = EPIPE;
     log_text(1, "lost");
@@ -183,31 +133,25 @@ TEST_F(Log, KeepsItsFilePrivateAndErrnoAlone) {
 
 volatile std::sig_atomic_t g_handled = 0;
 
-void log_in_handler(int /*signal*/) {
-    KVR_LogPrint(nullptr, 1, const_cast<char*>("$mod"), const_cast<char*>("unit"), 1, "work",
-                 const_cast<char*>("handler %d"), static_cast<int>(g_handled));
-    g_handled = g_handled + 1;
-}
-
 TEST_F(Log, MayBeReenteredByAHandler) {
     struct sigaction action {};
     struct sigaction before {};
-    action.sa_handler = log_in_handler;
+    action.sa_handler = [](int) {
+        log_text(1, "handler");
+        g_handled = g_handled + 1;
+    };
     sigaction(SIGALRM, &action, &before);
     const itimerval storm{{0, 200}, {0, 200}};
     setitimer(ITIMER_REAL, &storm, nullptr);
-    constexpr int kWanted = 50;
     int logged = 0;
-    while (g_handled < kWanted) {
-        log_text(1, "main " + std::to_string(logged++));
+    for (; g_handled < 50; ++logged) {
+        log_text(1, "main flow");
     }
     const itimerval calm{};
     setitimer(ITIMER_REAL, &calm, nullptr);
     sigaction(SIGALRM, &before, nullptr);
-
-    const std::vector<std::string> all = lines();
-    EXPECT_EQ(all.size(), static_cast<std::size_t>(logged + g_handled));
-    EXPECT_THAT(all, testing::Each(MatchesRegex(std::string(kPrefix) + "(main|handler) [0-9]+")));
+    EXPECT_EQ(lines().size(), static_cast<std::size_t>(logged + g_handled));
+    EXPECT_THAT(lines(), testing::Each(MatchesRegex(".* 1 QM1 .* work (main flow|handler)")));
 }
 
 TEST(LogOnStandardError, DropsLinesRatherThanWaitForAReader) {
@@ -217,22 +161,21 @@ TEST(LogOnStandardError, DropsLinesRatherThanWaitForAReader) {
     dup2(ends[1], STDERR_FILENO);
     ASSERT_EQ(kvr::log_open(nullptr), 0);
     kvr::log_set_level(kvr::kLogDefaultLevel);
-    const std::string text(1000, 'x');
     for (int i = 0; i < 200; ++i) { // three times what a pipe holds: hangs here if lines were waited for
-        log_text(1, text);
+        log_text(1, std::string(1000, 'x'));
     }
-    char drained[65536];
-    ASSERT_GT(read(ends[0], drained, sizeof(drained)), 0);
+    std::string read_back(65536, '\0');
+    ASSERT_GT(read(ends[0], read_back.data(), read_back.size()), 0);
     log_text(1, "the reader is back");
     dup2(real_stderr, STDERR_FILENO);
     close(real_stderr);
     close(ends[1]);
-    std::string rest;
-    for (ssize_t got = 0; (got = read(ends[0], drained, sizeof(drained))) > 0;) {
-        rest.append(drained, static_cast<std::size_t>(got));
+    std::string last;
+    for (ssize_t got = 0; (got = read(ends[0], read_back.data(), read_back.size())) > 0;) {
+        last.append(read_back, 0, static_cast<std::size_t>(got));
     }
     close(ends[0]);
-    EXPECT_THAT(rest, HasSubstr("the reader is back\n"));
+    EXPECT_THAT(last, HasSubstr("the reader is back\n"));
 }
 
 } // namespace

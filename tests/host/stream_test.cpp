@@ -1,14 +1,11 @@
 // SPDX-License-Identifier: MIT
 // Exact-length read and write on real sockets: under signals, with peers that stall, drip or go, and under a stop.
 #include <atomic>
-#include <cerrno>
 #include <csignal>
-#include <cstring>
-#include <string>
+#include <numeric>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -25,16 +22,6 @@ using kvr::test::Signposts;
 constexpr int kLarge = 8 << 20;
 constexpr int kStopped = 42;
 
-std::vector<char> pattern(int length) {
-    std::vector<char> bytes(static_cast<std::size_t>(length));
-    unsigned state = 1;
-    for (char& byte : bytes) {
-        state = state * 1664525U + 1013904223U;
-        byte = static_cast<char>(state >> 24);
-    }
-    return bytes;
-}
-
 struct Sockets {
     explicit Sockets(bool pipe_instead = false) {
         EXPECT_EQ(pipe_instead ? pipe(ends) : socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
@@ -48,108 +35,101 @@ struct Sockets {
     int ends[2]{-1, -1};
 };
 
-/// Signals by the thousand for the calling thread's process, no SA_RESTART.
-class SignalStorm {
+/// Signals by the thousand for the main flow, no SA_RESTART, while `work` runs in a thread that takes none.
+class Storm {
   public:
-    SignalStorm() {
+    explicit Storm(const std::function<void()>& work) {
         struct sigaction action {};
         action.sa_handler = [](int) {};
-        sigaction(SIGALRM, &action, &before_);
-        const itimerval storm{{0, 300}, {0, 300}};
-        setitimer(ITIMER_REAL, &storm, nullptr);
+        sigaction(SIGALRM, &action, nullptr);
+        sigset_t alarm;
+        sigemptyset(&alarm);
+        sigaddset(&alarm, SIGALRM);
+        pthread_sigmask(SIG_BLOCK, &alarm, nullptr);
+        thread_ = std::thread(work);
+        pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
+        const itimerval often{{0, 300}, {0, 300}};
+        setitimer(ITIMER_REAL, &often, nullptr);
     }
-    ~SignalStorm() {
+    ~Storm() {
         const itimerval calm{};
         setitimer(ITIMER_REAL, &calm, nullptr);
-        sigaction(SIGALRM, &before_, nullptr);
+        thread_.join();
     }
-    SignalStorm(const SignalStorm&) = delete;
-    SignalStorm& operator=(const SignalStorm&) = delete;
+    Storm(const Storm&) = delete;
+    Storm& operator=(const Storm&) = delete;
 
   private:
-    struct sigaction before_ {};
+    std::thread thread_;
 };
 
-/// Starts a thread that takes no signals.
-std::thread quiet_thread(const std::function<void()>& work) {
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    std::thread thread(work);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return thread;
-}
-
 TEST(Stream, CarriesEveryByteUnderSignals) {
-    std::vector<char> sent = pattern(kLarge);
+    std::vector<unsigned> sent(kLarge / sizeof(unsigned));
+    std::iota(sent.begin(), sent.end(), 0x01020304U);
     for (const bool on_pipe : {false, true}) {
-        std::vector<char> received(sent.size());
+        std::vector<unsigned> received(sent.size());
         const Sockets sockets(on_pipe);
-        int read_so_far = -1;
-        std::thread reader = quiet_thread(
-            [&] { EXPECT_EQ(streamReadNByte(received.data(), kLarge, &read_so_far, sockets.ends[0]), kLarge); });
+        int progress = -1;
         {
-            const SignalStorm storm;
+            const Storm storm(
+                [&] { EXPECT_EQ(streamReadNByte(received.data(), kLarge, &progress, sockets.ends[0]), kLarge); });
             EXPECT_EQ(streamWriteNByte(sent.data(), kLarge, sockets.ends[1]), kLarge);
         }
-        reader.join();
-        EXPECT_EQ(read_so_far, kLarge);
+        EXPECT_EQ(progress, kLarge);
         EXPECT_EQ(sent, received);
     }
 }
 
-TEST(Stream, ReadTellsTheEndFromAFailure) {
+TEST(Stream, TellsWhyItFailed) {
     Sockets sockets;
-    char buffer[8];
+    char bytes[16] = {};
     int got = -1;
     ASSERT_EQ(write(sockets.ends[1], "abc", 3), 3);
     shutdown(sockets.ends[1], SHUT_WR);
-    EXPECT_EQ(streamReadNByte(buffer, sizeof(buffer), &got, sockets.ends[0]), 0);
+    EXPECT_EQ(streamReadNByte(bytes, sizeof(bytes), &got, sockets.ends[0]), 0) << "the end of the stream";
     EXPECT_EQ(got, 3);
-    EXPECT_EQ(streamReadNByte(buffer, sizeof(buffer), &got, -1), -1);
+    EXPECT_EQ(streamReadNByte(bytes, sizeof(bytes), &got, -1), -1);
     EXPECT_EQ(errno, EBADF);
     EXPECT_EQ(got, 0);
-}
 
-TEST(Stream, WriteFailsWithAReason) {
-    Sockets sockets;
-    char bytes[16] = {};
-    EXPECT_EQ(streamWriteNByte(bytes, 0, -1), 0) << "nothing to write needs no socket";
-    EXPECT_EQ(streamWriteNByte(bytes, -1, sockets.ends[0]), -1);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(streamWriteNByte(bytes, sizeof(bytes), -1), -1);
-    EXPECT_EQ(errno, EBADF);
     close(sockets.ends[1]);
     sockets.ends[1] = -1;
-    EXPECT_EQ(streamWriteNByte(bytes, sizeof(bytes), sockets.ends[0]), -1); // SIGPIPE would end the test
-    EXPECT_EQ(errno, EPIPE);
+    const struct {
+        int length;
+        int sock;
+        int result;
+        int error;
+    } cases[] = {
+        {0, -1, 0, 0}, {-1, sockets.ends[0], -1, EINVAL}, {16, -1, -1, EBADF}, {16, sockets.ends[0], -1, EPIPE}};
+    for (const auto& [length, sock, result, error] : cases) {
+        errno = 0;
+        EXPECT_EQ(streamWriteNByte(bytes, length, sock), result); // SIGPIPE would end the test
+        EXPECT_EQ(errno, error);
+    }
 }
 
 TEST(Stream, ADrippingReaderCannotProlongTheSendTimeOut) {
-    std::vector<char> bytes = pattern(kLarge);
+    std::vector<char> bytes(kLarge);
     for (const bool drips : {false, true}) {
         Sockets sockets;
         const timeval limit{0, 300000};
         setsockopt(sockets.ends[1], SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
         std::atomic<bool> done = false;
-        std::thread reader = quiet_thread([&] {
+        const Storm storm([&] {
             char buffer[4096];
             while (drips && !done) {
                 [[maybe_unused]] const ssize_t got = recv(sockets.ends[0], buffer, sizeof(buffer), MSG_DONTWAIT);
                 usleep(2000); // slow on purpose: at most 2 MB/s
             }
         });
-        const SignalStorm storm;
         EXPECT_EQ(streamWriteNByte(bytes.data(), kLarge, sockets.ends[1]), -1);
         EXPECT_EQ(errno, EAGAIN);
         done = true;
-        reader.join();
     }
 }
 
-/// Runs `write_it` on a stalled socket in a child with a stop hook, sends the stop signal until it ends.
-int stop_in_write(const std::function<int(int)>& write_it) {
+/// Runs `work` on a socket that nobody reads, in a child with a stop hook, and sends the stop signal until it ends.
+int stopped_in(const std::function<int(int)>& work) {
     Sockets sockets;
     Signposts posts;
     Child child = Child::fork_off([&] {
@@ -157,10 +137,7 @@ int stop_in_write(const std::function<int(int)>& write_it) {
         action.sa_handler = [](int) { kvr::stop_request(); };
         sigaction(SIGTERM, &action, nullptr);
         kvr::stop_set_hook([](kvr::StopPlace place) { _exit(place == kvr::StopPlace::kMidMessage ? kStopped : 1); });
-        if (write(posts.write_end(), "W", 1) != 1) {
-            return 1;
-        }
-        return write_it(sockets.ends[1]);
+        return write(posts.write_end(), "W", 1) == 1 ? work(sockets.ends[1]) : 1;
     });
     EXPECT_TRUE(posts.passed('W'));
     return child.result_under(SIGTERM);
@@ -170,7 +147,7 @@ int g_sock = -1;
 int g_result = 0;
 
 TEST(StreamStop, AStalledWriteInAHandlerFails) {
-    EXPECT_EQ(stop_in_write([](int sock) {
+    EXPECT_EQ(stopped_in([](int sock) {
                   g_sock = sock;
                   struct sigaction action {};
                   action.sa_handler = [](int) {
@@ -186,17 +163,16 @@ TEST(StreamStop, AStalledWriteInAHandlerFails) {
 }
 
 TEST(StreamStop, WritesThatNeverWaitGoOnForAWhileOnly) {
-    EXPECT_EQ(stop_in_write([](int /*sock*/) {
+    EXPECT_EQ(stopped_in([](int /*sock*/) {
                   const Sockets open;
                   char bytes[64] = {};
-                  const int length = sizeof(bytes);
                   kvr::stop_request();
-                  if (streamWriteNByte(bytes, length, open.ends[1]) != length) {
+                  if (streamWriteNByte(bytes, sizeof(bytes), open.ends[1]) != sizeof(bytes)) {
                       return 1; // the message in hand was not finished
                   }
                   for (;;) {
-                      streamWriteNByte(bytes, length, open.ends[1]);
-                      streamReadNByte(bytes, length, nullptr, open.ends[0]);
+                      streamReadNByte(bytes, sizeof(bytes), nullptr, open.ends[0]);
+                      streamWriteNByte(bytes, sizeof(bytes), open.ends[1]);
                   }
               }),
               kStopped);

@@ -103,6 +103,18 @@ TEST_F(Worker, StopsForEachSignalAndKeepsTheMessageInHand) {
     EXPECT_THAT(log(), Not(HasSubstr(kPassPhrase)));
 }
 
+TEST_F(Worker, StopAskedForBeforeItsFirstStepEndsItInOrder) {
+    Child worker = start("waits in the get", "C1", FAKE_PLUGIN, [] {
+        sigset_t held;
+        sigemptyset(&held);
+        sigaddset(&held, SIGTERM);
+        sigprocmask(SIG_BLOCK, &held, nullptr);
+        raise(SIGTERM);
+    });
+    EXPECT_EQ(worker.result(), 0) << errors() << log();
+    EXPECT_EQ(status_of("C1"), "STOPED -1");
+}
+
 TEST_F(Worker, StopCommitsTheMessageThatWasDone) {
     put_message();
     Child worker = start("waits in the get");

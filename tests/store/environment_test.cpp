@@ -1,12 +1,10 @@
 // SPDX-License-Identifier: MIT
-// The store as files: modes, owners, versions, damage, a quota used up.
+// The store as files - owners, versions, damage, a quota used up -, its objects, and what their schema refuses.
 #include <fstream>
 
-#include <gmock/gmock.h>
-#include <lmdb.h>
 #include <sys/stat.h>
 
-#include "keys.h"
+#include "schema.h"
 #include "store_fixture.h"
 
 namespace kvr {
@@ -14,113 +12,67 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using EnvironmentTest = StoreTest;
-
-unsigned mode_of(const fs::path& path) {
-    struct stat info {};
-    EXPECT_EQ(::lstat(path.c_str(), &info), 0) << path;
-    return info.st_mode & 07777U;
-}
-
-/// Changes a record in a child: one process opens an environment once.
-void tamper(const fs::path& dir, const char* table, const std::string& key,
-            const std::function<std::string(std::string)>& change) {
-    Child child([&](const Child::Report&) {
-        MDB_env* env = nullptr;
-        MDB_txn* txn = nullptr;
-        MDB_dbi dbi = 0;
-        mdb_env_create(&env);
-        mdb_env_set_maxdbs(env, 8);
-        std::string name = key;
-        MDB_val key_val{name.size(), name.data()};
-        MDB_val value{};
-        if (mdb_env_open(env, (dir / "store").c_str(), 0, 0600) != 0 || mdb_txn_begin(env, nullptr, 0, &txn) != 0 ||
-            mdb_dbi_open(txn, table, 0, &dbi) != 0 || mdb_get(txn, dbi, &key_val, &value) != 0) {
-            throw std::runtime_error("no such record");
+class EnvironmentTest : public StoreTest {
+  protected:
+    /// Overwrites a byte, so far from each place in the closed store's file where this text stands.
+    void damage(const std::string& text, std::ptrdiff_t offset) {
+        store_.reset();
+        const fs::path file = dir_ / "store" / "data.mdb";
+        std::string bytes = test::contents(file);
+        ASSERT_NE(bytes.find(text), std::string::npos);
+        for (std::size_t at = 0; (at = bytes.find(text, at)) != std::string::npos; ++at) {
+            bytes.at(at + static_cast<std::size_t>(offset)) = 9;
         }
-        std::string changed = change(std::string(static_cast<char*>(value.mv_data), value.mv_size));
-        value = {changed.size(), changed.data()};
-        mdb_put(txn, dbi, &key_val, &value, 0);
-        if (mdb_txn_commit(txn) != 0) {
-            throw std::runtime_error("not committed");
-        }
-    });
-    ASSERT_EQ(child.result(), 0);
-}
-
-TEST_F(EnvironmentTest, FilesArePrivateWhateverTheUmask) {
-    const mode_t old = ::umask(0);
-    make_store();
-    put_text(*store_, "Q", "x");
-    take_all(*store_, "Q");
-    ::umask(old);
-    int files = 0;
-    EXPECT_EQ(mode_of(dir_), 0700U);
-    for (const auto& entry : fs::recursive_directory_iterator(dir_)) {
-        EXPECT_EQ(mode_of(entry.path()), entry.is_directory() ? 0700U : 0600U) << entry.path();
-        ++files;
+        std::ofstream(file, std::ios::binary) << bytes;
     }
-    EXPECT_GE(files, 10);
-}
+    [[nodiscard]] Errc open_code() const {
+        return code_of([&] { return Store::open(dir_); });
+    }
+};
 
 TEST_F(EnvironmentTest, RefusesAStoreThatOthersCanWriteOrThatIsNone) {
-    make_store();
     EXPECT_EQ(Store::open(dir_ / "." / "store" / ".."), store_) << "a process opens an environment once";
     store_.reset();
     for (const char* part : {"", "store", "store/data.mdb", "store/lock.mdb", "queues"}) {
-        const fs::path path = dir_ / part;
-        const unsigned mode = mode_of(path);
-        for (const unsigned writable : {0020U, 0002U}) {
-            ::chmod(path.c_str(), mode | writable);
-            EXPECT_EQ(code_of([&] { Store::open(dir_); }), Errc::kPermission) << path;
+        for (const fs::perms writable : {fs::perms::group_write, fs::perms::others_write}) {
+            fs::permissions(dir_ / part, writable, fs::perm_options::add);
+            EXPECT_EQ(open_code(), Errc::kPermission) << part;
+            fs::permissions(dir_ / part, writable, fs::perm_options::remove);
         }
-        ::chmod(path.c_str(), mode);
     }
-    EXPECT_EQ(code_of([&] { Store::open(home_ / "NONE"); }), Errc::kNotFound);
-    EXPECT_EQ(code_of([&] { Store::create(dir_, "QM", {}); }), Errc::kExists);
-    EXPECT_EQ(code_of([&] { Store::create(home_ / "X", "a/b", {}); }), Errc::kInvalid);
-    EXPECT_EQ(code_of([&] { Store::create(home_ / "X", "X", {.quota = 1 << 20, .map_size = 1 << 20}); }),
+    const fs::path other = folder_.path() / "X";
+    EXPECT_EQ(code_of([&] { return Store::open(other); }), Errc::kNotFound);
+    EXPECT_EQ(code_of([&] { return Store::create(dir_, "QM", {}), 0; }), Errc::kExists);
+    EXPECT_EQ(code_of([&] { return Store::create(other, "a/b", {}), 0; }), Errc::kInvalid);
+    EXPECT_EQ(code_of([&] { return Store::create(other, "X", {.quota = 1 << 20, .map_size = 1 << 20}), 0; }),
               Errc::kInvalid);
-    EXPECT_FALSE(fs::exists(home_ / "X"));
+    EXPECT_FALSE(fs::exists(other));
     if (::geteuid() == 0) {
-        const fs::path store = dir_ / "store";
-        Child stranger([&](const Child::Report& report) {
-            ::chmod(home_.c_str(), 0755);
-            ::chmod(dir_.c_str(), 0755);
-            ::chmod(store.c_str(), 0755);
-            static_cast<void>(!::setuid(65534));
-            report(static_cast<int>(code_of([&] { Store::open(dir_); })));
-        });
-        EXPECT_EQ(stranger.next_report(), static_cast<int>(Errc::kPermission));
+        for (const fs::path& path : {folder_.path(), dir_, dir_ / "store"}) {
+            fs::permissions(path, fs::perms(0755));
+        }
+        test::Child stranger =
+            test::Child::fork_off([&] { return ::setuid(65534) == 0 && open_code() == Errc::kPermission ? 0 : 1; });
+        EXPECT_EQ(stranger.result(), 0);
     }
 }
 
 TEST_F(EnvironmentTest, RefusesAnotherVersionAndDamage) {
-    make_store();
-    put_numbers(*store_, "Q", 1, 2);
-    store_.reset();
-    const std::string first(MessageKey(1, 1).view());
-    tamper(dir_, "messages", first, [](const std::string& record) { return record.substr(0, record.size() - 1); });
+    put_numbers(1, 2);
+    damage("MD  ", -12); // the version of each message's record
     store_ = Store::open(dir_);
     {
         const auto getter = store_->drain("Q");
-        EXPECT_EQ(code_of([&] { take_text(*getter); }), Errc::kDamaged);
-        EXPECT_EQ(code_of([&] { take_text(*getter); }), Errc::kDamaged);
+        EXPECT_EQ(code_of([&] { return take(*getter); }), Errc::kDamaged);
+        EXPECT_EQ(code_of([&] { return take(*getter); }), Errc::kDamaged);
     }
-    EXPECT_EQ(code_of([&] { browse_texts(*store_, "Q"); }), Errc::kDamaged);
+    EXPECT_EQ(code_of([&] { return shown(); }), Errc::kDamaged);
     EXPECT_EQ(store_->queue_info("Q").depth, 2U);
     store_->queue_delete("Q", true);
-    store_.reset();
-
-    tamper(dir_, nullptr, "kavro.identity", [](std::string record) {
-        record[0] = 9;
-        return record;
-    });
-    EXPECT_EQ(code_of([&] { Store::open(dir_); }), Errc::kVersion);
-    tamper(dir_, nullptr, "kavro.identity", [](const std::string&) { return "x"; });
-    EXPECT_EQ(code_of([&] { Store::open(dir_); }), Errc::kDamaged);
+    damage("kavro.identity", 14);
+    EXPECT_EQ(open_code(), Errc::kVersion);
     std::ofstream(dir_ / "store" / "data.mdb", std::ios::trunc) << std::string(8192, 'x');
-    EXPECT_EQ(code_of([&] { Store::open(dir_); }), Errc::kDamaged);
+    EXPECT_EQ(open_code(), Errc::kDamaged);
 }
 
 TEST_F(EnvironmentTest, QuotaStopsPutsAndItsRoomComesBackWhole) {
@@ -129,8 +81,7 @@ TEST_F(EnvironmentTest, QuotaStopsPutsAndItsRoomComesBackWhole) {
     const auto fill = [&] {
         int count = 0;
         Errc end{};
-        while ((end = code_of([&] { put_text(*store_, "Q", large); })) == Errc{}) {
-            ++count;
+        for (; (end = put(large)) == Errc{}; ++count) {
         }
         EXPECT_EQ(end, Errc::kFull);
         return count;
@@ -139,11 +90,10 @@ TEST_F(EnvironmentTest, QuotaStopsPutsAndItsRoomComesBackWhole) {
     EXPECT_GE(fitted, 15);
     {
         const auto getter = store_->drain("Q");
-        const T_KAVRO_MD descriptor = blank_descriptor();
-        ASSERT_EQ(take_text(*getter), large);
-        getter->put_instead("DEAD", {&descriptor, {}, large});
+        ASSERT_EQ(take(*getter), large);
+        getter->put_instead("DEAD", {&descriptor_, {}, large});
     }
-    EXPECT_EQ(take_all(*store_, "Q").size(), static_cast<std::size_t>(fitted - 1));
+    EXPECT_EQ(take_all().size(), static_cast<std::size_t>(fitted - 1));
     for (int round = 0; round < 20; ++round) {
         EXPECT_EQ(fill(), fitted - 1);
         store_->queue_delete("Q", true);
@@ -154,18 +104,59 @@ TEST_F(EnvironmentTest, QuotaStopsPutsAndItsRoomComesBackWhole) {
 }
 
 TEST_F(EnvironmentTest, ObjectsChangeAsAWholeOrNotAtAll) {
-    make_store();
     store_->object_add("CHL", "B", {{"HBINT", "30"}});
     store_->object_add("CHS", "B", {{"PID", "1"}});
-    store_->object_set("CHL", "B", {{"HBINT", "5"}, {"DESCR", ""}});
-    const std::string lengthy(64, '1');
-    EXPECT_EQ(code_of([&] { store_->object_set("CHL", "B", {{"HBINT", "1"}, {"DISCINT", lengthy}}); }), Errc::kTooLong);
-    EXPECT_EQ(store_->object_get("CHL", "B"), (Attributes{{"HBINT", "5"}, {"DESCR", ""}}));
-    EXPECT_EQ(code_of([&] { store_->object_set("CHL", "C", {}); }), Errc::kNotFound);
-    EXPECT_EQ(code_of([&] { store_->object_add("CHL", "a\nb", {}); }), Errc::kInvalid);
+    store_->object_set("CHL", "B", {{"DESCR", ""}});
+    const auto set = [&](const char* name, const Attributes& attributes) {
+        return code_of([&] { return store_->object_set("CHL", name, attributes), 0; });
+    };
+    EXPECT_EQ(set("B", {{"HBINT", "1"}, {"DISCINT", std::string(64, '1')}}), Errc::kTooLong);
+    EXPECT_EQ(store_->object_get("CHL", "B"), (Attributes{{"HBINT", "30"}, {"DESCR", ""}}));
+    EXPECT_EQ(set("C", {}), Errc::kNotFound);
+    EXPECT_EQ(set("a\nb", {}), Errc::kInvalid);
     store_->object_delete("CHL", "B");
-    EXPECT_EQ(code_of([&] { static_cast<void>(store_->object_get("CHL", "B")); }), Errc::kNotFound);
+    EXPECT_EQ(code_of([&] { return store_->object_get("CHL", "B"); }), Errc::kNotFound);
     EXPECT_EQ(store_->object_get("CHS", "B").at("PID"), "1");
+}
+
+TEST(Schema, LengthsAreTheReadersRoom) {
+    const std::tuple<const char*, std::size_t, std::vector<const char*>> rooms[] = {
+        {"CHL", 256, {"CHLTYPE", "HBINT", "SSLCAUTH", "LONGRTY", "CONNAME"}},
+        {"CHL", 64, {"DISCINT", "LONGTMR", "SHORTRTY", "SHORTTMR"}},
+        {"CHL", 33, {"XMITQ"}},
+        {"QMGR", 256, {"CAFILE", "CERTFILE", "KEYFILE"}},
+        {"QMGR", 64, {"KEYPASS"}},
+        {"QMGR", 33, {"DEADQ"}},
+        {"CHS", 256, {"PID", "STATUS"}}};
+    for (const auto& [cls, room, attributes] : rooms) { // of the reader's buffer, with NUL
+        for (const char* attr : attributes) {
+            const std::string fits(room - 1, '1');
+            EXPECT_EQ(code_of([&] { return check_attr(cls, attr, fits), 0; }), Errc{}) << attr;
+            EXPECT_EQ(code_of([&] { return check_attr(cls, attr, fits + "1"), 0; }), Errc::kTooLong) << attr;
+        }
+    }
+}
+
+TEST(Schema, RefusesWhatCouldNotWork) {
+    const std::tuple<const char*, const char*, Errc, std::vector<const char*>> cases[] = {
+        {"CHANNEL", "HBINT", Errc::kInvalid, {"1"}},
+        {"CHL", "HBTIN", Errc::kUnknownAttr, {"1"}},
+        {"CHL", "HBINT", Errc{}, {"0", "86400"}},
+        {"CHL", "HBINT", Errc::kInvalid, {"86401", "5s", " 5", ""}},
+        {"CHL", "CHLTYPE", Errc{}, {"sndr"}},
+        {"CHL", "CHLTYPE", Errc::kInvalid, {"RCVR"}},
+        {"CHL", "SSLCAUTH", Errc{}, {"Enable"}},
+        {"CHL", "SSLCAUTH", Errc::kInvalid, {"ENABLED"}},
+        {"CHL", "CONNAME", Errc{}, {"10.0.0.1(65535)"}},
+        {"CHL", "CONNAME", Errc::kInvalid, {"h(65536)", "h(0)", "h(1414", "(1414)", "h(1414)x", "two words"}},
+        {"CHL", "DESCR", Errc{}, {"Grüße"}},
+        {"QMGR", "KEYFILE", Errc{}, {""}},
+        {"QMGR", "KEYFILE", Errc::kInvalid, {"/a\nb"}}};
+    for (const auto& [cls, attr, expected, values] : cases) {
+        for (const char* value : values) {
+            EXPECT_EQ(code_of([&] { return check_definition(cls, attr, value), 0; }), expected) << attr << "=" << value;
+        }
+    }
 }
 
 } // namespace
