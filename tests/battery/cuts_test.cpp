@@ -211,10 +211,11 @@ void Cuts::cut_under_load(std::uint64_t read_rate) {
         }
     }
     std::ranges::sort(lost);
+    const auto rank = [&](std::size_t percent) { return std::to_string(lost[(cuts * percent + 99) / 100 - 1]); };
     RecordProperty("cuts", std::to_string(cuts));
-    RecordProperty("bytes lost, median", std::to_string(lost[cuts / 2]));
-    RecordProperty("bytes lost, p99", std::to_string(lost[cuts * 99 / 100]));
-    RecordProperty("bytes lost, maximum", std::to_string(lost.back()));
+    RecordProperty("bytes lost, median", rank(50));
+    RecordProperty("bytes lost, p99", rank(99));
+    RecordProperty("bytes lost, maximum", rank(100));
 }
 
 TEST_P(Cuts, UnderLoadWithAFastReader) {
