@@ -11,6 +11,7 @@ int procSndSig2Proc(int iPid, int iSig);
 
 /// Tests a socket without waiting: 1 readable or at end of stream, 0 nothing to read, negative on error. Callable from
 /// a signal handler.
+/// Outside a handler a host that is being stopped may end the process in here, as in every operation that can wait.
 int sockCanRead(int iSock);
 /// Writes the IPv4 address of a host name or dotted address as dotted-decimal text (at most 16 bytes with its NUL).
 /// Negative on failure, with `errno` set.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # kvr_test(NAME SOURCES ... [LIBS ...] [LABELS ...] [TIMEOUT seconds]): a GoogleTest program, one CTest entry per case.
 function(kvr_test name)
   cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})

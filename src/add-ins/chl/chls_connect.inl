@@ -1,6 +1,12 @@
 // SPDX-License-Identifier: MIT
 // Connecting to the listener: its address and the retry policy are read anew for every connection.
 
+/// A negative pause or time-out means none.
+static int SecondsOf(const char* psValue) {
+    int iSeconds = atoi(psValue);
+    return iSeconds > 0 ? iSeconds : 0;
+}
+
 /// Connects, first with short and then with long retries. 0 when connected; -1 when the definition cannot be read, the
 /// client cannot be prepared or every attempt failed; -10002 when the status cannot be written.
 static int Connect2Lsr(void) {
@@ -24,9 +30,8 @@ static int Connect2Lsr(void) {
 
     int iLongTry = atoi(sLongTry);
     int iShortTry = atoi(sShortTry);
-    // A negative pause or time-out means none.
-    int iLongTryTmr = atoi(sLongTryTmr) > 0 ? atoi(sLongTryTmr) : 0;
-    int iShortTryTmr = atoi(sShortTryTmr) > 0 ? atoi(sShortTryTmr) : 0;
+    int iLongTryTmr = SecondsOf(sLongTryTmr);
+    int iShortTryTmr = SecondsOf(sShortTryTmr);
     CHLS_LOG(LOG_EVENT, TXT("chl[%s] conn[%s]"), f_sAppName, sConnName);
 
     int iPort = 0;

@@ -51,7 +51,7 @@ static void HoldSignals(sigset_t* ptBefore) {
     sigemptyset(&tHeld);
     sigaddset(&tHeld, SIGUSR2);
     sigaddset(&tHeld, SIGALRM);
-    sigprocmask(SIG_BLOCK, &tHeld, ptBefore);
+    pthread_sigmask(SIG_BLOCK, &tHeld, ptBefore);
 }
 
 /// Makes sure of a bound connection with a watcher: at once when the line is up, otherwise through a new connection.
@@ -83,6 +83,10 @@ static int SndrNetInit(void) {
     sigset_t tBefore;
     HoldSignals(&tBefore);
     int iRet = StartLine();
-    sigprocmask(SIG_SETMASK, &tBefore, nullptr);
+    pthread_sigmask(SIG_SETMASK, &tBefore, nullptr);
+    if (iRet < 0 && !f_iNetStat) {
+        // With signals held the client only puts a connection aside: now it is given back.
+        f_tTcpClient.pfnClose(&f_tTcpClient, 0);
+    }
     return iRet;
 }

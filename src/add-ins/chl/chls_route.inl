@@ -39,6 +39,9 @@ static int ProcMsg(T_KAVRO_MD* ptMD, char* psMsgBuf, int iDataLen) {
         f_tTcpClient.pfnClose(&f_tTcpClient, 0);
         f_iNetStat = 0;
     }
+    // The watcher holds a copy of the socket: the receiver sees the end of the line, and lets go of the half message,
+    // only when that is closed too.
+    StopNetChkProc(__func__);
     return CHLS_FAIL;
 }
 

@@ -22,7 +22,7 @@ static void Resume(void) {
     sigset_t tBefore;
     HoldSignals(&tBefore);
     sleep(CHLS_RESTART_PAUSE);
-    sigprocmask(SIG_SETMASK, &tBefore, nullptr);
+    pthread_sigmask(SIG_SETMASK, &tBefore, nullptr);
     int iRet = SndrNetInit();
     if (iRet < 0) {
         CHLS_LOG_OF("OnRunEventHandler", LOG_ERR, TXT("SndrNetInit error[%d]"), iRet);

@@ -53,7 +53,9 @@ static int TakeAccessories(T_CHLS_MSG* ptMsg, const T_KAVRO_MD* ptMD) {
     }
     CHLS_LOG_OF("ChlSndData", LOG_DBG, TXT("ACCSNUM[%d]"), ptMsg->ptAccMd->iNum);
     for (int i = 0; i < ptMsg->ptAccMd->iNum; i++) {
-        int iRet = CheckFileLen(ptMsg->ptAccMd->sFiles[i]);
+        char sPath[KVR_ACC_PATH_SIZE];
+        CopyText(sPath, sizeof(sPath), ptMsg->ptAccMd->sFiles[i]);
+        int iRet = CheckFileLen(sPath);
         if (iRet < 0) {
             return iRet;
         }

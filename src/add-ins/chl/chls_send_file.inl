@@ -68,6 +68,15 @@ static int WriteFilePiece(char* psData, int iLen) {
     return CHLS_OK;
 }
 
+/// A host that is being stopped ends the process inside one of its operations, and a TLS write that is not interrupted
+/// calls none: the readability check is called for that alone.
+static void LetHostStop(void) {
+    int iSocketNo = f_tTcpClient.iSocketNo;
+    if (f_iUseSSL && iSocketNo > 0) {
+        sockCanRead(iSocketNo);
+    }
+}
+
 /// Sends exactly the announced bytes. A file that ended before them fails: the stream would be out of step, so the
 /// caller gives the connection up.
 static int SendFileData(FILE* fp, const char* psFileName, long lFileLen) {
@@ -88,11 +97,7 @@ static int SendFileData(FILE* fp, const char* psFileName, long lFileLen) {
                         psFileName, lFileLen, iSndFileData);
             return CHLS_ERR_WRITE;
         }
-        // A TLS write calls no host operation, and a host can end the process only inside one.
-        int iSocketNo = f_tTcpClient.iSocketNo;
-        if (f_iUseSSL && iSocketNo > 0) {
-            sockCanRead(iSocketNo);
-        }
+        LetHostStop();
         if (WriteFilePiece(sFileData, iLen) < 0) {
             return CHLS_ERR_WRITE;
         }

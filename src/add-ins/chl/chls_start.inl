@@ -19,16 +19,6 @@ static int TakeAppName(void) {
     return CHLS_OK;
 }
 
-/// Installs a handler that interrupts system calls and holds its own signal while it runs.
-static int InstallHandler(int iSig, const char* psSig, void (*pfnHandler)(int)) {
-    if (sigset(iSig, pfnHandler) == SIG_ERR) {
-        int iErrno = errno;
-        CHLS_LOG_OF("InitEventHandler", LOG_ERR, TXT("sigset %s error:[%d][%s]"), psSig, iErrno, ErrText(iErrno));
-        return CHLS_FAIL;
-    }
-    return CHLS_OK;
-}
-
 /// 0 when the channel is ready to run, -10002 on any failure; from the claim of the status object on, the exit event
 /// gives it back.
 static int InitEventHandler(int /*iPlugId*/, int /*iEventId*/, void* /*pInData*/, void* /*pOutData*/) {
@@ -76,7 +66,15 @@ static int InitEventHandler(int /*iPlugId*/, int /*iEventId*/, void* /*pInData*/
     f_iDisConnCnt = atoi(sDisConnCnt);
 
     sigset(SIGPIPE, SIG_IGN);
-    if (InstallHandler(SIGALRM, "SIGALRM", HeartBeat) < 0 || InstallHandler(SIGUSR2, "SIGUSR2", OnNetDisconn) < 0) {
+    // Each interrupts system calls and holds its own signal while it runs.
+    if (sigset(SIGALRM, HeartBeat) == SIG_ERR) {
+        int iErrno = errno;
+        CHLS_LOG(LOG_ERR, TXT("sigset SIGALRM error:[%d][%s]"), iErrno, ErrText(iErrno));
+        return CHLS_ERR_SETUP;
+    }
+    if (sigset(SIGUSR2, OnNetDisconn) == SIG_ERR) {
+        int iErrno = errno;
+        CHLS_LOG(LOG_ERR, TXT("sigset SIGUSR2 error:[%d][%s]"), iErrno, ErrText(iErrno));
         return CHLS_ERR_SETUP;
     }
 
@@ -94,6 +92,7 @@ static int InitEventHandler(int /*iPlugId*/, int /*iEventId*/, void* /*pInData*/
     iRet = KVR_QueOpen(f_tQmgrCtx.hQueDB, f_sXmitQ, &f_hObjHdl, 0);
     if (iRet < 0) {
         CHLS_LOG(LOG_ERR, TXT("KVR_QueOpen[%s] return[%d]"), f_sXmitQ, iRet);
+        f_hObjHdl = nullptr;
         return CHLS_ERR_SETUP;
     }
     return CHLS_OK;

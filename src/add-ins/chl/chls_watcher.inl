@@ -61,9 +61,15 @@ static void ShedInherited(int iWriteEnd) {
     for (int iSig : iSigs) {
         signal(iSig, SIG_IGN);
     }
+    for (int iSig = 1; iSig < NSIG; iSig++) {
+        struct sigaction tAction;
+        if (sigaction(iSig, nullptr, &tAction) == 0 && tAction.sa_handler != SIG_DFL && tAction.sa_handler != SIG_IGN) {
+            signal(iSig, SIG_IGN);
+        }
+    }
     sigset_t tNone;
     sigemptyset(&tNone);
-    sigprocmask(SIG_SETMASK, &tNone, nullptr);
+    pthread_sigmask(SIG_SETMASK, &tNone, nullptr);
 }
 
 /// Forks the watcher of the current connection. Its process id, or -1; never returns in the watcher.
@@ -124,7 +130,8 @@ static void CheckNetStat(void) {
     }
     CHLS_LOG(LOG_ERR, TXT("connection lost"));
     CHLS_LOG(LOG_INF, TXT("----------------------line disconnected------------------------ "));
-    if (f_iPPid > 1) {
+    // A channel process may be the first of its container; 0 stands for one outside this process's namespace.
+    if (f_iPPid > 0) {
         procSndSig2Proc(f_iPPid, SIGUSR2);
     }
     _exit(0);
@@ -135,15 +142,15 @@ static void StopNetChkProc(const char* psFunc) {
     if (f_iMonPid <= 0) {
         return;
     }
-    const bool bThere = procIsExist(f_iMonPid) > 0;
-    const bool bKilled = bThere && procSndSig2Proc(f_iMonPid, SIGKILL) >= 0;
-    if (bThere && !bKilled) {
+    const int iExist = procIsExist(f_iMonPid);
+    const int iKilled = iExist > 0 && procSndSig2Proc(f_iMonPid, SIGKILL) >= 0;
+    if (iExist > 0 && !iKilled) {
         int iErrno = errno;
         CHLS_LOG_OF(psFunc, LOG_ERR, TXT("procSndSig2Proc f_iMonPid[%d] error[%d:%s]"), f_iMonPid, iErrno,
                     ErrText(iErrno));
     }
     // A watcher that could not be killed ends with its pipe; the wait would last for ever otherwise.
-    if (!bKilled && f_iChlLineFD > 0) {
+    if (iExist != 0 && !iKilled && f_iChlLineFD > 0) {
         close(f_iChlLineFD);
         f_iChlLineFD = 0;
     }

@@ -23,4 +23,5 @@
 #include "chls_status.inl"
 #include "chls_stop.inl"
 #include "chls_text.inl"
+#include "chls_tls.inl"
 #include "chls_watcher.inl"

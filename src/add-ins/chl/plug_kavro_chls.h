@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Private header of the channel unit: constants, the log call and every prototype, so that the order of the fragments
-// never matters. Included by plug_kavro_chls.cpp alone.
+// Private header of the channel unit: constants, the log call and the prototypes of what more than one fragment uses,
+// so that the order of the fragments never matters. Included by plug_kavro_chls.cpp alone.
 #pragma once
 
 #include <cerrno>
@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -39,7 +40,6 @@ constexpr int CHLS_ERR_SETUP = -10002; ///< a set-up step failed
 // Limits.
 constexpr int CHLS_NAME_SIZE = 64;         ///< names and short numbers, with NUL
 constexpr int CHLS_VALUE_SIZE = 256;       ///< other attribute values, with NUL
-constexpr int CHLS_ADDR_SIZE = 512;        ///< addresses as the TCP client holds them, with NUL
 constexpr int CHLS_RECV_SIZE = 2098376;    ///< receive buffer: the greatest message with its transmission header
 constexpr int CHLS_XMITQ_HDR_LEN = 72;     ///< transmission header
 constexpr int CHLS_PATH_SIZE = 1024;       ///< path of a file message, with NUL
@@ -49,6 +49,7 @@ constexpr int CHLS_SEND_TRIES = 4;         ///< attempts to send one message
 constexpr unsigned CHLS_RESTART_PAUSE = 3; ///< seconds between a lost line and the next connection
 constexpr int CHLS_DEFAULT_PORT = 5151;    ///< listener's port when the connection name has none
 constexpr int CHLS_TLS_END_MS = 300;       ///< wait for the receiver's end of a TLS line, within a stop's second
+constexpr int CHLS_TLS_END_READS = 32;     ///< pieces of what it sent that are dropped then
 constexpr int CHLS_APP_NAME_ENTRY = 4;     ///< entry of the argument table, counted after the options
 
 static_assert(sizeof(T_KAVRO_HDR_XMITQ) == CHLS_XMITQ_HDR_LEN);
@@ -76,7 +77,6 @@ static int EventHandlers(int iPlugId, int iEventId, void* pInData, void* pOutDat
 static int DefaultEventHandler(int iPlugId, int iEventId, void* pInData, void* pOutData);
 // chls_start.inl: event 1
 static int InitEventHandler(int iPlugId, int iEventId, void* pInData, void* pOutData);
-static int TakeAppName(void);
 // chls_run.inl: event 2
 static int OnRunEventHandler(int iPlugId, int iEventId, void* pInData, void* pOutData);
 // chls_stop.inl: event 4
@@ -95,7 +95,7 @@ static int FillAccBlock(const T_KAVRO_ACCESSORIES_MD* ptAccMd);
 static int InitObjStat(char* psChlName);
 static int SetObjStat(const char* psFunc, const char* psStat);
 
-// chls_client.inl: set-up of the TCP client; chls_segment.inl: when its bytes leave
+// chls_client.inl: set-up of the TCP client; chls_segment.inl: when its bytes leave; chls_tls.inl: tickets and end
 static int InitTcpClient(void);
 static void SetLineOpt(int iOpt, int iOn);
 static int TakeTlsRecords(void);

@@ -22,8 +22,8 @@ extern "C" {
 
 /// Option bits of pfnInit. The word is passed on to netTcpSSLInitCtx (net_tcp_common.h), so its bits can be given too.
 constexpr int NET_TCP_OPT_RCVTIMEO = 0x01; ///< pfnConnect sets iRcvTimeOut on the new socket
-constexpr int NET_TCP_OPT_SNDTIMEO =
-    0x02; ///< pfnConnect sets iSndTimeOut on the new socket; it also limits the handshake
+/// pfnConnect sets iSndTimeOut on the new socket; it also limits the handshake.
+constexpr int NET_TCP_OPT_SNDTIMEO = 0x02;
 constexpr int NET_TCP_OPT_KEEPALIVE = 0x04; ///< pfnConnect switches TCP keep-alive on
 constexpr int NET_TCP_OPT_SSL = 0x10;       ///< TLS
 
@@ -34,27 +34,29 @@ typedef int (*PFN_NET_TCPCONNECT)(void* pThis, char* psAddr, int iPort, int iOpt
 /// The client record, owned by its caller. Every operation but the creation clears sErrorStr and iErrorCode first; a
 /// failed one fills both, logs the text at level 1 and returns -1.
 typedef struct T_NET_TCPCLIENT {
-    int iRcvTimeOut;                  ///< seconds; set by the caller
-    int iSndTimeOut;                  ///< seconds; set by the caller
-    char sCaFile[512];                ///< trusted CA certificates (PEM); set by the caller
-    char sCertFile[512];              ///< own certificate (PEM); set by the caller
-    char sKeyFile[512];               ///< own private key (PEM); set by the caller
-    char sKeyPass[512];               ///< pass phrase of the key; set by the caller
-    int iSocketNo;                    ///< the connection's socket; 0: none (a socket never gets descriptor 0 here)
-    char sLocalAddr[512];             ///< dotted-decimal, after a connect
-    int iLocalPort;                   ///< after a connect
-    char sRemoteAddr[512];            ///< dotted-decimal, as resolved
-    int iRemotePort;                  ///< as asked for
-    int iIsSSL;                       ///< 1: the connection runs inside TLS
-    char sErrorStr[1024];             ///< text of the last error; all NUL after a success
-    int iErrorCode;                   ///< errno of the failed call, or -1; 0 after a success
-    int iStat;                        ///< 1 connected, 0 not
-    int iSockOpt;                     ///< options of the last pfnInit
-    SSL* ssl;                         ///< TLS connection or null; owned by the record
-    SSL_CTX* ctx;                     ///< TLS context or null; owned by the record
-    PFN_NET_TCPOBJINIT pfnInit;       ///< prepares for a connection: option bits, TLS context. 0 or -1
-    PFN_NET_TCPCONNECT pfnConnect;    ///< see the type
-    PFN_NET_TCPWRITE pfnWrite;        ///< writes all bytes: iWriteLen, else -1; ENOTCONN without a connection
+    int iRcvTimeOut;               ///< seconds; set by the caller
+    int iSndTimeOut;               ///< seconds; set by the caller
+    char sCaFile[512];             ///< trusted CA certificates (PEM); set by the caller
+    char sCertFile[512];           ///< own certificate (PEM); set by the caller
+    char sKeyFile[512];            ///< own private key (PEM); set by the caller
+    char sKeyPass[512];            ///< pass phrase of the key; set by the caller
+    int iSocketNo;                 ///< the connection's socket; 0: none (a socket never gets descriptor 0 here)
+    char sLocalAddr[512];          ///< dotted-decimal, after a connect
+    int iLocalPort;                ///< after a connect
+    char sRemoteAddr[512];         ///< dotted-decimal, as resolved
+    int iRemotePort;               ///< as asked for
+    int iIsSSL;                    ///< 1: the connection runs inside TLS
+    char sErrorStr[1024];          ///< text of the last error; all NUL after a success
+    int iErrorCode;                ///< errno of the failed call, or -1; 0 after a success
+    int iStat;                     ///< 1 connected, 0 not
+    int iSockOpt;                  ///< options of the last pfnInit
+    SSL* ssl;                      ///< TLS connection or null; owned by the record
+    SSL_CTX* ctx;                  ///< TLS context or null; owned by the record
+    PFN_NET_TCPOBJINIT pfnInit;    ///< prepares for a connection: option bits, TLS context. 0 or -1
+    PFN_NET_TCPCONNECT pfnConnect; ///< see the type
+    /// Writes all bytes: iWriteLen, else -1; ENOTCONN without a connection. Over TLS it first takes in what the peer
+    /// sent, and fails when that was more than TLS's own records; a write of 0 bytes does nothing else.
+    PFN_NET_TCPWRITE pfnWrite;
     PFN_NET_TCPREAD pfnRead;          ///< reads all bytes: iLen; 0 when the connection ended first; else -1
     PFN_NET_TCPOBJCLOSE pfnClose;     ///< ends the connection and frees its TLS objects; may be repeated. 0
     PFN_NET_TCP_LOGPRINT pfnLogPrint; ///< the caller's log function

@@ -4,7 +4,6 @@
 #include "net_tcp_common.h"
 
 #include <cerrno>
-#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -19,6 +18,7 @@
 #include <unistd.h>
 
 #include "kavutil.h"
+#include "net_tcp_handler.h"
 
 #include "net_tcp_heap.inl"
 
@@ -89,8 +89,8 @@ long LimitWrite(BIO* bio, int iOper, const char*, size_t, int, long, int iRet, s
     }
     const int iSocketNo = static_cast<int>(BIO_get_fd(bio, nullptr));
     if (ptLimit->lLimitMs == 0) {
-        socklen_t tLen = sizeof(ptLimit->tSndTimeO);
-        if (getsockopt(iSocketNo, SOL_SOCKET, SO_SNDTIMEO, &ptLimit->tSndTimeO, &tLen) != 0) {
+        socklen_t iLen = sizeof(ptLimit->tSndTimeO);
+        if (getsockopt(iSocketNo, SOL_SOCKET, SO_SNDTIMEO, &ptLimit->tSndTimeO, &iLen) != 0) {
             ptLimit->tSndTimeO = {};
         }
         const long lLimitMs = ptLimit->tSndTimeO.tv_sec * 1000 + ptLimit->tSndTimeO.tv_usec / 1000;
@@ -113,12 +113,10 @@ long LimitWrite(BIO* bio, int iOper, const char*, size_t, int, long, int iRet, s
 }
 
 /// After an interruption without progress. A process that is being stopped repeats its signal, and its host ends it
-/// inside an operation of the host's: the readability check is called for that alone. With signals held (a handler, a
-/// connection being made) the host does not act, and the write is given up instead.
+/// inside an operation of the host's: the readability check is called for that alone. In a handler the host does not
+/// act, and the write is given up instead.
 bool MayGoOn(int iSocketNo, int* piInterrupts) {
-    sigset_t tNow;
-    pthread_sigmask(SIG_BLOCK, nullptr, &tNow);
-    if (sigisemptyset(&tNow) == 0) {
+    if (InHandler()) {
         return (*piInterrupts)++ < IDLE_INTERRUPTS_MAX;
     }
     sockCanRead(iSocketNo);
@@ -189,8 +187,8 @@ NET_TCP_EXPORT int netTcpSSLCheckCert(SSL* ssl, char* psCN, int iOption) {
     X509_NAME_get_text_by_NID(ptName, NID_commonName, sPeerCN, sizeof(sPeerCN));
     // The whole name counts: one with a NUL inside, or longer than the buffer, would otherwise pass for its beginning.
     const int iWholeLen = X509_NAME_get_text_by_NID(ptName, NID_commonName, nullptr, 0);
-    const bool bWhole = iWholeLen < 0 || static_cast<size_t>(iWholeLen) == strlen(sPeerCN);
-    if (psCN == nullptr || !bWhole || strcasecmp(sPeerCN, psCN) != 0) {
+    const int iWhole = iWholeLen < 0 || static_cast<size_t>(iWholeLen) == strlen(sPeerCN);
+    if (psCN == nullptr || !iWhole || strcasecmp(sPeerCN, psCN) != 0) {
         ErrLine("X509_NAME_get_text_by_NID [%s] error", TextOf(psCN));
         return -2;
     }
@@ -214,8 +212,8 @@ NET_TCP_EXPORT int netTcpSSLReadN(void* pBuf, int iLen, int* piReadLen, SSL* ssl
             return 0;
         }
         // Neither an interruption nor a record without application data ends the connection.
-        const bool bAgain = SSL_want_read(ssl) && BIO_should_retry(SSL_get_rbio(ssl)) && iErrno != EAGAIN;
-        if (bAgain && (iErrno != EINTR || iInterrupts++ < IDLE_INTERRUPTS_MAX)) {
+        const int iAgain = SSL_want_read(ssl) && BIO_should_retry(SSL_get_rbio(ssl)) && iErrno != EAGAIN;
+        if (iAgain && (iErrno != EINTR || iInterrupts++ < IDLE_INTERRUPTS_MAX)) {
             continue;
         }
         ErrLine("read len[%d] readlen[%d]", iLen, iTotal);

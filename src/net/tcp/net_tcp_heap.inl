@@ -35,18 +35,18 @@ int PoolIndex(const void* pBlock) {
     return ptBlock >= f_tPool && ptBlock < f_tPool + POOL_BLOCKS ? static_cast<int>(ptBlock - f_tPool) : -1;
 }
 
-void* SslMalloc(size_t tLen, const char*, int) {
-    if (tLen == 0) {
+void* SslMalloc(size_t iLen, const char*, int) {
+    if (iLen == 0) {
         return nullptr;
     }
-    if (f_iWriting != 0 && tLen <= POOL_BLOCK_LEN) {
+    if (f_iWriting != 0 && iLen <= POOL_BLOCK_LEN) {
         for (int i = 0; i < POOL_BLOCKS; i++) {
             if (f_cPoolUsed[i].exchange(1) == 0) {
                 return &f_tPool[i];
             }
         }
     }
-    return malloc(tLen);
+    return malloc(iLen);
 }
 
 void SslFree(void* pBlock, const char*, int) {
@@ -58,21 +58,21 @@ void SslFree(void* pBlock, const char*, int) {
     }
 }
 
-void* SslRealloc(void* pBlock, size_t tLen, const char* psFile, int iLine) {
+void* SslRealloc(void* pBlock, size_t iLen, const char* psFile, int iLine) {
     if (pBlock == nullptr) {
-        return SslMalloc(tLen, psFile, iLine);
+        return SslMalloc(iLen, psFile, iLine);
     }
-    if (tLen == 0) {
+    if (iLen == 0) {
         SslFree(pBlock, psFile, iLine);
         return nullptr;
     }
     if (PoolIndex(pBlock) < 0) {
-        return realloc(pBlock, tLen);
+        return realloc(pBlock, iLen);
     }
-    if (tLen <= POOL_BLOCK_LEN) {
+    if (iLen <= POOL_BLOCK_LEN) {
         return pBlock;
     }
-    void* pNew = malloc(tLen);
+    void* pNew = malloc(iLen);
     if (pNew != nullptr) {
         memcpy(pNew, pBlock, POOL_BLOCK_LEN);
         SslFree(pBlock, psFile, iLine);

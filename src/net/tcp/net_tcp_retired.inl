@@ -7,7 +7,6 @@
 // the local variables of the operation that releases it.
 
 #include <atomic>
-#include <csignal>
 #include <cstddef>
 
 #include <openssl/ssl.h>
@@ -36,23 +35,16 @@ static_assert(std::atomic<int>::is_always_lock_free);
 
 T_RETIRED f_tRetired[RETIRED_MAX];
 std::atomic<int> f_iRetiredCnt; ///< slots in use: the common case is one look at a zero
-sigset_t f_tMainMask;           ///< signals that the main flow holds, as netTcpClientCreate found them
 
-/// A handler runs with its own signal held, so more is held than when the client was created. The main flow with extra
-/// signals held counts as one too: what it closes is released a little later, and a failed write shows errno's reason.
-/// Operations of the main flow alone do not ask.
-bool InHandler() {
-    sigset_t tNow;
-    pthread_sigmask(SIG_BLOCK, nullptr, &tNow);
-    if (sigisemptyset(&tNow) != 0) {
-        return false;
-    }
-    for (int iSig = 1; iSig < NSIG; iSig++) {
-        if (sigismember(&tNow, iSig) == 1 && sigismember(&f_tMainMask, iSig) == 0) {
-            return true;
-        }
-    }
-    return false;
+/// Takes a resource out of the record: of two that try, one gets it.
+template <typename T>
+T Take(T& tField) {
+    return std::atomic_ref<T>(tField).exchange(T{});
+}
+
+template <typename T>
+T Look(T& tField) {
+    return std::atomic_ref<T>(tField).load();
 }
 
 /// Outside a handler only. Any argument may be 0 or null.
@@ -108,6 +100,13 @@ void ReleaseRetired(const void* pOwner) {
         tSlot.iState = eSlotFree;
         ReleaseConn(iSocketNo, ssl, ctx);
     }
+}
+
+/// Ends the record's connection; the TLS context stays. Main flow only.
+void DropConn(T_NET_TCPCLIENT* ptClient) {
+    const int iSocketNo = Take(ptClient->iSocketNo);
+    ReleaseConn(iSocketNo, Take(ptClient->ssl), nullptr);
+    ReleaseRetired(ptClient);
 }
 
 } // namespace

@@ -25,12 +25,6 @@ constexpr int DRAIN_RECORDS_MAX = 64;
 constexpr char TLS_CLOSED[] = "connection closed by peer";
 constexpr char NO_REASON[] = "no reason given";
 
-/// strerror is not to be called in a signal handler; this is.
-const char* ErrnoText(int iErrno) {
-    const char* psText = strerrordesc_np(iErrno);
-    return psText != nullptr ? psText : "unknown error";
-}
-
 /// Why an operation failed, as errno tells it. `psElse` serves when it does not. Callable from a handler.
 const char* ErrnoReason(int iErrno, const char* psElse = NO_REASON) {
     switch (iErrno) {
@@ -58,9 +52,9 @@ const char* TlsReason(int iErrno, const char* psElse = NO_REASON) {
     return psReason != nullptr ? psReason : ErrnoReason(iErrno, psElse);
 }
 
-bool SetNonBlock(int iSocketNo, bool bOn) {
+bool SetNonBlock(int iSocketNo, int iOn) {
     const int iFlags = fcntl(iSocketNo, F_GETFL);
-    return iFlags >= 0 && fcntl(iSocketNo, F_SETFL, bOn ? iFlags | O_NONBLOCK : iFlags & ~O_NONBLOCK) == 0;
+    return iFlags >= 0 && fcntl(iSocketNo, F_SETFL, iOn ? iFlags | O_NONBLOCK : iFlags & ~O_NONBLOCK) == 0;
 }
 
 /// Waits until the socket is ready for what the handshake wants: 0, or the errno of a failure.
@@ -137,15 +131,15 @@ enum E_DRAIN {
 
 /// Takes in what the peer sent unasked: session tickets and key updates are consumed without waiting, application data
 /// stays for a read. Unread bytes would make the kernel reset the connection at its end and so lose data already sent.
-/// Without `bSeeEnd` an end of stream behind those bytes is left for later. Outside a handler only. Sets the reason
+/// Without `iSeeEnd` an end of stream behind those bytes is left for later. Outside a handler only. Sets the reason
 /// when the line is lost or holds data.
-E_DRAIN Drain(SSL* ssl, int iSocketNo, bool bSeeEnd, const char** ppsReason) {
+E_DRAIN Drain(SSL* ssl, int iSocketNo, int iSeeEnd, const char** ppsReason) {
     E_DRAIN eRet = eDrainDone;
     if (!SetNonBlock(iSocketNo, true)) {
         return eRet; // a look could wait for ever behind the last ticket: left to the next drain
     }
     SSL_clear_mode(ssl, SSL_MODE_AUTO_RETRY);
-    for (int i = 0; i < DRAIN_RECORDS_MAX && (bSeeEnd || HasPending(ssl, iSocketNo)); i++) {
+    for (int i = 0; i < DRAIN_RECORDS_MAX && (iSeeEnd || HasPending(ssl, iSocketNo)); i++) {
         char cData = 0;
         errno = 0;
         const int iRet = SSL_peek(ssl, &cData, 1);

@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: MIT
+// See net_tcp_handler.h.
+#include "net_tcp_handler.h"
+
+#include <csignal>
+
+static sigset_t f_tMainMask; ///< signals that the main flow holds
+
+void MarkMainFlow() {
+    pthread_sigmask(SIG_BLOCK, nullptr, &f_tMainMask);
+}
+
+int InHandler() {
+    sigset_t tNow;
+    pthread_sigmask(SIG_BLOCK, nullptr, &tNow);
+    if (sigisemptyset(&tNow) != 0) {
+        return 0;
+    }
+    for (int iSig = 1; iSig < NSIG; iSig++) {
+        if (sigismember(&tNow, iSig) == 1 && sigismember(&f_tMainMask, iSig) == 0) {
+            return 1;
+        }
+    }
+    return 0;
+}

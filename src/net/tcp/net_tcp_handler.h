@@ -1,0 +1,11 @@
+// SPDX-License-Identifier: MIT
+// Private to the library: whether an operation runs in a signal handler.
+#pragma once
+
+/// Takes the calling thread's signal mask for that of the main flow. Before the first call that is an empty one.
+void MarkMainFlow();
+
+/// A handler runs with its own signal held, so more is held than in the main flow. The main flow with extra signals
+/// held counts as one too: what it closes is released a little later, and a failed write shows errno's reason.
+/// Callable from a handler. Operations of the main flow alone do not ask.
+int InHandler();
