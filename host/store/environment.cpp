@@ -13,6 +13,7 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
+#include "file_length.h"
 #include "permissions.h"
 #include "store_layout.h"
 #include "system_error.h"
@@ -83,6 +84,10 @@ MDB_txn* begin_txn(Environment& env, unsigned flags) {
 
 Environment::Environment(std::filesystem::path folder, std::optional<std::uint64_t> map_size)
     : folder_(std::move(folder)) {
+    const std::filesystem::path file = folder_ / "data.mdb";
+    if (!map_size) {
+        check_not_empty(file);
+    }
     check(mdb_env_create(&env_), "set up the store", *this);
     try {
         check(mdb_env_set_maxreaders(env_, kMaxReaders), "set up the store", *this);
@@ -92,9 +97,10 @@ Environment::Environment(std::filesystem::path folder, std::optional<std::uint64
         }
         // Read transactions are not tied to threads: one per getter and call, each begun and ended at will.
         check(mdb_env_open(env_, folder_.c_str(), MDB_NOTLS, kFileMode), "open the store", *this);
-        make_private_file(folder_ / "data.mdb");
+        make_private_file(file);
         make_private_file(folder_ / "lock.mdb");
         clear_stale_readers();
+        check_not_cut(*this, file);
 
         open_table_set(false, {{nullptr, &main}});
     } catch (...) {

@@ -2,6 +2,7 @@
 // The store as files - owners, versions, damage, a quota used up -, its objects, and what their schema refuses.
 #include <fstream>
 
+#include <lmdb.h>
 #include <sys/stat.h>
 
 #include "schema.h"
@@ -24,6 +25,29 @@ class EnvironmentTest : public StoreTest {
             bytes.at(at + static_cast<std::size_t>(offset)) = 9;
         }
         std::ofstream(file, std::ios::binary) << bytes;
+    }
+    /// Adds a large record and deletes it in the same transaction: its pages, the file's last ones, are never written.
+    /// Returns by how many bytes the file then ends before its last page.
+    std::uint64_t leave_free_pages_at_the_end() {
+        store_.reset();
+        MDB_env* env = nullptr;
+        MDB_txn* txn = nullptr;
+        std::string name = "gone";
+        std::string data(100000, 'y');
+        MDB_val key{name.size(), name.data()};
+        MDB_val value{data.size(), data.data()};
+        MDB_envinfo info{};
+        MDB_dbi table = 0;
+        EXPECT_EQ(mdb_env_create(&env), 0);
+        EXPECT_EQ(mdb_env_open(env, (dir_ / "store").c_str(), 0, 0600), 0);
+        EXPECT_EQ(mdb_txn_begin(env, nullptr, 0, &txn), 0);
+        EXPECT_EQ(mdb_dbi_open(txn, nullptr, 0, &table), 0);
+        EXPECT_EQ(mdb_put(txn, table, &key, &value, 0), 0);
+        EXPECT_EQ(mdb_del(txn, table, &key, nullptr), 0);
+        EXPECT_EQ(mdb_txn_commit(txn), 0);
+        EXPECT_EQ(mdb_env_info(env, &info), 0);
+        mdb_env_close(env);
+        return (info.me_last_pgno + 1) * 4096 - fs::file_size(dir_ / "store" / "data.mdb");
     }
     [[nodiscard]] Errc open_code() const {
         return code_of([&] { return Store::open(dir_); });
@@ -73,6 +97,23 @@ TEST_F(EnvironmentTest, RefusesAnotherVersionAndDamage) {
     EXPECT_EQ(open_code(), Errc::kVersion);
     std::ofstream(dir_ / "store" / "data.mdb", std::ios::trunc) << std::string(8192, 'x');
     EXPECT_EQ(open_code(), Errc::kDamaged);
+}
+
+TEST_F(EnvironmentTest, RefusesAFileThatLacksPagesUnlessAllOfThemAreFree) {
+    put_numbers(1, 2);
+    EXPECT_EQ(put(std::string(200000, 'x')), Errc{});
+    const std::uint64_t missing = leave_free_pages_at_the_end();
+    EXPECT_TRUE(missing > 50000 && missing < 200000) << missing;
+    store_ = Store::open(dir_);
+    EXPECT_EQ(shown().size(), 3U);
+    store_.reset();
+    const fs::path file = dir_ / "store" / "data.mdb";
+    for (std::uintmax_t size = fs::file_size(file); size > 0;) {
+        size = size > 8192 ? size - std::min<std::uintmax_t>(size - 8192, 40960) : size / 2;
+        fs::resize_file(file, size);
+        EXPECT_EQ(open_code(), Errc::kDamaged) << size;
+        EXPECT_EQ(fs::file_size(file), size) << "a refused file was written to";
+    }
 }
 
 TEST_F(EnvironmentTest, QuotaStopsPutsAndItsRoomComesBackWhole) {
