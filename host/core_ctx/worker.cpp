@@ -41,6 +41,7 @@ struct Worker {
     std::optional<RunLock> lock;
     std::optional<Context> context;
     std::optional<Plugin> plugin;
+    bool tls = false;
 };
 
 Worker& worker() {
@@ -99,7 +100,8 @@ bool queue_exists(Store& store, const std::string& name) {
     }
 }
 
-void check_definition(Store& store, const std::string& channel) {
+/// Returns whether the channel uses TLS.
+bool check_definition(Store& store, const std::string& channel) {
     std::optional<Attributes> definition = find_object(store, "CHL", channel);
     if (!definition) {
         throw Error(Errc::kNotFound, "channel '" + channel + "' is not defined in queue manager '" + store.qmgr() +
@@ -118,6 +120,7 @@ void check_definition(Store& store, const std::string& channel) {
         throw Error(Errc::kNotFound, "transmission queue '" + queue + "' of channel '" + channel +
                                          "' does not exist: define it with 'kvr define queue " + queue + "'");
     }
+    return strcasecmp((*definition)["SSLCAUTH"].c_str(), "ENABLE") == 0;
 }
 
 void check_dead_letter_queue(Store& store, const WorkerOptions& options) {
@@ -195,8 +198,12 @@ void on_exit_in_run() {
     if (stop_pending()) {
         end_stopped();
     }
-    warn(options, "channel '" + worker().channel + "' " + what + " (result " + std::to_string(result) +
-                      "): the cause stands in the log above this line");
+    const std::string where =
+        options.log_file.empty() ? "the lines above" : "the lines before this one in " + options.log_file.string();
+    const char* const tls_hint = "; with TLS, check CAFILE, CERTFILE, KEYFILE ('kvr show qmgr') and the key's pass "
+                                 "phrase ('kvr set qmgr --keypass-file FILE')";
+    warn(options, "channel '" + worker().channel + "' " + what + " (result " + std::to_string(result) + "): " + where +
+                      " say why" + (worker().tls ? tls_hint : ""));
     end_process(EXIT_FAILURE);
 }
 
@@ -212,19 +219,22 @@ void prepare(const WorkerOptions& options, int argc, char** argv) {
     self.store = Store::open(options.home / options.qmgr);
     std::string qmgr = self.store->qmgr();
     KVR_LogSetQMName(qmgr.data());
-    check_definition(*self.store, self.channel);
+    self.tls = check_definition(*self.store, self.channel);
     self.lock.emplace(self.store->dir(), self.channel);
+    if (options.on_claimed) {
+        options.on_claimed();
+    }
     check_dead_letter_queue(*self.store, options);
     repair_status(*self.store, self.channel);
     ac_set_qmgr(options.home, options.qmgr);
     self.context.emplace(options, self.channel, argc, argv);
-    watch_stop_signals();
     self.plugin.emplace(options.plugin, self.context->record());
 }
 
 } // namespace
 
 void run_worker(const WorkerOptions& options, int argc, char** argv) {
+    watch_stop_signals(); // before the signals are let through
     set_up_process();
     prepare(options, argc, argv);
     Plugin& plugin = *worker().plugin;

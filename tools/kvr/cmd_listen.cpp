@@ -8,6 +8,7 @@
 #include <CLI/CLI.hpp>
 
 #include "commands.h"
+#include "held_signals.h"
 #include "listener_options.h"
 #include "session.h"
 
@@ -23,6 +24,7 @@ struct ListenCommand {
 };
 
 void listen(const GlobalOptions& global, ListenCommand& command) {
+    hold_signals({SIGTERM, SIGINT});
     ListenerOptions& options = command.listener;
     if (!options.tls.enabled && (!options.tls.cert.empty() || !options.tls.key.empty() || !options.tls.ca.empty())) {
         throw UsageError("certificate options without TLS: add --tls, or leave them out");

@@ -13,6 +13,7 @@
 
 #include "attributes.h"
 #include "commands.h"
+#include "held_signals.h"
 #include "output.h"
 #include "session.h"
 #include "worker.h"
@@ -104,6 +105,7 @@ void check_tls_files(Store& store, const std::string& channel) {
 }
 
 void run(const GlobalOptions& global, const RunOptions& options) {
+    hold_signals({SIGTERM, SIGINT, SIGHUP});
     WorkerOptions worker;
     worker.channel = checked_channel_name(options.channel);
     worker.plugin = plugin_file(options.plugin);
@@ -117,8 +119,10 @@ void run(const GlobalOptions& global, const RunOptions& options) {
         worker.log_file = log_file(*store, worker.channel, options.log);
     }
     const std::string where = worker.log_file.empty() ? std::string("its log above") : worker.log_file.native();
-    remark(fmt::format("channel {} of {} starts; log {}; stop it with Ctrl-C or 'kvr stop {}'", worker.channel,
-                       worker.qmgr, worker.log_file.empty() ? "on standard error" : where, worker.channel));
+    worker.on_claimed = [&] {
+        remark(fmt::format("channel {} of {} starts; log {}; stop it with Ctrl-C or 'kvr stop {}'", worker.channel,
+                           worker.qmgr, worker.log_file.empty() ? "on standard error" : where, worker.channel));
+    };
     last_words() = fmt::format("channel {} ended after a failure: the last lines of {} say why", worker.channel, where);
     (void)::on_exit(say_last_words, nullptr);
     try {
