@@ -18,10 +18,14 @@ namespace kvr {
 
 namespace {
 
-/// Why the last OpenSSL operation failed; empties the error queue.
+/// Why the last OpenSSL operation failed; empties the error queue. Where the system is the cause, that alone.
 std::string openssl_reason() {
     std::string text;
     for (unsigned long code = ERR_get_error(); code != 0; code = ERR_get_error()) {
+        if (ERR_SYSTEM_ERROR(code)) {
+            ERR_clear_error();
+            return std::strerror(ERR_GET_REASON(code));
+        }
         const char* const reason = ERR_reason_error_string(code);
         text +=
             (text.empty() ? "" : "; ") + (reason != nullptr ? std::string(reason) : fmt::format("error {:x}", code));
@@ -29,11 +33,16 @@ std::string openssl_reason() {
     return text.empty() ? "no reason given" : text;
 }
 
-void require(bool done, const std::string& what) {
+void require(bool done, const std::string& what, const std::string& remedy = "") {
     if (!done) {
-        throw Error(Errc::kInvalid, fmt::format("{}: {}", what, openssl_reason()));
+        throw Error(Errc::kInvalid, fmt::format("{}: {}{}", what, openssl_reason(), remedy));
     }
 }
+
+struct PassPhrase {
+    std::string text;
+    bool asked = false; ///< the key is encrypted
+};
 
 int version_number(const std::string& text) {
     if (text == "1.2") {
@@ -56,12 +65,14 @@ std::string first_line(const std::filesystem::path& path) {
 
 /// Never asks on the terminal: without a pass phrase the key does not open.
 int give_pass_phrase(char* buffer, int size, int /*writing*/, void* user) {
-    const auto* const phrase = static_cast<const std::string*>(user);
-    if (phrase->size() > static_cast<std::size_t>(size)) {
+    auto* const phrase = static_cast<PassPhrase*>(user);
+    phrase->asked = true;
+    const std::string& text = phrase->text;
+    if (text.empty() || text.size() > static_cast<std::size_t>(size)) {
         return -1;
     }
-    std::copy(phrase->begin(), phrase->end(), buffer); // no NUL: the length is returned
-    return static_cast<int>(phrase->size());
+    std::copy(text.begin(), text.end(), buffer); // no NUL: the length is returned
+    return static_cast<int>(text.size());
 }
 
 } // namespace
@@ -76,21 +87,29 @@ TlsServer::TlsServer(const TlsOptions& options) : context_(SSL_CTX_new(TLS_serve
     require(SSL_CTX_set_min_proto_version(context, version_number(options.min_version)) == 1 &&
                 SSL_CTX_set_max_proto_version(context, version_number(options.max_version)) == 1,
             "the TLS versions do not go together");
-    std::string phrase = options.key_pass_file.empty() ? std::string() : first_line(options.key_pass_file);
+    PassPhrase phrase;
+    if (!options.key_pass_file.empty()) {
+        phrase.text = first_line(options.key_pass_file);
+    }
     SSL_CTX_set_default_passwd_cb(context, give_pass_phrase);
     SSL_CTX_set_default_passwd_cb_userdata(context, &phrase);
     require(SSL_CTX_use_certificate_chain_file(context, options.cert.c_str()) == 1,
-            fmt::format("cannot use the certificate {}", escaped(options.cert.native())));
+            fmt::format("cannot use the certificate {}", escaped(options.cert.native())),
+            "; give the path of a PEM file with --cert");
     const std::filesystem::path& key = options.key.empty() ? options.cert : options.key;
-    require(SSL_CTX_use_PrivateKey_file(context, key.c_str(), SSL_FILETYPE_PEM) == 1 &&
-                SSL_CTX_check_private_key(context) == 1,
-            fmt::format("cannot use the key {} with the certificate {}", escaped(key.native()),
-                        escaped(options.cert.native())));
+    const bool key_fits = SSL_CTX_use_PrivateKey_file(context, key.c_str(), SSL_FILETYPE_PEM) == 1 &&
+                          SSL_CTX_check_private_key(context) == 1;
     SSL_CTX_set_default_passwd_cb_userdata(context, nullptr);
-    OPENSSL_cleanse(phrase.data(), phrase.size());
+    OPENSSL_cleanse(phrase.text.data(), phrase.text.size());
+    require(key_fits,
+            fmt::format("cannot use the key {} with the certificate {}", escaped(key.native()),
+                        escaped(options.cert.native())),
+            phrase.asked ? "; the key is encrypted: give the file of its pass phrase with --key-pass-file"
+                         : "; give the certificate's own key, PEM, with --key");
     if (!options.ca.empty()) {
         require(SSL_CTX_load_verify_locations(context, options.ca.c_str(), nullptr) == 1,
-                fmt::format("cannot use the CA file {}", escaped(options.ca.native())));
+                fmt::format("cannot use the CA file {}", escaped(options.ca.native())),
+                "; give the path of a PEM file with --ca");
         SSL_CTX_set_client_CA_list(context, SSL_load_client_CA_file(options.ca.c_str()));
     }
     if (options.client_cert != ClientCert::kNone) {
@@ -113,6 +132,12 @@ TlsServer::TlsServer(const TlsOptions& options) : context_(SSL_CTX_new(TLS_serve
     SSL_CTX_set_mode(context, SSL_MODE_RELEASE_BUFFERS | SSL_MODE_ENABLE_PARTIAL_WRITE);
 }
 
+/// How senders end a line; a handshake has failed by it.
+StreamEnd Stream::ended_without_alert() {
+    error_ = "end of stream";
+    return hands_shaken_ ? StreamEnd::kEof : StreamEnd::kFailed; // OpenSSL's own flag falls with this error
+}
+
 StreamEnd Stream::judge(int result) {
     switch (SSL_get_error(ssl_.get(), result)) {
     case SSL_ERROR_WANT_READ:
@@ -122,15 +147,17 @@ StreamEnd Stream::judge(int result) {
     case SSL_ERROR_ZERO_RETURN:
         return StreamEnd::kEof;
     case SSL_ERROR_SYSCALL:
-        error_ = errno == 0 ? std::string("end of stream") : fmt::format("[{}:{}]", errno, std::strerror(errno));
+        if (errno == 0) {
+            return ended_without_alert();
+        }
+        error_ = fmt::format("[{}:{}]", errno, std::strerror(errno));
         return StreamEnd::kFailed;
     default:
         break;
     }
     if (ERR_GET_REASON(ERR_peek_error()) == SSL_R_UNEXPECTED_EOF_WHILE_READING) {
         ERR_clear_error();
-        error_ = "end of stream";
-        return SSL_is_init_finished(ssl_.get()) == 1 ? StreamEnd::kEof : StreamEnd::kFailed;
+        return ended_without_alert();
     }
     error_ = openssl_reason();
     return StreamEnd::kFailed;
@@ -150,7 +177,8 @@ StreamEnd Stream::handshake() {
     }
     errno = 0;
     const int result = SSL_accept(ssl_.get());
-    return result == 1 ? StreamEnd::kDone : judge(result);
+    hands_shaken_ = result == 1;
+    return hands_shaken_ ? StreamEnd::kDone : judge(result);
 }
 
 StreamEnd Stream::read(std::span<char> buffer, std::size_t& count) {

@@ -64,10 +64,12 @@ class Stream {
         void operator()(SSL* ssl) const { SSL_free(ssl); }
     };
     StreamEnd judge(int result);
+    StreamEnd ended_without_alert();
 
     UniqueFd fd_;
     SSL_CTX* tls_;
     std::unique_ptr<SSL, Free> ssl_; ///< declared after fd_: goes first
+    bool hands_shaken_ = false;
     std::string error_;
 };
 
