@@ -76,7 +76,8 @@ TEST(KvrUsage, WrongCommandLinesAreRefusedWithCodeTwo) {
     const std::string file = home.file("a", "x");
     const std::vector<BadInput> cases = {
         {{}, 2, "see 'kvr --help'"},
-        {{"frobnicate"}, 2, "frobnicate.*see 'kvr --help'"},
+        {{"frobnicate"}, 2, "no command 'frobnicate'.*see 'kvr --help'"},
+        {{"--foo"}, 2, "no option '--foo'.*see 'kvr --help'"},
         {{"put", "Q", "x", "--wrong"}, 2, "--wrong.*see 'kvr put --help'"},
         {{"create", "../EVIL"}, 2, "letters, digits"},
         {{"create", "BAD\nNAME"}, 2, "BAD\\\\nNAME"},
@@ -91,6 +92,9 @@ TEST(KvrUsage, WrongCommandLinesAreRefusedWithCodeTwo) {
         {{"set", "qmgr", "KEYPASS=secret"}, 2, "--keypass-file"},
         {{"put", "Q", "x", "--data", "y"}, 2, "more than one place"},
         {{"put", "Q", "x", "--dest", "a b"}, 2, "destination queue"},
+        {{"put", "Q", "x", "--dest", ""}, 2, "destination queue name is empty"},
+        {{"-m", "EAST", "create", "WEST"}, 2, "leave out -m"},
+        {{"get", "Q", "--wait", "long"}, 2, "'long' is not within 0 to 31536000 seconds"},
         {{"put", "Q", "x", "--priority", "high"}, 2, "--priority.*32 bits"},
         {{"put", "Q", "x", "--format", "NINECHARS"}, 2, "--format.*at most 8"},
         {{"put", "Q", "x", "--put-date", "2026-1-1"}, 2, "exactly 8 digits"},
@@ -121,10 +125,13 @@ TEST(KvrUsage, WhatTheSystemCannotDoFailsWithCodeOne) {
     const std::string large = home.file("large", std::string(2098377, 'x'));
     const std::string empty = home.file("empty", "");
     const std::string present = home.file("present", "x");
+    std::filesystem::create_directory(home.path() / "NOQM");
     const std::string long_path = "/" + std::string(512, 'p');
     const std::vector<BadInput> cases = {
         {{"create", "EAST"}, 1, "exists already"},
         {{"show", "-m", "WEST"}, 1, "WEST.*kvr create WEST"},
+        {{"create", "NOQM"}, 1, "NOQM exists already.*by hand"},
+        {{"delete", "qmgr", "NOQM", "--yes"}, 1, "NOQM is no queue manager.*by hand"},
         {{"define", "queue", "Q"}, 1, "--replace"},
         {{"define", "channel", "c", "XMITQ=Q", "CONNAME=h"}, 1, "channel 'C' exists already.*--replace"},
         {{"set", "channel", "NONE", "HBINT=1"}, 1, "kvr define channel NONE"},

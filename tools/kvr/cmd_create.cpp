@@ -23,6 +23,7 @@ struct CreateOptions {
 
 void create(const GlobalOptions& global, const CreateOptions& options) {
     const std::string qmgr = checked_qmgr_name(options.qmgr);
+    refuse_other_qmgr(global, qmgr);
     Settings settings;
     if (!options.quota.empty()) {
         set_quota(settings, options.quota);
@@ -31,9 +32,10 @@ void create(const GlobalOptions& global, const CreateOptions& options) {
     const std::filesystem::path dir = home_folder(global, true) / qmgr;
     std::error_code ignored;
     if (std::filesystem::exists(dir, ignored)) {
-        throw Error(Errc::kExists, fmt::format("{} exists already: choose another name, or remove it with 'kvr delete "
-                                               "qmgr {}'",
-                                               dir.native(), qmgr));
+        const std::string removal =
+            holds_store(dir) ? fmt::format("with 'kvr delete qmgr {}'", qmgr) : "by hand, as it is no queue manager";
+        throw Error(Errc::kExists,
+                    fmt::format("{} exists already: choose another name, or remove it {}", dir.native(), removal));
     }
     Store::create(dir, qmgr, settings);
     const auto store = Store::open(dir);

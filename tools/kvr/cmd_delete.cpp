@@ -73,6 +73,7 @@ void delete_channel(const GlobalOptions& global, const DeleteOptions& options) {
 void delete_qmgr(const GlobalOptions& global, const DeleteOptions& options) {
     GlobalOptions named = global;
     named.qmgr = checked_qmgr_name(options.name);
+    refuse_other_qmgr(global, named.qmgr);
     std::filesystem::path dir;
     {
         const auto store = open_store(named);

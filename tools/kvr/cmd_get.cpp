@@ -83,6 +83,11 @@ class Target {
             form = DataForm::kNone;
         }
         if (!json_) {
+            if (form == DataForm::kText && is_long_binary(view)) {
+                throw Error(Errc::kTooLarge, fmt::format("the next message has {} bytes that are no text: take it with "
+                                                         "--raw, --hex, --json or --out FILE, it stays on its queue",
+                                                         view.data.size()));
+            }
             print(message_text(view, form) + (file.empty() ? "" : "  data in:          " + printable(file) + "\n"));
             return;
         }
@@ -144,7 +149,7 @@ void add_get_command(CLI::App& app, GlobalOptions& global) {
             ->type_name("N");
     command->add_flag("--all", options->all, "Until the queue is empty")->excludes(count);
     command->add_option("--wait", options->wait, "Longest wait for each message [0]")
-        ->check(CLI::Range(0.0, kMaxWait).description(""))
+        ->check(seconds_between(0, kMaxWait))
         ->type_name("SECONDS");
     command
         ->add_option("--out", options->out, "Write the data to this file, or to a file for each message in this folder")

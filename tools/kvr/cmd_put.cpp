@@ -41,7 +41,7 @@ struct PutOptions {
     std::optional<std::string> file;
     std::optional<std::string> size;
     std::optional<std::uint64_t> seed;
-    std::string destination;
+    std::optional<std::string> destination;
     std::vector<std::string> attachments;
     std::map<std::string, std::string> fields; ///< by field name
     std::uint32_t count = 1;
@@ -190,16 +190,18 @@ std::string given_data(const PutOptions& options, std::size_t limit, std::size_t
     }
 }
 
-/// A message without a header on a channel's transmission queue ends on the dead-letter queue.
+/// A message without a header on a channel's transmission queue ends on the dead-letter queue, or nowhere.
 void warn_without_destination(Store& store, const PutOptions& options, const std::string& data) {
-    if (!options.destination.empty() || destination_of(data)) {
+    if (options.destination || destination_of(data)) {
         return;
     }
+    const std::string fate = dead_letter_queue(store).empty() ? "drop it, as no dead-letter queue is set"
+                                                              : "put it on the dead-letter queue";
     for (const std::string& channel : store.object_names("CHL")) {
         if (value_of(store.object_get("CHL", channel), "XMITQ") == options.queue) {
             remark(fmt::format("warning: {} is the transmission queue of channel {} and this data has no transmission "
-                               "header: the channel will put it on the dead-letter queue; give --dest QUEUE@QMGR",
-                               options.queue, channel));
+                               "header: the channel will {}; give --dest QUEUE@QMGR",
+                               options.queue, channel, fate));
             return;
         }
     }
@@ -287,7 +289,7 @@ void put(const GlobalOptions& global, PutOptions& options) {
     check_sources(options);
     const T_KAVRO_MD descriptor = descriptor_from(options);
     const std::string header =
-        options.destination.empty() ? std::string() : xmit_header(parse_destination(options.destination));
+        options.destination ? xmit_header(parse_destination(*options.destination)) : std::string();
     std::vector<std::string> attachments;
     for (const std::string& file : options.attachments) {
         attachments.push_back(sendable_file(file, kMaxAttachmentPath));

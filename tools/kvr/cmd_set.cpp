@@ -40,8 +40,8 @@ std::string read_pass_phrase(const std::string& file) {
 
 void check_dead_letter_queue(Store& store, const std::string& name) {
     if (name.empty()) {
-        remark("warning: no dead-letter queue is set: messages that fail will have no home; set one with 'kvr set qmgr "
-               "DEADQ=QUEUE'");
+        remark("warning: no dead-letter queue is set: channels that start from now on drop messages that fail; set one "
+               "with 'kvr set qmgr DEADQ=QUEUE'");
         return;
     }
     require_queue(store, checked_queue_name(name));
@@ -76,7 +76,8 @@ void set_qmgr(const GlobalOptions& global, const SetQmgrOptions& options, const 
         print_json({{"qmgr", store->qmgr()}, {"changed", true}});
         return;
     }
-    print(fmt::format("changed queue manager {}; channels that run take it up at their next start\n", store->qmgr()));
+    print(fmt::format("changed queue manager {}; a channel that runs keeps the old values until its next start\n",
+                      store->qmgr()));
 }
 
 void set_channel(const GlobalOptions& global, const std::string& given_name, const AttributeArguments& arguments) {

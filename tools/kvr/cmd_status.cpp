@@ -94,10 +94,10 @@ std::string end_text(const std::string& ip, const std::string& port) {
 
 std::string dead_letter_text(const Picture& picture) {
     if (picture.dead_queue.empty()) {
-        return "dead-letter queue: none; messages that fail have no home\n";
+        return "dead-letter queue: none; a channel that starts now drops messages that fail\n";
     }
     if (!picture.dead_info) {
-        return fmt::format("dead-letter queue {}: does not exist; messages that fail have no home\n",
+        return fmt::format("dead-letter queue {}: does not exist; a channel that starts now holds messages that fail\n",
                            printable(picture.dead_queue));
     }
     return fmt::format("dead-letter queue {}: {}\n", picture.dead_queue, message_count(picture.dead_info->depth));
@@ -188,7 +188,7 @@ void add_status_command(CLI::App& app, GlobalOptions& global) {
     command->add_option("channel", options->channel, "Channel (default: all)")->type_name("CHANNEL");
     CLI::Option* watch_flag = command->add_flag("--watch", options->watch, "Show it again and again, until Ctrl-C");
     command->add_option("--interval", options->interval, "Seconds between two looks [1]")
-        ->check(CLI::Range(kMinInterval, kMaxInterval).description(""))
+        ->check(seconds_between(kMinInterval, kMaxInterval))
         ->needs(watch_flag)
         ->type_name("SECONDS");
     set_examples(*command, "  kvr status\n  kvr status EAST.WEST --watch --interval 0.5\n  kvr status --json\n");

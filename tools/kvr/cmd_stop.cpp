@@ -61,7 +61,7 @@ void add_stop_command(CLI::App& app, GlobalOptions& global) {
     CLI::App* command = app.add_subcommand("stop", "Stop a channel that runs");
     command->add_option("channel", *channel, "Channel")->required()->type_name("CHANNEL");
     command->add_option("--timeout", *timeout, "Seconds to wait before the process is killed [10]")
-        ->check(CLI::Range(0.0, kMaxTimeout).description(""))
+        ->check(seconds_between(0, kMaxTimeout))
         ->type_name("SECONDS");
     set_examples(*command, "  kvr stop EAST.WEST\n  kvr stop EAST.WEST --timeout 2\n");
     command->callback([channel, timeout, &global] { stop(global, *channel, *timeout); });

@@ -9,7 +9,8 @@
 
 namespace CLI {
 class App;
-}
+class Validator;
+} // namespace CLI
 
 namespace kvr {
 
@@ -33,6 +34,9 @@ struct GlobalOptions {
 
 /// Adds examples, and a pointer to the global options, to the end of a command's help.
 void set_examples(CLI::App& command, const std::string& examples);
+
+/// For options that take seconds: refuses what is no number between these two.
+CLI::Validator seconds_between(double least, double greatest);
 
 void add_create_command(CLI::App& app, GlobalOptions& global);
 void add_define_command(CLI::App& app, GlobalOptions& global);

@@ -26,6 +26,17 @@ void set_examples(CLI::App& command, const std::string& examples) {
                    "\nEvery command takes --home DIR, -m/--qmgr NAME and --json as well; see 'kvr --help'.");
 }
 
+CLI::Validator seconds_between(double least, double greatest) {
+    return CLI::Validator(
+        [least, greatest](const std::string& text) {
+            double seconds = 0;
+            const bool good = CLI::detail::lexical_cast(text, seconds) && seconds >= least && seconds <= greatest;
+            return good ? std::string()
+                        : fmt::format("'{}' is not within {:g} to {:.0f} seconds", text, least, greatest);
+        },
+        "");
+}
+
 namespace {
 
 constexpr std::size_t kHelpColumn = 32;
@@ -63,11 +74,12 @@ std::string recognised_command(const CLI::App& app) {
     return path;
 }
 
-/// The parser misses a command before it looks at a word that is none.
+/// The parser misses a command or an argument before it looks at a word that it does not know.
 std::string complaint(const CLI::App& app, const CLI::ParseError& error) {
     const std::vector<std::string> unknown = app.remaining(true);
     if (error.get_name() == "RequiredError" && !unknown.empty()) {
-        return fmt::format("'{}' is no command here", printable(unknown.front()));
+        const char* const what = unknown.front().starts_with('-') ? "option" : "command";
+        return fmt::format("there is no {} '{}' here", what, printable(unknown.front()));
     }
     return printable(error.what());
 }

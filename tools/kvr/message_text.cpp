@@ -9,6 +9,8 @@
 namespace kvr {
 namespace {
 
+constexpr std::size_t kMaxShownBinary = 4096;
+
 std::string line(std::string_view label, std::string_view value) {
     return value.empty() ? fmt::format("  {}:\n", label)
                          : fmt::format("  {:<18}{}\n", fmt::format("{}:", label), value);
@@ -19,12 +21,22 @@ std::string data_text(std::string_view body, DataForm form) {
         return hex_dump(body);
     }
     if (!is_text(body)) {
-        return printable(body) + "\n";
+        return printable(body.substr(0, kMaxShownBinary)) +
+               (body.size() <= kMaxShownBinary
+                    ? "\n"
+                    : fmt::format("\n... ({} bytes in all: --hex shows them, 'kvr get' with --raw or --out FILE takes "
+                                  "them)\n",
+                                  body.size()));
     }
     return body.ends_with('\n') ? std::string(body) : std::string(body) + "\n";
 }
 
 } // namespace
+
+bool is_long_binary(const MessageView& message) {
+    const std::string_view body = destination_of(message.data) ? message.data.substr(kXmitHeaderSize) : message.data;
+    return body.size() > kMaxShownBinary && !is_text(body);
+}
 
 std::string message_text(const MessageView& message, DataForm form) {
     const auto destination = destination_of(message.data);

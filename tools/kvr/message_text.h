@@ -27,7 +27,11 @@ enum class DataForm {
     kHex,
 };
 
-/// Every descriptor field, the transmission header, the attachments, the data.
+/// Whether the message is more than people can be shown as text: binary, and longer than a few screens.
+bool is_long_binary(const MessageView& message);
+
+/// Every descriptor field, the transmission header, the attachments, the data; long binary data is cut in the form of
+/// text.
 std::string message_text(const MessageView& message, DataForm form);
 Json message_json(const MessageView& message, DataForm form);
 

@@ -21,12 +21,6 @@ namespace fs = std::filesystem;
 
 constexpr mode_t kPrivateFolder = 0700;
 
-/// A folder with a store in it, as far as this user may look.
-bool holds_store(const fs::path& dir) {
-    std::error_code error;
-    return fs::exists(dir / "store", error) || error;
-}
-
 bool good_name(std::string name, std::size_t max_length, bool slash) {
     if (slash) {
         std::replace(name.begin(), name.end(), '/', '_');
@@ -56,6 +50,11 @@ std::string checked_name(const char* what, const std::string& name, std::size_t 
 }
 
 } // namespace
+
+bool holds_store(const std::filesystem::path& dir) {
+    std::error_code error;
+    return fs::exists(dir / "store", error) || error;
+}
 
 std::filesystem::path home_folder(const GlobalOptions& global, bool create) {
     fs::path home = global.home;
@@ -126,6 +125,14 @@ std::string chosen_qmgr(const GlobalOptions& global) {
     return names.front();
 }
 
+void refuse_other_qmgr(const GlobalOptions& global, const std::string& name) {
+    const char* const preset = std::getenv("KVR_QMGR"); // a default, no choice for this command
+    if (!global.qmgr.empty() && global.qmgr != name && (preset == nullptr || global.qmgr != preset)) {
+        throw UsageError(fmt::format("-m names queue manager '{}' and the command '{}': leave out -m",
+                                     printable(global.qmgr), name));
+    }
+}
+
 std::shared_ptr<Store> open_store(const GlobalOptions& global) {
     const std::string qmgr = chosen_qmgr(global);
     const fs::path dir = home_folder(global) / qmgr;
@@ -134,6 +141,12 @@ std::shared_ptr<Store> open_store(const GlobalOptions& global) {
         throw Error(Errc::kNotFound,
                     fmt::format("queue manager '{}' does not exist in {}: make it with 'kvr create {}'", qmgr,
                                 dir.parent_path().native(), qmgr));
+    }
+    if (!holds_store(dir)) {
+        throw Error(Errc::kNotFound,
+                    fmt::format("{} is no queue manager, it has no store: name one with -m, see 'kvr show', or remove "
+                                "the folder by hand if nothing in it is needed",
+                                dir.native()));
     }
     return Store::open(dir);
 }

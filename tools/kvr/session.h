@@ -17,6 +17,10 @@ std::filesystem::path home_folder(const GlobalOptions& global, bool create = fal
 std::vector<std::string> qmgr_names(const GlobalOptions& global);
 /// The queue manager that is meant: the one named, or the only one there is. Throws UsageError, Error(kNotFound).
 std::string chosen_qmgr(const GlobalOptions& global);
+/// For a command that names its queue manager itself. Throws UsageError when -m names another one.
+void refuse_other_qmgr(const GlobalOptions& global, const std::string& name);
+/// A folder with a store in it, as far as this user may look.
+bool holds_store(const std::filesystem::path& dir);
 /// Opens the queue manager that is meant.
 std::shared_ptr<Store> open_store(const GlobalOptions& global);
 
