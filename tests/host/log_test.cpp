@@ -94,6 +94,7 @@ TEST_F(Log, ShowsWhatIsPrintableAndMasksSecrets) {
 TEST_F(Log, CutsLongLinesAndLeaksNoPartOfASecretThere) {
     EXPECT_THAT(shown(std::string(10000, 'a')), EndsWith("aaa [cut]"));
     EXPECT_EQ(std::filesystem::file_size(file_), kMaxLine);
+    EXPECT_THAT(shown(std::string(2000, '\n')), EndsWith("\\x0a [cut]")) << "longer once it is printable";
     // Masked secrets make the text shorter than its buffer, so that the end of the buffer becomes visible: whatever the
     // offset, the last secret is broken there.
     const std::string secret = "0123456789abcdef0123456789ABCDEF0123456789abcdef";

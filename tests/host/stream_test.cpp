@@ -128,6 +128,10 @@ TEST(Stream, ADrippingReaderCannotProlongTheSendTimeOut) {
     }
 }
 
+void end_stopped(kvr::StopPlace place) {
+    _exit(place == kvr::StopPlace::kMidMessage ? kStopped : 1);
+}
+
 /// Runs `work` on a socket that nobody reads, in a child with a stop hook, and sends the stop signal until it ends.
 int stopped_in(const std::function<int(int)>& work) {
     Sockets sockets;
@@ -136,7 +140,7 @@ int stopped_in(const std::function<int(int)>& work) {
         struct sigaction action {};
         action.sa_handler = [](int) { kvr::stop_request(); };
         sigaction(SIGTERM, &action, nullptr);
-        kvr::stop_set_hook([](kvr::StopPlace place) { _exit(place == kvr::StopPlace::kMidMessage ? kStopped : 1); });
+        kvr::stop_set_hook(end_stopped);
         return write(posts.write_end(), "W", 1) == 1 ? work(sockets.ends[1]) : 1;
     });
     EXPECT_TRUE(posts.passed('W'));
@@ -166,10 +170,12 @@ TEST(StreamStop, WritesThatNeverWaitGoOnForAWhileOnly) {
     EXPECT_EQ(stopped_in([](int /*sock*/) {
                   const Sockets open;
                   char bytes[64] = {};
+                  kvr::stop_set_hook([](kvr::StopPlace) { _exit(1); }); // the message in hand was not finished
                   kvr::stop_request();
                   if (streamWriteNByte(bytes, sizeof(bytes), open.ends[1]) != sizeof(bytes)) {
-                      return 1; // the message in hand was not finished
+                      return 1;
                   }
+                  kvr::stop_set_hook(end_stopped);
                   for (;;) {
                       streamReadNByte(bytes, sizeof(bytes), nullptr, open.ends[0]);
                       streamWriteNByte(bytes, sizeof(bytes), open.ends[1]);

