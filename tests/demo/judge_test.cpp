@@ -1,16 +1,10 @@
 // SPDX-License-Identifier: MIT
-// The judge must see every kind of damage: each case does one to a good run and names the fault that must be found.
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <string>
-#include <vector>
-
+// The judge must see every kind of damage: each case does one to a good run and names the faults that must be found.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "judge.h"
 #include "store.h"
+#include "support/folder.h"
 
 namespace kvr::test {
 namespace {
@@ -18,7 +12,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kTag = "T";
-constexpr std::uint64_t kMessages = 6;
 
 /// A message on its way to a queue, to be damaged.
 struct Copy {
@@ -29,205 +22,137 @@ struct Copy {
 
 /// Two queue managers in a folder, with a good run of six messages: two plain ones, an attached one, a file message,
 /// a plain one, and one without a header on the dead-letter queue.
-class Scene {
-  public:
+struct Scene {
     Scene() {
-        std::string name = testing::TempDir() + "judge_XXXXXX";
-        if (::mkdtemp(name.data()) == nullptr) {
-            throw std::runtime_error("no temporary folder");
-        }
-        folder_ = name;
-        fs::create_directories(folder_ / "out");
-        fs::create_directories(folder_ / "spool");
+        fs::create_directories(spool);
         run.tag = kTag;
-        run.files = folder_ / "out";
-        run.spools = {folder_ / "spool"};
-        run.delivered = {{folder_ / "WEST", "ORDERS"}};
-        run.dead = {{folder_ / "EAST", "DEAD"}};
-        run.waiting = {{folder_ / "EAST", "XMIT"}};
-        for (const auto& [number, kind] : {std::pair(1, 'D'), {2, 'D'}, {3, 'A'}, {4, 'F'}, {5, 'D'}, {6, 'H'}}) {
-            const NumberedMessage message{static_cast<std::uint64_t>(number), *kind_of(static_cast<char>(kind)),
-                                          static_cast<std::size_t>(number) * 100};
+        run.spools = {spool};
+        for (const auto& [number, kind] : {std::pair(1U, 'D'), {2U, 'D'}, {3U, 'A'}, {4U, 'F'}, {5U, 'D'}, {6U, 'H'}}) {
+            const NumberedMessage message{number, *kind_of(kind), number * 100};
             run.sent.push_back(message);
             Copy copy{descriptor_of(kTag, message), body_of(kTag, message), {}};
             for (const NumberedFile& file : files_of(kTag, message)) {
-                copy.attachments.push_back(write_file(folder_ / "spool", file));
+                copy.attachments.push_back(write_file(spool, file));
             }
             if (message.kind == MessageKind::kFile) {
-                copy.data = copy.attachments.front();
-                copy.attachments.clear();
+                copy.data = std::exchange(copy.attachments, {}).front();
             }
             (message.kind == MessageKind::kHeaderless ? dead : delivered).push_back(std::move(copy));
         }
     }
-    Scene(const Scene&) = delete;
-    Scene& operator=(const Scene&) = delete;
-    ~Scene() {
-        std::error_code ignored;
-        fs::remove_all(folder_, ignored);
-    }
 
     Verdict judged() {
-        Settings settings;
-        settings.sync = false;
-        for (const char* qmgr : {"EAST", "WEST"}) {
-            Store::create(folder_ / qmgr, qmgr, settings);
-        }
-        const auto east = Store::open(folder_ / "EAST");
-        const auto west = Store::open(folder_ / "WEST");
-        west->queue_define("ORDERS", "");
-        east->queue_define("XMIT", "");
-        east->queue_define("DEAD", "");
-        put(*west, "ORDERS", delivered);
-        put(*east, "DEAD", dead);
-        put(*east, "XMIT", waiting);
+        put({folder.path() / "WEST", "ORDERS"}, delivered, run.delivered);
+        put({folder.path() / "EAST", "DEAD"}, dead, run.dead);
+        put({folder.path() / "NORTH", "XMIT"}, waiting, run.waiting);
         return judge(run);
     }
+    static void put(const Place& place, const std::vector<Copy>& copies, std::vector<Place>& places) {
+        Store::create(place.store, place.store.filename(), {.sync = false});
+        const auto store = Store::open(place.store);
+        store->queue_define(place.queue, "");
+        for (const Copy& copy : copies) {
+            store->put(place.queue, OutgoingMessage{&copy.descriptor, copy.attachments, copy.data});
+        }
+        places = {place};
+    }
 
-    [[nodiscard]] fs::path spool() const { return folder_ / "spool"; }
-
+    TemporaryFolder folder;
+    fs::path spool = folder.path() / "spool";
     Run run;
     std::vector<Copy> delivered;
     std::vector<Copy> dead;
     std::vector<Copy> waiting;
+};
 
-  private:
-    static void put(Store& store, const std::string& queue, const std::vector<Copy>& copies) {
-        for (const Copy& copy : copies) {
-            store.put(queue, OutgoingMessage{&copy.descriptor, copy.attachments, copy.data});
+void twice(Scene& scene) {
+    scene.delivered.push_back(scene.delivered.back());
+}
+void lose_two(Scene& scene) {
+    scene.delivered.erase(scene.delivered.begin(), scene.delivered.begin() + 2);
+}
+void lose_both_ends(Scene& scene) {
+    scene.delivered.erase(scene.delivered.begin());
+    scene.delivered.pop_back();
+}
+void also_waiting(Scene& scene) {
+    scene.waiting = {scene.delivered.back()};
+    scene.waiting[0].data.insert(0, sizeof(T_KAVRO_HDR_XMITQ), 'x');
+}
+void waiting_only(Scene& scene) {
+    also_waiting(scene);
+    scene.delivered.pop_back();
+}
+void altered_file(Scene& scene) {
+    const std::string& path = scene.delivered[2].attachments[1];
+    std::string bytes = contents(path);
+    bytes.back() ^= 1;
+    std::ofstream(path) << bytes;
+}
+
+TEST(Judge, FindsEveryFaultAndNoOther) {
+    constexpr std::uint64_t kTwoSmallOnes = 2 * (75 + 272) + 100 + 200;
+    struct Allowed {
+        std::uint64_t cuts = 0;
+        std::uint64_t window = 0; ///< bytes that a cut may cost
+        std::uint64_t repeats = 0;
+    };
+    const struct {
+        const char* name;
+        Allowed allowed;
+        std::function<void(Scene&)> damage;
+        std::vector<const char*> faults; ///< parts of their texts
+    } cases[] = {
+        {"nothing", {}, [](Scene&) {}, {}},
+        {"altered", {}, [](Scene& s) { s.delivered[1].data[77] ^= 1; }, {"message 2 of 200 bytes"}},
+        {"cut short", {}, [](Scene& s) { s.delivered[4].data.pop_back(); }, {"499 bytes arrived"}},
+        {"descriptor", {}, [](Scene& s) { s.delivered[0].descriptor.iPriority ^= 1; }, {"descriptor has changed"}},
+        {"its last field", {}, [](Scene& s) { s.delivered[0].descriptor.sPutTime[5] = '9'; }, {"descriptor has"}},
+        {"foreign", {1, 900}, [](Scene& s) { s.delivered[0].descriptor.sMsgId[0] = 'U'; }, {"never put"}},
+        {"disordered", {}, [](Scene& s) { std::swap(s.delivered[0], s.delivered[1]); }, {"message 1 was delivered"}},
+        {"twice", {}, twice, {"1 second copies, 0 allowed"}},
+        {"twice, allowed", {.repeats = 1}, twice, {}},
+        {"missing", {.cuts = 1}, [](Scene& s) { s.delivered.pop_back(); }, {"message 5 is nowhere"}},
+        {"lost in a cut", {1, kTwoSmallOnes}, lose_two, {}},
+        {"lost beyond the window", {1, kTwoSmallOnes - 1}, lose_two, {"message 2 is nowhere"}},
+        {"lost at two places", {1, 900}, lose_both_ends, {"missing at 2 places"}},
+        {"altered file", {}, altered_file, {"is not the one that was sent"}},
+        {"longer file",
+         {},
+         [](Scene& s) { std::ofstream(s.delivered[3].data, std::ios::app) << 'x'; },
+         {"4: the file"}},
+        {"vanished file", {}, [](Scene& s) { fs::remove(s.delivered[3].data); }, {"message 4: the file"}},
+        {"dropped file",
+         {},
+         [](Scene& s) { s.delivered[2].attachments.pop_back(); },
+         {"1 files instead of 2", "no message"}},
+        {"strange file", {}, [](Scene& s) { std::ofstream(s.spool / "half") << 'x'; }, {"belongs to no message"}},
+        {"no header",
+         {},
+         [](Scene& s) { s.delivered.push_back(std::exchange(s.dead, {})[0]); },
+         {"has no destination"}},
+        {"dead letter altered", {}, [](Scene& s) { s.dead[0].data.back() ^= 1; }, {"message 6 has changed"}},
+        {"waits with its header", {}, waiting_only, {}},
+        {"delivered and waiting", {}, also_waiting, {"1 second copies"}},
+    };
+    for (const auto& [name, allowed, damage, faults] : cases) {
+        SCOPED_TRACE(name);
+        Scene scene;
+        scene.run.cuts = allowed.cuts;
+        scene.run.window = allowed.window;
+        scene.run.repeats = allowed.repeats;
+        damage(scene);
+        const Verdict verdict = scene.judged();
+        std::vector<testing::Matcher<std::string>> expected;
+        for (const char* fault : faults) {
+            expected.emplace_back(testing::HasSubstr(fault));
+        }
+        EXPECT_THAT(verdict.faults, testing::ElementsAreArray(expected));
+        if (faults.empty()) {
+            EXPECT_EQ(verdict.delivered + verdict.waiting + verdict.dead + verdict.lost, 6 + verdict.repeated);
         }
     }
-
-    fs::path folder_;
-};
-
-struct Damage {
-    const char* name;
-    std::function<void(Scene&)> act;
-    const char* fault; ///< part of its text; empty: no fault
-};
-
-void PrintTo(const Damage& damage, std::ostream* out) {
-    *out << damage.name;
 }
-
-class JudgeFinds : public testing::TestWithParam<Damage> {};
-
-TEST_P(JudgeFinds, TheFault) {
-    Scene scene;
-    GetParam().act(scene);
-    const Verdict verdict = scene.judged();
-    if (*GetParam().fault == '\0') {
-        EXPECT_THAT(verdict.faults, testing::IsEmpty());
-        EXPECT_EQ(verdict.delivered + verdict.waiting + verdict.dead + verdict.lost, kMessages + verdict.repeated);
-    } else {
-        EXPECT_THAT(verdict.faults, testing::ElementsAre(testing::HasSubstr(GetParam().fault)));
-    }
-}
-
-void lose(Scene& scene, std::size_t index) {
-    scene.delivered.erase(scene.delivered.begin() + static_cast<std::ptrdiff_t>(index));
-}
-
-/// One connection was cut, and may have cost this many bytes.
-void allow_cut(Scene& scene, std::uint64_t window) {
-    scene.run.cuts = 1;
-    scene.run.window = window;
-}
-
-const std::uint64_t kTwoSmallOnes = 2 * (75 + 272) + 100 + 200;
-
-INSTANTIATE_TEST_SUITE_P(
-    , JudgeFinds,
-    testing::Values(
-        Damage{"Nothing", [](Scene&) {}, ""},
-        Damage{"Altered", [](Scene& s) { s.delivered[1].data[77] ^= 1; }, "message 2 of 200 bytes"},
-        Damage{"CutShort", [](Scene& s) { s.delivered[4].data.pop_back(); }, "499 bytes arrived"},
-        Damage{"OtherDescriptor", [](Scene& s) { s.delivered[0].descriptor.iPriority ^= 1; }, "descriptor has changed"},
-        Damage{"LastFieldOfTheDescriptor", [](Scene& s) { s.delivered[0].descriptor.sPutTime[5] = '9'; },
-               "descriptor has changed"},
-        Damage{"Foreign",
-               [](Scene& s) {
-                   s.delivered[0].descriptor.sMsgId[0] = 'U';
-                   s.run.sent.erase(s.run.sent.begin());
-               },
-               "never put"},
-        Damage{"Disordered", [](Scene& s) { std::swap(s.delivered[0], s.delivered[1]); },
-               "message 1 was delivered after"},
-        Damage{"Twice", [](Scene& s) { s.delivered.push_back(s.delivered.back()); }, "1 second copies, 0 allowed"},
-        Damage{"TwiceAllowed",
-               [](Scene& s) {
-                   s.delivered.push_back(s.delivered.back());
-                   s.run.repeats = 1;
-               },
-               ""},
-        Damage{"Missing",
-               [](Scene& s) {
-                   lose(s, 4);
-                   allow_cut(s, 0);
-               },
-               "message 5 is nowhere"},
-        Damage{"LostInACut",
-               [](Scene& s) {
-                   lose(s, 0);
-                   lose(s, 0);
-                   allow_cut(s, kTwoSmallOnes);
-               },
-               ""},
-        Damage{"LostBeyondTheWindow",
-               [](Scene& s) {
-                   lose(s, 0);
-                   lose(s, 0);
-                   allow_cut(s, kTwoSmallOnes - 1);
-               },
-               "message 2 is nowhere"},
-        Damage{"LostAtTwoPlaces",
-               [](Scene& s) {
-                   lose(s, 4);
-                   lose(s, 0);
-                   allow_cut(s, kTwoSmallOnes);
-               },
-               "missing at 2 places"},
-        Damage{"AlteredFile",
-               [](Scene& s) {
-                   std::fstream file(s.delivered[2].attachments[1], std::ios::in | std::ios::out | std::ios::binary);
-                   file.seekp(-1, std::ios::end).put('\0').flush();
-               },
-               "is not the one that was sent"},
-        Damage{"LongerFile", [](Scene& s) { std::ofstream(s.delivered[3].data, std::ios::app) << 'x'; },
-               "message 4: the file"},
-        Damage{"VanishedFile", [](Scene& s) { fs::remove(s.delivered[3].data); }, "message 4: the file"},
-        Damage{"AttachmentDropped",
-               [](Scene& s) {
-                   fs::remove(s.delivered[2].attachments.back());
-                   s.delivered[2].attachments.pop_back();
-               },
-               "1 files instead of 2"},
-        Damage{"StrangeFile", [](Scene& s) { std::ofstream(s.spool() / "half") << 'x'; }, "belongs to no message"},
-        Damage{"HeaderlessDelivered",
-               [](Scene& s) {
-                   std::swap(s.delivered, s.dead);
-                   s.delivered.resize(1);
-                   s.dead.clear();
-                   s.run.sent.erase(s.run.sent.begin(), s.run.sent.end() - 1);
-                   s.run.spools.clear();
-               },
-               "has no destination"},
-        Damage{"DeadLetterAltered", [](Scene& s) { s.dead[0].data.back() ^= 1; }, "message 6 has changed"},
-        Damage{"WaitsWithItsHeader",
-               [](Scene& s) {
-                   s.waiting.push_back(s.delivered[4]);
-                   s.waiting[0].data.insert(0, sizeof(T_KAVRO_HDR_XMITQ), 'x');
-                   lose(s, 4);
-               },
-               ""},
-        Damage{"DeliveredAndWaiting",
-               [](Scene& s) {
-                   s.waiting.push_back(s.delivered[4]);
-                   s.waiting[0].data.insert(0, sizeof(T_KAVRO_HDR_XMITQ), 'x');
-               },
-               "1 second copies"}),
-    [](const auto& param) { return std::string(param.param.name); });
 
 } // namespace
 } // namespace kvr::test

@@ -2,14 +2,6 @@
 // The spool: names that a sender chose, files that replace nothing, leftovers.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <set>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include "error.h"
 #include "spool.h"
 #include "support/folder.h"
@@ -17,20 +9,30 @@
 namespace kvr::test {
 namespace {
 
-std::string stored(Spool& spool, const std::string& name, std::string_view content) {
-    IncomingFile file(spool, name);
-    std::span<const char> bytes(content);
-    EXPECT_EQ(file.write(bytes), IncomingFile::Write::kDone);
-    EXPECT_TRUE(file.finish());
-    return file.publish();
-}
+namespace fs = std::filesystem;
 
-TEST(Spool, NamesBecomeOneHarmlessComponent) {
+class SpoolTest : public testing::Test {
+  protected:
+    /// The name under which a file is stored.
+    std::string stored(const std::string& wire_name, std::string_view content) {
+        IncomingFile file(*spool_, wire_name);
+        std::span<const char> bytes(content);
+        EXPECT_EQ(file.write(bytes), IncomingFile::Write::kDone);
+        EXPECT_TRUE(file.finish());
+        const fs::path path = file.publish();
+        EXPECT_EQ(path.parent_path(), dir_);
+        EXPECT_EQ(contents(path), content);
+        return path.filename();
+    }
+
+    TemporaryFolder folder_;
+    fs::path dir_ = folder_.path() / "spool";
+    std::optional<Spool> spool_{dir_};
+};
+
+TEST_F(SpoolTest, NamesBecomeOneHarmlessComponent) {
     using namespace std::string_literals;
-    const struct {
-        std::string wire;
-        std::string name;
-    } cases[] = {
+    const std::pair<std::string, std::string> cases[] = {
         {"..", "%2E."},
         {".", "%2E"},
         {"...", "..."},
@@ -40,86 +42,67 @@ TEST(Spool, NamesBecomeOneHarmlessComponent) {
         {"\xff\xfe\xe4", "\xff\xfe\xe4"},
         {"", "%"},
         {std::string(511, 'n'), std::string(255, 'n')},
+        {std::string(511, 'n'), std::string(244, 'n') + ".1"},
         {std::string(300, 'n') + ".tar", std::string(251, 'n') + ".tar"},
         {"x." + std::string(300, 'e'), "x." + std::string(253, 'e')},
     };
-    const TemporaryFolder folder;
-    Spool spool(folder.path() / "spool");
     std::set<std::string> names = {Spool::kIncoming};
     for (const auto& [wire, name] : cases) {
-        SCOPED_TRACE(name);
-        EXPECT_EQ(spool_name(wire, kMaxSpoolName), name);
-        EXPECT_EQ(stored(spool, wire, "content of " + name), spool.dir() + "/" + name);
-        EXPECT_EQ(contents(folder.path() / "spool" / name), "content of " + name);
+        EXPECT_EQ(stored(wire, "content of " + name), name);
         names.insert(name);
     }
-    EXPECT_EQ(names_in(folder.path() / "spool"), names);
-    EXPECT_EQ(names_in(folder.path()), std::set<std::string>{"spool"});
+    EXPECT_EQ(names_in(dir_), names);
+    EXPECT_EQ(names_in(folder_.path()), std::set<std::string>{"spool"});
 }
 
-TEST(Spool, NothingIsOverwrittenOrFollowed) {
-    const TemporaryFolder folder;
-    Spool spool(folder.path() / "spool");
-    std::ofstream(folder.path() / "precious") << "untouched";
-    std::filesystem::create_symlink(folder.path() / "precious", spool.dir() + "/link");
-    std::filesystem::create_symlink(folder.path() / "nowhere", spool.dir() + "/dangling");
-    std::filesystem::create_directory(spool.dir() + "/folder");
-    for (const char* const name : {"link", "dangling", "folder", Spool::kIncoming}) {
-        EXPECT_EQ(stored(spool, name, "new"), spool.dir() + "/" + name + ".1");
+TEST_F(SpoolTest, NothingIsOverwrittenOrFollowed) {
+    std::ofstream(folder_.path() / "precious") << "untouched";
+    fs::create_symlink(folder_.path() / "precious", dir_ / "link");
+    fs::create_symlink(folder_.path() / "nowhere", dir_ / "dangling");
+    fs::create_directory(dir_ / "folder");
+    for (const std::string name : {"link", "dangling", "folder", Spool::kIncoming}) {
+        EXPECT_EQ(stored(name, "new"), name + ".1");
     }
-    EXPECT_EQ(stored(spool, "twice", "one"), spool.dir() + "/twice");
-    EXPECT_EQ(stored(spool, "twice", "two"), spool.dir() + "/twice.1");
-    EXPECT_EQ(stored(spool, "twice", "three"), spool.dir() + "/twice.2");
-    EXPECT_EQ(contents(spool.dir() + "/twice"), "one");
-    EXPECT_EQ(contents(spool.dir() + "/twice.2"), "three");
-    EXPECT_EQ(contents(folder.path() / "precious"), "untouched");
-    EXPECT_FALSE(std::filesystem::exists(folder.path() / "nowhere"));
-    const std::string longest(300, 'l');
-    EXPECT_EQ(stored(spool, longest, "1").size(), spool.dir().size() + 1 + 255);
-    EXPECT_TRUE(stored(spool, longest, "2").ends_with("l.1"));
-    struct stat status {};
-    ASSERT_EQ(::stat((spool.dir() + "/twice").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777U, 0600U);
+    EXPECT_EQ(stored("twice", "one"), "twice");
+    EXPECT_EQ(stored("twice", "two"), "twice.1");
+    EXPECT_EQ(stored("twice", "three"), "twice.2");
+    EXPECT_EQ(contents(dir_ / "twice"), "one");
+    EXPECT_EQ(contents(folder_.path() / "precious"), "untouched");
+    EXPECT_FALSE(fs::exists(folder_.path() / "nowhere"));
+    EXPECT_EQ(fs::status(dir_ / "twice").permissions(), fs::perms(0600));
 }
 
-TEST(Spool, UnfinishedFilesLeaveNothing) {
-    const TemporaryFolder folder;
+TEST_F(SpoolTest, UnfinishedFilesLeaveNothing) {
+    const auto incoming = [this] { return names_in(dir_ / Spool::kIncoming).size(); };
     {
-        Spool spool(folder.path() / "spool");
-        IncomingFile dropped(spool, "a");
-        std::string_view content = "half";
-        std::span<const char> bytes(content);
+        IncomingFile dropped(*spool_, "a");
+        std::span<const char> bytes(std::string_view("half"));
         ASSERT_EQ(dropped.write(bytes), IncomingFile::Write::kDone);
-        EXPECT_EQ(names_in(folder.path() / "spool/.incoming").size(), 1U);
+        EXPECT_EQ(incoming(), 1U);
     }
-    EXPECT_TRUE(names_in(folder.path() / "spool/.incoming").empty());
-    std::ofstream(folder.path() / "spool/.incoming/7") << "left by a process that was killed";
-    const Spool again(folder.path() / "spool");
-    EXPECT_TRUE(names_in(folder.path() / "spool/.incoming").empty());
+    EXPECT_EQ(incoming(), 0U);
+    std::ofstream(dir_ / Spool::kIncoming / "7") << "left by a process that was killed";
+    spool_.reset();
+    spool_.emplace(dir_);
+    EXPECT_EQ(incoming(), 0U);
 }
 
-TEST(Spool, RefusesAFolderThatIsNotItsOwn) {
-    const TemporaryFolder folder;
-    const auto refusal = [](const std::filesystem::path& path) {
+TEST_F(SpoolTest, RefusesAFolderThatIsNotItsOwn) {
+    const fs::path open = folder_.path() / "open";
+    fs::create_directory(open);
+    fs::permissions(open, fs::perms::all);
+    const fs::path deep = folder_.path() / std::string(230, 'd') / std::string(230, 'd');
+    fs::create_directories(deep);
+    const std::pair<fs::path, Errc> cases[] = {
+        {dir_, Errc::kBusy}, {open, Errc::kPermission}, {dir_ / "missing/spool", Errc::kIo}, {deep, Errc::kTooLong}};
+    for (const auto& [path, code] : cases) {
         try {
             const Spool spool(path);
+            ADD_FAILURE() << path;
         } catch (const Error& error) {
-            return error.code();
+            EXPECT_EQ(error.code(), code) << path;
         }
-        return Errc{};
-    };
-    const Spool in_use(folder.path() / "in_use");
-    EXPECT_EQ(refusal(folder.path() / "in_use"), Errc::kBusy);
-    std::filesystem::create_directory(folder.path() / "open");
-    ASSERT_EQ(::chmod((folder.path() / "open").c_str(), 0777), 0);
-    EXPECT_EQ(refusal(folder.path() / "open"), Errc::kPermission);
-    EXPECT_EQ(refusal(folder.path() / "missing/spool"), Errc::kIo);
-    std::filesystem::path deep = folder.path();
-    while (deep.native().size() < 460) {
-        deep /= std::string(40, 'd');
     }
-    std::filesystem::create_directories(deep);
-    EXPECT_EQ(refusal(deep / "spool"), Errc::kTooLong);
 }
 
 } // namespace
