@@ -14,7 +14,7 @@
 
 #include "field.h"
 #include "log_tail.h"
-#include "numbered_message.h"
+#include "wait_marks.h"
 
 namespace kvr::test {
 namespace {
@@ -86,16 +86,6 @@ class Cuts : public ::testing::TestWithParam<Case> {
         return ends;
     }
 
-    void SetUp() override {
-#ifdef __SANITIZE_ADDRESS__
-        GTEST_SKIP() << "the sanitizer's runtime admits no preloaded library";
-#endif
-    }
-
-    Child run_channel() {
-        return field_.run_channel({{"LD_PRELOAD", KVR_NO_PAUSES}});
-    }
-
     /// Waits until the listener has taken so many connections.
     void await_connections(std::size_t count) {
         await("connection " + std::to_string(count), [&] {
@@ -157,7 +147,7 @@ TEST_P(Cuts, AfterEachByteCostNoMoreThanWhatWasOnTheWay) {
     const std::uint64_t first = GetParam().reset ? 1 + step / 2 : 1;
     const Child listener =
         field_.listen({GetParam().option(), std::to_string(first), "--awkward-step", std::to_string(step)});
-    Child worker = run_channel();
+    Child worker = field_.run_channel(short_pauses());
 
     std::vector<std::uint64_t> safe; // messages that came in whole before their line was cut
     std::uint64_t cuts = 0;
@@ -191,7 +181,7 @@ void Cuts::cut_under_load(std::uint64_t read_rate) {
     constexpr std::size_t kGreatestCount = 100;
     const Child listener = field_.listen({GetParam().option(), std::to_string(kFirst), "--awkward-step", "5003",
                                           "--read-rate", std::to_string(read_rate)});
-    Child worker = run_channel();
+    Child worker = field_.run_channel(short_pauses());
     await_connections(1);
     const std::size_t cuts = std::min(rounds(2), kGreatestCount);
     for (std::size_t i = 0; i < cuts && !HasFailure(); ++i) {

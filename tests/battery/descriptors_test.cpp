@@ -3,7 +3,7 @@
 // outside a set, and where it cannot work a refusal that says so.
 #include <sys/resource.h>
 
-#include "under_shell.h"
+#include "field.h"
 
 namespace kvr::test {
 namespace {
@@ -41,55 +41,24 @@ class Descriptors : public ::testing::TestWithParam<Carrier> {
     Field field_;
 };
 
-INSTANTIATE_TEST_SUITE_P(Carriers, Descriptors, ::testing::Values(Carrier::kPlain, Carrier::kTls13),
-                         [](const auto& tested) { return std::string(carrier_name(tested.param)); });
+INSTANTIATE_TEST_SUITE_P(Carriers, Descriptors, kPlainAndTls, name_of_carrier);
 
-TEST_P(Descriptors, AWorkerStartedWithoutStandardOnesNeverUsesThemForItsLine) {
-    Child listener = field_.listen();
+TEST_P(Descriptors, WhoIsStartedWithoutStandardOnesNeverUsesThemForALine) {
     for (int closed = 1; closed < 8; ++closed) {
         SCOPED_TRACE(closing(closed));
-        Child worker = run_channel_after(field_, closing(closed));
-        field_.put_one_of_each();
-        field_.await_arrived(field_.ledger().size());
-        field_.await_status("RUNING");
-        EXPECT_EQ(bad_standard_descriptors(worker.pid()), "");
-        const auto watchers = children_of(worker.pid());
-        ASSERT_EQ(watchers.size(), 1U);
-        EXPECT_EQ(bad_standard_descriptors(watchers.front()), "");
-        EXPECT_EQ(worker.result_under(SIGTERM), 0);
-    }
-    field_.await_arrived(field_.ledger().size());
-    field_.expect_all_delivered();
-}
-
-TEST_P(Descriptors, AListenerStartedWithoutStandardOnesTakesMessages) {
-    {
-        Child first = field_.listen(); // picks the port
-    }
-    std::vector<std::string> arguments{"--qmgr",
-                                       kReceiver,
-                                       "listen",
-                                       "--bind",
-                                       "127.0.0.1",
-                                       "--port",
-                                       std::to_string(field_.port()),
-                                       "--spool",
-                                       (field_.home() / "spool").native()};
-    if (GetParam() != Carrier::kPlain) {
-        const TlsMaterial& tls = tls_material();
-        arguments.insert(arguments.end(),
-                         {"--tls", "--cert", tls.server.cert_file, "--key", tls.server.key_file, "--ca", tls.ca_file});
-    }
-    for (const int closed : {1, 2, 4, 7}) {
-        SCOPED_TRACE(closing(closed));
-        Child listener = start_after(field_, closing(closed), arguments);
+        field_.set_prelude(closing(closed));
+        Child listener = field_.listen();
         Child worker = field_.run_channel();
         field_.put_one_of_each();
         field_.await_arrived(field_.ledger().size());
-        EXPECT_EQ(bad_standard_descriptors(listener.pid()), "");
+        field_.await_status("RUNING");
+        const auto watchers = children_of(worker.pid());
+        ASSERT_EQ(watchers.size(), 1U);
+        for (const pid_t pid : {listener.pid(), worker.pid(), watchers.front()}) {
+            EXPECT_EQ(bad_standard_descriptors(pid), "");
+        }
         EXPECT_EQ(worker.result_under(SIGTERM), 0);
-        kill(listener.pid(), SIGTERM); // once: a second one may meet its end
-        EXPECT_EQ(listener.result(), 0);
+        EXPECT_EQ(end_listener(listener), 0);
     }
     field_.expect_all_delivered();
 }
@@ -108,8 +77,9 @@ TEST_P(Descriptors, AWorkerWithManyOpenWorksOrRefuses) {
         SCOPED_TRACE(open);
         const std::string refusal = "pipe error[24:Too many open files]";
         const std::size_t refusals = field_.logged(refusal); // before the worker, which may refuse at once
-        Child worker = run_channel_after(field_, "ulimit -n 4096; for ((i = 10; i < " + std::to_string(10 + open) +
-                                                     "; ++i)); do eval \"exec $i</dev/null\"; done; exec");
+        field_.set_prelude("ulimit -n 4096; for ((i = 10; i < " + std::to_string(10 + open) +
+                           "; ++i)); do eval \"exec $i</dev/null\"; done; exec");
+        Child worker = field_.run_channel();
         field_.put_one_of_each();
         await("the end of the worker or of the queue",
               [&] { return field_.logged(refusal) > refusals || field_.depth() == 0; });
@@ -127,10 +97,9 @@ TEST_P(Descriptors, AWorkerWithManyOpenWorksOrRefuses) {
     EXPECT_GE(refused, 1);
     RecordProperty("starts that worked", std::to_string(worked));
     RecordProperty("starts refused", std::to_string(refused));
+    field_.set_prelude("");
     Child worker = field_.run_channel();
-    field_.await_drained();
-    field_.await_arrived(field_.ledger().size());
-    field_.expect_all_delivered();
+    field_.finish(worker);
 }
 
 } // namespace

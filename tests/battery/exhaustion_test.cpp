@@ -8,18 +8,13 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 
-#include "under_shell.h"
+#include "field.h"
 
 namespace kvr::test {
 namespace {
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
-
-std::string contents(const fs::path& path) {
-    std::ifstream stream(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
 
 /// A file system of 8 MiB at a folder, for as long as this lives.
 class SmallDisk {
@@ -109,17 +104,10 @@ TEST(Exhaustion, FullDiskOfTheSender) {
     Child listener = other.listen();
     sender.set_channel({{"CONNAME", "127.0.0.1(" + std::to_string(other.port()) + ")"}});
     const auto judge = [&](std::uint64_t waiting) {
-        kvr::Run run;
-        run.tag = kTag;
-        run.sent = sender.ledger();
-        run.files = sender.home() / "files";
-        run.delivered = {{other.home() / kReceiver, kTarget}};
-        run.waiting = {{sender.home() / kSender, kXmitQueue}};
-        run.dead = {{sender.home() / kSender, kDeadQueue}};
-        Verdict verdict = kvr::judge(run);
-        for (const std::string& fault : verdict.faults) {
-            ADD_FAILURE() << fault;
-        }
+        kvr::Run run = sender.run();
+        run.delivered = other.run().delivered;
+        run.spools = {};
+        Verdict verdict = verdict_on(run);
         EXPECT_EQ(verdict.waiting, waiting);
         return verdict;
     };
@@ -185,8 +173,8 @@ TEST(Exhaustion, FullDiskOfTheReceiver) {
         return out().find("cannot deliver") != std::string::npos;
     });
     // Taking messages off makes room for the next ones, with a disk that stays full.
-    Child get =
-        start_after(receiver, "exec >/dev/null; exec", {"--qmgr", kReceiver, "get", kTarget, "--count", "20", "--raw"});
+    receiver.set_prelude("exec >/dev/null; exec");
+    Child get = receiver.start({"--qmgr", kReceiver, "get", kTarget, "--count", "20", "--raw"});
     EXPECT_EQ(get.result(), 0) << out();
     small.disk().give_back();
     since = Clock::now();
@@ -240,12 +228,11 @@ TEST(Exhaustion, FewDescriptorsFromTheStart) {
     for (int limit = 4; limit <= 28; limit += 2) {
         SCOPED_TRACE(limit);
         field.put_one_of_each();
-        Child worker = run_channel_after(field, "ulimit -n " + std::to_string(limit) + "; exec");
+        field.set_prelude("ulimit -n " + std::to_string(limit) + "; exec");
+        Child worker = field.run_channel();
         bool ended = false;
         await("the end of the worker or of the queue", [&] {
-            siginfo_t info{};
-            ended = ::waitid(P_PID, static_cast<id_t>(worker.pid()), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-                    info.si_pid != 0;
+            ended = has_ended(worker);
             return ended || (field.depth() == 0 && field.status() == "RUNING");
         });
         const int result = ended ? worker.result() : worker.result_under(SIGTERM);
@@ -262,6 +249,7 @@ TEST(Exhaustion, FewDescriptorsFromTheStart) {
     EXPECT_GE(refused, 1);
     RecordProperty("starts that worked", std::to_string(worked));
     RecordProperty("starts refused", std::to_string(refused));
+    field.set_prelude("");
     Child worker = field.run_channel();
     await("all messages",
           [&] { return field.arrived() + field.depth(kDeadQueue) >= field.ledger().size() && field.depth() == 0; });
@@ -290,8 +278,7 @@ TEST(Exhaustion, FewDescriptorsWhileItRuns) {
     const auto since = Clock::now();
     field.await_arrived(5);
     record_seconds("seconds to the first delivery", since);
-    EXPECT_EQ(worker.result_under(SIGTERM), 0);
-    field.expect_all_delivered();
+    field.finish(worker);
 }
 
 // Of a user's own: root has no such limit. No watcher can be forked, so that a new line cannot be guarded: the channel
@@ -300,9 +287,6 @@ TEST(Exhaustion, NoMoreProcesses) {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "starts the worker as another user";
     }
-#ifdef __SANITIZE_ADDRESS__
-    GTEST_SKIP() << "the sanitizer's runtime wants threads";
-#endif
     Field field;
     Child listener = field.listen();
     field.put(MessageKind::kData, 5, 100, 100);
@@ -314,22 +298,19 @@ TEST(Exhaustion, NoMoreProcesses) {
     std::ofstream(field.home() / "log").flush();
     ASSERT_EQ(std::system(("chown " + user + " " + (field.home() / "log").native()).c_str()), 0);
     {
-        Child worker = run_channel_after(field, "exec setpriv --reuid=" + user + " --clear-groups prlimit --nproc=1");
+        field.set_prelude("exec setpriv --reuid=" + user + " --clear-groups prlimit --nproc=1");
+        Child worker = field.run_channel();
         EXPECT_EQ(worker.result(), 1);
     }
     EXPECT_GE(field.logged("fork error[11:Resource temporarily unavailable]"), 1U) << field.log();
     EXPECT_EQ(field.status(), "STOPED");
     EXPECT_EQ(field.judge().waiting, 5U);
-    Child worker = run_channel_after(field, "exec setpriv --reuid=" + user + " --clear-groups");
-    field.await_arrived(5);
-    EXPECT_EQ(worker.result_under(SIGTERM), 0);
-    field.expect_all_delivered();
+    field.set_prelude("exec setpriv --reuid=" + user + " --clear-groups");
+    Child worker = field.run_channel();
+    field.finish(worker);
 }
 
 TEST(Exhaustion, ADiskThatDoesNotKeepData) {
-#ifdef __SANITIZE_ADDRESS__
-    GTEST_SKIP() << "the sanitizer wants to be loaded first";
-#endif
     Field field;
     const fs::path switch_file = field.home() / "no-flush";
     const Environment failing{{"LD_PRELOAD", KVR_FLUSH_FAILS_LIBRARY}, {"KVR_FLUSH_FAILS", switch_file.native()}};
@@ -347,7 +328,7 @@ TEST(Exhaustion, ADiskThatDoesNotKeepData) {
                                   std::to_string(field.port()), "--spool", (field.home() / "spool").native()},
                                  failing);
     // A worker whose deletes cannot be flushed ends, and the next one repeats nothing.
-    Child worker = run_channel_after(field, "exec", failing);
+    Child worker = field.run_channel(failing);
     field.await_status("RUNING");
     fail(true);
     field.put(MessageKind::kData, 50, 100, 100);

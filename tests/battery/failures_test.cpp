@@ -86,9 +86,6 @@ constexpr Line kLines[] = {
 class Failures : public ::testing::TestWithParam<RoadCase> {
   protected:
     void SetUp() override {
-#ifdef __SANITIZE_ADDRESS__
-        GTEST_SKIP() << "the sanitizer has the allocator";
-#endif
         field_.emplace(GetParam().carrier);
         field_->set_channel({{"SHORTTMR", "0"}, {"SHORTRTY", "5"}});
         listener_.emplace(field_->listen());

@@ -11,6 +11,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "numbered_put.h"
+
 namespace kvr::test {
 namespace {
 
@@ -19,15 +21,6 @@ namespace fs = std::filesystem;
 constexpr auto kAwait = std::chrono::seconds(60);
 constexpr auto kLookAgain = std::chrono::milliseconds(2);
 constexpr int kCannotRun = 127;
-constexpr std::size_t kGroupMessages = 64;
-constexpr std::size_t kGroupBytes = 4U << 20;
-
-std::string contents(const fs::path& file) {
-    std::ifstream stream(file, std::ios::binary);
-    std::ostringstream text;
-    text << stream.rdbuf();
-    return text.str();
-}
 
 std::size_t occurrences(const std::string& all, const std::string& text) {
     std::size_t count = 0;
@@ -118,51 +111,13 @@ void Field::set_qmgr(const Attributes& attributes) {
 }
 
 void Field::put(MessageKind kind, std::uint64_t count, std::size_t least, std::size_t greatest) {
-    struct Parts {
-        NumberedMessage message;
-        T_KAVRO_MD descriptor;
-        std::vector<std::string> attachments;
-        std::string data;
-    };
-    std::vector<Parts> group; // one flush of the disk for many messages
-    std::size_t bytes = 0;
-    for (std::uint64_t i = 0; i < count; ++i) {
-        const std::uint64_t number = ledger_.size() + group.size() + 1;
-        const NumberedMessage message{number, kind, varied_size(number, least, greatest)};
-        Parts parts{message, descriptor_of(kTag, message), {}, {}};
-        if (kind != MessageKind::kHeaderless) {
-            T_KAVRO_HDR_XMITQ header{};
-            std::memcpy(header.sStrucId, "XTMH", sizeof(header.sStrucId));
-            header.iVersion = 1;
-            std::memcpy(header.sDestQ, kTarget, sizeof(kTarget));
-            std::memcpy(header.sDestQMgr, kReceiver, sizeof(kReceiver));
-            parts.data.assign(reinterpret_cast<const char*>(&header), sizeof(header));
-        }
-        for (const NumberedFile& file : files_of(kTag, message)) {
-            const std::string path = write_file(home_ / "files", file).native();
-            if (kind == MessageKind::kFile) {
-                parts.data += path;
-            } else {
-                parts.attachments.push_back(path);
-            }
-        }
-        parts.data += body_of(kTag, message);
-        bytes += parts.data.size();
-        group.push_back(std::move(parts));
-        if (group.size() < kGroupMessages && bytes < kGroupBytes && i + 1 < count) {
-            continue;
-        }
-        std::vector<OutgoingMessage> outgoing;
-        for (const Parts& one : group) {
-            outgoing.push_back({&one.descriptor, one.attachments, one.data});
-        }
-        sender_->put(kXmitQueue, outgoing);
-        for (const Parts& one : group) {
-            ledger_.push_back(one.message);
-        }
-        group.clear();
-        bytes = 0;
+    std::vector<NumberedMessage> messages;
+    for (std::uint64_t number = ledger_.size() + 1; number <= ledger_.size() + count; ++number) {
+        messages.push_back({number, kind, varied_size(number, least, greatest)});
     }
+    const std::string header = xmit_header_for(std::string(kTarget) + "@" + kReceiver);
+    put_numbered({*sender_, kXmitQueue, kTag, header, home_ / "files"}, messages,
+                 [&](auto put) { ledger_.insert(ledger_.end(), put.begin(), put.end()); });
 }
 
 void Field::put_one_of_each() {
@@ -178,6 +133,9 @@ Child Field::start(const std::vector<std::string>& arguments, const Environment&
 Child Field::start_program(const std::string& program, const std::vector<std::string>& arguments,
                            const Environment& environment) {
     std::vector<std::string> copy{program};
+    if (!prelude_.empty()) {
+        copy = {"/bin/bash", "-c", prelude_ + " \"$0\" \"$@\"", program};
+    }
     copy.insert(copy.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
     for (std::string& argument : copy) {
@@ -285,7 +243,14 @@ void Field::await_drained() {
     await("an empty transmission queue", [&] { return depth() == 0; });
 }
 
-Verdict Field::judge(std::uint64_t cuts, std::uint64_t repeats) {
+void Field::finish(Child& worker, std::uint64_t repeats) {
+    await_drained();
+    await_arrived(ledger_.size());
+    EXPECT_EQ(worker.result_under(SIGTERM), 0);
+    expect_all_delivered(repeats);
+}
+
+Run Field::run() const {
     Run run;
     run.tag = kTag;
     run.sent = ledger_;
@@ -294,23 +259,32 @@ Verdict Field::judge(std::uint64_t cuts, std::uint64_t repeats) {
     run.waiting = {{home_ / kSender, kXmitQueue}};
     run.dead = {{home_ / kSender, kDeadQueue}};
     run.spools = {home_ / "spool"};
-    run.cuts = cuts;
-    run.window = cut_window();
-    run.repeats = repeats;
-    Verdict verdict = kvr::judge(run);
-    for (const std::string& fault : verdict.faults) {
-        ADD_FAILURE() << fault;
-    }
-    return verdict;
+    return run;
 }
 
-void Field::expect_all_delivered(std::uint64_t repeats) {
+Verdict Field::judge(std::uint64_t cuts, std::uint64_t repeats) const {
+    Run all = run();
+    all.cuts = cuts;
+    all.window = cut_window();
+    all.repeats = repeats;
+    return verdict_on(all);
+}
+
+void Field::expect_all_delivered(std::uint64_t repeats) const {
     const Verdict verdict = judge(0, repeats);
     EXPECT_EQ(verdict.delivered - verdict.repeated, ledger_.size());
     EXPECT_EQ(verdict.lost, 0U);
     EXPECT_EQ(verdict.dead, 0U);
     EXPECT_EQ(verdict.held, 0U);
     EXPECT_LE(verdict.repeated, repeats);
+}
+
+Verdict verdict_on(const Run& run) {
+    Verdict verdict = kvr::judge(run);
+    for (const std::string& fault : verdict.faults) {
+        ADD_FAILURE() << fault;
+    }
+    return verdict;
 }
 
 std::uint64_t cut_window() {
@@ -336,9 +310,26 @@ void await(const std::string& what, const std::function<bool()>& condition) {
     }
 }
 
+std::string contents(const fs::path& file) {
+    std::ifstream stream(file, std::ios::binary);
+    std::ostringstream text;
+    text << stream.rdbuf();
+    return text.str();
+}
+
 std::size_t rounds(std::size_t quick) {
     const char* wanted = std::getenv("KVR_BATTERY_ROUNDS");
     return wanted == nullptr ? quick : std::stoul(wanted);
+}
+
+bool has_ended(const Child& child) {
+    siginfo_t info{};
+    return ::waitid(P_PID, static_cast<id_t>(child.pid()), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0;
+}
+
+int end_listener(Child& listener) {
+    ::kill(listener.pid(), SIGTERM);
+    return listener.result();
 }
 
 std::vector<pid_t> processes_with(const std::string& text) {

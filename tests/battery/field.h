@@ -61,6 +61,9 @@ class Field {
     [[nodiscard]] Child listen(const std::vector<std::string>& options = {});
     /// Starts the worker with its log at level 5.
     [[nodiscard]] Child run_channel(const Environment& environment = {}, const std::vector<std::string>& options = {});
+    /// From now on programs are started by a shell that first does this; it begins a command line which the program
+    /// ends ("ulimit -n 12; exec"). Empty: no shell.
+    void set_prelude(std::string prelude) { prelude_ = std::move(prelude); }
     /// Any other run of the program, its output in a file of the home.
     [[nodiscard]] Child start(const std::vector<std::string>& arguments, const Environment& environment = {});
     /// As start, of another program.
@@ -84,19 +87,32 @@ class Field {
     void await_drained();
 
     /// Judges everything put so far. `cuts`: connections broken under load; `repeats`: second copies allowed.
-    [[nodiscard]] Verdict judge(std::uint64_t cuts = 0, std::uint64_t repeats = 0);
+    [[nodiscard]] Verdict judge(std::uint64_t cuts = 0, std::uint64_t repeats = 0) const;
     /// As judge, and expects: no fault, nothing lost, nothing repeated, everything at its target.
-    void expect_all_delivered(std::uint64_t repeats = 0);
+    void expect_all_delivered(std::uint64_t repeats = 0) const;
+    /// Waits until everything has arrived, stops the worker and expects the same.
+    void finish(Child& worker, std::uint64_t repeats = 0);
+    /// What judge judges, for a test that wants it judged otherwise.
+    [[nodiscard]] Run run() const;
     [[nodiscard]] const std::vector<NumberedMessage>& ledger() const { return ledger_; }
 
   private:
     std::filesystem::path home_;
     Carrier carrier_;
+    std::string prelude_;
     int port_ = 0;
     std::shared_ptr<Store> sender_;
     std::shared_ptr<Store> receiver_;
     std::vector<NumberedMessage> ledger_;
 };
+
+inline const auto kPlainAndTls = ::testing::Values(Carrier::kPlain, Carrier::kTls13);
+inline std::string name_of_carrier(const ::testing::TestParamInfo<Carrier>& tested) {
+    return carrier_name(tested.param);
+}
+
+/// The verdict, each fault a failure of the test.
+Verdict verdict_on(const Run& run);
 
 /// Send plus receive buffer at their greatest, by the system's settings: what one cut may cost.
 std::uint64_t cut_window();
@@ -107,6 +123,13 @@ void await(const std::string& what, const std::function<bool()>& condition);
 /// How often a case repeats its attack: `quick`, or what KVR_BATTERY_ROUNDS says.
 std::size_t rounds(std::size_t quick);
 
+/// All of a file; of a missing one nothing.
+std::string contents(const std::filesystem::path& file);
+
+/// True once the process has ended (it stays to be reaped).
+bool has_ended(const Child& child);
+/// Asks the listener once to end, which it does when everything that came is on its queue; its status.
+int end_listener(Child& listener);
 /// Processes whose command line holds this text (zombies have none).
 std::vector<pid_t> processes_with(const std::string& text);
 /// Processes whose parent is `pid` (zombies included).

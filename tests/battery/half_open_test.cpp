@@ -27,16 +27,10 @@ TEST(HalfOpen, ClaimsOfAHundredMegabytesAreRefusedOrCostNothing) {
     Field field;
     Child listener = field.listen();
     [[maybe_unused]] const std::uint64_t before = memory_of(listener.pid(), "VmHWM");
+    // The splitter's own test has all the false lengths; here the whole listener meets some.
     const std::string refused[] = {
-        claim("99999999"),
-        claim("-0000001"),
-        claim("0000000 "),
-        claim("02150000"),
-        frame('1', "", "00000000", "00000000", std::string(100, 'c')),
-        frame('0', kTarget, "00000000", "00000000", block('1', 4) + digits(30) + digits(99'999'999)),
+        claim("99999999"), claim("-0000001"), claim("02150000"),
         frame('0', kTarget, "00000000", "00000000", block('1', 4) + digits(99'999'999) + digits(0)),
-        frame('0', kTarget, "00000000", "00000000",
-              block('1', 4) + digits(99'999'999) + nuls(72) + "name" + digits(1) + digits(84)),
         frame('4', kTarget, "00000000", "00000000", block('2', 0) + padded("name", 20)) + "00000000"};
     std::size_t ends = 0;
     for (const std::string& stream : refused) {
@@ -60,15 +54,12 @@ TEST(HalfOpen, ClaimsOfAHundredMegabytesAreRefusedOrCostNothing) {
     }
     EXPECT_EQ(files, 0U);
     EXPECT_EQ(field.arrived(), 0U);
-#ifndef __SANITIZE_ADDRESS__ // whose runtime keeps freed memory
     EXPECT_LE(memory_of(listener.pid(), "VmHWM"), before + (16U << 10U));
-#endif
 }
 
 class HalfOpenPeers : public ::testing::TestWithParam<Carrier> {};
 
-INSTANTIATE_TEST_SUITE_P(Carriers, HalfOpenPeers, ::testing::Values(Carrier::kPlain, Carrier::kTls13),
-                         [](const auto& tested) { return std::string(carrier_name(tested.param)); });
+INSTANTIATE_TEST_SUITE_P(Carriers, HalfOpenPeers, kPlainAndTls, name_of_carrier);
 
 TEST_P(HalfOpenPeers, LeaveRoomForSenders) {
     Field field(GetParam());
@@ -96,9 +87,7 @@ TEST_P(HalfOpenPeers, LeaveRoomForSenders) {
     field.expect_all_delivered();
     const std::uint64_t memory = memory_of(listener.pid(), "VmHWM");
     RecordProperty("KiB at most", std::to_string(memory));
-#ifndef __SANITIZE_ADDRESS__
     EXPECT_LT(memory, kMemoryKib);
-#endif
     peers.clear();
     await("the end of the peers", [&] { return field.journalled("end") >= kPeers; });
     field.put_one_of_each();

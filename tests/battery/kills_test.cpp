@@ -11,6 +11,7 @@
 #include "field.h"
 #include "ledger_file.h"
 #include "log_tail.h"
+#include "numbered_put.h"
 #include "wait_marks.h"
 
 namespace kvr::test {
@@ -19,7 +20,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kStepTime{300};
-constexpr std::uint64_t kPutGroup = 256;
 
 /// Lines of the worker's log that mark the steps of a message's road and of a connection's start.
 constexpr std::array kSteps{
@@ -71,8 +71,7 @@ class Kills : public ::testing::Test {
 
 class WorkerKills : public Kills, public ::testing::WithParamInterface<Carrier> {};
 
-INSTANTIATE_TEST_SUITE_P(Carriers, WorkerKills, ::testing::Values(Carrier::kPlain, Carrier::kTls13),
-                         [](const auto& tested) { return std::string(carrier_name(tested.param)); });
+INSTANTIATE_TEST_SUITE_P(Carriers, WorkerKills, kPlainAndTls, name_of_carrier);
 
 TEST_P(WorkerKills, LoseNothingAndRepeatAtMostTheMessageInHand) {
     Field field(GetParam());
@@ -185,15 +184,10 @@ TEST_F(Kills, OfThePutterKeepWhatWasPut) {
     const std::size_t untold = sent.size() - told;
     EXPECT_LE(untold, kills * kPutGroup);
     std::sort(sent.begin(), sent.end(), [](const auto& one, const auto& other) { return one.number < other.number; });
-    kvr::Run run;
-    run.tag = kTag;
+    kvr::Run run = field.run();
     run.sent = sent;
-    run.files = field.home() / "files";
-    run.delivered = {{field.home() / kReceiver, kTarget}};
-    run.waiting = {{field.home() / kSender, kXmitQueue}};
-    for (const std::string& fault : kvr::judge(run).faults) {
-        ADD_FAILURE() << fault;
-    }
+    run.dead = {};
+    verdict_on(run);
     RecordProperty("kills", std::to_string(kills));
     RecordProperty("put and told", std::to_string(told));
     RecordProperty("put and killed before telling", std::to_string(untold));

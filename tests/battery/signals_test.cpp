@@ -40,12 +40,6 @@ struct Depth {
 
 class SignalsAt : public ::testing::TestWithParam<Carrier> {
   protected:
-    void SetUp() override {
-#ifdef __SANITIZE_ADDRESS__
-        GTEST_SKIP() << "the sanitizer has the allocator";
-#endif
-    }
-
     void strike(const Depth& depth);
 
   private:
@@ -121,8 +115,7 @@ TEST_P(SignalsAt, EveryCall) {
     strike(rounds(0) == 0 ? Depth{MessageKind::kFile, 5} : Depth{MessageKind::kAttached, 1});
 }
 
-INSTANTIATE_TEST_SUITE_P(Carriers, SignalsAt, ::testing::Values(Carrier::kPlain, Carrier::kTls13),
-                         [](const auto& test) { return std::string(carrier_name(test.param)); });
+INSTANTIATE_TEST_SUITE_P(Carriers, SignalsAt, kPlainAndTls, name_of_carrier);
 
 } // namespace
 } // namespace kvr::test

@@ -44,9 +44,7 @@ class SlowPeers : public ::testing::TestWithParam<Case> {
     void put_too_much() { field_.put(MessageKind::kData, 2 + cut_window() / kGreatest, kGreatest, kGreatest); }
 
     void expect_flat(const Child& worker, std::uint64_t before) {
-#ifndef __SANITIZE_ADDRESS__ // whose runtime keeps freed memory
         EXPECT_LE(memory_of(worker.pid(), "RssAnon"), before + kGrowthKib);
-#endif
         RecordProperty("peak KiB", std::to_string(memory_of(worker.pid(), "VmHWM")));
     }
 

@@ -89,11 +89,7 @@ TEST_P(StormOver, AChannelThatStartsSendsWaitsConnectsAndStops) {
     field.set_channel({{"SHORTTMR", "0"}, {"SHORTRTY", "999999999"}, {"HBINT", "1"}});
     std::optional<Child> listener(field.listen());
     Injector injector(field);
-#ifdef __SANITIZE_ADDRESS__
-    Child worker = field.run_channel();
-#else
     Child worker = field.run_channel(injector.environment());
-#endif
     field.await_log("starting, plug-in");
     Storm storm(worker.pid(), signals);
     Progress progress(field);
@@ -138,8 +134,7 @@ TEST_P(StormOver, AChannelThatStartsSendsWaitsConnectsAndStops) {
     RecordProperty("lost in cuts", static_cast<int>(verdict.lost));
 }
 
-INSTANTIATE_TEST_SUITE_P(Carriers, StormOver, ::testing::Values(Carrier::kPlain, Carrier::kTls13),
-                         [](const auto& test) { return std::string(carrier_name(test.param)); });
+INSTANTIATE_TEST_SUITE_P(Carriers, StormOver, kPlainAndTls, name_of_carrier);
 
 } // namespace
 } // namespace kvr::test

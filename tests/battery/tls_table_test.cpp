@@ -2,8 +2,6 @@
 // What can stand at the other end of a TLS line, and what the whole channel makes of it: its log lines, its end, and
 // where the message is afterwards.
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 
 #include "field.h"
 
@@ -66,9 +64,7 @@ void run(const Case& row) {
         field.put(MessageKind::kData, 1, 1000, 1000);
         [[fallthrough]];
     case Outcome::kDelivered:
-        field.await_arrived(1);
-        EXPECT_EQ(worker.result_under(SIGTERM), 0);
-        field.expect_all_delivered();
+        field.finish(worker);
         break;
     case Outcome::kEnds:
         EXPECT_EQ(worker.result(), 1);
@@ -92,8 +88,7 @@ void run(const Case& row) {
         EXPECT_EQ(field.judge(1).dead, 0U);
         break;
     }
-    std::ifstream out(field.home() / "out");
-    const std::string told = field.log() + std::string(std::istreambuf_iterator<char>(out), {});
+    const std::string told = field.log() + contents(field.home() / "out");
     for (const std::string& text : row.log) {
         EXPECT_NE(told.find(text), std::string::npos) << text;
     }
@@ -191,8 +186,7 @@ TEST(TlsLine, WithTicketsStaysOneOverIdleTimeAndAThousandMessages) {
     field.put(MessageKind::kData, 1000, 0, 2000);
     field.await_arrived(1000);
     EXPECT_EQ(field.journalled("connect"), 1U);
-    EXPECT_EQ(worker.result_under(SIGTERM), 0);
-    field.expect_all_delivered();
+    field.finish(worker);
     RecordProperty("idle heartbeats", std::to_string(beats));
 }
 
@@ -201,8 +195,8 @@ TEST(TlsLine, EndingRightAfterTheLastSendToASlowReaderLosesNothing) {
     TlsField field;
     field.set_channel({{"SHORTTMR", "30"}});
     const Child listener =
-        field.listen(server(tls_material().server, {"--tls-min", "1.3", "--tls-tickets", "2", "--receive-buffer",
-                                                    "4096", "--read-rate", "500000"}));
+        field.listen(server(tls_material().server, {"--tls-min", "1.3", "--tls-tickets", "2", "--tls-late-ticket",
+                                                    "100", "--receive-buffer", "4096", "--read-rate", "500000"}));
     Child worker = field.run_channel();
     field.await_status("RUNING");
     field.put(MessageKind::kData, kCount, 50000, 50000);

@@ -131,9 +131,6 @@ class ClosingPeer {
 };
 
 TEST(Wakeup, ALineSignalInTheGetEndsItsWait) {
-#ifdef __SANITIZE_ADDRESS__
-    GTEST_SKIP() << "a preloaded library and the sanitizer's runtime exclude each other";
-#endif
     Field field;
     field.set_channel({{"SHORTRTY", "100000"}});
     const std::size_t closes = rounds(150);

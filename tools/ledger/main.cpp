@@ -3,7 +3,6 @@
 // tests, not of operators. Places are written QMGR/QUEUE.
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <exception>
 #include <map>
 #include <thread>
@@ -13,14 +12,13 @@
 
 #include "judge.h"
 #include "ledger_file.h"
+#include "numbered_put.h"
 #include "store.h"
 
 namespace kvr {
 
 namespace {
 
-constexpr std::size_t kGroupMessages = 256;
-constexpr std::size_t kGroupBytes = 4U << 20;
 constexpr std::size_t kMaxSize = kMaxMessage - sizeof(T_KAVRO_HDR_XMITQ);
 constexpr auto kLookAgain = std::chrono::milliseconds(2);
 
@@ -62,83 +60,16 @@ Place place_of(const Options& options, const std::string& text) {
     return {options.home / text.substr(0, slash), text.substr(slash + 1)};
 }
 
-std::string header_for(const std::string& destination) {
-    const std::size_t at = destination.find('@');
-    const std::string queue = destination.substr(0, at);
-    const std::string qmgr = at == std::string::npos ? "" : destination.substr(at + 1);
-    T_KAVRO_HDR_XMITQ header{};
-    std::memcpy(header.sStrucId, "XTMH", sizeof header.sStrucId);
-    header.iVersion = 1;
-    if (queue.empty() || queue.size() > sizeof header.sDestQ || qmgr.size() > sizeof header.sDestQMgr) {
-        throw Error(Errc::kInvalid, fmt::format("'{}' is no destination: write QUEUE@QMGR", destination));
-    }
-    std::memcpy(header.sDestQ, queue.data(), queue.size());
-    std::memcpy(header.sDestQMgr, qmgr.data(), qmgr.size());
-    std::string bytes(sizeof header, '\0');
-    std::memcpy(bytes.data(), &header, sizeof header);
-    return bytes;
-}
-
-/// A group of messages that is put, and written down, at once.
-class Group {
-  public:
-    Group(const Options& options, const Place& place)
-        : options_(options), queue_(place.queue), store_(Store::open(place.store)) {}
-
-    void add(const NumberedMessage& message) {
-        const auto files = files_of(options_.tag, message);
-        std::vector<std::string> paths;
-        paths.reserve(files.size());
-        for (const NumberedFile& file : files) {
-            paths.push_back(write_file(options_.files, file).string());
-        }
-        std::string data = message.kind == MessageKind::kHeaderless ? "" : header_for(options_.destination);
-        data += message.kind == MessageKind::kFile ? paths.front() : body_of(options_.tag, message);
-        if (message.kind != MessageKind::kAttached) {
-            paths.clear();
-        }
-        bytes_ += data.size();
-        messages_.push_back(message);
-        parts_.push_back({descriptor_of(options_.tag, message), std::move(paths), std::move(data)});
-        if (parts_.size() >= kGroupMessages || bytes_ >= kGroupBytes) {
-            put();
-        }
-    }
-
-    void put() {
-        std::vector<OutgoingMessage> outgoing;
-        outgoing.reserve(parts_.size());
-        for (const Part& part : parts_) {
-            outgoing.push_back({&part.descriptor, part.attachments, part.data});
-        }
-        store_->put(queue_, outgoing);
-        append_to_ledger(options_.ledger, messages_);
-        parts_.clear();
-        messages_.clear();
-        bytes_ = 0;
-    }
-
-  private:
-    struct Part {
-        T_KAVRO_MD descriptor;
-        std::vector<std::string> attachments;
-        std::string data;
-    };
-    const Options& options_;
-    std::string queue_;
-    std::shared_ptr<Store> store_;
-    std::vector<Part> parts_;
-    std::vector<NumberedMessage> messages_;
-    std::size_t bytes_ = 0;
-};
-
 int run_put(const Options& options) {
-    Group group(options, place_of(options, options.target));
-    for (std::uint64_t number = options.first; number < options.first + options.count; ++number) {
-        const std::size_t size = varied_size(number - options.first + 1, options.least, options.greatest);
-        group.add({number, options.kind, size});
+    const Place place = place_of(options, options.target);
+    const std::shared_ptr<Store> store = Store::open(place.store);
+    std::vector<NumberedMessage> messages;
+    for (std::uint64_t i = 0; i < options.count; ++i) {
+        messages.push_back({options.first + i, options.kind, varied_size(i + 1, options.least, options.greatest)});
     }
-    group.put();
+    const std::string header = options.kind == MessageKind::kHeaderless ? "" : xmit_header_for(options.destination);
+    put_numbered({*store, place.queue, options.tag, header, options.files}, messages,
+                 [&](std::span<const NumberedMessage> put) { append_to_ledger(options.ledger, put); });
     return kExitGood;
 }
 

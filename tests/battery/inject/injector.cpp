@@ -77,14 +77,4 @@ void Injector::expect_no_finding() const {
     EXPECT_EQ(control_->foreign_closes, 0) << control_->finding;
 }
 
-int end_listener(Child& listener) {
-    ::kill(listener.pid(), SIGTERM);
-    return listener.result();
-}
-
-bool has_ended(const Child& child) {
-    siginfo_t info{};
-    return ::waitid(P_PID, static_cast<id_t>(child.pid()), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0;
-}
-
 } // namespace kvr::test

@@ -37,10 +37,4 @@ class Injector {
     inject::Control* control_;
 };
 
-/// Asks the listener once to end, which it does when everything that came is on its queue; its status.
-int end_listener(Child& listener);
-
-/// True once the process has ended (it stays to be reaped).
-bool has_ended(const Child& child);
-
 } // namespace kvr::test
