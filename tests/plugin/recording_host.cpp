@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: MIT
-// The operations of the scripted host, and the channel process's side of it.
+// The operations of the scripted host with a store or a log behind them, and the trace: a file in memory to which every
+// process of a run appends its entries, each with one write.
 #include "recording_host.h"
 
-#include <arpa/inet.h>
+#include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
-#include <sys/socket.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -19,7 +19,6 @@
 #include "kavro_log.h"
 #include "kavro_object.h"
 #include "kavro_queue.h"
-#include "kavutil.h"
 
 extern "C" int OnPlugLoad(T_PLUG_MGR_PLUG_VAR* ptPlugVar);
 
@@ -27,122 +26,156 @@ namespace kvr::test {
 
 namespace {
 
+const int trace_file = memfd_create("trace", 0);
+
 T_KVR_OBJ_DB_HANDLE const kObjDb = &host().objects;
 T_KVR_QUE_DB_HANDLE const kQueDb = &host().get;
 char xmit_queue[] = "XQ";
 char dead_queue[] = "DLQ";
 
-/// Breaches of the border that are faults in every case.
-void check_handle(bool good, const char* op) {
-    if (!good) {
-        trace(kFault, "%s: wrong handle", op);
-    }
-}
-void check_id(int id, const char* op) {
-    if (id <= 0) {
-        trace(kFault, "%s(%d): not an id to ask about", op, id);
-    }
-}
-
 /// Operators look for these: a line shows the operation at whose work it was written, not a helper's name.
-bool is_operation(const char* func) {
-    static const char* const names[] = {
-        "InitEventHandler", "InitObjStat",      "InitTcpClient",       "OnRunEventHandler", "ProcMsg",
-        "SndMsgToDeadQ",    "ChlSndData",       "SendFile2Rcvr",       "Connect2Lsr",       "BindChl",
-        "SndrNetInit",      "StartNetChkProc",  "CheckNetStat",        "OnNetDisconn",      "HeartBeat",
-        "ExitEventHandler", "netTcpClientInit", "netTcpClientConnect", "netTcpClientWrite"};
-    return std::any_of(std::begin(names), std::end(names),
-                       [func](const char* name) { return strcmp(name, func) == 0; });
-}
+constexpr char kOperations[] =
+    " InitEventHandler InitObjStat InitTcpClient OnRunEventHandler ProcMsg SndMsgToDeadQ ChlSndData SendFile2Rcvr"
+    " Connect2Lsr BindChl SndrNetInit StartNetChkProc CheckNetStat OnNetDisconn HeartBeat ExitEventHandler"
+    " netTcpClientInit netTcpClientConnect netTcpClientWrite ";
 
-int log_line(bool by_name, char* tag, int level, const char* mod, const char* file, int line, const char* func,
-             const char* fmt, va_list ap) {
-    const bool net = strcmp(mod, "$net_tcp") == 0;
+void log_line(const char* end, const char* tag, int level, const std::string& origin, int line, const char* func,
+              const char* fmt, va_list ap) {
+    const bool net = origin == "$net_tcp net_tcp_client";
     char text[2100];
     vsnprintf(text, sizeof text, fmt, ap);
-    if (tag != nullptr || line <= 0 || func == nullptr || !is_operation(func) || level < 1 || level > 5 ||
-        strcmp(net ? "net_tcp_client" : "plug_kavro_chls", file) != 0 ||
-        (!net && strcmp(mod, "$plug_kavro_chls") != 0)) {
-        trace(kFault, "log line with wrong origin: %s %s:%d %s %s", mod, file, line, func != nullptr ? func : "-",
-              text);
+    if (tag != nullptr || line <= 0 || strstr(kOperations, (std::string(" ") + func + " ").c_str()) == nullptr ||
+        level < 1 || level > 5 || (!net && origin != "$plug_kavro_chls plug_kavro_chls")) {
+        trace(kFault, "log line with wrong origin: %s:%d %s %s", origin.c_str(), line, func, text);
     }
-    trace(net ? kNetLog : kLog, "%d %s%s", level, text, by_name ? " (KVR_LogPrint)" : "");
+    const bool loss = strncmp(text, "line disconnected", 17) == 0;
+    trace(net ? kNetLog : loss ? kLoss : kLog, "%d %s%s", level, text, end);
     errno = EXDEV; // a log function may do so
-    return 0;
 }
 
 int context_log(char* tag, int level, char* mod, char* file, int line, const char* func, char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    log_line(false, tag, level, mod, file, line, func, fmt, ap);
+    log_line("", tag, level, std::string(mod) + " " + file, line, func, fmt, ap);
     va_end(ap);
     return -1; // ignored
 }
 
-std::string joined(int count, char** names, char** values = nullptr) {
-    std::string text;
+int get_attrs(const char* op, void* db, const std::string& cls, const std::string& name, int count, char** names,
+              char** bufs) {
+    std::string shown = cls + " " + name;
     for (int i = 0; i < count; ++i) {
-        text += std::string(" ") + names[i] + (values == nullptr ? "" : std::string("=") + values[i]);
+        shown.append(" ").append(names[i]);
     }
-    return text;
-}
-
-int get_attrs(const char* op, void* db, char* cls, char* name, int count, char** names, char** bufs) {
-    check_handle(db == kObjDb, op);
-    trace(kHost, "%s(%s %s%s)", op, cls, name, joined(count, names).c_str());
-    if (auto r = run_hook(op)) {
+    if (auto r = recorded(kHost, op, shown, 0, db == kObjDb)) {
         return *r;
     }
-    auto object = host().objects.find(std::string(cls) + "/" + name);
+    const auto object = host().objects.find(cls + "/" + name);
     if (object == host().objects.end()) {
         return -1;
     }
     for (int i = 0; i < count; ++i) {
-        auto attr = object->second.find(names[i]);
-        if (attr != object->second.end()) {
+        if (const auto attr = object->second.find(names[i]); attr != object->second.end()) {
             strcpy(bufs[i], attr->second.c_str());
         }
     }
-    return host().success;
+    return kSuccess;
 }
 
-int set_attrs(const char* op, void* db, char* cls, char* name, int count, char** names, char** values, bool add) {
-    check_handle(db == kObjDb, op);
-    trace(kHost, "%s(%s %s%s)", op, cls, name, joined(count, names, values).c_str());
-    if (auto r = run_hook(op)) {
+int set_attrs(const char* op, void* db, const std::string& cls, const std::string& name, int count, char** names,
+              char** values, bool add) {
+    std::string shown = cls + " " + name;
+    for (int i = 0; i < count; ++i) {
+        shown.append(" ").append(names[i]).append("=").append(values[i]);
+    }
+    if (auto r = recorded(kHost, op, shown, 0, db == kObjDb)) {
         return *r;
     }
-    const std::string key = std::string(cls) + "/" + name;
-    if (host().objects.contains(key) == add) {
+    if (host().objects.contains(cls + "/" + name) == add) {
         return -1;
     }
     for (int i = 0; i < count; ++i) {
-        host().objects[key][names[i]] = values[i];
+        host().objects[cls + "/" + name][names[i]] = values[i];
     }
-    return host().success;
+    return kSuccess;
 }
 
-/// Names and values of a variadic call.
-struct VarArgs {
-    std::vector<char*> first, second;
-    VarArgs(int count, va_list ap) {
-        for (int i = 0; i < 2 * count; ++i) {
-            (i < count ? first : second).push_back(va_arg(ap, char*));
-        }
+/// The arguments of a variadic call: names, then as many values.
+std::vector<char*> arguments(int count, va_list ap) {
+    std::vector<char*> all;
+    for (int i = 0; i < 2 * count; ++i) {
+        all.push_back(va_arg(ap, char*));
     }
-};
+    return all;
+}
 
-bool is_blank(const T_KAVRO_MD* md) {
-    T_KAVRO_MD blank;
-    memset(&blank, 0, sizeof blank);
-    std::copy_n("MD  ", 4, blank.sStrucId);
-    blank.iVersion = 2;
-    blank.cMsgStoreType = '1';
-    blank.pOptData = md->pOptData;
-    return same_bytes(&blank, md, sizeof blank);
+bool same_bytes(const void* a, const void* b, size_t size) {
+    return memcmp(a, b, size) == 0;
 }
 
 } // namespace
+
+void trace(char kind, const char* fmt, ...) {
+    const int saved = errno;
+    char entry[2300];
+    size_t used = static_cast<size_t>(snprintf(entry, sizeof entry, "%d %c ", getpid(), kind));
+    va_list ap;
+    va_start(ap, fmt);
+    used += static_cast<size_t>(vsnprintf(entry + used, sizeof entry - used, fmt, ap));
+    va_end(ap);
+    used = std::min(used, sizeof entry - 1) + 1; // the NUL ends the entry
+    if (write(trace_file, entry, used) != static_cast<ssize_t>(used)) {
+        _exit(99);
+    }
+    errno = saved;
+}
+
+void trace_reset() {
+    fcntl(trace_file, F_SETFL, O_APPEND);
+    if (ftruncate(trace_file, 0) != 0) {
+        abort();
+    }
+}
+
+std::vector<Entry> trace_entries() {
+    struct stat info {};
+    fstat(trace_file, &info);
+    std::string whole(static_cast<size_t>(info.st_size), '\0');
+    whole.resize(static_cast<size_t>(pread(trace_file, whole.data(), whole.size(), 0)));
+    std::vector<Entry> all;
+    for (size_t at = 0; at < whole.size(); at = whole.find('\0', at) + 1) {
+        int pid = 0;
+        char kind = 0;
+        int text = 0;
+        sscanf(&whole[at], "%d %c%n", &pid, &kind, &text);
+        all.push_back({pid, kind, &whole[at + static_cast<size_t>(text) + 1]});
+    }
+    return all;
+}
+
+void wait_for(const std::string& text) {
+    for (int i = 0; i < 10000; ++i) {
+        for (const Entry& e : trace_entries()) {
+            if (e.text.find(text) != std::string::npos) {
+                return;
+            }
+        }
+        poll(nullptr, 0, 1);
+    }
+}
+
+std::optional<int> recorded(char kind, const char* op, const std::string& shown, long a, bool good) {
+    if (!host().recording) {
+        return {};
+    }
+    trace(kind, "%s(%s)", op, shown.c_str());
+    if (!good) {
+        trace(kFault, "%s(%s) of what it must not be called with", op, shown.c_str());
+    }
+    static std::map<std::string, int> calls;
+    const auto hook = host().hooks.find(op);
+    return hook != host().hooks.end() ? hook->second(Call{++calls[op], a}) : std::nullopt;
+}
 
 Host& host() {
     static Host* const the = new Host; // the channel may end the process with exit: this one stays
@@ -163,12 +196,11 @@ void load() {
     OnPlugLoad(&h.var);
 }
 
-int event(int id) {
+void event(int id) {
     char in[8] = "in";
     char out[8] = "out";
     const int result = host().var.pfnEventHdl(host().var.iId, id, in, out);
     trace(kNote, "event %d = %d", id, result);
-    return result;
 }
 
 } // namespace kvr::test
@@ -179,37 +211,31 @@ extern "C" {
 
 char* KVR_GetQmgrName(void) {
     static char name[] = "QM1";
-    trace(kHost, "KVR_GetQmgrName()");
     return name;
 }
 
 int KVR_InitQmgrCtx(T_KAVRO_QMGR_CTX* ptCtx, char* psQmgrName) {
     const bool zeroed = ptCtx->sObjName[0] == 0 && ptCtx->hObjDB == nullptr && ptCtx->hQueDB == nullptr;
-    trace(kHost, "KVR_InitQmgrCtx(%s %s)", zeroed ? "zeroed" : "used", psQmgrName);
-    if (auto r = run_hook("KVR_InitQmgrCtx")) {
-        return *r;
-    }
     ptCtx->hObjDB = kObjDb;
     ptCtx->hQueDB = kQueDb;
-    return host().success;
+    return recorded(kHost, "KVR_InitQmgrCtx", psQmgrName, 0, zeroed).value_or(kSuccess);
 }
 
 int KVR_LogSetQMName(char* psQmgrName) {
-    trace(kHost, "KVR_LogSetQMName(%s)", psQmgrName);
+    recorded(kHost, "KVR_LogSetQMName", psQmgrName);
     return -1; // ignored
 }
 
 int KVR_LogPrint(char* psTag, int iLevel, char* psMod, char* psFile, int iLine, const char* psFunc, char* psFmt, ...) {
     va_list ap;
     va_start(ap, psFmt);
-    log_line(true, psTag, iLevel, psMod, psFile, iLine, psFunc, psFmt, ap);
+    log_line(" (KVR_LogPrint)", psTag, iLevel, std::string(psMod) + " " + psFile, iLine, psFunc, psFmt, ap);
     va_end(ap);
     return -1;
 }
 
 int KVR_ObjAdd(void* hObjDB, char* psClass, char* psName, int iCnt, char** ppsAttrs, char** ppsVals, int iFlags) {
-    check_handle(iFlags == 0, "KVR_ObjAdd");
-    return set_attrs("KVR_ObjAdd", hObjDB, psClass, psName, iCnt, ppsAttrs, ppsVals, true);
+    return set_attrs("KVR_ObjAdd", iFlags == 0 ? hObjDB : nullptr, psClass, psName, iCnt, ppsAttrs, ppsVals, true);
 }
 
 int KVR_ObjGetAttr(void* hObjDB, char* psClass, char* psName, int iCnt, char** ppsAttrs, char** ppsBufs) {
@@ -219,9 +245,9 @@ int KVR_ObjGetAttr(void* hObjDB, char* psClass, char* psName, int iCnt, char** p
 int KVR_ObjGetAttrV(void* hObjDB, char* psClass, char* psName, int iCnt, ...) {
     va_list ap;
     va_start(ap, iCnt);
-    VarArgs args(iCnt, ap);
+    auto args = arguments(iCnt, ap);
     va_end(ap);
-    return get_attrs("KVR_ObjGetAttrV", hObjDB, psClass, psName, iCnt, args.first.data(), args.second.data());
+    return get_attrs("KVR_ObjGetAttrV", hObjDB, psClass, psName, iCnt, args.data(), args.data() + iCnt);
 }
 
 int KVR_ObjSetAttr(void* hObjDB, char* psClass, char* psName, int iCnt, char** ppsAttrs, char** ppsVals) {
@@ -231,33 +257,36 @@ int KVR_ObjSetAttr(void* hObjDB, char* psClass, char* psName, int iCnt, char** p
 int KVR_ObjSetAttrV(void* hObjDB, char* psClass, char* psName, int iCnt, ...) {
     va_list ap;
     va_start(ap, iCnt);
-    VarArgs args(iCnt, ap);
+    auto args = arguments(iCnt, ap);
     va_end(ap);
-    return set_attrs("KVR_ObjSetAttrV", hObjDB, psClass, psName, iCnt, args.first.data(), args.second.data(), false);
+    return set_attrs("KVR_ObjSetAttrV", hObjDB, psClass, psName, iCnt, args.data(), args.data() + iCnt, false);
 }
 
 int KVR_QueOpen(void* hQueDB, char* psName, void** phObj, int iOpt) {
-    check_handle(hQueDB == kQueDb && iOpt == 0, "KVR_QueOpen");
-    trace(kHost, "KVR_QueOpen(%s)", psName);
-    if (auto r = run_hook("KVR_QueOpen")) {
+    if (auto r = recorded(kHost, "KVR_QueOpen", psName, 0, hQueDB == kQueDb && iOpt == 0)) {
         return *r;
     }
     *phObj = strcmp(psName, xmit_queue) == 0 ? xmit_queue : dead_queue;
-    return host().success;
+    return kSuccess;
 }
 
 int KVR_QueClose(void* hQueDB, char* psName, void* hObj, int iOpt) {
-    check_handle(hQueDB == kQueDb && iOpt == 0 && (hObj == xmit_queue || hObj == dead_queue), "KVR_QueClose");
-    trace(kHost, "KVR_QueClose(%s %s)", psName, static_cast<char*>(hObj));
-    return run_hook("KVR_QueClose").value_or(host().success);
+    const bool good = hQueDB == kQueDb && iOpt == 0 && (hObj == xmit_queue || hObj == dead_queue);
+    const std::string shown = std::string(psName) + " " + (good ? static_cast<char*>(hObj) : "?");
+    return recorded(kHost, "KVR_QueClose", shown, 0, good).value_or(kSuccess);
 }
 
 int KVR_QueMsgGet(void* hQueDB, void* hObj, T_KAVRO_MD* ptMD, T_KAVRO_GMO* ptGMO, char* psBuf, int* piLen) {
-    const T_KAVRO_GMO options{{'G', 'M', 'O', ' '}, 1, 0, 0, 0, 0};
-    check_handle(hQueDB == kQueDb && hObj == xmit_queue, "KVR_QueMsgGet");
-    const bool good = is_blank(ptMD) && ptMD->pOptData != nullptr && same_bytes(&options, ptGMO, sizeof options) &&
-                      *piLen == 2098376 && psBuf[2098375] == '\0';
-    trace(kHost, "KVR_QueMsgGet(%s)", good ? "blank" : "WRONG");
+    constexpr T_KAVRO_GMO options{{'G', 'M', 'O', ' '}, 1, 0, 0, 0, 0};
+    T_KAVRO_MD blank{};
+    memcpy(blank.sStrucId, "MD  ", 4);
+    blank.iVersion = 2;
+    blank.cMsgStoreType = '1';
+    blank.pOptData = ptMD->pOptData;
+    recorded(kHost, "KVR_QueMsgGet", "", 0,
+             hQueDB == kQueDb && hObj == xmit_queue && same_bytes(&blank, ptMD, sizeof blank) &&
+                 ptMD->pOptData != nullptr && same_bytes(&options, ptGMO, sizeof options) && *piLen == 2098376 &&
+                 psBuf[2098375] == '\0');
     if (host().get.empty()) {
         _exit(kScriptOver);
     }
@@ -267,115 +296,12 @@ int KVR_QueMsgGet(void* hQueDB, void* hObj, T_KAVRO_MD* ptMD, T_KAVRO_GMO* ptGMO
 }
 
 int KVR_QueMsgPut(void* hQueDB, void* hObj, T_KAVRO_MD* ptMD, T_KAVRO_PMO* ptPMO, char* psBuf, int iLen) {
-    const T_KAVRO_PMO options{{'G', 'M', 'O', ' '}, 1, 0, 0};
-    check_handle(hQueDB == kQueDb && hObj == dead_queue, "KVR_QueMsgPut");
-    const bool same = same_bytes(&host().in_hand.md, ptMD, sizeof *ptMD) &&
-                      std::string(psBuf, static_cast<size_t>(iLen)) == host().in_hand.data &&
-                      same_bytes(&options, ptPMO, sizeof options);
-    trace(kHost, "KVR_QueMsgPut(%d %s)", iLen, same ? "as received" : "CHANGED");
-    return run_hook("KVR_QueMsgPut").value_or(host().success);
-}
-
-int procIsExist(int iPid) {
-    check_id(iPid, "procIsExist");
-    trace(kHost, "procIsExist(%d)", iPid);
-    return run_hook("procIsExist", iPid).value_or(kill(iPid, 0) == 0 ? 1 : 0);
-}
-
-int procSndSig2Proc(int iPid, int iSig) {
-    check_id(iPid, "procSndSig2Proc");
-    trace(kHost, "procSndSig2Proc(%d %d)", iPid, iSig);
-    const auto r = run_hook("procSndSig2Proc", iPid);
-    return r ? *r : kill(iPid, iSig);
-}
-
-int sockCanRead(int iSock) {
-    check_id(iSock, "sockCanRead");
-    trace(kHost, "sockCanRead()");
-    if (auto r = run_hook("sockCanRead", iSock)) {
-        return *r;
-    }
-    pollfd tested{iSock, POLLIN, 0};
-    const int r = poll(&tested, 1, 0);
-    return r < 0 || (tested.revents & POLLNVAL) != 0 ? -1 : r;
-}
-
-int sockGetHostIp(char* psHost, char* psAddr) {
-    trace(kHost, "sockGetHostIp(%s)", psHost);
-    if (auto r = run_hook("sockGetHostIp")) {
-        return *r;
-    }
-    in_addr addr{};
-    if (inet_aton(psHost, &addr) == 0) {
-        errno = EHOSTUNREACH;
-        return -1;
-    }
-    strcpy(psAddr, psHost);
-    return host().success;
-}
-
-int sockGetLocalAddr(int iSock, char* psAddr, int* piPort) {
-    check_id(iSock, "sockGetLocalAddr");
-    trace(kHost, "sockGetLocalAddr()");
-    sockaddr_in addr{};
-    socklen_t len = sizeof addr;
-    getsockname(iSock, reinterpret_cast<sockaddr*>(&addr), &len);
-    strcpy(psAddr, inet_ntoa(addr.sin_addr));
-    *piPort = ntohs(addr.sin_port);
-    return 0;
-}
-
-int sockSetKeepAlive(int) {
-    trace(kHost, "sockSetKeepAlive()");
-    return 0;
-}
-
-int sockSetRTimeOut(int, int iTimeOut) {
-    trace(kHost, "sockSetRTimeOut(%d)", iTimeOut);
-    return 0;
-}
-
-int sockSetSTimeOut(int iSock, int iTimeOut) {
-    check_id(iSock - 2, "sockSetSTimeOut");
-    host().sock = iSock;
-    trace(kHost, "sockSetSTimeOut(%d)", iTimeOut);
-    return 0;
-}
-
-char* strBaseName(char* psPath) {
-    static char last[1024]; // overwritten by the next call, as a host may
-    const char* slash = strrchr(psPath, '/');
-    snprintf(last, sizeof last, "%s", slash == nullptr ? psPath : slash + 1);
-    return last;
-}
-
-int strToUpper(char* psText) {
-    trace(kHost, "strToUpper(%s)", psText);
-    for (; *psText != '\0'; ++psText) {
-        *psText = static_cast<char>(toupper(*psText));
-    }
-    return -1; // ignored
-}
-
-int streamReadNByte(void*, int, int*, int) {
-    trace(kFault, "the channel never reads");
-    return -1;
-}
-
-int streamWriteNByte(void* pBuf, int iLen, int iSock) {
-    check_id(iSock, "streamWriteNByte");
-    trace(kHost, "write(%d)", iLen);
-    if (auto r = run_hook("write", iLen)) {
-        return *r;
-    }
-    int done = 0;
-    while (done < iLen) {
-        const ssize_t n = write(iSock, static_cast<char*>(pBuf) + done, static_cast<size_t>(iLen - done));
-        if (n < 0 && errno != EINTR) {
-            return -1;
-        }
-        done += n > 0 ? static_cast<int>(n) : 0;
-    }
-    return done;
+    constexpr T_KAVRO_PMO options{{'G', 'M', 'O', ' '}, 1, 0, 0};
+    const bool as_received = same_bytes(&host().in_hand.md, ptMD, sizeof *ptMD) &&
+                             std::string(psBuf, static_cast<size_t>(iLen)) == host().in_hand.data;
+    return recorded(kHost, "KVR_QueMsgPut", std::to_string(iLen), 0,
+                    hQueDB == kQueDb && hObj == dead_queue && as_received &&
+                        same_bytes(&options, ptPMO, sizeof options))
+        .value_or(kSuccess);
 }
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A scripted host for tests of the channel plug-in: it defines every host operation, and the few system calls whose
+// A scripted host for tests of the channel plug-in: it defines the host operations, and the few system calls whose
 // failures or order matter, in the test program itself, so that the plug-in and the TCP library resolve to them.
 // Each call and each log line is appended to a trace in shared memory; a hook may change what a call does. The channel
 // runs in a forked process (channel_run.h); what is set up here before the fork is that process's host.
@@ -7,7 +7,6 @@
 
 #include <sys/types.h>
 
-#include <cstring>
 #include <deque>
 #include <functional>
 #include <map>
@@ -20,15 +19,11 @@
 
 namespace kvr::test {
 
-/// Whether two records agree to the byte, padding and whatever follows a NUL included.
-inline bool same_bytes(const void* a, const void* b, size_t size) {
-    return memcmp(a, b, size) == 0;
-}
-
 /// What an entry of the trace tells of.
 enum Kind : char {
     kLog = 'L',    ///< log line of the plug-in: "<level> <text>"
     kNetLog = 'N', ///< log line of the TCP library
+    kLoss = 'D',   ///< the one of the line-loss handler: a close on this side may call it too, sooner or later or never
     kHost = 'H',   ///< host operation with its arguments
     kSystem = 'S', ///< sleep, alarm, pipe, fork, waitpid, sigset, select
     kSocket = 'T', ///< TCP option set on a socket
@@ -47,6 +42,8 @@ struct Entry {
 void trace(char kind, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 void trace_reset();
 std::vector<Entry> trace_entries();
+/// Waits, at most 10 s, until the text stands in the trace.
+void wait_for(const std::string& text);
 
 /// One call that a hook looks at.
 struct Call {
@@ -55,14 +52,8 @@ struct Call {
 };
 /// A value replaces the call's own behaviour and is its result; nothing lets the call go on.
 using Hook = std::function<std::optional<int>(const Call&)>;
-/// Counts the call in the channel process and runs the hook set for it, if any.
-std::optional<int> run_hook(const char* op, long a = 0);
-/// Fails the calls numbered `from` to `to` with this result and errno.
-Hook failing(int result, int from = 1, int to = 1 << 30, int err = 0);
-/// Raises the signal in the call of this number, or in every call, and lets it go on.
-Hook raising(int sig, int in_call = 0);
-/// Fails writes of `len` bytes, the first `times` of them.
-Hook failing_write(long len, int times, int result, int err);
+/// Records the call when it comes from a process of the channel, and asks the hook set for it. `good` false: a fault.
+std::optional<int> recorded(char kind, const char* op, const std::string& shown, long a = 0, bool good = true);
 
 struct Message {
     T_KAVRO_MD md{};
@@ -71,30 +62,17 @@ struct Message {
     std::optional<int> file_count;  ///< a count other than that of `files`
     bool null_list = false;         ///< pOptData is null after the get
 };
-/// A message with a transmission header for `dest`.
-Message message(const std::string& body, const std::string& dest = "Q1");
-/// A message whose data is the path of a file.
-Message file_message(const std::string& path);
 
 /// One result of the get.
 using GetStep = std::function<int(T_KAVRO_MD*, char*, int*)>;
-GetStep deliver(const Message& msg);
-/// Raises a signal inside the get, which then fails as an interrupted wait does.
-GetStep interrupted(int sig);
-GetStep get_fails(int result);
-/// Notes "idle", waits until a signal handler has run, and fails.
-GetStep idle();
-/// Runs `what` inside the get and ends the channel process as kill -9 would leave it.
-GetStep finally(std::function<void()> what);
-
 using Attrs = std::map<std::string, std::string>;
 
-/// The host of one channel process. When the get has no step left the process ends with kScriptOver.
+/// The host of one channel process. When the get has no step left the process ends with kScriptOver, as kill -9 would
+/// leave it.
 struct Host {
     std::map<std::string, Attrs> objects; ///< "CLASS/NAME"
     std::map<std::string, Hook> hooks;    ///< by operation or system call
     std::deque<GetStep> get;
-    int success = 0;           ///< result of operations that succeed
     std::string name = "ch1";  ///< channel name among the process arguments
     int sock = 0;              ///< the latest socket of the connection
     pid_t watcher = 0;         ///< the latest line watcher
@@ -105,15 +83,12 @@ struct Host {
 };
 Host& host();
 
+constexpr int kSuccess = 3; ///< of the store's operations: only the sign of a result counts
 constexpr int kScriptOver = 77;
 constexpr int kOptions = 2; ///< option entries in the argument table
 
 /// In the channel process: calls OnPlugLoad with a fresh context; raises an event and notes "event <n> = <result>".
 void load();
-int event(int id);
-/// In the channel process: waits of at most 10 s, for the connection's socket to become readable and
-/// for a text to stand in the trace so many times.
-bool wait_readable();
-bool wait_for(const std::string& text, int times = 1);
+void event(int id);
 
 } // namespace kvr::test

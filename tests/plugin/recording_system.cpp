@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
-// System calls that the scripted host records and may fail: pauses and alarms pass at once, the rest goes on to the C
-// library. Outside the channel process everything passes through.
-#include "recording_host.h"
-
+// System calls and host utilities that are recorded and may fail: pauses and alarms pass at once, the rest goes on to
+// the next library that has it.
 #include <dlfcn.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -12,48 +10,22 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 
-namespace kvr::test {
+#include "kavutil.h"
+#include "recording_host.h"
 
-std::optional<int> run_hook(const char* op, long a) {
-    auto hook = host().hooks.find(op);
-    if (!host().recording || hook == host().hooks.end()) {
-        return {};
-    }
-    static std::map<std::string, int> calls;
-    return hook->second(Call{++calls[op], a});
-}
+using namespace kvr::test;
+using std::to_string;
 
 namespace {
 
 template <class Fn>
-Fn next(const char* name) {
-    return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
-}
-
-/// Records the call when it comes from a process of the channel, and asks its hook.
-std::optional<int> recorded(const char* op, long a, bool shown) {
-    if (!host().recording) {
-        return {};
-    }
-    trace(kSystem, "%s(%s)", op, shown ? std::to_string(a).c_str() : "");
-    return run_hook(op, a);
-}
-
-unsigned int passes_at_once(const char* op, unsigned int seconds) {
-    if (!host().recording) {
-        return next<unsigned int (*)(unsigned int)>(op)(seconds);
-    }
-    recorded(op, seconds, true);
-    return 0;
+Fn* next(const char* name) {
+    return reinterpret_cast<Fn*>(dlsym(RTLD_NEXT, name));
 }
 
 } // namespace
-} // namespace kvr::test
-
-using namespace kvr::test;
 
 extern "C" {
 
@@ -63,32 +35,25 @@ const char* __asan_default_options() {
 }
 
 unsigned int sleep(unsigned int seconds) {
-    return passes_at_once("sleep", seconds);
+    recorded(kSystem, "sleep", to_string(seconds), seconds);
+    return 0;
 }
 
 unsigned int alarm(unsigned int seconds) noexcept {
-    return passes_at_once("alarm", seconds);
-}
-
-int pipe(int* fds) noexcept {
-    if (auto r = recorded("pipe", 0, false)) {
-        return *r;
-    }
-    return next<int (*)(int*)>("pipe")(fds);
+    recorded(kSystem, "alarm", to_string(seconds), seconds);
+    return 0;
 }
 
 int pipe2(int* fds, int flags) noexcept {
-    if (auto r = recorded("pipe", 0, false)) {
-        return *r;
-    }
-    return next<int (*)(int*, int)>("pipe2")(fds, flags);
+    const auto r = recorded(kSystem, "pipe", "");
+    return r ? *r : next<decltype(pipe2)>("pipe2")(fds, flags);
 }
 
 pid_t fork() noexcept {
-    if (auto r = recorded("fork", 0, false)) {
+    if (auto r = recorded(kSystem, "fork", "")) {
         return *r;
     }
-    const pid_t pid = next<pid_t (*)()>("fork")();
+    const pid_t pid = next<decltype(fork)>("fork")();
     if (pid > 0 && host().recording) {
         host().watcher = pid;
         trace(kChild, "%d", static_cast<int>(pid));
@@ -97,35 +62,58 @@ pid_t fork() noexcept {
 }
 
 pid_t waitpid(pid_t pid, int* status, int options) {
-    if (host().recording && pid < 1) {
-        trace(kFault, "waitpid(%d)", static_cast<int>(pid));
-    }
-    if (auto r = recorded("waitpid", pid, false)) {
-        return *r;
-    }
-    return next<pid_t (*)(pid_t, int*, int)>("waitpid")(pid, status, options);
+    const auto r = recorded(kSystem, "waitpid", "", pid, pid > 0);
+    return r ? *r : next<decltype(waitpid)>("waitpid")(pid, status, options);
 }
 
 sighandler_t sigset(int sig, sighandler_t handler) noexcept {
-    if (auto r = recorded("sigset", sig, true)) {
-        return SIG_ERR;
-    }
-    return next<sighandler_t (*)(int, sighandler_t)>("sigset")(sig, handler);
+    const auto r = recorded(kSystem, "sigset", to_string(sig), sig);
+    return r ? SIG_ERR : next<sighandler_t(int, sighandler_t)>("sigset")(sig, handler);
 }
 
 int select(int count, fd_set* reads, fd_set* writes, fd_set* errors, timeval* limit) {
-    if (auto r = recorded("select", count, false)) {
-        return *r;
-    }
-    return next<int (*)(int, fd_set*, fd_set*, fd_set*, timeval*)>("select")(count, reads, writes, errors, limit);
+    const auto r = recorded(kSystem, "select", "");
+    return r ? *r : next<decltype(select)>("select")(count, reads, writes, errors, limit);
 }
 
 int setsockopt(int sock, int level, int name, const void* value, socklen_t len) noexcept {
-    if (host().recording && level == IPPROTO_TCP && (name == TCP_CORK || name == TCP_NODELAY)) {
+    if (level == IPPROTO_TCP && (name == TCP_CORK || name == TCP_NODELAY)) {
         int on = 0;
         memcpy(&on, value, sizeof on);
-        trace(kSocket, "%s=%d", name == TCP_CORK ? "cork" : "nodelay", on);
+        recorded(kSocket, name == TCP_CORK ? "cork" : "nodelay", to_string(on));
     }
-    return next<int (*)(int, int, int, const void*, socklen_t)>("setsockopt")(sock, level, name, value, len);
+    return next<decltype(setsockopt)>("setsockopt")(sock, level, name, value, len);
+}
+
+// One that has ended and was not reaped yet counts: whether a watcher has noticed its end is no part of any case.
+int procIsExist(int iPid) {
+    const auto r = recorded(kHost, "procIsExist", to_string(iPid), iPid, iPid > 0);
+    return r ? *r : kill(iPid, 0) == 0 ? 1 : 0;
+}
+
+int procSndSig2Proc(int iPid, int iSig) {
+    const auto r = recorded(kHost, "procSndSig2Proc", to_string(iPid) + " " + to_string(iSig), iPid, iPid > 0);
+    return r ? *r : kill(iPid, iSig);
+}
+
+int sockCanRead(int iSock) {
+    const auto r = recorded(kHost, "sockCanRead", "", iSock, iSock > 0);
+    return r ? *r : next<decltype(sockCanRead)>("sockCanRead")(iSock);
+}
+
+int sockGetHostIp(char* psHost, char* psAddr) {
+    const auto r = recorded(kHost, "sockGetHostIp", psHost);
+    return r ? *r : next<decltype(sockGetHostIp)>("sockGetHostIp")(psHost, psAddr);
+}
+
+int sockSetSTimeOut(int iSock, int iTimeOut) {
+    host().sock = iSock;
+    recorded(kHost, "sockSetSTimeOut", to_string(iTimeOut), iTimeOut, iSock > 2);
+    return 0;
+}
+
+int streamWriteNByte(void* pBuf, int iLen, int iSock) {
+    const auto r = recorded(kHost, "write", to_string(iLen), iLen, iSock > 0);
+    return r ? *r : next<decltype(streamWriteNByte)>("streamWriteNByte")(pBuf, iLen, iSock);
 }
 }

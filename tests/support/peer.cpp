@@ -107,6 +107,9 @@ bool PeerConnection::handshake() {
 }
 
 std::string PeerConnection::read_up_to(std::size_t size) {
+    if (socket_ < 0) {
+        return {};
+    }
     std::array<char, 16384> buffer{};
     const std::size_t wanted = std::min(size, buffer.size());
     ERR_clear_error();

@@ -1,0 +1,243 @@
+// SPDX-License-Identifier: MIT
+// Load, start-up (event 1) and the first network start (event 2): the order of the steps, each failure, the claim of
+// the status object, the channel's settings, a second life.
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "channel_run.h"
+
+extern "C" int OnPlugLoad(T_PLUG_MGR_PLUG_VAR* ptPlugVar);
+extern "C" char* _plug_kavro_chls_Get_Ver(void);
+
+namespace kvr::test {
+namespace {
+
+using Start = ChannelTest;
+
+TEST_F(Start, LoadSetsOnlyTheEventHandlerOfTheLatestBlock) {
+    std::string text = "^__VERSION_ID__^=Version[KAVRO_v1.1.7_release] Id[$Rev: 152 $] Build[Apr 15 2014]";
+    text.resize(256);
+    EXPECT_EQ(std::string(_plug_kavro_chls_Get_Ver(), 256), text);
+    const Result r = run([] {
+        T_RTCORE_CONTEXT first{};
+        T_PLUG_MGR_PLUG_VAR var;
+        memset(&var, 0x5a, sizeof var);
+        var.ptRTCoreCtx = &first;
+        T_PLUG_MGR_PLUG_VAR before = var;
+        const int result = OnPlugLoad(&var);
+        before.pfnEventHdl = var.pfnEventHdl;
+        trace(kNote, "%d %d", result, memcmp(&before, &var, sizeof var));
+        load();
+        for (int id : {0, 3, 5, -1, 4, 1 << 30}) { // unknown ones, and an exit before any start
+            event(id);
+        }
+    });
+    EXPECT_EQ(r.lines("LNHSTE"), (Lines{"0 0", "event 0 = 0", "event 3 = 0", "event 5 = 0", "event -1 = 0",
+                                        "event 4 = 0", "event 1073741824 = 0"}));
+}
+
+TEST_F(Start, EveryStepInOrder) {
+    const Result r = run_channel();
+    EXPECT_EQ(r.status, kScriptOver);
+    ASSERT_THAT(r.conns, ElementsAre(bind_frame("CH1")));
+    EXPECT_TRUE(in_order(
+        r,
+        {"KVR_InitQmgrCtx(QM1) | KVR_LogSetQMName(QM1) | KVR_ObjGetAttrV(CHL CH1 XMITQ CHLTYPE HBINT DISCINT SSLCAUTH) "
+         "| "
+         "4 [CH1] chltype[SNDR] | 4 HBINT[5] | sigset(13) | sigset(14) | sigset(12) | "
+         "KVR_ObjGetAttrV(CHS CH1 PID STATUS) | 5 KVR_ObjGetAttrV[CHS][CH1] return[-1] | "
+         "KVR_ObjAdd(CHS CH1 PID=PID STATUS=BINDING) | "
+         "KVR_ObjGetAttrV(QMGR QMGR CAFILE CERTFILE KEYFILE KEYPASS DEADQ) | 4 deadq[DLQ] | "
+         "4 ca[ca] cert[cert] key[key] keypass[pw] | KVR_QueOpen(XQ) | event 1 = 0 | "
+         "KVR_ObjGetAttr(CHL CH1 LONGRTY LONGTMR SHORTRTY SHORTTMR CONNAME) | 3 chl[CH1] conn[127.0.0.1(PORT)] | "
+         "KVR_ObjSetAttrV(CHS CH1 STATUS=RETRYING) | 5 begin connect  [127.0.0.1:PORT] | sockSetSTimeOut(4) | "
+         "sockGetHostIp(127.0.0.1) | 4 connect [127.0.0.1:PORT] success | nodelay(1) | "
+         "KVR_ObjSetAttrV(CHS CH1 STATUS=BINDING) | write(78) | 4 binding channel[CH1] [127.0.0.1:PORT] success | "
+         "pipe() | fork() | KVR_ObjSetAttr(CHS CH1 STATUS=RUNING LOCALIP=127.0.0.1 LOCALPORT=PORT1 "
+         "REMOTEIP=127.0.0.1 REMOTEPORT=PORT) | 5 --------------------start recv msg---------------------- | "
+         "alarm(5) | KVR_QueMsgGet()"},
+        "LHSTE"));
+}
+
+/// Fails the installation of one handler.
+Hook no_handler(int sig) {
+    return failing_of(sig, 1, -1, EINVAL);
+}
+
+TEST_F(Start, EachFailureIsToldAndEndsIt) {
+    enum Reached { kNothing, kClaim, kNetworkStart };
+    const std::string bound = "write [78] to receiver error[32:write[78] ret[20] error[32:Broken pipe]] return[-1]";
+    const struct {
+        Reached reached;
+        const char* op;
+        Hook hook;
+        std::string told, after; ///< starts of the lines of level 1
+        int result = -1;         ///< of the network start
+    } failures[] = {
+        {kNothing, "KVR_InitQmgrCtx", failing(-3), "KVR_InitQmgrCtx[-3]", ""},
+        {kNothing, "KVR_ObjGetAttrV", failing(-1, 1, 1), "KVR_ObjGetAttrV[CHL][CH1] return[-1]", ""},
+        {kNothing, "sigset", no_handler(SIGALRM), "sigset SIGALRM error:[22][Invalid argument]", ""},
+        {kNothing, "sigset", no_handler(SIGUSR2), "sigset SIGUSR2 error:[22][Invalid argument]", ""},
+        {kNothing, "KVR_ObjAdd", failing(-5), "KVR_ObjAdd[CHS][CH1] return[-5]", "AddObjStat[CH1] return[-10002]"},
+        {kClaim, "KVR_ObjGetAttrV", failing(-1, 3), "KVR_ObjGetAttrV[QMGR] [QMGR] ret", "InitTcpClient return[-10002]"},
+        {kClaim, "KVR_QueOpen", failing(-8), "KVR_QueOpen[XQ] return[-8]", ""},
+        {kNetworkStart, "KVR_ObjGetAttr", failing(-7), "get chl[CH1] error[-7]", "Connect2Lsr error["},
+        {kNetworkStart, "KVR_ObjSetAttrV", failing(-8, 1, 1), "KVR_ObjSetAttrV[CHS][CH1] return[-8]", "Connect2Lsr e"},
+        {kNetworkStart, "KVR_ObjSetAttrV", failing(-8, 2, 2), "KVR_ObjSetAttrV[CHS][CH1] return[-8]", "BindChl error["},
+        {kNetworkStart, "write", failing(20, 1, 1, EPIPE), bound, "BindChl error["},
+        {kNetworkStart, "pipe", failing(-1, 1, 1, EMFILE), "pipe error[24:Too many open files]", "fork error["},
+        {kNetworkStart, "fork", failing(-1, 1, 1, EAGAIN), "fork error[" + err(EAGAIN) + "]", "fork error["},
+        {kNetworkStart, "KVR_ObjSetAttr", failing(-9), "KVR_ObjSetAttr[CHS][CH1] return[-9]", "", -10002},
+    };
+    for (const auto& c : failures) {
+        SCOPED_TRACE(c.told);
+        host().hooks = {{c.op, c.hook}};
+        const bool up = c.reached == kNetworkStart;
+        const Result r = run_events(up ? std::vector{1, 2, 4} : std::vector{1, 4});
+        Lines told;
+        for (const std::string& line : r.lines("L")) {
+            if (line[0] == '1') {
+                told.push_back(line.substr(2));
+            }
+        }
+        if (up) {
+            ASSERT_FALSE(told.empty()) << r.dump();
+            EXPECT_EQ(told.back(), "SndrNetInit error[" + std::to_string(c.result) + "]");
+            told.pop_back();
+        }
+        ASSERT_EQ(told.size(), c.after.empty() ? 1U : 2U) << r.dump();
+        EXPECT_THAT(told[0], StartsWith(c.told));
+        EXPECT_THAT(told.back(), StartsWith(c.after));
+        EXPECT_TRUE(in_order(r, {up ? "event 2 = -10002" : "event 1 = -10002", "event 4 = 0"}));
+        EXPECT_EQ(r.count("PID=-1 STATUS=STOPED"), c.reached == kNothing ? 0 : 1);
+        EXPECT_EQ(r.count("KVR_QueClose(XQ XQ)"), up ? 1 : 0);
+        EXPECT_EQ(r.count("waitpid()"), c.result == -1 ? 0 : 1) << "only what was started is waited for";
+        EXPECT_EQ(r.count("KVR_QueMsgGet"), 0);
+    }
+}
+
+TEST_F(Start, ChannelNames) {
+    const std::string longest(63, 'Z');
+    const struct {
+        std::string given, bound; ///< the latter empty: refused before anything is asked
+        int options = kOptions;
+        bool missing = false;
+    } cases[] = {{"a", "A"},
+                 {std::string(63, 'z'), longest},
+                 {longest + "Z", ""},
+                 {std::string(5000, 'n'), ""},
+                 {"none in the table", "", kOptions, true},
+                 {"beyond the table", "", RTCORE_ARG_MAX - 4}};
+    host().objects["CHL/A"] = host().objects["CHL/" + longest] = chl();
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.given.substr(0, 70));
+        host().name = c.given;
+        const Result r = run([&c] {
+            load();
+            host().ctx.tRTCoreArgv.iOptc = c.options;
+            if (c.missing) {
+                host().ctx.tRTCoreArgv.tArg[kOptions + 4].psValue = nullptr;
+            }
+            event(1);
+            event(2);
+        });
+        if (c.bound.empty()) {
+            EXPECT_TRUE(in_order(r, {"event 1 = -10002", "event 2 = -10002"}));
+            EXPECT_EQ(r.count("KVR_Obj"), 0);
+            EXPECT_THAT(r.lines("L").at(0), StartsWith("1 channel name missing"));
+        } else {
+            EXPECT_THAT(r.conns, ElementsAre(bind_frame(c.bound)));
+        }
+    }
+}
+
+TEST_F(Start, ClaimsTheStatusObjectUnlessALiveProcessHoldsIt) {
+    const pid_t ended = fork();
+    if (ended == 0) {
+        _exit(0);
+    }
+    waitpid(ended, nullptr, 0);
+    const std::string dead = std::to_string(ended);
+    const std::string live = std::to_string(getpid());
+    const struct {
+        std::string status, pid;
+        bool claimed;
+    } cases[] = {
+        {"STOPED", live, true},   {"RUNING", dead, true},  {"RETRYING", dead, true}, {"RUNING", live, false},
+        {"BINDING", live, false}, {"stoped", live, false}, {"", live, false},        {"RUNING", "", true},
+        {"RUNING", "0", true},    {"RUNING", "-1", true},  {"RUNING", "x", true},
+    };
+    for (const auto& c : cases) {
+        host().objects["CHS/CH1"] = {{"STATUS", c.status}, {"PID", c.pid}};
+        const Result r = run_events({1, 4});
+        const std::string read = "5 CH1 stat [" + c.status + "] pid[" + c.pid + "]";
+        if (c.claimed) {
+            EXPECT_TRUE(in_order(r, {read, "KVR_ObjSetAttrV(CHS CH1 PID=PID STATUS=BINDING)", "event 1 = 0"}));
+        } else {
+            EXPECT_TRUE(in_order(r, {read, "1 CH1 stat[" + c.status + "] pid[" + c.pid + "]",
+                                     "1 AddObjStat[CH1] return[-10002]", "event 1 = -10002"}));
+            EXPECT_EQ(r.count("KVR_ObjSetAttrV("), 0) << "another process's status was written";
+        }
+    }
+    host().objects["CHS/CH1"] = {{"STATUS", "STOPED"}, {"PID", "-1"}};
+    host().hooks["KVR_ObjSetAttrV"] = failing(-6);
+    EXPECT_TRUE(in_order(run_events({1, 4}), {"1 KVR_ObjSetAttrV[CHS][CH1] return[-6]",
+                                              "1 AddObjStat[CH1] return[-10002]", "event 1 = -10002"}));
+}
+
+TEST_F(Start, SettingsAreReadByTheRulesOfTheirTexts) {
+    const struct {
+        std::string type, hbint, ssl;
+        Lines told;
+    } cases[] = {
+        {"sndr", "30", "enable", {"4 HBINT[30]", "1 SndrNetInit error[-1]", "event 2 = -10002"}}, // no files for TLS
+        {"SnDr", " +7s", "ENABLED", {"4 HBINT[7]", "4 deadq[]", "4 ca[] cert[] key[] keypass[]", "alarm(7)"}},
+        {"SNDR", "", "", {"4 HBINT[0]", "alarm(0)"}},
+        {"SNDR", "-5", "DISABLE", {"4 HBINT[-5]", "alarm(0)"}},
+        {"RCVR", "soon", "", {"1 [CH1] chltype[RCVR] fault", "event 1 = -10002"}},
+        {"", "soon", "", {"1 [CH1] chltype[] fault", "event 1 = -10002"}},
+    };
+    for (const auto& c : cases) {
+        chl()["CHLTYPE"] = c.type;
+        chl()["HBINT"] = c.hbint;
+        chl()["SSLCAUTH"] = c.ssl;
+        qmgr() = {};
+        const Result r = run_channel();
+        EXPECT_TRUE(in_order(r, {"4 [CH1] chltype[" + c.type + "]"}));
+        EXPECT_TRUE(in_order(r, c.told));
+    }
+}
+
+// The second life in one process: a first run that left its line flag up, an exit, a new start-up. Descriptor 0 is a
+// socket of somebody else's throughout and must stay untouched.
+TEST_F(Start, ASecondLifeLeaksNothingAndLeavesDescriptorZeroAlone) {
+    int before = 0;
+    int decoy[2];
+    socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, decoy);
+    host().hooks["fork"] = failing(-1, 1, 1, EAGAIN);
+    host().get = {deliver(message("one")), finally([&] {
+                      trace(kNote, "%d more descriptors", open_descriptors() - before);
+                      char byte;
+                      trace(kNote, "decoy %zd", recv(decoy[1], &byte, 1, MSG_DONTWAIT));
+                  })};
+    const Result r = run([&] {
+        dup2(decoy[0], 0);
+        close(decoy[0]);
+        load();
+        before = open_descriptors();
+        for (int id : {1, 2, 4, 1, 2}) {
+            event(id);
+        }
+    });
+    close(decoy[0]);
+    close(decoy[1]);
+    // One connection and one pipe end.
+    EXPECT_TRUE(in_order(r, {"event 2 = -10002", "event 4 = 0", "event 1 = 0", "2 more descriptors", "decoy -1"}));
+    ASSERT_EQ(r.conns.size(), 2U) << r.dump();
+    EXPECT_EQ(r.conns[1], bind_frame("CH1") + data_frame("one"));
+}
+
+} // namespace
+} // namespace kvr::test
