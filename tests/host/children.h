@@ -84,36 +84,4 @@ class Child {
     pid_t pid_;
 };
 
-/// A pipe on which a child tells where it is.
-class Signposts {
-  public:
-    Signposts() { EXPECT_EQ(pipe(ends_), 0); }
-    ~Signposts() {
-        close(ends_[0]);
-        close(ends_[1]);
-    }
-    Signposts(const Signposts&) = delete;
-    Signposts& operator=(const Signposts&) = delete;
-
-    [[nodiscard]] int write_end() const { return ends_[1]; }
-
-    /// Waits until the child has written this byte; false when it does not come in time.
-    [[nodiscard]] bool passed(char wanted) const {
-        for (;;) {
-            pollfd entry{ends_[0], POLLIN, 0};
-            char post = 0;
-            if (poll(&entry, 1, static_cast<int>(std::chrono::milliseconds(kDeadline).count())) != 1 ||
-                read(ends_[0], &post, 1) != 1) {
-                return false;
-            }
-            if (post == wanted) {
-                return true;
-            }
-        }
-    }
-
-  private:
-    int ends_[2]{-1, -1};
-};
-
 } // namespace kvr::test

@@ -1,11 +1,8 @@
 // SPDX-License-Identifier: MIT
 // Exact-length read and write on real sockets: under signals, with peers that stall, drip or go, and under a stop.
-#include <atomic>
-#include <csignal>
 #include <numeric>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -17,7 +14,6 @@
 namespace {
 
 using kvr::test::Child;
-using kvr::test::Signposts;
 
 constexpr int kLarge = 8 << 20;
 constexpr int kStopped = 42;
@@ -35,48 +31,32 @@ struct Sockets {
     int ends[2]{-1, -1};
 };
 
-/// Signals by the thousand for the main flow, no SA_RESTART, while `work` runs in a thread that takes none.
-class Storm {
-  public:
-    explicit Storm(const std::function<void()>& work) {
-        struct sigaction action {};
-        action.sa_handler = [](int) {};
-        sigaction(SIGALRM, &action, nullptr);
-        sigset_t alarm;
-        sigemptyset(&alarm);
-        sigaddset(&alarm, SIGALRM);
-        pthread_sigmask(SIG_BLOCK, &alarm, nullptr);
-        thread_ = std::thread(work);
-        pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
-        const itimerval often{{0, 300}, {0, 300}};
-        setitimer(ITIMER_REAL, &often, nullptr);
-    }
-    ~Storm() {
-        const itimerval calm{};
-        setitimer(ITIMER_REAL, &calm, nullptr);
-        thread_.join();
-    }
-    Storm(const Storm&) = delete;
-    Storm& operator=(const Storm&) = delete;
-
-  private:
-    std::thread thread_;
-};
+/// Alarms for this process from now on, no SA_RESTART; 0: no more.
+void storm(
+    int microseconds, void (*handler)(int) = [](int) {}) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    sigaction(SIGALRM, &action, nullptr);
+    const itimerval often{{0, microseconds}, {0, microseconds}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+}
 
 TEST(Stream, CarriesEveryByteUnderSignals) {
     std::vector<unsigned> sent(kLarge / sizeof(unsigned));
     std::iota(sent.begin(), sent.end(), 0x01020304U);
     for (const bool on_pipe : {false, true}) {
-        std::vector<unsigned> received(sent.size());
         const Sockets sockets(on_pipe);
-        int progress = -1;
-        {
-            const Storm storm(
-                [&] { EXPECT_EQ(streamReadNByte(received.data(), kLarge, &progress, sockets.ends[0]), kLarge); });
-            EXPECT_EQ(streamWriteNByte(sent.data(), kLarge, sockets.ends[1]), kLarge);
-        }
-        EXPECT_EQ(progress, kLarge);
-        EXPECT_EQ(sent, received);
+        Child reader = Child::fork_off([&] {
+            storm(300);
+            std::vector<unsigned> received(sent.size());
+            int progress = -1;
+            const int result = streamReadNByte(received.data(), kLarge, &progress, sockets.ends[0]);
+            return result == kLarge && progress == kLarge && received == sent ? 0 : 1;
+        });
+        storm(300);
+        EXPECT_EQ(streamWriteNByte(sent.data(), kLarge, sockets.ends[1]), kLarge);
+        storm(0);
+        EXPECT_EQ(reader.result(), 0);
     }
 }
 
@@ -92,8 +72,7 @@ TEST(Stream, TellsWhyItFailed) {
     EXPECT_EQ(errno, EBADF);
     EXPECT_EQ(got, 0);
 
-    close(sockets.ends[1]);
-    sockets.ends[1] = -1;
+    close(std::exchange(sockets.ends[1], -1));
     const struct {
         int length;
         int sock;
@@ -111,20 +90,21 @@ TEST(Stream, TellsWhyItFailed) {
 TEST(Stream, ADrippingReaderCannotProlongTheSendTimeOut) {
     std::vector<char> bytes(kLarge);
     for (const bool drips : {false, true}) {
-        Sockets sockets;
+        const Sockets sockets;
         const timeval limit{0, 300000};
         setsockopt(sockets.ends[1], SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
-        std::atomic<bool> done = false;
-        const Storm storm([&] {
-            char buffer[4096];
-            while (drips && !done) {
-                [[maybe_unused]] const ssize_t got = recv(sockets.ends[0], buffer, sizeof(buffer), MSG_DONTWAIT);
+        const Child reader = Child::fork_off([&] {
+            while (drips) {
                 usleep(2000); // slow on purpose: at most 2 MB/s
+                char buffer[4096];
+                [[maybe_unused]] const ssize_t got = read(sockets.ends[0], buffer, sizeof(buffer));
             }
+            return pause();
         });
+        storm(300);
         EXPECT_EQ(streamWriteNByte(bytes.data(), kLarge, sockets.ends[1]), -1);
         EXPECT_EQ(errno, EAGAIN);
-        done = true;
+        storm(0);
     }
 }
 
@@ -132,56 +112,50 @@ void end_stopped(kvr::StopPlace place) {
     _exit(place == kvr::StopPlace::kMidMessage ? kStopped : 1);
 }
 
-/// Runs `work` on a socket that nobody reads, in a child with a stop hook, and sends the stop signal until it ends.
+/// Runs `work` on a socket that nobody reads, in a child with a stop hook under stop signals.
 int stopped_in(const std::function<int(int)>& work) {
-    Sockets sockets;
-    Signposts posts;
+    const Sockets sockets;
     Child child = Child::fork_off([&] {
-        struct sigaction action {};
-        action.sa_handler = [](int) { kvr::stop_request(); };
-        sigaction(SIGTERM, &action, nullptr);
         kvr::stop_set_hook(end_stopped);
-        return write(posts.write_end(), "W", 1) == 1 ? work(sockets.ends[1]) : 1;
+        storm(10000, [](int) { kvr::stop_request(); });
+        return work(sockets.ends[1]);
     });
-    EXPECT_TRUE(posts.passed('W'));
-    return child.result_under(SIGTERM);
+    return child.result();
 }
 
 int g_sock = -1;
 int g_result = 0;
 
 TEST(StreamStop, AStalledWriteInAHandlerFails) {
-    EXPECT_EQ(stopped_in([](int sock) {
-                  g_sock = sock;
-                  struct sigaction action {};
-                  action.sa_handler = [](int) {
-                      static char s_bytes[kLarge];
-                      const int result = streamWriteNByte(s_bytes, kLarge, g_sock);
-                      g_result = result == -1 && errno == EINTR ? 7 : 1;
-                  };
-                  sigaction(SIGALRM, &action, nullptr);
-                  raise(SIGALRM);
-                  return g_result;
-              }),
-              7);
+    const auto write_in_handler = [](int sock) {
+        g_sock = sock;
+        std::signal(SIGUSR1, [](int) {
+            static char s_bytes[kLarge];
+            const int result = streamWriteNByte(s_bytes, kLarge, g_sock);
+            g_result = result == -1 && errno == EINTR ? 7 : 1;
+        });
+        raise(SIGUSR1);
+        return g_result;
+    };
+    EXPECT_EQ(stopped_in(write_in_handler), 7);
 }
 
 TEST(StreamStop, WritesThatNeverWaitGoOnForAWhileOnly) {
-    EXPECT_EQ(stopped_in([](int /*sock*/) {
-                  const Sockets open;
-                  char bytes[64] = {};
-                  kvr::stop_set_hook([](kvr::StopPlace) { _exit(1); }); // the message in hand was not finished
-                  kvr::stop_request();
-                  if (streamWriteNByte(bytes, sizeof(bytes), open.ends[1]) != sizeof(bytes)) {
-                      return 1;
-                  }
-                  kvr::stop_set_hook(end_stopped);
-                  for (;;) {
-                      streamReadNByte(bytes, sizeof(bytes), nullptr, open.ends[0]);
-                      streamWriteNByte(bytes, sizeof(bytes), open.ends[1]);
-                  }
-              }),
-              kStopped);
+    const auto write_on_and_on = [](int /*sock*/) {
+        const Sockets open;
+        char bytes[64] = {};
+        kvr::stop_set_hook([](kvr::StopPlace) { _exit(1); }); // the message in hand was not finished
+        kvr::stop_request();
+        if (streamWriteNByte(bytes, sizeof(bytes), open.ends[1]) != sizeof(bytes)) {
+            return 1;
+        }
+        kvr::stop_set_hook(end_stopped);
+        for (;;) {
+            streamReadNByte(bytes, sizeof(bytes), nullptr, open.ends[0]);
+            streamWriteNByte(bytes, sizeof(bytes), open.ends[1]);
+        }
+    };
+    EXPECT_EQ(stopped_in(write_on_and_on), kStopped);
 }
 
 } // namespace

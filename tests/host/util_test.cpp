@@ -20,9 +20,6 @@
 namespace {
 
 using kvr::test::Child;
-using kvr::test::Signposts;
-
-int g_lookup_post = -1;
 
 /// What the scripted resolver answers, and what the host makes of it.
 constexpr struct {
@@ -53,9 +50,9 @@ extern "C" KVR_EXPORT int getaddrinfo(const char* node, const char* /*service*/,
             return lookup.code;
         }
     }
-    [[maybe_unused]] const ssize_t wrote = write(g_lookup_post, "L", 1);
-    for (;;) {
-        pause();
+    for (;;) { // hangs, and the stop is asked for meanwhile
+        kill(getpid(), SIGTERM);
+        usleep(1000);
     }
 }
 
@@ -80,12 +77,8 @@ TEST(HostAddress, ResolvesOrTellsWhy) {
 
 TEST(HostAddress, StopsDuringALookUpThatHangs) {
     constexpr int kStopped = 42;
-    Signposts posts;
-    Child child = Child::fork_off([&] {
-        g_lookup_post = posts.write_end();
-        struct sigaction action {};
-        action.sa_handler = [](int) { kvr::stop_request(); };
-        sigaction(SIGTERM, &action, nullptr);
+    Child child = Child::fork_off([] {
+        std::signal(SIGTERM, [](int) { kvr::stop_request(); });
         kvr::stop_set_hook([](kvr::StopPlace place) { _exit(place == kvr::StopPlace::kMidMessage ? kStopped : 1); });
         // The channel holds its signals while it connects; that must not hold up a stop.
         sigset_t held;
@@ -93,19 +86,18 @@ TEST(HostAddress, StopsDuringALookUpThatHangs) {
         sigaddset(&held, SIGUSR2);
         sigprocmask(SIG_BLOCK, &held, nullptr);
         char address[16];
-        return sockGetHostIp(const_cast<char*>("hangs.test"), address) < 0 ? 1 : 2;
+        return sockGetHostIp(const_cast<char*>("hangs.test"), address);
     });
-    ASSERT_TRUE(posts.passed('L'));
-    EXPECT_EQ(child.result_under(SIGTERM), kStopped);
+    EXPECT_EQ(child.result(), kStopped);
 }
 
 TEST(Text, BaseNameAndUpperCase) {
     const std::string long_name(2000, 'n');
-    const std::pair<std::string, std::string> cases[] = {{"/a/b/c.txt", "c.txt"},
+    const std::pair<std::string, std::string> cases[] = {{"/a/c.txt", "c.txt"},
                                                          {"c.txt", "c.txt"},
                                                          {"/a/b/", "b"},
                                                          {"", ""},
-                                                         {"/d/" + long_name, long_name.substr(0, 1023)}};
+                                                         {"/d/" + long_name, long_name.substr(977)}};
     for (const auto& [given, expected] : cases) {
         std::string path = given;
         EXPECT_EQ(strBaseName(path.data()), expected) << given;
@@ -133,64 +125,27 @@ TEST(Process, ExistsOnlyWhileItRunsAndIsOneToSignal) {
     EXPECT_EQ(child.result(), -SIGKILL);
 }
 
-/// Two ends of a TCP connection over the loopback interface.
-class Connection : public testing::Test {
-  protected:
-    Connection() {
-        const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-        socklen_t length = sizeof(address);
-        EXPECT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
-        EXPECT_EQ(listen(listener, 1), 0);
-        getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
-        EXPECT_EQ(connect(near_, reinterpret_cast<sockaddr*>(&address), length), 0);
-        far_ = accept(listener, nullptr, nullptr);
-        port_ = ntohs(address.sin_port);
-        close(listener);
-    }
-    ~Connection() override {
-        close(near_);
-        close(far_);
-    }
-
-    /// sockCanRead, once the near end has something to say.
-    int can_read_at_last(int sock) const {
-        pollfd entry{near_, POLLIN, 0};
-        EXPECT_EQ(poll(&entry, 1, 30000), 1);
-        return sockCanRead(sock);
-    }
-
-    int near_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int far_ = -1;
-    int port_ = 0;
-};
-
-TEST_F(Connection, IsReadableWithDataOrAtItsEnd) {
-    EXPECT_EQ(sockCanRead(near_), 0);
-    ASSERT_EQ(send(far_, "x", 1, 0), 1);
-    EXPECT_EQ(can_read_at_last(near_), 1);
-    // Below the low-water mark data does not count; the end of the stream always does.
-    const int mark = 100;
-    setsockopt(near_, SOL_SOCKET, SO_RCVLOWAT, &mark, sizeof(mark));
-    EXPECT_EQ(sockCanRead(near_), 0);
-    shutdown(far_, SHUT_WR);
-    EXPECT_EQ(can_read_at_last(near_), 1);
-}
-
-TEST_F(Connection, IsTestedBeyondTheSizeOfADescriptorSet) {
+TEST(Socket, IsReadableWithDataOrAtItsEndBeyondTheSizeOfADescriptorSetToo) {
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
     if (limit.rlim_max <= FD_SETSIZE) {
         GTEST_SKIP() << "descriptors are limited to " << limit.rlim_max;
     }
-    const rlimit before = std::exchange(limit, {limit.rlim_max, limit.rlim_max});
+    limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
-    const int high = fcntl(near_, F_DUPFD_CLOEXEC, FD_SETSIZE);
-    setrlimit(RLIMIT_NOFILE, &before);
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    const int high = fcntl(ends[0], F_DUPFD_CLOEXEC, FD_SETSIZE);
     ASSERT_GE(high, FD_SETSIZE);
     EXPECT_EQ(sockCanRead(high), 0);
-    shutdown(far_, SHUT_WR);
-    EXPECT_EQ(can_read_at_last(high), 1);
+    char byte = 'x';
+    ASSERT_EQ(write(ends[1], &byte, 1), 1);
+    EXPECT_EQ(sockCanRead(high), 1);
+    ASSERT_EQ(read(high, &byte, 1), 1);
+    EXPECT_EQ(sockCanRead(high), 0);
+    close(ends[1]);
+    EXPECT_EQ(sockCanRead(high), 1) << "the end of the stream";
+    close(ends[0]);
     close(high);
     for (const int closed : {high, -1}) {
         errno = 0;
@@ -199,27 +154,27 @@ TEST_F(Connection, IsTestedBeyondTheSizeOfADescriptorSet) {
     }
 }
 
-TEST_F(Connection, TakesOptionsAndTellsItsAddress) {
-    sockSetKeepAlive(near_);
-    int on = 0;
-    socklen_t length = sizeof(on);
-    getsockopt(near_, SOL_SOCKET, SO_KEEPALIVE, &on, &length);
-    EXPECT_EQ(on, 1);
-    for (const int seconds : {7, 0, 9}) {
-        sockSetSTimeOut(near_, seconds);
-        sockSetRTimeOut(near_, seconds + 1);
-        for (const auto& [option, expected] : {std::pair(SO_SNDTIMEO, seconds), {SO_RCVTIMEO, seconds + 1}}) {
-            timeval limit{};
-            length = sizeof(limit);
-            getsockopt(near_, SOL_SOCKET, option, &limit, &length);
-            EXPECT_EQ(limit.tv_sec, expected);
-        }
-    }
+TEST(Socket, TakesOptionsAndTellsItsAddress) {
+    const int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in given{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t length = sizeof(given);
+    ASSERT_EQ(bind(sock, reinterpret_cast<sockaddr*>(&given), length), 0);
+    getsockname(sock, reinterpret_cast<sockaddr*>(&given), &length);
     char address[16] = {};
     int port = 0;
-    EXPECT_EQ(sockGetLocalAddr(far_, address, &port), 0);
+    EXPECT_EQ(sockGetLocalAddr(sock, address, &port), 0);
     EXPECT_STREQ(address, "127.0.0.1");
-    EXPECT_EQ(port, port_);
+    EXPECT_EQ(port, ntohs(given.sin_port));
+    sockSetKeepAlive(sock);
+    sockSetSTimeOut(sock, 7);
+    sockSetRTimeOut(sock, 9);
+    for (const auto& [option, expected] : {std::pair(SO_KEEPALIVE, 1), {SO_SNDTIMEO, 7}, {SO_RCVTIMEO, 9}}) {
+        timeval value{}; // the seconds come first
+        length = sizeof(value);
+        getsockopt(sock, SOL_SOCKET, option, &value, &length);
+        EXPECT_EQ(static_cast<int>(value.tv_sec), expected) << option;
+    }
+    close(sock);
 }
 
 } // namespace

@@ -94,12 +94,11 @@ TEST_F(HostOpsTest, DeadLetterPutTakesTheMessageAlongOrItIsHeld) {
     const auto dead = open("DEAD");
     EXPECT_EQ(text(source), "0");
     EXPECT_EQ(put(dead), Errc{});
-    const auto getter = store_->drain("DEAD");
+    EXPECT_THAT(shown(), ElementsAre("1", "2", "3", "4")) << "off its queue at once";
     files_ = {};
-    EXPECT_EQ(getter->next(got_, buffer_, false), 1);
+    EXPECT_EQ(store_->drain("DEAD")->next(got_, buffer_, false), 1);
     EXPECT_EQ(files_.iNum, 2);
     EXPECT_STREQ(files_.sFiles[1], "/f/2");
-
     EXPECT_EQ(text(source), "1");
     T_KVR_QUE_OBJ_HANDLE none = nullptr;
     EXPECT_EQ(Errc{KVR_QueOpen(context_.hQueDB, c("NONE"), &none, 0)}, Errc::kNotFound);
