@@ -89,6 +89,9 @@ void altered_file(Scene& scene) {
     bytes.back() ^= 1;
     std::ofstream(path) << bytes;
 }
+void longer_file(Scene& scene) {
+    std::ofstream(scene.delivered[3].data, std::ios::app) << 'x';
+}
 
 TEST(Judge, FindsEveryFaultAndNoOther) {
     constexpr std::uint64_t kTwoSmallOnes = 2 * (75 + 272) + 100 + 200;
@@ -105,7 +108,6 @@ TEST(Judge, FindsEveryFaultAndNoOther) {
     } cases[] = {
         {"nothing", {}, [](Scene&) {}, {}},
         {"altered", {}, [](Scene& s) { s.delivered[1].data[77] ^= 1; }, {"message 2 of 200 bytes"}},
-        {"cut short", {}, [](Scene& s) { s.delivered[4].data.pop_back(); }, {"499 bytes arrived"}},
         {"descriptor", {}, [](Scene& s) { s.delivered[0].descriptor.iPriority ^= 1; }, {"descriptor has changed"}},
         {"its last field", {}, [](Scene& s) { s.delivered[0].descriptor.sPutTime[5] = '9'; }, {"descriptor has"}},
         {"foreign", {1, 900}, [](Scene& s) { s.delivered[0].descriptor.sMsgId[0] = 'U'; }, {"never put"}},
@@ -117,20 +119,10 @@ TEST(Judge, FindsEveryFaultAndNoOther) {
         {"lost beyond the window", {1, kTwoSmallOnes - 1}, lose_two, {"message 2 is nowhere"}},
         {"lost at two places", {1, 900}, lose_both_ends, {"missing at 2 places"}},
         {"altered file", {}, altered_file, {"is not the one that was sent"}},
-        {"longer file",
-         {},
-         [](Scene& s) { std::ofstream(s.delivered[3].data, std::ios::app) << 'x'; },
-         {"4: the file"}},
-        {"vanished file", {}, [](Scene& s) { fs::remove(s.delivered[3].data); }, {"message 4: the file"}},
-        {"dropped file",
-         {},
-         [](Scene& s) { s.delivered[2].attachments.pop_back(); },
-         {"1 files instead of 2", "no message"}},
+        {"longer file", {}, longer_file, {"message 4: the file"}},
+        {"fewer files", {}, [](Scene& s) { s.delivered[2].attachments.pop_back(); }, {"1 files instead", "no message"}},
         {"strange file", {}, [](Scene& s) { std::ofstream(s.spool / "half") << 'x'; }, {"belongs to no message"}},
-        {"no header",
-         {},
-         [](Scene& s) { s.delivered.push_back(std::exchange(s.dead, {})[0]); },
-         {"has no destination"}},
+        {"no header", {}, [](Scene& s) { s.delivered.push_back(std::exchange(s.dead, {})[0]); }, {"no destination"}},
         {"dead letter altered", {}, [](Scene& s) { s.dead[0].data.back() ^= 1; }, {"message 6 has changed"}},
         {"waits with its header", {}, waiting_only, {}},
         {"delivered and waiting", {}, also_waiting, {"1 second copies"}},

@@ -56,6 +56,7 @@ class EnvironmentTest : public StoreTest {
 
 TEST_F(EnvironmentTest, RefusesAStoreThatOthersCanWriteOrThatIsNone) {
     EXPECT_EQ(Store::open(dir_ / "." / "store" / ".."), store_) << "a process opens an environment once";
+    EXPECT_EQ(fs::status(dir_).permissions(), fs::perms::owner_all);
     store_.reset();
     for (const char* part : {"", "store", "store/data.mdb", "store/lock.mdb", "queues"}) {
         for (const fs::perms writable : {fs::perms::group_write, fs::perms::others_write}) {
