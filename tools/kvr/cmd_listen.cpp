@@ -60,9 +60,11 @@ void add_tls_options(CLI::App& command, TlsOptions& tls) {
         ->group(group)
         ->type_name("FILE");
     command
-        .add_option("--client-cert", tls.client_cert, "Ask senders for a certificate: none, optional, required [none]")
+        .add_option_function<std::string>(
+            "--client-cert", [&tls](const std::string& mode) { tls.client_cert = kClientCerts.at(mode); },
+            "Ask senders for a certificate: none, optional, required [none]")
         ->group(group)
-        ->transform(CLI::CheckedTransformer(kClientCerts, CLI::ignore_case))
+        ->transform(CLI::IsMember({"none", "optional", "required"}, CLI::ignore_case).description(""))
         ->type_name("MODE");
     command.add_option("--tls-min", tls.min_version, "Lowest version: 1.2 or 1.3 [1.2]")->group(group)->type_name("V");
     command.add_option("--tls-max", tls.max_version, "Highest version: 1.2 or 1.3 [1.3]")->group(group)->type_name("V");

@@ -26,9 +26,11 @@ std::string openssl_reason() {
             ERR_clear_error();
             return std::strerror(ERR_GET_REASON(code));
         }
-        const char* const reason = ERR_reason_error_string(code);
-        text +=
-            (text.empty() ? "" : "; ") + (reason != nullptr ? std::string(reason) : fmt::format("error {:x}", code));
+        const char* const known = ERR_reason_error_string(code);
+        const std::string reason = known != nullptr ? std::string(known) : fmt::format("error {:x}", code);
+        if (text.find(reason) == std::string::npos) { // each layer reports what the one below it did
+            text += (text.empty() ? "" : ", ") + reason;
+        }
     }
     return text.empty() ? "no reason given" : text;
 }
@@ -58,7 +60,8 @@ std::string first_line(const std::filesystem::path& path) {
     std::ifstream file(path);
     std::string line;
     if (!file || (!std::getline(file, line) && !file.eof())) {
-        throw Error(Errc::kIo, fmt::format("cannot read the pass phrase file {}", escaped(path.native())));
+        throw Error(Errc::kIo, fmt::format("cannot read the pass phrase file {}: check its path and permissions",
+                                           escaped(path.native())));
     }
     return line;
 }
@@ -104,8 +107,11 @@ TlsServer::TlsServer(const TlsOptions& options) : context_(SSL_CTX_new(TLS_serve
     require(key_fits,
             fmt::format("cannot use the key {} with the certificate {}", escaped(key.native()),
                         escaped(options.cert.native())),
-            phrase.asked ? "; the key is encrypted: give the file of its pass phrase with --key-pass-file"
-                         : "; give the certificate's own key, PEM, with --key");
+            !phrase.asked                   ? "; give the certificate's own key, PEM, with --key"
+            : options.key_pass_file.empty() ? "; the key is encrypted: give the file of its pass phrase with "
+                                              "--key-pass-file"
+                                            : "; the key is encrypted: check the pass phrase in the file of "
+                                              "--key-pass-file");
     if (!options.ca.empty()) {
         require(SSL_CTX_load_verify_locations(context, options.ca.c_str(), nullptr) == 1,
                 fmt::format("cannot use the CA file {}", escaped(options.ca.native())),
