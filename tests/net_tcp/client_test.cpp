@@ -166,7 +166,7 @@ TEST_P(ClientTest, WithoutAConnectionNothingTouchesDescriptorZero) {
     char byte = 0;
     int done = 3;
     EXPECT_EQ(record_.pfnRead(&record_, &byte, 1, &done, 0), -1);
-    EXPECT_EQ(client_.error(), "read[1:3] ret[-1] error[" + reason);
+    EXPECT_EQ(client_.error(), "read[1:0] ret[-1] error[" + reason);
     EXPECT_EQ(client_.close(), 0);
     EXPECT_GE(dup2(saved, 0), 0) << "descriptor 0 was closed";
     EXPECT_LT(::read(ends[0], &byte, 1), 0);

@@ -142,6 +142,7 @@ std::vector<Entry> trace_entries() {
     fstat(trace_file, &info);
     std::string whole(static_cast<size_t>(info.st_size), '\0');
     whole.resize(static_cast<size_t>(pread(trace_file, whole.data(), whole.size(), 0)));
+    whole.resize(whole.rfind('\0') + 1); // without an entry of which a first part is written
     std::vector<Entry> all;
     for (size_t at = 0; at < whole.size(); at = whole.find('\0', at) + 1) {
         int pid = 0;
