@@ -125,7 +125,7 @@ TEST_F(KvrChannel, ARunningOneRefusesASecondWorkerAndItsDeletion) {
 TEST_F(KvrChannel, AWorkerEndsAtEachStopSignalOrIsKilled) {
     define();
     for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
-        Child worker = running();
+        Child worker = running([] { std::signal(SIGHUP, SIG_DFL); }); // the tests may run under nohup
         kill(worker.pid(), signal);
         EXPECT_EQ(worker.result(), 0) << signal;
         EXPECT_EQ(status(), "STOPED -1");
