@@ -16,7 +16,9 @@ constexpr std::uint64_t kWidth = 40;
 } // namespace
 
 Progress::Progress(std::uint64_t total)
-    : total_(std::max<std::uint64_t>(total, 1)), shown_(::isatty(STDERR_FILENO) == 1) {}
+    : total_(std::max<std::uint64_t>(total, 1)), shown_(::isatty(STDERR_FILENO) == 1) {
+    next_ = start_ + kRedraw; // nothing for what is done at once
+}
 
 Progress::~Progress() {
     if (drawn_) {
