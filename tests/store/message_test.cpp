@@ -12,8 +12,6 @@ using testing::IsEmpty;
 
 TEST_F(StoreTest, MessageComesBackAsItWasPut) {
     T_KAVRO_MD sent = descriptor_;
-    std::memset(sent.sMsgId, 'm', sizeof sent.sMsgId);
-    sent.iMsgType = -7;
     sent.iMsgFlags = 8;
     std::memcpy(sent.sPutTime, "120000", 7);
     const Texts files{"/spool/a", std::string(511, 'b')};
@@ -26,18 +24,14 @@ TEST_F(StoreTest, MessageComesBackAsItWasPut) {
     std::vector<char> buffer(kMaxMessage);
     T_KAVRO_MD got = blank_descriptor();
     got.pOptData = &list;
-    EXPECT_EQ(code_of([&] { return getter->next(got, std::span(buffer).first(kMaxMessage - 1), false); }),
-              Errc::kTooLarge);
+    EXPECT_EQ(code_of([&] { return getter->next(got, std::span(buffer).subspan(1), false); }), Errc::kTooLarge);
     ASSERT_EQ(getter->next(got, buffer, false), static_cast<std::int64_t>(kMaxMessage)) << "a refused one stays";
     EXPECT_TRUE(std::equal(data.begin(), data.end(), buffer.begin()));
-    EXPECT_EQ(got.iMsgFlags, 8 | KVR_MSGFLAG_ACCESSORIES);
-    got.iMsgFlags = sent.iMsgFlags;
-    EXPECT_EQ(std::exchange(got.pOptData, nullptr), &list);
-    EXPECT_EQ(std::memcmp(&got, &sent, sizeof got), 0); // NOLINT: the bytes are what is kept
     EXPECT_EQ(list.iNum, 2);
     EXPECT_EQ(list.sFiles[1], files[1]);
-
-    got.pOptData = &list;
+    sent.iMsgFlags = 8 | KVR_MSGFLAG_ACCESSORIES;
+    sent.pOptData = &list;
+    EXPECT_EQ(std::memcmp(&got, &sent, sizeof got), 0); // NOLINT: the bytes are what is kept
     EXPECT_EQ(getter->next(got, buffer, false), 0);
     EXPECT_EQ(got.iMsgFlags, 0);
     EXPECT_EQ(list.iNum, 2) << "a message without files leaves the record alone";
