@@ -16,21 +16,20 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-/// A file system of 8 MiB at a folder, for as long as this lives.
+/// A file system of 8 MiB, for as long as this lives.
 class SmallDisk {
   public:
-    explicit SmallDisk(fs::path folder) : folder_(std::move(folder)) {
-        mounted_ = ::mount("tmpfs", folder_.c_str(), "tmpfs", 0, "size=8m") == 0;
-    }
+    SmallDisk() : folder_(new_folder()) { mounted_ = ::mount("tmpfs", folder_.c_str(), "tmpfs", 0, "size=8m") == 0; }
     ~SmallDisk() {
-        if (mounted_) {
-            (void)::umount2(folder_.c_str(), MNT_DETACH);
-        }
+        (void)::umount2(folder_.c_str(), MNT_DETACH);
+        std::error_code ignored;
+        fs::remove_all(folder_, ignored);
     }
     SmallDisk(const SmallDisk&) = delete;
     SmallDisk& operator=(const SmallDisk&) = delete;
 
     [[nodiscard]] bool mounted() const { return mounted_; }
+    [[nodiscard]] const fs::path& folder() const { return folder_; }
 
     /// Takes the last byte, and takes it again whenever it comes back.
     void fill() {
@@ -46,36 +45,6 @@ class SmallDisk {
   private:
     fs::path folder_;
     bool mounted_ = false;
-};
-
-/// A field whose home, stores and logs lie on a small disk.
-class SmallField {
-  public:
-    SmallField() {
-        std::string name = (fs::temp_directory_path() / "kvr-small.XXXXXX").native();
-        folder_ = ::mkdtemp(name.data());
-        disk_.emplace(folder_);
-        const char* before = std::getenv("TMPDIR");
-        const std::string saved = before == nullptr ? "" : before;
-        (void)::setenv("TMPDIR", folder_.c_str(), 1);
-        field_.emplace();
-        (void)(before == nullptr ? ::unsetenv("TMPDIR") : ::setenv("TMPDIR", saved.c_str(), 1));
-    }
-    ~SmallField() {
-        field_.reset();
-        disk_.reset();
-        std::error_code ignored;
-        fs::remove_all(folder_, ignored);
-    }
-    SmallField(const SmallField&) = delete;
-    SmallField& operator=(const SmallField&) = delete;
-    Field& field() { return *field_; }
-    SmallDisk& disk() { return *disk_; }
-
-  private:
-    fs::path folder_;
-    std::optional<SmallDisk> disk_;
-    std::optional<Field> field_;
 };
 
 /// Puts messages until one is refused for lack of room.
@@ -95,11 +64,11 @@ void record_seconds(const char* what, Clock::time_point since) {
 }
 
 TEST(Exhaustion, FullDiskOfTheSender) {
-    SmallField small;
-    if (!small.disk().mounted()) {
+    SmallDisk disk;
+    if (!disk.mounted()) {
         GTEST_SKIP() << "no file system can be mounted here";
     }
-    Field& sender = small.field();
+    Field sender(Carrier::kPlain, disk.folder());
     Field other; // the receiver has a disk of its own
     Child listener = other.listen();
     sender.set_channel({{"CONNAME", "127.0.0.1(" + std::to_string(other.port()) + ")"}});
@@ -113,7 +82,7 @@ TEST(Exhaustion, FullDiskOfTheSender) {
     };
     sender.put(MessageKind::kHeaderless, 1, 100, 100);
     put_until_full(sender);
-    small.disk().fill();
+    disk.fill();
     // A put from outside says so and leaves nothing behind.
     Child put = other.start({"--home", sender.home().native(), "--qmgr", kSender, "put", kXmitQueue,
                              std::string(20'000, 'x'), "--dest", kTarget});
@@ -124,7 +93,7 @@ TEST(Exhaustion, FullDiskOfTheSender) {
     {
         Child worker = sender.run_channel();
         await("the queue to drain", [&] {
-            small.disk().fill();
+            disk.fill();
             return sender.depth() == 0;
         });
         other.await_arrived(sender.ledger().size() - 1);
@@ -136,8 +105,8 @@ TEST(Exhaustion, FullDiskOfTheSender) {
     judge(0);
     Child worker = sender.run_channel();
     sender.await_status("RUNING");
-    small.disk().fill();
-    small.disk().give_back();
+    disk.fill();
+    disk.give_back();
     const auto since = Clock::now();
     sender.put(MessageKind::kData, 5, 30'000, 30'000);
     other.await_arrived(sender.ledger().size() - 1);
@@ -148,35 +117,35 @@ TEST(Exhaustion, FullDiskOfTheSender) {
 
 // Messages and files that find no room wait at the listener and behind it; getting makes room.
 TEST(Exhaustion, FullDiskOfTheReceiver) {
-    SmallField small;
-    if (!small.disk().mounted()) {
+    SmallDisk disk;
+    if (!disk.mounted()) {
         GTEST_SKIP() << "no file system can be mounted here";
     }
-    Field& receiver = small.field();
+    Field receiver(Carrier::kPlain, disk.folder());
     Field sender;
     Child listener = receiver.listen();
     sender.set_channel({{"CONNAME", "127.0.0.1(" + std::to_string(receiver.port()) + ")"}, {"SHORTTMR", "60"}});
     const auto out = [&] { return contents(receiver.home() / "out"); };
     Child worker = sender.run_channel();
-    small.disk().fill();
+    disk.fill();
     sender.put(MessageKind::kAttached, 1, 100, 100);
     sender.put(MessageKind::kData, 400, 30'000, 30'000);
     await("the listener to say that there is no room",
           [&] { return out().find("no room for a file [28:") != std::string::npos; });
     EXPECT_EQ(receiver.arrived(), 0U);
-    small.disk().give_back();
+    disk.give_back();
     auto since = Clock::now();
     receiver.await_arrived(1);
     record_seconds("seconds to the first file after room came back", since);
     await("a full store", [&] {
-        small.disk().fill();
+        disk.fill();
         return out().find("cannot deliver") != std::string::npos;
     });
     // Taking messages off makes room for the next ones, with a disk that stays full.
     receiver.set_prelude("exec >/dev/null; exec");
     Child get = receiver.start({"--qmgr", kReceiver, "get", kTarget, "--count", "20", "--raw"});
     EXPECT_EQ(get.result(), 0) << out();
-    small.disk().give_back();
+    disk.give_back();
     since = Clock::now();
     const std::uint64_t wanted = sender.ledger().size();
     std::uint64_t taken = 20;

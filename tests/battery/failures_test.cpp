@@ -2,7 +2,6 @@
 // Every host operation and every system call of the channel's roads fails once, each in turn, with each of its
 // plausible errors. Whatever fails: the channel goes on, or ends with status 1 and works when it is started again; the
 // log says what failed; nothing hangs and nothing is lost.
-#include <fstream>
 #include <map>
 #include <optional>
 #include <set>
@@ -90,7 +89,6 @@ class Failures : public ::testing::TestWithParam<RoadCase> {
         field_->set_channel({{"SHORTTMR", "0"}, {"SHORTRTY", "5"}});
         listener_.emplace(field_->listen());
         injector_.emplace(*field_);
-        attacks_.open(field_->home() / "attacks");
     }
 
     /// One failure. False when the road has no such call any more.
@@ -105,7 +103,6 @@ class Failures : public ::testing::TestWithParam<RoadCase> {
     std::optional<Child> listener_;
     std::optional<Injector> injector_;
     std::optional<Child> worker_;
-    std::ofstream attacks_; ///< what failed when, for who looks into a failed test
     std::set<std::string> struck_;
     int failures_ = 0;
     unsigned ends_ = 0;
@@ -182,8 +179,6 @@ bool Failures::fail(int target, int error) {
     const bool waits = injector_->done(*worker_, "a failed call");
     const inject::Control& control = injector_->control();
     const std::string what = std::string(control.name) + " with " + std::to_string(control.value);
-    attacks_ << field_->ledger().size() << " call " << control.fired << " " << what << (waits ? "" : ", ended")
-             << std::endl;
     const int ended_well = road == Road::kStop ? 0 : 1;
     if (!waits && !HasFailure()) {
         EXPECT_EQ(worker_->result(), ended_well) << "after " << what;

@@ -59,12 +59,7 @@ void make_qmgr(const fs::path& home, const std::string& name) {
 
 } // namespace
 
-Field::Field(Carrier carrier) : carrier_(carrier) {
-    std::string name = (fs::temp_directory_path() / "kvr-battery.XXXXXX").native();
-    if (::mkdtemp(name.data()) == nullptr) {
-        throw std::runtime_error("no temporary folder");
-    }
-    home_ = name;
+Field::Field(Carrier carrier, const fs::path& where) : home_(new_folder(where)), carrier_(carrier) {
     for (const char* folder : {"files", "spool"}) {
         fs::create_directory(home_ / folder);
     }
@@ -89,6 +84,14 @@ Field::Field(Carrier carrier) : carrier_(carrier) {
         const TlsMaterial& tls = tls_material();
         set_qmgr({{"CAFILE", tls.ca_file}, {"CERTFILE", tls.client.cert_file}, {"KEYFILE", tls.client.key_file}});
     }
+}
+
+fs::path new_folder(const fs::path& where) {
+    std::string name = (where / "kvr-battery.XXXXXX").native();
+    if (::mkdtemp(name.data()) == nullptr) {
+        throw std::runtime_error("no temporary folder");
+    }
+    return name;
 }
 
 Field::~Field() {

@@ -37,8 +37,10 @@ using Environment = std::vector<std::pair<std::string, std::string>>;
 
 class Field {
   public:
-    /// Fast retries (1 second), no heartbeats; `carrier` other than plain sets the channel and the listener to TLS.
-    explicit Field(Carrier carrier = Carrier::kPlain);
+    /// Fast retries (1 second), no heartbeats; `carrier` other than plain sets the channel and the listener to TLS. The
+    /// field's home is a new folder in `where`.
+    explicit Field(Carrier carrier = Carrier::kPlain,
+                   const std::filesystem::path& where = std::filesystem::temp_directory_path());
     ~Field();
     Field(const Field&) = delete;
     Field& operator=(const Field&) = delete;
@@ -123,6 +125,8 @@ void await(const std::string& what, const std::function<bool()>& condition);
 /// How often a case repeats its attack: `quick`, or what KVR_BATTERY_ROUNDS says.
 std::size_t rounds(std::size_t quick);
 
+/// Makes a folder of a name of its own.
+std::filesystem::path new_folder(const std::filesystem::path& where = std::filesystem::temp_directory_path());
 /// All of a file; of a missing one nothing.
 std::string contents(const std::filesystem::path& file);
 

@@ -48,22 +48,13 @@ class Kills : public ::testing::Test {
                    MDB_env* env = nullptr;
                    int dead = -1;
                    if (::mdb_env_create(&env) != 0 ||
-                       ::mdb_env_open(env, store_folder(field, qmgr).c_str(), MDB_RDONLY, 0600) != 0 ||
+                       ::mdb_env_open(env, (field.home() / qmgr / "store").c_str(), MDB_RDONLY, 0600) != 0 ||
                        ::mdb_reader_check(env, &dead) != 0) {
                        return 200;
                    }
                    return dead;
                })
             .result();
-    }
-
-    static std::filesystem::path store_folder(const Field& field, const char* qmgr) {
-        for (const auto& file : std::filesystem::recursive_directory_iterator(field.home() / qmgr)) {
-            if (file.path().filename() == "data.mdb") {
-                return file.path().parent_path();
-            }
-        }
-        throw std::runtime_error("no store");
     }
 
     std::mt19937 random_{std::random_device{}()};

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 
 #include "field.h"
+#include "numbered_put.h"
 #include "raw_line.h"
 #include "tools/receiver_stream.h"
 
@@ -31,6 +32,13 @@ void expect_printable(const std::string& text, const std::string& what) {
         ASSERT_TRUE(byte == '\n' || (byte >= 0x20 && byte != 0x7f))
             << what << " has byte " << int{byte} << " after " << text.substr(i < 80 ? 0 : i - 80, 80);
     }
+}
+
+/// Neither the phrase to be seen nor a core file to be left.
+void expect_discreet(pid_t pid, const std::string& phrase) {
+    EXPECT_EQ(visible(pid).find(phrase), std::string::npos);
+    const std::string limits = contents("/proc/" + std::to_string(pid) + "/limits");
+    EXPECT_NE(limits.find("Max core file size        0                    0"), std::string::npos) << limits;
 }
 
 TEST(Secrets, ThePassPhraseIsNowhereToBeSeen) {
@@ -59,9 +67,7 @@ TEST(Secrets, ThePassPhraseIsNowhereToBeSeen) {
         Child worker = field.run_channel();
         field.put_one_of_each();
         field.await_arrived(3);
-        EXPECT_EQ(visible(worker.pid()).find(kKeyPass), std::string::npos);
-        const std::string limits = contents("/proc/" + std::to_string(worker.pid()) + "/limits");
-        EXPECT_NE(limits.find("Max core file size        0                    0"), std::string::npos) << limits;
+        expect_discreet(worker.pid(), kKeyPass);
         for (const char* command : {"show", "status"}) {
             EXPECT_EQ(field.start({"--qmgr", kSender, command}).result(), 0);
             EXPECT_EQ(field.start({"--qmgr", kSender, "--json", command}).result(), 0);
@@ -100,9 +106,7 @@ TEST(Secrets, TheListenersPassPhraseEither) {
                                       tls.encrypted_client.key_file, "--key-pass-file", phrase_file.native()});
         if (right) {
             await("the listener", [&] { return fs::exists(port); });
-            EXPECT_EQ(visible(listener.pid()).find(phrase), std::string::npos);
-            const std::string limits = contents("/proc/" + std::to_string(listener.pid()) + "/limits");
-            EXPECT_NE(limits.find("Max core file size        0                    0"), std::string::npos) << limits;
+            expect_discreet(listener.pid(), phrase);
             EXPECT_EQ(end_listener(listener), 0);
         } else {
             EXPECT_EQ(listener.result(), 1);
@@ -173,12 +177,9 @@ TEST(Secrets, NamesOfOthersMakingStayOneLineOfText) {
     const std::string forged = kForged;
     // A file's name and a host's, at the sender.
     const fs::path file = field.home() / "files" / ("name" + forged);
-    T_KAVRO_HDR_XMITQ header{};
-    std::memcpy(header.sStrucId, "XTMH", sizeof(header.sStrucId));
-    std::memcpy(header.sDestQ, forged.data(), 31);
     T_KAVRO_MD descriptor{};
     std::memcpy(descriptor.sMsgId, forged.data(), std::min(forged.size(), sizeof(descriptor.sMsgId)));
-    const std::string data(reinterpret_cast<const char*>(&header), sizeof(header));
+    const std::string data = xmit_header_for(forged.substr(0, 31));
     std::ofstream(file) << "contents";
     for (const std::string& path : {file.native(), file.native() + ".missing"}) {
         field.sender().put(kXmitQueue, OutgoingMessage{&descriptor, std::vector{path}, data});

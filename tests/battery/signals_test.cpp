@@ -2,8 +2,6 @@
 // The line-loss signal and the alarm at every call of a message's road: before it, after it, and in place of it where a
 // signal can end it. One worker lives through them all: each message meets its signal one call later than the one
 // before.
-#include <fstream>
-
 #include "injector.h"
 
 namespace kvr::test {
@@ -43,7 +41,6 @@ class SignalsAt : public ::testing::TestWithParam<Carrier> {
     void strike(const Depth& depth);
 
   private:
-    std::ofstream attacks_; ///< which message met what, for who looks into a failure
     int wave(Field& field, Injector& injector, const Child& worker, const Wave& wave, int kinds, int step,
              MessageKind kind);
 };
@@ -61,10 +58,7 @@ int SignalsAt::wave(Field& field, Injector& injector, const Child& worker, const
             field.put(kind, 1, 100, 5000);
         }
         const std::string what = std::string(wave.name) + " call " + std::to_string(target);
-        const bool done = injector.done(worker, what);
-        attacks_ << field.ledger().size() << " " << what << " " << injector.control().fired << " "
-                 << injector.control().name << "\n";
-        if (!done) {
+        if (!injector.done(worker, what)) {
             ADD_FAILURE() << "the worker ended after " << what << " " << injector.control().name;
             return struck;
         }
@@ -86,7 +80,6 @@ void SignalsAt::strike(const Depth& depth) {
     Child listener = field.listen();
     Injector injector(field);
     Child worker = field.run_channel(injector.environment());
-    attacks_.open(field.home() / "attacks");
     field.await_status("RUNING");
     int struck = 0;
     for (const Wave& each : kWaves) {

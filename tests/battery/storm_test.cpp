@@ -3,11 +3,11 @@
 // it blows no message may be damaged and the channel must not stand still; afterwards it runs by itself.
 #include <atomic>
 #include <chrono>
-#include <fstream>
 #include <optional>
 #include <thread>
 
 #include "injector.h"
+#include "log_tail.h"
 
 namespace kvr::test {
 namespace {
@@ -58,21 +58,20 @@ class Storm {
 /// Looks for signs that the channel's main flow gets on: what its handlers log does not count.
 class Progress {
   public:
-    explicit Progress(const Field& field) : log_(field.home() / "log", std::ios::binary) {}
+    explicit Progress(const Field& field) : log_(field.home() / "log") {}
 
     void look() {
-        log_.clear();
-        for (std::string line; std::getline(log_, line);) {
+        log_.each_new_line([this](const std::string& line) {
             if (line.find("start recv msg") != std::string::npos || line.find("begin connect") != std::string::npos) {
                 last_ = Clock::now();
             }
-        }
+        });
         greatest_ = std::max(greatest_, Clock::now() - last_);
     }
     [[nodiscard]] Clock::duration greatest() const { return greatest_; }
 
   private:
-    std::ifstream log_;
+    LogTail log_;
     Clock::time_point last_ = Clock::now();
     Clock::duration greatest_{};
 };
