@@ -5,7 +5,6 @@
 
 #include <fcntl.h>
 #include <pthread.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include "net_tcp/client.h"
@@ -175,22 +174,6 @@ TEST(HandlerClose, DuringTheHandshakeEndsTheConnectCleanly) {
         client.expect_down(false);
         EXPECT_TRUE(wait_until([&] { return open_descriptors() <= before; }));
     }
-}
-
-TEST(HandlerClose, OfMoreConnectionsThanCanWaitLeavesTheRestOpen) {
-    constexpr int kMost = 16;
-    Client client;
-    const Handler handler([&] { client.close(); });
-    ASSERT_EQ(client.init(), 0);
-    const int before = open_descriptors();
-    for (int i = 0; i < kMost + 4; i++) {
-        client.record.iSocketNo = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        raise(SIGUSR2);
-        EXPECT_EQ(client.record.iSocketNo, 0);
-    }
-    EXPECT_EQ(open_descriptors(), before + kMost + 4);
-    client.close();
-    EXPECT_EQ(open_descriptors(), before + 4);
 }
 
 } // namespace

@@ -103,10 +103,10 @@ GetStep interrupted(int sig) {
 GetStep idle() {
     return [](T_KAVRO_MD*, char*, int*) {
         wait_for("select()");
-        sigset_t all;
+        sigset_t held;
         sigset_t before;
-        sigfillset(&all);
-        sigprocmask(SIG_SETMASK, &all, &before);
+        sigfillset(&held);
+        sigprocmask(SIG_SETMASK, &held, &before);
         trace(kNote, "idle");
         sigsuspend(&before);
         sigprocmask(SIG_SETMASK, &before, nullptr);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Connecting: names, retries, and what a new connection takes over.
+// Connecting: names and retries.
 #include "channel_run.h"
 
 namespace kvr::test {
@@ -68,25 +68,6 @@ TEST_F(Link, RetriesShortThenLong) {
         EXPECT_TRUE(in_order(r, {expected + "1 connect[127.0.0.1:PORT] error " + c.told}, "LHS"));
         EXPECT_EQ(r.count("STATUS=RETRYING"), 1);
     }
-}
-
-TEST_F(Link, ListenerComesUpInTheLongPhase) {
-    chl()["SHORTRTY"] = "1";
-    chl()["LONGRTY"] = "5";
-    host().hooks["sockGetHostIp"] = failing(-1, 1, 3, EHOSTUNREACH);
-    const Result r = run_channel();
-    EXPECT_EQ(r.count("sockGetHostIp("), 4);
-    EXPECT_TRUE(in_order(r, {"sleep(4)", "sleep(6)", "sleep(6)", "4 connect [127.0.0.1:PORT] success"}));
-    EXPECT_THAT(r.conns, ElementsAre(bind_frame("CH1")));
-}
-
-TEST_F(Link, ChangedDefinitionTakesEffectAtTheNextConnection) {
-    host().hooks["sockCanRead"] = failing(1, 1, 1);
-    host().get.push_back([](T_KAVRO_MD* md, char* buf, int* len) {
-        host().objects["CHL/CH1"]["SHORTTMR"] = "11";
-        return deliver(message("x"))(md, buf, len);
-    });
-    EXPECT_TRUE(in_order(run_channel(), {"sockSetSTimeOut(4)", "3 RCVER CLOSED", "sockSetSTimeOut(11)"}));
 }
 
 } // namespace

@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,6 +13,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 
 #include "kavro_ac.h"
 #include "kavro_log.h"
@@ -39,14 +39,18 @@ constexpr char kOperations[] =
     " Connect2Lsr BindChl SndrNetInit StartNetChkProc CheckNetStat OnNetDisconn HeartBeat ExitEventHandler"
     " netTcpClientInit netTcpClientConnect netTcpClientWrite ";
 
-void log_line(const char* end, const char* tag, int level, const std::string& origin, int line, const char* func,
-              const char* fmt, va_list ap) {
-    const bool net = origin == "$net_tcp net_tcp_client";
+/// The line-loss handler logs too, wherever it interrupts: nothing is allocated here.
+void log_line(const char* end, const char* tag, int level, const char* mod, const char* file, int line,
+              const char* func, const char* fmt, va_list ap) {
+    const bool net = strcmp(mod, "$net_tcp") == 0;
     char text[2100];
     vsnprintf(text, sizeof text, fmt, ap);
-    if (tag != nullptr || line <= 0 || strstr(kOperations, (std::string(" ") + func + " ").c_str()) == nullptr ||
-        level < 1 || level > 5 || (!net && origin != "$plug_kavro_chls plug_kavro_chls")) {
-        trace(kFault, "log line with wrong origin: %s:%d %s %s", origin.c_str(), line, func, text);
+    char operation[64];
+    snprintf(operation, sizeof operation, " %s ", func);
+    if (tag != nullptr || line <= 0 || level < 1 || level > 5 || strstr(kOperations, operation) == nullptr ||
+        strcmp(net ? "net_tcp_client" : "plug_kavro_chls", file) != 0 ||
+        (!net && strcmp(mod, "$plug_kavro_chls") != 0)) {
+        trace(kFault, "log line with wrong origin: %s %s:%d %s %s", mod, file, line, func, text);
     }
     const bool loss = strncmp(text, "line disconnected", 17) == 0;
     trace(net ? kNetLog : loss ? kLoss : kLog, "%d %s%s", level, text, end);
@@ -56,21 +60,26 @@ void log_line(const char* end, const char* tag, int level, const std::string& or
 int context_log(char* tag, int level, char* mod, char* file, int line, const char* func, char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    log_line("", tag, level, std::string(mod) + " " + file, line, func, fmt, ap);
+    log_line("", tag, level, mod, file, line, func, fmt, ap);
     va_end(ap);
     return -1; // ignored
 }
 
-int get_attrs(const char* op, void* db, const std::string& cls, const std::string& name, int count, char** names,
-              char** bufs) {
-    std::string shown = cls + " " + name;
+/// "<class> <name> <attribute>..." or, with values, "... <attribute>=<value>...".
+std::string shown(const std::string& object, int count, char** names, char** values = nullptr) {
+    std::string text = object;
+    std::replace(text.begin(), text.end(), '/', ' ');
     for (int i = 0; i < count; ++i) {
-        shown.append(" ").append(names[i]);
+        text.append(" ").append(names[i]).append(values == nullptr ? "" : std::string("=") + values[i]);
     }
-    if (auto r = recorded(kHost, op, shown, 0, db == kObjDb)) {
+    return text;
+}
+
+int get_attrs(const char* op, void* db, const std::string& name, int count, char** names, char** bufs) {
+    if (auto r = recorded(kHost, op, shown(name, count, names), 0, db == kObjDb)) {
         return *r;
     }
-    const auto object = host().objects.find(cls + "/" + name);
+    const auto object = host().objects.find(name);
     if (object == host().objects.end()) {
         return -1;
     }
@@ -82,22 +91,21 @@ int get_attrs(const char* op, void* db, const std::string& cls, const std::strin
     return kSuccess;
 }
 
-int set_attrs(const char* op, void* db, const std::string& cls, const std::string& name, int count, char** names,
-              char** values, bool add) {
-    std::string shown = cls + " " + name;
-    for (int i = 0; i < count; ++i) {
-        shown.append(" ").append(names[i]).append("=").append(values[i]);
-    }
-    if (auto r = recorded(kHost, op, shown, 0, db == kObjDb)) {
+int set_attrs(const char* op, void* db, const std::string& name, int count, char** names, char** values, bool add) {
+    if (auto r = recorded(kHost, op, shown(name, count, names, values), 0, db == kObjDb)) {
         return *r;
     }
-    if (host().objects.contains(cls + "/" + name) == add) {
+    if (host().objects.contains(name) == add) {
         return -1;
     }
     for (int i = 0; i < count; ++i) {
-        host().objects[cls + "/" + name][names[i]] = values[i];
+        host().objects[name][names[i]] = values[i];
     }
     return kSuccess;
+}
+
+std::string key(const char* cls, const char* name) {
+    return std::string(cls) + "/" + name;
 }
 
 /// The arguments of a variadic call: names, then as many values.
@@ -123,7 +131,8 @@ void trace(char kind, const char* fmt, ...) {
     va_start(ap, fmt);
     used += static_cast<size_t>(vsnprintf(entry + used, sizeof entry - used, fmt, ap));
     va_end(ap);
-    used = std::min(used, sizeof entry - 1) + 1; // the NUL ends the entry
+    used = std::min(used, sizeof entry - 1);
+    entry[used++] = '\n';
     if (write(trace_file, entry, used) != static_cast<ssize_t>(used)) {
         _exit(99);
     }
@@ -131,25 +140,17 @@ void trace(char kind, const char* fmt, ...) {
 }
 
 void trace_reset() {
-    fcntl(trace_file, F_SETFL, O_APPEND);
-    if (ftruncate(trace_file, 0) != 0) {
+    if (fcntl(trace_file, F_SETFL, O_APPEND) != 0 || ftruncate(trace_file, 0) != 0) {
         abort();
     }
 }
 
 std::vector<Entry> trace_entries() {
-    struct stat info {};
-    fstat(trace_file, &info);
-    std::string whole(static_cast<size_t>(info.st_size), '\0');
-    whole.resize(static_cast<size_t>(pread(trace_file, whole.data(), whole.size(), 0)));
-    whole.resize(whole.rfind('\0') + 1); // without an entry of which a first part is written
+    std::ifstream file("/proc/self/fd/" + std::to_string(trace_file));
     std::vector<Entry> all;
-    for (size_t at = 0; at < whole.size(); at = whole.find('\0', at) + 1) {
-        int pid = 0;
-        char kind = 0;
-        int text = 0;
-        sscanf(&whole[at], "%d %c%n", &pid, &kind, &text);
-        all.push_back({pid, kind, &whole[at + static_cast<size_t>(text) + 1]});
+    // Without an entry of which only a first part is written.
+    for (Entry e{}; file >> e.pid >> e.kind && getline(file.ignore(), e.text) && !file.eof();) {
+        all.push_back(e);
     }
     return all;
 }
@@ -230,17 +231,17 @@ int KVR_LogSetQMName(char* psQmgrName) {
 int KVR_LogPrint(char* psTag, int iLevel, char* psMod, char* psFile, int iLine, const char* psFunc, char* psFmt, ...) {
     va_list ap;
     va_start(ap, psFmt);
-    log_line(" (KVR_LogPrint)", psTag, iLevel, std::string(psMod) + " " + psFile, iLine, psFunc, psFmt, ap);
+    log_line(" (KVR_LogPrint)", psTag, iLevel, psMod, psFile, iLine, psFunc, psFmt, ap);
     va_end(ap);
     return -1;
 }
 
 int KVR_ObjAdd(void* hObjDB, char* psClass, char* psName, int iCnt, char** ppsAttrs, char** ppsVals, int iFlags) {
-    return set_attrs("KVR_ObjAdd", iFlags == 0 ? hObjDB : nullptr, psClass, psName, iCnt, ppsAttrs, ppsVals, true);
+    return set_attrs("KVR_ObjAdd", iFlags == 0 ? hObjDB : nullptr, key(psClass, psName), iCnt, ppsAttrs, ppsVals, true);
 }
 
 int KVR_ObjGetAttr(void* hObjDB, char* psClass, char* psName, int iCnt, char** ppsAttrs, char** ppsBufs) {
-    return get_attrs("KVR_ObjGetAttr", hObjDB, psClass, psName, iCnt, ppsAttrs, ppsBufs);
+    return get_attrs("KVR_ObjGetAttr", hObjDB, key(psClass, psName), iCnt, ppsAttrs, ppsBufs);
 }
 
 int KVR_ObjGetAttrV(void* hObjDB, char* psClass, char* psName, int iCnt, ...) {
@@ -248,11 +249,11 @@ int KVR_ObjGetAttrV(void* hObjDB, char* psClass, char* psName, int iCnt, ...) {
     va_start(ap, iCnt);
     auto args = arguments(iCnt, ap);
     va_end(ap);
-    return get_attrs("KVR_ObjGetAttrV", hObjDB, psClass, psName, iCnt, args.data(), args.data() + iCnt);
+    return get_attrs("KVR_ObjGetAttrV", hObjDB, key(psClass, psName), iCnt, args.data(), args.data() + iCnt);
 }
 
 int KVR_ObjSetAttr(void* hObjDB, char* psClass, char* psName, int iCnt, char** ppsAttrs, char** ppsVals) {
-    return set_attrs("KVR_ObjSetAttr", hObjDB, psClass, psName, iCnt, ppsAttrs, ppsVals, false);
+    return set_attrs("KVR_ObjSetAttr", hObjDB, key(psClass, psName), iCnt, ppsAttrs, ppsVals, false);
 }
 
 int KVR_ObjSetAttrV(void* hObjDB, char* psClass, char* psName, int iCnt, ...) {
@@ -260,7 +261,7 @@ int KVR_ObjSetAttrV(void* hObjDB, char* psClass, char* psName, int iCnt, ...) {
     va_start(ap, iCnt);
     auto args = arguments(iCnt, ap);
     va_end(ap);
-    return set_attrs("KVR_ObjSetAttrV", hObjDB, psClass, psName, iCnt, args.data(), args.data() + iCnt, false);
+    return set_attrs("KVR_ObjSetAttrV", hObjDB, key(psClass, psName), iCnt, args.data(), args.data() + iCnt, false);
 }
 
 int KVR_QueOpen(void* hQueDB, char* psName, void** phObj, int iOpt) {

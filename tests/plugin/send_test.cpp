@@ -131,20 +131,6 @@ TEST_F(Send, AttachmentsByteForByte) {
                          "LHST"));
 }
 
-TEST_F(Send, ThirtyAttachmentsOfLongNames) {
-    Lines files;
-    Lines names;
-    std::string frames;
-    for (std::size_t i = 0; i < 30; ++i) {
-        names.push_back(std::string(200, 'n') + std::to_string(i));
-        files.push_back(file(names.back(), std::string(i + 1, 'c')));
-        frames += file_frame(std::string(i + 1, 'c'));
-    }
-    const std::string block = attachment_block(names);
-    expect_sent(run_messages({with_files("m", files)}),
-                header('0', 273 + block.size()) + plain_block('1', 4) + "m" + block + frames);
-}
-
 TEST_F(Send, FileMessage) {
     const std::string path = file("x.dat", "content");
     Message both = file_message(path);
