@@ -94,6 +94,8 @@ TEST(KvrUsage, WhatTheSystemCannotDoFailsWithCodeOne) {
     home.done({"define", "queue", "Q"});
     home.done({"define", "channel", "C", "XMITQ=Q", "CONNAME=h"});
     home.done({"put", "Q", "x", "--dest", "D"});
+    home.done({"define", "queue", "BINARY"});
+    home.done({"put", "BINARY", "--size", "4097", "--dest", "D"});
     const std::string large = home.file("large", std::string(2098377, 'x'));
     const std::string empty = home.file("empty", "");
     const std::string present = home.file("present", "x");
@@ -122,6 +124,7 @@ TEST(KvrUsage, WhatTheSystemCannotDoFailsWithCodeOne) {
         {{"put", "Q", "x", "--attach", long_path}, "pppp"},
         {{"get", "NONE"}, "kvr define queue NONE"},
         {{"get", "Q", "--out", present}, "nothing is overwritten"},
+        {{"get", "BINARY"}, "no text: take it with --raw"},
         {{"move", "Q", "NONE"}, "kvr define queue NONE"},
         {{"delete", "queue", "Q"}, "--purge"},
         {{"delete", "queue", "DEAD.LETTER.QUEUE"}, "DEADQ"},
@@ -131,7 +134,9 @@ TEST(KvrUsage, WhatTheSystemCannotDoFailsWithCodeOne) {
         {{"status", "NONE"}, "kvr define channel NONE"},
         {listen + Words{"nobody.invalid"}, "not an address"},
         {listen + Words{"192.0.2.1"}, "cannot listen"},
-        {listen_tls + Words{"/nonexistent"}, "cannot use the certificate"},
+        {listen_tls + Words{"/nonexistent"}, "cannot use the certificate /nonexistent: No such file or directory"},
+        {listen_tls + Words{tls.encrypted_client.cert_file, "--key", tls.encrypted_client.key_file},
+         "encrypted: give the file of its pass phrase with --key-pass-file"},
         {listen_tls + Words{tls.server.cert_file, "--key", tls.client.key_file}, "cannot use the key"},
         {listen_tls + Words{tls.server.cert_file, "--key", tls.server.key_file, "--client-cert", "required"},
          "needs a CA file"},
@@ -139,7 +144,10 @@ TEST(KvrUsage, WhatTheSystemCannotDoFailsWithCodeOne) {
     for (const BadInput& bad : cases) {
         expect_refused(home, 1, bad);
     }
-    EXPECT_EQ(home.json({"show", "queue", "Q"})[0]["depth"], 1) << "a refused command took or added a message";
+    for (const char* queue : {"Q", "BINARY"}) {
+        EXPECT_EQ(home.json({"show", "queue", queue})[0]["depth"], 1) << "a refused command took or added a message";
+    }
+    EXPECT_THAT(home.done({"browse", "BINARY", "--full"}), ContainsRegex("4097 bytes in all"));
     home.done({"create", "WEST"});
     expect_refused(home, 2, {{"show"}, "EAST, WEST.*-m"});
 }
