@@ -117,10 +117,6 @@ std::vector<char*> arguments(int count, va_list ap) {
     return all;
 }
 
-bool same_bytes(const void* a, const void* b, size_t size) {
-    return memcmp(a, b, size) == 0;
-}
-
 } // namespace
 
 void trace(char kind, const char* fmt, ...) {
@@ -286,8 +282,8 @@ int KVR_QueMsgGet(void* hQueDB, void* hObj, T_KAVRO_MD* ptMD, T_KAVRO_GMO* ptGMO
     blank.cMsgStoreType = '1';
     blank.pOptData = ptMD->pOptData;
     recorded(kHost, "KVR_QueMsgGet", "", 0,
-             hQueDB == kQueDb && hObj == xmit_queue && same_bytes(&blank, ptMD, sizeof blank) &&
-                 ptMD->pOptData != nullptr && same_bytes(&options, ptGMO, sizeof options) && *piLen == 2098376 &&
+             hQueDB == kQueDb && hObj == xmit_queue && memcmp(&blank, ptMD, sizeof blank) == 0 &&
+                 ptMD->pOptData != nullptr && memcmp(&options, ptGMO, sizeof options) == 0 && *piLen == 2098376 &&
                  psBuf[2098375] == '\0');
     if (host().get.empty()) {
         _exit(kScriptOver);
@@ -299,11 +295,11 @@ int KVR_QueMsgGet(void* hQueDB, void* hObj, T_KAVRO_MD* ptMD, T_KAVRO_GMO* ptGMO
 
 int KVR_QueMsgPut(void* hQueDB, void* hObj, T_KAVRO_MD* ptMD, T_KAVRO_PMO* ptPMO, char* psBuf, int iLen) {
     constexpr T_KAVRO_PMO options{{'G', 'M', 'O', ' '}, 1, 0, 0};
-    const bool as_received = same_bytes(&host().in_hand.md, ptMD, sizeof *ptMD) &&
+    const bool as_received = memcmp(&host().in_hand.md, ptMD, sizeof *ptMD) == 0 &&
                              std::string(psBuf, static_cast<size_t>(iLen)) == host().in_hand.data;
     return recorded(kHost, "KVR_QueMsgPut", std::to_string(iLen), 0,
                     hQueDB == kQueDb && hObj == dead_queue && as_received &&
-                        same_bytes(&options, ptPMO, sizeof options))
+                        memcmp(&options, ptPMO, sizeof options) == 0)
         .value_or(kSuccess);
 }
 }
