@@ -150,6 +150,33 @@ TEST(TlsTickets, NeitherLookLikeALostLineNorStayUnread) {
     }
 }
 
+TEST(TlsTickets, LeftUnreadCostASlowReaderNothingAtTheClose) {
+    const std::string data(100'000, 'd');
+    std::string received;
+    Event sent;
+    Event told;
+    Event closed;
+    {
+        PeerOptions made;
+        made.carrier = Carrier::kTls13;
+        Peer peer(made, [&](PeerConnection& connection) {
+            EXPECT_TRUE(sent.wait());
+            connection.send_tickets(3);
+            told.set();
+            EXPECT_TRUE(closed.wait());
+            received = connection.read_all();
+        });
+        Client client(Carrier::kTls13);
+        ASSERT_TRUE(client.up(peer));
+        ASSERT_EQ(client.write(data), static_cast<int>(data.size()));
+        sent.set();
+        ASSERT_TRUE(told.wait());
+        client.close();
+        closed.set();
+    }
+    EXPECT_EQ(received.size(), data.size());
+}
+
 TEST_P(TlsTest, WhatTheReceiverSaysMeansALostLine) {
     options_.tickets = 0;
     for (const bool data : {true, false}) {

@@ -82,7 +82,7 @@ GetStep deliver(const Message& msg) {
         md->pOptData = msg.null_list ? nullptr : list;
         list->iNum = msg.file_count.value_or(static_cast<int>(msg.files.size()));
         for (size_t i = 0; i < msg.files.size(); ++i) {
-            strcpy(list->sFiles[i], msg.files[i].c_str());
+            snprintf(list->sFiles[i], sizeof list->sFiles[i], "%s", msg.files[i].c_str());
         }
         std::copy(msg.data.begin(), msg.data.end(), buf);
         *len = static_cast<int>(msg.data.size());
