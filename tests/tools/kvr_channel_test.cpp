@@ -139,6 +139,7 @@ TEST_F(KvrChannel, AWorkerEndsAtEachStopSignalOrIsKilled) {
     });
     EXPECT_EQ(early.result(), 0);
     EXPECT_EQ(status(), "STOPED -1");
+    EXPECT_EQ(run("C", STOPPING_PLUGIN).code, 0) << "a stop made the channel fail: that is no failure";
     Child deaf = running();
     kill(deaf.pid(), SIGSTOP);
     EXPECT_THAT(home_.done({"stop", "C", "--timeout", "0.1"}), HasSubstr("was killed"));
