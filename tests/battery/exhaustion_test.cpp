@@ -71,7 +71,7 @@ TEST(Exhaustion, FullDiskOfTheSender) {
     Field sender(Carrier::kPlain, disk.folder());
     Field other; // the receiver has a disk of its own
     Child listener = other.listen();
-    sender.set_channel({{"CONNAME", "127.0.0.1(" + std::to_string(other.port()) + ")"}});
+    sender.point_at(other.port());
     const auto judge = [&](std::uint64_t waiting) {
         kvr::Run run = sender.run();
         run.delivered = other.run().delivered;
@@ -124,7 +124,8 @@ TEST(Exhaustion, FullDiskOfTheReceiver) {
     Field receiver(Carrier::kPlain, disk.folder());
     Field sender;
     Child listener = receiver.listen();
-    sender.set_channel({{"CONNAME", "127.0.0.1(" + std::to_string(receiver.port()) + ")"}, {"SHORTTMR", "60"}});
+    sender.point_at(receiver.port());
+    sender.set_channel({{"SHORTTMR", "60"}});
     const auto out = [&] { return contents(receiver.home() / "out"); };
     Child worker = sender.run_channel();
     disk.fill();

@@ -84,24 +84,19 @@ constexpr Line kLines[] = {
 
 class Failures : public ::testing::TestWithParam<RoadCase> {
   protected:
-    void SetUp() override {
-        field_.emplace(GetParam().carrier);
-        field_->set_channel({{"SHORTTMR", "0"}, {"SHORTRTY", "5"}});
-        listener_.emplace(field_->listen());
-        injector_.emplace(*field_);
-    }
+    Failures() { field_.set_channel({{"SHORTTMR", "0"}, {"SHORTRTY", "5"}}); }
 
     /// One failure. False when the road has no such call any more.
     bool fail(int target, int error);
     void settle();
     [[nodiscard]] int next(int target, int step) const {
-        const int fired = injector_->control().fired;
+        const int fired = injector_.control().fired;
         return fired > 0 ? fired + step : target;
     }
 
-    std::optional<Field> field_;
-    std::optional<Child> listener_;
-    std::optional<Injector> injector_;
+    Field field_{GetParam().carrier};
+    Child listener_ = field_.listen();
+    Injector injector_{field_};
     std::optional<Child> worker_;
     std::set<std::string> struck_;
     int failures_ = 0;
@@ -115,24 +110,24 @@ class Failures : public ::testing::TestWithParam<RoadCase> {
 
 void Failures::start_worker() {
     worker_.reset();
-    worker_.emplace(field_->run_channel(injector_->environment()));
+    worker_.emplace(field_.run_channel(injector_.environment()));
 }
 
 /// Back to a channel that runs and an empty queue.
 void Failures::settle() {
-    injector_->disarm();
+    injector_.disarm();
     await("a channel that waits", [&] {
         if (!worker_ || has_ended(*worker_)) { // a store that failed ends it at its next use
             start_worker();
         }
-        return field_->status() == "RUNING" && field_->status("PID") == std::to_string(worker_->pid());
+        return field_.status() == "RUNING" && field_.status("PID") == std::to_string(worker_->pid());
     });
 }
 
 void Failures::provoke() {
     switch (GetParam().road) {
     case Road::kMessage:
-        field_->put(MessageKind::kFile, 1, 100, 5000);
+        field_.put(MessageKind::kFile, 1, 100, 5000);
         break;
     case Road::kReconnect:
         ::kill(worker_->pid(), SIGUSR2);
@@ -141,7 +136,7 @@ void Failures::provoke() {
         ::kill(worker_->pid(), SIGALRM);
         break;
     case Road::kDeadLetter:
-        field_->put(MessageKind::kHeaderless, 1, 100, 5000);
+        field_.put(MessageKind::kHeaderless, 1, 100, 5000);
         break;
     case Road::kStart:
         start_worker();
@@ -153,7 +148,7 @@ void Failures::provoke() {
 }
 
 void Failures::expect_line(const std::string& log) const {
-    const inject::Control& control = injector_->control();
+    const inject::Control& control = injector_.control();
     if (control.value == EINTR || control.value == EAGAIN) {
         return;
     }
@@ -173,11 +168,11 @@ bool Failures::fail(int target, int error) {
     } else {
         settle();
     }
-    const std::size_t logged = field_->log().size();
-    injector_->arm({GetParam().trigger, Action::kFail, inject::kAnyKind, target, 0, error});
+    const std::size_t logged = field_.log().size();
+    injector_.arm({GetParam().trigger, Action::kFail, inject::kAnyKind, target, 0, error});
     provoke();
-    const bool waits = injector_->done(*worker_, "a failed call");
-    const inject::Control& control = injector_->control();
+    const bool waits = injector_.done(*worker_, "a failed call");
+    const inject::Control& control = injector_.control();
     const std::string what = std::string(control.name) + " with " + std::to_string(control.value);
     const int ended_well = road == Road::kStop ? 0 : 1;
     if (!waits && !HasFailure()) {
@@ -190,7 +185,7 @@ bool Failures::fail(int target, int error) {
     }
     ++failures_;
     struck_.insert(control.name);
-    expect_line(field_->log().substr(logged));
+    expect_line(field_.log().substr(logged));
     return !HasFailure();
 }
 
@@ -200,7 +195,7 @@ TEST_P(Failures, EachCallOnce) {
         for (int target = 1; fail(target, error); target = next(target, step)) {
             if (GetParam().road == Road::kMessage) {
                 settle();
-                field_->await_arrived(field_->ledger().size());
+                field_.await_arrived(field_.ledger().size());
             }
         }
         if (HasFailure()) {
@@ -208,18 +203,18 @@ TEST_P(Failures, EachCallOnce) {
         }
     }
     settle();
-    const std::uint64_t odd = GetParam().road == Road::kDeadLetter ? field_->ledger().size() : 0;
-    field_->put_one_of_each();
-    field_->await_arrived(field_->ledger().size() - odd);
+    const std::uint64_t odd = GetParam().road == Road::kDeadLetter ? field_.ledger().size() : 0;
+    field_.put_one_of_each();
+    field_.await_arrived(field_.ledger().size() - odd);
     if (odd == 0) { // a headerless message whose dead-letter queue failed is held
-        field_->await_drained();
+        field_.await_drained();
     }
     EXPECT_EQ(worker_->result_under(SIGTERM), 0);
-    EXPECT_EQ(end_listener(*listener_), 0);
-    const Verdict verdict = field_->judge(0, ends_);
+    EXPECT_EQ(end_listener(listener_), 0);
+    const Verdict verdict = field_.judge(0, ends_);
     EXPECT_EQ(verdict.lost, 0U);
     EXPECT_EQ(verdict.dead + verdict.held, odd);
-    injector_->expect_no_finding();
+    injector_.expect_no_finding();
     RecordProperty("calls failed", failures_);
     RecordProperty("different calls", static_cast<int>(struck_.size()));
     RecordProperty("ends with status 1", static_cast<int>(ends_));

@@ -123,6 +123,11 @@ void Field::put(MessageKind kind, std::uint64_t count, std::size_t least, std::s
                  [&](auto put) { ledger_.insert(ledger_.end(), put.begin(), put.end()); });
 }
 
+void Field::put_too_much() {
+    constexpr std::size_t kGreatest = kMaxMessage - sizeof(T_KAVRO_HDR_XMITQ);
+    put(MessageKind::kData, 2 + cut_window() / kGreatest, kGreatest, kGreatest);
+}
+
 void Field::put_one_of_each() {
     put(MessageKind::kData, 1, 700, 700);
     put(MessageKind::kAttached, 1, 300, 300);
@@ -190,7 +195,7 @@ Child Field::listen(const std::vector<std::string>& options) {
         return text.find('\n') != std::string::npos &&
                std::from_chars(text.data(), text.data() + text.size(), port_).ec == std::errc{};
     });
-    set_channel({{"CONNAME", "127.0.0.1(" + std::to_string(port_) + ")"}});
+    point_at(port_);
     return child;
 }
 
@@ -247,10 +252,14 @@ void Field::await_drained() {
 }
 
 void Field::finish(Child& worker, std::uint64_t repeats) {
-    await_drained();
-    await_arrived(ledger_.size());
+    await_all();
     EXPECT_EQ(worker.result_under(SIGTERM), 0);
     expect_all_delivered(repeats);
+}
+
+void Field::await_all() {
+    await_drained();
+    await_arrived(ledger_.size());
 }
 
 Run Field::run() const {

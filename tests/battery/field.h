@@ -52,10 +52,14 @@ class Field {
 
     /// Attributes of the channel ("HBINT", "1"), and of the sender's queue manager.
     void set_channel(const Attributes& attributes);
+    /// The channel's receiver: a port of this machine.
+    void point_at(int port) { set_channel({{"CONNAME", "127.0.0.1(" + std::to_string(port) + ")"}}); }
     void set_qmgr(const Attributes& attributes);
 
     /// Puts the next numbered messages on the transmission queue and writes them down once the put succeeded.
     void put(MessageKind kind, std::uint64_t count, std::size_t least, std::size_t greatest);
+    /// More messages of the greatest size than all the buffers between two ends can hold.
+    void put_too_much();
     /// One of each: plain, with two attachments, file message.
     void put_one_of_each();
 
@@ -85,8 +89,8 @@ class Field {
     void await_status(const std::string& wanted);
     void await_log(const std::string& text, std::size_t times = 1);
     void await_arrived(std::uint64_t count);
-    /// Until the transmission queue is empty and nothing more arrives than `sent` messages or what a cut may have cost.
-    void await_drained();
+    void await_drained(); ///< the transmission queue is empty
+    void await_all();     ///< that, and everything put has arrived
 
     /// Judges everything put so far. `cuts`: connections broken under load; `repeats`: second copies allowed.
     [[nodiscard]] Verdict judge(std::uint64_t cuts = 0, std::uint64_t repeats = 0) const;

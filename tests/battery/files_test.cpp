@@ -83,8 +83,7 @@ class Files : public ::testing::TestWithParam<Carrier> {
 
     /// The ledger's messages are all there, and no stream was refused.
     void expect_ledger_whole() {
-        field_.await_arrived(field_.ledger().size());
-        field_.await_drained();
+        field_.await_all();
         // The other messages, which are not the ledger's, lie elsewhere.
         kvr::Run run = field_.run();
         run.waiting = run.dead = {};

@@ -113,7 +113,7 @@ TEST_P(Leaks, FailedHandshakesLeaveNothingBehind) {
     field_.set_channel({{"SHORTRTY", "10000000"}, {"SHORTTMR", "0"}});
     field_.put_one_of_each();
     Peer peer({.carrier = GetParam(), .identity = tls_material().foreign_server}, [](PeerConnection&) {});
-    field_.set_channel({{"CONNAME", "127.0.0.1(" + std::to_string(peer.port()) + ")"}});
+    field_.point_at(peer.port());
     Child worker = field_.run_channel();
     const auto await_failures = [&](int failures) {
         const int wanted = peer.accepted() + failures;

@@ -10,7 +10,6 @@
 namespace kvr::test {
 namespace {
 
-constexpr std::size_t kGreatest = kMaxMessage - sizeof(T_KAVRO_HDR_XMITQ);
 constexpr std::uint64_t kGrowthKib = 4096; ///< the receive buffer of the channel, touched by the first great message
 constexpr long kBoundMs = 5000;            ///< for a send time-out of one second
 
@@ -39,9 +38,6 @@ class SlowPeers : public ::testing::TestWithParam<Case> {
         all.insert(all.end(), GetParam().options.begin(), GetParam().options.end());
         return all;
     }
-
-    /// More than all the buffers between two ends can hold.
-    void put_too_much() { field_.put(MessageKind::kData, 2 + cut_window() / kGreatest, kGreatest, kGreatest); }
 
     void expect_flat(const Child& worker, std::uint64_t before) {
         EXPECT_LE(memory_of(worker.pid(), "RssAnon"), before + kGrowthKib);
@@ -74,7 +70,7 @@ TEST_P(SlowPeers, EndAWriteByTheSendTimeOut) {
     const Child worker = field_.run_channel();
     field_.await_status("RUNING");
     const std::uint64_t before = memory_of(worker.pid(), "RssAnon");
-    put_too_much();
+    field_.put_too_much();
     field_.await_log("error[-201]");
     expect_flat(worker, before);
 
@@ -100,7 +96,7 @@ TEST_P(SlowPeers, HoldAWriteForEverWithoutASendTimeOut) {
     const Child worker = field_.run_channel();
     field_.await_status("RUNING");
     const std::uint64_t before = memory_of(worker.pid(), "RssAnon");
-    put_too_much();
+    field_.put_too_much();
     // Standing still is seen in that nothing changes over many looks.
     std::uint64_t depth = 0;
     int same = 0;

@@ -17,7 +17,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kLargeFile = 99'999'999;
-constexpr std::size_t kGreatest = kMaxMessage - sizeof(T_KAVRO_HDR_XMITQ);
 
 /// A listening socket that takes no more connections: what is sent to it vanishes, as behind a router that drops.
 class BlackHole {
@@ -83,8 +82,6 @@ class Stops : public ::testing::TestWithParam<Case> {
         field_.set_channel({{"SHORTTMR", "0"}});
     }
 
-    void point_at(int port) { field_.set_channel({{"CONNAME", "127.0.0.1(" + std::to_string(port) + ")"}}); }
-
     /// Brings a worker into the state; what it needs lives on in the members.
     Child reach(State state) {
         switch (state) {
@@ -93,7 +90,7 @@ class Stops : public ::testing::TestWithParam<Case> {
             return run_until("start recv msg");
         case State::kBlackHole:
             hole_.emplace();
-            point_at(hole_->port());
+            field_.point_at(hole_->port());
             return run_until("begin connect");
         case State::kLongPause:
             field_.set_channel({{"CONNAME", "127.0.0.1(1)"}, {"SHORTRTY", "0"}, {"LONGRTY", "9"}, {"LONGTMR", "900"}});
@@ -106,30 +103,13 @@ class Stops : public ::testing::TestWithParam<Case> {
             return worker;
         }
         case State::kStalledWrite: {
-            silent_.emplace(PeerOptions{.carrier = GetParam().carrier, .receive_buffer = 4096},
-                            [this](PeerConnection&) {
-                                release_.set();
-                                (void)end_.wait();
-                            });
-            point_at(silent_->port());
-            // More than all the buffers between two ends can hold.
-            field_.put(MessageKind::kData, 2 + cut_window() / kGreatest, kGreatest, kGreatest);
-            Child worker = field_.run_channel();
-            EXPECT_TRUE(release_.wait());
+            field_.put_too_much();
+            Child worker = run_before_silent_peer({.carrier = GetParam().carrier, .receive_buffer = 4096});
             await_no_progress();
             return worker;
         }
-        case State::kSilentHandshake: {
-            silent_.emplace(PeerOptions{.carrier = GetParam().carrier, .handshake = false}, [this](PeerConnection& to) {
-                EXPECT_TRUE(wait_until([&] { return to.pending() > 0; }));
-                release_.set();
-                (void)end_.wait();
-            });
-            point_at(silent_->port());
-            Child worker = field_.run_channel();
-            EXPECT_TRUE(release_.wait());
-            return worker;
-        }
+        case State::kSilentHandshake:
+            return run_before_silent_peer({.carrier = GetParam().carrier, .handshake = false});
         case State::kFastFile:
         case State::kSlowFile: {
             listener_.emplace(field_.listen(state == State::kSlowFile
@@ -142,6 +122,19 @@ class Stops : public ::testing::TestWithParam<Case> {
         }
         }
         throw std::logic_error("no such state");
+    }
+
+    /// The peer has taken the connection, and something has come over it.
+    Child run_before_silent_peer(const PeerOptions& options) {
+        silent_.emplace(options, [this](PeerConnection& to) {
+            EXPECT_TRUE(wait_until([&] { return to.pending() > 0; }));
+            release_.set();
+            (void)end_.wait();
+        });
+        field_.point_at(silent_->port());
+        Child worker = field_.run_channel();
+        EXPECT_TRUE(release_.wait());
+        return worker;
     }
 
     Child run_until(const std::string& line) {

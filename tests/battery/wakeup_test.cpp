@@ -135,7 +135,7 @@ TEST(Wakeup, ALineSignalInTheGetEndsItsWait) {
     field.set_channel({{"SHORTRTY", "100000"}});
     const std::size_t closes = rounds(150);
     ClosingPeer peer(field, closes);
-    field.set_channel({{"CONNAME", "127.0.0.1(" + std::to_string(peer.port()) + ")"}});
+    field.point_at(peer.port());
     Order order(field.home() / "log");
     Child worker = field.run_channel(short_pauses((field.home() / "log").native()));
 
