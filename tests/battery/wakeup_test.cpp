@@ -17,7 +17,7 @@ using Clock = std::chrono::steady_clock;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
 constexpr std::size_t kBody = 500;
-constexpr std::chrono::milliseconds kNudge{300};
+constexpr std::chrono::milliseconds kNudge{220};
 constexpr Milliseconds kNoticed{200};
 
 /// Reads from the order of the log's lines which signals came in the wait and whether the worker acted upon each.
