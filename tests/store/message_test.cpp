@@ -2,6 +2,7 @@
 // Messages through the store: bounds, order, attached files, the drainer's reservations, held messages.
 #include <sys/resource.h>
 
+#include "message_record.h"
 #include "store_fixture.h"
 
 namespace kvr {
@@ -35,6 +36,18 @@ TEST_F(StoreTest, MessageComesBackAsItWasPut) {
     EXPECT_EQ(getter->next(got, buffer, false), 0);
     EXPECT_EQ(got.iMsgFlags, 0);
     EXPECT_EQ(list.iNum, 2) << "a message without files leaves the record alone";
+}
+
+TEST_F(StoreTest, ARecordWhosePathsOrBytesDoNotFitIsDamaged) {
+    const Texts files{"/a"};
+    const OutgoingMessage message{&descriptor_, files, std::string_view("data")};
+    std::vector<char> record(encoded_size(message));
+    encode_message(message, record.data());
+    for (std::size_t size = 0; size < record.size(); ++size) {
+        EXPECT_EQ(code_of([&] { return decode_message(std::span(record).first(size)); }), Errc::kDamaged) << size;
+    }
+    record[12 + kDescriptorSize] = 100; // bytes of the path
+    EXPECT_EQ(code_of([&] { return decode_message(record); }), Errc::kDamaged);
 }
 
 TEST_F(StoreTest, RefusesWhatAChannelCannotCarry) {
