@@ -153,6 +153,7 @@ TEST(TlsTickets, NeitherLookLikeALostLineNorStayUnread) {
 TEST(TlsTickets, LeftUnreadCostASlowReaderNothingAtTheClose) {
     const std::string data(100'000, 'd');
     std::string received;
+    bool ended_well = false;
     Event sent;
     Event told;
     Event closed;
@@ -165,16 +166,19 @@ TEST(TlsTickets, LeftUnreadCostASlowReaderNothingAtTheClose) {
             told.set();
             EXPECT_TRUE(closed.wait());
             received = connection.read_all();
+            ended_well = connection.ended_well();
         });
         Client client(Carrier::kTls13);
         ASSERT_TRUE(client.up(peer));
         ASSERT_EQ(client.write(data), static_cast<int>(data.size()));
         sent.set();
         ASSERT_TRUE(told.wait());
+        EXPECT_GT(client.pending(), 0);
         client.close();
         closed.set();
     }
     EXPECT_EQ(received.size(), data.size());
+    EXPECT_TRUE(ended_well) << "a reset";
 }
 
 TEST_P(TlsTest, WhatTheReceiverSaysMeansALostLine) {
