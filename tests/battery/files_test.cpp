@@ -251,7 +251,8 @@ TEST(HostileNames, StayBelowTheSpool) {
     const fs::path spool = field.home() / "spool";
     std::ofstream(field.home() / "victim") << "untouched";
     ASSERT_EQ(symlink((field.home() / "victim").c_str(), (spool / "link").c_str()), 0);
-    const std::string names[] = {"..",        "../victim", "/tmp/kvr-escaped", "link",
+    const fs::path escaped = field.home() / "escaped";
+    const std::string names[] = {"..",        "../victim", escaped.native(),   "link",
                                  ".incoming", "a\nb",      "\x1b]0;title\x07", std::string(511, 'x')};
     RawLine line(field.port());
     ASSERT_TRUE(line.send(bind_frame("HOSTILE")));
@@ -262,7 +263,7 @@ TEST(HostileNames, StayBelowTheSpool) {
     field.await_arrived(2 * std::size(names));
     EXPECT_EQ(field.journalled("end"), 0U);
     EXPECT_EQ(contents(field.home() / "victim"), "untouched");
-    EXPECT_FALSE(fs::exists("/tmp/kvr-escaped"));
+    EXPECT_FALSE(fs::exists(escaped));
     std::size_t files = 0;
     for (const auto& entry : fs::directory_iterator(spool)) {
         files += entry.is_regular_file() && !entry.is_symlink() ? 1U : 0U;
