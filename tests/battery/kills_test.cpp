@@ -63,7 +63,7 @@ class Kills : public ::testing::Test {
 class WorkerKills : public Kills, public ::testing::WithParamInterface<Carrier> {
   protected:
     /// A killed worker's status still says that it runs.
-    static void await_takeover(const Field& field, const Child& worker) {
+    static void await_takeover(Field& field, const Child& worker) {
         await("the takeover",
               [&] { return field.status() == "RUNING" && field.status("PID") == std::to_string(worker.pid()); });
     }
