@@ -60,6 +60,7 @@ void put_numbered(const NumberedPut& put, std::span<const NumberedMessage> messa
             bytes += group.back().data.size();
         }
         std::vector<OutgoingMessage> outgoing;
+        outgoing.reserve(group.size());
         for (const Parts& parts : group) {
             outgoing.push_back({&parts.descriptor, parts.attachments, parts.data});
         }
