@@ -45,6 +45,12 @@ TEST_F(Route, FourAttemptsEachOnABoundConnection) {
         EXPECT_EQ(r.count("1 ChlSndData len[5] error[-201]"), failures);
         EXPECT_EQ(r.count("sleep("), 0);
         EXPECT_EQ(r.count("KVR_QueMsgPut(77)"), failures == 4 ? 1 : 0);
+        if (failures == 4) { // the watcher's copy of the socket would keep the half message open at the receiver
+            EXPECT_TRUE(in_order(r,
+                                 {"1 ChlSndData len[5] error[-201] | procIsExist(W4) | procSndSig2Proc(W4 9) | "
+                                  "5 waitpid W4 begin | waitpid() | 5 waitpid W4 end | 1 ProcMsg[-1]"},
+                                 "LHS"));
+        }
     }
 }
 
