@@ -149,8 +149,9 @@ static void StopNetChkProc(const char* psFunc) {
         CHLS_LOG_OF(psFunc, LOG_ERR, TXT("procSndSig2Proc f_iMonPid[%d] error[%d:%s]"), f_iMonPid, iErrno,
                     ErrText(iErrno));
     }
-    // A watcher that could not be killed ends with its pipe; the wait would last for ever otherwise.
-    if (iExist != 0 && !iKilled && f_iChlLineFD > 0) {
+    // One that could not be killed, or is there against the host's word, ends with its pipe; the wait would last for
+    // ever otherwise.
+    if (!iKilled && f_iChlLineFD > 0) {
         close(f_iChlLineFD);
         f_iChlLineFD = 0;
     }
