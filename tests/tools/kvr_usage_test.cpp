@@ -32,7 +32,7 @@ TEST(KvrUsage, EveryCommandHasHelpWithExamples) {
     const ProgramHome home;
     std::istringstream commands(";create;define;define queue;define channel;set;set qmgr;set channel;show;show qmgr;"
                                 "show queue;show channel;delete;delete queue;delete channel;delete qmgr;put;get;browse;"
-                                "release;move;run;stop;status;listen;completion");
+                                "release;move;run;stop;status;listen;dissect;completion");
     for (std::string command; std::getline(commands, command, ';');) {
         std::istringstream words(command);
         const Words arguments{std::istream_iterator<std::string>(words), {}};
