@@ -49,7 +49,7 @@ constexpr int CHLS_SEND_TRIES = 4;         ///< attempts to send one message
 constexpr unsigned CHLS_RESTART_PAUSE = 3; ///< seconds between a lost line and the next connection
 constexpr int CHLS_DEFAULT_PORT = 5151;    ///< listener's port when the connection name has none
 constexpr int CHLS_TLS_END_MS = 300;       ///< wait for the receiver's end of a TLS line, within a stop's second
-constexpr int CHLS_TLS_END_READS = 32;     ///< pieces of what it sent that are dropped then
+constexpr int CHLS_TLS_END_READS = 128;    ///< pieces dropped then: 32 KiB, twice what can lie there unnoticed
 constexpr int CHLS_APP_NAME_ENTRY = 4;     ///< entry of the argument table, counted after the options
 
 static_assert(sizeof(T_KAVRO_HDR_XMITQ) == CHLS_XMITQ_HDR_LEN);
