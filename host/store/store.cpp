@@ -153,6 +153,16 @@ void StoreImpl::set_settings(const Settings& settings) {
     write(Need::kMust, [&](WriteTxn& write) { save_settings(write, settings); });
 }
 
+Usage StoreImpl::usage() {
+    Reader reader(env_);
+    const ReadScope scope(reader);
+    std::error_code error;
+    const std::uintmax_t file = fs::file_size(files_.store() / "data.mdb", error);
+    return {.bytes = load_usage(reader.txn(), env_),
+            .quota = load_settings(reader.txn(), env_).quota,
+            .file = error ? 0 : file};
+}
+
 std::shared_ptr<MarkFile> StoreImpl::mark(std::uint32_t queue) {
     const std::scoped_lock guard(marks_mutex_);
     std::shared_ptr<MarkFile>& mark = marks_[queue];

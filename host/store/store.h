@@ -69,6 +69,13 @@ struct Settings {
     bool sync = true;
 };
 
+/// Room that a queue manager takes.
+struct Usage {
+    std::uint64_t bytes; ///< messages and objects, as the quota counts them
+    std::uint64_t quota;
+    std::uint64_t file; ///< the store's file: it grows to the greatest usage that there was and is used again, not cut
+};
+
 class Getter;
 
 class KVR_EXPORT Store : public std::enable_shared_from_this<Store> {
@@ -84,6 +91,7 @@ class KVR_EXPORT Store : public std::enable_shared_from_this<Store> {
     [[nodiscard]] virtual const std::filesystem::path& dir() const = 0;
     [[nodiscard]] virtual Settings settings() const = 0;
     virtual void set_settings(const Settings& settings) = 0;
+    [[nodiscard]] virtual Usage usage() = 0;
 
     // Objects. Classes, attributes and their limits: schema.h.
     virtual void object_add(const std::string& cls, const std::string& name, const Attributes& attrs) = 0;

@@ -27,6 +27,7 @@ class StoreImpl final : public Store {
     [[nodiscard]] const std::filesystem::path& dir() const override { return files_.dir; }
     [[nodiscard]] Settings settings() const override;
     void set_settings(const Settings& settings) override;
+    [[nodiscard]] Usage usage() override;
 
     void object_add(const std::string& cls, const std::string& name, const Attributes& attrs) override;
     [[nodiscard]] Attributes object_get(const std::string& cls, const std::string& name) override;

@@ -124,6 +124,9 @@ TEST_F(EnvironmentTest, QuotaStopsPutsAndItsRoomComesBackWhole) {
     };
     const int fitted = fill();
     EXPECT_GE(fitted, 15);
+    const Usage full = store_->usage();
+    EXPECT_EQ(full.quota, 2UL << 20);
+    EXPECT_TRUE(full.bytes <= full.quota && full.bytes > full.quota - large.size() * 5 / 4) << full.bytes;
     {
         const auto getter = store_->drain("Q");
         ASSERT_EQ(take(*getter), large);
@@ -135,6 +138,9 @@ TEST_F(EnvironmentTest, QuotaStopsPutsAndItsRoomComesBackWhole) {
         store_->queue_delete("Q", true);
         store_->queue_define("Q", "");
     }
+    const Usage emptied = store_->usage();
+    EXPECT_LT(emptied.bytes, large.size() * 5 / 4) << "the one that was dead-lettered";
+    EXPECT_TRUE(emptied.file >= full.bytes && emptied.file < 4UL << 20) << emptied.file;
     store_->set_settings({.quota = 4UL << 20, .map_size = 8UL << 20, .sync = false});
     EXPECT_GT(fill(), fitted);
 }
