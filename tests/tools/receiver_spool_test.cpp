@@ -93,8 +93,14 @@ TEST_F(SpoolTest, RefusesAFolderThatIsNotItsOwn) {
     fs::permissions(open, fs::perms::all);
     const fs::path deep = folder_.path() / std::string(230, 'd') / std::string(230, 'd');
     fs::create_directories(deep);
+    const fs::path elsewhere = folder_.path() / "elsewhere";
+    fs::create_directory(elsewhere);
+    fs::permissions(elsewhere, fs::perms::owner_all);
+    const fs::path link = folder_.path() / "link";
+    fs::create_directory_symlink(elsewhere, link);
     const std::pair<fs::path, Errc> cases[] = {
-        {dir_, Errc::kBusy}, {open, Errc::kPermission}, {dir_ / "missing/spool", Errc::kIo}, {deep, Errc::kTooLong}};
+        {dir_, Errc::kBusy}, {open, Errc::kPermission}, {dir_ / "missing/spool", Errc::kIo},
+        {link, Errc::kIo},   {link / "", Errc::kIo},    {deep, Errc::kTooLong}};
     for (const auto& [path, code] : cases) {
         try {
             const Spool spool(path);

@@ -19,16 +19,38 @@ namespace {
 constexpr std::size_t kWriteAt = 64U << 10U; ///< lines are handed over when this much has gathered
 constexpr std::size_t kMaxKept = 4U << 20U;  ///< what is kept while the file cannot be written
 
+/// Without following a link, which could lead a privileged listener anywhere, and without waiting for a FIFO's reader.
+UniqueFd open_file(const std::filesystem::path& path) {
+    return UniqueFd(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK,
+                           S_IRUSR | S_IWUSR));
+}
+
+std::string cannot_open(const std::filesystem::path& path, int cause) {
+    return fmt::format("cannot open the journal {} [{}:{}]: {}", escaped(path.native()), cause, std::strerror(cause),
+                       cause == ELOOP ? "name the file itself, a link is not followed" : "give a writable path");
+}
+
 } // namespace
 
-Journal::Journal(const std::filesystem::path& path) {
-    if (path.empty()) {
+Journal::Journal(const std::filesystem::path& path) : path_(path) {
+    if (path_.empty()) {
         return;
     }
-    fd_.reset(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    fd_ = open_file(path_);
     if (!fd_) {
-        throw Error(Errc::kIo, fmt::format("cannot open the journal {} [{}:{}]: give a writable path",
-                                           escaped(path.native()), errno, std::strerror(errno)));
+        throw Error(Errc::kIo, cannot_open(path_, errno));
+    }
+}
+
+void Journal::reopen() {
+    if (!enabled()) {
+        return;
+    }
+    flush();
+    if (UniqueFd fresh = open_file(path_)) {
+        fd_ = std::move(fresh);
+    } else {
+        listen_log(cannot_open(path_, errno) + "; its lines go to the file that was open");
     }
 }
 

@@ -15,8 +15,11 @@ namespace kvr {
 
 class Journal {
   public:
-    /// Opens the file for appending (0600). Throws kvr::Error(kIo).
+    /// Opens the file for appending (0600); a link in its place is refused. Throws kvr::Error(kIo).
     explicit Journal(const std::filesystem::path& path);
+    /// After a rotation moved the file away: lines so far go to the old one, later ones to a new one of the same name.
+    /// When that cannot be opened the old one stays, and the log says so. Nothing happens without a path.
+    void reopen();
 
     [[nodiscard]] bool enabled() const { return static_cast<bool>(fd_); }
     /// @param members JSON members without braces, such as `"channel":"A"`; may be empty
@@ -25,6 +28,7 @@ class Journal {
     void flush();
 
   private:
+    std::filesystem::path path_;
     UniqueFd fd_;
     std::string lines_;
     bool failing_ = false;

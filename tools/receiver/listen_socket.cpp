@@ -5,15 +5,16 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <memory>
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include "error.h"
 #include "wire_fields.h"
@@ -79,9 +80,11 @@ UniqueFd open_listen_socket(const std::string& address, int port, int receive_bu
         throw Error(Errc::kIo, fmt::format("cannot make a socket {}", system_text()));
     }
     if (::bind(fd.get(), list->ai_addr, list->ai_addrlen) != 0 || ::listen(fd.get(), SOMAXCONN) != 0) {
-        throw Error(Errc::kIo, fmt::format("cannot listen on {} port {} {}: choose another --port or --bind, or stop "
-                                           "what uses it",
-                                           escaped(address), port, system_text()));
+        const char* const remedy = errno == EACCES ? "a port below 1024 needs root, or the capability "
+                                                     "CAP_NET_BIND_SERVICE: choose a higher --port"
+                                                   : "choose another --port or --bind, or stop what uses it";
+        throw Error(Errc::kIo,
+                    fmt::format("cannot listen on {} port {} {}: {}", escaped(address), port, system_text(), remedy));
     }
     sockaddr_storage own{};
     socklen_t length = sizeof own;
@@ -116,16 +119,14 @@ Accepted accept_connection(int listener, UniqueFd& connection, std::string& peer
 void write_port_file(const std::filesystem::path& path, int port) {
     std::filesystem::path temporary = path;
     temporary += ".new";
-    std::ofstream file(temporary, std::ios::trunc);
-    file << port << '\n';
-    file.close();
-    std::error_code code;
-    if (file) {
-        std::filesystem::rename(temporary, path, code);
-    }
-    if (!file || code) {
-        throw Error(Errc::kIo,
-                    fmt::format("cannot write the port file {}: give a writable path", escaped(path.native())));
+    // A file of its own that takes the name's place: neither what stands there nor a link is written through.
+    (void)::unlink(temporary.c_str());
+    const UniqueFd file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    const std::string text = fmt::format("{}\n", port);
+    if (!file || ::write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
+        ::rename(temporary.c_str(), path.c_str()) != 0) {
+        throw Error(Errc::kIo, fmt::format("cannot write the port file {} {}: give a writable path",
+                                           escaped(path.native()), system_text()));
     }
 }
 

@@ -22,7 +22,8 @@ enum class Accepted {
 /// @param peer (out) "address:port"
 Accepted accept_connection(int listener, UniqueFd& connection, std::string& peer);
 
-/// Writes the port where a starter can wait for it: the file appears whole. Throws kvr::Error(kIo).
+/// Writes the port where a starter can wait for it: the file appears whole, in the place of whatever has its
+/// name. Throws kvr::Error(kIo).
 void write_port_file(const std::filesystem::path& path, int port);
 
 /// Raises the limit of open files towards `wanted`.

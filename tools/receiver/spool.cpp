@@ -141,16 +141,31 @@ std::string IncomingFile::publish() {
 
 Spool::Spool(const std::filesystem::path& dir) {
     const std::string shown = escaped(dir.native());
-    if (::mkdir(dir.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
+    std::filesystem::path folder = std::filesystem::absolute(dir).lexically_normal();
+    if (!folder.has_filename()) {
+        folder = folder.parent_path(); // a slash at the end would make a link a folder
+    }
+    const bool made = ::mkdir(folder.c_str(), S_IRWXU) == 0;
+    if (!made && errno != EEXIST) {
         fail(Errc::kIo, fmt::format("cannot make the spool folder {} {}: give an existing parent folder", shown,
                                     system_text(errno)));
     }
+    dir_fd_.reset(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!dir_fd_) {
+        fail(Errc::kIo, fmt::format("cannot open the spool folder {} {}: name the folder itself, a link is not "
+                                    "followed",
+                                    shown, system_text(errno)));
+    }
+    // The folder's own entry as well, whoever made it: with it all files would go. Who may not read the folder above
+    // did not make this one now.
+    const UniqueFd above(::open(folder.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if ((!above || ::fsync(above.get()) != 0) && (made || errno != EACCES)) {
+        fail(Errc::kIo, fmt::format("cannot sync the folder above the spool folder {} {}", shown, system_text(errno)));
+    }
     std::error_code code;
-    dir_ = std::filesystem::canonical(dir, code).native();
-    dir_fd_.reset(::open(dir_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (code || !dir_fd_) {
-        fail(Errc::kIo,
-             fmt::format("cannot open the spool folder {} {}", shown, system_text(code ? code.value() : errno)));
+    dir_ = std::filesystem::canonical(folder, code).native();
+    if (code) {
+        fail(Errc::kIo, fmt::format("cannot open the spool folder {} {}", shown, system_text(code.value())));
     }
     struct stat status {};
     if (::fstat(dir_fd_.get(), &status) != 0 || status.st_uid != ::geteuid() ||
