@@ -13,7 +13,7 @@ void make_private_folder(const std::filesystem::path& path);
 /// Sets mode 0600 and the owner of the folder that holds it: root may work on another's store and leaves nothing there
 /// that its owner could not use.
 void make_private_file(const std::filesystem::path& path);
-/// Throws kNotFound when the path is missing, kPermission when it belongs to another user (root may work on anybody's)
+/// Throws kIo when the path is missing, kPermission when it belongs to another user (root may work on anybody's)
 /// or others can write to it, or when it is no real folder or file (a link is neither).
 void check_private(const std::filesystem::path& path, bool folder);
 /// Flushes a folder's entries.

@@ -26,9 +26,6 @@ void throw_system(const char* doing, const std::filesystem::path& path, int erro
     const std::string text =
         std::string("cannot ") + doing + " " + path.string() + ": " + std::generic_category().message(error);
     switch (error) {
-    case ENOENT:
-    case ENOTDIR:
-        throw Error(Errc::kNotFound, text);
     case EEXIST:
     case ENOTEMPTY:
         throw Error(Errc::kExists, text);

@@ -132,7 +132,7 @@ TEST(Exhaustion, FullDiskOfTheReceiver) {
     sender.put(MessageKind::kAttached, 1, 100, 100);
     sender.put(MessageKind::kData, 400, 30'000, 30'000);
     await("the listener to say that there is no room",
-          [&] { return out().find("no room for a file [28:") != std::string::npos; });
+          [&] { return out().find("cannot store a file [28:") != std::string::npos; });
     EXPECT_EQ(receiver.arrived(), 0U);
     disk.give_back();
     auto since = Clock::now();

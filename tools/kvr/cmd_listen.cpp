@@ -39,8 +39,8 @@ void listen(const GlobalOptions& global, ListenCommand& command) {
         }
     }
     if (const int result = run_listener(options); result != 0) {
-        throw Error(Errc::kFull, "complete messages could not be delivered at the end: make room in the store; the log "
-                                 "above says how many");
+        throw Error(Errc::kIo,
+                    "messages that had come could not be stored at the end: the log above says which and why");
     }
 }
 

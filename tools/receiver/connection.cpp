@@ -17,6 +17,7 @@ namespace {
 constexpr std::chrono::seconds kRetryPause{1};     ///< between tries to store what found no room
 constexpr std::chrono::seconds kDropTime{5};       ///< for the peer to notice an end of stream on purpose
 constexpr std::chrono::milliseconds kRateTick{20}; ///< how often a slow reader reads
+constexpr std::chrono::milliseconds kTurnTime{20}; ///< then others have their turn
 
 AwkwardOptions switches_for(const ListenerOptions& options, std::uint64_t id) {
     AwkwardOptions switches = options.awkward;
@@ -30,10 +31,6 @@ AwkwardOptions switches_for(const ListenerOptions& options, std::uint64_t id) {
         }
     }
     return switches;
-}
-
-bool room_may_return(int error) {
-    return error == ENOSPC || error == EDQUOT;
 }
 
 } // namespace
@@ -87,6 +84,7 @@ Clock::time_point Connection::next_timer() const {
 
 void Connection::work(Clock::time_point now, short ready, bool may_read) {
     check_timers(now);
+    turn_end_ = Clock::now() + kTurnTime;
     if (state_ == State::kSilent && (ready & (POLLRDHUP | POLLHUP | POLLERR)) != 0) {
         close("the peer went away");
     }
@@ -110,7 +108,7 @@ void Connection::check_timers(Clock::time_point now) {
         return;
     }
     if (state_ == State::kDraining || state_ == State::kDropping) {
-        close("the peer did not end the connection in time");
+        close(paused_ ? "the stop does not wait any longer" : "the peer did not end the connection in time");
     } else if ((state_ == State::kHandshake || state_ == State::kOpen) && channel_.empty()) {
         close(fmt::format("no bind frame within {} seconds", context_.options.handshake_seconds));
     }
@@ -212,7 +210,7 @@ void Connection::feed(std::span<const char> bytes, Clock::time_point now) {
     case FeedEnd::kPaused:
         // `bytes` lies in the shared chunk or at the end of left_ itself.
         left_ = std::vector<char>(bytes.begin(), bytes.end());
-        pause(no_room_told_ ? now + kRetryPause : now);
+        pause(file_trouble_.empty() ? now : now + kRetryPause);
         return;
     case FeedEnd::kStopped:
         close(stop_reason_);
@@ -240,10 +238,6 @@ void Connection::resume(Clock::time_point now) {
     }
     const std::vector<char> bytes = std::exchange(left_, {});
     feed(bytes, now);
-    if (!paused_ && no_room_told_) {
-        no_room_told_ = false;
-        listen_log(fmt::format("connection {}: files can be stored again", id_));
-    }
 }
 
 void Connection::drain(Clock::time_point deadline) {
@@ -267,6 +261,11 @@ void Connection::close(const std::string& reason) {
         by_peer && !splitter_.at_boundary() ? fmt::format(", cut {}: discarded", splitter_.position()) : "";
     listen_log(fmt::format("connection {}: {}{}; {} messages, {} bytes{}{}", id_, reason, cut, messages_, received_,
                            channel_.empty() ? "" : ", channel ", channel_));
+    if (by_peer && (complete_waits_ || !left_.empty())) {
+        listen_log(fmt::format("connection {}: {}{} bytes are lost: they had come and could not be stored", id_,
+                               complete_waits_ ? "a complete message and " : "", left_.size()));
+        context_.lost = true;
+    }
     context_.journal.add("end", id_,
                          fmt::format(R"("reason":"{}","whole":{},"messages":{},"bytes":{})", escaped(reason),
                                      splitter_.at_boundary(), messages_, received_));
@@ -339,36 +338,27 @@ bool Connection::on_file_begin(std::size_t index, std::uint64_t length) {
 
 Flow Connection::on_file_bytes(std::span<const char>& bytes) {
     const std::span<const char> offered = bytes;
-    IncomingFile::Write end = IncomingFile::Write::kDone;
+    bool written = true;
     if (context_.spool != nullptr) {
-        end = files_[current_file_].write(bytes);
+        written = files_[current_file_].write(bytes);
     } else {
         bytes = {};
     }
     if (digest_) {
         digest_->add(offered.first(offered.size() - bytes.size()));
     }
-    if (end == IncomingFile::Write::kDone) {
+    if (written) {
         return Flow::kGoOn;
     }
-    const int error = files_[current_file_].error();
-    if (end == IncomingFile::Write::kFailed) {
-        stop(fmt::format("cannot store a file of a message [{}:{}]; the message is dropped", error,
-                         std::strerror(error)));
-        return Flow::kStop;
-    }
-    tell_no_room(error);
-    return Flow::kPause;
+    return judge_file_trouble(files_[current_file_]) ? Flow::kPause : Flow::kStop;
 }
 
 bool Connection::on_file_end() {
     if (digest_) {
         facts_[current_file_].digest = digest_->finish();
     }
-    if (context_.spool != nullptr && !files_[current_file_].finish()) {
-        const int error = files_[current_file_].error();
-        return stop(fmt::format("cannot sync a file of a message [{}:{}]; the message is dropped", error,
-                                std::strerror(error)));
+    if (context_.spool != nullptr) {
+        (void)files_[current_file_].finish(); // when it fails, store_files tries it again
     }
     return true;
 }
@@ -377,37 +367,43 @@ Flow Connection::on_message_complete() {
     if (!store_files()) {
         return complete_waits_ ? Flow::kPause : Flow::kStop;
     }
-    return context_.delivery.full() && !context_.delivery.flush() ? Flow::kPause : Flow::kGoOn;
-}
-
-void Connection::tell_no_room(int error) {
-    if (!no_room_told_) {
-        listen_log(fmt::format("connection {}: no room for a file [{}:{}], reading stops until there is", id_, error,
-                               std::strerror(error)));
+    if (context_.delivery.full() && !context_.delivery.flush()) {
+        return Flow::kPause;
     }
-    no_room_told_ = true;
+    return Clock::now() < turn_end_ ? Flow::kGoOn : Flow::kPause;
 }
 
-/// Gives the files of the complete message their names and hands the message over. False: it waits for room
-/// (complete_waits_) or cannot be stored.
+/// Says what is wrong. Whether it can be tried again; if not, the connection ends.
+bool Connection::judge_file_trouble(const IncomingFile& file) {
+    const std::string trouble = file.trouble();
+    if (!file.retry_helps()) {
+        return stop(fmt::format("a file of a message cannot be stored {}; the message is dropped", trouble));
+    }
+    if (file_trouble_ != trouble) {
+        listen_log(fmt::format("connection {}: cannot store a file {}, reading stops until it works", id_, trouble));
+    }
+    file_trouble_ = trouble;
+    return true;
+}
+
+/// Gives the files of the complete message their names and hands the message over. False: it waits until they can be
+/// stored (complete_waits_), or they never can.
 bool Connection::store_files() {
-    complete_waits_ = false;
     for (std::size_t i = message_.files.size(); i < files_.size(); ++i) {
-        std::string path = files_[i].publish();
+        std::string path = files_[i].finish() ? files_[i].publish() : std::string();
+        complete_waits_ = path.empty() && judge_file_trouble(files_[i]);
         if (path.empty()) {
-            const int error = files_[i].error();
-            complete_waits_ = room_may_return(error);
-            if (complete_waits_) {
-                tell_no_room(error);
-                return false;
-            }
-            return stop(fmt::format("cannot name a file of a message [{}:{}]; the message is dropped", error,
-                                    std::strerror(error)));
+            return false;
         }
         facts_[i].path = path;
         message_.files.push_back(std::move(path));
     }
+    complete_waits_ = false;
     files_.clear();
+    if (!file_trouble_.empty() && !message_.files.empty()) {
+        file_trouble_.clear();
+        listen_log(fmt::format("connection {}: files can be stored again", id_));
+    }
     message_.attachments = message_.files;
     if (is_file_ && !message_.files.empty()) {
         message_.data.assign(message_.files.back().begin(), message_.files.back().end());

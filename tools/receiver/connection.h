@@ -35,6 +35,7 @@ struct ListenerContext {
     std::vector<char> chunk = std::vector<char>(kChunk);
     std::uint64_t messages = 0;
     std::uint64_t bytes = 0;
+    bool lost = false; ///< a connection ended with bytes that it had taken in and could not store
 };
 
 class Connection final : public FrameSink {
@@ -106,7 +107,7 @@ class Connection final : public FrameSink {
     void feed(std::span<const char> bytes, Clock::time_point now);
     void reach_switch(Clock::time_point now);
     void pause(Clock::time_point retry);
-    void tell_no_room(int error);
+    bool judge_file_trouble(const IncomingFile& file);
     bool store_files();
     bool stop(std::string reason);
     [[nodiscard]] std::string message_facts() const;
@@ -130,10 +131,11 @@ class Connection final : public FrameSink {
 
     // Held back.
     bool paused_ = false;
-    bool no_room_told_ = false;
+    std::string file_trouble_; ///< why a file cannot be stored
     Clock::time_point retry_at_;
     std::vector<char> left_; ///< bytes that were read and not fed
     bool complete_waits_ = false;
+    Clock::time_point turn_end_; ///< for what comes before it, other connections may wait
 
     // The message that is coming in.
     ReceivedMessage message_;

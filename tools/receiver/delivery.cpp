@@ -13,9 +13,9 @@ namespace kvr {
 
 namespace {
 
-/// Errors that pass: space comes back, a medium recovers.
-bool passes(Errc code) {
-    return code == Errc::kFull || code == Errc::kIo;
+/// What no time and no operator of the store can mend.
+bool is_fault_of_message(Errc code) {
+    return code == Errc::kNotFound || code == Errc::kInvalid || code == Errc::kTooLong || code == Errc::kTooLarge;
 }
 
 bool queue_exists(Store& store, const std::string& name) {
@@ -23,7 +23,7 @@ bool queue_exists(Store& store, const std::string& name) {
         (void)store.queue_info(name);
         return true;
     } catch (const Error& error) {
-        if (error.code() == Errc::kNotFound || error.code() == Errc::kInvalid || error.code() == Errc::kTooLong) {
+        if (is_fault_of_message(error.code())) {
             return false;
         }
         throw;
@@ -48,46 +48,52 @@ std::string dead_letter_name(Store& store) {
 Delivery::Delivery(std::shared_ptr<Store> store, Spool* spool, Journal& journal)
     : store_(std::move(store)), spool_(spool), journal_(journal) {}
 
-Delivery::~Delivery() {
-    for (const Queued& queued : group_) {
-        for (const std::string& file : queued.message.files) {
-            spool_->remove(file);
-        }
-    }
-}
-
-Delivery::Home Delivery::find_home(const std::string& queue, std::string& name) {
+/// The queue itself, else the dead-letter queue, else nothing.
+std::string Delivery::home_of(const std::string& queue) {
     const auto exists = [this](const std::string& candidate) {
         const auto known = known_.find(candidate);
         return known != known_.end() ? known->second
                                      : known_.emplace(candidate, queue_exists(*store_, candidate)).first->second;
     };
-    name = queue;
     if (!queue.empty() && exists(queue)) {
-        return Home::kQueue;
+        return queue;
     }
-    name = dead_letter_name(*store_);
-    return !name.empty() && exists(name) ? Home::kDeadLetter : Home::kNone;
+    std::string dead_letter = dead_letter_name(*store_);
+    return !dead_letter.empty() && exists(dead_letter) ? dead_letter : std::string();
 }
 
 bool Delivery::has_home(const std::string& queue) {
-    std::string name;
-    return store_ == nullptr || find_home(queue, name) != Home::kNone;
+    try {
+        if (store_ == nullptr || !home_of(queue).empty()) {
+            return true;
+        }
+    } catch (const Error&) {
+        return true;
+    }
+    known_.clear(); // no flush follows, and the next message may find what was defined meanwhile
+    return false;
 }
 
 void Delivery::add(ReceivedMessage message) {
-    Queued queued{std::move(message), {}, false};
-    if (store_ != nullptr) {
-        // kNone is left to the put, which fails and tells.
-        if (find_home(queued.message.queue, queued.home) == Home::kDeadLetter) {
-            address_dead_letter(queued);
-        }
-    }
-    bytes_ += queued.message.data.size() + sizeof(Queued);
-    group_.push_back(std::move(queued));
+    bytes_ += message.data.size() + sizeof(Queued);
+    group_.push_back({std::move(message), {}, false, false});
 }
 
-void Delivery::address_dead_letter(Queued& queued) {
+void Delivery::find_homes() {
+    for (Queued& queued : group_) {
+        if (!queued.home.empty()) {
+            continue;
+        }
+        std::string home = home_of(queued.message.queue);
+        if (home.empty() || home == queued.message.queue) {
+            queued.home = queued.message.queue; // where there is none, the put fails and tells
+        } else {
+            address_dead_letter(queued, std::move(home));
+        }
+    }
+}
+
+void Delivery::address_dead_letter(Queued& queued, std::string dead_letter) {
     T_KAVRO_HDR_XMITQ header{};
     std::memcpy(header.sStrucId, "XTMH", sizeof header.sStrucId);
     header.iVersion = 1;
@@ -98,10 +104,8 @@ void Delivery::address_dead_letter(Queued& queued) {
     std::vector<char>& data = queued.message.data;
     data.insert(data.begin(), sizeof header, '\0');
     std::memcpy(data.data(), &header, sizeof header);
-    queued.message.journal += R"(,"dead_letter":true)";
-    ++dead_lettered_;
-    listen_log(fmt::format("connection {}: no queue '{}' in {}: the message goes to the dead-letter queue {}",
-                           queued.message.connection, escaped(queue), qmgr, queued.home));
+    queued.home = std::move(dead_letter);
+    queued.dead_letter = true;
 }
 
 bool Delivery::flush() {
@@ -112,29 +116,43 @@ bool Delivery::flush() {
     try {
         if (!group_.empty()) {
             spool_->sync();
+            find_homes();
         }
         while (!group_.empty()) {
             put_group(std::string(group_.front().home));
         }
     } catch (const Error& error) {
-        if (!passes(error.code())) {
-            throw;
-        }
-        if (!blocked_) {
+        if (trouble_ != error.what()) {
             listen_log(fmt::format("cannot deliver, {} messages wait and reading stops until it works: {}",
                                    group_.size(), error.what()));
         }
-        blocked_ = true;
+        trouble_ = error.what();
+        known_.clear();
         return false;
     }
-    if (blocked_) {
+    if (!trouble_.empty()) {
         listen_log("delivery works again");
     }
-    blocked_ = false;
+    trouble_.clear();
     bytes_ = 0;
     known_.clear();
     journal_.flush();
     return true;
+}
+
+bool Delivery::settle() const {
+    std::size_t files = 0;
+    for (const Queued& queued : group_) {
+        const ReceivedMessage& message = queued.message;
+        files += message.files.size();
+        listen_log(fmt::format("connection {}: lost: the message {} for queue '{}' with {} files", message.connection,
+                               escaped_field(message.descriptor.sMsgId), escaped(message.queue), message.files.size()));
+    }
+    if (!group_.empty()) {
+        listen_log(fmt::format("{} complete messages are lost, their {} files stay in the spool: {}", group_.size(),
+                               files, trouble_));
+    }
+    return group_.empty();
 }
 
 void Delivery::discard() {
@@ -161,13 +179,13 @@ void Delivery::put_group(const std::string& home) {
             break;
         } catch (const Error& error) {
             if (messages.size() == 1) {
-                if (passes(error.code())) {
+                if (!is_fault_of_message(error.code())) {
                     throw;
                 }
                 refuse(*messages.front(), error);
                 return;
             }
-            if (error.code() == Errc::kIo) {
+            if (!is_fault_of_message(error.code()) && error.code() != Errc::kFull) {
                 throw;
             }
             // A store that is nearly full takes a part of them; a message that cannot be put hides among them.
@@ -194,8 +212,7 @@ void Delivery::refuse(Queued& queued, const Error& error) {
     known_.clear();
     std::string dead_letter = dead_letter_name(*store_);
     if (!dead_letter.empty() && queued.home != dead_letter && queue_exists(*store_, dead_letter)) {
-        queued.home = std::move(dead_letter);
-        address_dead_letter(queued);
+        address_dead_letter(queued, std::move(dead_letter));
         return;
     }
     listen_log(fmt::format("connection {}: a message for queue '{}' is dropped and the connection closed: {}",
@@ -210,7 +227,15 @@ void Delivery::refuse(Queued& queued, const Error& error) {
 void Delivery::done(Queued& queued) {
     queued.done = true;
     ++delivered_;
-    journal_.add("message", queued.message.connection, queued.message.journal);
+    ReceivedMessage& message = queued.message;
+    if (queued.dead_letter) {
+        ++dead_lettered_;
+        message.journal += R"(,"dead_letter":true)";
+        listen_log(fmt::format("connection {}: queue '{}' of {} does not exist or refuses the message: it went to the "
+                               "dead-letter queue {}",
+                               message.connection, escaped(message.queue), store_->qmgr(), queued.home));
+    }
+    journal_.add("message", message.connection, message.journal);
 }
 
 std::vector<std::uint64_t> Delivery::take_failed() {

@@ -6,6 +6,10 @@
 // transaction, so a group costs one sync per queue. Order of durability for a group: the spool's folder, the store, the
 // journal. A message for a queue that does not exist goes to the queue manager's dead-letter queue, preceded by a
 // transmission header that says where it was meant to go. Without a store messages are counted and dropped.
+//
+// A message is refused for a fault of its own only: too large, invalid, for a queue that does not exist while there is
+// no dead-letter queue. Every other error is trouble with the store: nothing is judged, the group waits and is tried
+// again.
 #pragma once
 
 #include <chrono>
@@ -41,36 +45,38 @@ class Delivery {
     /// @param store  null: messages are dropped
     /// @param spool  null only without a store
     Delivery(std::shared_ptr<Store> store, Spool* spool, Journal& journal);
-    /// Removes the files of messages that were not delivered.
-    ~Delivery();
     Delivery(const Delivery&) = delete;
     Delivery& operator=(const Delivery&) = delete;
 
-    /// Whether a message for this queue would find a queue to lie on. Asked before anything of it is kept.
+    /// Whether a message for this queue would find a queue to lie on. Asked before anything of it is kept. True when
+    /// the store cannot tell: flush() will say so.
     bool has_home(const std::string& queue);
     void add(ReceivedMessage message);
-    /// Delivers the group. False: the store cannot take it for now (logged once); try again later.
+    /// Delivers the group. False: the store cannot take it for now (each new reason is logged); try again later.
     bool flush();
+    /// Logs what the group still holds, at the end: those messages are lost, their files stay in the spool. False when
+    /// there are any.
+    [[nodiscard]] bool settle() const;
 
     [[nodiscard]] bool full() const { return group_.size() >= kMaxMessages || bytes_ >= kMaxBytes; }
     [[nodiscard]] bool empty() const { return group_.empty(); }
-    [[nodiscard]] bool blocked() const { return blocked_; }
-    [[nodiscard]] std::size_t waiting() const { return group_.size(); }
+    [[nodiscard]] bool blocked() const { return !trouble_.empty(); }
     [[nodiscard]] std::uint64_t delivered() const { return delivered_; }
     [[nodiscard]] std::uint64_t dead_lettered() const { return dead_lettered_; }
     /// Connections of which a message was lost because its queue vanished at the last moment; they have to be closed.
     std::vector<std::uint64_t> take_failed();
 
   private:
-    enum class Home { kQueue, kDeadLetter, kNone };
     struct Queued {
         ReceivedMessage message;
-        std::string home; ///< where it will lie
+        std::string home; ///< where it will lie; empty until flush() asks
+        bool dead_letter; ///< that is not its own queue
         bool done;        ///< lies there
     };
 
-    Home find_home(const std::string& queue, std::string& name);
-    void address_dead_letter(Queued& queued);
+    std::string home_of(const std::string& queue);
+    void find_homes();
+    void address_dead_letter(Queued& queued, std::string dead_letter);
     void put_group(const std::string& home);
     void put(const std::string& home, const std::vector<Queued*>& messages);
     void refuse(Queued& queued, const Error& error);
@@ -84,7 +90,7 @@ class Delivery {
     std::size_t bytes_ = 0;
     std::map<std::string, bool> known_; ///< queues looked up for this group
     std::vector<std::uint64_t> failed_;
-    bool blocked_ = false;
+    std::string trouble_; ///< why the group waits; empty: it does not
     std::uint64_t delivered_ = 0;
     std::uint64_t dead_lettered_ = 0;
 };

@@ -54,6 +54,14 @@ void Journal::reopen() {
     }
 }
 
+Journal::~Journal() {
+    flush();
+    if (!lines_.empty()) {
+        listen_log(
+            fmt::format("the journal lacks its last {} bytes of lines, they could not be written", lines_.size()));
+    }
+}
+
 void Journal::add(std::string_view event, std::uint64_t connection, std::string_view members) {
     if (!enabled()) {
         return;
@@ -80,6 +88,9 @@ void Journal::flush() {
     if (failed && !failing_) {
         listen_log(fmt::format("the journal cannot be written [{}:{}]: its lines are kept for later", errno,
                                std::strerror(errno)));
+    }
+    if (!failed && failing_) {
+        listen_log("the journal is written again");
     }
     failing_ = failed;
     lines_.erase(0, done);

@@ -17,6 +17,10 @@ class Journal {
   public:
     /// Opens the file for appending (0600); a link in its place is refused. Throws kvr::Error(kIo).
     explicit Journal(const std::filesystem::path& path);
+    /// Says what it could not write.
+    ~Journal();
+    Journal(const Journal&) = delete;
+    Journal& operator=(const Journal&) = delete;
     /// After a rotation moved the file away: lines so far go to the old one, later ones to a new one of the same name.
     /// When that cannot be opened the old one stays, and the log says so. Nothing happens without a path.
     void reopen();

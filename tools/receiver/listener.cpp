@@ -28,7 +28,8 @@ constexpr std::size_t kMemoryBudget = 24U << 20U;
 constexpr std::chrono::seconds kSilence{10}; ///< in mid-message, while memory is short
 constexpr std::chrono::milliseconds kGroupTime{20};
 constexpr std::chrono::seconds kRetryTime{1}; ///< between tries of a store that is full, or of accept
-constexpr std::chrono::seconds kStopTime{2};
+constexpr std::chrono::seconds kStopTime{2};  ///< for the peers, and again for a store that fails at the end
+constexpr int kEndRetryMilliseconds = 100;
 /// A new line waits for an old one of its sender at most so long: until that is silent, and in all, because it could be
 /// another sender of the same name.
 constexpr std::chrono::milliseconds kOldLineSilence{500};
@@ -107,6 +108,7 @@ class Listener {
     std::size_t memory_ = 0;     ///< of all connections
     std::size_t handshakes_ = 0; ///< connections that are in theirs
     std::uint64_t favoured_ = 0;
+    std::size_t turn_ = 0; ///< who is served first
     Clock::time_point group_since_ = Clock::time_point::max();
     Clock::time_point retry_at_;
     Clock::time_point accept_again_;
@@ -262,7 +264,9 @@ void Listener::accept_all() {
 /// Returns whether any connection had something to do.
 bool Listener::work_all(Clock::time_point now) {
     bool worked = false;
-    for (std::size_t i = 0; i < connections_.size(); ++i) {
+    ++turn_; // whoever fills the group leaves little room for those after it
+    for (std::size_t n = 0; n < connections_.size(); ++n) {
+        const std::size_t i = (turn_ + n) % connections_.size();
         Connection& connection = *connections_[i];
         const short ready = polls_.size() > i + 2 ? polls_[i + 2].revents : static_cast<short>(0);
         const bool may_read = !held_back(connection, now);
@@ -380,14 +384,16 @@ void Listener::begin_stop(Clock::time_point now) {
 }
 
 int Listener::end() {
-    const bool delivered = delivery_.flush();
+    const Clock::time_point deadline = Clock::now() + kStopTime;
+    while (!delivery_.flush() && Clock::now() < deadline && !signals_.take()) {
+        pollfd stop{signals_.fd(), POLLIN, 0};
+        (void)::poll(&stop, 1, kEndRetryMilliseconds);
+    }
     listen_log(fmt::format("stopped: {} connections, {} messages, {} bytes, {} messages dead-lettered", accepted_,
                            context_.messages, context_.bytes, delivery_.dead_lettered()));
-    if (!delivered) {
-        listen_log(fmt::format("{} complete messages are lost: the store could not take them", delivery_.waiting()));
-    }
+    const bool settled = delivery_.settle();
     journal_.flush();
-    return delivered ? 0 : 1;
+    return settled && !context_.lost ? 0 : 1;
 }
 
 } // namespace

@@ -62,7 +62,7 @@ struct ListenerOptions {
 
 /// Listens until SIGTERM or SIGINT (both are blocked in the calling thread for the time of the call), or until `once`
 /// is reached. At a stop it takes in what has been sent so far, delivers what is complete and returns.
-/// @return 0; 1 when complete messages could not be delivered at the end
+/// @return 0; 1 when messages that had come could not be stored at the end: the log tells which
 /// Throws kvr::Error when it cannot start.
 int run_listener(const ListenerOptions& options);
 

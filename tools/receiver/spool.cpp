@@ -2,8 +2,10 @@
 #include "spool.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -13,6 +15,7 @@
 
 #include "error.h"
 #include "kavro_api.h"
+#include "listen_log.h"
 #include "wire_fields.h"
 
 namespace kvr {
@@ -23,6 +26,13 @@ constexpr std::size_t kLeastNameLimit = 64;    ///< room that a spool's path mus
 constexpr std::size_t kMaxExtension = 16;      ///< longer ones are cut like any other part of a name
 constexpr std::size_t kSuffixRoom = 11;        ///< '.' and the digits of the greatest suffix
 constexpr std::size_t kMaxSuffixHints = 10000; ///< names whose last suffix is remembered
+constexpr std::size_t kCopyChunk = 256U << 10U;
+constexpr int kContentsLost = -1; ///< as an error number: what comes back from the disk is not what was written
+
+bool is_removed(int fd) {
+    struct stat status {};
+    return ::fstat(fd, &status) != 0 || status.st_nlink == 0;
+}
 
 [[noreturn]] void fail(Errc code, const std::string& text) {
     throw Error(code, text);
@@ -63,7 +73,8 @@ IncomingFile::IncomingFile(Spool& spool, std::string wire_name) : spool_(&spool)
 
 IncomingFile::IncomingFile(IncomingFile&& other) noexcept
     : spool_(other.spool_), wire_name_(std::move(other.wire_name_)),
-      temporary_(std::exchange(other.temporary_, std::string())), fd_(std::move(other.fd_)), error_(other.error_) {}
+      temporary_(std::exchange(other.temporary_, std::string())), fd_(std::move(other.fd_)), checksum_(other.checksum_),
+      doubtful_(other.doubtful_), error_(other.error_) {}
 
 IncomingFile::~IncomingFile() {
     if (!temporary_.empty()) {
@@ -71,45 +82,126 @@ IncomingFile::~IncomingFile() {
     }
 }
 
+void IncomingFile::Checksum::add(std::span<const char> bytes) {
+    for (const char byte : bytes) {
+        sum_ += static_cast<unsigned char>(byte);
+        sum_of_sums_ += sum_;
+    }
+}
+
+std::string IncomingFile::trouble() const {
+    return error_ == kContentsLost ? "[the disk lost a part of the file]" : system_text(error_);
+}
+
+bool IncomingFile::retry_helps() const {
+    // Too large for the file system, a name that it does not take, contents or file gone.
+    constexpr std::array kFaultsOfTheFile = {EFBIG, EILSEQ, EINVAL, ENAMETOOLONG, kContentsLost, ENOENT};
+    return std::find(kFaultsOfTheFile.begin(), kFaultsOfTheFile.end(), error_) == kFaultsOfTheFile.end();
+}
+
 bool IncomingFile::open() {
     std::string name = fmt::format("{}", spool_->next_temporary_++);
-    fd_.reset(::openat(spool_->incoming_fd_.get(), name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                       S_IRUSR | S_IWUSR));
+    const auto try_open = [&] {
+        // Readable too: renew() reads it again.
+        fd_.reset(::openat(spool_->incoming_fd_.get(), name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                           S_IRUSR | S_IWUSR));
+        return static_cast<bool>(fd_);
+    };
+    if (!try_open() && errno == ENOENT) {
+        try {
+            spool_->reopen_if_removed();
+        } catch (const Error& error) {
+            listen_log(error.what());
+        }
+        (void)try_open();
+    }
     if (!fd_) {
-        error_ = errno;
+        error_ = errno == ENOENT ? ESTALE : errno; // there is no folder; a file that is gone is another thing
         return false;
     }
     temporary_ = std::move(name);
     return true;
 }
 
-IncomingFile::Write IncomingFile::write(std::span<const char>& bytes) {
-    const auto failed = [this] {
-        const bool room = error_ == ENOSPC || error_ == EDQUOT || error_ == EMFILE || error_ == ENFILE;
-        return room ? Write::kNoRoom : Write::kFailed;
-    };
+bool IncomingFile::write(std::span<const char>& bytes) {
     if (!fd_ && !open()) {
-        return failed();
+        return false;
     }
     while (!bytes.empty()) {
         const ssize_t count = ::write(fd_.get(), bytes.data(), bytes.size());
         if (count >= 0) {
+            checksum_.add(bytes.first(static_cast<std::size_t>(count)));
             bytes = bytes.subspan(static_cast<std::size_t>(count));
         } else if (errno != EINTR) {
             error_ = errno;
-            return failed();
+            return false;
         }
     }
-    return Write::kDone;
+    return true;
 }
 
 bool IncomingFile::finish() {
-    if (::fsync(fd_.get()) != 0) {
-        error_ = errno;
+    if (!fd_) {
+        return true;
+    }
+    doubtful_ = (doubtful_ && !renew()) || !sync();
+    if (doubtful_) {
         return false;
     }
     fd_.reset();
     return true;
+}
+
+bool IncomingFile::sync() {
+    if (::fsync(fd_.get()) != 0) {
+        error_ = errno;
+        return false;
+    }
+    if (is_removed(fd_.get())) { // with its folder: contents that nobody will find
+        error_ = ESTALE;
+        return false;
+    }
+    return true;
+}
+
+/// The same contents in another file: after a sync that failed, a second one of the same file may succeed without
+/// having written anything.
+bool IncomingFile::renew() {
+    UniqueFd old_fd = std::move(fd_);
+    std::string old_name = std::exchange(temporary_, std::string());
+    const bool copied = open() && copy_from(old_fd.get());
+    if (!copied) {
+        fd_.reset();
+        std::swap(temporary_, old_name);
+        std::swap(fd_, old_fd);
+    }
+    if (!old_name.empty()) {
+        (void)::unlinkat(spool_->incoming_fd_.get(), old_name.c_str(), 0);
+    }
+    return copied;
+}
+
+bool IncomingFile::copy_from(int fd) {
+    const Checksum wanted = std::exchange(checksum_, Checksum());
+    std::vector<char> chunk(kCopyChunk);
+    bool good = true;
+    ssize_t count = 1;
+    for (off_t at = 0; good && count > 0; at += count) {
+        count = ::pread(fd, chunk.data(), chunk.size(), at);
+        if (count < 0) {
+            error_ = errno;
+            good = false;
+        } else {
+            std::span<const char> bytes(chunk.data(), static_cast<std::size_t>(count));
+            good = write(bytes);
+        }
+    }
+    if (good && checksum_ != wanted) {
+        error_ = kContentsLost;
+        good = false;
+    }
+    checksum_ = wanted;
+    return good;
 }
 
 std::string IncomingFile::publish() {
@@ -140,6 +232,12 @@ std::string IncomingFile::publish() {
 }
 
 Spool::Spool(const std::filesystem::path& dir) {
+    open(dir);
+    clear_incoming();
+    try_file();
+}
+
+void Spool::open(const std::filesystem::path& dir) {
     const std::string shown = escaped(dir.native());
     std::filesystem::path folder = std::filesystem::absolute(dir).lexically_normal();
     if (!folder.has_filename()) {
@@ -163,10 +261,11 @@ Spool::Spool(const std::filesystem::path& dir) {
         fail(Errc::kIo, fmt::format("cannot sync the folder above the spool folder {} {}", shown, system_text(errno)));
     }
     std::error_code code;
-    dir_ = std::filesystem::canonical(folder, code).native();
+    const std::string real = std::filesystem::canonical(folder, code).native();
     if (code) {
         fail(Errc::kIo, fmt::format("cannot open the spool folder {} {}", shown, system_text(code.value())));
     }
+    dir_ = real;
     struct stat status {};
     if (::fstat(dir_fd_.get(), &status) != 0 || status.st_uid != ::geteuid() ||
         (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
@@ -190,7 +289,6 @@ Spool::Spool(const std::filesystem::path& dir) {
         fail(Errc::kIo, fmt::format("cannot open {}/{} {}: remove what stands in its place", shown, kIncoming,
                                     system_text(errno)));
     }
-    clear_incoming();
 }
 
 void Spool::clear_incoming() {
@@ -205,8 +303,55 @@ void Spool::clear_incoming() {
     (void)::closedir(listing);
 }
 
+/// Whether the folder can do what files need: better refused now than found out with a message in hand.
+void Spool::try_file() {
+    constexpr const char* kTrial = "trial";
+    constexpr const char* kLink = "trial.link";
+    const int incoming = incoming_fd_.get();
+    const UniqueFd fd(
+        ::openat(incoming, kTrial, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    struct stat status {};
+    const bool good = fd && ::write(fd.get(), kTrial, 1) == 1 && ::fstat(fd.get(), &status) == 0 &&
+                      ::fsync(fd.get()) == 0 && ::linkat(incoming, kTrial, incoming, kLink, 0) == 0 &&
+                      ::fsync(dir_fd_.get()) == 0;
+    const int error = errno;
+    clear_incoming();
+    if (!good && error != ENOSPC && error != EDQUOT) { // room may come back
+        fail(Errc::kIo,
+             fmt::format("the spool folder {} cannot keep files {}: give --spool a folder of a writable disk "
+                         "that has hard links and sync",
+                         escaped(dir_), system_text(error)));
+    }
+    if (good && (status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+        fail(Errc::kPermission,
+             fmt::format("the disk of the spool folder {} keeps no modes, others could read received "
+                         "files: give --spool a folder of another disk",
+                         escaped(dir_)));
+    }
+}
+
+/// Somebody removed the folder below a listener that runs.
+void Spool::reopen_if_removed() {
+    if (is_removed(dir_fd_.get()) || is_removed(incoming_fd_.get())) {
+        open(std::string(dir_));
+        listen_log(
+            fmt::format("the spool folder {} was removed, with the files in it: it is made anew", escaped(dir_)));
+    }
+}
+
 void Spool::sync() {
-    if (unsynced_ && ::fsync(dir_fd_.get()) != 0) {
+    if (!unsynced_) {
+        return;
+    }
+    reopen_if_removed();
+    struct stat here {};
+    struct stat ours {};
+    if (::stat(dir_.c_str(), &here) != 0 || ::fstat(dir_fd_.get(), &ours) != 0 || here.st_dev != ours.st_dev ||
+        here.st_ino != ours.st_ino) {
+        fail(Errc::kIo,
+             fmt::format("the spool folder {} was moved: bring it back, or start the listener anew", escaped(dir_)));
+    }
+    if (::fsync(dir_fd_.get()) != 0) {
         fail(Errc::kIo, fmt::format("cannot sync the spool folder {} {}", escaped(dir_), system_text(errno)));
     }
     unsynced_ = false;

@@ -6,6 +6,9 @@
 // kIncoming under a name of the spool's own. Order of durability: contents synced (finish), given its final name
 // (publish), folder synced (sync), and only then may the message that names it be stored. A crash before that leaves a
 // file without a message, never a message without its file; what lies in kIncoming is removed at the next start.
+//
+// Whatever fails is tried again by calling it again, but for the few errors that retry_helps() tells: those are faults
+// of the file itself.
 #pragma once
 
 #include <cstdint>
@@ -30,12 +33,6 @@ class Spool;
 /// One file on its way in. Destroyed before publish(), it leaves nothing behind.
 class IncomingFile {
   public:
-    enum class Write {
-        kDone,
-        kNoRoom, ///< disk full or no descriptors: the rest can be tried again later
-        kFailed, ///< error() tells
-    };
-
     IncomingFile(Spool& spool, std::string wire_name);
     IncomingFile(IncomingFile&& other) noexcept;
     IncomingFile& operator=(IncomingFile&&) = delete;
@@ -43,21 +40,42 @@ class IncomingFile {
     IncomingFile& operator=(const IncomingFile&) = delete;
     ~IncomingFile();
 
+    // Each of these fails with trouble() and retry_helps().
+
     /// @param bytes (in/out) advanced past what was written
-    Write write(std::span<const char>& bytes);
-    /// Contents on disk, file closed. False: error() tells.
+    bool write(std::span<const char>& bytes);
+    /// Contents on disk, file closed.
     bool finish();
-    /// Gives the file its name in the spool. Returns the full path; empty: error() tells.
+    /// Gives the file its name in the spool. Returns the full path; empty: failed.
     std::string publish();
-    [[nodiscard]] int error() const { return error_; }
+
+    /// "[28:No space left on device]"
+    [[nodiscard]] std::string trouble() const;
+    [[nodiscard]] bool retry_helps() const;
 
   private:
+    /// Tells contents from what a disk that failed gives back in their place.
+    class Checksum {
+      public:
+        void add(std::span<const char> bytes);
+        bool operator==(const Checksum&) const = default;
+
+      private:
+        std::uint64_t sum_ = 0;
+        std::uint64_t sum_of_sums_ = 0;
+    };
+
     bool open();
+    bool sync();
+    bool renew();
+    bool copy_from(int fd);
 
     Spool* spool_;
     std::string wire_name_;
     std::string temporary_; ///< name in kIncoming; empty while there is no file
     UniqueFd fd_;
+    Checksum checksum_;
+    bool doubtful_ = false; ///< a sync failed: what it did not write the system may have forgotten
     int error_ = 0;
 };
 
@@ -65,19 +83,23 @@ class Spool {
   public:
     static constexpr const char* kIncoming = ".incoming";
 
-    /// Makes the folder (0700) when it is missing, takes it for this process and clears kIncoming. Throws kvr::Error:
-    /// not ours or writable by others, used by another listener, path too long for attachment paths.
+    /// Makes the folder (0700) when it is missing, takes it for this process, clears kIncoming and stores a file on
+    /// trial. Throws kvr::Error: not ours or writable by others, used by another listener, path too long for attachment
+    /// paths, no place for files.
     explicit Spool(const std::filesystem::path& dir);
 
     [[nodiscard]] const std::string& dir() const { return dir_; }
-    /// Makes the names published so far durable. Throws kvr::Error(kIo).
+    /// Makes the names published so far durable. Throws kvr::Error, also when the folder lies elsewhere by now.
     void sync();
     /// Removes a published file whose message could not be stored.
     void remove(const std::string& path);
 
   private:
     friend class IncomingFile;
+    void open(const std::filesystem::path& dir);
+    void reopen_if_removed();
     void clear_incoming();
+    void try_file();
 
     std::string dir_; ///< absolute, without links
     std::size_t name_limit_ = 0;
