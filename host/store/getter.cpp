@@ -23,7 +23,10 @@ namespace kvr {
 
 namespace {
 
-/// A group costs one disk flush, whatever it holds: with 64 messages the flushes took most of a message's time.
+/// A group costs one disk flush, whatever it holds: with 64 messages the flushes took most of a message's time. Its
+/// bounds are those of what a power loss repeats. Only where a disk is so full that not even a delete has room does a
+/// group go beyond them, by as much again at each failed delete: sent once and repeated after a power loss is better
+/// than not sent.
 constexpr std::uint64_t kGroupMessages = 512;
 constexpr std::uint64_t kGroupBytes = 8ULL << 20;
 constexpr std::uint64_t kNone = std::numeric_limits<std::uint64_t>::max();
@@ -59,14 +62,19 @@ class DrainGetter final : public Getter {
     [[nodiscard]] bool in_hand() const override { return hand_ != 0; }
 
   private:
-    enum class Found { kMessage, kNothing, kGroupEnd };
+    enum class Found {
+        kMessage,
+        kNothing,   ///< no message follows
+        kHeldOne,   ///< the next message is held: a group ends there
+        kGroupFull, ///< the next message would be one too many for the group
+    };
 
     void use_up();
     void delete_used();
-    void delete_used_if_due();
     void finish_group(const std::function<void(WriteTxn&, QueueRecord&)>& extra);
     void retry_hold();
     void read_plan(const QueueRecord& record);
+    [[nodiscard]] bool fits_group(std::string_view record) const;
     Found take(T_KAVRO_MD& descriptor, std::span<char> buffer, std::int64_t& length);
     bool take_next(T_KAVRO_MD& descriptor, std::span<char> buffer, std::int64_t& length);
     void deliver(std::uint64_t sequence, std::string_view record, T_KAVRO_MD& descriptor, std::span<char> buffer,
@@ -88,14 +96,13 @@ class DrainGetter final : public Getter {
     std::uint64_t ceiling_ = 0;    ///< first held message after the position when the group began
 
     UsedRange group_;
-    std::uint64_t group_count_ = 0;
-    std::uint64_t group_bytes_ = 0;
-    std::uint64_t group_limit_ = kGroupMessages;
+    std::uint64_t messages_left_ = kGroupMessages; ///< for the group to take
+    std::uint64_t bytes_left_ = kGroupBytes;
 
     std::uint64_t hand_ = 0; ///< sequence of the message in hand, 0 for none
     std::uint64_t hand_bytes_ = 0;
     std::string hold_pending_; ///< reason of a hold that failed: the message must not be used up
-    bool at_end_ = true;       ///< nothing followed the message in hand when it was read
+    bool at_end_ = true;       ///< no message that could be taken followed the one in hand when that was read
     std::uint64_t read_ = 0;
 };
 
@@ -159,8 +166,8 @@ void DrainGetter::use_up() {
     group_.through = hand_;
     mark_->set_used(group_);
     mark_->set_in_hand(0);
-    ++group_count_;
-    group_bytes_ += hand_bytes_;
+    --messages_left_;
+    bytes_left_ -= hand_bytes_;
     position_ = hand_;
     hand_ = 0;
 }
@@ -180,28 +187,14 @@ void DrainGetter::finish_group(const std::function<void(WriteTxn&, QueueRecord&)
     });
     mark_->begin_group(++generation_);
     group_ = {};
-    group_count_ = 0;
-    group_bytes_ = 0;
-    group_limit_ = kGroupMessages;
+    messages_left_ = kGroupMessages;
+    bytes_left_ = kGroupBytes;
 }
 
 void DrainGetter::delete_used() {
     if (!group_.empty()) {
         const LateFlush late(env_);
         finish_group({});
-    }
-}
-
-void DrainGetter::delete_used_if_due() {
-    if (group_count_ < group_limit_ && group_bytes_ < kGroupBytes) {
-        return;
-    }
-    try {
-        delete_used();
-    } catch (const FullError&) {
-        // Not even the reserve was enough. The mark knows what is used: go on and try again later.
-        group_limit_ = group_count_ + kGroupMessages;
-        group_bytes_ = 0;
     }
 }
 
@@ -231,6 +224,10 @@ void DrainGetter::read_plan(const QueueRecord& record) {
     ceiling_ = record.held > 0 ? first_held(reader_.txn(), env_, id_, position_ + 1) : kNone;
 }
 
+bool DrainGetter::fits_group(std::string_view record) const {
+    return group_.empty() || (messages_left_ > 0 && data_bytes(record) <= bytes_left_);
+}
+
 DrainGetter::Found DrainGetter::take(T_KAVRO_MD& descriptor, std::span<char> buffer, std::int64_t& length) {
     const ReadScope scope(reader_);
     if (group_.empty()) {
@@ -245,15 +242,20 @@ DrainGetter::Found DrainGetter::take(T_KAVRO_MD& descriptor, std::span<char> buf
         const std::uint64_t sequence = found ? MessageKey::sequence_in(to_view(key), id_) : 0;
         if (sequence == 0) {
             at_end_ = true;
-            return group_.empty() ? Found::kNothing : Found::kGroupEnd;
+            return Found::kNothing;
         }
         if (sequence < ceiling_) {
+            if (!fits_group(to_view(value))) {
+                return Found::kGroupFull;
+            }
             deliver(sequence, to_view(value), descriptor, buffer, length);
-            at_end_ = !cursor.get(key, value, MDB_NEXT) || MessageKey::sequence_in(to_view(key), id_) == 0;
+            const std::uint64_t next =
+                cursor.get(key, value, MDB_NEXT) ? MessageKey::sequence_in(to_view(key), id_) : 0;
+            at_end_ = next == 0 || next >= ceiling_;
             return Found::kMessage;
         }
         if (!group_.empty()) {
-            return Found::kGroupEnd;
+            return Found::kHeldOne;
         }
         position_ = ceiling_;
         ceiling_ = first_held(reader_.txn(), env_, id_, position_ + 1);
@@ -300,44 +302,42 @@ void DrainGetter::count_read(std::uint64_t bytes) {
 /// False when the queue is empty; what was used is deleted then.
 bool DrainGetter::take_next(T_KAVRO_MD& descriptor, std::span<char> buffer, std::int64_t& length) {
     for (;;) {
-        switch (take(descriptor, buffer, length)) {
-        case Found::kMessage:
+        const Found found = take(descriptor, buffer, length);
+        if (found == Found::kMessage) {
             return true;
-        case Found::kNothing:
+        }
+        if (group_.empty()) {
             return false;
-        case Found::kGroupEnd:
-            try {
-                delete_used();
-            } catch (const FullError&) {
-                if (!at_end_) {
-                    throw;
-                }
-                return false; // the mark knows what is used; deleted once there is room
+        }
+        try {
+            delete_used();
+        } catch (const FullError&) {
+            // Not even the reserve was enough. The mark knows what is used: deleted once there is room.
+            if (found == Found::kHeldOne) {
+                throw;
             }
-            break;
+            if (found == Found::kNothing) {
+                return false;
+            }
+            messages_left_ = kGroupMessages;
+            bytes_left_ = kGroupBytes;
         }
     }
 }
 
 std::int64_t DrainGetter::next(T_KAVRO_MD& descriptor, std::span<char> buffer, bool wait) {
+    SignalBlock signals;
+    if (wait && (at_end_ || !hold_pending_.empty())) {
+        signals.block(); // the queue may be empty: a signal from here on ends the wait
+    }
     retry_hold();
     use_up();
-    delete_used_if_due();
     stop_point(StopPlace::kBetweenMessages);
-
-    SignalBlock signals;
-    if (wait && at_end_) {
-        signals.block(); // probably empty: a signal from here on ends the wait
-    }
     std::int64_t length = -1;
-    const Found found = take(descriptor, buffer, length);
-    if (found == Found::kMessage) {
-        return length;
-    }
     if (!wait) {
-        return found == Found::kGroupEnd && take_next(descriptor, buffer, length) ? length : -1;
+        return take_next(descriptor, buffer, length) ? length : -1;
     }
-    return wait_for_message(descriptor, buffer, signals);
+    return take(descriptor, buffer, length) == Found::kMessage ? length : wait_for_message(descriptor, buffer, signals);
 }
 
 std::int64_t DrainGetter::wait_for_message(T_KAVRO_MD& descriptor, std::span<char> buffer, SignalBlock& signals) {

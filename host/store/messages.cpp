@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Puts, browses and releases of messages.
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -17,6 +18,9 @@ namespace {
 
 /// Bytes that a browse reads before it lets go of the mapped pages.
 constexpr std::size_t kReadBeforeDrop = 4UL << 20;
+/// What a browse copies out in one transaction: so many messages, or the one that exceeds so many bytes.
+constexpr std::size_t kBrowseMessages = 512;
+constexpr std::size_t kBrowseBytes = 256UL << 10;
 
 void check_quota(WriteTxn& write, std::uint64_t growth) {
     const std::uint64_t quota = load_settings(write.txn(), write.env()).quota;
@@ -80,53 +84,58 @@ void StoreImpl::wake(std::uint32_t queue, MarkFile& mark) const {
     }
 }
 
+std::vector<StoreImpl::Copied> StoreImpl::copy_block(Reader& reader, const std::string& queue, std::uint64_t& from,
+                                                     std::size_t limit) {
+    const ReadScope scope(reader);
+    const Look now = look(reader, queue);
+    const std::uint64_t in_hand = drain_locks_.holder(now.record.id) != 0 ? now.in_hand : 0;
+    std::vector<Copied> block;
+    Cursor cursor(reader.txn(), env_.messages, env_);
+    const MessageKey start(now.record.id, now.used.contains(from) ? now.used.through + 1 : from);
+    MDB_val key = to_val(start.view());
+    MDB_val value{};
+    std::size_t bytes = 0;
+    for (bool found = cursor.get(key, value, MDB_SET_RANGE); found; found = cursor.get(key, value, MDB_NEXT)) {
+        const std::uint64_t sequence = MessageKey::sequence_in(to_view(key), now.record.id);
+        if (sequence == 0 || block.size() >= limit || bytes > kBrowseBytes) {
+            break;
+        }
+        from = sequence + 1;
+        if (now.used.contains(sequence)) {
+            continue;
+        }
+        Copied& copied = block.emplace_back(Copied{sequence, sequence == in_hand, {}, std::string(to_view(value))});
+        bytes += value.mv_size;
+        if (now.record.held > 0) {
+            copied.held = table_get(reader.txn(), env_.held, MessageKey(now.record.id, sequence).view(), env_);
+        }
+    }
+    return block;
+}
+
 void StoreImpl::browse(const std::string& queue, std::uint64_t from,
                        const std::function<bool(const StoredMessage&)>& visit) {
-    // One short transaction for each message and none while the visitor runs: it may be slow, or use the store.
+    // No transaction while the visitor runs: it may be slow, or use the store. Blocks begin small for a short look.
     Reader reader(env_);
-    std::string copy;
     std::size_t read = 0;
-    for (std::uint64_t next = from;;) {
-        StoredMessage message{};
-        {
-            const ReadScope scope(reader);
-            const Look now = look(reader, queue);
-            if (now.used.contains(next)) {
-                next = now.used.through + 1;
-            }
-            const MessageKey start(now.record.id, next);
-            Cursor cursor(reader.txn(), env_.messages, env_);
-            MDB_val key = to_val(start.view());
-            MDB_val value{};
-            if (!cursor.get(key, value, MDB_SET_RANGE)) {
+    for (std::size_t limit = 1;; limit = std::min(2 * limit, kBrowseMessages)) {
+        const std::vector<Copied> block = copy_block(reader, queue, from, limit);
+        for (const Copied& copied : block) {
+            StoredMessage message = to_stored(copied.sequence, decode_message(copied.record));
+            message.in_hand = copied.in_hand;
+            message.held = copied.held.has_value();
+            message.held_reason = copied.held.value_or("");
+            if (!visit(message)) {
                 return;
             }
-            const std::uint64_t sequence = MessageKey::sequence_in(to_view(key), now.record.id);
-            if (sequence == 0) {
-                return;
-            }
-            next = sequence + 1;
-            if (now.used.contains(sequence)) {
-                continue;
-            }
-            copy.assign(to_view(value));
-            message = to_stored(sequence, decode_message(copy));
-            message.in_hand = now.in_hand == sequence && drain_locks_.holder(now.record.id) != 0;
-            if (now.record.held > 0) {
-                if (const auto reason =
-                        table_get(reader.txn(), env_.held, MessageKey(now.record.id, sequence).view(), env_)) {
-                    message.held = true;
-                    message.held_reason = *reason;
-                }
-            }
+            read += copied.record.size();
         }
-        read += copy.size();
+        if (block.empty()) {
+            return;
+        }
         if (read > kReadBeforeDrop) {
             env_.drop_pages();
             read = 0;
-        }
-        if (!visit(message)) {
-            return;
         }
     }
 }

@@ -7,7 +7,9 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "drain_lock.h"
 #include "environment.h"
@@ -64,6 +66,14 @@ class StoreImpl final : public Store {
         std::uint64_t in_hand = 0; ///< 0 unless the mark is of the record's generation
     };
     Look look(Reader& reader, const std::string& queue);
+    struct Copied {
+        std::uint64_t sequence;
+        bool in_hand;
+        std::optional<std::string> held; ///< reason
+        std::string record;
+    };
+    /// Messages from `from` on as they stand at one moment; moves `from` behind them. Empty at the queue's end only.
+    std::vector<Copied> copy_block(Reader& reader, const std::string& queue, std::uint64_t& from, std::size_t limit);
     QueueInfo info_of(MDB_txn* txn, const std::string& name, const Look& look);
     void erase_step(const std::string& name, std::uint32_t id, bool purge, bool& done);
 

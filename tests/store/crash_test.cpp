@@ -49,6 +49,26 @@ TEST_F(CrashTest, KilledDrainerRepeatsAtMostTheMessageInHand) {
     }
 }
 
+TEST_F(CrashTest, AGroupStaysWithinItsBytes) {
+    for (int i = 0; i < 5; ++i) {
+        put(std::string(2000000, 'x'));
+    }
+    const auto drain = [&] {
+        const auto getter = Store::open(dir_)->drain("Q");
+        for (int i = 0; i < 5; ++i) {
+            take(*getter);
+        }
+        return ::raise(SIGKILL);
+    };
+    ASSERT_EQ(test::Child::fork_off(drain).result(), -SIGKILL);
+    store_.reset();
+    std::filesystem::remove_all(dir_ / "queues");
+    std::filesystem::create_directory(dir_ / "queues");
+    std::filesystem::permissions(dir_ / "queues", std::filesystem::perms::owner_all);
+    store_ = Store::open(dir_);
+    EXPECT_EQ(shown().size(), 1U) << "with the fifth in hand the first four are deleted, or the group would pass 8 MiB";
+}
+
 TEST_F(CrashTest, MarkOfAnotherGenerationQueueOrStoreSaysNothing) {
     const std::filesystem::path file = folder_.path() / "mark";
     MarkFile mark(file, 7, 1);

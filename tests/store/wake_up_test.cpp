@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The wait of a drainer: no put and no signal is missed. The system call of the wait is replaced by one without the
-// second look, so that a missed wake-up hangs, and with something happening right before it.
+// second look, so that a missed wake-up hangs, and with something happening right before it; that of a flush by one in
+// which something can happen.
 #include <dlfcn.h>
 
 #include "store_fixture.h"
@@ -8,6 +9,7 @@
 namespace {
 
 std::function<void()> g_before_wait; ///< runs once between the drainer's last look and its wait
+std::function<void()> g_in_flush;    ///< runs once in the next flush
 int g_waits = 0;
 volatile std::sig_atomic_t g_handled = 0;
 
@@ -25,6 +27,12 @@ extern "C" __attribute__((visibility("default"))) int ppoll(pollfd* fds, nfds_t 
 extern "C" __attribute__((visibility("default"))) int __ppoll_chk(pollfd* fds, nfds_t count, const timespec* timeout,
                                                                   const sigset_t* mask, std::size_t /*size*/) {
     return ppoll(fds, count, timeout, mask);
+}
+extern "C" __attribute__((visibility("default"))) int fdatasync(int fd) {
+    if (const auto act = std::exchange(g_in_flush, nullptr)) {
+        act();
+    }
+    return ::fsync(fd);
 }
 
 namespace kvr {
@@ -67,6 +75,25 @@ TEST_F(WakeUpTest, ASignalRightBeforeTheWaitEndsIt) {
     ::pthread_sigmask(SIG_SETMASK, nullptr, &mask);
     EXPECT_FALSE(sigismember(&mask, SIGUSR1)) << "the caller's mask is back";
     EXPECT_EQ(store_->queue_info("Q").drained_by, ::getpid());
+}
+
+TEST_F(WakeUpTest, ASignalInTheDeletesOfTheLastGroupEndsTheWait) {
+    store_->set_settings({});
+    for (const int count : {1, 512}) { // of 512 the group is full, too
+        put_numbers(0, count);
+        for (int i = 0; i < count; ++i) {
+            ASSERT_EQ(take(*getter_, true), std::to_string(i));
+        }
+        g_handled = 0;
+        g_in_flush = [] { ::raise(SIGUSR1); };
+        const auto end_a_wait_that_missed_it = [&] {
+            if (g_handled > 0) {
+                put("missed");
+            }
+        };
+        EXPECT_EQ(take_with(end_a_wait_that_missed_it), "-");
+        EXPECT_EQ(g_handled, 1);
+    }
 }
 
 TEST_F(WakeUpTest, CallersMaskHoldsInTheWait) {
