@@ -271,7 +271,7 @@ void DrainGetter::deliver(std::uint64_t sequence, std::string_view record, T_KAV
                                          std::to_string(buffer.size()) + ": it stays on the queue");
     }
     std::memcpy(&descriptor, view.descriptor, kDescriptorSize); // the caller's pointer at its end stays
-    if (view.attachment_count > 0 && descriptor.pOptData != nullptr) {
+    if ((descriptor.iMsgFlags & KVR_MSGFLAG_ACCESSORIES) != 0 && descriptor.pOptData != nullptr) {
         auto* files = static_cast<T_KAVRO_ACCESSORIES_MD*>(descriptor.pOptData);
         std::string_view list = view.attachments;
         for (std::uint32_t i = 0; i < view.attachment_count; ++i) {

@@ -79,7 +79,7 @@ void encode_message(const OutgoingMessage& message, char* out) {
 
     std::memcpy(out, message.descriptor, kDescriptorSize);
     clear_padding(out);
-    KVRINT flags = message.descriptor->iMsgFlags & ~KVR_MSGFLAG_ACCESSORIES;
+    KVRINT flags = message.descriptor->iMsgFlags;
     if (!message.attachments.empty()) {
         flags |= KVR_MSGFLAG_ACCESSORIES;
     }
@@ -135,8 +135,8 @@ MessageView decode_message(std::span<const char> record) {
     }
     KVRINT flags = 0;
     std::memcpy(&flags, descriptor + offsetof(T_KAVRO_MD, iMsgFlags), sizeof flags);
-    if (((flags & KVR_MSGFLAG_ACCESSORIES) != 0) != (header.attachment_count > 0)) {
-        damaged("its flags and its list of files disagree");
+    if ((flags & KVR_MSGFLAG_ACCESSORIES) == 0 && header.attachment_count > 0) {
+        damaged("it lists files that its flags do not tell of");
     }
     return {descriptor, header.attachment_count, attachments, record.subspan(header.attachment_bytes)};
 }

@@ -35,7 +35,7 @@ using Attributes = std::map<std::string, std::string>;
 
 /// A message to be put. The views are read during the call only.
 struct OutgoingMessage {
-    const T_KAVRO_MD* descriptor; ///< pOptData is not looked at; KVR_MSGFLAG_ACCESSORIES follows `attachments`
+    const T_KAVRO_MD* descriptor; ///< pOptData is not looked at; `attachments` set KVR_MSGFLAG_ACCESSORIES
     std::span<const std::string> attachments; ///< full paths, at most KVR_ACC_MAX of at most 511 bytes
     std::span<const char> data;
 };
@@ -135,8 +135,7 @@ class KVR_EXPORT Getter {
 
     /// Commits the message in hand, then reserves the next one and copies it out.
     /// @param descriptor   (in/out) filled; its pOptData, when not null, must point at a T_KAVRO_ACCESSORIES_MD, which
-    /// is
-    ///                     filled for a message with attachments
+    ///                     gets the files of a message that has KVR_MSGFLAG_ACCESSORIES, be they none
     /// @param buffer       room for the data; a larger message throws kTooLarge and stays
     /// @param wait         what to do on an empty queue: true waits for a put or a signal
     /// @return bytes of data; -1 when the queue is empty (wait false) or a signal ended the wait (wait true)

@@ -84,29 +84,39 @@ TEST_F(HostOpsTest, StaleAndForeignNamesAndHandlesDoNoHarm) {
 
 TEST_F(HostOpsTest, DeadLetterPutTakesTheMessageAlongOrItIsHeld) {
     EXPECT_EQ(StoreTest::put("0", {"/f/1", "/f/2"}), Errc{});
-    put_numbers(1, 4);
+    put_numbers(1, 5);
     const auto source = open("Q");
     const auto dead = open("DEAD");
     EXPECT_EQ(text(source), "0");
     EXPECT_EQ(put(dead), Errc{});
-    EXPECT_THAT(shown(), ElementsAre("1", "2", "3", "4")) << "off its queue at once";
-    files_ = {};
-    EXPECT_EQ(store_->drain("DEAD")->next(got_, buffer_, false), 1);
-    EXPECT_EQ(files_.iNum, 2);
-    EXPECT_STREQ(files_.sFiles[1], "/f/2");
     EXPECT_EQ(text(source), "1");
+    got_.iMsgFlags = KVR_MSGFLAG_ACCESSORIES;
+    files_.iNum = 0;
+    EXPECT_EQ(put(dead), Errc{});
+    EXPECT_THAT(shown(), ElementsAre("2", "3", "4", "5")) << "off its queue at once";
+    {
+        const auto getter = store_->drain("DEAD");
+        files_ = {};
+        EXPECT_EQ(getter->next(got_, buffer_, false), 1);
+        EXPECT_EQ(files_.iNum, 2);
+        EXPECT_STREQ(files_.sFiles[1], "/f/2");
+        EXPECT_EQ(getter->next(got_, buffer_, false), 1);
+        EXPECT_EQ(got_.iMsgFlags, KVR_MSGFLAG_ACCESSORIES) << "the descriptor as it was given";
+        EXPECT_EQ(files_.iNum, 0);
+    }
+    EXPECT_EQ(text(source), "2");
     T_KVR_QUE_OBJ_HANDLE none = nullptr;
     EXPECT_EQ(Errc{KVR_QueOpen(context_.hQueDB, c("NONE"), &none, 0)}, Errc::kNotFound);
-    EXPECT_EQ(text(source), "2");
+    EXPECT_EQ(text(source), "3");
     got_.iMsgFlags = KVR_MSGFLAG_ACCESSORIES;
     files_.iNum = KVR_ACC_MAX + 1; // refused before the store is asked
     EXPECT_EQ(put(dead), Errc::kInvalid);
-    EXPECT_EQ(text(source), "3");
-    EXPECT_EQ(put(none), Errc::kNotOpen);
     EXPECT_EQ(text(source), "4");
+    EXPECT_EQ(put(none), Errc::kNotOpen);
+    EXPECT_EQ(text(source), "5");
     EXPECT_EQ(close(source), Errc{});
     EXPECT_EQ(close(dead), Errc{});
-    EXPECT_THAT(shown(), ElementsAre("1!", "2!", "3!"));
+    EXPECT_THAT(shown(), ElementsAre("2!", "3!", "4!"));
     store_->browse("Q", 0, [](const StoredMessage& message) {
         EXPECT_THAT(message.held_reason, HasSubstr("NONE"));
         return false;

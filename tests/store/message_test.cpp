@@ -18,6 +18,9 @@ TEST_F(StoreTest, MessageComesBackAsItWasPut) {
     const Texts files{"/spool/a", std::string(511, 'b')};
     const std::string data = std::string("x\0y", 3) + std::string(kMaxMessage - 3, 'z');
     store_->put("Q", OutgoingMessage{&sent, files, data});
+    T_KAVRO_MD flagged = descriptor_;
+    flagged.iMsgFlags = KVR_MSGFLAG_ACCESSORIES;
+    store_->put("Q", OutgoingMessage{&flagged, {}, {}});
     put("");
 
     const auto getter = store_->drain("Q");
@@ -34,8 +37,12 @@ TEST_F(StoreTest, MessageComesBackAsItWasPut) {
     sent.pOptData = &list;
     EXPECT_EQ(std::memcmp(&got, &sent, sizeof got), 0); // NOLINT: the bytes are what is kept
     EXPECT_EQ(getter->next(got, buffer, false), 0);
+    EXPECT_EQ(got.iMsgFlags, KVR_MSGFLAG_ACCESSORIES);
+    EXPECT_EQ(list.iNum, 0) << "flagged to have files, and has none";
+    list.iNum = 2;
+    EXPECT_EQ(getter->next(got, buffer, false), 0);
     EXPECT_EQ(got.iMsgFlags, 0);
-    EXPECT_EQ(list.iNum, 2) << "a message without files leaves the record alone";
+    EXPECT_EQ(list.iNum, 2) << "a message without the flag leaves the record alone";
 }
 
 TEST_F(StoreTest, ARecordWhosePathsOrBytesDoNotFitIsDamaged) {
