@@ -58,6 +58,25 @@ void put_until_full(Field& field) {
     }
 }
 
+/// Takes messages off the receiver's queue as they come: none missing, none twice, in order.
+void take_in_order(Field& field, std::uint64_t first, std::uint64_t last) {
+    std::vector<char> buffer(kMaxMessage);
+    T_KAVRO_ACCESSORIES_MD files{};
+    const auto getter = field.receiver().drain(kTarget);
+    bool good = true;
+    await("all messages", [&] {
+        T_KAVRO_MD descriptor{};
+        descriptor.pOptData = &files;
+        while (good && first <= last && getter->next(descriptor, buffer, false) >= 0) {
+            const auto number = number_of(kTag, descriptor);
+            good = number == first;
+            EXPECT_EQ(number, first++);
+        }
+        return !good || first > last;
+    });
+    getter->commit();
+}
+
 void record_seconds(const char* what, Clock::time_point since) {
     ::testing::Test::RecordProperty(
         what, std::to_string(std::chrono::duration<double>(Clock::now() - since).count()).substr(0, 4));
@@ -148,21 +167,7 @@ TEST(Exhaustion, FullDiskOfTheReceiver) {
     EXPECT_EQ(get.result(), 0) << out();
     disk.give_back();
     since = Clock::now();
-    const std::uint64_t wanted = sender.ledger().size();
-    std::uint64_t taken = 20;
-    std::vector<char> buffer(kMaxMessage);
-    T_KAVRO_ACCESSORIES_MD files{};
-    const auto getter = receiver.receiver().drain(kTarget);
-    await("all messages", [&] {
-        T_KAVRO_MD descriptor{};
-        descriptor.pOptData = &files;
-        if (getter->next(descriptor, buffer, false) >= 0) {
-            ++taken;
-            EXPECT_EQ(number_of(kTag, descriptor), taken); // none missing, none twice, in order
-        }
-        return taken == wanted;
-    });
-    getter->commit();
+    take_in_order(receiver, 21, sender.ledger().size());
     record_seconds("seconds to the last message after room came back", since);
     EXPECT_EQ(sender.depth(), 0U);
     EXPECT_EQ(worker.result_under(SIGTERM), 0);
@@ -187,6 +192,23 @@ TEST(Exhaustion, QuotaUsedUp) {
     field.await_arrived(fitted + 9);
     EXPECT_EQ(worker.result_under(SIGTERM), 0);
     EXPECT_EQ(field.judge().delivered, fitted + 9);
+}
+
+// A sender whose send time-out passes opens a line after the other while the receiver is full; all of them are read to
+// their end, one after the other.
+TEST(Exhaustion, QuotaOfTheReceiverUsedUpForManySendTimeOuts) {
+    Field field;
+    field.receiver().set_settings({.quota = 4U << 20U});
+    Child listener = field.listen({"--handshake-time", "2"});
+    Child worker = field.run_channel();
+    // One buffer's worth for each line, or the sender would be done before its time-outs.
+    const std::size_t time_outs = rounds(8);
+    field.put(MessageKind::kData, 8'000 + time_outs * 5'000, 1024, 1024);
+    field.await_log("error[-201]", time_outs);
+    take_in_order(field, 1, field.ledger().size());
+    EXPECT_EQ(worker.result_under(SIGTERM), 0);
+    EXPECT_EQ(end_listener(listener), 0);
+    EXPECT_GE(field.journalled("connect"), time_outs);
 }
 
 TEST(Exhaustion, FewDescriptorsFromTheStart) {

@@ -24,7 +24,7 @@ struct ListenCommand {
 };
 
 void listen(const GlobalOptions& global, ListenCommand& command) {
-    hold_signals({SIGTERM, SIGINT});
+    hold_signals({SIGTERM, SIGINT, SIGHUP});
     ListenerOptions& options = command.listener;
     if (!options.tls.enabled && (!options.tls.cert.empty() || !options.tls.key.empty() || !options.tls.ca.empty())) {
         throw UsageError("certificate options without TLS: add --tls, or leave them out");
@@ -134,9 +134,21 @@ void add_listen_command(CLI::App& app, GlobalOptions& global) {
         ->type_name("DIR");
     command->add_option("--journal", listener.journal, "Append a JSON line per connection, bind and message")
         ->type_name("FILE");
-    command->add_option("--max-connections", listener.max_connections, "Further ones wait until one ends [1024]")
+    command
+        ->add_option("--max-connections", listener.max_connections,
+                     "Further ones take the place of idle ones, or wait [1024]")
         ->check(CLI::Range(1, 100000))
         ->type_name("N");
+    command
+        ->add_option("--max-per-address", listener.max_per_address,
+                     "Beyond so many connections of an address its idle ones make room [256]")
+        ->check(CLI::Range(1, 100000))
+        ->type_name("N");
+    command
+        ->add_option("--idle-time", listener.idle_seconds,
+                     "Without a message for so long, a connection makes room when others need its place [10]")
+        ->check(CLI::Range(1, 86400))
+        ->type_name("SECONDS");
     command->add_option("--handshake-time", listener.handshake_seconds, "Limit for a sender to say its name [30]")
         ->check(CLI::Range(1, 86400))
         ->type_name("SECONDS");

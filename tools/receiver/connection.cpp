@@ -6,8 +6,10 @@
 
 #include <fmt/format.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 
 #include "listen_log.h"
+#include "sender_order.h"
 #include "wire_fields.h"
 
 namespace kvr {
@@ -18,6 +20,7 @@ constexpr std::chrono::seconds kRetryPause{1};     ///< between tries to store w
 constexpr std::chrono::seconds kDropTime{5};       ///< for the peer to notice an end of stream on purpose
 constexpr std::chrono::milliseconds kRateTick{20}; ///< how often a slow reader reads
 constexpr std::chrono::milliseconds kTurnTime{20}; ///< then others have their turn
+constexpr std::uint64_t kProgress = 32U << 10U;    ///< bytes of an unfinished message that are worth a place
 
 AwkwardOptions switches_for(const ListenerOptions& options, std::uint64_t id) {
     AwkwardOptions switches = options.awkward;
@@ -37,9 +40,8 @@ AwkwardOptions switches_for(const ListenerOptions& options, std::uint64_t id) {
 
 Connection::Connection(std::uint64_t id, UniqueFd fd, std::string peer, ListenerContext& context)
     : id_(id), peer_(std::move(peer)), context_(context), stream_(std::move(fd), context.tls),
-      awkward_(switches_for(context.options, id)), started_(Clock::now()), last_bytes_(started_),
-      deadline_(started_ + std::chrono::seconds(context.options.handshake_seconds)) {
-    listen_log(fmt::format("connection {} from {}", id_, peer_));
+      awkward_(switches_for(context.options, id)), started_(Clock::now()),
+      deadline_(std::chrono::seconds(context.options.handshake_seconds)), progress_at_(started_) {
     context_.journal.add("connect", id_, fmt::format(R"("peer":"{}")", peer_));
     if (context_.journal.enabled()) {
         digest_ = std::make_unique<Sha256>();
@@ -68,11 +70,28 @@ short Connection::events(Clock::time_point now) const {
     return 0;
 }
 
+void Connection::let_read(bool read, Clock::time_point now) {
+    is_read_ = read;
+    reading_time_.run(read && !paused_, now);
+}
+
+Clock::time_point Connection::quiet_at() const {
+    return reading_time_.when(last_bytes_ + kQuiet);
+}
+
+std::size_t Connection::unread() const {
+    int count = 0;
+    return ::ioctl(fd(), FIONREAD, &count) == 0 ? static_cast<std::size_t>(count) : 0;
+}
+
 Clock::time_point Connection::next_timer() const {
     Clock::time_point next = ticket_at_;
     if (state_ == State::kDraining || state_ == State::kDropping ||
         (state_ != State::kSilent && state_ != State::kClosed && channel_.empty())) {
-        next = std::min(next, deadline_);
+        next = std::min(next, reading_time_.when(deadline_));
+    }
+    if (!is_read_) {
+        return next;
     }
     if (paused_) {
         next = std::min(next, retry_at_);
@@ -82,7 +101,7 @@ Clock::time_point Connection::next_timer() const {
     return next;
 }
 
-void Connection::work(Clock::time_point now, short ready, bool may_read) {
+void Connection::work(Clock::time_point now, short ready, bool may_read, std::size_t most) {
     check_timers(now);
     turn_end_ = Clock::now() + kTurnTime;
     if (state_ == State::kSilent && (ready & (POLLRDHUP | POLLHUP | POLLERR)) != 0) {
@@ -95,7 +114,7 @@ void Connection::work(Clock::time_point now, short ready, bool may_read) {
         resume(now);
     }
     if (reading() && !paused_ && may_read && (ready != 0 || stream_.pending())) {
-        read(now);
+        read(now, most);
     }
 }
 
@@ -104,13 +123,14 @@ void Connection::check_timers(Clock::time_point now) {
         ticket_at_ = Clock::time_point::max();
         stream_.send_ticket();
     }
-    if (now < deadline_) {
+    if (reading_time_.at(now) < deadline_) {
         return;
     }
     if (state_ == State::kDraining || state_ == State::kDropping) {
         close(paused_ ? "the stop does not wait any longer" : "the peer did not end the connection in time");
     } else if ((state_ == State::kHandshake || state_ == State::kOpen) && channel_.empty()) {
-        close(fmt::format("no bind frame within {} seconds", context_.options.handshake_seconds));
+        close(fmt::format("no bind frame within {} seconds", context_.options.handshake_seconds),
+              "connections without a bind frame");
     }
 }
 
@@ -119,14 +139,14 @@ void Connection::shake_hands(Clock::time_point now) {
     want_write_ = end == StreamEnd::kWantWrite;
     if (end == StreamEnd::kDone) {
         state_ = State::kOpen;
-        listen_log(fmt::format("connection {}: {}", id_, stream_.description()));
         context_.journal.add("tls", id_, fmt::format(R"("session":"{}")", stream_.description()));
         if (context_.options.tls.late_ticket_ms >= 0) {
             ticket_at_ = now + std::chrono::milliseconds(context_.options.tls.late_ticket_ms);
         }
         reach_switch(now);
     } else if (end != StreamEnd::kWantRead && end != StreamEnd::kWantWrite) {
-        close(fmt::format("TLS handshake failed: {}", stream_.error().empty() ? "end of stream" : stream_.error()));
+        close(fmt::format("TLS handshake failed: {}", stream_.error().empty() ? "end of stream" : stream_.error()),
+              "failed TLS handshakes");
     }
 }
 
@@ -152,8 +172,8 @@ std::size_t Connection::read_limit(Clock::time_point now) const {
     return limit;
 }
 
-void Connection::read(Clock::time_point now) {
-    const std::size_t limit = read_limit(now);
+void Connection::read(Clock::time_point now, std::size_t most) {
+    const std::size_t limit = std::min(read_limit(now), most);
     if (limit == 0) {
         return;
     }
@@ -167,8 +187,12 @@ void Connection::read(Clock::time_point now) {
         // A TLS read gives one record at most: small pieces are gathered.
     } while (end == StreamEnd::kDone && filled < limit && context_.tls != nullptr);
     if (filled > 0) {
-        last_bytes_ = now;
+        last_bytes_ = reading_time_.at(now);
         received_ += filled;
+        if (received_ - progress_bytes_ >= kProgress) {
+            progress_bytes_ = received_;
+            progress_at_ = now;
+        }
         context_.bytes += filled;
         if (state_ != State::kDropping) {
             feed(room.first(filled), now);
@@ -190,11 +214,11 @@ void Connection::reach_switch(Clock::time_point now) {
     }
     if (awkward_.reset_after == received_) {
         stream_.reset_on_close();
-        close(fmt::format("reset on purpose after {} bytes", received_));
+        close(fmt::format("reset on purpose after {} bytes", received_), {});
     } else if (awkward_.close_after == received_) {
         stream_.finish_sending(awkward_.close_notify);
         state_ = State::kDropping;
-        deadline_ = now + kDropTime;
+        deadline_ = reading_time_.at(now) + kDropTime;
         listen_log(fmt::format("connection {}: end of stream on purpose after {} bytes", id_, received_));
     } else if (awkward_.stall_after == received_) {
         state_ = State::kSilent;
@@ -216,7 +240,8 @@ void Connection::feed(std::span<const char> bytes, Clock::time_point now) {
         close(stop_reason_);
         return;
     case FeedEnd::kBroken:
-        close(fmt::format("malformed stream at byte {}: {}", splitter_.error().offset, splitter_.error().reason));
+        close(fmt::format("malformed stream at byte {}: {}", splitter_.error().offset, splitter_.error().reason),
+              "malformed streams");
         return;
     }
 }
@@ -240,18 +265,21 @@ void Connection::resume(Clock::time_point now) {
     feed(bytes, now);
 }
 
-void Connection::drain(Clock::time_point deadline) {
-    if (state_ != State::kOpen || channel_.empty()) {
-        close("the listener stops");
+void Connection::drain(Clock::duration time, const std::string& why, Clock::time_point now) {
+    if (state_ == State::kDraining) {
+        return;
+    }
+    if (state_ != State::kOpen || (channel_.empty() && unread() == 0)) {
+        close(why);
         return;
     }
     // No closing alert: the peer would not read it, and a close with unread bytes resets the connection.
     stream_.finish_sending(awkward_.close_notify);
     state_ = State::kDraining;
-    deadline_ = deadline;
+    deadline_ = reading_time_.at(now) + time;
 }
 
-void Connection::close(const std::string& reason) {
+void Connection::close(const std::string& reason, std::string_view cause) {
     if (state_ == State::kClosed) {
         return;
     }
@@ -259,8 +287,9 @@ void Connection::close(const std::string& reason) {
     const bool by_peer = stop_reason_.empty() && splitter_.error().reason.empty();
     const std::string cut =
         by_peer && !splitter_.at_boundary() ? fmt::format(", cut {}: discarded", splitter_.position()) : "";
-    listen_log(fmt::format("connection {}: {}{}; {} messages, {} bytes{}{}", id_, reason, cut, messages_, received_,
-                           channel_.empty() ? "" : ", channel ", channel_));
+    log(fmt::format("{}{}; {} messages, {} bytes{}{}", reason, cut, messages_, received_,
+                    channel_.empty() ? "" : ", channel ", channel_),
+        cause);
     if (by_peer && (complete_waits_ || !left_.empty())) {
         listen_log(fmt::format("connection {}: {}{} bytes are lost: they had come and could not be stored", id_,
                                complete_waits_ ? "a complete message and " : "", left_.size()));
@@ -276,6 +305,10 @@ void Connection::close(const std::string& reason) {
     message_.files.clear();
 }
 
+void Connection::log(std::string_view text, std::string_view cause) const {
+    listen_log(fmt::format("connection {} from {}: {}", id_, peer_, text), cause, host());
+}
+
 bool Connection::stop(std::string reason) {
     stop_reason_ = std::move(reason);
     return false;
@@ -283,7 +316,9 @@ bool Connection::stop(std::string reason) {
 
 bool Connection::on_bind(std::string_view channel) {
     channel_ = escaped(channel);
-    listen_log(fmt::format("connection {}: bound by channel {}", id_, channel_));
+    sender_ = fmt::format("{}/{}", channel_, host());
+    ++context_.binds;
+    log(fmt::format("bound by channel {}, {}", channel_, stream_.description()), "connections bound");
     context_.journal.add("bind", id_, fmt::format(R"("channel":"{}")", channel_));
     if (awkward_.send > 0) {
         stream_.send_some(std::string(awkward_.send, 'x'));
@@ -299,6 +334,7 @@ bool Connection::on_heartbeat() {
 bool Connection::on_message(const WireMessage& message) {
     message_ = {};
     message_.connection = id_;
+    message_.peer = host();
     message_.queue = message.queue;
     message_.descriptor = message.descriptor;
     if (!context_.delivery.has_home(message_.queue)) {
@@ -327,7 +363,17 @@ bool Connection::on_message(const WireMessage& message) {
     if (is_file_) {
         expect_file(message.file_name);
     }
+    kept_ = kept_by_message();
     return true;
+}
+
+std::size_t Connection::kept_by_message() const {
+    std::size_t size =
+        message_.data.capacity() + files_.capacity() * sizeof(IncomingFile) + facts_.capacity() * sizeof(FileFacts);
+    for (const FileFacts& file : facts_) {
+        size += 2 * file.name.capacity(); // the file that is coming in has it as well
+    }
+    return size;
 }
 
 bool Connection::on_file_begin(std::size_t index, std::uint64_t length) {
@@ -344,6 +390,7 @@ Flow Connection::on_file_bytes(std::span<const char>& bytes) {
     } else {
         bytes = {};
     }
+    spooled_ += offered.size() - bytes.size();
     if (digest_) {
         digest_->add(offered.first(offered.size() - bytes.size()));
     }
@@ -380,9 +427,10 @@ bool Connection::judge_file_trouble(const IncomingFile& file) {
         return stop(fmt::format("a file of a message cannot be stored {}; the message is dropped", trouble));
     }
     if (file_trouble_ != trouble) {
-        listen_log(fmt::format("connection {}: cannot store a file {}, reading stops until it works", id_, trouble));
+        log(fmt::format("cannot store a file {}, reading stops until it works", trouble), "files not stored");
     }
     file_trouble_ = trouble;
+    no_room_ = file.no_room();
     return true;
 }
 
@@ -399,21 +447,26 @@ bool Connection::store_files() {
         message_.files.push_back(std::move(path));
     }
     complete_waits_ = false;
-    files_.clear();
+    std::vector<IncomingFile>().swap(files_);
     if (!file_trouble_.empty() && !message_.files.empty()) {
         file_trouble_.clear();
-        listen_log(fmt::format("connection {}: files can be stored again", id_));
+        log("files can be stored again", "files stored again");
     }
     message_.attachments = message_.files;
     if (is_file_ && !message_.files.empty()) {
         message_.data.assign(message_.files.back().begin(), message_.files.back().end());
         message_.attachments.pop_back();
     }
+    kept_ = 0;
+    spooled_ = 0;
+    progress_at_ = Clock::now();
+    progress_bytes_ = received_;
     ++messages_;
     ++context_.messages;
     if (context_.journal.enabled()) {
         message_.journal = message_facts();
     }
+    std::vector<FileFacts>().swap(facts_);
     context_.delivery.add(std::move(message_));
     return true;
 }

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
 // One accepted connection: reads its bytes, has them split, takes the messages in and hands the complete ones over.
 //
-// The listener calls work() when the socket is ready or a timer is due. A connection that cannot store what arrives
-// stops reading and keeps the bytes it has (at most one chunk) until it can; its peer is held back by TCP.
+// The listener calls work() when the socket is ready or a timer is due, and says before each round whether it reads. A
+// connection that cannot store what arrives stops reading and keeps the bytes it has (at most one chunk) until it can;
+// its peer is held back by TCP.
 #pragma once
 
 #include <chrono>
@@ -15,6 +16,7 @@
 #include "frame_splitter.h"
 #include "journal.h"
 #include "listener_options.h"
+#include "reading_time.h"
 #include "sha256.h"
 #include "spool.h"
 #include "tls_server.h"
@@ -36,6 +38,17 @@ struct ListenerContext {
     std::uint64_t messages = 0;
     std::uint64_t bytes = 0;
     bool lost = false; ///< a connection ended with bytes that it had taken in and could not store
+    std::uint64_t binds = 0;
+};
+
+class Connection;
+
+/// Where a connection stands among those of its sender; kept by SenderOrder.
+struct SenderPlace {
+    const Connection* older = nullptr; ///< the next older line
+    Clock::duration since{};           ///< that one's reading time when this one came to stand behind it
+    bool waits = false;
+    bool let_by = false; ///< for ever
 };
 
 class Connection final : public FrameSink {
@@ -45,30 +58,53 @@ class Connection final : public FrameSink {
     [[nodiscard]] std::uint64_t id() const { return id_; }
     [[nodiscard]] int fd() const { return stream_.fd(); }
     [[nodiscard]] bool closed() const { return state_ == State::kClosed; }
+    /// Says whether the listener reads it from now on; its reading time passes accordingly.
+    void let_read(bool read, Clock::time_point now);
+    [[nodiscard]] bool is_read() const { return is_read_; }
     /// Events to poll for; 0: leave the socket alone.
     [[nodiscard]] short events(Clock::time_point now) const;
     /// When work() is due although the socket says nothing.
     [[nodiscard]] Clock::time_point next_timer() const;
     /// Bytes wait inside the TLS session.
-    [[nodiscard]] bool pending() const { return reading() && !paused_ && stream_.pending(); }
-    [[nodiscard]] bool in_message() const { return !splitter_.at_boundary(); }
-    [[nodiscard]] Clock::time_point last_bytes() const { return last_bytes_; }
+    [[nodiscard]] bool pending() const { return is_read_ && reading() && !paused_ && stream_.pending(); }
+    [[nodiscard]] bool in_message() const { return complete_waits_ || !splitter_.at_boundary(); }
     [[nodiscard]] bool in_handshake() const { return state_ == State::kHandshake; }
-    [[nodiscard]] Clock::time_point started() const { return started_; }
-    [[nodiscard]] bool bound() const { return !channel_.empty(); }
-    /// Takes in messages, and has the channel and the peer's address of `other`, which are known after the bind frame.
-    [[nodiscard]] bool serves_sender_of(const Connection& other) const {
-        return (state_ == State::kOpen || state_ == State::kDraining) && bound() && channel_ == other.channel_ &&
-               host() == other.host();
-    }
-    [[nodiscard]] std::size_t memory() const { return splitter_.memory() + left_.capacity(); }
+    [[nodiscard]] bool draining() const { return state_ == State::kDraining; }
+    /// It waits for room for what it has read.
+    [[nodiscard]] bool short_of_room() const { return paused_ && no_room_; }
+    [[nodiscard]] bool paused() const { return paused_; }
+    [[nodiscard]] const ReadingTime& reading_time() const { return reading_time_; }
+    /// When it was read for kQuiet without a byte; max while it is not read.
+    [[nodiscard]] Clock::time_point quiet_at() const;
+    /// Time since a message was completed, or a good part of one came.
+    [[nodiscard]] Clock::duration idle(Clock::time_point now) const { return now - progress_at_; }
+    /// Bytes that have arrived and were not read, as far as the socket knows.
+    [[nodiscard]] std::size_t unread() const;
+    [[nodiscard]] std::uint64_t received() const { return received_; }
+
+    /// Address of the peer without the port.
+    [[nodiscard]] std::string_view host() const { return std::string_view(peer_).substr(0, peer_.rfind(':')); }
+    /// Channel and address; empty before the bind frame.
+    [[nodiscard]] const std::string& sender() const { return sender_; }
+    /// Takes in messages of a sender that is known, in their order; one that misbehaves on purpose holds nobody up.
+    [[nodiscard]] bool in_line() const { return takes_in() && !channel_.empty(); }
+    /// Has not said its name yet.
+    [[nodiscard]] bool unnamed() const { return (takes_in() || in_handshake()) && channel_.empty(); }
+    [[nodiscard]] SenderPlace& place() { return place_; }
+    [[nodiscard]] const SenderPlace& place() const { return place_; }
+
+    /// Bytes kept for the message that is coming in, in memory and in the spool.
+    [[nodiscard]] std::size_t memory() const { return splitter_.memory() + left_.capacity() + kept_; }
+    [[nodiscard]] std::uint64_t spooled() const { return spooled_; }
 
     /// @param ready     poll's events for the socket
     /// @param may_read  false: only timers and the end of a connection, nothing new is taken in
-    void work(Clock::time_point now, short ready, bool may_read);
-    /// Ends our half, takes in what was sent before the peer noticed, at most until `deadline`.
-    void drain(Clock::time_point deadline);
-    void close(const std::string& reason);
+    /// @param most      greatest read
+    void work(Clock::time_point now, short ready, bool may_read, std::size_t most = ListenerContext::kChunk);
+    /// Ends our half, takes in what was sent before the peer noticed, for at most `time` of reading.
+    void drain(Clock::duration time, const std::string& why, Clock::time_point now);
+    /// @param cause  the kind of reason, for the log
+    void close(const std::string& reason, std::string_view cause = "connections ended");
     void trim() { splitter_.trim(); }
 
     bool on_bind(std::string_view channel) override;
@@ -98,18 +134,22 @@ class Connection final : public FrameSink {
     [[nodiscard]] bool reading() const {
         return state_ == State::kOpen || state_ == State::kDraining || state_ == State::kDropping;
     }
-    [[nodiscard]] std::string_view host() const { return std::string_view(peer_).substr(0, peer_.rfind(':')); }
+    [[nodiscard]] bool takes_in() const {
+        return (state_ == State::kOpen || state_ == State::kDraining) && awkward_.read_rate == 0;
+    }
     [[nodiscard]] std::size_t read_limit(Clock::time_point now) const;
     void shake_hands(Clock::time_point now);
     void check_timers(Clock::time_point now);
     void resume(Clock::time_point now);
-    void read(Clock::time_point now);
+    void read(Clock::time_point now, std::size_t most);
     void feed(std::span<const char> bytes, Clock::time_point now);
     void reach_switch(Clock::time_point now);
     void pause(Clock::time_point retry);
     bool judge_file_trouble(const IncomingFile& file);
     bool store_files();
     bool stop(std::string reason);
+    [[nodiscard]] std::size_t kept_by_message() const;
+    void log(std::string_view text, std::string_view cause) const;
     [[nodiscard]] std::string message_facts() const;
 
     const std::uint64_t id_;
@@ -121,10 +161,16 @@ class Connection final : public FrameSink {
     const AwkwardOptions awkward_; ///< neutral for a connection to which the switches do not apply
     bool want_write_ = false;
     Clock::time_point started_;
-    Clock::time_point last_bytes_;
-    Clock::time_point deadline_; ///< of the handshake and bind, or of draining
+    bool is_read_ = false;
+    ReadingTime reading_time_;
+    Clock::duration last_bytes_{};  ///< in reading time, as the next one
+    Clock::duration deadline_;      ///< of the handshake and bind, or of draining
+    Clock::time_point progress_at_; ///< see idle()
+    std::uint64_t progress_bytes_ = 0;
     Clock::time_point ticket_at_ = Clock::time_point::max();
     std::string channel_; ///< empty before the bind frame
+    std::string sender_;
+    SenderPlace place_;
     std::uint64_t received_ = 0;
     std::uint64_t messages_ = 0;
     std::string stop_reason_;
@@ -132,12 +178,15 @@ class Connection final : public FrameSink {
     // Held back.
     bool paused_ = false;
     std::string file_trouble_; ///< why a file cannot be stored
+    bool no_room_ = false;     ///< that is why
     Clock::time_point retry_at_;
     std::vector<char> left_; ///< bytes that were read and not fed
     bool complete_waits_ = false;
     Clock::time_point turn_end_; ///< for what comes before it, other connections may wait
 
     // The message that is coming in.
+    std::size_t kept_ = 0; ///< bytes of memory, without what the splitter holds
+    std::uint64_t spooled_ = 0;
     ReceivedMessage message_;
     bool is_file_ = false;
     std::size_t body_length_ = 0;

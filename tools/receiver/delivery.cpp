@@ -216,7 +216,8 @@ void Delivery::refuse(Queued& queued, const Error& error) {
         return;
     }
     listen_log(fmt::format("connection {}: a message for queue '{}' is dropped and the connection closed: {}",
-                           queued.message.connection, escaped(queued.message.queue), error.what()));
+                           queued.message.connection, escaped(queued.message.queue), error.what()),
+               "messages dropped", queued.message.peer);
     failed_.push_back(queued.message.connection);
     for (const std::string& file : queued.message.files) {
         spool_->remove(file);
@@ -233,7 +234,8 @@ void Delivery::done(Queued& queued) {
         message.journal += R"(,"dead_letter":true)";
         listen_log(fmt::format("connection {}: queue '{}' of {} does not exist or refuses the message: it went to the "
                                "dead-letter queue {}",
-                               message.connection, escaped(message.queue), store_->qmgr(), queued.home));
+                               message.connection, escaped(message.queue), store_->qmgr(), queued.home),
+                   "messages for unknown queues", message.peer);
     }
     journal_.add("message", message.connection, message.journal);
 }

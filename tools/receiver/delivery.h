@@ -29,6 +29,7 @@ namespace kvr {
 
 struct ReceivedMessage {
     std::uint64_t connection;
+    std::string peer;  ///< the sender's address
     std::string queue; ///< as the frame named it
     T_KAVRO_MD descriptor;
     std::vector<char> data;               ///< of a file message: the path in the spool

@@ -22,6 +22,7 @@ constexpr long kMaxChannelNameLength = 63;
 constexpr std::size_t kFirstReserve = 4096;
 /// A buffer above this size is given back once the connection falls silent between frames.
 constexpr std::size_t kKeptBuffer = 4096;
+constexpr char kTlsHandshakeRecord = 0x16; ///< first byte of a TLS session
 
 bool is_data(char type) {
     return type == KVR_CHL_FRAME_DATA || type == KVR_CHL_FRAME_FILE;
@@ -62,6 +63,9 @@ FeedEnd FrameSplitter::take_unit(Bytes& input, FrameSink& sink) {
     if (end == FeedEnd::kHungry || end == FeedEnd::kPaused) {
         held_.clear();
         unit_start_ += unit.size();
+        if (files_done_ < files_) {
+            trim(); // the sink has the package; its files may take long
+        }
     }
     return end;
 }
@@ -85,6 +89,10 @@ FeedEnd FrameSplitter::use_unit(Bytes unit, FrameSink& sink) {
 FeedEnd FrameSplitter::use_header(Bytes unit) {
     std::memcpy(&header_, unit.data(), kHeaderSize);
     const T_KAVRO_CHL_HDR& hdr = header_;
+    if (!bound_ && unit[0] == kTlsHandshakeRecord) {
+        return fail(0,
+                    "a TLS hello, but this listener speaks plain TCP: listen with --tls, or set the channel to plain");
+    }
     if (std::memcmp(hdr.sHdrLen, "00000075", sizeof hdr.sHdrLen) != 0) {
         return fail(0, fmt::format("header length '{}' instead of '00000075'", escaped({hdr.sHdrLen, kDigits})));
     }

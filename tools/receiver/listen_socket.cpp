@@ -12,7 +12,6 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
@@ -127,14 +126,6 @@ void write_port_file(const std::filesystem::path& path, int port) {
         ::rename(temporary.c_str(), path.c_str()) != 0) {
         throw Error(Errc::kIo, fmt::format("cannot write the port file {} {}: give a writable path",
                                            escaped(path.native()), system_text()));
-    }
-}
-
-void allow_descriptors(std::size_t wanted) {
-    rlimit limit{};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < wanted) {
-        limit.rlim_cur = std::min<rlim_t>(wanted, limit.rlim_max);
-        (void)::setrlimit(RLIMIT_NOFILE, &limit);
     }
 }
 

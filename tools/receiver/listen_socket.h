@@ -26,7 +26,4 @@ Accepted accept_connection(int listener, UniqueFd& connection, std::string& peer
 /// name. Throws kvr::Error(kIo).
 void write_port_file(const std::filesystem::path& path, int port);
 
-/// Raises the limit of open files towards `wanted`.
-void allow_descriptors(std::size_t wanted);
-
 } // namespace kvr

@@ -1,10 +1,16 @@
 // SPDX-License-Identifier: MIT
 // The event loop of the listener: one thread, poll, many connections.
 //
-// Bounds: memory kept for unfinished messages (kMemoryBudget; beyond it one connection at a time is read, and those
-// that fell silent in mid-message are closed), the number of connections and of TLS handshakes under way (further ones
-// wait in the kernel's queue), the time to the bind frame, the time that a message waits in a group (kGroupTime), the
-// time of a stop (kStopTime).
+// Each round decides for each connection whether it is read (held_back): not while the store takes nothing, not before
+// the older lines of its sender, not while memory is short and others come first. Only while it is read its reading
+// time passes, and every limit on a sender is in reading time. So a sender that is held back waits, and however many
+// lines it opens meanwhile, they are read to their end in their order once reading goes on. New ones wait in the
+// system's queue as long as nothing is read.
+//
+// Bounds: what is kept for unfinished messages (kMemoryBudget, then kShare for each connection and one that may
+// finish), the number of connections and of TLS handshakes under way (further ones wait in the system's queue), the
+// time to the bind frame, the time that a message waits in a group (kGroupTime), the time of a stop (kStopTime,
+// kLongestStop).
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -13,61 +19,34 @@
 
 #include <fmt/format.h>
 #include <poll.h>
-#include <sys/signalfd.h>
 
+#include "admission.h"
 #include "connection.h"
 #include "listen_log.h"
+#include "listen_signals.h"
 #include "listen_socket.h"
 #include "listener_options.h"
+#include "sender_order.h"
+#include "unfinished.h"
 
 namespace kvr {
 
 namespace {
 
+/// With the default number of connections 24 MiB, 1,024 shares and a message of the greatest size stay below 48 MiB.
 constexpr std::size_t kMemoryBudget = 24U << 20U;
-constexpr std::chrono::seconds kSilence{10}; ///< in mid-message, while memory is short
+constexpr std::size_t kShare = 8U << 10U; ///< what each connection may keep, and read at once, when memory is short
 constexpr std::chrono::milliseconds kGroupTime{20};
 constexpr std::chrono::seconds kRetryTime{1}; ///< between tries of a store that is full, or of accept
-constexpr std::chrono::seconds kStopTime{2};  ///< for the peers, and again for a store that fails at the end
+constexpr std::chrono::seconds kStopTime{2}; ///< of reading, for each connection; and for a store that fails at the end
+constexpr std::chrono::seconds kLongestStop{10};
+constexpr std::chrono::seconds kLeaveTime{1}; ///< of reading, for a connection that makes room for another
+constexpr std::size_t kMostLeaving = 4;       ///< at the same time
 constexpr int kEndRetryMilliseconds = 100;
-/// A new line waits for an old one of its sender at most so long: until that is silent, and in all, because it could be
-/// another sender of the same name.
-constexpr std::chrono::milliseconds kOldLineSilence{500};
-constexpr std::chrono::seconds kOldLineTime{5};
-constexpr std::chrono::milliseconds kOldLineLook{20};
 constexpr int kAcceptBatch = 64;
 /// Each costs some 60 KiB until it is done; whoever takes longer than this makes room while others wait for it.
 constexpr std::size_t kMaxHandshakes = 256;
 constexpr std::chrono::seconds kHandshakePatience{2};
-constexpr std::size_t kOtherDescriptors = 64;
-
-/// SIGTERM and SIGINT as a descriptor; the mask is as before when this ends.
-class StopSignals {
-  public:
-    StopSignals() {
-        sigset_t set;
-        sigemptyset(&set);
-        sigaddset(&set, SIGTERM);
-        sigaddset(&set, SIGINT);
-        (void)::pthread_sigmask(SIG_BLOCK, &set, &before_);
-        fd_.reset(::signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
-        if (!fd_) {
-            throw Error(Errc::kIo, fmt::format("cannot wait for signals [{}:{}]", errno, std::strerror(errno)));
-        }
-    }
-    StopSignals(const StopSignals&) = delete;
-    StopSignals& operator=(const StopSignals&) = delete;
-    ~StopSignals() { (void)::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-    [[nodiscard]] int fd() const { return fd_.get(); }
-    bool take() {
-        signalfd_siginfo info{};
-        return ::read(fd_.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info);
-    }
-
-  private:
-    sigset_t before_{};
-    UniqueFd fd_;
-};
 
 class Listener {
   public:
@@ -75,45 +54,59 @@ class Listener {
     int run();
 
   private:
-    [[nodiscard]] bool accepting() const {
-        return socket_ && connections_.size() < options_.max_connections && handshakes_ < kMaxHandshakes &&
-               Clock::now() >= accept_again_ && !all_accepted();
-    }
+    [[nodiscard]] bool accepting() const;
+    [[nodiscard]] bool crowded() const { return connections_.size() >= places_; }
     [[nodiscard]] bool all_accepted() const { return options_.once != 0 && accepted_ == options_.once; }
-    [[nodiscard]] bool finished() const { return (stopping_ || all_accepted()) && connections_.empty(); }
-    [[nodiscard]] bool behind_old_line(const Connection& connection, Clock::time_point now) const;
-    [[nodiscard]] bool held_back(const Connection& connection, Clock::time_point now) const;
+    [[nodiscard]] bool finished(Clock::time_point now) const {
+        return ((stopping_ || all_accepted()) && connections_.empty()) || now >= stop_at_;
+    }
+    [[nodiscard]] bool memory_short() const { return memory_ > kMemoryBudget; }
+    [[nodiscard]] bool held_back(const Connection& connection) const;
+    void decide_who_is_read(Clock::time_point now);
     std::size_t fill_polls(Clock::time_point now);
     [[nodiscard]] int poll_time(Clock::time_point now) const;
-    void accept_all();
+    void take_signals(Clock::time_point now);
+    void accept_all(Clock::time_point now);
+    bool accept_one(Clock::time_point now);
+    bool make_room(std::string_view address, Clock::time_point now);
     bool work_all(Clock::time_point now);
     void relieve_memory(Clock::time_point now);
+    void relieve_spool(Clock::time_point now);
+    template <class Kept>
+    void try_unfinished(UnfinishedTrial& trial, Kept kept, std::size_t excess, std::string_view what,
+                        Clock::time_point now);
     void relieve_handshakes(Clock::time_point now);
     void deliver(Clock::time_point now, bool idle);
-    void drop_closed();
+    void drop_closed(Clock::time_point now);
     void begin_stop(Clock::time_point now);
     int end();
 
     const ListenerOptions& options_;
-    StopSignals signals_;
+    ListenSignals signals_;
     Journal journal_;
     std::optional<TlsServer> tls_;
     std::optional<Spool> spool_;
     Delivery delivery_;
     ListenerContext context_;
     UniqueFd socket_;
-    std::vector<std::unique_ptr<Connection>> connections_;
-    std::vector<pollfd> polls_; ///< signals, socket, then one per connection
+    std::size_t places_;
+    std::vector<std::unique_ptr<Connection>> connections_; ///< in the order in which they were accepted
+    std::vector<pollfd> polls_;                            ///< signals, socket, then one per connection
     std::uint64_t accepted_ = 0;
+    std::uint64_t lined_up_ = 0; ///< binds that the order of senders knows of
     std::size_t memory_ = 0;     ///< of all connections
     std::size_t handshakes_ = 0; ///< connections that are in theirs
-    std::uint64_t favoured_ = 0;
+    std::size_t leaving_ = 0;    ///< connections that make room for others
+    std::uint64_t favoured_ = 0; ///< the one that may keep more although memory is short
+    UnfinishedTrial memory_trial_;
+    UnfinishedTrial spool_trial_;
     std::size_t turn_ = 0; ///< who is served first
     Clock::time_point group_since_ = Clock::time_point::max();
     Clock::time_point retry_at_;
     Clock::time_point accept_again_;
     Clock::time_point relieve_at_ = Clock::time_point::max(); ///< of handshakes, while there are too many
-    bool crowded_told_ = false;
+    Clock::time_point stop_at_ = Clock::time_point::max();
+    Clock::time_point log_at_ = Clock::time_point::max();
     bool stopping_ = false;
 };
 
@@ -124,10 +117,15 @@ Listener::Listener(const ListenerOptions& options)
       delivery_(options.store, spool_ ? &*spool_ : nullptr, journal_), context_{options,
                                                                                 tls_ ? tls_->context() : nullptr,
                                                                                 spool_ ? &*spool_ : nullptr, delivery_,
-                                                                                journal_} {
+                                                                                journal_},
+      places_(places_for_connections(options.max_connections)) {
     int port = 0;
     socket_ = open_listen_socket(options.address, options.port, options.awkward.receive_buffer, port);
-    allow_descriptors(options.max_connections * 2 + kOtherDescriptors);
+    if (places_ < options.max_connections) {
+        listen_log(fmt::format("note: the limit of open files is enough for {} connections, not for {}: raise it "
+                               "(ulimit -n) for more",
+                               places_, options.max_connections));
+    }
     if (!options.port_file.empty()) {
         write_port_file(options.port_file, port);
     }
@@ -144,8 +142,9 @@ Listener::Listener(const ListenerOptions& options)
 }
 
 int Listener::run() {
-    while (!finished()) {
-        Clock::time_point now = Clock::now();
+    Clock::time_point now = Clock::now();
+    while (!finished(now)) {
+        decide_who_is_read(now);
         const std::size_t count = fill_polls(now);
         const int time = poll_time(now);
         if (time != 0) {
@@ -156,46 +155,60 @@ int Listener::run() {
             throw Error(Errc::kIo, fmt::format("poll failed [{}:{}]", errno, std::strerror(errno)));
         }
         now = Clock::now();
-        if (ready > 0 && polls_[0].revents != 0 && signals_.take()) {
-            begin_stop(now);
+        if (ready > 0 && polls_[0].revents != 0) {
+            take_signals(now);
         }
         const bool worked = work_all(now);
         if (ready > 0 && polls_[1].revents != 0) {
-            accept_all();
+            accept_all(now);
         }
         relieve_memory(now);
+        relieve_spool(now);
         relieve_handshakes(now);
         deliver(Clock::now(), !worked);
-        drop_closed();
+        drop_closed(now);
+        if (now >= log_at_ || log_at_ == Clock::time_point::max()) {
+            log_at_ = log_counts();
+        }
+        now = Clock::now();
     }
     return end();
 }
 
-/// A sender that was killed begins anew while messages of its old line are still to be read: they come first.
-bool Listener::behind_old_line(const Connection& connection, Clock::time_point now) const {
-    return connection.bound() && now - connection.started() < kOldLineTime &&
-           std::any_of(connections_.begin(), connections_.end(), [&](const auto& older) {
-               return older->id() < connection.id() && older->serves_sender_of(connection) &&
-                      now - older->last_bytes() < kOldLineSilence;
-           });
+void Listener::take_signals(Clock::time_point now) {
+    while (const int signal = signals_.take()) {
+        if (signal == SIGHUP) {
+            journal_.reopen();
+            listen_log("the journal is opened anew");
+        } else {
+            begin_stop(now);
+        }
+    }
 }
 
-bool Listener::held_back(const Connection& connection, Clock::time_point now) const {
-    return delivery_.blocked() || (favoured_ != 0 && favoured_ != connection.id()) || behind_old_line(connection, now);
+bool Listener::held_back(const Connection& connection) const {
+    return delivery_.blocked() || connection.place().waits ||
+           (memory_short() && connection.memory() > kShare && favoured_ != 0 && favoured_ != connection.id());
+}
+
+void Listener::decide_who_is_read(Clock::time_point now) {
+    if (lined_up_ != context_.binds) {
+        SenderOrder::line_up(connections_, now);
+        lined_up_ = context_.binds;
+    }
+    SenderOrder::decide(connections_, now);
+    for (const auto& connection : connections_) {
+        connection->let_read(!held_back(*connection), now);
+    }
 }
 
 std::size_t Listener::fill_polls(Clock::time_point now) {
     polls_.clear();
     polls_.push_back({signals_.fd(), POLLIN, 0});
-    polls_.push_back({accepting() ? socket_.get() : -1, POLLIN, 0});
-    const bool crowded = connections_.size() >= options_.max_connections;
-    if (crowded && !crowded_told_) {
-        listen_log(fmt::format("{} connections: further ones wait until one ends", connections_.size()));
-    }
-    crowded_told_ = crowded;
+    polls_.push_back({accepting() && now >= accept_again_ ? socket_.get() : -1, POLLIN, 0});
     for (const auto& connection : connections_) {
         short events = connection->events(now);
-        if (events == POLLIN && held_back(*connection, now)) {
+        if (events == POLLIN && !connection->is_read()) {
             events = 0;
         }
         // A socket that is polled for nothing would still report its end, over and over.
@@ -205,60 +218,98 @@ std::size_t Listener::fill_polls(Clock::time_point now) {
 }
 
 int Listener::poll_time(Clock::time_point now) const {
-    Clock::time_point next = Clock::time_point::max();
+    Clock::time_point next = std::min({relieve_at_, log_at_, stop_at_, memory_trial_.due(), spool_trial_.due()});
     if (delivery_.blocked()) {
-        next = retry_at_;
+        next = std::min(next, retry_at_);
     } else if (!delivery_.empty()) {
         return 0;
     }
-    if (socket_ && now < accept_again_) {
+    if (accepting() && now < accept_again_) {
         next = std::min(next, accept_again_);
     }
-    if (favoured_ != 0) {
-        next = std::min(next, now + kRetryTime);
-    }
-    next = std::min(next, relieve_at_);
+    next = std::min(next, SenderOrder::next_look(connections_, now));
     for (const auto& connection : connections_) {
-        if (connection->pending() && !held_back(*connection, now)) {
+        if (connection->pending()) {
             return 0;
-        }
-        if (behind_old_line(*connection, now)) {
-            next = std::min(next, now + kOldLineLook);
         }
         next = std::min(next, connection->next_timer());
     }
     if (next == Clock::time_point::max()) {
         return -1;
     }
-    // A paused connection whose time has come still waits for a store that is full.
-    const Clock::time_point least = delivery_.blocked() ? std::max(next, std::min(retry_at_, now + kRetryTime)) : next;
-    const auto wait = std::chrono::ceil<std::chrono::milliseconds>(least - now).count();
+    const auto wait = std::chrono::ceil<std::chrono::milliseconds>(next - now).count();
     return static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(wait, 0, 60'000));
 }
 
-void Listener::accept_all() {
+/// While nothing is read nobody is accepted either: a line that waits in the system's queue costs nothing here.
+bool Listener::accepting() const {
+    return socket_ && handshakes_ < kMaxHandshakes && !all_accepted() && !delivery_.blocked() &&
+           !(crowded() && leaving_ >= kMostLeaving);
+}
+
+void Listener::accept_all(Clock::time_point now) {
     for (int i = 0; i < kAcceptBatch && accepting(); ++i) {
-        UniqueFd fd;
-        std::string peer;
-        switch (accept_connection(socket_.get(), fd, peer)) {
-        case Accepted::kNone:
+        if (crowded()) {
+            if (!make_room({}, now)) {
+                listen_log(fmt::format("{} connections, none of them idle: further ones wait until one ends",
+                                       connections_.size()),
+                           "times without a free place", "all addresses");
+                accept_again_ = now + kRetryTime;
+            }
             return;
-        case Accepted::kExhausted:
-            listen_log(fmt::format("cannot accept a connection [{}:{}]: trying again in a second", errno,
-                                   std::strerror(errno)));
-            accept_again_ = Clock::now() + kRetryTime;
+        }
+        if (!accept_one(now)) {
             return;
-        case Accepted::kConnection:
-            break;
         }
-        ++accepted_;
-        handshakes_ += tls_ ? 1U : 0U;
-        auto connection = std::make_unique<Connection>(accepted_, std::move(fd), std::move(peer), context_);
-        if (options_.awkward.refuse && (options_.awkward.first == 0 || accepted_ <= options_.awkward.first)) {
-            connection->close("refused on purpose");
-        }
-        connections_.push_back(std::move(connection));
     }
+}
+
+bool Listener::accept_one(Clock::time_point now) {
+    UniqueFd fd;
+    std::string peer;
+    switch (accept_connection(socket_.get(), fd, peer)) {
+    case Accepted::kNone:
+        return false;
+    case Accepted::kExhausted:
+        listen_log(
+            fmt::format("cannot accept a connection [{}:{}]: trying again every second", errno, std::strerror(errno)),
+            "connections not accepted", "all addresses");
+        accept_again_ = now + kRetryTime;
+        return false;
+    case Accepted::kConnection:
+        break;
+    }
+    ++accepted_;
+    handshakes_ += tls_ ? 1U : 0U;
+    auto connection = std::make_unique<Connection>(accepted_, std::move(fd), std::move(peer), context_);
+    if (options_.awkward.refuse && (options_.awkward.first == 0 || accepted_ <= options_.awkward.first)) {
+        connection->close("refused on purpose");
+    }
+    const auto address = connection->host();
+    const auto of_address = [&](const auto& one) { return one->host() == address; };
+    if (connections_.size() >= options_.max_per_address &&
+        static_cast<std::size_t>(std::ranges::count_if(connections_, of_address)) >= options_.max_per_address) {
+        (void)make_room(address, now);
+    }
+    connections_.push_back(std::move(connection));
+    return true;
+}
+
+/// The connection that has been idle for longest leaves, without a loss: it is read to the end that its sender makes. A
+/// connection of which something waits unread is never asked to.
+bool Listener::make_room(std::string_view address, Clock::time_point now) {
+    std::vector<Occupied> occupied;
+    for (const auto& connection : connections_) {
+        const bool may_go = !connection->closed() && !connection->draining() && !connection->paused() &&
+                            !connection->pending() && connection->unread() == 0;
+        occupied.push_back({connection->host(), connection->idle(now), may_go});
+    }
+    const auto leaves = who_makes_room(occupied, address, std::chrono::seconds(options_.idle_seconds));
+    if (leaves) {
+        connections_[*leaves]->drain(kLeaveTime, "idle for longest, makes room for another connection", now);
+        ++leaving_;
+    }
+    return leaves.has_value();
 }
 
 /// Returns whether any connection had something to do.
@@ -269,40 +320,75 @@ bool Listener::work_all(Clock::time_point now) {
         const std::size_t i = (turn_ + n) % connections_.size();
         Connection& connection = *connections_[i];
         const short ready = polls_.size() > i + 2 ? polls_[i + 2].revents : static_cast<short>(0);
-        const bool may_read = !held_back(connection, now);
+        const bool may_read = connection.is_read() && !held_back(connection);
         const bool readable = (ready != 0 || connection.pending()) && may_read;
         if (!readable && ready == 0 && connection.next_timer() > now) {
             continue;
         }
         worked = worked || readable;
         const std::size_t before = connection.memory();
-        connection.work(now, ready, may_read);
+        const bool sparing = memory_short() && favoured_ != connection.id();
+        connection.work(now, ready, may_read, sparing ? kShare : ListenerContext::kChunk);
         memory_ += connection.memory() - before;
-        if (memory_ > kMemoryBudget && favoured_ == 0) {
-            favoured_ = connection.id(); // it may go on; relieve_memory chooses better
+        if (memory_short() && favoured_ == 0 && connection.memory() > kShare) {
+            favoured_ = connection.id();
         }
     }
     return worked;
 }
 
-/// Beyond the budget only the connection that holds most is read, until what is held is below the budget again.
-/// Connections that are silent in mid-message are closed then: they hold what others need.
+/// Beyond the budget small messages pass, and of the connections that keep more than their share one at a time is read,
+/// until its message is complete.
 void Listener::relieve_memory(Clock::time_point now) {
-    if (memory_ <= kMemoryBudget) {
+    if (!memory_short()) {
         favoured_ = 0;
+        memory_trial_.stop();
         return;
     }
-    const Connection* most = nullptr;
     for (const auto& connection : connections_) {
-        if (!connection->closed() && connection->in_message() && now - connection->last_bytes() > kSilence) {
-            connection->close("silent in mid-message while memory is short");
-        }
         connection->trim();
-        if (!connection->closed() && (most == nullptr || connection->memory() > most->memory())) {
-            most = connection.get();
+        if (connection->id() == favoured_ &&
+            (connection->closed() || connection->paused() || connection->memory() <= kShare)) {
+            favoured_ = 0;
         }
     }
-    favoured_ = most == nullptr ? 0 : most->id();
+    const auto kept = [](const Connection& connection) {
+        return connection.memory() > kShare ? connection.memory() : std::size_t{0};
+    };
+    try_unfinished(memory_trial_, kept, memory_ - kMemoryBudget, "memory", now);
+}
+
+/// Files that find no room wait for it, but not for a sender that fell silent and keeps it.
+void Listener::relieve_spool(Clock::time_point now) {
+    if (std::ranges::none_of(connections_, [](const auto& one) { return one->short_of_room(); })) {
+        spool_trial_.stop();
+        return;
+    }
+    const auto kept = [](const Connection& connection) { return connection.spooled(); };
+    try_unfinished(spool_trial_, kept, 1, "room in the spool", now);
+}
+
+template <class Kept>
+void Listener::try_unfinished(UnfinishedTrial& trial, Kept kept, std::size_t excess, std::string_view what,
+                              Clock::time_point now) {
+    if (delivery_.blocked()) {
+        trial.stop();
+        return;
+    }
+    if (now < trial.due() && trial.due() != Clock::time_point::max()) {
+        return;
+    }
+    std::vector<Unfinished> all;
+    for (const auto& connection : connections_) {
+        if (!connection->closed() && !connection->paused() && kept(*connection) > 0) {
+            all.push_back({connection->id(), kept(*connection), connection->received(), connection->unread()});
+        }
+    }
+    for (const std::uint64_t id : trial.judge(all, excess, now)) {
+        const auto at = std::ranges::find(connections_, id, &Connection::id);
+        (*at)->close(fmt::format("nothing comes of its unfinished message, which keeps {} bytes, while {} is short",
+                                 kept(**at), what));
+    }
 }
 
 /// Handshakes beyond their number wait in the kernel's queue, those that do not come to an end make room for them.
@@ -313,7 +399,7 @@ void Listener::relieve_handshakes(Clock::time_point now) {
     for (const auto& connection : connections_) {
         if (connection->in_handshake()) {
             ++handshakes_;
-            oldest = std::min(oldest, connection->started());
+            oldest = std::min(oldest, now - connection->reading_time().at(now));
         }
     }
     if (handshakes_ < kMaxHandshakes) {
@@ -324,7 +410,7 @@ void Listener::relieve_handshakes(Clock::time_point now) {
         return;
     }
     for (const auto& connection : connections_) {
-        if (connection->in_handshake() && now - connection->started() >= kHandshakePatience) {
+        if (connection->in_handshake() && connection->reading_time().at(now) >= kHandshakePatience) {
             connection->close("in its TLS handshake for too long while others wait");
             --handshakes_;
         }
@@ -360,11 +446,15 @@ void Listener::deliver(Clock::time_point now, bool idle) {
     }
 }
 
-void Listener::drop_closed() {
-    std::erase_if(connections_, [](const auto& connection) { return connection->closed(); });
+void Listener::drop_closed(Clock::time_point now) {
+    if (std::erase_if(connections_, [](const auto& connection) { return connection->closed(); }) > 0) {
+        SenderOrder::line_up(connections_, now);
+    }
     memory_ = 0;
+    leaving_ = 0;
     for (const auto& connection : connections_) {
         memory_ += connection->memory();
+        leaving_ += connection->draining() ? 1U : 0U;
     }
 }
 
@@ -373,22 +463,31 @@ void Listener::begin_stop(Clock::time_point now) {
         for (const auto& connection : connections_) {
             connection->close("the listener stops at once");
         }
+        stop_at_ = now;
         return;
     }
     stopping_ = true;
+    stop_at_ = now + kLongestStop;
+    // What waits in the system's queue may have been written to already.
+    while (socket_ && accept_one(now)) {
+    }
     socket_.reset();
     listen_log(fmt::format("stopping: {} connections", connections_.size()));
     for (const auto& connection : connections_) {
-        connection->drain(now + kStopTime);
+        connection->drain(kStopTime, "the listener stops", now);
     }
 }
 
 int Listener::end() {
     const Clock::time_point deadline = Clock::now() + kStopTime;
-    while (!delivery_.flush() && Clock::now() < deadline && !signals_.take()) {
+    while (!delivery_.flush() && Clock::now() < deadline && signals_.take() == 0) {
         pollfd stop{signals_.fd(), POLLIN, 0};
         (void)::poll(&stop, 1, kEndRetryMilliseconds);
     }
+    for (const auto& connection : connections_) {
+        connection->close("the listener stops and could not read it to its end");
+    }
+    log_counts(true);
     listen_log(fmt::format("stopped: {} connections, {} messages, {} bytes, {} messages dead-lettered", accepted_,
                            context_.messages, context_.bytes, delivery_.dead_lettered()));
     const bool settled = delivery_.settle();

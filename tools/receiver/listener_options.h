@@ -46,22 +46,25 @@ struct AwkwardOptions {
 };
 
 struct ListenerOptions {
-    std::string address = "0.0.0.0"; ///< numeric, IPv4 or IPv6
-    int port = 5151;                 ///< 0: any
-    std::filesystem::path port_file; ///< gets the port in decimal once connections are accepted
-    std::shared_ptr<Store> store;    ///< null: messages are split, checked, counted and dropped
-    std::filesystem::path spool;     ///< with a store; its parent must exist
-    std::filesystem::path journal;   ///< empty: none
-    std::size_t max_connections = 1024;
-    int handshake_seconds = 30; ///< from accept to the end of the bind frame
-    std::uint64_t once = 0;     ///< ends after so many connections have ended; 0: runs until it is stopped
+    std::string address = "0.0.0.0";    ///< numeric, IPv4 or IPv6
+    int port = 5151;                    ///< 0: any
+    std::filesystem::path port_file;    ///< gets the port in decimal once connections are accepted
+    std::shared_ptr<Store> store;       ///< null: messages are split, checked, counted and dropped
+    std::filesystem::path spool;        ///< with a store; its parent must exist
+    std::filesystem::path journal;      ///< empty: none
+    std::size_t max_connections = 1024; ///< fewer when the limit of open files is not enough for them
+    std::size_t max_per_address = 256;  ///< beyond it an idle one of the address makes room
+    int idle_seconds = 10;              ///< without progress, before a connection can be asked to make room
+    int handshake_seconds = 30;         ///< from accept to the end of the bind frame
+    std::uint64_t once = 0;             ///< ends after so many connections have ended; 0: runs until it is stopped
     TlsOptions tls;
     AwkwardOptions awkward;
     std::function<void(int port)> on_listening; ///< may be empty
 };
 
-/// Listens until SIGTERM or SIGINT (both are blocked in the calling thread for the time of the call), or until `once`
-/// is reached. At a stop it takes in what has been sent so far, delivers what is complete and returns.
+/// Listens until SIGTERM or SIGINT, or until `once` is reached; on SIGHUP it opens its journal anew. All three are
+/// blocked in the calling thread for the time of the call. At a stop it takes in what has been sent so far, delivers
+/// what is complete and returns.
 /// @return 0; 1 when messages that had come could not be stored at the end: the log tells which
 /// Throws kvr::Error when it cannot start.
 int run_listener(const ListenerOptions& options);

@@ -93,6 +93,10 @@ std::string IncomingFile::trouble() const {
     return error_ == kContentsLost ? "[the disk lost a part of the file]" : system_text(error_);
 }
 
+bool IncomingFile::no_room() const {
+    return error_ == ENOSPC || error_ == EDQUOT;
+}
+
 bool IncomingFile::retry_helps() const {
     // Too large for the file system, a name that it does not take, contents or file gone.
     constexpr std::array kFaultsOfTheFile = {EFBIG, EILSEQ, EINVAL, ENAMETOOLONG, kContentsLost, ENOENT};

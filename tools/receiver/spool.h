@@ -52,6 +52,7 @@ class IncomingFile {
     /// "[28:No space left on device]"
     [[nodiscard]] std::string trouble() const;
     [[nodiscard]] bool retry_helps() const;
+    [[nodiscard]] bool no_room() const;
 
   private:
     /// Tells contents from what a disk that failed gives back in their place.

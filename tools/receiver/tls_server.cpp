@@ -78,6 +78,14 @@ int give_pass_phrase(char* buffer, int size, int /*writing*/, void* user) {
     return static_cast<int>(text.size());
 }
 
+std::string subject_of(const X509* certificate) {
+    char* const subject =
+        certificate == nullptr ? nullptr : X509_NAME_oneline(X509_get_subject_name(certificate), nullptr, 0);
+    std::string text = subject != nullptr ? escaped(subject) : "?";
+    OPENSSL_free(subject);
+    return text;
+}
+
 } // namespace
 
 TlsServer::TlsServer(const TlsOptions& options) : context_(SSL_CTX_new(TLS_server_method())) {
@@ -126,7 +134,7 @@ TlsServer::TlsServer(const TlsOptions& options) : context_(SSL_CTX_new(TLS_serve
             context,
             SSL_VERIFY_PEER |
                 (options.client_cert == ClientCert::kRequired ? SSL_VERIFY_FAIL_IF_NO_PEER_CERT : SSL_VERIFY_NONE),
-            nullptr);
+            &Stream::look_at_certificate);
         static constexpr unsigned char kSessionIdContext[] = "kvr";
         require(SSL_CTX_set_session_id_context(context, kSessionIdContext, sizeof kSessionIdContext - 1) == 1,
                 "cannot set TLS up");
@@ -166,7 +174,27 @@ StreamEnd Stream::judge(int result) {
         return ended_without_alert();
     }
     error_ = openssl_reason();
+    if (!refusal_.empty()) {
+        error_ = fmt::format("the certificate of {}", refusal_);
+    }
     return StreamEnd::kFailed;
+}
+
+int Stream::look_at_certificate(int good, X509_STORE_CTX* chain) {
+    const void* const ssl = X509_STORE_CTX_get_ex_data(chain, SSL_get_ex_data_X509_STORE_CTX_idx());
+    auto* const stream = static_cast<Stream*>(SSL_get_app_data(static_cast<const SSL*>(ssl)));
+    if (good == 0 && stream->refusal_.empty()) {
+        stream->refusal_ = fmt::format("{} is refused: {}", subject_of(X509_STORE_CTX_get_current_cert(chain)),
+                                       X509_verify_cert_error_string(X509_STORE_CTX_get_error(chain)));
+    }
+    return good;
+}
+
+/// A peer that does not begin with a TLS record speaks plain TCP; OpenSSL would say so in riddles.
+bool Stream::peer_speaks_plain() const {
+    constexpr char kHandshakeRecord = 0x16;
+    char first = kHandshakeRecord;
+    return ::recv(fd_.get(), &first, 1, MSG_PEEK) == 1 && first != kHandshakeRecord;
 }
 
 StreamEnd Stream::handshake() {
@@ -175,11 +203,16 @@ StreamEnd Stream::handshake() {
     }
     ERR_clear_error();
     if (!ssl_) {
+        if (peer_speaks_plain()) {
+            error_ = "the sender speaks plain TCP, this listener TLS: set the channel to TLS, or listen without --tls";
+            return StreamEnd::kFailed;
+        }
         ssl_.reset(SSL_new(tls_));
         if (!ssl_ || SSL_set_fd(ssl_.get(), fd_.get()) != 1) {
             error_ = openssl_reason();
             return StreamEnd::kFailed;
         }
+        SSL_set_app_data(ssl_.get(), this);
     }
     errno = 0;
     const int result = SSL_accept(ssl_.get());
@@ -250,9 +283,7 @@ std::string Stream::description() const {
     }
     std::string text = fmt::format("{} {}", SSL_get_version(ssl_.get()), SSL_get_cipher_name(ssl_.get()));
     if (X509* const peer = SSL_get0_peer_certificate(ssl_.get()); peer != nullptr) {
-        char* const subject = X509_NAME_oneline(X509_get_subject_name(peer), nullptr, 0);
-        text += fmt::format(" client {}", subject != nullptr ? escaped(subject) : "?");
-        OPENSSL_free(subject);
+        text += fmt::format(" client {}", subject_of(peer));
     }
     return text;
 }

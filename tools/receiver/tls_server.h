@@ -38,6 +38,8 @@ class Stream {
   public:
     /// @param tls  null for a plain connection
     Stream(UniqueFd fd, SSL_CTX* tls) : fd_(std::move(fd)), tls_(tls) {}
+    Stream(const Stream&) = delete; // the TLS session points here
+    Stream& operator=(const Stream&) = delete;
 
     [[nodiscard]] int fd() const { return fd_.get(); }
     /// One step of the TLS handshake, kDone at once for a plain connection. The TLS session is made when the first
@@ -64,6 +66,10 @@ class Stream {
         void operator()(SSL* ssl) const { SSL_free(ssl); }
     };
     StreamEnd judge(int result);
+    [[nodiscard]] bool peer_speaks_plain() const;
+    /// Notes why the peer's certificate is refused; always gives `good` back.
+    static int look_at_certificate(int good, X509_STORE_CTX* chain);
+    friend class TlsServer;
     StreamEnd ended_without_alert();
 
     UniqueFd fd_;
@@ -71,6 +77,7 @@ class Stream {
     std::unique_ptr<SSL, Free> ssl_; ///< declared after fd_: goes first
     bool hands_shaken_ = false;
     std::string error_;
+    std::string refusal_; ///< of the peer's certificate: its subject and the reason
 };
 
 } // namespace kvr

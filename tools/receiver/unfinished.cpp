@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: MIT
+#include "unfinished.h"
+
+#include <algorithm>
+
+namespace kvr {
+
+std::vector<std::uint64_t> UnfinishedTrial::judge(std::span<const Unfinished> all, std::size_t excess,
+                                                  Clock::time_point now) {
+    std::vector<std::uint64_t> gone;
+    if (now < due_ && due_ != Clock::time_point::max()) {
+        return gone;
+    }
+    std::vector<Unfinished> idle;
+    std::copy_if(all.begin(), all.end(), std::back_inserter(idle), [this](const Unfinished& one) {
+        const auto found = before_.find(one.id);
+        // Read since then is what waited unread before and what came: both have to be little.
+        return found != before_.end() && one.unread == 0 && one.read - found->second.read < kFloor;
+    });
+    std::ranges::sort(idle, std::greater<>{}, &Unfinished::kept);
+    for (std::size_t freed = 0, i = 0; i < idle.size() && freed < excess; ++i) {
+        gone.push_back(idle[i].id);
+        freed += idle[i].kept;
+    }
+    before_.clear();
+    for (const Unfinished& one : all) {
+        before_.emplace(one.id, one);
+    }
+    due_ = now + kTrial;
+    return gone;
+}
+
+void UnfinishedTrial::stop() {
+    due_ = Clock::time_point::max();
+    before_.clear();
+}
+
+} // namespace kvr
