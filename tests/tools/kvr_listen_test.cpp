@@ -119,8 +119,9 @@ TEST_F(KvrListen, EveryKindOfMessageReachesItsQueueWithEveryField) {
     Sender sender(listener.port());
     ASSERT_TRUE(sender.send(bind_frame("EAST.WEST") + message("Q1", "body") + heartbeat_frame() + message("Q1", "") +
                             message_with_files("Q2", "two files", {{"a.txt", "first"}, {"../b\n", "second"}}) +
+                            message_with_files("Q2", "flagged, without files", {}) +
                             file_message("Q3", {"x.dat", "contents"}, 19) + message("NO.SUCH.QUEUE", "stray")));
-    ASSERT_TRUE(listener.has("message", 5));
+    ASSERT_TRUE(listener.has("message", 6));
     sender.finish();
     ASSERT_TRUE(listener.has("end", 1));
     EXPECT_EQ(listener.stop(), 0);
@@ -140,6 +141,8 @@ TEST_F(KvrListen, EveryKindOfMessageReachesItsQueueWithEveryField) {
     EXPECT_EQ(with_files["data"], "two files");
     EXPECT_EQ(with_files["attachments"], json::array({spool + "a.txt", spool + "..%2Fb%0A"}));
     EXPECT_EQ(contents(spool + "a.txt") + contents(spool + "..%2Fb%0A"), "firstsecond");
+    EXPECT_EQ(on_queue("Q2")[1]["flags"], 4);
+    EXPECT_EQ(on_queue("Q2")[1]["data"], "flagged, without files");
     const json by_file = on_queue("Q3")[0];
     EXPECT_EQ(by_file["store-type"], "2");
     EXPECT_EQ(by_file["data"], spool + "x.dat");
