@@ -5,6 +5,7 @@
 extern "C" {
 
 /// 1 or more when a process with that id exists, else 0 or less; 0 for ids below 1.
+/// Outside a handler a host that is being stopped may end the process in here, the message in hand given back.
 int procIsExist(int iPid);
 /// Sends a signal to one process. Negative on failure, with `errno` set.
 int procSndSig2Proc(int iPid, int iSig);

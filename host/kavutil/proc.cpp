@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "export.h"
+#include "stop_point.h"
 
 namespace {
 
@@ -42,6 +43,10 @@ extern "C" {
 KVR_EXPORT int procIsExist(int iPid) {
     if (iPid < 1) {
         return 0;
+    }
+    // The one operation that a sender calls between a failed send and the get, which uses the message up.
+    if (kvr::stop_pending() && !kvr::in_signal_handler()) {
+        kvr::stop_point(kvr::StopPlace::kMidMessage);
     }
     const int saved = errno;
     const bool exists = (kill(iPid, 0) == 0 || errno == EPERM) && !is_zombie(iPid);

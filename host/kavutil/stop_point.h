@@ -13,7 +13,7 @@ namespace kvr {
 /// What the worker is doing at a stop point.
 enum class StopPlace {
     kBetweenMessages, ///< in the queue get, the message before it committed
-    kMidMessage,      ///< anywhere else: a message in hand goes back to its queue
+    kMidMessage,      ///< anywhere else: a message in hand was not sent whole and goes back to its queue
 };
 
 /// Ends the process (event 4, then status 0) when a stop was asked for while the run event runs. Returns at once

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Preloaded into a worker: makes its pauses short, and writes a line into its log each time it begins to wait for a
+// Preloaded into a worker: makes its pauses and the alarm of one second short, and writes a line into its log each time it begins to wait for a
 // message, when its signals are held already. So the order of the lines tells which signals came in the wait.
 #include <cstdlib>
 #include <ctime>
@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #define EXPORTED extern "C" __attribute__((visibility("default")))
@@ -14,6 +15,13 @@
 EXPORTED unsigned sleep(unsigned /*seconds*/) {
     const timespec pause{0, 1'000'000};
     ::nanosleep(&pause, nullptr);
+    return 0;
+}
+
+EXPORTED unsigned alarm(unsigned seconds) noexcept {
+    constexpr suseconds_t kShort = 20'000;
+    const itimerval limit{{0, 0}, {seconds == 1 ? 0 : static_cast<time_t>(seconds), seconds == 1 ? kShort : 0}};
+    ::setitimer(ITIMER_REAL, &limit, nullptr);
     return 0;
 }
 

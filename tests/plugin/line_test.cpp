@@ -87,6 +87,26 @@ TEST_F(LineLoss, InTheWaitPausesAndRestarts) {
     }
 }
 
+// Without a heartbeat interval nothing else would end the wait.
+TEST_F(LineLoss, BeforeTheWaitEndsItInTheEnd) {
+    const struct {
+        const char* op;
+        Hook hook;
+        int in_get;
+    } cases[] = {{"alarm", raising(SIGUSR2, 1), SIGURG}, // while the alarm is armed; in the get nothing that matters
+                 {"none", {}, SIGUSR2},
+                 {"sockCanRead", failing(1, 1, 1), SIGALRM}}; // the heartbeat finds the line lost
+    chl()["HBINT"] = "0";
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.op);
+        host().hooks[c.op] = c.hook;
+        host().get = {late_to_wait(c.in_get), deliver(message("x"))};
+        const Result r = run_channel();
+        EXPECT_TRUE(in_order(r, {"KVR_QueMsgGet()", "alarm(1)", "alarm(1)", "alarm(0)", "sleep(3)"}));
+        EXPECT_THAT(r.conns, ElementsAre(kBind, kBind + data_frame("x")));
+    }
+}
+
 // An alarm outside the wait may not put bytes between those of a message, nor a loss of the old line touch a new one.
 TEST_F(LineLoss, SignalsAnywhereCostNothing) {
     const struct {
@@ -241,6 +261,7 @@ TEST_F(Watcher, IsNotNeededWhereTlsFailsAndTheReasonIsShown) {
     EXPECT_THAT(r.lines("L"),
                 testing::Contains(StartsWith("1 connect [127.0.0.1:PORT]  error[-1:SSL_connect[127.0.0.1")));
     EXPECT_EQ(r.count("handshake failure"), 2) << r.dump();
+    EXPECT_EQ(r.count("1 Connect2Lsr error[" + err(EPROTO) + "]"), 1) << r.dump();
     EXPECT_THAT(r.conns, testing::Each(std::string())) << "nothing is said to a receiver that is not trusted";
 }
 

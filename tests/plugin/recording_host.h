@@ -23,8 +23,8 @@ namespace kvr::test {
 enum Kind : char {
     kLog = 'L',    ///< log line of the plug-in: "<level> <text>"
     kNetLog = 'N', ///< log line of the TCP library
-    kLoss = 'D',   ///< the one of the line-loss handler: a close on this side may call it too, sooner or later or never
-    kHost = 'H',   ///< host operation with its arguments
+    kLoss = 'D', ///< log and alarm of the line-loss handler: a close on this side may call it, sooner or later or never
+    kHost = 'H', ///< host operation with its arguments
     kSystem = 'S', ///< sleep, alarm, pipe, fork, waitpid, sigset, select
     kSocket = 'T', ///< TCP option set on a socket
     kNote = 'E',   ///< written by the test
@@ -76,6 +76,7 @@ struct Host {
     std::string name = "ch1";  ///< channel name among the process arguments
     int sock = 0;              ///< the latest socket of the connection
     pid_t watcher = 0;         ///< the latest line watcher
+    unsigned alarm = 0;        ///< what is armed: it never fires by itself
     Message in_hand;           ///< what the latest get delivered, as it was returned
     T_RTCORE_CONTEXT ctx{};    ///< set up by load()
     T_PLUG_MGR_PLUG_VAR var{}; ///< set up by load()

@@ -40,7 +40,8 @@ unsigned int sleep(unsigned int seconds) {
 }
 
 unsigned int alarm(unsigned int seconds) noexcept {
-    recorded(kSystem, "alarm", to_string(seconds), seconds);
+    recorded(seconds == 1 ? kLoss : kSystem, "alarm", to_string(seconds), seconds);
+    host().alarm = seconds;
     return 0;
 }
 

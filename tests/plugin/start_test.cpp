@@ -78,11 +78,15 @@ TEST_F(Start, EachFailureIsToldAndEndsIt) {
         {kNothing, "KVR_ObjAdd", failing(-5), "KVR_ObjAdd[CHS][CH1] return[-5]", "AddObjStat[CH1] return[-10002]"},
         {kClaim, "KVR_ObjGetAttrV", failing(-1, 3), "KVR_ObjGetAttrV[QMGR] [QMGR] ret", "InitTcpClient return[-10002]"},
         {kClaim, "KVR_QueOpen", failing(-8), "KVR_QueOpen[XQ] return[-8]", ""},
-        {kNetworkStart, "KVR_ObjGetAttr", failing(-7), "get chl[CH1] error[-7]", "Connect2Lsr error["},
-        {kNetworkStart, "KVR_ObjSetAttrV", failing(-8, 1, 1), "KVR_ObjSetAttrV[CHS][CH1] return[-8]", "Connect2Lsr e"},
-        {kNetworkStart, "KVR_ObjSetAttrV", failing(-8, 2, 2), "KVR_ObjSetAttrV[CHS][CH1] return[-8]", "BindChl error["},
-        {kNetworkStart, "write", failing(20, 1, 1, EPIPE), bound, "BindChl error["},
-        {kNetworkStart, "pipe", failing(-1, 1, 1, EMFILE), "pipe error[24:Too many open files]", "fork error["},
+        {kNetworkStart, "KVR_ObjGetAttr", failing(-7), "get chl[CH1] error[-7]",
+         "Connect2Lsr error[61:No data available]"},
+        {kNetworkStart, "KVR_ObjSetAttrV", failing(-8, 1, 1), "KVR_ObjSetAttrV[CHS][CH1] return[-8]",
+         "Connect2Lsr error[5:Input/output error]"},
+        {kNetworkStart, "KVR_ObjSetAttrV", failing(-8, 2, 2, EROFS), "KVR_ObjSetAttrV[CHS][CH1] return[-8]",
+         "BindChl error[" + err(EROFS) + "]"},
+        {kNetworkStart, "write", failing(20, 1, 1, EPIPE), bound, "BindChl error[32:Broken pipe]"},
+        {kNetworkStart, "pipe", failing(-1, 1, 1, 5000), "pipe error[5000:Unknown error 5000]",
+         "fork error[5000:Unknown error 5000]"},
         {kNetworkStart, "fork", failing(-1, 1, 1, EAGAIN), "fork error[" + err(EAGAIN) + "]", "fork error["},
         {kNetworkStart, "KVR_ObjSetAttr", failing(-9), "KVR_ObjSetAttr[CHS][CH1] return[-9]", "", -10002},
     };
@@ -263,8 +267,39 @@ TEST_F(Start, RetriesShortThenLong) {
                 expected += "5 sleep(" + c.pauses[i] + ") | sleep(" + c.pauses[i] + ") | ";
             }
         }
-        EXPECT_TRUE(in_order(r, {expected + "1 connect[127.0.0.1:PORT] error " + c.told}, "LHS"));
+        EXPECT_TRUE(in_order(
+            r,
+            {expected + "1 connect[127.0.0.1:PORT] error " + c.told + " | 1 Connect2Lsr error[111:Connection refused]"},
+            "LHS"));
         EXPECT_EQ(r.count("STATUS=RETRYING"), 1);
+    }
+}
+
+// A start that is refused leaves the object to whom it belongs, whatever an earlier start in this process had claimed.
+TEST_F(Start, TheExitAfterARefusedStartReleasesOnlyWhatThisProcessHolds) {
+    const auto taken_over = [] {
+        host().objects["CHS/CH1"] = {{"STATUS", "RUNING"}, {"PID", std::to_string(getppid())}};
+    };
+    const struct {
+        std::vector<int> before;
+        bool taken;
+        int released;
+    } cases[] = {{{1, 4}, true, 1}, {{1}, true, 0}, {{1}, false, 1}};
+    for (const auto& c : cases) {
+        const Result r = run([&] {
+            load();
+            for (const int id : c.before) {
+                event(id);
+            }
+            if (c.taken) {
+                taken_over();
+            }
+            event(1);
+            event(4);
+        });
+        EXPECT_TRUE(
+            in_order(r, {"event 1 = 0", "1 AddObjStat[CH1] return[-10002]", "event 1 = -10002", "event 4 = 0"}));
+        EXPECT_EQ(r.count("KVR_ObjSetAttrV(CHS CH1 PID=-1 STATUS=STOPED)"), c.released) << r.dump();
     }
 }
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The bind frame: names the channel to the receiver, first on every connection. No answer is awaited.
+// The bind frame: names the channel to the receiver, first on every connection. No answer is awaited. A failure leaves
+// its reason in errno, which the caller shows.
 
 static int BindChl(void) {
     char sBindMsg[1024] = {};
@@ -20,6 +21,7 @@ static int BindChl(void) {
     if (iRet != iSndLen) {
         CHLS_LOG(LOG_ERR, TXT("write [%d] to receiver error[%d:%s] return[%d]"), iSndLen, f_tTcpClient.iErrorCode,
                  f_tTcpClient.sErrorStr, iRet);
+        errno = ClientErrno();
         return CHLS_ERR_WRITE;
     }
     CHLS_LOG(LOG_INF, TXT("binding channel[%s] [%s:%d] success"), f_sAppName, f_tTcpClient.sRemoteAddr,

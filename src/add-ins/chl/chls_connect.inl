@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Connecting to the listener: its address and the retry policy are read anew for every connection.
+// Connecting to the listener: its address and the retry policy are read anew for every connection, once before its
+// first attempt. What is changed while attempts go on counts from the next connection.
 
 /// A negative pause or time-out means none.
 static int SecondsOf(const char* psValue) {
@@ -8,7 +9,8 @@ static int SecondsOf(const char* psValue) {
 }
 
 /// Connects, first with short and then with long retries. 0 when connected; -1 when the definition cannot be read, the
-/// client cannot be prepared or every attempt failed; -10002 when the status cannot be written.
+/// client cannot be prepared or every attempt failed; -10002 when the status cannot be written. A failure leaves its
+/// reason in errno, which the caller shows.
 static int Connect2Lsr(void) {
     char sLongTry[CHLS_VALUE_SIZE] = {};
     char sLongTryTmr[CHLS_NAME_SIZE] = {};
@@ -22,9 +24,12 @@ static int Connect2Lsr(void) {
 
     char* psAttrNames[] = {TXT("LONGRTY"), TXT("LONGTMR"), TXT("SHORTRTY"), TXT("SHORTTMR"), TXT("CONNAME")};
     char* psAttrVals[] = {sLongTry, sLongTryTmr, sShortTry, sShortTryTmr, sConnName};
+    errno = 0;
     int iRet = KVR_ObjGetAttr(f_tQmgrCtx.hObjDB, TXT("CHL"), f_sAppName, 5, psAttrNames, psAttrVals);
     if (iRet < 0) {
+        int iErrno = HostErrno(ENODATA);
         CHLS_LOG(LOG_ERR, TXT("get chl[%s] error[%d]"), f_sAppName, iRet);
+        errno = iErrno;
         return CHLS_FAIL;
     }
 
@@ -44,6 +49,7 @@ static int Connect2Lsr(void) {
     if (iRet < 0) {
         CHLS_LOG(LOG_ERR, TXT("tcpclient init error[%d:%s] return[%d]"), f_tTcpClient.iErrorCode,
                  f_tTcpClient.sErrorStr, iRet);
+        errno = ClientErrno();
         return CHLS_FAIL;
     }
     iRet = SetObjStat(__func__, "RETRYING");
@@ -72,6 +78,7 @@ static int Connect2Lsr(void) {
         } else {
             CHLS_LOG(LOG_ERR, TXT("connect[%s:%d] error shorttry[%d:%d] longtry[%d:%d]"), f_tTcpClient.sRemoteAddr,
                      f_tTcpClient.iRemotePort, iShortTryCnt, iShortTryTmr, iLongTryCnt, iLongTryTmr);
+            errno = ClientErrno();
             return CHLS_FAIL;
         }
         CHLS_LOG(LOG_DBG, TXT("sleep(%d)"), iPause);

@@ -26,20 +26,20 @@ static int SetObjRuning(void) {
 static int StartLine(void) {
     if (Connect2Lsr() < 0) {
         int iErrno = errno;
-        CHLS_LOG_OF("SndrNetInit", LOG_ERR, TXT("Connect2Lsr error[%d:%s]"), iErrno, ErrText(iErrno));
+        CHLS_LOG_OF("SndrNetInit", LOG_ERR, TXT("Connect2Lsr error[%d:%s]"), iErrno, ErrText(iErrno).sText);
         return CHLS_FAIL;
     }
     SetLineOpt(TCP_NODELAY, 1);
     if (BindChl() < 0) {
         int iErrno = errno;
-        CHLS_LOG_OF("SndrNetInit", LOG_ERR, TXT("BindChl error[%d:%s]"), iErrno, ErrText(iErrno));
+        CHLS_LOG_OF("SndrNetInit", LOG_ERR, TXT("BindChl error[%d:%s]"), iErrno, ErrText(iErrno).sText);
         f_tTcpClient.pfnClose(&f_tTcpClient, 0);
         return CHLS_FAIL;
     }
     f_iNetStat = 1;
     if (StartNetChkProc() < 0) {
         int iErrno = errno;
-        CHLS_LOG_OF("SndrNetInit", LOG_ERR, TXT("fork error[%d:%s]"), iErrno, ErrText(iErrno));
+        CHLS_LOG_OF("SndrNetInit", LOG_ERR, TXT("fork error[%d:%s]"), iErrno, ErrText(iErrno).sText);
         return CHLS_FAIL;
     }
     return SetObjRuning();

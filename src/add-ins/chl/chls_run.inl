@@ -7,6 +7,21 @@
     exit(EXIT_FAILURE);
 }
 
+/// Has a get on a line that is down interrupted soon, and again every CHLS_WAKE_AFTER until it returns: the signal that
+/// told of the loss may have come before the host began to wait. Called by the handlers and on the way into the get.
+static void WakeGet(void) {
+    if (f_iInGet && !f_iNetStat) {
+        alarm(CHLS_WAKE_AFTER);
+    }
+}
+
+/// A host that is being stopped ends the process inside one of its operations and gives the message in hand back. A
+/// send that the stop itself made fail may be followed by no other operation than the get, which uses the message up:
+/// this one is called for the stop alone.
+static void LetHostStop(void) {
+    procIsExist(f_iPid);
+}
+
 /// After a get that a handler cut short: back to waiting while the line is up, else a new line.
 static void Resume(void) {
     f_iHBBreak = 0;
@@ -59,6 +74,11 @@ static int OnRunEventHandler(int /*iPlugId*/, int /*iEventId*/, void* /*pInData*
         CHLS_LOG(LOG_DBG, TXT("--------------------start recv msg----------------------"));
         f_iInGet = 1;
         alarm(f_iHBInt > 0 ? static_cast<unsigned>(f_iHBInt) : 0);
+        // A loss that a handler found before this point has interrupted no get yet. The get is entered all the same:
+        // it is what uses the last message up.
+        if (f_iHBBreak != 0) {
+            WakeGet();
+        }
         iRet = KVR_QueMsgGet(f_tQmgrCtx.hQueDB, f_hObjHdl, &tMD, &tGMO, sRecvBuf, &iDataLen);
         f_iInGet = 0;
         alarm(0);
@@ -68,6 +88,7 @@ static int OnRunEventHandler(int /*iPlugId*/, int /*iEventId*/, void* /*pInData*
             iRet = ProcMsg(&tMD, sRecvBuf, iDataLen);
             if (iRet < 0) {
                 CHLS_LOG(LOG_ERR, TXT("ProcMsg[%d]"), iRet);
+                LetHostStop();
                 SndMsgToDeadQ(&tMD, sRecvBuf, iDataLen);
             }
         } else if (f_iHBBreak == 0) {

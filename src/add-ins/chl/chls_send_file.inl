@@ -35,7 +35,7 @@ static long SizeFile(FILE* fp, const char* psFileName) {
     if (iRet < 0) {
         int iErrno = errno;
         CHLS_LOG_OF("SendFile2Rcvr", LOG_ERR, TXT("fseek [%s] ret[%d] error[%d:%s]"), psFileName, iRet, iErrno,
-                    ErrText(iErrno));
+                    ErrText(iErrno).sText);
         return -1;
     }
     errno = 0;
@@ -43,14 +43,14 @@ static long SizeFile(FILE* fp, const char* psFileName) {
     if (lFileLen <= 0 || lFileLen > KVR_CHL_NUM_MAX) {
         int iErrno = lFileLen > KVR_CHL_NUM_MAX ? EFBIG : errno;
         CHLS_LOG_OF("SendFile2Rcvr", LOG_ERR, TXT("tell [%s] ret[%ld] error[%d:%s]"), psFileName, lFileLen, iErrno,
-                    ErrText(iErrno));
+                    ErrText(iErrno).sText);
         return -1;
     }
     iRet = fseek(fp, 0, SEEK_SET);
     if (iRet < 0) {
         int iErrno = errno;
         CHLS_LOG_OF("SendFile2Rcvr", LOG_ERR, TXT("fseek [%s] ret[%d] error[%d:%s]"), psFileName, iRet, iErrno,
-                    ErrText(iErrno));
+                    ErrText(iErrno).sText);
         return -1;
     }
     return lFileLen;
@@ -68,9 +68,9 @@ static int WriteFilePiece(char* psData, int iLen) {
     return CHLS_OK;
 }
 
-/// A host that is being stopped ends the process inside one of its operations, and a TLS write that is not interrupted
-/// calls none: the readability check is called for that alone.
-static void LetHostStop(void) {
+/// The same as LetHostStop between the pieces of a file, of which TLS writes that are not interrupted call no operation
+/// of the host: the readability check costs less, and lets a host finish what makes progress.
+static void LetHostStopInFile(void) {
     int iSocketNo = f_tTcpClient.iSocketNo;
     if (f_iUseSSL && iSocketNo > 0) {
         sockCanRead(iSocketNo);
@@ -89,7 +89,7 @@ static int SendFileData(FILE* fp, const char* psFileName, long lFileLen) {
         if (ferror(fp)) {
             int iErrno = errno;
             CHLS_LOG_OF("SendFile2Rcvr", LOG_ERR, TXT("tell [%s] ret[%ld] error[%d:%s]"), psFileName, lFileLen, iErrno,
-                        ErrText(iErrno));
+                        ErrText(iErrno).sText);
             return CHLS_ERR_WRITE;
         }
         if (iLen == 0) {
@@ -97,7 +97,7 @@ static int SendFileData(FILE* fp, const char* psFileName, long lFileLen) {
                         psFileName, lFileLen, iSndFileData);
             return CHLS_ERR_WRITE;
         }
-        LetHostStop();
+        LetHostStopInFile();
         if (WriteFilePiece(sFileData, iLen) < 0) {
             return CHLS_ERR_WRITE;
         }
@@ -112,7 +112,7 @@ static int SendFile2Rcvr(char* psFileName) {
     FILE* fp = OpenFile(psFileName);
     if (fp == nullptr) {
         int iErrno = errno;
-        CHLS_LOG(LOG_ERR, TXT("open [%s] error[%d:%s]"), psFileName, iErrno, ErrText(iErrno));
+        CHLS_LOG(LOG_ERR, TXT("open [%s] error[%d:%s]"), psFileName, iErrno, ErrText(iErrno).sText);
         return CHLS_ERR_FILE;
     }
     long lFileLen = SizeFile(fp, psFileName);

@@ -69,12 +69,12 @@ static int InitEventHandler(int /*iPlugId*/, int /*iEventId*/, void* /*pInData*/
     // Each interrupts system calls and holds its own signal while it runs.
     if (sigset(SIGALRM, HeartBeat) == SIG_ERR) {
         int iErrno = errno;
-        CHLS_LOG(LOG_ERR, TXT("sigset SIGALRM error:[%d][%s]"), iErrno, ErrText(iErrno));
+        CHLS_LOG(LOG_ERR, TXT("sigset SIGALRM error:[%d][%s]"), iErrno, ErrText(iErrno).sText);
         return CHLS_ERR_SETUP;
     }
     if (sigset(SIGUSR2, OnNetDisconn) == SIG_ERR) {
         int iErrno = errno;
-        CHLS_LOG(LOG_ERR, TXT("sigset SIGUSR2 error:[%d][%s]"), iErrno, ErrText(iErrno));
+        CHLS_LOG(LOG_ERR, TXT("sigset SIGUSR2 error:[%d][%s]"), iErrno, ErrText(iErrno).sText);
         return CHLS_ERR_SETUP;
     }
 
@@ -84,6 +84,7 @@ static int InitEventHandler(int /*iPlugId*/, int /*iEventId*/, void* /*pInData*/
         return CHLS_ERR_SETUP;
     }
     f_iIsInit = 1;
+    CopyText(f_sClaimed, sizeof(f_sClaimed), f_sAppName);
     iRet = InitTcpClient();
     if (iRet < 0) {
         CHLS_LOG(LOG_ERR, TXT("InitTcpClient return[%d]"), iRet);

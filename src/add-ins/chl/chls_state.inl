@@ -12,7 +12,8 @@ static char f_sXmitQ[CHLS_NAME_SIZE];              ///< its name
 static T_KVR_QUE_OBJ_HANDLE f_hDeaqHdl = nullptr;  ///< dead-letter queue, opened at its first use; null: not open
 static char f_sDeadQ[CHLS_NAME_SIZE];              ///< its name; empty: none
 static T_NET_TCPCLIENT f_tTcpClient;               ///< the one connection
-static int f_iIsInit = 0;                          ///< 1 once the status object is claimed
+static int f_iIsInit = 0;                          ///< 1 once the status object is claimed; never lowered
+static char f_sClaimed[CHLS_NAME_SIZE];            ///< the status object that is this process's now; empty: none
 static char f_sAppName[CHLS_NAME_SIZE];            ///< channel name in upper case
 static int f_iUseSSL = 0;                          ///< 1: TLS
 static int f_iHBInt = 0;                           ///< heartbeat interval in seconds

@@ -22,9 +22,15 @@ static int ExitEventHandler(int /*iPlugId*/, int /*iEventId*/, void* /*pInData*/
     }
     // A host may raise this inside the get; no heartbeat may interrupt what follows.
     f_iInGet = 0;
-    int iRet = KVR_ObjSetAttrV(f_tQmgrCtx.hObjDB, TXT("CHS"), f_sAppName, 2, TXT("PID"), TXT("STATUS"), sPID, sSTAT);
-    if (iRet < 0) {
-        CHLS_LOG(LOG_ERR, TXT("KVR_ObjSetAttrV[%s][%s] return[%d]"), "CHS", f_sAppName, iRet);
+    // After a start that was refused, or a former exit, the object may be another process's.
+    if (f_sClaimed[0] != '\0') {
+        int iRet =
+            KVR_ObjSetAttrV(f_tQmgrCtx.hObjDB, TXT("CHS"), f_sClaimed, 2, TXT("PID"), TXT("STATUS"), sPID, sSTAT);
+        if (iRet < 0) {
+            CHLS_LOG(LOG_ERR, TXT("KVR_ObjSetAttrV[%s][%s] return[%d]"), "CHS", f_sClaimed, iRet);
+        } else {
+            f_sClaimed[0] = '\0';
+        }
     }
     StopNetChkProc(__func__);
     CloseQueue(f_sXmitQ, &f_hObjHdl);

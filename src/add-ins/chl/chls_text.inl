@@ -1,10 +1,21 @@
 // SPDX-License-Identifier: MIT
 // Texts and numbers.
 
-/// Text of an errno. Unlike strerror it may be called in a handler.
-static const char* ErrText(int iErrno) {
+/// Text of an errno, as strerror's; by value, so that unlike strerror's a handler's cannot change it.
+static T_CHLS_ERR_TEXT ErrText(int iErrno) {
+    T_CHLS_ERR_TEXT tText;
     const char* psText = strerrordesc_np(iErrno);
-    return psText != nullptr ? psText : "Unknown error";
+    if (psText != nullptr) {
+        CopyText(tText.sText, sizeof(tText.sText), psText);
+    } else {
+        snprintf(tText.sText, sizeof(tText.sText), "Unknown error %d", iErrno);
+    }
+    return tText;
+}
+
+/// errno after a failed host operation before which it was 0: hosts need not set it.
+static int HostErrno(int iOtherwise) {
+    return errno != 0 ? errno : iOtherwise;
 }
 
 /// Copies a text into a field of `iSize` bytes and cuts it there; always leaves a NUL.

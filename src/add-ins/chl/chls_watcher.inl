@@ -3,34 +3,20 @@
 // receiver closed it, and then tells the channel process with SIGUSR2. A pipe whose only write end the channel process
 // holds lets it end with that process, however that ends.
 
-/// Moves a descriptor above the standard ones. Descriptor numbers of FD_SETSIZE and more do not fit the watcher's set:
-/// they fail with EMFILE. Returns -1 with the descriptor closed and errno set.
+/// Moves a descriptor above the standard ones. Returns -1 with the descriptor closed and errno set.
 static int UsableFD(int iFD) {
-    if (iFD > STDERR_FILENO && iFD < FD_SETSIZE) {
+    if (iFD > STDERR_FILENO) {
         return iFD;
     }
-    int iNewFD = -1;
-    int iErrno = EMFILE;
-    if (iFD < FD_SETSIZE) {
-        iNewFD = fcntl(iFD, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-        iErrno = errno;
-    }
+    int iNewFD = fcntl(iFD, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    int iErrno = errno;
     close(iFD);
-    if (iNewFD >= FD_SETSIZE) {
-        close(iNewFD);
-        iNewFD = -1;
-        iErrno = EMFILE;
-    }
     errno = iErrno;
     return iNewFD;
 }
 
 /// Opens the lifeline pipe. 0, or -1 with nothing open and errno set.
 static int OpenLifeline(int* iFDArr) {
-    if (f_tTcpClient.iSocketNo >= FD_SETSIZE) {
-        errno = EMFILE;
-        return CHLS_FAIL;
-    }
     if (pipe2(iFDArr, O_CLOEXEC) < 0) {
         return CHLS_FAIL;
     }
@@ -81,7 +67,7 @@ static int StartNetChkProc(void) {
     }
     if (OpenLifeline(iFDArr) < 0) {
         int iErrno = errno;
-        CHLS_LOG(LOG_ERR, TXT("pipe error[%d:%s]"), iErrno, ErrText(iErrno));
+        CHLS_LOG(LOG_ERR, TXT("pipe error[%d:%s]"), iErrno, ErrText(iErrno).sText);
         errno = iErrno;
         return CHLS_FAIL;
     }
@@ -89,7 +75,7 @@ static int StartNetChkProc(void) {
     f_iMonPid = fork();
     if (f_iMonPid < 0) {
         int iErrno = errno;
-        CHLS_LOG(LOG_ERR, TXT("fork error[%d:%s]"), iErrno, ErrText(iErrno));
+        CHLS_LOG(LOG_ERR, TXT("fork error[%d:%s]"), iErrno, ErrText(iErrno).sText);
         close(iFDArr[0]);
         close(iFDArr[1]);
         errno = iErrno;
@@ -106,23 +92,35 @@ static int StartNetChkProc(void) {
     return f_iMonPid;
 }
 
+/// Waits until the lifeline or the socket is readable: 1 when the lifeline is, 0 when only the socket is, -1 with errno
+/// set. A number that does not fit a set is left to poll, which answers alike; moving it below FD_SETSIZE would take a
+/// number that may be the host's log.
+static int AwaitEnd(int iLifeFD, int iSocketNo) {
+    const int iMaxFd = iSocketNo > iLifeFD ? iSocketNo : iLifeFD;
+    if (iMaxFd >= FD_SETSIZE) {
+        pollfd tPolls[] = {{iLifeFD, POLLIN, 0}, {iSocketNo, POLLIN, 0}};
+        return poll(tPolls, 2, -1) < 0 ? -1 : tPolls[0].revents != 0;
+    }
+    fd_set rdfds;
+    FD_ZERO(&rdfds);
+    FD_SET(iSocketNo, &rdfds);
+    FD_SET(iLifeFD, &rdfds);
+    return select(iMaxFd + 1, &rdfds, nullptr, nullptr, nullptr) < 0 ? -1 : FD_ISSET(iLifeFD, &rdfds) != 0;
+}
+
 /// In the watcher: waits for the end of the line or of the channel process and reports it.
 static void CheckNetStat(void) {
     int f_iPPid = getppid();
-    fd_set rdfds;
-    FD_ZERO(&rdfds);
-    FD_SET(f_tTcpClient.iSocketNo, &rdfds);
-    FD_SET(f_iChlLineFD, &rdfds);
-    int iMaxFd = f_tTcpClient.iSocketNo > f_iChlLineFD ? f_tTcpClient.iSocketNo : f_iChlLineFD;
 
     CHLS_LOG(LOG_INF, TXT("-----------------------begin check line-------------------------"));
-    if (select(iMaxFd + 1, &rdfds, nullptr, nullptr, nullptr) < 0) {
+    const int iGone = AwaitEnd(f_iChlLineFD, f_tTcpClient.iSocketNo);
+    if (iGone < 0) {
         int iErrno = errno;
-        CHLS_LOG(LOG_ERR, TXT("select error[%d:%s]"), iErrno, ErrText(iErrno));
+        CHLS_LOG(LOG_ERR, TXT("select error[%d:%s]"), iErrno, ErrText(iErrno).sText);
         return;
     }
     // The pipe first: once the channel process is gone, its id may be a stranger's, who must not get the signal.
-    if (FD_ISSET(f_iChlLineFD, &rdfds)) {
+    if (iGone) {
         CHLS_LOG(LOG_GONE, TXT("parent abort[%d]"), f_iPPid);
         // It now holds the connection's last descriptor.
         EndTlsLine();
@@ -147,7 +145,7 @@ static void StopNetChkProc(const char* psFunc) {
     if (iExist > 0 && !iKilled) {
         int iErrno = errno;
         CHLS_LOG_OF(psFunc, LOG_ERR, TXT("procSndSig2Proc f_iMonPid[%d] error[%d:%s]"), f_iMonPid, iErrno,
-                    ErrText(iErrno));
+                    ErrText(iErrno).sText);
     }
     // One that could not be killed, or is there against the host's word, ends with its pipe; the wait would last for
     // ever otherwise.
@@ -158,7 +156,7 @@ static void StopNetChkProc(const char* psFunc) {
     CHLS_LOG_OF(psFunc, LOG_DBG, TXT("waitpid %d begin"), f_iMonPid);
     while (waitpid(f_iMonPid, nullptr, 0) != f_iMonPid) {
         int iErrno = errno;
-        CHLS_LOG_OF(psFunc, LOG_INF, TXT("Waitpid error[%d:%s]"), iErrno, ErrText(iErrno));
+        CHLS_LOG_OF(psFunc, LOG_INF, TXT("Waitpid error[%d:%s]"), iErrno, ErrText(iErrno).sText);
         if (iErrno != EINTR) {
             break;
         }
@@ -168,7 +166,7 @@ static void StopNetChkProc(const char* psFunc) {
 }
 
 /// SIGUSR2, at any point of the main flow. Calls: the client's close (which in a handler neither frees nor gives back
-/// the descriptor number) and the host's log. Before the client exists it only raises and lowers the flags.
+/// the descriptor number), alarm and the host's log. Before the client exists it only raises and lowers the flags.
 static void OnNetDisconn(int /*iSig*/) {
     int iErrno = errno;
     f_iHBBreak = 1;
@@ -176,6 +174,7 @@ static void OnNetDisconn(int /*iSig*/) {
         f_tTcpClient.pfnClose(&f_tTcpClient, 0);
     }
     f_iNetStat = 0;
+    WakeGet();
     CHLS_LOG(LOG_EVENT, TXT("line disconnected [%d]"), static_cast<int>(f_iNetStat));
     errno = iErrno;
 }

@@ -47,6 +47,7 @@ constexpr int CHLS_ACC_BUF_SIZE = 51200;   ///< attachment block; the greatest t
 constexpr int CHLS_FILE_CHUNK = 10240;     ///< bytes of a file per write
 constexpr int CHLS_SEND_TRIES = 4;         ///< attempts to send one message
 constexpr unsigned CHLS_RESTART_PAUSE = 3; ///< seconds between a lost line and the next connection
+constexpr unsigned CHLS_WAKE_AFTER = 1;    ///< seconds until a get that set out on a dead line is interrupted
 constexpr int CHLS_DEFAULT_PORT = 5151;    ///< listener's port when the connection name has none
 constexpr int CHLS_TLS_END_MS = 300;       ///< wait for the receiver's end of a TLS line, within a stop's second
 constexpr int CHLS_TLS_END_READS = 128;    ///< pieces dropped then: 32 KiB, twice what can lie there unnoticed
@@ -79,11 +80,16 @@ static int DefaultEventHandler(int iPlugId, int iEventId, void* pInData, void* p
 static int InitEventHandler(int iPlugId, int iEventId, void* pInData, void* pOutData);
 // chls_run.inl: event 2
 static int OnRunEventHandler(int iPlugId, int iEventId, void* pInData, void* pOutData);
+static void WakeGet(void);
 // chls_stop.inl: event 4
 static int ExitEventHandler(int iPlugId, int iEventId, void* pInData, void* pOutData);
 
 // chls_text.inl: texts and numbers
-static const char* ErrText(int iErrno);
+struct T_CHLS_ERR_TEXT {
+    char sText[CHLS_NAME_SIZE];
+};
+static T_CHLS_ERR_TEXT ErrText(int iErrno);
+static int HostErrno(int iOtherwise);
 static void CopyText(char* psTo, size_t iSize, const char* psFrom);
 static void PutNum(char* psField, long lValue);
 
@@ -97,6 +103,7 @@ static int SetObjStat(const char* psFunc, const char* psStat);
 
 // chls_client.inl: set-up of the TCP client; chls_segment.inl: when its bytes leave; chls_tls.inl: tickets and end
 static int InitTcpClient(void);
+static int ClientErrno(void);
 static void SetLineOpt(int iOpt, int iOn);
 static int TakeTlsRecords(void);
 static void EndTlsLine(void);
