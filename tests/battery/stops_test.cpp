@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// One SIGTERM in every state in which a channel can block: the worker ends as stopped and the message in hand is back.
+// One SIGTERM in every state in which a channel can block, and at the calls of a message's road: the worker ends as
+// stopped, the message in hand is back, and one that was sent is not repeated.
 #include <array>
 
 #include <arpa/inet.h>
@@ -10,6 +11,7 @@
 #include <unistd.h>
 
 #include "field.h"
+#include "injector.h"
 
 namespace kvr::test {
 namespace {
@@ -58,13 +60,23 @@ class BlackHole {
     int port_ = 0;
 };
 
+/// Ends the line behind the back of its watcher: the channel finds out with its next message.
+void lose_unnoticed(const Child& worker, std::optional<Child>& listener) {
+    for (const pid_t watcher : children_of(worker.pid())) {
+        ::kill(watcher, SIGSTOP); // the channel kills it all the same
+    }
+    listener.reset();
+}
+
 enum class State {
     kIdle,
     kBlackHole,
+    kBlackHoleInHand,
     kLongPause,
     kRestartPause,
     kStalledWrite,
     kSilentHandshake,
+    kSilentHandshakeInHand,
     kFastFile,
     kSlowFile
 };
@@ -82,6 +94,18 @@ class Stops : public ::testing::TestWithParam<Case> {
         field_.set_channel({{"SHORTTMR", "0"}});
     }
 
+    /// A worker that finds its line lost when it has a message in hand: no retries left, and no dead-letter queue.
+    Child lose_line_in_hand(const std::function<void()>& move_receiver) {
+        listener_.emplace(field_.listen());
+        field_.set_qmgr({{"DEADQ", ""}});
+        field_.set_channel({{"SHORTRTY", "0"}, {"LONGRTY", "0"}});
+        Child worker = run_until("start recv msg");
+        lose_unnoticed(worker, listener_);
+        move_receiver();
+        field_.put(MessageKind::kData, 1, 1000, 1000);
+        return worker;
+    }
+
     /// Brings a worker into the state; what it needs lives on in the members.
     Child reach(State state) {
         switch (state) {
@@ -92,6 +116,12 @@ class Stops : public ::testing::TestWithParam<Case> {
             hole_.emplace();
             field_.point_at(hole_->port());
             return run_until("begin connect");
+        case State::kBlackHoleInHand: {
+            hole_.emplace();
+            Child worker = lose_line_in_hand([&] { field_.point_at(hole_->port()); });
+            field_.await_log("begin connect", 2);
+            return worker;
+        }
         case State::kLongPause:
             field_.set_channel({{"CONNAME", "127.0.0.1(1)"}, {"SHORTRTY", "0"}, {"LONGRTY", "9"}, {"LONGTMR", "900"}});
             return run_until("sleep(900)");
@@ -110,6 +140,11 @@ class Stops : public ::testing::TestWithParam<Case> {
         }
         case State::kSilentHandshake:
             return run_before_silent_peer({.carrier = GetParam().carrier, .handshake = false});
+        case State::kSilentHandshakeInHand: {
+            Child worker = lose_line_in_hand([&] { be_silent({.carrier = GetParam().carrier, .handshake = false}); });
+            EXPECT_TRUE(release_.wait());
+            return worker;
+        }
         case State::kFastFile:
         case State::kSlowFile: {
             listener_.emplace(field_.listen(state == State::kSlowFile
@@ -126,15 +161,19 @@ class Stops : public ::testing::TestWithParam<Case> {
 
     /// The peer has taken the connection, and something has come over it.
     Child run_before_silent_peer(const PeerOptions& options) {
+        be_silent(options);
+        Child worker = field_.run_channel();
+        EXPECT_TRUE(release_.wait());
+        return worker;
+    }
+
+    void be_silent(const PeerOptions& options) {
         silent_.emplace(options, [this](PeerConnection& to) {
             EXPECT_TRUE(wait_until([&] { return to.pending() > 0; }));
             release_.set();
             (void)end_.wait();
         });
         field_.point_at(silent_->port());
-        Child worker = field_.run_channel();
-        EXPECT_TRUE(release_.wait());
-        return worker;
     }
 
     Child run_until(const std::string& line) {
@@ -177,20 +216,22 @@ class Stops : public ::testing::TestWithParam<Case> {
     std::optional<Peer> silent_;
 };
 
-INSTANTIATE_TEST_SUITE_P(States, Stops,
-                         ::testing::Values(Case{"Idle", State::kIdle, Carrier::kPlain},
-                                           Case{"IdleTls", State::kIdle, Carrier::kTls13},
-                                           Case{"BlackHole", State::kBlackHole, Carrier::kPlain},
-                                           Case{"LongPause", State::kLongPause, Carrier::kPlain},
-                                           Case{"RestartPause", State::kRestartPause, Carrier::kPlain},
-                                           Case{"StalledWrite", State::kStalledWrite, Carrier::kPlain},
-                                           Case{"StalledWriteTls", State::kStalledWrite, Carrier::kTls13},
-                                           Case{"SilentHandshake", State::kSilentHandshake, Carrier::kTls13},
-                                           Case{"FastFile", State::kFastFile, Carrier::kPlain},
-                                           Case{"FastFileTls", State::kFastFile, Carrier::kTls13},
-                                           Case{"SlowFile", State::kSlowFile, Carrier::kPlain},
-                                           Case{"SlowFileTls", State::kSlowFile, Carrier::kTls12}),
-                         [](const auto& tested) { return std::string(tested.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    States, Stops,
+    ::testing::Values(Case{"Idle", State::kIdle, Carrier::kPlain}, Case{"IdleTls", State::kIdle, Carrier::kTls13},
+                      Case{"BlackHole", State::kBlackHole, Carrier::kPlain},
+                      Case{"BlackHoleInHand", State::kBlackHoleInHand, Carrier::kPlain},
+                      Case{"LongPause", State::kLongPause, Carrier::kPlain},
+                      Case{"RestartPause", State::kRestartPause, Carrier::kPlain},
+                      Case{"StalledWrite", State::kStalledWrite, Carrier::kPlain},
+                      Case{"StalledWriteTls", State::kStalledWrite, Carrier::kTls13},
+                      Case{"SilentHandshake", State::kSilentHandshake, Carrier::kTls13},
+                      Case{"SilentHandshakeInHand", State::kSilentHandshakeInHand, Carrier::kTls13},
+                      Case{"FastFile", State::kFastFile, Carrier::kPlain},
+                      Case{"FastFileTls", State::kFastFile, Carrier::kTls13},
+                      Case{"SlowFile", State::kSlowFile, Carrier::kPlain},
+                      Case{"SlowFileTls", State::kSlowFile, Carrier::kTls12}),
+    [](const auto& tested) { return std::string(tested.param.name); });
 
 TEST_P(Stops, EndsAsStoppedWithTheMessageBackOnItsQueue) {
     const State state = GetParam().state;
@@ -217,7 +258,8 @@ TEST_P(Stops, EndsAsStoppedWithTheMessageBackOnItsQueue) {
     listener_.reset();
     const Verdict stopped = field_.judge(broke ? 1 : 0);
     EXPECT_EQ(stopped.held + stopped.dead, 0U);
-    if (broke || state == State::kSlowFile) {
+    if (broke || state == State::kSlowFile || state == State::kBlackHoleInHand ||
+        state == State::kSilentHandshakeInHand) {
         EXPECT_GE(stopped.waiting, 1U) << "the message in hand";
     }
 
@@ -231,6 +273,46 @@ TEST_P(Stops, EndsAsStoppedWithTheMessageBackOnItsQueue) {
     const Verdict verdict = field_.judge(broke ? 1 : 0);
     EXPECT_EQ(verdict.delivered + verdict.lost, field_.ledger().size());
     EXPECT_EQ(verdict.lost, stopped.lost);
+}
+
+class StopsAt : public ::testing::TestWithParam<Carrier> {};
+
+INSTANTIATE_TEST_SUITE_P(Carriers, StopsAt, kPlainAndTls, name_of_carrier);
+
+// The road begins with a new line: nothing but the stop makes the message fail, and nothing keeps one that failed.
+TEST_P(StopsAt, EachCallOfAMessageOnANewLine) {
+    Field field(GetParam());
+    field.set_qmgr({{"DEADQ", ""}});
+    field.set_channel({{"SHORTRTY", "0"}, {"SHORTTMR", "0"}});
+    Injector injector(field);
+    std::optional<Child> listener(field.listen());
+    int stops = 0;
+    for (const inject::Action action : {inject::Action::kInterrupt, inject::Action::kBefore}) {
+        const int kinds = action == inject::Action::kBefore && rounds(0) == 0 ? inject::kHost : inject::kAnyKind;
+        for (int target = 1; !HasFailure(); target = injector.control().fired + 1) {
+            Child worker = field.run_channel(injector.environment());
+            field.await_status("RUNING");
+            field.await_drained();
+            field.await_arrived(field.ledger().size());
+            lose_unnoticed(worker, listener);
+            listener.emplace(field.listen());
+            injector.arm({inject::Trigger::kMessage, action, kinds, target, SIGTERM, 0});
+            field.put(MessageKind::kFile, 1, 1000, 1000);
+            (void)injector.done(worker, "a stop");
+            const int fired = injector.control().fired;
+            SCOPED_TRACE("call " + std::to_string(fired) + " " + injector.control().name);
+            EXPECT_EQ(worker.result_under(SIGTERM), 0);
+            EXPECT_EQ(field.status(), "STOPED");
+            stops += fired > 0 ? 1 : 0;
+            if (fired == 0) {
+                break;
+            }
+        }
+    }
+    RecordProperty("stops at calls", stops);
+    Child worker = field.run_channel();
+    field.await_status("RUNING");
+    field.finish(worker);
 }
 
 } // namespace

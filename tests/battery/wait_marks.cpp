@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
-// Preloaded into a worker: makes its pauses and the alarm of one second short, and writes a line into its log each time it begins to wait for a
-// message, when its signals are held already. So the order of the lines tells which signals came in the wait.
+// Preloaded into a worker: makes its pauses and the alarm of one second short, and writes a line into its log each time
+// it begins to wait for a message, when its signals are held already. So the order of the lines tells which signals
+// came in the wait.
 #include <cstdlib>
 #include <ctime>
 
