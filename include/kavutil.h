@@ -34,6 +34,7 @@ int strToUpper(char* psText);
 /// `errno` set. `*piReadLen` holds the bytes read so far.
 int streamReadNByte(void* pBuf, int iLen, int* piReadLen, int iSock);
 /// Writes exactly `iLen` bytes: the length on success, another value on failure with `errno` set. Goes on after a
-/// signal handler has run; keeps to the socket's send time-out as a whole. Callable from a signal handler.
+/// signal handler has run, and for as long as the peer takes something: the socket's send time-out is a time without
+/// progress. Callable from a signal handler.
 int streamWriteNByte(void* pBuf, int iLen, int iSock);
 }

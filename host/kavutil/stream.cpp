@@ -6,11 +6,13 @@
 // the main flow stops at its next stop point.
 #include "kavutil.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdint>
 #include <ctime>
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -20,9 +22,11 @@
 
 namespace {
 
+/// A full send buffer is reported writable only once about a third of it is free, which a slow peer may need minutes
+/// for. So a wait looks this often at what the peer's end has taken.
+constexpr std::int64_t kLookMs = 100;
 constexpr std::int64_t kNoLimit = -1;
 
-/// Every write asks for the time, limits are seconds: the clock that is read at a quarter of the cost will do.
 std::int64_t now_ms() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
@@ -37,6 +41,13 @@ std::int64_t send_limit_ms(int sock) {
         return kNoLimit;
     }
     return static_cast<std::int64_t>(limit.tv_sec) * 1000 + (limit.tv_usec + 999) / 1000;
+}
+
+/// Bytes sent that the peer's end has not taken.
+int unacknowledged(int sock) {
+    int bytes = 0;
+    ioctl(sock, SIOCOUTQ, &bytes);
+    return bytes;
 }
 
 /// To be called when a write had to wait. False with `errno` set when it must not go on.
@@ -69,24 +80,41 @@ bool write_rest(int fd, const char* data, std::size_t left) {
     return true;
 }
 
-/// Sends what a first, incomplete send left over. `limit` counts from `start`: a peer that takes a byte now and then
-/// cannot prolong the call.
-bool send_rest(int sock, const char* data, std::size_t left, std::int64_t start, std::int64_t limit) {
+/// The send time-out of one write. It starts anew whenever the peer's end took something.
+struct SendLimit {
+    std::int64_t limit;    ///< kNoLimit: none
+    std::int64_t progress; ///< when the peer's end last took something
+    int waiting;           ///< bytes that it had not taken at the last look
+};
+
+/// Milliseconds until the next look: kNoLimit without a time-out, 0 when it has run out.
+std::int64_t look_for_progress(int sock, SendLimit& limit) {
+    if (limit.limit == kNoLimit) {
+        return kNoLimit;
+    }
+    const std::int64_t now = now_ms();
+    const int waiting = unacknowledged(sock);
+    if (waiting < limit.waiting) {
+        limit.progress = now;
+    }
+    limit.waiting = waiting;
+    return std::clamp<std::int64_t>(limit.progress + limit.limit - now, 0, kLookMs);
+}
+
+/// Sends what a first, incomplete send left over.
+bool send_rest(int sock, const char* data, std::size_t left) {
+    SendLimit limit{send_limit_ms(sock), now_ms(), unacknowledged(sock)};
     while (left > 0) {
         if (!may_go_on()) {
             return false;
         }
-        int wait_ms = -1;
-        if (limit != kNoLimit) {
-            const std::int64_t remaining = start + limit - now_ms();
-            if (remaining <= 0) {
-                errno = EAGAIN; // as the system reports its own send time-out
-                return false;
-            }
-            wait_ms = remaining < INT_MAX ? static_cast<int>(remaining) : INT_MAX;
+        const std::int64_t wait = look_for_progress(sock, limit);
+        if (wait == 0) {
+            errno = EAGAIN; // as the system reports its own send time-out
+            return false;
         }
         pollfd entry{sock, POLLOUT, 0};
-        const int ready = poll(&entry, 1, wait_ms);
+        const int ready = poll(&entry, 1, static_cast<int>(wait));
         if (ready < 0 && errno != EINTR) {
             return false;
         }
@@ -97,6 +125,8 @@ bool send_rest(int sock, const char* data, std::size_t left, std::int64_t start,
         if (sent > 0) {
             data += sent;
             left -= static_cast<std::size_t>(sent);
+            limit.progress = now_ms();
+            limit.waiting = unacknowledged(sock);
         } else if (sent < 0 && errno != EINTR && errno != EAGAIN) {
             return false;
         }
@@ -146,8 +176,7 @@ KVR_EXPORT int streamWriteNByte(void* pBuf, int iLen, int iSock) {
     }
     const char* data = static_cast<const char*>(pBuf);
     const std::size_t length = static_cast<std::size_t>(iLen);
-    const std::int64_t start = now_ms();
-    const ssize_t sent = send(iSock, data, length, MSG_NOSIGNAL);
+    const ssize_t sent = send(iSock, data, length, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent == iLen) {
         return iLen;
     }
@@ -158,6 +187,6 @@ KVR_EXPORT int streamWriteNByte(void* pBuf, int iLen, int iSock) {
         return -1;
     }
     const std::size_t done = sent > 0 ? static_cast<std::size_t>(sent) : 0;
-    return send_rest(iSock, data + done, length - done, start, send_limit_ms(iSock)) ? iLen : -1;
+    return send_rest(iSock, data + done, length - done) ? iLen : -1;
 }
 }

@@ -87,25 +87,15 @@ TEST(Stream, TellsWhyItFailed) {
     }
 }
 
-TEST(Stream, ADrippingReaderCannotProlongTheSendTimeOut) {
+TEST(Stream, AReaderThatTakesNothingUsesUpTheSendTimeOut) {
     std::vector<char> bytes(kLarge);
-    for (const bool drips : {false, true}) {
-        const Sockets sockets;
-        const timeval limit{0, 300000};
-        setsockopt(sockets.ends[1], SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
-        const Child reader = Child::fork_off([&] {
-            while (drips) {
-                usleep(2000); // slow on purpose: at most 2 MB/s
-                char buffer[4096];
-                [[maybe_unused]] const ssize_t got = read(sockets.ends[0], buffer, sizeof(buffer));
-            }
-            return pause();
-        });
-        storm(300);
-        EXPECT_EQ(streamWriteNByte(bytes.data(), kLarge, sockets.ends[1]), -1);
-        EXPECT_EQ(errno, EAGAIN);
-        storm(0);
-    }
+    const Sockets sockets;
+    const timeval limit{0, 300000};
+    setsockopt(sockets.ends[1], SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+    storm(300);
+    EXPECT_EQ(streamWriteNByte(bytes.data(), kLarge, sockets.ends[1]), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    storm(0);
 }
 
 void end_stopped(kvr::StopPlace place) {
