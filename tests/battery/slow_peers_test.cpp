@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Receivers that take hardly anything: with a send time-out the write fails and the message goes over a new line,
-// without one it waits. The worker's memory stays as it is in both.
+// without one it waits. The worker's memory stays as it is in both. A receiver that is slow but goes on is waited for.
 #include <cstdio>
 #include <optional>
 
@@ -128,6 +128,25 @@ std::vector<Case> cases() {
 INSTANTIATE_TEST_SUITE_P(Readers, SlowPeers, ::testing::ValuesIn(cases()), [](const auto& test) {
     return std::string(carrier_name(test.param.carrier)) + test.param.name;
 });
+
+using SlowLine = ::testing::TestWithParam<Carrier>;
+INSTANTIATE_TEST_SUITE_P(Carriers, SlowLine, kPlainAndTls, name_of_carrier);
+
+/// More than the buffers hold, message and file: a write that takes longer than the send time-out is no failure.
+TEST_P(SlowLine, ThatMovesIsNotTakenForALostOne) {
+    constexpr std::size_t kGreatest = kMaxMessage - sizeof(T_KAVRO_HDR_XMITQ);
+    constexpr std::size_t kFile = 1'500'000;
+    Field field(GetParam());
+    field.set_channel({{"SHORTTMR", "5"}});
+    const Child listener = field.listen({"--read-rate", "200000"});
+    Child worker = field.run_channel();
+    field.await_status("RUNING");
+    field.put(MessageKind::kData, 3, kGreatest, kGreatest);
+    field.put(MessageKind::kFile, 1, kFile, kFile);
+    field.finish(worker);
+    EXPECT_EQ(field.logged("error[-201]"), 0U);
+    EXPECT_EQ(field.journalled("connect"), 1U);
+}
 
 } // namespace
 } // namespace kvr::test

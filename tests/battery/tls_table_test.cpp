@@ -101,7 +101,8 @@ std::vector<Case> cases() {
     const std::string checked = "netTcpSSLCheckCert success.";
     const std::string init = "tcpclient init error[-1:netTcpSSLInitCtx[";
     const auto refused = [](const std::string& reason) {
-        return std::vector<std::string>{"netTcpSSLCheckCert error[" + reason + "]",
+        return std::vector<std::string>{"netTcpSSLCheckCert error[" + reason +
+                                            ", subject O = kavro test, CN = Receiver.Test]",
                                         "error[-1:netTcpSSLCheckCert error["};
     };
     const auto& own = tls.client;

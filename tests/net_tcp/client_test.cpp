@@ -1,12 +1,23 @@
 // SPDX-License-Identifier: MIT
 // The client's operations over plain TCP, TLS 1.2 and TLS 1.3: results, error texts, log lines, ownership.
 #include <cerrno>
+#include <chrono>
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "net_tcp/client.h"
+
+/// errno of the next look-ups, which then fail; 0: they are the host's.
+static int look_up_error = 0;
+
+extern "C" __attribute__((visibility("default"))) int sockGetHostIp(char* host, char* address) {
+    errno = look_up_error;
+    static const auto host_function = reinterpret_cast<int (*)(char*, char*)>(dlsym(RTLD_NEXT, "sockGetHostIp"));
+    return look_up_error != 0 ? -1 : host_function(host, address);
+}
 
 namespace kvr::test {
 namespace {
@@ -57,7 +68,7 @@ TEST_P(ClientTest, ConnectsWritesReadsAndSaysSo) {
     EXPECT_EQ(record_.iRemotePort, peer.port());
     EXPECT_GT(record_.iLocalPort, 0);
     EXPECT_EQ(fcntl(record_.iSocketNo, F_GETFD), FD_CLOEXEC);
-    EXPECT_EQ(fcntl(record_.iSocketNo, F_GETFL) & O_NONBLOCK, 0);
+    EXPECT_TRUE(tls() || (fcntl(record_.iSocketNo, F_GETFL) & O_NONBLOCK) == 0);
     std::vector<std::string> expected = {
         line(5, "Connect", "create new socket"), line(5, "Connect", "set rcv time out[9]"),
         line(5, "Connect", "set snd time out[8]"), line(5, "Connect", "set keepalive[1]")};
@@ -102,6 +113,7 @@ TEST_P(ClientTest, FailedConnectLeavesNoSocketAndCanBeRepeated) {
     const int port = std::make_unique<Peer>(PeerOptions(), [](PeerConnection&) {})->port(); // nothing listens any more
     for (int i = 0; i < 2; i++) {
         EXPECT_EQ(client_.connect(port), -1);
+        EXPECT_EQ(errno, ECONNREFUSED);
         EXPECT_EQ(record_.iErrorCode, ECONNREFUSED);
         EXPECT_EQ(client_.error(), "connect[127.0.0.1:" + std::to_string(port) + "] error[111:Connection refused]");
         EXPECT_EQ(logged_lines().back(), line(1, "Connect", client_.error()));
@@ -113,6 +125,10 @@ TEST_P(ClientTest, FailedConnectLeavesNoSocketAndCanBeRepeated) {
     EXPECT_THAT(client_.error(), testing::StartsWith("sockGetHostIp[127.0.0.1] error[" + code + ":"));
     EXPECT_THAT(logged_lines().back(), HasSubstr("1 $net_tcp/net_tcp_client/netTcpClientConnect sockGetHostIp["));
     EXPECT_THAT(logged_lines().back(), HasSubstr("error[" + code + "]["));
+    look_up_error = 12345;
+    EXPECT_EQ(client_.connect(1), -1);
+    look_up_error = 0;
+    EXPECT_THAT(client_.error(), HasSubstr("error[12345:Unknown error 12345]"));
     for (const int bad_port : {-1, 65536}) {
         EXPECT_EQ(client_.connect(bad_port), -1);
         EXPECT_EQ(record_.iErrorCode, EINVAL);
@@ -180,6 +196,41 @@ TEST_P(ClientTest, ReadTellsTheEndOfTheConnection) {
         EXPECT_EQ(record_.iErrorCode, 0);
         EXPECT_THAT(client_.error(), HasSubstr("connection closed by peer"));
         EXPECT_EQ(logged_lines().back(), line(1, "Read", client_.error()));
+    }
+}
+
+/// A great send buffer counts as writable only when a third of it is free, here after more than the send time-out.
+TEST_P(ClientTest, SendTimeOutRunsOnlyWhileThePeerTakesNothing) {
+    constexpr int kSendBuffer = 150'000;
+    constexpr std::size_t kSlowBytes = 100'000;
+    constexpr std::size_t kSlowBytesPerSecond = 50'000;
+    options_.receive_buffer = 4096;
+    const std::string data(450'000, 'd');
+    for (const bool takes : {true, false}) {
+        Event done;
+        std::size_t received = 0;
+        {
+            Peer peer(options_, [&](PeerConnection& connection) {
+                for (const auto start = std::chrono::steady_clock::now(); takes && received < kSlowBytes;) {
+                    received += connection.read(kSlowBytesPerSecond / 50).size();
+                    std::this_thread::sleep_until(start + std::chrono::seconds(1) * received / kSlowBytesPerSecond);
+                }
+                if (takes) {
+                    received += connection.read_all().size();
+                } else {
+                    EXPECT_TRUE(done.wait());
+                }
+            });
+            client_.record.iSndTimeOut = 1;
+            ASSERT_TRUE(client_.up(peer, NET_TCP_OPT_SNDTIMEO)) << client_.error();
+            setsockopt(record_.iSocketNo, SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof(kSendBuffer));
+            EXPECT_EQ(client_.write(data), takes ? static_cast<int>(data.size()) : -1) << client_.error();
+            const char* reason = takes ? "" : tls() ? "timed out]" : "11:Resource temporarily unavailable]";
+            EXPECT_THAT(client_.error(), testing::EndsWith(reason));
+            client_.close();
+            done.set();
+        }
+        EXPECT_EQ(received, takes ? data.size() : 0);
     }
 }
 

@@ -6,6 +6,8 @@
 #include "kavutil.h"
 #include "net_tcp_common.h"
 #include "net_tcp_handler.h"
+#include "net_tcp_stderr.h"
+#include "net_tcp_wait.h"
 
 #include "net_tcp_error.inl"
 #include "net_tcp_retired.inl"
@@ -34,13 +36,34 @@ int netTcpClientInit(void* pThis, int iOptions) {
     const int iErrno = errno;
     std::atomic_ref<SSL_CTX*>(ptClient->ctx).store(ctx);
     if (ctx == nullptr) {
-        const char* psReason = TlsReason(iErrno);
+        const T_REASON tReason = TlsReason(iErrno);
         NET_TCP_FAIL(ptClient, -1, __func__, "netTcpSSLInitCtx[%s] [%s] [%s] error[%s]", ptClient->sCertFile,
-                     ptClient->sKeyFile, ptClient->sKeyPass, psReason);
+                     ptClient->sKeyFile, ptClient->sKeyPass, tReason.sText);
+        errno = tReason.iErrno;
         return -1;
     }
     NET_TCP_LOG(ptClient, 4, __func__, "netTcpSSLInitCtx[%s] [%s] [%s] sucess", ptClient->sCertFile, ptClient->sKeyFile,
                 ptClient->sKeyPass);
+    return 0;
+}
+
+/// The connect of a record that has no connection. 0 or -1 with the error set; the socket may then still be open.
+int Connect(T_NET_TCPCLIENT* ptClient, char* psAddr, int iPort, int iOptions) {
+    // Once stored in the record the socket can be closed by a handler; it then stays open among the retired ones, and
+    // its number unused, until DropConn.
+    const int iSocketNo = MakeSocket(ptClient);
+    if (iSocketNo < 0 || ConnectSocket(ptClient, iSocketNo, psAddr, iPort) != 0) {
+        return -1;
+    }
+    sockGetLocalAddr(iSocketNo, ptClient->sLocalAddr, &ptClient->iLocalPort);
+    if (ptClient->iIsSSL != 0 && StartTls(ptClient, iSocketNo, iOptions) != 0) {
+        return -1;
+    }
+    std::atomic_ref<int>(ptClient->iStat).store(1);
+    if (WasClosed(ptClient, iSocketNo)) {
+        ptClient->iStat = 0;
+        return -1;
+    }
     return 0;
 }
 
@@ -52,41 +75,35 @@ int netTcpClientConnect(void* pThis, char* psAddr, int iPort, int iOptions) {
         ptClient->iStat = 0;
     }
     DropConn(ptClient);
-    // Once stored in the record the socket can be closed by a handler; it then stays open among the retired ones, and
-    // its number unused, until DropConn.
-    const int iSocketNo = MakeSocket(ptClient);
-    if (iSocketNo < 0) {
-        return -1;
-    }
-    if (ConnectSocket(ptClient, iSocketNo, psAddr, iPort) != 0) {
+    if (Connect(ptClient, psAddr, iPort, iOptions) != 0) {
+        const int iErrno = errno;
         DropConn(ptClient);
-        return -1;
-    }
-    sockGetLocalAddr(iSocketNo, ptClient->sLocalAddr, &ptClient->iLocalPort);
-    if (ptClient->iIsSSL != 0 && StartTls(ptClient, iSocketNo, iOptions) != 0) {
-        DropConn(ptClient);
-        return -1;
-    }
-    std::atomic_ref<int>(ptClient->iStat).store(1);
-    if (WasClosed(ptClient, iSocketNo)) {
-        ptClient->iStat = 0;
-        DropConn(ptClient);
+        errno = iErrno;
         return -1;
     }
     NET_TCP_LOG(ptClient, 4, CONNECT_FUNC, "connect[%s:%d] success", ptClient->sRemoteAddr, ptClient->iRemotePort);
     return 0;
 }
 
+/// The look before a write: false, with the reason, when the peer said something or left. In a handler the write itself
+/// has to find that out.
+bool MayWrite(SSL* ssl, int iSocketNo, T_REASON* ptReason) {
+    if ((SSL_get_shutdown(ssl) & SSL_RECEIVED_SHUTDOWN) != 0) {
+        *ptReason = MakeReason(0, TLS_CLOSED);
+        return false;
+    }
+    return !HasPending(ssl, iSocketNo) || InHandler() || Drain(ssl, iSocketNo, true, ptReason) == eDrainDone;
+}
+
 int WriteTls(T_NET_TCPCLIENT* ptClient, SSL* ssl, int iSocketNo, void* pBuf, int iWriteLen) {
     static constexpr char FUNC[] = "netTcpClientWrite";
-    const char* psReason = TLS_CLOSED;
-    int iRet = -1;
+    T_REASON tReason;
+    int iRet = 0;
     // A reason left over would pass for this write's. A handler may not empty the queue; it then shows what errno says.
     if (ERR_peek_error() != 0 && !InHandler()) {
         ERR_clear_error();
     }
-    if ((SSL_get_shutdown(ssl) & SSL_RECEIVED_SHUTDOWN) == 0 &&
-        (!HasPending(ssl, iSocketNo) || InHandler() || Drain(ssl, iSocketNo, true, &psReason) == eDrainDone)) {
+    if (MayWrite(ssl, iSocketNo, &tReason)) {
         errno = 0;
         iRet = netTcpSSLWriteN(pBuf, iWriteLen, ssl);
         if (iRet == iWriteLen) {
@@ -94,9 +111,12 @@ int WriteTls(T_NET_TCPCLIENT* ptClient, SSL* ssl, int iSocketNo, void* pBuf, int
             return iRet;
         }
         const int iErrno = errno;
-        psReason = InHandler() ? ErrnoReason(iErrno) : TlsReason(iErrno);
+        tReason = InHandler() ? ErrnoReason(iErrno) : TlsReason(iErrno);
+    } else {
+        ErrLine("write len[%d] writelen[%d]", iWriteLen, 0);
     }
-    NET_TCP_FAIL(ptClient, -1, FUNC, "write[%d] ret[%d] error[%s]", iWriteLen, iRet, psReason);
+    NET_TCP_FAIL(ptClient, -1, FUNC, "write[%d] ret[%d] error[%s]", iWriteLen, iRet, tReason.sText);
+    errno = tReason.iErrno;
     return -1;
 }
 
@@ -112,20 +132,21 @@ int netTcpClientWrite(void* pThis, void* pBuf, int iWriteLen, int) {
     if (ptClient->iIsSSL == 0) {
         if (iSocketNo <= 0) {
             NET_TCP_FAIL(ptClient, ENOTCONN, __func__, "write[%d] ret[%d] error[%d:%s]", iWriteLen, -1, ENOTCONN,
-                         ErrnoText(ENOTCONN));
+                         ErrnoText(ENOTCONN).sText);
             return -1;
         }
         const int iRet = streamWriteNByte(pBuf, iWriteLen, iSocketNo);
         const int iErrno = errno;
         if (iRet != iWriteLen) {
             NET_TCP_FAIL(ptClient, iErrno, __func__, "write[%d] ret[%d] error[%d:%s]", iWriteLen, iRet, iErrno,
-                         ErrnoText(iErrno));
+                         ErrnoText(iErrno).sText);
             return -1;
         }
         return iRet;
     }
     if (iSocketNo <= 0 || ssl == nullptr || Look(ptClient->iStat) != 1) {
-        NET_TCP_FAIL(ptClient, ENOTCONN, __func__, "write[%d] ret[%d] error[%s]", iWriteLen, -1, ErrnoText(ENOTCONN));
+        NET_TCP_FAIL(ptClient, ENOTCONN, __func__, "write[%d] ret[%d] error[%s]", iWriteLen, -1,
+                     ErrnoText(ENOTCONN).sText);
         return -1;
     }
     return WriteTls(ptClient, ssl, iSocketNo, pBuf, iWriteLen);
@@ -141,8 +162,8 @@ int ReadTls(T_NET_TCPCLIENT* ptClient, SSL* ssl, void* pBuf, int iLen, int* piRe
         NET_TCP_LOG(ptClient, 5, FUNC, "netTcpSSLReadN [%d] success.", *piReadLen);
         return iRet;
     }
-    const char* psReason = TlsReason(iErrno, iRet == 0 ? TLS_CLOSED : NO_REASON);
-    NET_TCP_FAIL(ptClient, iErrno, FUNC, "read[%d:%d] ret[%d] error[%s]", iLen, *piReadLen, iRet, psReason);
+    const T_REASON tReason = TlsReason(iErrno, iRet == 0 ? TLS_CLOSED : NO_REASON);
+    NET_TCP_FAIL(ptClient, iErrno, FUNC, "read[%d:%d] ret[%d] error[%s]", iLen, *piReadLen, iRet, tReason.sText);
     return iRet == 0 ? 0 : -1;
 }
 
@@ -155,12 +176,13 @@ int netTcpClientRead(void* pThis, void* pBuf, int iLen, int* piReadLen, int) {
     const int iIsTls = ptClient->iIsSSL;
     *piReadLen = 0;
     if (iSocketNo <= 0 || (iIsTls != 0 && (ssl == nullptr || Look(ptClient->iStat) != 1))) {
-        const char* psText = ErrnoText(ENOTCONN);
+        const T_REASON tReason = ErrnoText(ENOTCONN);
         if (iIsTls != 0) {
-            NET_TCP_FAIL(ptClient, ENOTCONN, __func__, "read[%d:%d] ret[%d] error[%s]", iLen, *piReadLen, -1, psText);
+            NET_TCP_FAIL(ptClient, ENOTCONN, __func__, "read[%d:%d] ret[%d] error[%s]", iLen, *piReadLen, -1,
+                         tReason.sText);
         } else {
             NET_TCP_FAIL(ptClient, ENOTCONN, __func__, "read[%d:%d] ret[%d] error[%d:%s]", iLen, *piReadLen, -1,
-                         ENOTCONN, psText);
+                         ENOTCONN, tReason.sText);
         }
         return -1;
     }
@@ -173,8 +195,9 @@ int netTcpClientRead(void* pThis, void* pBuf, int iLen, int* piReadLen, int) {
     if (iRet == iLen) {
         return iRet;
     }
+    const T_REASON tReason = iRet == 0 && iErrno == 0 ? MakeReason(0, TLS_CLOSED) : ErrnoText(iErrno);
     NET_TCP_FAIL(ptClient, iErrno, __func__, "read[%d:%d] ret[%d] error[%d:%s]", iLen, *piReadLen, iRet, iErrno,
-                 iRet == 0 && iErrno == 0 ? TLS_CLOSED : ErrnoText(iErrno));
+                 tReason.sText);
     return iRet == 0 ? 0 : -1;
 }
 

@@ -32,7 +32,7 @@ constexpr int NET_TCP_OPT_SSL = 0x10;       ///< TLS
 typedef int (*PFN_NET_TCPCONNECT)(void* pThis, char* psAddr, int iPort, int iOptions);
 
 /// The client record, owned by its caller. Every operation but the creation clears sErrorStr and iErrorCode first; a
-/// failed one fills both, logs the text at level 1 and returns -1.
+/// failed one fills both, logs the text at level 1, sets errno and returns -1.
 typedef struct T_NET_TCPCLIENT {
     int iRcvTimeOut;               ///< seconds; set by the caller
     int iSndTimeOut;               ///< seconds; set by the caller

@@ -4,21 +4,17 @@
 #include "net_tcp_common.h"
 
 #include <cerrno>
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
-#include <ctime>
 
 #include <openssl/bio.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 #include <strings.h>
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <unistd.h>
 
 #include "kavutil.h"
 #include "net_tcp_handler.h"
+#include "net_tcp_stderr.h"
+#include "net_tcp_wait.h"
 
 #include "net_tcp_heap.inl"
 
@@ -27,90 +23,11 @@
 
 namespace {
 
-/// A line on standard error: two file names' worth; longer ones are cut.
-constexpr int STDERR_LINE_LEN = 1024;
 /// So many interruptions without a byte of progress are survived where the host cannot end the process: in a handler,
 /// and in reads.
 constexpr int IDLE_INTERRUPTS_MAX = 2;
-/// The send time-out covers a write as a whole, to within this step.
-constexpr long LIMIT_STEP_MS = 250;
 /// The longest common name that is compared, with its NUL.
 constexpr int CN_LEN = 256;
-
-/// Holds one netTcpSSLWriteN to the socket's send time-out. The kernel applies that to each system call, and one TLS
-/// record can take several when the peer hardly reads.
-struct T_WRITE_LIMIT {
-    int iCalls;        ///< system calls so far
-    long lStartMs;     ///< of the first one
-    long lLimitMs;     ///< of the whole write; 0: not looked up yet, negative: none
-    long lAppliedMs;   ///< time used when the socket's time-out was last shortened
-    int iShortened;    ///< the socket's time-out has to be put back
-    int iExpired;      ///< the limit ended the write
-    timeval tSndTimeO; ///< the socket's own time-out
-};
-
-__attribute__((format(printf, 1, 2))) void ErrLine(const char* psFmt, ...) {
-    char sLine[STDERR_LINE_LEN];
-    const int iErrno = errno;
-    va_list vaArgs;
-    va_start(vaArgs, psFmt);
-    int iLen = vsnprintf(sLine, sizeof(sLine) - 1, psFmt, vaArgs);
-    va_end(vaArgs);
-    if (iLen > static_cast<int>(sizeof(sLine)) - 2) {
-        iLen = static_cast<int>(sizeof(sLine)) - 2;
-    }
-    if (iLen >= 0) {
-        sLine[iLen] = '\n';
-        // Nothing is left to report to when standard error itself fails.
-        [[maybe_unused]] const ssize_t lRet = write(STDERR_FILENO, sLine, static_cast<size_t>(iLen) + 1);
-    }
-    errno = iErrno;
-}
-
-long NowMs() {
-    timespec tNow{};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &tNow);
-    return tNow.tv_sec * 1000 + tNow.tv_nsec / 1000000;
-}
-
-/// Called by OpenSSL around each system call of a write. A result of 0 or less ends the write.
-long LimitWrite(BIO* bio, int iOper, const char*, size_t, int, long, int iRet, size_t*) {
-    auto* ptLimit = reinterpret_cast<T_WRITE_LIMIT*>(BIO_get_callback_arg(bio));
-    if (iOper != BIO_CB_WRITE || ptLimit == nullptr) {
-        return iRet;
-    }
-    if (ptLimit->iCalls++ == 0) {
-        ptLimit->lStartMs = NowMs();
-        return iRet;
-    }
-    const long lUsedMs = NowMs() - ptLimit->lStartMs;
-    if (lUsedMs - ptLimit->lAppliedMs < LIMIT_STEP_MS || ptLimit->lLimitMs < 0) {
-        return iRet;
-    }
-    const int iSocketNo = static_cast<int>(BIO_get_fd(bio, nullptr));
-    if (ptLimit->lLimitMs == 0) {
-        socklen_t iLen = sizeof(ptLimit->tSndTimeO);
-        if (getsockopt(iSocketNo, SOL_SOCKET, SO_SNDTIMEO, &ptLimit->tSndTimeO, &iLen) != 0) {
-            ptLimit->tSndTimeO = {};
-        }
-        const long lLimitMs = ptLimit->tSndTimeO.tv_sec * 1000 + ptLimit->tSndTimeO.tv_usec / 1000;
-        ptLimit->lLimitMs = lLimitMs > 0 ? lLimitMs : -1;
-        if (lLimitMs <= 0) {
-            return iRet;
-        }
-    }
-    const long lLeftMs = ptLimit->lLimitMs - lUsedMs;
-    if (lLeftMs <= 0) {
-        ptLimit->iExpired = 1;
-        BIO_clear_retry_flags(bio);
-        return -1;
-    }
-    const timeval tLeft{lLeftMs / 1000, lLeftMs % 1000 * 1000};
-    ptLimit->iShortened = 1;
-    ptLimit->lAppliedMs = lUsedMs;
-    setsockopt(iSocketNo, SOL_SOCKET, SO_SNDTIMEO, &tLeft, sizeof(tLeft));
-    return iRet;
-}
 
 /// After an interruption without progress. A process that is being stopped repeats its signal, and its host ends it
 /// inside an operation of the host's: the readability check is called for that alone. In a handler the host does not
@@ -146,6 +63,65 @@ int LoadFiles(SSL_CTX* ctx, const char* psCaFile, const char* psCertFile, const 
         return -1;
     }
     return 0;
+}
+
+/// netTcpSSLReadN on a socket that does not block.
+int ReadAll(char* psBuf, int iLen, int* piReadLen, SSL* ssl) {
+    int iTotal = 0;
+    int iInterrupts = 0;
+    while (iTotal < iLen) {
+        errno = 0;
+        const int iRet = SSL_read(ssl, psBuf + iTotal, iLen - iTotal);
+        if (iRet > 0) {
+            iTotal += iRet;
+            iInterrupts = 0;
+            *piReadLen = iTotal;
+            continue;
+        }
+        if (iRet == 0) {
+            return 0;
+        }
+        int iErrno = errno;
+        if (SSL_want_read(ssl) && BIO_should_retry(SSL_get_rbio(ssl))) {
+            // Without errno: that was a record without application data.
+            iErrno = iErrno == EAGAIN ? WaitToRead(SSL_get_rfd(ssl)) : iErrno;
+            if (iErrno == 0 || (iErrno == EINTR && iInterrupts++ < IDLE_INTERRUPTS_MAX)) {
+                continue;
+            }
+        }
+        ErrLine("read len[%d] readlen[%d]", iLen, iTotal);
+        errno = iErrno;
+        return -1;
+    }
+    return iTotal;
+}
+
+/// netTcpSSLWriteN on a socket that does not block.
+int WriteAll(const char* psBuf, int iLen, SSL* ssl) {
+    T_SEND_WAIT tWait{};
+    const int iSocketNo = SSL_get_wfd(ssl);
+    int iTotal = 0;
+    int iInterrupts = 0;
+    while (iTotal < iLen) {
+        errno = 0;
+        const int iRet = SSL_write(ssl, psBuf + iTotal, iLen - iTotal);
+        if (iRet > 0) {
+            iTotal += iRet;
+            iInterrupts = 0;
+            continue;
+        }
+        int iErrno = errno;
+        if (SSL_want_write(ssl) && (iErrno == EAGAIN || iErrno == EINTR)) {
+            iErrno = WaitToSend(iSocketNo, BIO_number_written(SSL_get_wbio(ssl)), &tWait);
+            if (iErrno == 0 || (iErrno == EINTR && MayGoOn(iSocketNo, &iInterrupts))) {
+                continue;
+            }
+        }
+        ErrLine("write len[%d] writelen[%d]", iLen, iTotal);
+        errno = iErrno;
+        break;
+    }
+    return iTotal;
 }
 
 } // namespace
@@ -196,68 +172,19 @@ NET_TCP_EXPORT int netTcpSSLCheckCert(SSL* ssl, char* psCN, int iOption) {
 }
 
 NET_TCP_EXPORT int netTcpSSLReadN(void* pBuf, int iLen, int* piReadLen, SSL* ssl) {
-    int iTotal = 0;
-    int iInterrupts = 0;
-    while (iTotal < iLen) {
-        errno = 0;
-        const int iRet = SSL_read(ssl, static_cast<char*>(pBuf) + iTotal, iLen - iTotal);
-        if (iRet > 0) {
-            iTotal += iRet;
-            iInterrupts = 0;
-            *piReadLen = iTotal;
-            continue;
-        }
-        const int iErrno = errno;
-        if (iRet == 0) {
-            return 0;
-        }
-        // Neither an interruption nor a record without application data ends the connection.
-        const int iAgain = SSL_want_read(ssl) && BIO_should_retry(SSL_get_rbio(ssl)) && iErrno != EAGAIN;
-        if (iAgain && (iErrno != EINTR || iInterrupts++ < IDLE_INTERRUPTS_MAX)) {
-            continue;
-        }
-        ErrLine("read len[%d] readlen[%d]", iLen, iTotal);
-        errno = iErrno;
-        return -1;
-    }
-    return iTotal;
+    const int iSocketNo = SSL_get_rfd(ssl);
+    const int iFlags = BeginNonBlock(iSocketNo);
+    const int iRet = ReadAll(static_cast<char*>(pBuf), iLen, piReadLen, ssl);
+    EndNonBlock(iSocketNo, iFlags);
+    return iRet;
 }
 
 NET_TCP_EXPORT int netTcpSSLWriteN(void* pBuf, int iLen, SSL* ssl) {
-    if (iLen <= 0) {
-        return 0;
-    }
-    f_iWriting = f_iWriting + 1;
-    T_WRITE_LIMIT tLimit{};
-    BIO* bio = SSL_get_wbio(ssl);
-    BIO_set_callback_arg(bio, reinterpret_cast<char*>(&tLimit));
-    BIO_set_callback_ex(bio, LimitWrite);
-
-    int iTotal = 0;
-    int iInterrupts = 0;
-    int iErrno = 0;
-    while (iTotal < iLen) {
-        errno = 0;
-        const int iRet = SSL_write(ssl, static_cast<char*>(pBuf) + iTotal, iLen - iTotal);
-        iErrno = errno;
-        if (iRet > 0) {
-            iTotal += iRet;
-            iInterrupts = 0;
-            continue;
-        }
-        if (iErrno == EINTR && SSL_want_write(ssl) && MayGoOn(SSL_get_wfd(ssl), &iInterrupts)) {
-            continue;
-        }
-        ErrLine("write len[%d] writelen[%d]", iLen, iTotal);
-        break;
-    }
-
-    BIO_set_callback_ex(bio, nullptr);
-    BIO_set_callback_arg(bio, nullptr);
-    if (tLimit.iShortened != 0) {
-        setsockopt(SSL_get_wfd(ssl), SOL_SOCKET, SO_SNDTIMEO, &tLimit.tSndTimeO, sizeof(tLimit.tSndTimeO));
-    }
-    f_iWriting = f_iWriting - 1;
-    errno = tLimit.iExpired != 0 ? EAGAIN : iErrno;
-    return iTotal;
+    const int iSocketNo = SSL_get_wfd(ssl);
+    const int iFlags = BeginNonBlock(iSocketNo);
+    const bool bOwner = BeginPool();
+    const int iRet = WriteAll(static_cast<const char*>(pBuf), iLen, ssl);
+    EndPool(bOwner);
+    EndNonBlock(iSocketNo, iFlags);
+    return iRet;
 }

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
 // TLS helpers of the TCP client: contexts, the check of the peer, exact-length reads and writes.
 //
-// They keep no state and do not log: a failure writes one line to standard error and shows in the result. OpenSSL's
-// error queue is left as OpenSSL filled it. Protocol versions and ciphers are OpenSSL's defaults.
+// They keep no state and do not log: a failure shows in the result and writes one line to standard error, unless that
+// would have to wait. OpenSSL's error queue is left as OpenSSL filled it. Protocol versions and ciphers are OpenSSL's
+// defaults.
 #pragma once
 
 #include <openssl/types.h>
@@ -23,10 +24,11 @@ SSL_CTX* netTcpSSLInitCtx(char* psCaFile, char* psCertFile, char* psKeyFile, cha
 int netTcpSSLCheckCert(SSL* ssl, char* psCN, int iOption);
 
 /// Reads exactly `iLen` bytes: iLen, 0 when the connection ended first, -1 on error. `*piReadLen` is written after each
-/// successful read only.
+/// successful read only. Whether the socket blocks, and its low-water mark, make no difference.
 int netTcpSSLReadN(void* pBuf, int iLen, int* piReadLen, SSL* ssl);
 
-/// Writes exactly `iLen` bytes and returns the number written: less than `iLen` on failure. After a failure the
-/// connection may end in half a TLS record and has to be closed.
+/// Writes exactly `iLen` bytes and returns the number written: less than `iLen` on failure, which is also that the peer
+/// took nothing for as long as the socket's send time-out says. After a failure the connection may end in half a TLS
+/// record and has to be closed.
 int netTcpSSLWriteN(void* pBuf, int iLen, SSL* ssl);
 }

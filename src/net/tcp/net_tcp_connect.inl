@@ -19,6 +19,7 @@ constexpr char CONNECT_FUNC[] = "netTcpClientConnect";
 /// Descriptors 0 to 2 belong to the standard streams, and 0 means "no socket" in the record.
 constexpr int FIRST_SOCKET_NO = 3;
 constexpr int PORT_MAX = 65535;
+constexpr int SUBJECT_LEN = 256; ///< of a certificate's subject, with its NUL; a longer one is cut
 
 /// Makes the socket of a new connection, above the standard descriptors. The socket, or -1 with the error set.
 int MakeSocket(T_NET_TCPCLIENT* ptClient) {
@@ -32,7 +33,7 @@ int MakeSocket(T_NET_TCPCLIENT* ptClient) {
         close(iLowNo);
     }
     if (iSocketNo < 0) {
-        NET_TCP_FAIL(ptClient, iErrno, CONNECT_FUNC, "socket error[%d:%s]", iErrno, ErrnoText(iErrno));
+        NET_TCP_FAIL(ptClient, iErrno, CONNECT_FUNC, "socket error[%d:%s]", iErrno, ErrnoText(iErrno).sText);
         return -1;
     }
     std::atomic_ref<int>(ptClient->iSocketNo).store(iSocketNo);
@@ -57,7 +58,7 @@ bool WasClosed(T_NET_TCPCLIENT* ptClient, int iSocketNo) {
         return false;
     }
     NET_TCP_FAIL(ptClient, ECONNABORTED, CONNECT_FUNC, "connect[%s:%d] error[%d:%s]", ptClient->sRemoteAddr,
-                 ptClient->iRemotePort, ECONNABORTED, ErrnoText(ECONNABORTED));
+                 ptClient->iRemotePort, ECONNABORTED, ErrnoText(ECONNABORTED).sText);
     return true;
 }
 
@@ -65,10 +66,11 @@ bool WasClosed(T_NET_TCPCLIENT* ptClient, int iSocketNo) {
 int ConnectSocket(T_NET_TCPCLIENT* ptClient, int iSocketNo, char* psAddr, int iPort) {
     if (sockGetHostIp(psAddr, ptClient->sRemoteAddr) < 0) {
         const int iErrno = errno;
-        const char* psText = ErrnoText(iErrno);
-        SetError(ptClient, iErrno, "sockGetHostIp[%s] error[%d:%s]", ptClient->sRemoteAddr, iErrno, psText);
+        const T_REASON tReason = ErrnoText(iErrno);
+        SetError(ptClient, iErrno, "sockGetHostIp[%s] error[%d:%s]", ptClient->sRemoteAddr, iErrno, tReason.sText);
         NET_TCP_LOG(ptClient, 1, CONNECT_FUNC, "sockGetHostIp[%s] error[%d][%s]", ptClient->sRemoteAddr, iErrno,
-                    psText);
+                    tReason.sText);
+        errno = tReason.iErrno;
         return -1;
     }
     ptClient->iRemotePort = iPort;
@@ -88,21 +90,29 @@ int ConnectSocket(T_NET_TCPCLIENT* ptClient, int iSocketNo, char* psAddr, int iP
     }
     if (iErrno != 0) {
         NET_TCP_FAIL(ptClient, iErrno, CONNECT_FUNC, "connect[%s:%d] error[%d:%s]", ptClient->sRemoteAddr,
-                     ptClient->iRemotePort, iErrno, ErrnoText(iErrno));
+                     ptClient->iRemotePort, iErrno, ErrnoText(iErrno).sText);
         return -1;
     }
     return 0;
 }
 
-/// Why netTcpSSLCheckCert refused the peer, as static text.
-const char* PeerReason(SSL* ssl, int iCheck) {
-    if (iCheck == -2) {
-        return TlsReason(0, "common name differs");
-    }
-    if (SSL_get0_peer_certificate(ssl) == nullptr) {
+/// Why netTcpSSLCheckCert refused the peer, and whose certificate that was.
+T_REASON PeerReason(SSL* ssl, int iCheck) {
+    X509* ptCert = SSL_get0_peer_certificate(ssl);
+    if (ptCert == nullptr) {
         return TlsReason(0, "peer has no certificate");
     }
-    return TlsReason(0, X509_verify_cert_error_string(SSL_get_verify_result(ssl)));
+    const T_REASON tWhy =
+        TlsReason(0, iCheck == -2 ? "common name differs" : X509_verify_cert_error_string(SSL_get_verify_result(ssl)));
+    char sSubject[SUBJECT_LEN] = {};
+    BIO* bio = BIO_new(BIO_s_mem());
+    if (bio == nullptr || X509_NAME_print_ex(bio, X509_get_subject_name(ptCert), 0, XN_FLAG_ONELINE) < 0 ||
+        BIO_read(bio, sSubject, sizeof(sSubject) - 1) <= 0) {
+        sSubject[0] = '\0';
+    }
+    BIO_free(bio);
+    ERR_clear_error();
+    return MakeReason(EPROTO, "%s, subject %s", tWhy.sText, sSubject);
 }
 
 /// Handshake and check of the peer on the connected socket. 0 or -1 with the error set; no data goes out before.
@@ -110,7 +120,7 @@ int StartTls(T_NET_TCPCLIENT* ptClient, int iSocketNo, int iOptions) {
     ERR_clear_error();
     SSL* ssl = SSL_new(Look(ptClient->ctx));
     if (ssl == nullptr) {
-        NET_TCP_FAIL(ptClient, -1, CONNECT_FUNC, "SSL_new error[%s]", TlsReason(0));
+        NET_TCP_FAIL(ptClient, -1, CONNECT_FUNC, "SSL_new error[%s]", TlsReason(0).sText);
         return -1;
     }
     // A write returns after each record, so that its time limit and interruptions are looked at; a server cannot make
@@ -119,34 +129,42 @@ int StartTls(T_NET_TCPCLIENT* ptClient, int iSocketNo, int iOptions) {
     SSL_set_options(ssl, SSL_OP_NO_RENEGOTIATION);
     std::atomic_ref<SSL*>(ptClient->ssl).store(ssl);
     SSL_set_fd(ssl, iSocketNo);
+    // From here on the library waits by itself: a look at what has come must not wait at all, and the kernel's own
+    // waits know neither progress nor signals.
+    BeginNonBlock(iSocketNo);
 
     const int iLimit = (ptClient->iSockOpt & NET_TCP_OPT_SNDTIMEO) != 0 ? ptClient->iSndTimeOut : 0;
-    const char* psReason = "";
-    const int iRet = Handshake(ssl, iSocketNo, iLimit, &psReason);
+    T_REASON tReason{};
+    const int iRet = Handshake(ssl, iSocketNo, iLimit, &tReason);
     if (WasClosed(ptClient, iSocketNo)) {
         return -1;
     }
     if (iRet != 1) {
         NET_TCP_FAIL(ptClient, -1, CONNECT_FUNC, "SSL_connect[%s:%d] error[%s]", ptClient->sRemoteAddr,
-                     ptClient->iRemotePort, psReason);
+                     ptClient->iRemotePort, tReason.sText);
+        errno = tReason.iErrno;
         return -1;
     }
     NET_TCP_LOG(ptClient, 5, CONNECT_FUNC, "SSL_connect success.");
 
     const int iCheck = netTcpSSLCheckCert(ssl, nullptr, iOptions);
     if (iCheck != 0) {
-        NET_TCP_FAIL(ptClient, -1, CONNECT_FUNC, "netTcpSSLCheckCert error[%s]", PeerReason(ssl, iCheck));
+        NET_TCP_FAIL(ptClient, -1, CONNECT_FUNC, "netTcpSSLCheckCert error[%s]", PeerReason(ssl, iCheck).sText);
         return -1;
     }
     NET_TCP_LOG(ptClient, 5, CONNECT_FUNC, "netTcpSSLCheckCert success.");
 
-    const int iLowat = TLS_RCV_LOWAT;
-    setsockopt(iSocketNo, SOL_SOCKET, SO_RCVLOWAT, &iLowat, sizeof(iLowat));
+    // Before TLS 1.3 nothing comes unasked, and what comes is noticed at the first byte.
+    if (SSL_version(ssl) >= TLS1_3_VERSION) {
+        const int iLowat = TLS_RCV_LOWAT;
+        setsockopt(iSocketNo, SOL_SOCKET, SO_RCVLOWAT, &iLowat, sizeof(iLowat));
+    }
     // A server that refuses this end's certificate can say so only after the handshake. Data and an orderly end are
     // left to the operations that follow.
-    if (HasPending(ssl, iSocketNo) && Drain(ssl, iSocketNo, false, &psReason) == eDrainLost) {
+    if (HasPending(ssl, iSocketNo) && Drain(ssl, iSocketNo, false, &tReason) == eDrainLost) {
         NET_TCP_FAIL(ptClient, -1, CONNECT_FUNC, "SSL_connect[%s:%d] error[%s]", ptClient->sRemoteAddr,
-                     ptClient->iRemotePort, psReason);
+                     ptClient->iRemotePort, tReason.sText);
+        errno = tReason.iErrno;
         return -1;
     }
     return 0;

@@ -1,24 +1,24 @@
 // SPDX-License-Identifier: MIT
 // Private to net_tcp_common.cpp: memory for OpenSSL during a write.
 //
-// SSL_write allocates and frees a few small blocks for every record (seen with OpenSSL 3.0: 40 bytes each). A heartbeat
-// is written in a signal handler, which may have interrupted malloc. So while this library writes, small blocks come
-// from a fixed pool. OpenSSL takes other memory functions only before its first allocation, hence the constructor; in a
-// process that used OpenSSL before this library was loaded it keeps the heap. The library stays loaded once it is
-// (nodelete).
+// SSL_write allocates and frees small blocks for every record (seen with OpenSSL 3.0: up to 36 of up to 216 bytes where
+// a digest is made beside the cipher, 17 at a time). A heartbeat is written in a signal handler, which may have
+// interrupted malloc. So while this library writes, small blocks come from a fixed pool. OpenSSL takes other memory
+// functions only before its first allocation, hence the constructor; in a process that used OpenSSL before this library
+// was loaded it keeps the heap. The library stays loaded once it is (nodelete).
 
 #include <atomic>
-#include <csignal>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
 #include <openssl/crypto.h>
+#include <pthread.h>
 
 namespace {
 
-constexpr size_t POOL_BLOCK_LEN = 64;
-constexpr int POOL_BLOCKS = 64; ///< a record needs three at a time; a handler can interrupt a write
+constexpr size_t POOL_BLOCK_LEN = 256;
+constexpr int POOL_BLOCKS = 64; ///< a handler can interrupt a write
 
 struct T_POOL_BLOCK {
     alignas(std::max_align_t) char sData[POOL_BLOCK_LEN];
@@ -26,8 +26,20 @@ struct T_POOL_BLOCK {
 
 T_POOL_BLOCK f_tPool[POOL_BLOCKS];
 std::atomic<char> f_cPoolUsed[POOL_BLOCKS];
-/// Writes that this thread is in the middle of. Static thread storage: reached without allocation.
-[[gnu::tls_model("initial-exec")]] thread_local volatile sig_atomic_t f_iWriting = 0;
+std::atomic<pthread_t> f_tWriter; ///< the thread that is in the middle of a write; 0: none
+
+/// Blocks come from the pool until EndPool, which takes the result: true unless this thread was writing already, or
+/// another one is, which leaves this one with the heap.
+bool BeginPool() {
+    pthread_t tNone{};
+    return f_tWriter.compare_exchange_strong(tNone, pthread_self());
+}
+
+void EndPool(bool bOwner) {
+    if (bOwner) {
+        f_tWriter = pthread_t{};
+    }
+}
 
 /// The block's number, or -1 for memory from the heap.
 int PoolIndex(const void* pBlock) {
@@ -39,7 +51,7 @@ void* SslMalloc(size_t iLen, const char*, int) {
     if (iLen == 0) {
         return nullptr;
     }
-    if (f_iWriting != 0 && iLen <= POOL_BLOCK_LEN) {
+    if (iLen <= POOL_BLOCK_LEN && f_tWriter == pthread_self()) {
         for (int i = 0; i < POOL_BLOCKS; i++) {
             if (f_cPoolUsed[i].exchange(1) == 0) {
                 return &f_tPool[i];

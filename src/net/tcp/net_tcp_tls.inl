@@ -3,10 +3,7 @@
 // texts of TLS failures.
 
 #include <cerrno>
-#include <cstring>
-#include <ctime>
 
-#include <fcntl.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <poll.h>
@@ -26,84 +23,64 @@ constexpr char TLS_CLOSED[] = "connection closed by peer";
 constexpr char NO_REASON[] = "no reason given";
 
 /// Why an operation failed, as errno tells it. `psElse` serves when it does not. Callable from a handler.
-const char* ErrnoReason(int iErrno, const char* psElse = NO_REASON) {
+T_REASON ErrnoReason(int iErrno, const char* psElse = NO_REASON) {
     switch (iErrno) {
     case 0:
-        return psElse;
+        return MakeReason(0, "%s", psElse);
     case EAGAIN:
-        return "timed out";
+        return MakeReason(ETIMEDOUT, "timed out");
     case EINTR:
-        return "interrupted";
+        return MakeReason(EINTR, "interrupted");
     default:
         return ErrnoText(iErrno);
     }
 }
 
-/// The reason of the failure that just happened, as static text; empties OpenSSL's error queue. `iErrno` is errno as
-/// the failed operation left it and serves when OpenSSL knows no reason. Emptying the queue frees memory: outside a
-/// handler only.
-const char* TlsReason(int iErrno, const char* psElse = NO_REASON) {
+/// The reason of the failure that just happened; empties OpenSSL's error queue. `iErrno` is errno as the failed
+/// operation left it and serves when OpenSSL knows no reason. Emptying the queue frees memory: outside a handler only.
+T_REASON TlsReason(int iErrno, const char* psElse = NO_REASON) {
     const unsigned long ulErr = ERR_peek_error();
-    const char* psReason = nullptr;
-    if (ulErr != 0) {
-        psReason = ERR_SYSTEM_ERROR(ulErr) ? ErrnoText(ERR_GET_REASON(ulErr)) : ERR_reason_error_string(ulErr);
-        ERR_clear_error();
+    ERR_clear_error();
+    if (ERR_SYSTEM_ERROR(ulErr)) {
+        return ErrnoText(ERR_GET_REASON(ulErr));
     }
-    return psReason != nullptr ? psReason : ErrnoReason(iErrno, psElse);
+    const char* psReason = ulErr != 0 ? ERR_reason_error_string(ulErr) : nullptr;
+    return psReason != nullptr ? MakeReason(0, "%s", psReason) : ErrnoReason(iErrno, psElse);
 }
 
-bool SetNonBlock(int iSocketNo, int iOn) {
-    const int iFlags = fcntl(iSocketNo, F_GETFL);
-    return iFlags >= 0 && fcntl(iSocketNo, F_SETFL, iOn ? iFlags | O_NONBLOCK : iFlags & ~O_NONBLOCK) == 0;
-}
-
-/// Waits until the socket is ready for what the handshake wants: 0, or the errno of a failure.
-int WaitHandshake(int iSocketNo, int iSslError, const timespec& tDeadline) {
-    timespec tNow{};
-    clock_gettime(CLOCK_MONOTONIC, &tNow);
-    const long lLeftMs = (tDeadline.tv_sec - tNow.tv_sec) * 1000 + (tDeadline.tv_nsec - tNow.tv_nsec) / 1000000;
+/// Waits until the socket is ready for what the handshake wants: 0, or the errno of a failure. A negative deadline is
+/// none.
+int WaitHandshake(int iSocketNo, int iSslError, long lDeadlineMs) {
+    constexpr long HOUR_MS = 3600000;
+    const long lLeftMs = lDeadlineMs < 0 ? HOUR_MS : lDeadlineMs - NowMs();
     if (lLeftMs <= 0) {
         return EAGAIN;
     }
     pollfd tPoll{iSocketNo, static_cast<short>(iSslError == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT), 0};
-    const int iRet = poll(&tPoll, 1, lLeftMs > 3600000 ? 3600000 : static_cast<int>(lLeftMs));
-    return iRet < 0 ? errno : 0;
+    return poll(&tPoll, 1, static_cast<int>(lLeftMs < HOUR_MS ? lLeftMs : HOUR_MS)) < 0 ? errno : 0;
 }
 
-/// The client's handshake: 1, or another value with the reason set. A limit above 0 (seconds) covers all of it; without
-/// one only a signal ends the wait for a silent server. Leaves the socket blocking.
-int Handshake(SSL* ssl, int iSocketNo, int iLimit, const char** ppsReason) {
-    timespec tDeadline{};
-    clock_gettime(CLOCK_MONOTONIC, &tDeadline);
-    tDeadline.tv_sec += iLimit;
-    if (iLimit > 0) {
-        SetNonBlock(iSocketNo, true);
-    }
-    int iRet = 0;
-    int iErrno = 0;
+/// The client's handshake on a socket that does not block: 1, or another value with the reason set. A limit above 0
+/// (seconds) covers all of it; without one only a signal ends the wait for a silent server.
+int Handshake(SSL* ssl, int iSocketNo, int iLimit, T_REASON* ptReason) {
+    const long lDeadlineMs = iLimit > 0 ? NowMs() + iLimit * 1000L : -1;
     for (;;) {
         errno = 0;
-        iRet = SSL_connect(ssl);
-        iErrno = errno;
-        if (iRet == 1 || iLimit <= 0) {
-            break;
+        const int iRet = SSL_connect(ssl);
+        int iErrno = errno;
+        if (iRet == 1) {
+            return iRet;
         }
-        const int iSslError = SSL_get_error(ssl, iRet);
-        if (iSslError != SSL_ERROR_WANT_READ && iSslError != SSL_ERROR_WANT_WRITE) {
-            break;
+        const int iSslError = iErrno == EAGAIN ? SSL_get_error(ssl, iRet) : SSL_ERROR_SSL;
+        if (iSslError == SSL_ERROR_WANT_READ || iSslError == SSL_ERROR_WANT_WRITE) {
+            iErrno = WaitHandshake(iSocketNo, iSslError, lDeadlineMs);
+            if (iErrno == 0) {
+                continue;
+            }
         }
-        iErrno = WaitHandshake(iSocketNo, iSslError, tDeadline);
-        if (iErrno != 0) {
-            break;
-        }
+        *ptReason = TlsReason(iErrno, TLS_CLOSED);
+        return iRet;
     }
-    if (iLimit > 0) {
-        SetNonBlock(iSocketNo, false);
-    }
-    if (iRet != 1) {
-        *ppsReason = TlsReason(iErrno, TLS_CLOSED);
-    }
-    return iRet;
 }
 
 /// True when the peer has sent something that was not looked at yet.
@@ -133,11 +110,8 @@ enum E_DRAIN {
 /// stays for a read. Unread bytes would make the kernel reset the connection at its end and so lose data already sent.
 /// Without `iSeeEnd` an end of stream behind those bytes is left for later. Outside a handler only. Sets the reason
 /// when the line is lost or holds data.
-E_DRAIN Drain(SSL* ssl, int iSocketNo, int iSeeEnd, const char** ppsReason) {
+E_DRAIN Drain(SSL* ssl, int iSocketNo, int iSeeEnd, T_REASON* ptReason) {
     E_DRAIN eRet = eDrainDone;
-    if (!SetNonBlock(iSocketNo, true)) {
-        return eRet; // a look could wait for ever behind the last ticket: left to the next drain
-    }
     SSL_clear_mode(ssl, SSL_MODE_AUTO_RETRY);
     for (int i = 0; i < DRAIN_RECORDS_MAX && (iSeeEnd || HasPending(ssl, iSocketNo)); i++) {
         char cData = 0;
@@ -145,7 +119,7 @@ E_DRAIN Drain(SSL* ssl, int iSocketNo, int iSeeEnd, const char** ppsReason) {
         const int iRet = SSL_peek(ssl, &cData, 1);
         const int iErrno = errno;
         if (iRet > 0) {
-            *ppsReason = "receiver sent data";
+            *ptReason = MakeReason(0, "receiver sent data");
             eRet = eDrainData;
             break;
         }
@@ -154,7 +128,7 @@ E_DRAIN Drain(SSL* ssl, int iSocketNo, int iSeeEnd, const char** ppsReason) {
             continue;
         }
         if (iSslError != SSL_ERROR_WANT_READ && iSslError != SSL_ERROR_WANT_WRITE) {
-            *ppsReason = TlsReason(iErrno, TLS_CLOSED);
+            *ptReason = TlsReason(iErrno, TLS_CLOSED);
             eRet = iSslError == SSL_ERROR_ZERO_RETURN ? eDrainClosed : eDrainLost;
         }
         break;
@@ -163,7 +137,6 @@ E_DRAIN Drain(SSL* ssl, int iSocketNo, int iSeeEnd, const char** ppsReason) {
         AnswerKeyUpdate(ssl);
     }
     SSL_set_mode(ssl, SSL_MODE_AUTO_RETRY);
-    SetNonBlock(iSocketNo, false);
     return eRet;
 }
 
