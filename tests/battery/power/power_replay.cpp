@@ -187,7 +187,8 @@ void PowerReplay::cut(const fs::path& into, std::mt19937& random, const std::vec
         }
     }
     fs::create_directories(into);
-    for (const auto& [path, number] : tree) { // a folder comes before what is in it
+    for (const auto& entry : tree) { // a folder comes before what is in it
+        const std::string& path = entry.first;
         const fs::path name = into / fs::path(path).lexically_relative(folder_);
         const bool left_out = std::any_of(without.begin(), without.end(), [&](const std::string& prefix) {
             return path.starts_with(folder_ + "/" + prefix);
@@ -195,7 +196,7 @@ void PowerReplay::cut(const fs::path& into, std::mt19937& random, const std::vec
         if (left_out || !fs::exists(parent_of(name))) {
             continue;
         }
-        const Node& node = nodes_[number];
+        const Node& node = nodes_[entry.second];
         if (node.kind == PowerEvent::kFolder) {
             ::mkdir(name.c_str(), 0700);
         } else if (node.kind == PowerEvent::kFifo) {
