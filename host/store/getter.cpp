@@ -58,6 +58,8 @@ class DrainGetter final : public Getter {
     void commit() override;
     void rollback() override;
     void put_instead(const std::string& queue, const OutgoingMessage& message) override;
+    std::uint64_t move_group(const std::string& queue, std::uint64_t count,
+                             const std::function<std::string(std::string_view)>& change) override;
     void hold(const std::string& reason) override;
     [[nodiscard]] bool in_hand() const override { return hand_ != 0; }
 
@@ -408,6 +410,28 @@ void DrainGetter::put_instead(const std::string& queue, const OutgoingMessage& m
         }
         throw;
     }
+}
+
+std::uint64_t DrainGetter::move_group(const std::string& queue, std::uint64_t count,
+                                      const std::function<std::string(std::string_view)>& change) {
+    if (hand_ != 0 || queue == queue_) {
+        throw Error(Errc::kInvalid, "messages move to another queue, and while none is in hand");
+    }
+    Moved moved;
+    std::uint32_t target_id = 0;
+    std::shared_ptr<MarkFile> target_mark;
+    finish_group([&](WriteTxn& write, QueueRecord& record) {
+        QueueRecord target = load_queue(write.txn(), queue, env_);
+        target_id = target.id;
+        target_mark = store_->mark(target_id);
+        position_ = record.releases == releases_ ? position_ : 0; // released ones stand before it
+        releases_ = record.releases;
+        moved = move_messages(write, record, target, position_, count, change);
+        save_queue(write, queue, target);
+    });
+    position_ = moved.through;
+    store_->wake(target_id, *target_mark);
+    return moved.count;
 }
 
 void DrainGetter::hold(const std::string& reason) {

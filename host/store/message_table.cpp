@@ -3,6 +3,7 @@
 #include "message_table.h"
 
 #include <algorithm>
+#include <cstring>
 #include <limits>
 
 #include "keys.h"
@@ -13,6 +14,8 @@
 namespace kvr {
 
 namespace {
+
+constexpr std::size_t kMoveBytes = 4UL << 20;
 
 std::uint64_t less(std::uint64_t from, std::uint64_t amount) {
     return from - std::min(from, amount);
@@ -32,6 +35,44 @@ void for_range(MDB_txn* txn, const Environment& env, std::uint32_t queue, std::u
             return;
         }
     }
+}
+
+/// Copies the queue's first message from `from` on. Returns its sequence, 0 for none.
+std::uint64_t copy_first(WriteTxn& write, std::uint32_t queue, std::uint64_t from, std::string& record) {
+    std::uint64_t found = 0;
+    for_range(write.txn(), write.env(), queue, from, std::numeric_limits<std::uint64_t>::max(),
+              [&](Cursor&, std::uint64_t sequence, std::string_view bytes) {
+                  found = sequence;
+                  record = bytes;
+                  return false;
+              });
+    return found;
+}
+
+/// False, and nothing done, for a message that is refused, when `may_refuse`; otherwise its error is thrown.
+bool append_changed(WriteTxn& write, QueueRecord& to, const std::string& record,
+                    const std::function<std::string(std::string_view)>& change, bool may_refuse) {
+    T_KAVRO_MD descriptor{};
+    std::vector<std::string> attachments;
+    std::string data;
+    OutgoingMessage message{&descriptor, {}, {}};
+    try {
+        const MessageView view = decode_message(record);
+        std::memcpy(&descriptor, view.descriptor, kDescriptorSize);
+        for (std::string_view list = view.attachments; !list.empty();) {
+            attachments.emplace_back(next_attachment(list));
+        }
+        data = change({view.data.data(), view.data.size()});
+        message = {&descriptor, attachments, data};
+        check_message(message);
+    } catch (const Error&) {
+        if (may_refuse) {
+            return false;
+        }
+        throw;
+    }
+    append_message(write, to, message);
+    return true;
 }
 
 } // namespace
@@ -74,6 +115,32 @@ std::uint64_t erase_messages(WriteTxn& write, QueueRecord& queue, std::uint64_t 
         save_usage(write, less(load_usage(write.txn(), write.env()), stored));
     }
     return count;
+}
+
+Moved move_messages(WriteTxn& write, QueueRecord& from, QueueRecord& to, std::uint64_t position, std::uint64_t count,
+                    const std::function<std::string(std::string_view)>& change) {
+    Moved moved{0, position};
+    std::uint64_t held = first_held(write.txn(), write.env(), from.id, position + 1);
+    std::string record; // a copy: the page that it lies on changes below
+    for (std::size_t bytes = 0; moved.count < count;) {
+        const std::uint64_t sequence = copy_first(write, from.id, moved.through + 1, record);
+        if (sequence == 0) {
+            return moved;
+        }
+        if (sequence < held) {
+            bytes += record.size();
+            if ((moved.count > 0 && bytes > kMoveBytes) ||
+                !append_changed(write, to, record, change, moved.count > 0)) {
+                return moved;
+            }
+            erase_messages(write, from, sequence, sequence, 1);
+            ++moved.count;
+        } else {
+            held = first_held(write.txn(), write.env(), from.id, sequence + 1);
+        }
+        moved.through = sequence;
+    }
+    return moved;
 }
 
 std::pair<std::uint64_t, std::uint64_t> count_messages(MDB_txn* txn, const Environment& env, std::uint32_t queue,

@@ -4,6 +4,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
 
 #include "environment.h"
 #include "mark_file.h"
@@ -17,6 +20,14 @@ void append_message(WriteTxn& write, QueueRecord& queue, const OutgoingMessage& 
 /// Deletes up to `limit` of the queue's messages from `first` to `through`, held or not. Returns how many.
 std::uint64_t erase_messages(WriteTxn& write, QueueRecord& queue, std::uint64_t first, std::uint64_t through,
                              std::uint64_t limit);
+struct Moved {
+    std::uint64_t count = 0;
+    std::uint64_t through = 0; ///< the messages up to here were moved, or are held
+};
+
+/// The work of Getter::move_group within a transaction, for messages after `position`.
+Moved move_messages(WriteTxn& write, QueueRecord& from, QueueRecord& to, std::uint64_t position, std::uint64_t count,
+                    const std::function<std::string(std::string_view)>& change);
 /// Counts messages and their data in a range: what a mark says is used. Returns depth and bytes.
 std::pair<std::uint64_t, std::uint64_t> count_messages(MDB_txn* txn, const Environment& env, std::uint32_t queue,
                                                        UsedRange range);

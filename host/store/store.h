@@ -147,6 +147,13 @@ class KVR_EXPORT Getter {
     /// Puts a message on another queue and uses up the message in hand, both or neither. When it fails the message in
     /// hand is held and the error is thrown.
     virtual void put_instead(const std::string& queue, const OutgoingMessage& message) = 0;
+    /// Puts the oldest messages on another queue, in their order: all of the group in one transaction, or none. The
+    /// group ends at `count` messages or 4 MiB, and before a message that `change` or the other queue refuses; the
+    /// error is thrown when that is the group's first. Held messages stay where they are. No message may be in hand.
+    /// @param change  gives a message's data on the other queue, from its data on this one
+    /// @return messages moved; 0: none is left
+    virtual std::uint64_t move_group(const std::string& queue, std::uint64_t count,
+                                     const std::function<std::string(std::string_view)>& change) = 0;
     /// Keeps the message in hand on its queue, out of the getters' way, until release_held.
     virtual void hold(const std::string& reason) = 0;
     [[nodiscard]] virtual bool in_hand() const = 0;

@@ -107,6 +107,30 @@ TEST_F(StoreTest, DeadLetterPutJoinsTheReservation) {
     EXPECT_EQ(store_->queue_info("Q").depth, 2U);
 }
 
+TEST_F(StoreTest, AGroupMovesInOrderPastHeldOnesAndEndsBeforeARefusedOne) {
+    put_numbers(1, 6);
+    const auto getter = store_->drain("Q");
+    take(*getter);
+    take(*getter);
+    getter->hold("a test"); // "1" is used and not deleted yet, "2" is held
+    const auto move = [&] {
+        return getter->move_group("DEAD", 3, [](std::string_view data) {
+            if (data == "5") {
+                throw Error(Errc::kTooLarge, "refused");
+            }
+            return "m" + std::string(data);
+        });
+    };
+    EXPECT_EQ(move(), 2U);
+    EXPECT_EQ(code_of(move), Errc::kTooLarge);
+    store_->release_held("Q");
+    EXPECT_EQ(move(), 1U);
+    EXPECT_THAT(shown(), ElementsAre("5", "6"));
+    EXPECT_THAT(shown("DEAD"), ElementsAre("m3", "m4", "m2"));
+    EXPECT_EQ(take(*getter), "5");
+    EXPECT_EQ(code_of(move), Errc::kInvalid) << "a message is in hand";
+}
+
 TEST_F(StoreTest, MessageThatCannotBeHeldIsNotUsedUp) {
     put_numbers(1, 2);
     const auto getter = store_->drain("Q");

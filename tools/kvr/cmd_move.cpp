@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// kvr move: puts messages of one queue on another one, each whole or not at all; for dead letters that get another try.
+// kvr move: puts messages of one queue on another one; for dead letters that get another try.
 #include <limits>
 #include <memory>
 
@@ -7,13 +7,15 @@
 #include <fmt/format.h>
 
 #include "commands.h"
-#include "drainer.h"
 #include "output.h"
+#include "progress.h"
 #include "session.h"
 #include "xmit_header.h"
 
 namespace kvr {
 namespace {
+
+constexpr std::uint64_t kGroup = 256; ///< messages of one transaction
 
 struct MoveOptions {
     std::string from;
@@ -34,29 +36,27 @@ std::string new_data(const MoveOptions& options, const std::string& header, std:
     return header + std::string(body);
 }
 
+/// Group by group, each whole or not at all: what interrupts it leaves every message on one queue, and on one only.
 std::uint64_t move_messages(Store& store, const MoveOptions& options, const std::string& header) {
     const QueueInfo source = store.queue_info(options.from);
     const std::uint64_t ready = source.depth - std::min(source.held, source.depth);
     const std::uint64_t wanted = options.count == 0 ? ready : std::min(options.count, ready);
-    Drainer drainer(store, options.from, 0);
+    const auto getter = store.drain(options.from);
+    Progress progress(wanted);
     std::uint64_t moved = 0;
-    for (; moved < wanted && drainer.next(); ++moved) {
-        std::string data;
-        try {
-            data = new_data(options, header, drainer.data());
-        } catch (const Error&) {
-            drainer.getter().rollback();
+    try {
+        for (std::uint64_t group = 1; group > 0 && moved < wanted; moved += group) {
+            progress.update(moved);
+            group = getter->move_group(options.to, std::min(wanted - moved, kGroup),
+                                       [&](std::string_view data) { return new_data(options, header, data); });
+        }
+    } catch (const Error& error) {
+        if (moved == 0) {
             throw;
         }
-        try {
-            drainer.getter().put_instead(options.to, {&drainer.descriptor(), drainer.attachments(), data});
-        } catch (const Error& error) {
-            throw Error(error.code(), fmt::format("{} moved, the next one failed and is held on {}: {}; "
-                                                  "then 'kvr release {}'",
-                                                  message_count(moved), options.from, error.what(), options.from));
-        }
+        throw Error(error.code(), fmt::format("{} moved, the rest is still on {}: {}", message_count(moved),
+                                              options.from, error.what()));
     }
-    drainer.getter().commit();
     return moved;
 }
 
