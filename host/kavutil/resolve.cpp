@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include "export.h"
+#include "kavro_log.h"
 #include "stop_point.h"
 
 namespace {
@@ -26,6 +27,7 @@ struct Lookup {
     const char* host;
     in_addr address;
     int error;   ///< 0, or the errno that tells the cause
+    int code;    ///< the resolver's own
     int done_fd; ///< closed when the look-up is done; below 0: nobody waits on it
 };
 
@@ -62,6 +64,7 @@ void* look_up(void* argument) {
         freeaddrinfo(found);
     } else {
         lookup.error = errno_of(code);
+        lookup.code = code;
     }
     if (lookup.done_fd >= 0) {
         close(lookup.done_fd);
@@ -101,6 +104,15 @@ void look_up_interruptibly(Lookup& lookup) {
     close(done[0]);
 }
 
+/// The caller's own line has neither the name nor the resolver's reason.
+void log_failure(const Lookup& lookup) {
+    constexpr int kLevelFailure = 1;
+    // The log takes pointers to char and writes through none of them.
+    KVR_LogPrint(nullptr, kLevelFailure, const_cast<char*>("$kavutil"), const_cast<char*>("resolve"), __LINE__,
+                 "sockGetHostIp", const_cast<char*>("host[%s] has no IPv4 address that can be found: %s"), lookup.host,
+                 lookup.code == EAI_SYSTEM ? std::strerror(lookup.error) : gai_strerror(lookup.code));
+}
+
 } // namespace
 
 extern "C" {
@@ -111,12 +123,13 @@ KVR_EXPORT int sockGetHostIp(char* psHost, char* psAddr) {
         errno = EINVAL;
         return -1;
     }
-    Lookup lookup{psHost, {}, 0, -1};
+    Lookup lookup{psHost, {}, 0, 0, -1};
     if (inet_pton(AF_INET, psHost, &lookup.address) != 1) {
         look_up_interruptibly(lookup);
         kvr::stop_point(kvr::StopPlace::kMidMessage);
     }
     if (lookup.error != 0) {
+        log_failure(lookup);
         errno = lookup.error;
         return -1;
     }

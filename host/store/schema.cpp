@@ -24,7 +24,8 @@ constexpr std::array<AttrSpec, 11> kChannel{{
     {"DESCR", kLong, AttrKind::kText, 0, 0, "", "", "free text for operators"},
     {"CHLTYPE", kLong, AttrKind::kChoice, 0, 0, "SNDR", "SNDR", "type of the channel; SNDR sends"},
     {"XMITQ", kQueueNameRoom, AttrKind::kText, 0, 0, "", "", "transmission queue that the channel drains"},
-    {"CONNAME", kLong, AttrKind::kAddress, 0, 0, "", "", "listener's address: host or host(port); port 5151 if none"},
+    {"CONNAME", kLong, AttrKind::kAddress, 0, 0, "", "",
+     "listener's address, IPv4: host or host(port); port 5151 if none"},
     {"HBINT", kLong, AttrKind::kNumber, 0, kMaxSeconds, "", "30",
      "seconds without a message between heartbeats; 0: none"},
     {"DISCINT", kShort, AttrKind::kNumber, 0, kMaxSeconds, "", "0",
@@ -93,19 +94,31 @@ bool is_choice(std::string_view choices, std::string_view value) {
     return false;
 }
 
-/// The address as a reader of connection names splits it: the host up to the first "(", the port up to the next ")".
-bool is_address(std::string_view value) {
+bool is_port(std::string_view text) {
+    long port = 0;
+    return parse_number(text, port) && port >= 1 && port <= kMaxPort;
+}
+
+/// What is wrong with an address, empty for nothing. A reader of connection names takes the host up to the first "(",
+/// the port up to the next ")", and nothing but IPv4.
+std::string address_fault(std::string_view value) {
     const std::size_t open = value.find('(');
     const std::string_view host = value.substr(0, open);
-    if (host.empty() || host.find_first_of(" \t)") != std::string_view::npos) {
-        return false;
+    const std::size_t colon = host.find(':');
+    if (host.find_first_of("[]") != std::string_view::npos || colon != host.rfind(':')) {
+        return "is an IPv6 address and the channel speaks IPv4, write an IPv4 address or a host's name, such as "
+               "10.0.0.2(5151)";
     }
-    if (open == std::string_view::npos) {
-        return true;
+    if (colon != std::string_view::npos && colon > 0 && is_port(value.substr(colon + 1))) {
+        return "has its port after a colon, write " + std::string(host.substr(0, colon)) + "(" +
+               std::string(value.substr(colon + 1)) + ")";
     }
-    long port = 0;
-    return value.back() == ')' && parse_number(value.substr(open + 1, value.size() - open - 2), port) && port >= 1 &&
-           port <= kMaxPort;
+    const bool named = !host.empty() && host.find_first_of(" \t):/") == std::string_view::npos;
+    if (!named || (open != std::string_view::npos &&
+                   (value.back() != ')' || !is_port(value.substr(open + 1, value.size() - open - 2))))) {
+        return "is not host or host(port) with a port from 1 to 65535";
+    }
+    return {};
 }
 
 } // namespace
@@ -156,8 +169,8 @@ void check_definition(std::string_view cls, std::string_view attr, std::string_v
         }
         break;
     case AttrKind::kAddress:
-        if (!is_address(value)) {
-            throw Error(Errc::kInvalid, quoted + " is not host or host(port) with a port from 1 to 65535");
+        if (const std::string fault = address_fault(value); !fault.empty()) {
+            throw Error(Errc::kInvalid, quoted + " " + fault);
         }
         break;
     case AttrKind::kText:

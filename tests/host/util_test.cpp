@@ -11,7 +11,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include "children.h"
 #include "export.h"
@@ -20,6 +20,7 @@
 namespace {
 
 using kvr::test::Child;
+using testing::HasSubstr;
 
 /// What the scripted resolver answers, and what the host makes of it.
 constexpr struct {
@@ -27,12 +28,13 @@ constexpr struct {
     int code;
     int system_error;
     int expected_errno;
+    const char* logged;
 } kLookups[] = {
-    {"known.test", 0, 0, 0},
-    {"unknown.test", EAI_NONAME, 0, ENXIO},
-    {"later.test", EAI_AGAIN, 0, EAGAIN},
-    {"system.test", EAI_SYSTEM, EMFILE, EMFILE},
-    {"silent.test", EAI_SYSTEM, 0, EIO},
+    {"known.test", 0, 0, 0, ""},
+    {"unknown.test", EAI_NONAME, 0, ENXIO, "host[unknown.test] has no IPv4 address that can be found: Name or service"},
+    {"later.test", EAI_AGAIN, 0, EAGAIN, "host[later.test] has no IPv4 address that can be found: Temporary failure"},
+    {"system.test", EAI_SYSTEM, EMFILE, EMFILE, "Too many open files"},
+    {"silent.test", EAI_SYSTEM, 0, EIO, "Input/output error"},
 };
 
 } // namespace
@@ -66,9 +68,11 @@ TEST(HostAddress, ResolvesOrTellsWhy) {
     EXPECT_STREQ(address, "255.255.255.255");
     for (const auto& test : kLookups) {
         std::strcpy(address, "as before");
+        testing::internal::CaptureStderr();
         errno = 0;
         EXPECT_EQ(sockGetHostIp(const_cast<char*>(test.host), address), test.code == 0 ? 0 : -1) << test.host;
         EXPECT_EQ(errno, test.expected_errno) << test.host;
+        EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(test.logged));
         EXPECT_STREQ(address, test.code == 0 ? "10.1.2.3" : "as before");
     }
     EXPECT_LT(sockGetHostIp(const_cast<char*>(""), address), 0);
