@@ -11,6 +11,7 @@ namespace kvr {
 namespace {
 
 constexpr char kCutMark[] = " [cut]\n";
+constexpr char kHex[] = "0123456789abcdef";
 constexpr std::size_t kRoom = kMaxLine - (sizeof(kCutMark) - 1);
 
 /// Bytes of the printable character at `text` (1 for ASCII, 2 to 4 for well-formed UTF-8), 0 when it is none: control
@@ -111,7 +112,6 @@ std::size_t LogLine::put_printable(const char* text, std::size_t left) {
         put(text, length);
         return length;
     }
-    static constexpr char kHex[] = "0123456789abcdef";
     const unsigned char byte = static_cast<unsigned char>(text[0]);
     const char escape[4] = {'\\', 'x', kHex[byte >> 4], kHex[byte & 15]};
     put(escape, sizeof(escape));
@@ -142,6 +142,26 @@ void LogLine::add_masked(const char* text, std::size_t length, bool cut) {
         }
     }
     cut_ = cut_ || cut;
+}
+
+void LogLine::add_id(const char* id, std::size_t size) {
+    while (size > 0 && id[size - 1] == '\0') {
+        --size;
+    }
+    bool plain = size < 2 || id[0] != '0' || id[1] != 'x';
+    for (std::size_t i = 0; i < size; ++i) {
+        plain = plain && id[i] >= ' ' && id[i] <= '~';
+    }
+    if (plain) {
+        put(id, size);
+        return;
+    }
+    add("0x");
+    for (std::size_t i = 0; i < size; ++i) {
+        const unsigned char byte = static_cast<unsigned char>(id[i]);
+        const char digits[2] = {kHex[byte >> 4], kHex[byte & 15]};
+        put(digits, sizeof digits);
+    }
 }
 
 std::size_t LogLine::finish() {

@@ -22,6 +22,8 @@ class LogLine {
     /// As add_printable, with registered secrets masked. `cut`: the text was longer than its buffer and ends anywhere,
     /// perhaps within a secret.
     void add_masked(const char* text, std::size_t length, bool cut);
+    /// Appends an id of `size` bytes as kvr shows it: as text, or as 0x and hexadecimal digits when it is none.
+    void add_id(const char* id, std::size_t size);
     /// Ends the line; a line that was too long says so. Returns its length.
     std::size_t finish();
     [[nodiscard]] const char* data() const { return buffer_; }

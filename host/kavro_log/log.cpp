@@ -18,6 +18,7 @@
 
 #include "kavro_log.h"
 #include "line.h"
+#include "log_message.h"
 
 namespace {
 
@@ -86,6 +87,11 @@ __attribute__((noinline, format(printf, 3, 0))) void print_line(int level, const
             const bool cut = full >= sizeof(text);
             line.add_masked(text, cut ? sizeof(text) - 1 : full, cut);
         }
+    }
+    if (const char* id = level <= kvr::kLogMessageLevel ? kvr::log_message() : nullptr; id != nullptr) {
+        line.add(" msg[");
+        line.add_id(id, kvr::kMessageIdSize);
+        line.add("]");
     }
     const std::size_t length = line.finish();
     write_line(line.data(), length);

@@ -16,6 +16,7 @@
 #include "db_handle.h"
 #include "export.h"
 #include "kavro_queue_host.h"
+#include "log_message.h"
 #include "open_queues.h"
 #include "stop_point.h"
 
@@ -100,6 +101,7 @@ extern "C" KVR_EXPORT int KVR_QueClose(T_KVR_QUE_DB_HANDLE /*hQueDB*/, char* /*p
     try {
         const std::shared_ptr<kvr::OpenQueue> queue = kvr::remove_open_queue(hObj);
         if (queue->getter) {
+            kvr::log_set_message(nullptr);
             const std::unique_ptr<kvr::Getter> getter = std::move(queue->getter);
             getter->commit();
         }
@@ -120,11 +122,13 @@ extern "C" KVR_EXPORT int KVR_QueMsgGet(T_KVR_QUE_DB_HANDLE /*hQueDB*/, T_KVR_QU
             kvr::stop_point(kvr::StopPlace::kBetweenMessages);
             queue->getter = queue->store->drain(queue->name);
         }
+        kvr::log_set_message(nullptr);
         const std::int64_t length = queue->getter->next(*ptMD, {psBuf, static_cast<std::size_t>(*piLen)}, true);
         if (length < 0) {
             return static_cast<int>(Errc::kInterrupted); // no fault: nothing for the log
         }
         *piLen = static_cast<int>(length);
+        kvr::log_set_message(ptMD->sMsgId);
         return 0;
     } catch (const std::exception& error) {
         return kvr::fail_at_border(kvr::kSelf, error, kvr::BorderPlace::here());

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "kavro_queue_host.h"
+#include "log_message.h"
 
 namespace kvr {
 
@@ -77,6 +78,7 @@ void queue_give_back() {
     while (const std::shared_ptr<OpenQueue> queue = queue_in_hand()) {
         queue->getter->rollback();
     }
+    log_set_message(nullptr);
 }
 
 } // namespace kvr

@@ -10,6 +10,7 @@
 #include <gmock/gmock.h>
 
 #include "kavro_log.h"
+#include "log_message.h"
 #include "support/folder.h"
 
 namespace {
@@ -89,6 +90,16 @@ TEST_F(Log, ShowsWhatIsPrintableAndMasksSecrets) {
     for (const auto& test : cases) {
         EXPECT_EQ(shown(test.text), test.expected) << test.name;
     }
+    const std::pair<std::string, const char*> ids[] = {{"18EA83FB95128DA5", " msg[18EA83FB95128DA5]"},
+                                                       {"0x1", " msg[0x307831]"},
+                                                       {"a\nb", " msg[0x610a62]"},
+                                                       {"", ""}};
+    for (auto [id, ending] : ids) {
+        id.resize(kvr::kMessageIdSize);
+        kvr::log_set_message(id.c_str());
+        EXPECT_EQ(shown("text"), std::string("text") + ending);
+    }
+    kvr::log_set_message(nullptr);
 }
 
 TEST_F(Log, CutsLongLinesAndLeaksNoPartOfASecretThere) {
