@@ -95,6 +95,11 @@ ChannelStatus recorded_status(Store& store, const std::string& channel) {
     status.local_port = attributes["LOCALPORT"];
     status.remote_ip = attributes["REMOTEIP"];
     status.remote_port = attributes["REMOTEPORT"];
+    for (const char* name : {"CONNAME", "SHORTRTY", "SHORTTMR", "LONGRTY", "LONGTMR"}) {
+        if (attributes.contains(name)) {
+            status.connecting[name] = attributes[name];
+        }
+    }
     return status;
 }
 

@@ -21,6 +21,9 @@ struct ChannelStatus {
     std::string local_port;  //
     std::string remote_ip;   //
     std::string remote_port; //
+    /// CONNAME, SHORTRTY, SHORTTMR, LONGRTY and LONGTMR as the channel read them when it began to connect; it tries
+    /// with these until it has a connection or gives up. Empty: it never began.
+    Attributes connecting;
 
     /// The record names a state of a running channel, but nobody runs it: its process ended without a word.
     [[nodiscard]] bool is_stale() const { return runner == 0 && !state.empty() && state != "STOPED"; }

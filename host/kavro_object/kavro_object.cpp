@@ -25,6 +25,22 @@ namespace {
 constexpr int kMaxCount = 32;
 constexpr BorderModule kSelf{"$kavro_object", "kavro_object"};
 
+/// What the channel reads each time it begins to connect, and never again before it has a connection or gave up.
+constexpr std::array<const char*, 5> kConnecting{"CONNAME", "SHORTRTY", "SHORTTMR", "LONGRTY", "LONGTMR"};
+
+/// These as this process has read them last.
+Attributes& connecting() {
+    static Attributes last;
+    return last;
+}
+
+void remember_connecting(const Attributes& definition) {
+    for (const char* name : kConnecting) {
+        const auto value = definition.find(name);
+        connecting()[name] = value == definition.end() ? "" : value->second;
+    }
+}
+
 void check_arguments(const char* cls, const char* name, int count, char** attrs, char** values) {
     if (cls == nullptr || name == nullptr || count < 0 || count > kMaxCount ||
         (count > 0 && (attrs == nullptr || values == nullptr))) {
@@ -55,6 +71,9 @@ void get_attributes(const void* handle, const char* cls, const char* name, int c
         const std::string_view text = value == values.end() ? std::string_view() : std::string_view(value->second);
         check_attr(cls, attrs[i], text); // known, and no longer than the reader's buffer: nobody tells us its size
     }
+    if (std::strcmp(cls, "CHL") == 0) {
+        remember_connecting(values);
+    }
     for (int i = 0; i < count; ++i) {
         if (const auto value = values.find(attrs[i]); value != values.end()) {
             if (find_attr(*find_class(cls), attrs[i])->kind == AttrKind::kSecret) {
@@ -65,10 +84,27 @@ void get_attributes(const void* handle, const char* cls, const char* name, int c
     }
 }
 
+void log_line_up(const char* channel, Attributes& status) {
+    constexpr int kLevelEvent = 3;
+    // The log takes pointers to char and writes through none of them.
+    KVR_LogPrint(nullptr, kLevelEvent, const_cast<char*>(kSelf.module), const_cast<char*>(kSelf.file), __LINE__,
+                 "KVR_ObjSetAttr", const_cast<char*>("channel[%s] line up, local[%s:%s] remote[%s:%s]"), channel,
+                 status["LOCALIP"].c_str(), status["LOCALPORT"].c_str(), status["REMOTEIP"].c_str(),
+                 status["REMOTEPORT"].c_str());
+}
+
 void set_attributes(const void* handle, const char* cls, const char* name, int count, char** attrs, char** values) {
     stop_point(StopPlace::kMidMessage);
     check_arguments(cls, name, count, attrs, values);
-    store_of(handle)->object_set(cls, name, to_attributes(count, attrs, values));
+    Attributes given = to_attributes(count, attrs, values);
+    const std::string state = std::strcmp(cls, "CHS") == 0 && given.contains("STATUS") ? given["STATUS"] : "";
+    if (state == "RETRYING") {
+        given.merge(Attributes(connecting()));
+    }
+    store_of(handle)->object_set(cls, name, given);
+    if (state == "RUNING" && given.contains("REMOTEIP")) {
+        log_line_up(name, given);
+    }
 }
 
 void add_object(const void* handle, const char* cls, const char* name, int count, char** attrs, char** values) {

@@ -49,13 +49,19 @@ constexpr std::array<AttrSpec, 6> kQmgr{{
     {"KEYPASS", kShort, AttrKind::kSecret, 0, 0, "", "", "pass phrase of the private key"},
 }};
 
-constexpr std::array<AttrSpec, 6> kStatus{{
+constexpr std::array<AttrSpec, 11> kStatus{{
     {"PID", kLong, AttrKind::kText, 0, 0, "", "", "process that runs the channel; -1 after a stop"},
     {"STATUS", kLong, AttrKind::kText, 0, 0, "", "", "BINDING, RETRYING, RUNING or STOPED"},
     {"LOCALIP", kShort, AttrKind::kText, 0, 0, "", "", "own address of the connection"},
     {"LOCALPORT", kShort, AttrKind::kText, 0, 0, "", "", "own port of the connection"},
     {"REMOTEIP", kLong, AttrKind::kText, 0, 0, "", "", "listener's address"},
     {"REMOTEPORT", kShort, AttrKind::kText, 0, 0, "", "", "listener's port"},
+    // The host's own: what the channel read of its definition when it began to connect.
+    {"CONNAME", kLong, AttrKind::kText, 0, 0, "", "", "address that it connects to"},
+    {"SHORTRTY", kShort, AttrKind::kText, 0, 0, "", "", "short retries that it makes"},
+    {"SHORTTMR", kShort, AttrKind::kText, 0, 0, "", "", "seconds before each of them"},
+    {"LONGRTY", kLong, AttrKind::kText, 0, 0, "", "", "long retries that it makes"},
+    {"LONGTMR", kShort, AttrKind::kText, 0, 0, "", "", "seconds before each of them"},
 }};
 
 constexpr std::array<ClassSpec, 3> kClasses{{{"CHL", kChannel}, {"QMGR", kQmgr}, {"CHS", kStatus}}};

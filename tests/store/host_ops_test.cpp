@@ -58,11 +58,18 @@ TEST_F(HostOpsTest, GetUsesUpWithTheNextGetOrTheClose) {
     EXPECT_EQ(text(handle), "2");
     EXPECT_EQ(close(handle), Errc{});
     EXPECT_THAT(shown(), ElementsAre("3"));
+    T_KAVRO_MD named = blank_descriptor();
+    std::memcpy(named.sMsgId, "ID4", 3);
+    store_->put("Q", OutgoingMessage{&named, {}, std::string_view("4")});
     const auto again = open("Q");
     EXPECT_EQ(text(again), "3");
+    EXPECT_EQ(text(again), "4");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(close(nullptr), Errc::kNotOpen);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(" msg[ID4]\n")) << "a line about a message names it";
     queue_give_back(); // stopped in the middle of the message
     EXPECT_EQ(close(again), Errc{});
-    EXPECT_THAT(shown(), ElementsAre("3"));
+    EXPECT_THAT(shown(), ElementsAre("4"));
 }
 
 TEST_F(HostOpsTest, StaleAndForeignNamesAndHandlesDoNoHarm) {
@@ -141,6 +148,12 @@ TEST_F(HostOpsTest, AttributesReachTheBuffersTheyFitAndSecretsNoLog) {
     EXPECT_EQ(KVR_ObjSetAttrV(db, c("CHS"), c("C"), 2, "STATUS", "LOCALIP", "RUNING", "127.0.0.1"), 0);
     EXPECT_EQ(read(db, 2), Errc{});
     EXPECT_STREQ(status, "RUNING");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(KVR_ObjSetAttrV(db, c("CHS"), c("C"), 5, "STATUS", "LOCALIP", "LOCALPORT", "REMOTEIP", "REMOTEPORT",
+                              "RUNING", "10.0.0.1", "4711", "10.0.0.2", "5151"),
+              0);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                HasSubstr("channel[C] line up, local[10.0.0.1:4711] remote[10.0.0.2:5151]"));
     EXPECT_EQ(read(&length_, 1), Errc::kNotOpen);
     EXPECT_EQ(read(db, 1000), Errc::kInvalid);
     const std::string lengthy(256, 'x');
