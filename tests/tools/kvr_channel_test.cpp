@@ -110,7 +110,12 @@ TEST_F(KvrChannel, ARunningOneRefusesASecondWorkerAndItsDeletion) {
     // A status that blocks the start: it names a process that lives, and is none of a channel.
     store()->object_add("CHS", "C", {{"PID", std::to_string(getpid())}, {"STATUS", "RUNING"}});
     Child worker = running();
-    EXPECT_THAT(home_.done({"status"}), HasSubstr(std::to_string(worker.pid()) + " alive"));
+    EXPECT_THAT(home_.done({"status"}),
+                AllOf(HasSubstr(std::to_string(worker.pid()) + " alive"),
+                      HasSubstr("C: RETRYING 127.0.0.1(1), every 3600 s, 1000000 long retries\n"),
+                      HasSubstr("of 7.0 GiB used"), Not(HasSubstr("changed since"))));
+    EXPECT_THAT(home_.done({"set", "channel", "C", "CONNAME=127.0.0.1(2)"}), HasSubstr("kvr stop C"));
+    EXPECT_THAT(home_.done({"status"}), AllOf(HasSubstr("RETRYING 127.0.0.1(1),"), HasSubstr("changed since")));
     EXPECT_EQ(run().code, 1);
     EXPECT_THAT(run().err, AllOf(HasSubstr(std::to_string(worker.pid())), Not(HasSubstr("starts"))));
     for (const Words& deletion : {Words{"delete", "channel", "C"}, {"delete", "qmgr", "EAST", "--yes"}}) {

@@ -162,6 +162,11 @@ TEST_F(KvrMessage, BrowsePagesThroughAQueueAndTakesNothing) {
     ASSERT_EQ(tail.size(), 3U);
     EXPECT_EQ(tail[0]["msgid"], all[57]["msgid"]);
     EXPECT_EQ(depth(), 60U);
+    home_.done({"put", "OTHER", "--count", "5000", "x"});
+    const int rows =
+        std::stoi(home_.shell("$KVR browse OTHER --all | (read heading; $KVR get OTHER --all >/dev/null; wc -l)").out);
+    EXPECT_GE(rows, 1000);
+    EXPECT_LT(rows, 5000) << "the queue was read to its end before the first row was shown";
 }
 
 TEST_F(KvrMessage, DeadLettersGoBackWithTheirHeaderChangedOrNot) {
@@ -179,6 +184,14 @@ TEST_F(KvrMessage, DeadLettersGoBackWithTheirHeaderChangedOrNot) {
         EXPECT_EQ(depth(), 1U);
         home_.done({"get", "Q"});
     }
+    home_.done({"put", "Q", "fits"});
+    home_.done({"put", "Q", "--size", "2098376"});
+    const ProgramResult stuck = home_.run({"move", "Q", "OTHER", "--dest", "E"});
+    EXPECT_EQ(stuck.code, 1);
+    EXPECT_THAT(stuck.err,
+                HasSubstr("1 message moved, the rest is still on Q: a message of 2098376 bytes has no room"));
+    EXPECT_EQ(home_.json({"browse", "Q"})[0]["state"], "ready");
+    EXPECT_EQ(home_.json({"get", "OTHER"})[0]["data"], "fits");
 }
 
 TEST_F(KvrMessage, HeldOnesAreShownAndReleasedAndADrainedQueueRefusesASecondGetter) {

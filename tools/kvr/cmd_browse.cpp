@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// kvr browse: looks at messages without taking them. The queue is read in short stretches, however slowly the output is
-// read.
+// kvr browse: looks at messages without taking them. They are shown as they are read, and no longer kept than their
+// block of the table.
 #include <limits>
 #include <memory>
 
@@ -18,7 +18,7 @@ namespace kvr {
 namespace {
 
 constexpr std::uint64_t kDefaultCount = 50;
-constexpr std::size_t kStretchBytes = 1U << 20; ///< of output or data, then the store is let go
+constexpr std::size_t kTableBlock = 1000; ///< rows that share their columns' widths, and wait for each other
 constexpr std::size_t kPreview = 24;
 
 struct BrowseOptions {
@@ -60,28 +60,18 @@ class Browser {
           table_({"SEQ", "STATE", "LENGTH", "DESTINATION", "FORMAT", "FILES", "MESSAGE ID", "DATA"}) {}
 
     void run(Store& store) {
-        std::uint64_t from = options_.from;
-        for (bool more = true; more;) {
-            more = false;
-            std::size_t work = 0;
-            store.browse(options_.queue, from, [&](const StoredMessage& message) {
-                from = message.sequence + 1;
-                if (options_.held && !message.held) {
-                    return true;
-                }
-                if (!options_.all && shown_ == (options_.count > 0 ? options_.count : kDefaultCount)) {
-                    cut_ = options_.count == 0;
-                    return false;
-                }
-                ++shown_;
-                add(message);
-                work += message.data.size() + sizeof(T_KAVRO_MD);
-                more = work >= kStretchBytes;
-                return !more;
-            });
-            print(out_);
-            out_.clear();
-        }
+        store.browse(options_.queue, options_.from, [&](const StoredMessage& message) {
+            if (options_.held && !message.held) {
+                return true;
+            }
+            if (!options_.all && shown_ == (options_.count > 0 ? options_.count : kDefaultCount)) {
+                cut_ = options_.count == 0;
+                return false;
+            }
+            ++shown_;
+            add(message);
+            return true;
+        });
         finish();
     }
 
@@ -89,16 +79,23 @@ class Browser {
     void add(const StoredMessage& message) {
         if (!json_ && !detailed_) {
             table_.row(table_row(message));
+            if (table_.size() == kTableBlock) {
+                print(table_.text());
+                flush_output();
+            }
             return;
         }
-        const MessageView view{message.sequence,
-                               message.descriptor,
-                               message.attachments,
-                               {message.data.data(), message.data.size()},
-                               state_of(message)};
+        const ShownMessage view{message.sequence,
+                                message.descriptor,
+                                message.attachments,
+                                {message.data.data(), message.data.size()},
+                                state_of(message)};
         DataForm form = options_.hex ? DataForm::kHex : options_.full ? DataForm::kText : DataForm::kNone;
-        out_ += json_ ? message_json(view, form).dump(-1, ' ', false, Json::error_handler_t::replace) + "\n"
-                      : message_text(view, form) + "\n";
+        if (json_) {
+            print_json(message_json(view, form), true);
+        } else {
+            print(message_text(view, form) + "\n");
+        }
     }
 
     void finish() {
@@ -107,7 +104,7 @@ class Browser {
         }
         if (shown_ == 0) {
             print(options_.held ? "no held messages\n" : "no messages\n");
-        } else if (!detailed_) {
+        } else if (table_.size() > 0) {
             print(table_.text());
         }
         if (cut_) {
@@ -120,7 +117,6 @@ class Browser {
     const BrowseOptions& options_;
     bool detailed_;
     Table table_;
-    std::string out_;
     std::uint64_t shown_ = 0;
     bool cut_ = false;
 };
@@ -143,7 +139,9 @@ void add_browse_command(CLI::App& app, GlobalOptions& global) {
             ->check(CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max()).description(""))
             ->type_name("N");
     command->add_flag("--all", options->all, "All messages")->excludes(count);
-    command->add_option("--from", options->from, "Begin at this place (column SEQ)")->type_name("SEQ");
+    command->add_option("--from", options->from, "Begin at this place (column SEQ)")
+        ->check(CLI::Range(std::int64_t{0}, std::numeric_limits<std::int64_t>::max()).description(""))
+        ->type_name("SEQ");
     command->add_flag("--held", options->held, "Held messages only: those whose dead-letter put failed");
     command->add_flag("--full", options->full, "Every descriptor field, the attachments and the data");
     command->add_flag("--hex", options->hex, "As --full, the data in hexadecimal");

@@ -77,7 +77,7 @@ class Target {
     }
 
   private:
-    void describe(const MessageView& view, const std::string& file) {
+    void describe(const ShownMessage& view, const std::string& file) {
         DataForm form = options_.hex ? DataForm::kHex : DataForm::kText;
         if (!file.empty()) {
             form = DataForm::kNone;

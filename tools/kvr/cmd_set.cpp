@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 
 #include "attributes.h"
+#include "channel_status.h"
 #include "commands.h"
 #include "input.h"
 #include "output.h"
@@ -101,8 +102,16 @@ void set_channel(const GlobalOptions& global, const std::string& given_name, con
         print_json({{"qmgr", store->qmgr()}, {"channel", name}, {"changed", true}});
         return;
     }
-    print(fmt::format("changed channel {}; address and retries count from its next connection, the rest from its next "
-                      "start\n",
+    const ChannelStatus status = channel_status(*store, name);
+    if (status.runner > 0 && status.state == "RETRYING") {
+        print(fmt::format(
+            "changed channel {}; it is connecting and does so with its old address and retries until it has "
+            "a connection or gives up: stop it with 'kvr stop {}' and run it again to use the new ones\n",
+            name, name));
+        return;
+    }
+    print(fmt::format("changed channel {}; address and retries count when it connects the next time, the rest from its "
+                      "next start\n",
                       name));
 }
 

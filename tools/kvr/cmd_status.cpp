@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 // kvr status: what channels do, who runs them, and how deep their queues are. With --watch again and again.
+#include <algorithm>
 #include <csignal>
+#include <cstdlib>
 #include <memory>
 #include <optional>
 
@@ -33,6 +35,7 @@ struct Line {
     std::string channel;
     ChannelStatus status;
     std::string xmitq;
+    Attributes definition;
     std::optional<QueueInfo> queue; ///< nothing: the transmission queue does not exist
 };
 
@@ -40,6 +43,7 @@ struct Picture {
     std::vector<Line> lines;
     std::string dead_queue;
     std::optional<QueueInfo> dead_info;
+    Usage usage{};
 };
 
 volatile std::sig_atomic_t g_ended = 0;
@@ -68,12 +72,15 @@ Picture take_picture(Store& store, const std::string& channel) {
         require_channel(store, channel);
     }
     for (const std::string& name : names) {
-        Line line{name, channel_status(store, name), value_of(store.object_get("CHL", name), "XMITQ"), std::nullopt};
+        Attributes definition = store.object_get("CHL", name);
+        Line line{name, channel_status(store, name), value_of(definition, "XMITQ"), std::move(definition),
+                  std::nullopt};
         line.queue = info_if_there(store, line.xmitq);
         picture.lines.push_back(std::move(line));
     }
     picture.dead_queue = dead_letter_queue(store);
     picture.dead_info = info_if_there(store, picture.dead_queue);
+    picture.usage = store.usage();
     return picture;
 }
 
@@ -103,10 +110,52 @@ std::string dead_letter_text(const Picture& picture) {
     return fmt::format("dead-letter queue {}: {}\n", picture.dead_queue, message_count(picture.dead_info->depth));
 }
 
+bool is_connecting(const ChannelStatus& status) {
+    return status.runner > 0 && status.state == "RETRYING" && !status.connecting.empty();
+}
+
+/// The definition says something else by now than what the channel connects with.
+bool is_outdated(const Line& line) {
+    return std::any_of(line.status.connecting.begin(), line.status.connecting.end(), [&](const auto& attribute) {
+        return value_of(line.definition, attribute.first) != attribute.second;
+    });
+}
+
+int number_of(const Attributes& attributes, const char* name) {
+    return std::atoi(value_of(attributes, name).c_str()); // as the channel reads it
+}
+
+std::string connecting_address(const ChannelStatus& status) {
+    const std::string address = value_of(status.connecting, "CONNAME");
+    return address.find('(') == std::string::npos ? address + "(5151)" : address;
+}
+
+std::string retries_text(const Attributes& connecting, const char* pause, const char* retries, const char* kind) {
+    const int count = number_of(connecting, retries);
+    return count > 0 ? fmt::format(", every {} s, {} {} retries", number_of(connecting, pause), count, kind) : "";
+}
+
+std::string connecting_text(const Line& line) {
+    const Attributes& connecting = line.status.connecting;
+    return fmt::format("{}: RETRYING {}{}{}\n{}", line.channel, printable(connecting_address(line.status)),
+                       retries_text(connecting, "SHORTTMR", "SHORTRTY", "short"),
+                       retries_text(connecting, "LONGTMR", "LONGRTY", "long"),
+                       is_outdated(line) ? fmt::format("{}: its definition was changed since: 'kvr stop {}' and run it "
+                                                       "again to use it\n",
+                                                       line.channel, line.channel)
+                                         : "");
+}
+
+std::string usage_text(const Usage& usage) {
+    return fmt::format("store: {} of {} used, file of {}\n", human_size(usage.bytes), human_size(usage.quota),
+                       human_size(usage.file));
+}
+
 std::string picture_text(const Picture& picture) {
     if (picture.lines.empty()) {
-        return "no channels\n" + dead_letter_text(picture);
+        return "no channels\n" + dead_letter_text(picture) + usage_text(picture.usage);
     }
+    std::string connecting;
     Table table({"CHANNEL", "STATE", "PROCESS", "LOCAL", "REMOTE", "XMITQ", "DEPTH", "HELD"});
     for (const Line& line : picture.lines) {
         const ChannelStatus& status = line.status;
@@ -114,8 +163,9 @@ std::string picture_text(const Picture& picture) {
                    end_text(status.local_ip, status.local_port), end_text(status.remote_ip, status.remote_port),
                    printable(line.xmitq), line.queue ? std::to_string(line.queue->depth) : "missing",
                    line.queue ? std::to_string(line.queue->held) : "-"});
+        connecting += is_connecting(status) ? connecting_text(line) : "";
     }
-    return table.text() + dead_letter_text(picture);
+    return table.text() + connecting + dead_letter_text(picture) + usage_text(picture.usage);
 }
 
 Json queue_json(const std::string& name, const std::optional<QueueInfo>& info) {
@@ -126,6 +176,17 @@ Json queue_json(const std::string& name, const std::optional<QueueInfo>& info) {
         json["bytes"] = info->bytes;
     }
     return json;
+}
+
+/// Null unless the channel is connecting.
+Json connecting_json(const Line& line) {
+    if (!is_connecting(line.status)) {
+        return nullptr;
+    }
+    const Attributes& connecting = line.status.connecting;
+    return {{"address", connecting_address(line.status)},       {"short_retries", number_of(connecting, "SHORTRTY")},
+            {"short_pause", number_of(connecting, "SHORTTMR")}, {"long_retries", number_of(connecting, "LONGRTY")},
+            {"long_pause", number_of(connecting, "LONGTMR")},   {"definition_changed", is_outdated(line)}};
 }
 
 Json picture_json(const Picture& picture) {
@@ -140,9 +201,12 @@ Json picture_json(const Picture& picture) {
                             {"stale", status.is_stale()},
                             {"local", {{"ip", status.local_ip}, {"port", status.local_port}}},
                             {"remote", {{"ip", status.remote_ip}, {"port", status.remote_port}}},
+                            {"connecting", connecting_json(line)},
                             {"transmission_queue", queue_json(line.xmitq, line.queue)}});
     }
-    return {{"channels", channels}, {"dead_letter_queue", queue_json(picture.dead_queue, picture.dead_info)}};
+    return {{"channels", channels},
+            {"dead_letter_queue", queue_json(picture.dead_queue, picture.dead_info)},
+            {"store", {{"bytes", picture.usage.bytes}, {"quota", picture.usage.quota}, {"file", picture.usage.file}}}};
 }
 
 void watch(const GlobalOptions& global, Store& store, const StatusOptions& options) {

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -63,23 +64,33 @@ void occupy_standard_descriptors() {
     }
 }
 
-/// The command as typed as far as it was recognised, for the pointer to its help.
-std::string recognised_command(const CLI::App& app) {
+/// The command as far as it was recognised: as typed, for the pointer to its help, and its place.
+std::pair<std::string, const CLI::App*> recognised_command(const CLI::App& app) {
     std::string path = "kvr";
     const CLI::App* level = &app;
     for (auto parsed = level->get_subcommands(); !parsed.empty(); parsed = level->get_subcommands()) {
         level = parsed.front();
         path += " " + level->get_name();
     }
-    return path;
+    return {path, level};
 }
 
 /// The parser misses a command or an argument before it looks at a word that it does not know.
-std::string complaint(const CLI::App& app, const CLI::ParseError& error) {
+std::string complaint(const CLI::App& app, const CLI::App& command, const CLI::ParseError& error) {
     const std::vector<std::string> unknown = app.remaining(true);
-    if (error.get_name() == "RequiredError" && !unknown.empty()) {
-        const char* const what = unknown.front().starts_with('-') ? "option" : "command";
+    std::string commands;
+    for (const CLI::App* each : command.get_subcommands([](const CLI::App*) { return true; })) {
+        commands += (commands.empty() ? "" : ", ") + each->get_name();
+    }
+    if (!unknown.empty() &&
+        (error.get_name() == "RequiredError" || dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr)) {
+        const char* const what = unknown.front().starts_with('-') ? "option"
+                                 : commands.empty()               ? "place for"
+                                                                  : "command";
         return fmt::format("there is no {} '{}' here", what, printable(unknown.front()));
+    }
+    if (error.get_name() == "RequiredError" && !commands.empty()) {
+        return "a command has to follow: " + commands;
     }
     return printable(error.what());
 }
@@ -129,8 +140,9 @@ int run(int argc, char** argv) {
         flush_output();
         return std::cout.good() ? kExitDone : kExitFailed;
     } catch (const CLI::ParseError& error) {
-        const std::string command = recognised_command(app);
-        (void)std::fprintf(stderr, "kvr: %s: see '%s --help'\n", complaint(app, error).c_str(), command.c_str());
+        const auto [words, command] = recognised_command(app);
+        (void)std::fprintf(stderr, "kvr: %s: see '%s --help'\n", complaint(app, *command, error).c_str(),
+                           words.c_str());
         return kExitUsage;
     } catch (const UsageError& error) {
         (void)std::fflush(stdout);

@@ -33,12 +33,12 @@ std::string data_text(std::string_view body, DataForm form) {
 
 } // namespace
 
-bool is_long_binary(const MessageView& message) {
+bool is_long_binary(const ShownMessage& message) {
     const std::string_view body = destination_of(message.data) ? message.data.substr(kXmitHeaderSize) : message.data;
     return body.size() > kMaxShownBinary && !is_text(body);
 }
 
-std::string message_text(const MessageView& message, DataForm form) {
+std::string message_text(const ShownMessage& message, DataForm form) {
     const auto destination = destination_of(message.data);
     const std::string_view body = destination ? message.data.substr(kXmitHeaderSize) : message.data;
     std::string out = message.sequence ? fmt::format("message {}", *message.sequence) : std::string("message");
@@ -58,7 +58,7 @@ std::string message_text(const MessageView& message, DataForm form) {
     return out;
 }
 
-Json message_json(const MessageView& message, DataForm form) {
+Json message_json(const ShownMessage& message, DataForm form) {
     const auto destination = destination_of(message.data);
     const std::string_view body = destination ? message.data.substr(kXmitHeaderSize) : message.data;
     Json json;

@@ -13,7 +13,7 @@
 
 namespace kvr {
 
-struct MessageView {
+struct ShownMessage {
     std::optional<std::uint64_t> sequence; ///< its place on the queue, when known
     const T_KAVRO_MD& descriptor;
     std::span<const std::string> attachments;
@@ -28,11 +28,11 @@ enum class DataForm {
 };
 
 /// Whether the message is more than people can be shown as text: binary, and longer than a few screens.
-bool is_long_binary(const MessageView& message);
+bool is_long_binary(const ShownMessage& message);
 
 /// Every descriptor field, the transmission header, the attachments, the data; long binary data is cut in the form of
 /// text.
-std::string message_text(const MessageView& message, DataForm form);
-Json message_json(const MessageView& message, DataForm form);
+std::string message_text(const ShownMessage& message, DataForm form);
+Json message_json(const ShownMessage& message, DataForm form);
 
 } // namespace kvr

@@ -78,31 +78,42 @@ void remark(const std::string& text) {
     (void)std::fprintf(stderr, "kvr: %s\n", text.c_str());
 }
 
-std::string Table::text() const {
-    std::vector<std::size_t> widths;
-    std::vector<bool> right;
+void Table::measure() {
+    const bool first = widths_.empty();
     for (std::size_t column = 0; column < headings_.size(); ++column) {
-        std::size_t width = headings_[column].size();
+        std::size_t width = first ? headings_[column].size() : widths_[column];
         bool numbers = !rows_.empty();
         for (const auto& cells : rows_) {
             width = std::max(width, cells[column].size());
             numbers = numbers && is_number(cells[column]);
         }
-        widths.push_back(width);
-        right.push_back(numbers);
+        if (first) {
+            widths_.push_back(width);
+            right_.push_back(numbers);
+        } else {
+            widths_[column] = width;
+        }
     }
+}
+
+std::string Table::text() {
+    const bool first = widths_.empty();
+    measure();
     std::string out;
     const auto line = [&](const std::vector<std::string>& cells) {
         std::string text;
         for (std::size_t column = 0; column < cells.size(); ++column) {
-            text += right[column] ? fmt::format("{:>{}}  ", cells[column], widths[column])
-                                  : fmt::format("{:<{}}  ", cells[column], widths[column]);
+            text += right_[column] ? fmt::format("{:>{}}  ", cells[column], widths_[column])
+                                   : fmt::format("{:<{}}  ", cells[column], widths_[column]);
         }
         text.erase(text.find_last_not_of(' ') + 1);
         out += text + "\n";
     };
-    line(headings_);
+    if (first) {
+        line(headings_);
+    }
     std::for_each(rows_.begin(), rows_.end(), line);
+    rows_.clear();
     return out;
 }
 

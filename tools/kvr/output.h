@@ -21,15 +21,22 @@ void flush_output();
 /// A remark for people on standard error; it never fails.
 void remark(const std::string& text);
 
-/// Columns as wide as their widest cell; columns of numbers are aligned to the right.
+/// Columns as wide as their widest cell; columns of numbers are aligned to the right. A long table is printed in
+/// blocks: the first has the headings and decides the alignment, a later one widens a column where it must.
 class Table {
   public:
     explicit Table(std::vector<std::string> headings) : headings_(std::move(headings)) {}
     void row(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }
-    [[nodiscard]] std::string text() const;
+    [[nodiscard]] std::size_t size() const { return rows_.size(); }
+    /// The rows that were added since the last call.
+    [[nodiscard]] std::string text();
 
   private:
+    void measure();
+
     std::vector<std::string> headings_;
+    std::vector<std::size_t> widths_; ///< empty before the first block
+    std::vector<bool> right_;
     std::vector<std::vector<std::string>> rows_;
 };
 
