@@ -5,47 +5,16 @@
 #include <fstream>
 #include <thread>
 
-#include <sys/mount.h>
 #include <sys/resource.h>
 
 #include "field.h"
+#include "small_disk.h"
 
 namespace kvr::test {
 namespace {
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
-
-/// A file system of 8 MiB, for as long as this lives.
-class SmallDisk {
-  public:
-    SmallDisk() : folder_(new_folder()) { mounted_ = ::mount("tmpfs", folder_.c_str(), "tmpfs", 0, "size=8m") == 0; }
-    ~SmallDisk() {
-        (void)::umount2(folder_.c_str(), MNT_DETACH);
-        std::error_code ignored;
-        fs::remove_all(folder_, ignored);
-    }
-    SmallDisk(const SmallDisk&) = delete;
-    SmallDisk& operator=(const SmallDisk&) = delete;
-
-    [[nodiscard]] bool mounted() const { return mounted_; }
-    [[nodiscard]] const fs::path& folder() const { return folder_; }
-
-    /// Takes the last byte, and takes it again whenever it comes back.
-    void fill() {
-        std::ofstream ballast(folder_ / "ballast", std::ios::app);
-        for (const std::size_t piece : {std::size_t{4096}, std::size_t{1}}) {
-            while (ballast << std::string(piece, 'b') << std::flush) {
-            }
-            ballast.clear();
-        }
-    }
-    void give_back() { fs::remove(folder_ / "ballast"); }
-
-  private:
-    fs::path folder_;
-    bool mounted_ = false;
-};
 
 /// Puts messages until one is refused for lack of room.
 void put_until_full(Field& field) {

@@ -160,6 +160,12 @@ TEST_F(KvrListen, AMessageWithoutAHomeEndsItsLineAndNothingAfterItIsTaken) {
                             message_with_files("NOWHERE", "", {{"a", "x"}}) + message("Q1", "after")));
     ASSERT_TRUE(listener.has("end", 1));
     EXPECT_THAT(listener.journal(), ::testing::HasSubstr("NOWHERE"));
+    ASSERT_TRUE(Sender(listener.port()).send(bind_frame("C") + message("NOWHERE", "")));
+    ASSERT_TRUE(listener.has("end", 2));
+    home_.done({"define", "queue", "NOWHERE"});
+    Sender last(listener.port());
+    ASSERT_TRUE(last.send(bind_frame("C") + message("NOWHERE", "at home")));
+    ASSERT_TRUE(listener.has("message", 2));
     EXPECT_EQ(listener.stop(), 0);
     ASSERT_EQ(on_queue("Q1").size(), 1U);
     EXPECT_EQ(names_in(home_.path() / "WEST" / "spool"), std::set<std::string>{".incoming"});
