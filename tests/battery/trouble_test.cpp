@@ -96,7 +96,6 @@ TEST_P(UnderLoad, LosesNothing) {
     }
     Child listener = field_.listen();
     field_.set_prelude("");
-    field_.set_channel({{"SHORTTMR", "60"}});
     Child worker = field_.run_channel();
     field_.await_status("RUNING");
     const auto end = Clock::now() + std::chrono::seconds(rounds(4));
