@@ -50,6 +50,7 @@ class RecordedField : public Field {
         const int folder = ::open(home().c_str(), O_RDONLY | O_DIRECTORY);
         ::fsync(folder); // the queue managers' folders and the spool are made
         ::close(folder);
+        tell();
     }
     ~RecordedField() { ::close(told_); }
     RecordedField(const RecordedField&) = delete;
@@ -58,8 +59,7 @@ class RecordedField : public Field {
     /// One put of at most kPutGroup messages.
     void put_told(MessageKind kind, std::uint64_t count, std::size_t least, std::size_t greatest) {
         put(kind, count, least, greatest);
-        const std::string line = std::to_string(ledger().size()) + "\n";
-        ASSERT_EQ(::write(told_, line.data(), line.size()), static_cast<ssize_t>(line.size()));
+        tell();
         ends_.push_back(ledger().size());
     }
     /// The number that the put after the one that ended with `told` ends with.
@@ -79,6 +79,11 @@ class RecordedField : public Field {
     }
 
   private:
+    void tell() const {
+        const std::string line = std::to_string(ledger().size()) + "\n";
+        ASSERT_EQ(::write(told_, line.data(), line.size()), static_cast<ssize_t>(line.size()));
+    }
+
     int told_;
     std::vector<std::uint64_t> ends_;
 };
@@ -137,8 +142,7 @@ class Cut {
     /// there or none. Returns how many are there again that were sent.
     std::uint64_t judge_sender() {
         const std::string told_lines = replay_.now("told");
-        const std::uint64_t told =
-            told_lines.empty() ? 0 : std::stoull(told_lines.substr(before_last_line(told_lines)));
+        const std::uint64_t told = std::stoull(told_lines.substr(told_lines.rfind('\n', told_lines.size() - 2) + 1));
         const std::uint64_t sendings = occurrences(replay_.now("log"), "real size[");
         const std::uint64_t sent = sendings == 0 ? 0 : field_.travellers().at(sendings - 1);
         const Numbers waiting = read(kSender, kXmitQueue, false);
@@ -173,11 +177,6 @@ class Cut {
     }
 
   private:
-    static std::size_t before_last_line(const std::string& lines) {
-        const std::size_t at = lines.rfind('\n', lines.size() - 2);
-        return at == std::string::npos ? 0 : at + 1;
-    }
-
     /// The numbers on a queue, of unaltered messages; the queue takes one and gives one.
     Numbers read(const char* qmgr, const char* queue, bool with_files) {
         const auto store = Store::open(after_ / qmgr);
