@@ -8,7 +8,9 @@
 #include <sys/resource.h>
 
 #include "field.h"
+#include "raw_line.h"
 #include "small_disk.h"
+#include "tools/receiver_stream.h"
 
 namespace kvr::test {
 namespace {
@@ -141,6 +143,27 @@ TEST(Exhaustion, FullDiskOfTheReceiver) {
     EXPECT_EQ(sender.depth(), 0U);
     EXPECT_EQ(worker.result_under(SIGTERM), 0);
     EXPECT_EQ(sender.logged("line disconnected [0]"), 0U);
+}
+
+TEST(Exhaustion, ASilentSendersFileGivesItsRoomToOthers) {
+    SmallDisk disk;
+    if (!disk.mounted()) {
+        GTEST_SKIP() << "no file system can be mounted here";
+    }
+    Field receiver(Carrier::kPlain, disk.folder());
+    Field sender;
+    Child listener = receiver.listen();
+    sender.point_at(receiver.port());
+    const RawLine silent(receiver.port());
+    ASSERT_TRUE(silent.send(bind_frame("SILENT") +
+                            frame('4', kTarget, "00000000", "00000000", block('2', 0) + padded("name", 20)) +
+                            digits(20'000'000) + std::string(10'000'000, 'f')));
+    await("a full spool",
+          [&] { return contents(receiver.home() / "out").find("cannot store a file [28:") != std::string::npos; });
+    Child worker = sender.run_channel();
+    sender.put(MessageKind::kFile, 1, 5, 5);
+    receiver.await_arrived(1);
+    EXPECT_EQ(worker.result_under(SIGTERM), 0);
 }
 
 TEST(Exhaustion, QuotaUsedUp) {

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <fstream>
 #include <iterator>
+#include <thread>
 
 #include "field.h"
 #include "raw_line.h"
@@ -63,7 +64,7 @@ INSTANTIATE_TEST_SUITE_P(Carriers, HalfOpenPeers, kPlainAndTls, name_of_carrier)
 
 TEST_P(HalfOpenPeers, LeaveRoomForSenders) {
     Field field(GetParam());
-    Child listener = field.listen({"--handshake-time", "600"});
+    Child listener = field.listen({"--handshake-time", "600", "--max-per-address", "2000"});
     // The least that a handshake has to hold, to be kept waiting for the rest.
     const std::string hello("\x16\x03\x01\x3f\xff\x01\x00\x3f\xfb\x03\x03", 11);
     const std::string partial = bind_frame("HALF.OPEN") + claim("02100000");
@@ -71,11 +72,22 @@ TEST_P(HalfOpenPeers, LeaveRoomForSenders) {
                                    GetParam() == Carrier::kPlain ? partial : hello + std::string(8000, 'h'),
                                    GetParam() == Carrier::kPlain ? partial + std::string(100'000, 'p')
                                                                  : hello + std::string(16'000, 'h')};
+    // Bodies that wait for their files, four times what the listener may keep.
+    const std::string great =
+        bind_frame("HALF.OPEN") + message_with_files(kTarget, std::string(2'000'000, 'g'), {{"a", "x"}});
+    const std::size_t great_ones = GetParam() == Carrier::kPlain ? 50 : 0;
     std::vector<RawLine> peers;
     for (std::size_t i = 0; i < kPeers; ++i) {
         peers.emplace_back(field.port());
         ASSERT_TRUE(peers.back().connected());
-        (void)peers.back().offer(streams[i % std::size(streams)]);
+        if (i >= great_ones) {
+            (void)peers.back().offer(streams[i % std::size(streams)]);
+        }
+    }
+    std::vector<std::thread> great_senders;
+    for (std::size_t i = 0; i < great_ones; ++i) {
+        great_senders.emplace_back(
+            [&line = peers[i], &great] { (void)line.send(std::string_view(great).substr(0, great.size() - 9)); });
     }
     await("all peers", [&] { return field.journalled("connect") >= kPeers; });
     Child worker = field.run_channel();
@@ -88,6 +100,9 @@ TEST_P(HalfOpenPeers, LeaveRoomForSenders) {
     const std::uint64_t memory = memory_of(listener.pid(), "VmHWM");
     RecordProperty("KiB at most", std::to_string(memory));
     EXPECT_LT(memory, kMemoryKib);
+    for (std::thread& sending : great_senders) {
+        sending.join();
+    }
     peers.clear();
     await("the end of the peers", [&] { return field.journalled("end") >= kPeers; });
     field.put_one_of_each();

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <openssl/ssl.h>
 
@@ -21,8 +22,9 @@ using nlohmann::json;
 
 class Listener {
   public:
-    Listener(const ProgramHome& home, const Words& options)
-        : home_(home), process_(home.in_background(with_files(home, options))) {
+    Listener(
+        const ProgramHome& home, const Words& options, const std::function<void()>& prepare = [] {})
+        : home_(home), process_(home.in_background(with_files(home, options), prepare)) {
         EXPECT_TRUE(wait_until([this] { return contents(home_.path() / "port").ends_with('\n'); }));
     }
     [[nodiscard]] int port() const { return std::stoi(contents(home_.path() / "port")); }
@@ -40,8 +42,10 @@ class Listener {
     [[nodiscard]] bool has(const std::string& event, std::size_t wanted) const {
         return wait_until([&] { return count(event) >= wanted; });
     }
+    [[nodiscard]] std::string log() const { return contents(home_.path() / ".background.err"); }
+    void send_signal(int signal) const { kill(process_.pid(), signal); }
     int stop() {
-        kill(process_.pid(), SIGTERM);
+        send_signal(SIGTERM);
         return process_.result();
     }
 
@@ -70,6 +74,7 @@ class Sender {
         if (!tls) {
             return;
         }
+        (void)::signal(SIGPIPE, SIG_IGN); // OpenSSL writes without MSG_NOSIGNAL
         if (identity != nullptr) {
             SSL_CTX_use_certificate_chain_file(context_.get(), identity->cert_file.c_str());
             SSL_CTX_use_PrivateKey_file(context_.get(), identity->key_file.c_str(), SSL_FILETYPE_PEM);
@@ -208,30 +213,136 @@ TEST_F(KvrListen, RefusesWhenAskedTo) {
     EXPECT_TRUE(listener.has("end", 1));
 }
 
-TEST_F(KvrListen, FurtherConnectionsWaitForAPlace) {
-    const Listener listener(home_, {"--discard", "--max-connections", "2"});
-    auto first = std::make_unique<Sender>(listener.port());
-    Sender second(listener.port());
-    Sender third(listener.port());
-    ASSERT_TRUE(first->send(bind_frame("A")) && second.send(bind_frame("B")) && third.send(bind_frame("C")));
-    ASSERT_TRUE(listener.has("bind", 2));
-    EXPECT_EQ(listener.count("connect"), 2U);
-    first.reset();
-    ASSERT_TRUE(listener.has("bind", 3));
+TEST_F(KvrListen, FurtherConnectionsWaitForAPlaceOrTakeThatOfAnIdleOne) {
+    const std::tuple<Words, bool> cases[] = {{{"--max-connections", "2"}, false},
+                                             {{"--max-connections", "2", "--idle-time", "0"}, true},
+                                             {{"--max-per-address", "2", "--idle-time", "0"}, true}};
+    for (const auto& [options, makes_room] : cases) {
+        SCOPED_TRACE(options.back());
+        Listener listener(home_, Words{"--discard"} + options);
+        std::vector<std::unique_ptr<Sender>> senders;
+        for (const char* channel : {"A", "B", "C"}) {
+            senders.push_back(std::make_unique<Sender>(listener.port()));
+            ASSERT_TRUE(senders.back()->send(bind_frame(channel)));
+            ASSERT_TRUE(senders.size() > 2 || listener.has("bind", senders.size()));
+        }
+        if (makes_room) { // and what it sends until it sees that arrives
+            EXPECT_TRUE(senders[0]->is_ended());
+            ASSERT_TRUE(senders[0]->send(message("Q", "late")));
+            senders[0]->finish();
+            ASSERT_TRUE(listener.has("end", 1));
+            EXPECT_EQ(listener.count("message"), 1U);
+        } else {
+            EXPECT_EQ(listener.count("connect"), 2U);
+            senders.front().reset();
+        }
+        ASSERT_TRUE(listener.has("bind", 3));
+        senders.clear();
+        EXPECT_EQ(listener.stop(), 0);
+    }
 }
 
-TEST_F(KvrListen, ClientCertificates) {
-    const std::tuple<const char*, const TlsIdentity*, bool> cases[] = {{"optional", nullptr, true},
-                                                                       {"required", &material_.client, true},
-                                                                       {"required", nullptr, false},
-                                                                       {"optional", &material_.foreign_server, false}};
-    for (const auto& [mode, identity, bound] : cases) {
-        SCOPED_TRACE(std::string(mode) + (identity == nullptr ? " none" : identity->cert_file));
-        const Listener listener(home_, tls_ + Words{"--discard", "--client-cert", mode});
-        Sender sender(listener.port(), true, identity);
-        (void)sender.send(bind_frame("C")); // it learns of the refusal after its handshake
-        ASSERT_TRUE(listener.has(bound ? "bind" : "end", 1));
-        EXPECT_EQ(listener.count("bind"), bound ? 1U : 0U);
+TEST_F(KvrListen, ShortMemoryEndsThoseOfWhomNothingComes) {
+    Listener listener(home_, {});
+    const std::string great = message_with_files("Q1", std::string(2'000'000, 'g'), {{"a", "x"}});
+    const std::string small = message("Q1", std::string(40'000, 's'));
+    Sender slow(listener.port());
+    ASSERT_TRUE(slow.send(bind_frame("SLOW") + small.substr(0, 20'000)));
+    std::vector<std::unique_ptr<Sender>> silent;
+    for (int i = 0; i < 13; ++i) { // bodies of 26 MB that wait for their files
+        silent.push_back(std::make_unique<Sender>(listener.port()));
+        ASSERT_TRUE(silent.back()->send(bind_frame("SILENT" + std::to_string(i)) + great.substr(0, great.size() - 9)));
+    }
+    Sender other(listener.port());
+    ASSERT_TRUE(other.send(bind_frame("OTHER") + message("Q1", "small") + great));
+    ASSERT_TRUE(listener.has("message", 2));
+    ASSERT_TRUE(listener.has("end", 1));
+    ASSERT_TRUE(slow.send(small.substr(20'000)));
+    ASSERT_TRUE(listener.has("message", 3));
+    EXPECT_THAT(listener.journal(), ::testing::HasSubstr("while memory is short"));
+    EXPECT_LT(listener.count("end"), silent.size());
+}
+
+TEST_F(KvrListen, TheLogNeitherBlocksNorGrowsWithAStranger) {
+    std::array<int, 2> full{};
+    ASSERT_EQ(::pipe2(full.data(), O_NONBLOCK), 0);
+    while (::write(full[1], "x", 1) == 1) {
+    }
+    for (const bool blocked : {true, false}) {
+        Listener listener(home_, {}, [&] {
+            if (blocked) {
+                (void)::fcntl(full[1], F_SETFL, 0);
+                ::dup2(full[1], STDERR_FILENO);
+            }
+        });
+        std::string stream = bind_frame("C");
+        for (int i = 0; i < 1000; ++i) {
+            stream += message("NO.SUCH.QUEUE", "");
+        }
+        for (std::size_t i = 1; i <= 5; ++i) {
+            Sender sender(listener.port());
+            ASSERT_TRUE(sender.send(stream));
+            ASSERT_TRUE(listener.has("message", i * 1000));
+        }
+        ASSERT_TRUE(listener.has("end", 5));
+        EXPECT_EQ(listener.stop(), 0);
+        if (!blocked) {
+            const std::string log = listener.log();
+            EXPECT_LT(std::ranges::count(log, '\n'), 20) << log;
+            EXPECT_THAT(log, ::testing::HasSubstr("messages for unknown queues: 4999 more from 127.0.0.1"));
+        }
+    }
+    ::close(full[0]);
+    ::close(full[1]);
+}
+
+TEST_F(KvrListen, AHangupOpensTheJournalAnew) {
+    Listener listener(home_, {"--discard"});
+    Sender sender(listener.port());
+    ASSERT_TRUE(sender.send(bind_frame("C")));
+    ASSERT_TRUE(listener.has("bind", 1));
+    std::filesystem::rename(home_.path() / "journal", home_.path() / "journal.1");
+    listener.send_signal(SIGHUP);
+    ASSERT_TRUE(wait_until([&] { return std::filesystem::exists(home_.path() / "journal"); }));
+    ASSERT_TRUE(sender.send(message("Q", "")));
+    EXPECT_TRUE(listener.has("message", 1));
+    EXPECT_EQ(listener.count("bind"), 0U);
+    EXPECT_EQ(listener.stop(), 0);
+}
+
+TEST_F(KvrListen, RefusalsNameTheirCause) {
+    struct Case {
+        const char* client_cert; ///< null: a plain listener
+        bool tls;                ///< of the sender
+        const TlsIdentity* identity;
+        const char* reason; ///< null: none
+    };
+    const Case cases[] = {
+        {"optional", true, nullptr, nullptr},
+        {"required", true, &material_.client, nullptr},
+        {"required", true, nullptr, "peer did not return a certificate"},
+        {"optional", true, &material_.foreign_server,
+         "the certificate of /O=kavro test/CN=Receiver.Test is refused: unable to get local issuer certificate"},
+        {"optional", false, nullptr, "the sender speaks plain TCP"},
+        {nullptr, true, nullptr, "a TLS hello"},
+    };
+    for (const auto& [client_cert, tls, identity, reason] : cases) {
+        SCOPED_TRACE(reason == nullptr ? "none" : reason);
+        const Words options = client_cert == nullptr ? Words{} : tls_ + Words{"--client-cert", client_cert};
+        const Listener listener(home_, options + Words{"--discard"});
+        std::thread sending([&, port = listener.port()] { // a TLS sender waits for the end that the listener makes
+            Sender sender(port, tls, identity);
+            (void)sender.send(bind_frame("C")); // it learns of the refusal after its handshake
+            if (reason == nullptr) {
+                EXPECT_TRUE(listener.has("bind", 1));
+            }
+        });
+        EXPECT_TRUE(listener.has(reason == nullptr ? "bind" : "end", 1));
+        EXPECT_EQ(listener.count("bind"), reason == nullptr ? 1U : 0U);
+        sending.join();
+        if (reason != nullptr) {
+            EXPECT_THAT(listener.journal(), ::testing::HasSubstr(reason));
+        }
     }
 }
 

@@ -147,7 +147,7 @@ void add_listen_command(CLI::App& app, GlobalOptions& global) {
     command
         ->add_option("--idle-time", listener.idle_seconds,
                      "Without a message for so long, a connection makes room when others need its place [10]")
-        ->check(CLI::Range(1, 86400))
+        ->check(CLI::Range(0, 86400))
         ->type_name("SECONDS");
     command->add_option("--handshake-time", listener.handshake_seconds, "Limit for a sender to say its name [30]")
         ->check(CLI::Range(1, 86400))

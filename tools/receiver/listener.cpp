@@ -36,11 +36,13 @@ namespace {
 /// With the default number of connections 24 MiB, 1,024 shares and a message of the greatest size stay below 48 MiB.
 constexpr std::size_t kMemoryBudget = 24U << 20U;
 constexpr std::size_t kShare = 8U << 10U; ///< what each connection may keep, and read at once, when memory is short
+constexpr std::chrono::seconds kMemoryTrial{2};
+constexpr std::chrono::seconds kSpoolTrial{5}; ///< a consumer may make room meanwhile
 constexpr std::chrono::milliseconds kGroupTime{20};
 constexpr std::chrono::seconds kRetryTime{1}; ///< between tries of a store that is full, or of accept
 constexpr std::chrono::seconds kStopTime{2}; ///< of reading, for each connection; and for a store that fails at the end
 constexpr std::chrono::seconds kLongestStop{10};
-constexpr std::chrono::seconds kLeaveTime{1}; ///< of reading, for a connection that makes room for another
+constexpr std::chrono::seconds kLeaveTime{2}; ///< of reading, for a connection that makes room for another
 constexpr std::size_t kMostLeaving = 4;       ///< at the same time
 constexpr int kEndRetryMilliseconds = 100;
 constexpr int kAcceptBatch = 64;
@@ -72,9 +74,8 @@ class Listener {
     bool work_all(Clock::time_point now);
     void relieve_memory(Clock::time_point now);
     void relieve_spool(Clock::time_point now);
-    template <class Kept>
-    void try_unfinished(UnfinishedTrial& trial, Kept kept, std::size_t excess, std::string_view what,
-                        Clock::time_point now);
+    void try_unfinished(UnfinishedTrial& trial, std::span<const Unfinished> all, std::uint64_t excess,
+                        std::string_view what, Clock::time_point now);
     void relieve_handshakes(Clock::time_point now);
     void deliver(Clock::time_point now, bool idle);
     void drop_closed(Clock::time_point now);
@@ -98,8 +99,8 @@ class Listener {
     std::size_t handshakes_ = 0; ///< connections that are in theirs
     std::size_t leaving_ = 0;    ///< connections that make room for others
     std::uint64_t favoured_ = 0; ///< the one that may keep more although memory is short
-    UnfinishedTrial memory_trial_;
-    UnfinishedTrial spool_trial_;
+    UnfinishedTrial memory_trial_{kMemoryTrial};
+    UnfinishedTrial spool_trial_{kSpoolTrial};
     std::size_t turn_ = 0; ///< who is served first
     Clock::time_point group_since_ = Clock::time_point::max();
     Clock::time_point retry_at_;
@@ -352,42 +353,47 @@ void Listener::relieve_memory(Clock::time_point now) {
             favoured_ = 0;
         }
     }
-    const auto kept = [](const Connection& connection) {
-        return connection.memory() > kShare ? connection.memory() : std::size_t{0};
-    };
-    try_unfinished(memory_trial_, kept, memory_ - kMemoryBudget, "memory", now);
+    // Half of it becomes free, so that it lasts for a while.
+    std::vector<Unfinished> all;
+    for (const auto& connection : connections_) {
+        if (connection->memory() > kShare && !connection->paused()) {
+            all.push_back({connection->id(), connection->memory(), connection->received(), connection->unread()});
+        }
+    }
+    try_unfinished(memory_trial_, all, memory_ - kMemoryBudget / 2, "memory", now);
 }
 
-/// Files that find no room wait for it, but not for a sender that fell silent and keeps it.
+/// Files that find no room wait for it, but not for an unfinished file that does not grow: a sender's that fell silent,
+/// or the greatest of those that wait themselves, unless it is the only one.
 void Listener::relieve_spool(Clock::time_point now) {
-    if (std::ranges::none_of(connections_, [](const auto& one) { return one->short_of_room(); })) {
+    const auto waiting = std::ranges::count_if(connections_, [](const auto& one) { return one->short_of_room(); });
+    if (waiting == 0) {
         spool_trial_.stop();
-        return;
-    }
-    const auto kept = [](const Connection& connection) { return connection.spooled(); };
-    try_unfinished(spool_trial_, kept, 1, "room in the spool", now);
-}
-
-template <class Kept>
-void Listener::try_unfinished(UnfinishedTrial& trial, Kept kept, std::size_t excess, std::string_view what,
-                              Clock::time_point now) {
-    if (delivery_.blocked()) {
-        trial.stop();
-        return;
-    }
-    if (now < trial.due() && trial.due() != Clock::time_point::max()) {
         return;
     }
     std::vector<Unfinished> all;
     for (const auto& connection : connections_) {
-        if (!connection->closed() && !connection->paused() && kept(*connection) > 0) {
-            all.push_back({connection->id(), kept(*connection), connection->received(), connection->unread()});
+        const bool waits = connection->short_of_room();
+        if (connection->spooled() > 0 && (!waits || waiting > 1)) {
+            all.push_back(
+                {connection->id(), connection->spooled(), connection->received(), waits ? 0 : connection->unread()});
         }
+    }
+    try_unfinished(spool_trial_, all, 1, "room in the spool", now);
+}
+
+void Listener::try_unfinished(UnfinishedTrial& trial, std::span<const Unfinished> all, std::uint64_t excess,
+                              std::string_view what, Clock::time_point now) {
+    if (delivery_.blocked()) {
+        trial.stop();
+        return;
     }
     for (const std::uint64_t id : trial.judge(all, excess, now)) {
         const auto at = std::ranges::find(connections_, id, &Connection::id);
-        (*at)->close(fmt::format("nothing comes of its unfinished message, which keeps {} bytes, while {} is short",
-                                 kept(**at), what));
+        const auto kept = std::ranges::find(all, id, &Unfinished::id)->kept;
+        (*at)->close(
+            fmt::format("its unfinished message keeps {} bytes and does not grow while {} is short", kept, what),
+            "unfinished messages given up");
     }
 }
 

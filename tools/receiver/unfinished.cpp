@@ -5,7 +5,7 @@
 
 namespace kvr {
 
-std::vector<std::uint64_t> UnfinishedTrial::judge(std::span<const Unfinished> all, std::size_t excess,
+std::vector<std::uint64_t> UnfinishedTrial::judge(std::span<const Unfinished> all, std::uint64_t excess,
                                                   Clock::time_point now) {
     std::vector<std::uint64_t> gone;
     if (now < due_ && due_ != Clock::time_point::max()) {
@@ -18,7 +18,8 @@ std::vector<std::uint64_t> UnfinishedTrial::judge(std::span<const Unfinished> al
         return found != before_.end() && one.unread == 0 && one.read - found->second.read < kFloor;
     });
     std::ranges::sort(idle, std::greater<>{}, &Unfinished::kept);
-    for (std::size_t freed = 0, i = 0; i < idle.size() && freed < excess; ++i) {
+    std::uint64_t freed = 0;
+    for (std::size_t i = 0; i < idle.size() && freed < excess; ++i) {
         gone.push_back(idle[i].id);
         freed += idle[i].kept;
     }
@@ -26,7 +27,7 @@ std::vector<std::uint64_t> UnfinishedTrial::judge(std::span<const Unfinished> al
     for (const Unfinished& one : all) {
         before_.emplace(one.id, one);
     }
-    due_ = now + kTrial;
+    due_ = now + time_;
     return gone;
 }
 

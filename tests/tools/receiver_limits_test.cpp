@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: MIT
+// The rules by which the listener chooses who goes: whose unfinished message, and whose place.
+#include <gmock/gmock.h>
+
+#include "admission.h"
+#include "unfinished.h"
+
+namespace kvr::test {
+namespace {
+
+using std::chrono::seconds;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+TEST(UnfinishedTrial, TakesTheGreatestOfThoseOfWhichNothingComes) {
+    const UnfinishedTrial::Clock::time_point start{};
+    const Unfinished before[] = {
+        {1, 100, 0, 0}, {2, 900, 0, 0}, {3, 300, 50'000, 0}, {4, 800, 0, 90'000}, {5, 999, 0, 0}};
+    const Unfinished after[] = {
+        {1, 100, 500, 0},    // a byte now and then
+        {2, 900, 90'000, 0}, // moves
+        {3, 300, 50'000, 0}, // silent
+        {4, 800, 0, 90'000}, // held back
+        {5, 999, 0, 1},      // something has come at last
+        {6, 999, 0, 0},      // not there before
+    };
+    UnfinishedTrial trial{seconds(2)};
+    EXPECT_THAT(trial.judge(before, 1000, start), IsEmpty());
+    EXPECT_THAT(trial.judge(after, 1000, start + seconds(1)), IsEmpty()) << "before its time";
+    EXPECT_THAT(trial.judge(after, 301, start + seconds(2)), ElementsAre(3, 1));
+    trial.stop();
+    EXPECT_THAT(trial.judge(after, 1000, start + seconds(60)), IsEmpty()) << "a new trial";
+    EXPECT_THAT(trial.judge(after, 300, start + seconds(62)), ElementsAre(6));
+}
+
+TEST(WhoMakesRoom, IsTheLongestIdleOfTheAddressWithMost) {
+    const Occupied places[] = {{"a", seconds(900), true}, {"b", seconds(20), true},  {"b", seconds(40), true},
+                               {"b", seconds(30), true},  {"b", seconds(99), false}, {"c", seconds(5), true}};
+    EXPECT_EQ(who_makes_room(places, "", seconds(10)), 2U);
+    EXPECT_EQ(who_makes_room(places, "", seconds(50)), 0U) << "none of the first address";
+    EXPECT_EQ(who_makes_room(places, "a", seconds(10)), 0U);
+    EXPECT_EQ(who_makes_room(places, "c", seconds(10)), std::nullopt);
+}
+
+} // namespace
+} // namespace kvr::test
