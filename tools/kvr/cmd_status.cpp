@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <memory>
 #include <optional>
+#include <tuple>
 
 #include <poll.h>
 #include <unistd.h>
@@ -130,20 +131,22 @@ std::string connecting_address(const ChannelStatus& status) {
     return address.find('(') == std::string::npos ? address + "(5151)" : address;
 }
 
-std::string retries_text(const Attributes& connecting, const char* pause, const char* retries, const char* kind) {
-    const int count = number_of(connecting, retries);
-    return count > 0 ? fmt::format(", every {} s, {} {} retries", number_of(connecting, pause), count, kind) : "";
-}
-
 std::string connecting_text(const Line& line) {
     const Attributes& connecting = line.status.connecting;
-    return fmt::format("{}: RETRYING {}{}{}\n{}", line.channel, printable(connecting_address(line.status)),
-                       retries_text(connecting, "SHORTTMR", "SHORTRTY", "short"),
-                       retries_text(connecting, "LONGTMR", "LONGRTY", "long"),
-                       is_outdated(line) ? fmt::format("{}: its definition was changed since: 'kvr stop {}' and run it "
-                                                       "again to use it\n",
-                                                       line.channel, line.channel)
-                                         : "");
+    std::string text = fmt::format("{}: RETRYING {}", line.channel, printable(connecting_address(line.status)));
+    const char* next = ", every";
+    for (const auto& [retries, pause, kind] :
+         {std::tuple{"SHORTRTY", "SHORTTMR", "short"}, std::tuple{"LONGRTY", "LONGTMR", "long"}}) {
+        if (const int count = number_of(connecting, retries); count > 0) {
+            text += fmt::format("{} {} s, {} {} retries", next, number_of(connecting, pause), count, kind);
+            next = ", then every";
+        }
+    }
+    if (is_outdated(line)) {
+        text += fmt::format("\n{}: its definition was changed since: 'kvr stop {}' and run it again to use it",
+                            line.channel, line.channel);
+    }
+    return text + "\n";
 }
 
 std::string usage_text(const Usage& usage) {
