@@ -19,9 +19,10 @@ static int BindChl(void) {
     }
     int iRet = f_tTcpClient.pfnWrite(&f_tTcpClient, sBindMsg, iSndLen, 0);
     if (iRet != iSndLen) {
+        int iErrno = errno;
         CHLS_LOG(LOG_ERR, TXT("write [%d] to receiver error[%d:%s] return[%d]"), iSndLen, f_tTcpClient.iErrorCode,
                  f_tTcpClient.sErrorStr, iRet);
-        errno = ClientErrno();
+        errno = iErrno;
         return CHLS_ERR_WRITE;
     }
     CHLS_LOG(LOG_INF, TXT("binding channel[%s] [%s:%d] success"), f_sAppName, f_tTcpClient.sRemoteAddr,

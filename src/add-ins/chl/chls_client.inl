@@ -1,11 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Set-up of the TCP client at start-up: the queue manager's TLS files and its dead-letter queue.
 
-/// What errno is to say of the client's last failure: its code, or where it has none, as within TLS, EPROTO.
-static int ClientErrno(void) {
-    return f_tTcpClient.iErrorCode > 0 ? f_tTcpClient.iErrorCode : EPROTO;
-}
-
 /// Reads the queue manager's settings and creates the client. Files are looked at by the first connection.
 static int InitTcpClient(void) {
     char sCaFile[CHLS_VALUE_SIZE] = {};

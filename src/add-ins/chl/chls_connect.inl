@@ -47,9 +47,10 @@ static int Connect2Lsr(void) {
     f_tTcpClient.iSndTimeOut = iShortTryTmr;
     iRet = f_tTcpClient.pfnInit(&f_tTcpClient, iOption);
     if (iRet < 0) {
+        int iErrno = errno;
         CHLS_LOG(LOG_ERR, TXT("tcpclient init error[%d:%s] return[%d]"), f_tTcpClient.iErrorCode,
                  f_tTcpClient.sErrorStr, iRet);
-        errno = ClientErrno();
+        errno = iErrno;
         return CHLS_FAIL;
     }
     iRet = SetObjStat(__func__, "RETRYING");
@@ -64,6 +65,7 @@ static int Connect2Lsr(void) {
             CHLS_LOG(LOG_INF, TXT("connect [%s:%d] success"), f_tTcpClient.sRemoteAddr, f_tTcpClient.iRemotePort);
             return CHLS_OK;
         }
+        int iErrno = errno;
         CHLS_LOG(LOG_ERR, TXT("connect [%s:%d]  error[%d:%s] return[%d]"), f_tTcpClient.sRemoteAddr,
                  f_tTcpClient.iRemotePort, f_tTcpClient.iErrorCode, f_tTcpClient.sErrorStr, iRet);
         CHLS_LOG(LOG_DBG, TXT("shorttry[%d] longtry[%d]"), iShortTryCnt, iLongTryCnt);
@@ -78,7 +80,7 @@ static int Connect2Lsr(void) {
         } else {
             CHLS_LOG(LOG_ERR, TXT("connect[%s:%d] error shorttry[%d:%d] longtry[%d:%d]"), f_tTcpClient.sRemoteAddr,
                      f_tTcpClient.iRemotePort, iShortTryCnt, iShortTryTmr, iLongTryCnt, iLongTryTmr);
-            errno = ClientErrno();
+            errno = iErrno;
             return CHLS_FAIL;
         }
         CHLS_LOG(LOG_DBG, TXT("sleep(%d)"), iPause);

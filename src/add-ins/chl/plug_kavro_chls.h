@@ -103,7 +103,6 @@ static int SetObjStat(const char* psFunc, const char* psStat);
 
 // chls_client.inl: set-up of the TCP client; chls_segment.inl: when its bytes leave; chls_tls.inl: tickets and end
 static int InitTcpClient(void);
-static int ClientErrno(void);
 static void SetLineOpt(int iOpt, int iOn);
 static int TakeTlsRecords(void);
 static void EndTlsLine(void);
