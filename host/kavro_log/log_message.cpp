@@ -4,6 +4,7 @@
 #include <atomic>
 #include <csignal>
 #include <cstring>
+#include <pthread.h>
 
 namespace kvr {
 
@@ -11,6 +12,11 @@ namespace {
 
 char g_id[kMessageIdSize];
 volatile std::sig_atomic_t g_shown = 0;
+bool g_registered = false;
+
+void forget() {
+    g_shown = 0;
+}
 
 } // namespace
 
@@ -18,6 +24,9 @@ void log_set_message(const char* id) {
     g_shown = 0;
     if (id == nullptr || id[0] == '\0') {
         return;
+    }
+    if (!g_registered) {
+        g_registered = pthread_atfork(nullptr, nullptr, forget) == 0; // a child has no message in hand
     }
     std::atomic_signal_fence(std::memory_order_seq_cst); // a handler must see no half of it
     std::memcpy(g_id, id, sizeof g_id);

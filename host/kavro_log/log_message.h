@@ -11,7 +11,7 @@ constexpr int kLogMessageLevel = 3;
 constexpr int kMessageIdSize = 32;
 
 /// From here on lines end with "msg[ID]"; null: no more. For the main flow only; a handler that interrupts it shows the
-/// id whole or not at all.
+/// id whole or not at all. A forked child starts without.
 /// @param id  kMessageIdSize bytes, padded with NULs; copied
 KVR_EXPORT void log_set_message(const char* id);
 

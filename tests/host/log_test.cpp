@@ -9,12 +9,14 @@
 
 #include <gmock/gmock.h>
 
+#include "host/children.h"
 #include "kavro_log.h"
 #include "log_message.h"
 #include "support/folder.h"
 
 namespace {
 
+using kvr::test::Child;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::MatchesRegex;
@@ -99,6 +101,9 @@ TEST_F(Log, ShowsWhatIsPrintableAndMasksSecrets) {
         kvr::log_set_message(id.c_str());
         EXPECT_EQ(shown("text"), std::string("text") + ending);
     }
+    kvr::log_set_message("a message that is not the child's");
+    Child::fork_off([] { return log_text(1, "from a child"); }).result();
+    EXPECT_THAT(lines().back(), EndsWith("from a child"));
     kvr::log_set_message(nullptr);
 }
 
