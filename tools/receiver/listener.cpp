@@ -491,7 +491,9 @@ int Listener::end() {
         (void)::poll(&stop, 1, kEndRetryMilliseconds);
     }
     for (const auto& connection : connections_) {
-        connection->close("the listener stops and could not read it to its end");
+        const std::size_t unread = connection->unread();
+        context_.lost = context_.lost || unread > 0;
+        connection->close(fmt::format("the listener stops, {} bytes that had come are lost unread", unread));
     }
     log_counts(true);
     listen_log(fmt::format("stopped: {} connections, {} messages, {} bytes, {} messages dead-lettered", accepted_,
