@@ -17,7 +17,7 @@ using Clock = std::chrono::steady_clock;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
 constexpr std::size_t kBody = 500;
-constexpr std::chrono::seconds kForEver{5};
+constexpr std::chrono::seconds kForEver{10};
 constexpr Milliseconds kNoticed{200};
 
 /// Reads from the order of the log's lines which signals came in the wait and whether the worker acted upon each.
@@ -67,6 +67,7 @@ class ClosingPeer {
 
     [[nodiscard]] int port() const { return peer_.port(); }
     [[nodiscard]] bool done() const { return all_closed_; }
+    [[nodiscard]] std::size_t made() const { return made_; }
     void put() {
         const std::scoped_lock guard(mutex_);
         field_.put(MessageKind::kData, 1, kBody, kBody);
@@ -120,7 +121,7 @@ class ClosingPeer {
 
     Field& field_;
     std::size_t closes_;
-    std::size_t made_ = 0;
+    std::atomic<std::size_t> made_ = 0;
     std::mutex mutex_;
     Clock::time_point closed_;
     std::vector<Milliseconds> times_;
@@ -142,15 +143,18 @@ TEST(Wakeup, ALineSignalInTheGetEndsItsWait) {
     std::size_t nudges = 0;
     std::size_t late = 0;
     while (!peer.done()) {
+        bool forgotten = false;
+        const std::size_t made = peer.made();
         await("the next close or its notice", [&] {
             order.read();
-            return peer.done() || (peer.unnoticed_for() > kForEver && order.rests());
+            forgotten = peer.unnoticed_for() > kForEver && order.rests();
+            return peer.done() || peer.made() != made || forgotten;
         });
         if (::testing::Test::HasFailure()) {
             peer.let_go();
             return;
         }
-        if (!peer.done()) {
+        if (forgotten) {
             ++nudges;
             peer.put();
             await("the new line", [&] { return peer.done() || peer.unnoticed_for() < kForEver; });
