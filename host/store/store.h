@@ -35,7 +35,7 @@ using Attributes = std::map<std::string, std::string>;
 
 /// A message to be put. The views are read during the call only.
 struct OutgoingMessage {
-    const T_KAVRO_MD* descriptor; ///< pOptData is not looked at; `attachments` set KVR_MSGFLAG_ACCESSORIES
+    const T_KAVRO_MD* descriptor;             ///< pOptData is not looked at; `attachments` set KVR_MSGFLAG_ACCESSORIES
     std::span<const std::string> attachments; ///< full paths, at most KVR_ACC_MAX of at most 511 bytes
     std::span<const char> data;
 };

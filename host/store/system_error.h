@@ -25,8 +25,8 @@ class FullError : public Error {
     Shortage shortage_;
 };
 
-/// "cannot <doing> <path>: <reason>", with the code that fits `error` (an errno value). Never kNotFound: that is a queue
-/// or an object that is not defined, while a file of the store that is missing is trouble with the store.
+/// "cannot <doing> <path>: <reason>", with the code that fits `error` (an errno value). Never kNotFound: that is a
+/// queue or an object that is not defined, while a file of the store that is missing is trouble with the store.
 [[noreturn]] void throw_system(const char* doing, const std::filesystem::path& path, int error);
 /// The same for a result of LMDB. `path` is the folder of the environment.
 [[noreturn]] void throw_mdb(const char* doing, const std::filesystem::path& path, int error);
