@@ -14,22 +14,23 @@ using ::testing::IsEmpty;
 
 TEST(UnfinishedTrial, TakesTheGreatestOfThoseOfWhichNothingComes) {
     const UnfinishedTrial::Clock::time_point start{};
-    const Unfinished before[] = {
-        {1, 100, 0, 0}, {2, 900, 0, 0}, {3, 300, 50'000, 0}, {4, 800, 0, 90'000}, {5, 999, 0, 0}};
+    const Unfinished before[] = {{1, 600, 0, 0},      {2, 900, 0, 0}, {3, 700, 50'000, 0},
+                                 {4, 800, 0, 90'000}, {5, 999, 0, 0}, {7, 10, 0, 0}};
     const Unfinished after[] = {
-        {1, 100, 500, 0},    // a byte now and then
+        {1, 600, 500, 0},    // a byte now and then
         {2, 900, 90'000, 0}, // moves
-        {3, 300, 50'000, 0}, // silent
+        {3, 700, 50'000, 0}, // silent
         {4, 800, 0, 90'000}, // held back
         {5, 999, 0, 1},      // something has come at last
         {6, 999, 0, 0},      // not there before
+        {7, 10, 0, 0},       // keeps too little to matter
     };
     UnfinishedTrial trial{seconds(2)};
-    EXPECT_THAT(trial.judge(before, 1000, start), IsEmpty());
-    EXPECT_THAT(trial.judge(after, 1000, start + seconds(1)), IsEmpty()) << "before its time";
-    EXPECT_THAT(trial.judge(after, 301, start + seconds(2)), ElementsAre(3, 1));
+    EXPECT_THAT(trial.judge(before, 9999, start), IsEmpty());
+    EXPECT_THAT(trial.judge(after, 9999, start + seconds(1)), IsEmpty()) << "before its time";
+    EXPECT_THAT(trial.judge(after, 9999, start + seconds(2)), ElementsAre(3, 1));
     trial.stop();
-    EXPECT_THAT(trial.judge(after, 1000, start + seconds(60)), IsEmpty()) << "a new trial";
+    EXPECT_THAT(trial.judge(after, 9999, start + seconds(60)), IsEmpty()) << "a new trial";
     EXPECT_THAT(trial.judge(after, 300, start + seconds(62)), ElementsAre(6));
 }
 

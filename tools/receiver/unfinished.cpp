@@ -11,11 +11,13 @@ std::vector<std::uint64_t> UnfinishedTrial::judge(std::span<const Unfinished> al
     if (now < due_ && due_ != Clock::time_point::max()) {
         return gone;
     }
+    const auto greatest = std::ranges::max_element(all, {}, &Unfinished::kept);
     std::vector<Unfinished> idle;
-    std::copy_if(all.begin(), all.end(), std::back_inserter(idle), [this](const Unfinished& one) {
+    std::copy_if(all.begin(), all.end(), std::back_inserter(idle), [&](const Unfinished& one) {
         const auto found = before_.find(one.id);
         // Read since then is what waited unread before and what came: both have to be little.
-        return found != before_.end() && one.unread == 0 && one.read - found->second.read < kFloor;
+        return found != before_.end() && one.unread == 0 && one.read - found->second.read < kFloor &&
+               2 * one.kept >= greatest->kept;
     });
     std::ranges::sort(idle, std::greater<>{}, &Unfinished::kept);
     std::uint64_t freed = 0;

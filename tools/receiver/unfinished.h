@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 // Unfinished messages keep memory and, with files, room in the spool. When either is short, those go of which nothing
 // comes: less than kFloor was read in the time of the trial, and nothing waits unread. Of them the one that keeps most
-// goes first. A sender that is held back is never among them: what it sends waits unread.
+// goes first, and none that keeps less than half of what the greatest of all does: its end would help nobody. A sender
+// that is held back is never among them: what it sends waits unread.
 #pragma once
 
 #include <chrono>
