@@ -30,7 +30,7 @@ bool is_ignored(int signal) {
 void reset_signals() {
     for (int signal = 1; signal < NSIG; ++signal) {
         // A process that ignores SIGCHLD cannot wait for its children, to name one inheritance that would hurt.
-        if (signal != SIGHUP && signal != SIGINT && is_ignored(signal)) {
+        if (signal != SIGINT && is_ignored(signal)) {
             std::signal(signal, SIG_DFL);
         }
     }
@@ -39,9 +39,10 @@ void reset_signals() {
         std::signal(signal, SIG_IGN);
     }
     alarm(0);
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
+    sigset_t held;
+    sigemptyset(&held);
+    sigaddset(&held, SIGHUP);
+    sigprocmask(SIG_SETMASK, &held, nullptr);
 }
 
 } // namespace

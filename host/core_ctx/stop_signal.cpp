@@ -14,7 +14,7 @@ namespace kvr {
 namespace {
 
 constexpr long kRepeatNs = 50'000'000;
-constexpr int kStopSignals[] = {SIGTERM, SIGINT, SIGHUP};
+constexpr int kStopSignals[] = {SIGTERM, SIGINT};
 
 timer_t g_repeat;
 
@@ -41,7 +41,7 @@ void watch_stop_signals() {
     }
     struct sigaction action {};
     action.sa_handler = on_stop_signal;
-    // No SA_RESTART: what blocks has to return. All three are held while one is handled.
+    // No SA_RESTART: what blocks has to return. Both are held while one is handled.
     for (const int signal : kStopSignals) {
         sigaddset(&action.sa_mask, signal);
     }

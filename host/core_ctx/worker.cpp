@@ -21,6 +21,7 @@
 #include "log.h"
 #include "plugin.h"
 #include "process_setup.h"
+#include "reopen_signal.h"
 #include "run_lock.h"
 #include "stop_point.h"
 #include "stop_signal.h"
@@ -159,12 +160,14 @@ void repair_status(Store& store, const std::string& channel) {
     alarm(0);
     std::signal(SIGALRM, SIG_IGN);
     std::signal(SIGUSR2, SIG_IGN);
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
+    sigset_t held;
+    sigemptyset(&held);
+    sigaddset(&held, SIGHUP); // as during the run
+    sigprocmask(SIG_SETMASK, &held, nullptr);
     if (worker().plugin) {
         worker().plugin->raise(PluginEvent::kExit);
     }
+    log_restore_stderr();
     log_line(kLevelEvent, "channel[" + worker().channel + "] ended, status[" + std::to_string(status) + "]");
     if (__gcov_dump != nullptr) {
         __gcov_dump();
@@ -198,6 +201,7 @@ void on_exit_in_run() {
     if (stop_pending()) {
         end_stopped();
     }
+    log_restore_stderr();
     const std::string where =
         options.log_file.empty() ? "the lines above" : "the lines before this one in " + options.log_file.string();
     const char* const tls_hint = "; with TLS, check CAFILE, CERTFILE, KEYFILE ('kvr show qmgr') and the key's pass "
@@ -214,8 +218,9 @@ void prepare(const WorkerOptions& options, int argc, char** argv) {
     if (log_open(options.log_file.c_str()) != 0) {
         throw Error(Errc::kIo, "log file '" + options.log_file.string() + "' cannot be opened (" +
                                    std::error_code(errno, std::generic_category()).message() +
-                                   "): check its folder, or leave the log on standard error");
+                                   "): check its folder, or leave the log on standard error; a link is not followed");
     }
+    watch_reopen_signal();
     self.store = Store::open(options.home / options.qmgr);
     std::string qmgr = self.store->qmgr();
     KVR_LogSetQMName(qmgr.data());
@@ -239,6 +244,9 @@ void run_worker(const WorkerOptions& options, int argc, char** argv) {
     prepare(options, argc, argv);
     Plugin& plugin = *worker().plugin;
     log_line(kLevelEvent, "channel[" + worker().channel + "] starting, plug-in[" + options.plugin.string() + "]");
+    if (log_divert_stderr() != 0) {
+        log_line(kLevelFailure, "lines of others on standard error keep going there as they are: no pipe for them");
+    }
     const int started = plugin.raise(PluginEvent::kInit);
     if (started < 0) {
         end_failed(options, "could not start", started);

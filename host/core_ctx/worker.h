@@ -22,8 +22,9 @@ struct WorkerOptions {
 
 /// Runs the channel on the calling thread and ends the process: status 0 after a stop (SIGTERM, SIGINT), 1 when the
 /// channel could not start or failed. A stop counts from the first moment on: signals that the caller holds back are
-/// let through once they can end the process in order. Throws kvr::Error for what is wrong before the plug-in is loaded
-/// (unknown queue manager or channel, wrong type, channel already running, missing queue).
+/// let through once they can end the process in order. SIGHUP opens the log's file anew and interrupts nothing; the
+/// caller holds it back. Throws kvr::Error for what is wrong before the plug-in is loaded (unknown queue manager or
+/// channel, wrong type, channel already running, missing queue).
 [[noreturn]] KVR_EXPORT void run_worker(const WorkerOptions& options, int argc, char** argv);
 
 } // namespace kvr

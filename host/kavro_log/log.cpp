@@ -8,46 +8,38 @@
 #include "log.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <poll.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "kavro_log.h"
 #include "line.h"
 #include "log_message.h"
+#include "stray.h"
 
 namespace {
 
-/// How long a line waits for the reader of a full pipe, once; until that reader catches up lines are dropped at once.
-constexpr int kStalledWaitMs = 200;
 constexpr std::size_t kQmgrSize = 64;
 
 int g_level = kvr::kLogDefaultLevel;
 int g_fd = STDERR_FILENO;
+char g_path[PATH_MAX];  ///< empty: the log is on standard error
 bool g_regular = false; ///< a regular file never blocks a writer; what standard error is was not looked at yet
 volatile int g_stalled = 0;
 char g_qmgr[kQmgrSize];
 
-bool is_regular(int fd) {
-    struct stat info {};
-    return fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
-}
-
-void write_line(const char* line, std::size_t length) {
-    if (!g_regular) {
-        pollfd entry{g_fd, POLLOUT, 0};
-        if (poll(&entry, 1, g_stalled != 0 ? 0 : kStalledWaitMs) != 1 || (entry.revents & POLLOUT) == 0) {
-            g_stalled = 1;
-            return;
-        }
-        g_stalled = 0;
+int open_file(const char* path) {
+    // Not through a link, which could lead a privileged worker anywhere; without waiting for a FIFO's reader.
+    int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW | O_NONBLOCK, 0600);
+    if (fd >= 0 && fd <= STDERR_FILENO) {
+        const int low = fd;
+        fd = fcntl(low, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+        close(low);
     }
-    // A line that meets a full disk is lost; there is nobody to tell.
-    [[maybe_unused]] const ssize_t wrote = write(g_fd, line, length);
+    return fd;
 }
 
 struct Origin {
@@ -94,7 +86,8 @@ __attribute__((noinline, format(printf, 3, 0))) void print_line(int level, const
         line.add("]");
     }
     const std::size_t length = line.finish();
-    write_line(line.data(), length);
+    kvr::pass_on_stray_lines();
+    kvr::write_guarded(g_fd, g_regular, g_stalled, line.data(), length);
     errno = saved;
 }
 
@@ -103,25 +96,59 @@ __attribute__((noinline, format(printf, 3, 0))) void print_line(int level, const
 namespace kvr {
 
 int log_open(const char* file) {
-    int fd = STDERR_FILENO;
-    if (file != nullptr && file[0] != '\0') {
-        fd = open(file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0600);
-        if (fd >= 0 && fd <= STDERR_FILENO) {
-            const int low = fd;
-            fd = fcntl(low, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-            close(low);
-        }
+    int fd = real_stderr();
+    const std::size_t length = file == nullptr ? 0 : std::strlen(file);
+    if (length >= sizeof g_path) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    if (length > 0) {
+        fd = open_file(file);
         if (fd < 0) {
             return -1;
         }
     }
-    const int old = g_fd;
-    g_regular = is_regular(fd);
+    const int old = g_path[0] == '\0' ? -1 : g_fd;
+    g_regular = kvr::is_regular(fd);
     g_fd = fd;
-    if (old > STDERR_FILENO) {
+    std::memcpy(g_path, length > 0 ? file : "", length + 1);
+    if (old >= 0) {
         close(old);
     }
     return 0;
+}
+
+int log_reopen() {
+    if (g_path[0] == '\0') {
+        return 0;
+    }
+    const int fd = open_file(g_path);
+    if (fd < 0) {
+        return -1;
+    }
+    g_regular = kvr::is_regular(fd);
+    const int moved = dup3(fd, g_fd, O_CLOEXEC); // a line that is just being written goes to the one file or the other
+    const int cause = errno;
+    close(fd);
+    errno = cause;
+    return moved < 0 ? -1 : 1;
+}
+
+int log_divert_stderr() {
+    if (divert_stderr() != 0) {
+        return -1;
+    }
+    if (g_path[0] == '\0') {
+        g_fd = real_stderr();
+    }
+    return 0;
+}
+
+void log_restore_stderr() {
+    restore_stderr();
+    if (g_path[0] == '\0') {
+        g_fd = STDERR_FILENO;
+    }
 }
 
 void log_set_level(int level) {

@@ -10,9 +10,25 @@ namespace kvr {
 constexpr int kLogDefaultLevel = 3;
 
 /// Directs the log to a file, created with mode 0600 and appended to (a rotation that copies and truncates is fine).
-/// Null or empty: standard error, which is also where lines go before this call.
-/// @return 0, or -1 with `errno` set, and the log stays where it was
+/// A link in the file's place is not followed, a FIFO needs its reader. Null or empty: standard error, which is also
+/// where lines go before this call.
+/// @return 0, or -1 with `errno` set (ELOOP: a link), and the log stays where it was
 KVR_EXPORT int log_open(const char* file);
+
+/// After a rotation moved the file away: opens its name anew, so that later lines go to a new file. Nothing happens to
+/// a log on standard error. From any thread or handler; the descriptor number stays.
+/// @return 1, 0 when there was nothing to do, or -1 with `errno` set, and the log stays where it was
+KVR_EXPORT int log_reopen();
+
+/// Other code's lines on standard error, such as those of the TLS helpers, get the time and block nobody from now on:
+/// descriptor 2 becomes a pipe of a few lines (a line that does not fit is lost), and what is in it goes to the real
+/// standard error before the next line of the log, at an abort and at exit. A log on standard error goes to the real
+/// one. Nothing changes under a sanitizer, whose report must not get lost.
+/// @return 0, or -1 with `errno` set, and nothing changed
+KVR_EXPORT int log_divert_stderr();
+
+/// Passes on what is left and makes descriptor 2 the real standard error again. Harmless when nothing is diverted.
+KVR_EXPORT void log_restore_stderr();
 
 /// Drops lines above this level (0 drops all).
 KVR_EXPORT void log_set_level(int level);

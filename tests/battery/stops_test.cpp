@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // One SIGTERM in every state in which a channel can block, and at the calls of a message's road: the worker ends as
 // stopped, the message in hand is back, and one that was sent is not repeated.
+// And SIGHUP, which stops nothing.
 #include <array>
 
 #include <arpa/inet.h>
@@ -313,6 +314,24 @@ TEST_P(StopsAt, EachCallOfAMessageOnANewLine) {
     Child worker = field.run_channel();
     field.await_status("RUNING");
     field.finish(worker);
+}
+
+// At a moment when the get waits, and at moments of load.
+TEST(HangUp, BeginsANewLogAndEndsNothing) {
+    Field field;
+    const std::filesystem::path log = field.home() / "log";
+    Child listener = field.listen();
+    Child worker = field.run_channel();
+    field.await_status("RUNING");
+    for (int i = 0; i < 20; ++i) {
+        std::filesystem::rename(log, field.home() / ("log." + std::to_string(i)));
+        ::kill(worker.pid(), SIGHUP);
+        await("a new log", [&] { return field.logged("log reopened") == 1; });
+        field.put(MessageKind::kData, 50, 0, 1000);
+    }
+    field.finish(worker);
+    EXPECT_EQ(field.logged("stop requested"), 1U);
+    EXPECT_EQ(field.journalled("connect"), 1U);
 }
 
 } // namespace

@@ -186,4 +186,36 @@ TEST(LogOnStandardError, DropsLinesRatherThanWaitForAReader) {
     }
 }
 
+TEST(LogOnStandardError, LinesOfOthersGetTheTimeBlockNobodyAndSurviveAnAbort) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer's report has the descriptor to itself";
+#endif
+    const kvr::test::TemporaryFolder folder;
+    const std::filesystem::path file = folder.path() / "err";
+    kvr::test::Child child = kvr::test::Child::fork_off([&] {
+        dup2(creat(file.c_str(), 0600), STDERR_FILENO);
+        const auto say = [](const std::string& text) {
+            [[maybe_unused]] const ssize_t wrote = write(STDERR_FILENO, text.data(), text.size());
+        };
+        EXPECT_EQ(kvr::log_open(nullptr), 0);
+        EXPECT_EQ(kvr::log_divert_stderr(), 0);
+        say("one\ntwo\x1b\n");
+        log_text(1, "own");
+        for (int i = 0; i < 1000; ++i) { // hangs here if somebody waited for a reader
+            say(std::string(1000, 'x') + "\n");
+        }
+        kvr::log_restore_stderr();
+        say("plain\n");
+        EXPECT_EQ(kvr::log_divert_stderr(), 0);
+        say("last words\n");
+        abort();
+        return 0;
+    });
+    EXPECT_EQ(child.result(), -SIGABRT);
+    const std::string time = "[0-9-]{10}T[0-9:]{8}\\.[0-9]{3}Z ";
+    EXPECT_THAT(kvr::test::contents(file),
+                MatchesRegex(time + "one\n" + time + "two\\\\x1b\n" + time + "1 QM1 [^\n]* work own\n(" + time +
+                             "x{1000}\n)+plain\n" + time + "last words\n"));
+}
+
 } // namespace

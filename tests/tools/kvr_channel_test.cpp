@@ -129,7 +129,7 @@ TEST_F(KvrChannel, ARunningOneRefusesASecondWorkerAndItsDeletion) {
 
 TEST_F(KvrChannel, AWorkerEndsAtEachStopSignalOrIsKilled) {
     define();
-    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+    for (const int signal : {SIGTERM, SIGINT}) {
         Child worker = running([signal] { std::signal(signal, SIG_DFL); }); // the tests may run where it is ignored
         kill(worker.pid(), signal);
         EXPECT_EQ(worker.result(), 0) << signal;
@@ -152,11 +152,10 @@ TEST_F(KvrChannel, AWorkerEndsAtEachStopSignalOrIsKilled) {
     EXPECT_EQ(status(), "STOPED -1");
 }
 
-TEST_F(KvrChannel, AWorkerTakesNothingOverFromItsParentButNohup) {
+TEST_F(KvrChannel, AWorkerTakesNothingOverFromItsParent) {
     define();
     Child worker = running([] {
         std::signal(SIGCHLD, SIG_IGN);
-        std::signal(SIGHUP, SIG_IGN);
         sigset_t all;
         sigfillset(&all);
         sigprocmask(SIG_BLOCK, &all, nullptr);
@@ -165,9 +164,7 @@ TEST_F(KvrChannel, AWorkerTakesNothingOverFromItsParentButNohup) {
     const std::string facts = contents("/proc/" + std::to_string(worker.pid()) + "/status");
     EXPECT_THAT(facts, HasSubstr("Umask:\t0077"));
     const std::uint64_t ignored = std::stoull(facts.substr(facts.find("SigIgn:") + 8), nullptr, 16);
-    EXPECT_EQ(ignored >> (SIGHUP - 1) & 1, 1U);
     EXPECT_EQ(ignored >> (SIGCHLD - 1) & 1, 0U);
-    kill(worker.pid(), SIGHUP);
     kill(worker.pid(), SIGTERM);
     EXPECT_EQ(worker.result(), 0);
 }
