@@ -4,10 +4,11 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 
 #include "error.h"
+#include "permissions.h"
 
 namespace kvr {
 namespace {
@@ -41,9 +42,7 @@ pid_t holder_of(int fd, const std::filesystem::path& path) {
 
 RunLock::RunLock(const std::filesystem::path& qmgr_dir, const std::string& channel) {
     const std::filesystem::path path = lock_path(qmgr_dir, channel);
-    if (mkdir(path.parent_path().c_str(), 0700) != 0 && errno != EEXIST) {
-        fail(path.parent_path());
-    }
+    ensure_private_folder(path.parent_path());
     fd_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd_ < 0) {
         fail(path);
@@ -70,6 +69,11 @@ RunLock::~RunLock() {
 
 pid_t RunLock::holder(const std::filesystem::path& qmgr_dir, const std::string& channel) {
     const std::filesystem::path path = lock_path(qmgr_dir, channel);
+    std::error_code unknown;
+    if (std::filesystem::symlink_status(path.parent_path(), unknown).type() == std::filesystem::file_type::not_found) {
+        return 0;
+    }
+    check_private(path.parent_path(), true);
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
     if (fd < 0) {
         if (errno == ENOENT) {

@@ -16,13 +16,13 @@ namespace kvr {
 class RunLock {
   public:
     /// Takes the lock for the object's life. Throws kvr::Error: kBusy with the other process's id when the channel is
-    /// run already, kIo.
+    /// run already, kPermission when the locks' folder is not this user's alone, kIo.
     RunLock(const std::filesystem::path& qmgr_dir, const std::string& channel);
     ~RunLock();
     RunLock(const RunLock&) = delete;
     RunLock& operator=(const RunLock&) = delete;
 
-    /// The process that holds the lock, 0 for none. Throws kvr::Error(kIo).
+    /// The process that holds the lock, 0 for none. Throws kvr::Error: kPermission as above, kIo.
     static pid_t holder(const std::filesystem::path& qmgr_dir, const std::string& channel);
 
   private:

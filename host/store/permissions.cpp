@@ -18,11 +18,10 @@ constexpr mode_t kFolderMode = 0700;
 constexpr mode_t kFileMode = 0600;
 constexpr mode_t kOthersWrite = 0022;
 
-void give_to_owner_of_parent(const std::filesystem::path& path) {
-    struct stat parent {};
-    if (::geteuid() == 0 && ::stat(path.parent_path().c_str(), &parent) == 0 && parent.st_uid != 0 &&
-        ::lchown(path.c_str(), parent.st_uid, parent.st_gid) != 0) {
-        throw_system("give to its owner", path, errno);
+/// By a descriptor of its own that opens nothing (so that no record lock is lost with it), never through a link.
+void set_mode(const std::filesystem::path& path, mode_t mode, const char* doing) {
+    if (::fchmodat(AT_FDCWD, path.c_str(), mode, AT_SYMLINK_NOFOLLOW) != 0) {
+        throw_system(doing, path, errno == EOPNOTSUPP ? ELOOP : errno);
     }
 }
 
@@ -32,17 +31,21 @@ void make_private_folder(const std::filesystem::path& path) {
     if (::mkdir(path.c_str(), kFolderMode) != 0) {
         throw_system("make the folder", path, errno);
     }
-    if (::chmod(path.c_str(), kFolderMode) != 0) {
-        throw_system("protect the folder", path, errno);
+    set_mode(path, kFolderMode, "protect the folder");
+    sync_folder(path.parent_path());
+}
+
+void ensure_private_folder(const std::filesystem::path& path) {
+    if (::mkdir(path.c_str(), kFolderMode) != 0) {
+        if (errno != EEXIST) {
+            throw_system("make the folder", path, errno);
+        }
+        check_private(path, true);
     }
-    give_to_owner_of_parent(path);
 }
 
 void make_private_file(const std::filesystem::path& path) {
-    if (::chmod(path.c_str(), kFileMode) != 0) {
-        throw_system("protect", path, errno);
-    }
-    give_to_owner_of_parent(path);
+    set_mode(path, kFileMode, "protect");
 }
 
 void check_private(const std::filesystem::path& path, bool folder) {
@@ -53,10 +56,10 @@ void check_private(const std::filesystem::path& path, bool folder) {
     if (folder ? !S_ISDIR(info.st_mode) : !S_ISREG(info.st_mode)) {
         throw Error(Errc::kPermission, path.string() + " is not a plain " + (folder ? "folder" : "file"));
     }
-    const uid_t self = ::geteuid();
-    if (info.st_uid != self && self != 0) {
+    if (info.st_uid != ::geteuid()) {
         throw Error(Errc::kPermission, path.string() + " belongs to user id " + std::to_string(info.st_uid) +
-                                           ", not to you: run as that user");
+                                           ", not to user id " + std::to_string(::geteuid()) +
+                                           ": run as that user, or give it to this one with chown");
     }
     if ((info.st_mode & kOthersWrite) != 0) {
         throw Error(Errc::kPermission,
@@ -83,6 +86,9 @@ int open_allocated_file(const std::filesystem::path& path, off_t size) {
     }
     struct stat info {};
     int failed = ::fstat(fd, &info) == 0 ? 0 : errno;
+    if (failed == 0 && !S_ISREG(info.st_mode)) {
+        failed = EINVAL;
+    }
     if (failed == 0 && info.st_size < size) {
         // Never through ftruncate: a hole would be filled at the first store into the mapping, and a full disk then is
         // a SIGBUS. Two processes may do this at once, and it keeps what the file holds.
@@ -95,7 +101,6 @@ int open_allocated_file(const std::filesystem::path& path, off_t size) {
         ::close(fd);
         throw_system("make", path, failed);
     }
-    give_to_owner_of_parent(path);
     return fd;
 }
 

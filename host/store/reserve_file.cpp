@@ -12,7 +12,7 @@ namespace kvr {
 
 bool ReserveFile::ensure() const {
     struct stat info {};
-    if (::stat(path_.c_str(), &info) == 0 && info.st_size >= static_cast<off_t>(kSize)) {
+    if (::lstat(path_.c_str(), &info) == 0 && info.st_size >= static_cast<off_t>(kSize)) {
         return true;
     }
     try {

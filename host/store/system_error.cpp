@@ -31,8 +31,10 @@ void throw_system(const char* doing, const std::filesystem::path& path, int erro
         throw Error(Errc::kExists, text);
     case EACCES:
     case EPERM:
-    case EROFS:
+        throw Error(Errc::kPermission, text + "; check its owner and mode, and those of the folders above it");
     case ELOOP:
+        throw Error(Errc::kPermission, text + "; put the thing itself there, links are not followed");
+    case EROFS:
         throw Error(Errc::kPermission, text);
     case ENOSPC:
     case EDQUOT:

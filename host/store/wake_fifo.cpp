@@ -58,6 +58,11 @@ WakeFifo::WakeFifo(const std::filesystem::path& path) {
     if (fd_ < 0) {
         throw_system("open", path, errno);
     }
+    struct stat info {};
+    if (::fstat(fd_, &info) != 0 || !S_ISFIFO(info.st_mode)) {
+        ::close(fd_);
+        throw Error(Errc::kPermission, path.string() + " is no FIFO: remove it, it is made anew");
+    }
 }
 
 WakeFifo::~WakeFifo() {

@@ -5,7 +5,9 @@
 #include <cstring>
 #include <fstream>
 
+#include <grp.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "field.h"
 #include "numbered_put.h"
@@ -115,42 +117,150 @@ TEST(Secrets, TheListenersPassPhraseEither) {
     }
 }
 
-TEST(Secrets, WhatIsWrittenIsPrivateWhateverTheUmask) {
-    Field field;
+/// One of everything that a sender and a receiver write, by programs with this prelude, in a home of its own.
+void write_everything(Field& field, const std::string& home) {
     field.set_prelude("umask 0; exec");
-    const std::string home = (field.home() / "fresh").native();
-    const std::string plugin = KVR_PLUGIN;
     const auto run = [&](const std::vector<std::string>& arguments) {
         std::vector<std::string> all{"--home", home};
         all.insert(all.end(), arguments.begin(), arguments.end());
         return field.start(all);
     };
-    std::ofstream(field.home() / "attached") << "contents";
+    const fs::path attached = field.home() / "attached";
+    std::ofstream(attached) << "contents";
     EXPECT_EQ(run({"create", "EAST"}).result(), 0);
     EXPECT_EQ(run({"define", "queue", "TO.WEST"}).result(), 0);
     EXPECT_EQ(run({"define", "queue", "ORDERS"}).result(), 0);
-    const fs::path port_file = field.home() / "fresh-port";
+    const fs::path port_file = home + "/port";
     Child listener = run({"listen", "--address", "127.0.0.1", "--port", "0", "--port-file", port_file.native(),
                           "--journal", home + "/journal"});
     await("the listener", [&] { return contents(port_file).find('\n') != std::string::npos; });
     const std::string port = std::to_string(std::stoi(contents(port_file)));
     EXPECT_EQ(run({"define", "channel", "EAST.WEST", "XMITQ=TO.WEST", "CONNAME=127.0.0.1(" + port + ")"}).result(), 0);
-    EXPECT_EQ(
-        run({"put", "TO.WEST", "data", "--dest", "ORDERS", "--attach", (field.home() / "attached").native()}).result(),
-        0);
-    Child worker = run({"run", "EAST.WEST", "--plugin", plugin});
-    const auto store = Store::open(home + "/EAST");
-    await("the message", [&] { return store->queue_info("ORDERS").depth == 1; });
+    EXPECT_EQ(run({"put", "TO.WEST", "data", "--dest", "ORDERS", "--attach", attached.native()}).result(), 0);
+    Child worker = run({"run", "EAST.WEST", "--plugin", KVR_PLUGIN});
+    EXPECT_EQ(run({"get", "ORDERS", "--wait", "30", "--out", home + "/got/"}).result(), 0);
     EXPECT_EQ(worker.result_under(SIGTERM), 0);
-    EXPECT_EQ(run({"get", "ORDERS", "--out", home + "/got"}).result(), 0);
+    EXPECT_EQ(end_listener(listener), 0);
+}
+
+void expect_private(const std::string& home, uid_t owner) {
     int entries = 0;
     for (const auto& entry : fs::recursive_directory_iterator(home)) {
         struct stat info {};
         ASSERT_EQ(lstat(entry.path().c_str(), &info), 0);
         EXPECT_EQ(info.st_mode & 07777U, S_ISDIR(info.st_mode) ? 0700U : 0600U) << entry.path();
+        EXPECT_EQ(info.st_uid, owner) << entry.path();
         ++entries;
     }
-    EXPECT_GE(entries, 15);
+    EXPECT_GE(entries, 18);
+}
+
+TEST(Secrets, WhatIsWrittenIsPrivateWhateverTheUmask) {
+    Field field;
+    const std::string home = (field.home() / "fresh").native();
+    write_everything(field, home);
+    expect_private(home, ::geteuid());
+}
+
+/// Runs `work` as that user, who knows no password entry and no group.
+int result_as(uid_t user, const std::function<int()>& work) {
+    return Child::fork_off([&] {
+               const bool changed = ::setgroups(0, nullptr) == 0 && ::setresgid(user, user, user) == 0 &&
+                                    ::setresuid(user, user, user) == 0;
+               return changed ? work() : -1;
+           })
+        .result();
+}
+
+TEST(Secrets, RootWorksOnAnothersStoreAsItsOwner) {
+    constexpr uid_t kOwner = 54321;
+    if (::geteuid() != 0 || result_as(kOwner, [] { return ::access(KVR_PLUGIN, R_OK); }) != 0) {
+        GTEST_SKIP() << "for root alone, and where others may read the plug-in";
+    }
+    Field field;
+    const fs::path above = field.home() / "above";
+    fs::create_directory(above);
+    ASSERT_EQ(::chown(above.c_str(), kOwner, kOwner), 0);
+    fs::permissions(field.home(), fs::perms(0711));
+    const std::string home = (above / "home").native();
+    write_everything(field, home);
+    expect_private(home, kOwner);
+    const std::string own = (field.home() / "own").native();
+    std::ofstream(own) << "for root's eyes";
+    ASSERT_EQ(::chmod(own.c_str(), 0600), 0);
+    EXPECT_EQ(field.start({"--home", home, "put", "TO.WEST", "--data-file", own, "--dest", "ORDERS"}).result(), 1);
+    EXPECT_NE(contents(field.home() / "out").find("the owner of " + home + "/EAST"), std::string::npos);
+    const auto open = [&] {
+        try {
+            (void)Store::open(home + "/EAST")->drain("TO.WEST");
+            return 0;
+        } catch (const Error&) {
+            return 1;
+        }
+    };
+    EXPECT_EQ(result_as(kOwner, open), 0);
+    EXPECT_EQ(Child::fork_off(open).result(), 1) << "root did not become the owner and opened the store all the same";
+}
+
+// What an owner, or whoever can write where a file is named, puts in a file's place.
+TEST(Secrets, NoLinkIsFollowed) {
+    Field field;
+    const fs::path file = field.home() / "victim";
+    const fs::path folder = field.home() / "victims";
+    fs::create_directory(folder);
+    fs::permissions(folder, fs::perms::owner_all);
+    std::ofstream(file) << "precious";
+    fs::permissions(file, fs::perms(0644));
+    fs::permissions(folder, fs::perms::owner_all);
+    const fs::path sender = field.home() / kSender;
+    const fs::path receiver = field.home() / kReceiver;
+    const fs::path log = sender / "log";
+    const fs::path named = field.home() / "named";
+    const std::vector<std::string> get{"--qmgr", kSender, "get", kXmitQueue, "--wait", "1"};
+    const std::vector<std::string> run{"--qmgr", kSender, "run", kChannel, "--plugin", KVR_PLUGIN};
+    const std::vector<std::string> listen{"--qmgr", kReceiver, "listen", "--address", "127.0.0.1", "--port", "0"};
+    const auto with = [](std::vector<std::string> words, const std::string& option, const fs::path& path) {
+        words.insert(words.end(), {option, path.native()});
+        return words;
+    };
+    field.set_channel({{"SHORTRTY", "0"}}); // a worker that is not refused ends by itself, with the same status
+    struct Case {
+        fs::path link;
+        fs::path target;
+        std::vector<std::string> command;
+    };
+    std::vector<Case> cases{{sender / "run", folder, run},
+                            {log, folder, run},
+                            {log / (std::string(kChannel) + ".log"), file, run},
+                            {named, file, with(run, "--log", named)},
+                            {receiver / "spool", folder, listen},
+                            {named, file, with(listen, "--journal", named)}};
+    for (const auto& entry : fs::directory_iterator(sender / "queues")) {
+        if (entry.path().extension() == ".fifo") {
+            cases.push_back({entry.path(), file, get});
+        }
+    }
+    for (const auto& [link, target, command] : cases) {
+        fs::create_directories(link.parent_path());
+        fs::permissions(link.parent_path(), fs::perms::owner_all);
+        fs::remove_all(link);
+        fs::create_symlink(target, link);
+        EXPECT_EQ(field.start(command).result(), 1) << link;
+        EXPECT_TRUE(fs::is_symlink(link)) << link;
+        fs::remove(link);
+        EXPECT_EQ(contents(file), "precious") << link;
+        EXPECT_EQ(fs::status(file).permissions(), fs::perms(0644)) << link;
+        EXPECT_TRUE(fs::is_empty(folder)) << link;
+    }
+    // A port file takes the place of what has its name, and so does the file that it was before.
+    for (const char* link : {"named", "named.new"}) {
+        fs::remove(named);
+        fs::create_symlink(file, field.home() / link);
+        Child listener = field.start(with(listen, "--port-file", named));
+        await("the listener", [&] { return !fs::is_symlink(named) && fs::exists(named); });
+        EXPECT_EQ(end_listener(listener), 0);
+        EXPECT_EQ(contents(file), "precious") << link;
+    }
 }
 
 TEST(Secrets, NothingStartsOnAStoreThatOthersCanWrite) {

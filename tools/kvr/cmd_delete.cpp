@@ -3,6 +3,8 @@
 #include <filesystem>
 #include <memory>
 
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
@@ -99,6 +101,12 @@ void delete_qmgr(const GlobalOptions& global, const DeleteOptions& options) {
                                          "--yes to do it",
                                          named.qmgr, dir.native()));
         }
+    }
+    const std::filesystem::path home = dir.parent_path();
+    if (::access(home.c_str(), W_OK | X_OK) != 0) {
+        throw Error(Errc::kPermission, fmt::format("{} cannot be deleted from {}, which the owner of the queue manager "
+                                                   "may not change: nothing was deleted, remove the folder by hand",
+                                                   named.qmgr, home.native()));
     }
     std::error_code error;
     std::filesystem::remove_all(dir, error);

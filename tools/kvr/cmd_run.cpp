@@ -4,8 +4,6 @@
 #include <filesystem>
 #include <memory>
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -15,6 +13,7 @@
 #include "commands.h"
 #include "held_signals.h"
 #include "output.h"
+#include "permissions.h"
 #include "session.h"
 #include "worker.h"
 
@@ -24,7 +23,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kPluginFile = "libplug_kavro_chls.so";
-constexpr mode_t kPrivateFolder = 0700;
 
 struct RunOptions {
     std::string channel;
@@ -73,11 +71,7 @@ fs::path log_file(const Store& store, const std::string& channel, const std::str
         return fs::absolute(given);
     }
     const fs::path folder = store.dir() / "log";
-    if (::mkdir(folder.c_str(), kPrivateFolder) != 0 && errno != EEXIST) {
-        throw Error(Errc::kIo, fmt::format("the folder {} cannot be made ({}): give --log FILE, or - for standard "
-                                           "error",
-                                           folder.native(), std::generic_category().message(errno)));
-    }
+    ensure_private_folder(folder);
     return folder / (channel + ".log");
 }
 

@@ -5,12 +5,14 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
 
 #include "error.h"
 #include "output.h"
+#include "permissions.h"
 
 namespace kvr {
 namespace {
@@ -18,6 +20,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr mode_t kPrivateFile = 0600;
+constexpr mode_t kPrivateFolder = 0700;
 
 bool write_all(int fd, std::string_view data) {
     while (!data.empty()) {
@@ -30,17 +33,28 @@ bool write_all(int fd, std::string_view data) {
     return true;
 }
 
+/// Makes the folders that are missing, from the top, the entry of each durable before it is used.
+void make_folders(const fs::path& path) {
+    std::error_code error;
+    if (fs::is_directory(path, error)) {
+        return;
+    }
+    make_folders(path.parent_path());
+    const int failed = ::mkdir(path.c_str(), kPrivateFolder) == 0 ? 0 : errno;
+    if (failed != 0 && !fs::is_directory(path, error)) {
+        throw Error(Errc::kIo, fmt::format("the folder {} cannot be made ({}): check the path",
+                                           printable(path.native()), std::strerror(failed)));
+    }
+    sync_folder(path.parent_path());
+}
+
 } // namespace
 
 DataSink::DataSink(const std::string& path) : path_(fs::absolute(path)), is_folder_(false) {
     std::error_code error;
     is_folder_ = path.ends_with('/') || fs::is_directory(path_, error);
     if (is_folder_) {
-        fs::create_directories(path_, error);
-        if (error) {
-            throw Error(Errc::kIo, fmt::format("the folder {} cannot be made ({}): check the path", printable(path),
-                                               error.message()));
-        }
+        make_folders(path_);
     }
 }
 
@@ -61,11 +75,17 @@ std::string DataSink::write(std::string_view data) {
     }
     const bool written = write_all(fd, data) && ::fsync(fd) == 0;
     const int error = errno;
-    if (::close(fd) != 0 || !written) {
+    const bool closed = ::close(fd) == 0;
+    try {
+        if (!closed || !written) {
+            throw Error(Errc::kIo, fmt::format("the file {} cannot be written ({}): the message stays on its queue; "
+                                               "make room or choose another place",
+                                               printable(file.native()), std::strerror(written ? errno : error)));
+        }
+        sync_folder(file.parent_path());
+    } catch (const Error&) {
         (void)::unlink(file.c_str());
-        throw Error(Errc::kIo, fmt::format("the file {} cannot be written ({}): the message stays on its queue; make "
-                                           "room or choose another place",
-                                           printable(file.native()), std::strerror(written ? errno : error)));
+        throw;
     }
     return file.native();
 }

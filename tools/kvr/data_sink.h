@@ -13,7 +13,7 @@ class DataSink {
     /// @param path an existing folder, or one that ends in '/' and is made: a file for each message; else the one file
     explicit DataSink(const std::string& path);
     [[nodiscard]] bool is_folder() const { return is_folder_; }
-    /// Writes the data durably and returns the file's path. Throws Error; an incomplete file is removed.
+    /// Writes the data and returns the file's path once both are durable. Throws Error; an incomplete file is removed.
     std::string write(std::string_view data);
 
   private:

@@ -19,6 +19,7 @@
 #include "commands.h"
 #include "error.h"
 #include "output.h"
+#include "store_owner.h"
 
 namespace kvr {
 
@@ -150,7 +151,7 @@ int run(int argc, char** argv) {
         return kExitUsage;
     } catch (const std::exception& error) {
         (void)std::fflush(stdout);
-        (void)std::fprintf(stderr, "kvr: %s\n", error.what());
+        (void)std::fprintf(stderr, "kvr: %s%s\n", error.what(), owner_note().c_str());
         return kExitFailed;
     }
 }

@@ -13,13 +13,13 @@
 
 #include "names.h"
 #include "output.h"
+#include "permissions.h"
+#include "store_owner.h"
 
 namespace kvr {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr mode_t kPrivateFolder = 0700;
 
 bool good_name(std::string name, std::size_t max_length, bool slash) {
     if (slash) {
@@ -71,6 +71,9 @@ std::filesystem::path home_folder(const GlobalOptions& global, bool create) {
         if (!S_ISDIR(status.st_mode)) {
             throw Error(Errc::kInvalid, fmt::format("{} is not a folder: give another one with --home", home.native()));
         }
+        if (create) {
+            become_owner_of(home);
+        }
         return home;
     }
     if (errno != ENOENT) {
@@ -83,10 +86,8 @@ std::filesystem::path home_folder(const GlobalOptions& global, bool create) {
                                 "folder with --home",
                                 home.native()));
     }
-    if (::mkdir(home.c_str(), kPrivateFolder) != 0) {
-        throw Error(Errc::kIo, fmt::format("{} cannot be made ({}): check the folder above it, or give --home",
-                                           home.native(), std::strerror(errno)));
-    }
+    become_owner_of(home.parent_path());
+    make_private_folder(home);
     return home;
 }
 
@@ -142,6 +143,7 @@ std::shared_ptr<Store> open_store(const GlobalOptions& global) {
                     fmt::format("queue manager '{}' does not exist in {}: make it with 'kvr create {}'", qmgr,
                                 dir.parent_path().native(), qmgr));
     }
+    become_owner_of(dir);
     if (!holds_store(dir)) {
         throw Error(Errc::kNotFound,
                     fmt::format("{} is no queue manager, it has no store: name one with -m, see 'kvr show', or remove "

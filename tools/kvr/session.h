@@ -11,7 +11,8 @@
 
 namespace kvr {
 
-/// The folder of the queue managers. With `create` it is made (0700) when it is missing.
+/// The folder of the queue managers. With `create` it is made (0700) when it is missing, and root
+/// becomes its owner.
 std::filesystem::path home_folder(const GlobalOptions& global, bool create = false);
 /// Names of the queue managers in the home folder, sorted.
 std::vector<std::string> qmgr_names(const GlobalOptions& global);
@@ -21,7 +22,7 @@ std::string chosen_qmgr(const GlobalOptions& global);
 void refuse_other_qmgr(const GlobalOptions& global, const std::string& name);
 /// A folder with a store in it, as far as this user may look.
 bool holds_store(const std::filesystem::path& dir);
-/// Opens the queue manager that is meant.
+/// Opens the queue manager that is meant; root becomes its owner before (store_owner.h).
 std::shared_ptr<Store> open_store(const GlobalOptions& global);
 
 /// Names are 1 to 32 (channels 63) letters, digits and . _ % -, and begin with neither a dot nor a dash: a queue
