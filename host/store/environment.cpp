@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <limits>
 #include <mutex>
 #include <sstream>
 #include <string>
@@ -28,6 +29,9 @@ constexpr mdb_mode_t kFileMode = 0600;
 /// A reader that was killed keeps pages from being used again until somebody looks: each process looks this often.
 constexpr std::uint64_t kCommitsPerReaderCheck = 256;
 constexpr std::uint64_t kCommitsPerDrop = 16;
+/// Transactions that a reader may lag behind in the course of things.
+constexpr std::uint64_t kUsualLag = 8;
+constexpr std::chrono::seconds kCloseLimit{2};
 /// By how much the map grows for a write that must not fail.
 constexpr std::uint64_t kMapStep = 16ULL << 20;
 
@@ -35,6 +39,31 @@ void check(int result, const char* doing, const Environment& env) {
     if (result != MDB_SUCCESS) {
         throw_mdb(doing, env.folder(), result);
     }
+}
+
+/// A write of which is not known whether it happened.
+class UnknownOutcome : public Error {
+  public:
+    explicit UnknownOutcome(const Error& error)
+        : Error(error.code(), std::string(error.what()) +
+                                  "; whether the last write happened is not known: look before you repeat it") {}
+};
+
+struct OldestReader {
+    long pid = 0;
+    std::uint64_t txn = std::numeric_limits<std::uint64_t>::max() - kUsualLag;
+};
+
+/// Takes a line of LMDB's list: process, thread, transaction ("-" for none).
+int note_reader(const char* line, void* context) {
+    auto& oldest = *static_cast<OldestReader*>(context);
+    std::istringstream fields(line);
+    OldestReader reader;
+    std::string thread;
+    if (fields >> reader.pid >> thread >> reader.txn && reader.txn < oldest.txn) {
+        oldest = reader;
+    }
+    return 0;
 }
 
 /// Where the environment's file is mapped. LMDB does not say; the system does. Null when it does not.
@@ -61,17 +90,21 @@ void* find_mapping(MDB_env* env) {
     return nullptr;
 }
 
-MDB_txn* begin_txn(Environment& env, unsigned flags) {
+/// Runs `begin` until it has begun a transaction. The map's lock is the caller's then, until the transaction ends.
+template <class Begin>
+void begin_txn(Environment& env, Begin begin) {
     for (bool readers_cleared = false;;) {
-        MDB_txn* txn = nullptr;
         env.map_lock().lock_shared();
-        const int result = mdb_txn_begin(env.handle(), nullptr, flags, &txn);
+        MDB_env* const handle = env.handle();
+        const int result = handle == nullptr ? MDB_PANIC : begin(handle);
         if (result == MDB_SUCCESS) {
-            return txn; // the lock stays until the transaction ends
+            return;
         }
         env.map_lock().unlock_shared();
         if (result == MDB_MAP_RESIZED) {
             env.adopt_map();
+        } else if (result == MDB_PANIC) {
+            env.reopen(handle);
         } else if (result == MDB_READERS_FULL && !std::exchange(readers_cleared, true)) {
             env.clear_stale_readers();
         } else {
@@ -83,20 +116,13 @@ MDB_txn* begin_txn(Environment& env, unsigned flags) {
 } // namespace
 
 Environment::Environment(std::filesystem::path folder, std::optional<std::uint64_t> map_size)
-    : folder_(std::move(folder)) {
+    : folder_(std::move(folder)), writer_lock_(folder_) {
     const std::filesystem::path file = folder_ / "data.mdb";
     if (!map_size) {
         check_not_empty(file);
     }
-    check(mdb_env_create(&env_), "set up the store", *this);
+    open(map_size.value_or(0), OpeningLock(folder_));
     try {
-        check(mdb_env_set_maxreaders(env_, kMaxReaders), "set up the store", *this);
-        check(mdb_env_set_maxdbs(env_, kTables), "set up the store", *this);
-        if (map_size) {
-            check(mdb_env_set_mapsize(env_, *map_size), "set the map size", *this);
-        }
-        // Read transactions are not tied to threads: one per getter and call, each begun and ended at will.
-        check(mdb_env_open(env_, folder_.c_str(), MDB_NOTLS, kFileMode), "open the store", *this);
         make_private_file(file);
         make_private_file(folder_ / "lock.mdb");
         clear_stale_readers();
@@ -104,9 +130,71 @@ Environment::Environment(std::filesystem::path folder, std::optional<std::uint64
 
         open_table_set(false, {{nullptr, &main}});
     } catch (...) {
-        mdb_env_close(env_);
+        close();
         throw;
     }
+}
+
+/// `map_size` 0: what it was.
+void Environment::open(std::uint64_t map_size, const OpeningLock& /*held*/) {
+    check(mdb_env_create(&env_), "set up the store", *this);
+    try {
+        check(mdb_env_set_maxreaders(env_, kMaxReaders), "set up the store", *this);
+        check(mdb_env_set_maxdbs(env_, kTables), "set up the store", *this);
+        if (map_size != 0) {
+            check(mdb_env_set_mapsize(env_, map_size), "set the map size", *this);
+        }
+        // Read transactions are not tied to threads: one per getter and call, each begun and ended at will.
+        check(mdb_env_open(env_, folder_.c_str(), MDB_NOTLS, kFileMode), "open the store", *this);
+    } catch (...) {
+        mdb_env_close(std::exchange(env_, nullptr));
+        throw;
+    }
+    adopt_size();
+}
+
+void Environment::close() {
+    try {
+        const OpeningLock lock(folder_, kCloseLimit);
+        mdb_env_close(env_);
+    } catch (const Error&) {
+        static_cast<void>(0); // somebody is frozen while he opens it: it closes with this process
+    }
+}
+
+void Environment::adopt_size() {
+    MDB_envinfo info{};
+    mdb_env_info(env_, &info);
+    map_size_ = info.me_mapsize;
+    map_start_ = nullptr;
+}
+
+void Environment::reopen(const MDB_env* failed) {
+    const std::unique_lock lock(map_lock_);
+    if (env_ != failed) {
+        return;
+    }
+    const OpeningLock opening(folder_);
+    {
+        const std::scoped_lock guard(readers_mutex_);
+        for (Reader* const reader : readers_) {
+            reader->forget();
+        }
+    }
+    if (env_ != nullptr) {
+        mdb_env_close(std::exchange(env_, nullptr));
+    }
+    open(map_size_, opening);
+    try {
+        open_table_set(false, {{nullptr, &main}});
+        open_tables(false);
+        set_flag(MDB_NOSYNC, !sync_);
+    } catch (...) {
+        mdb_env_close(std::exchange(env_, nullptr));
+        throw;
+    }
+    ++openings_;
+    tell("the store in " + folder_.string() + " was opened anew: a write to its disk had failed, look after the disk");
 }
 
 void Environment::open_tables(bool create) {
@@ -126,42 +214,79 @@ void Environment::open_table_set(bool create, std::initializer_list<std::pair<co
 }
 
 Environment::~Environment() {
-    mdb_env_close(env_);
-}
-
-std::uint64_t Environment::map_size() const {
-    MDB_envinfo info{};
-    mdb_env_info(env_, &info);
-    return info.me_mapsize;
+    close();
 }
 
 void Environment::grow_map(std::uint64_t size) {
     const std::unique_lock lock(map_lock_);
-    if (size > map_size()) {
-        map_start_ = nullptr;
+    if (size > map_size_ && env_ != nullptr) {
         check(mdb_env_set_mapsize(env_, size), "make the map larger", *this);
+        adopt_size();
     }
 }
 
 void Environment::adopt_map() {
     const std::unique_lock lock(map_lock_);
-    map_start_ = nullptr;
-    check(mdb_env_set_mapsize(env_, 0), "adopt the larger map", *this);
+    if (env_ != nullptr) {
+        check(mdb_env_set_mapsize(env_, 0), "adopt the larger map", *this);
+        adopt_size();
+    }
+}
+
+void Environment::set_flag(unsigned flag, bool on) {
+    if (env_ != nullptr) {
+        check(mdb_env_set_flags(env_, flag, on ? 1 : 0), "set the durability", *this);
+    }
 }
 
 void Environment::set_sync(bool sync) {
-    check(mdb_env_set_flags(env_, MDB_NOSYNC, sync ? 0 : 1), "set the durability", *this);
+    const std::unique_lock lock(map_lock_);
+    sync_ = sync;
+    set_flag(MDB_NOSYNC, !sync);
+}
+
+void Environment::set_late_flush(bool late) {
+    const std::shared_lock lock(map_lock_);
+    set_flag(MDB_NOMETASYNC, late);
+}
+
+void Environment::add(Reader& reader) {
+    const std::scoped_lock guard(readers_mutex_);
+    readers_.insert(&reader);
+}
+
+void Environment::remove(Reader& reader) {
+    const std::scoped_lock guard(readers_mutex_);
+    readers_.erase(&reader);
+    reader.forget();
 }
 
 int Environment::clear_stale_readers() {
+    const std::shared_lock lock(map_lock_);
     int dead = 0;
-    check(mdb_reader_check(env_, &dead), "clear stale readers", *this);
+    if (env_ != nullptr) {
+        check(mdb_reader_check(env_, &dead), "clear stale readers", *this);
+    }
     return dead;
+}
+
+std::string Environment::blame_reader() {
+    const std::shared_lock lock(map_lock_);
+    OldestReader oldest;
+    MDB_envinfo info{};
+    if (env_ == nullptr || mdb_reader_list(env_, note_reader, &oldest) < 0 || mdb_env_info(env_, &info) != 0 ||
+        oldest.txn + kUsualLag > info.me_last_txnid) {
+        return {};
+    }
+    return "; process " + std::to_string(oldest.pid) + " still reads what was there " +
+           std::to_string(info.me_last_txnid - oldest.txn) +
+           " transactions ago, and so keeps the room of all that was deleted since: if it is stopped, let it go on "
+           "(kill -CONT) or end it";
 }
 
 void Environment::drop_pages() {
     void* start = map_start_.load(std::memory_order_acquire);
-    if (start == nullptr) {
+    if (start == nullptr && env_ != nullptr) {
         start = find_mapping(env_);
         map_start_.store(start, std::memory_order_release);
     }
@@ -183,28 +308,21 @@ void Environment::count_commit() {
 
 Reader::~Reader() {
     end();
+    env_.remove(*this);
+}
+
+void Reader::forget() {
     if (txn_ != nullptr) {
-        mdb_txn_abort(txn_);
+        mdb_txn_abort(std::exchange(txn_, nullptr));
     }
 }
 
 void Reader::begin() {
-    if (txn_ == nullptr) {
-        txn_ = begin_txn(env_, MDB_RDONLY);
+    if (!active_) {
+        begin_txn(env_, [this](MDB_env* env) {
+            return txn_ == nullptr ? mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn_) : mdb_txn_renew(txn_);
+        });
         active_ = true;
-        return;
-    }
-    while (!active_) {
-        env_.map_lock().lock_shared();
-        const int result = mdb_txn_renew(txn_);
-        active_ = result == MDB_SUCCESS;
-        if (!active_) {
-            env_.map_lock().unlock_shared();
-            if (result != MDB_MAP_RESIZED) {
-                throw_mdb("begin a transaction", env_.folder(), result);
-            }
-            env_.adopt_map();
-        }
     }
 }
 
@@ -215,7 +333,9 @@ void Reader::end() {
     }
 }
 
-WriteTxn::WriteTxn(Environment& env) : env_(env), txn_(begin_txn(env, 0)) {}
+WriteTxn::WriteTxn(Environment& env) : env_(env), turn_(env.writer_lock()) {
+    begin_txn(env, [this](MDB_env* handle) { return mdb_txn_begin(handle, nullptr, 0, &txn_); });
+}
 
 WriteTxn::~WriteTxn() {
     if (txn_ != nullptr) {
@@ -224,10 +344,25 @@ WriteTxn::~WriteTxn() {
     }
 }
 
-void WriteTxn::commit() {
+bool WriteTxn::commit() {
+    const std::size_t id = mdb_txn_id(txn_);
     const int result = mdb_txn_commit(std::exchange(txn_, nullptr));
     env_.map_lock().unlock_shared();
-    check(result, "commit", env_);
+    if (result != MDB_SUCCESS && !happened(id)) {
+        throw_mdb("commit", env_.folder(), result);
+    }
+    return result == MDB_SUCCESS;
+}
+
+/// Whether a commit that failed is there all the same: nobody else commits as long as this writer has its turn.
+bool WriteTxn::happened(std::size_t id) {
+    try {
+        Reader reader(env_);
+        const ReadScope scope(reader);
+        return mdb_txn_id(reader.txn()) >= id;
+    } catch (const Error& error) {
+        throw UnknownOutcome(error);
+    }
 }
 
 std::uint64_t Reader::free_bytes() const {
@@ -294,16 +429,36 @@ bool table_erase(WriteTxn& write, MDB_dbi table, std::string_view key) {
 
 namespace {
 
+void commit_something(Environment& env) {
+    WriteTxn write(env);
+    save_usage(write, load_usage(write.txn(), env));
+    write.commit();
+}
+
 /// What one transaction freed, LMDB uses again in the second one after it at the earliest. While every write fails for
 /// want of room there is no such second one: a small one makes it. False when there is no room for that either.
 bool free_what_was_freed_last(Environment& env) {
     try {
-        WriteTxn write(env);
-        save_usage(write, load_usage(write.txn(), env));
-        write.commit();
+        commit_something(env);
         return true;
     } catch (const FullError&) {
         return false;
+    }
+}
+
+/// As write_store, once.
+void write_once(Environment& env, const std::function<void(WriteTxn&)>& work) {
+    const bool durable = [&] {
+        WriteTxn write(env);
+        work(write);
+        return write.commit();
+    }();
+    try {
+        if (!durable) {
+            commit_something(env);
+        }
+    } catch (const Error& error) {
+        throw UnknownOutcome(error);
     }
 }
 
@@ -312,26 +467,32 @@ bool free_what_was_freed_last(Environment& env) {
 void write_store(Environment& env, ReserveFile& reserve, Need need, const std::function<void(WriteTxn&)>& work) {
     env.count_commit();
     constexpr int kTries = 3;
+    bool opened_anew = false;
     for (int attempt = 1;; ++attempt) {
+        const std::uint64_t openings = env.openings();
         try {
-            WriteTxn write(env);
-            work(write);
-            write.commit();
+            write_once(env, work);
             return;
         } catch (const FullError& error) {
             const bool cleared = env.clear_stale_readers() > 0;
-            if (attempt == kTries || error.shortage() == Shortage::kQuota) {
+            if (error.shortage() == Shortage::kQuota) {
                 throw;
             }
             const bool aged = attempt == 1 && free_what_was_freed_last(env);
-            if (need == Need::kMayFail) {
-                if (!cleared && !aged) {
-                    throw;
-                }
-            } else if (error.shortage() == Shortage::kMap) {
+            if (attempt == kTries || (need == Need::kMayFail && !cleared && !aged)) {
+                throw FullError(error.shortage(), error.what() + env.blame_reader());
+            }
+            if (need == Need::kMust && error.shortage() == Shortage::kMap) {
                 env.grow_map(env.map_size() + kMapStep);
-            } else {
+            } else if (need == Need::kMust) {
                 reserve.release();
+            }
+        } catch (const UnknownOutcome&) {
+            throw;
+        } catch (const Error&) {
+            // What made it open the environment anew certainly did not happen: it may be done again, once.
+            if (env.openings() == openings || std::exchange(opened_anew, true)) {
+                throw;
             }
         }
     }

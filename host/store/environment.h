@@ -3,6 +3,9 @@
 //
 // Read transactions are short: one that stays open keeps every page that was freed since from being used again, and the
 // map fills. Each Environment belongs to the process that opened it; a forked child opens its own.
+//
+// A head page that cannot be written makes LMDB refuse everything from then on. The environment is then opened anew by
+// whoever begins the next transaction. So LMDB's handle is used within a transaction or under the map's lock only.
 #pragma once
 
 #include <atomic>
@@ -10,16 +13,22 @@
 #include <filesystem>
 #include <functional>
 #include <initializer_list>
+#include <mutex>
 #include <optional>
+#include <set>
 #include <shared_mutex>
+#include <string>
 #include <string_view>
 #include <utility>
 
 #include <lmdb.h>
 
+#include "access_locks.h"
 #include "reserve_file.h"
 
 namespace kvr {
+
+class Reader;
 
 class Environment {
   public:
@@ -33,6 +42,7 @@ class Environment {
     void open_tables(bool create);
 
     [[nodiscard]] const std::filesystem::path& folder() const { return folder_; }
+    /// Null after it could not be opened anew.
     [[nodiscard]] MDB_env* handle() const { return env_; }
 
     MDB_dbi main = 0;     ///< settings and usage of the store
@@ -43,35 +53,58 @@ class Environment {
 
     /// Makes the map at least this large. No transaction of the calling thread may be open.
     void grow_map(std::uint64_t size);
-    [[nodiscard]] std::uint64_t map_size() const;
+    [[nodiscard]] std::uint64_t map_size() const { return map_size_; }
     /// Adopts a map that another process made larger.
     void adopt_map();
+    /// Opens anew what LMDB refuses to use since a write of its head failed, unless that was done since `failed` was
+    /// the handle. No transaction of the calling thread may be open. Tells so.
+    void reopen(const MDB_env* failed);
+    /// How often it was opened anew.
+    [[nodiscard]] std::uint64_t openings() const { return openings_; }
     void set_sync(bool sync);
+    /// True: a commit flushes its data and leaves the flush of the page that makes it valid to the next commit.
+    void set_late_flush(bool late);
     /// Frees the slots of readers that died. Returns how many.
     int clear_stale_readers();
+    /// Whose read transaction keeps pages from being used again, as the end of an error's text; empty when nobody's.
+    std::string blame_reader();
     /// Lets go of the mapped pages that were read: they count as this process's memory. They stay in the system's
     /// cache. No transaction of the calling thread is needed, none is disturbed.
     void drop_pages();
 
     /// Held by every open transaction, so that the map moves under none.
     std::shared_mutex& map_lock() { return map_lock_; }
+    WriterLock& writer_lock() { return writer_lock_; }
+    /// The environment's readers: their transactions end when it is opened anew.
+    void add(Reader& reader);
+    void remove(Reader& reader);
     /// Lets go of pages every few commits: a write reads some, wherever it goes.
     void count_commit();
 
   private:
+    void open(std::uint64_t map_size, const OpeningLock& held);
+    void close();
+    void adopt_size();
+    void set_flag(unsigned flag, bool on);
     void open_table_set(bool create, std::initializer_list<std::pair<const char*, MDB_dbi*>> tables);
 
     std::filesystem::path folder_;
+    WriterLock writer_lock_;
     MDB_env* env_ = nullptr;
+    bool sync_ = true;
+    std::atomic<std::uint64_t> openings_{0};
+    std::atomic<std::uint64_t> map_size_{0};
     std::atomic<void*> map_start_{nullptr}; ///< null: not looked up since the map moved
     std::atomic<std::uint64_t> commits_{0};
     std::shared_mutex map_lock_;
+    std::mutex readers_mutex_;
+    std::set<Reader*> readers_;
 };
 
 /// A read transaction that is begun and ended many times at little cost. Ended between calls.
 class Reader {
   public:
-    explicit Reader(Environment& env) : env_(env) {}
+    explicit Reader(Environment& env) : env_(env) { env_.add(*this); }
     ~Reader();
     Reader(const Reader&) = delete;
     Reader& operator=(const Reader&) = delete;
@@ -82,6 +115,8 @@ class Reader {
     [[nodiscard]] Environment& env() const { return env_; }
     /// Bytes of the file that hold nothing any more. Walks the list of free pages: for a disk that is full only.
     [[nodiscard]] std::uint64_t free_bytes() const;
+    /// Gives back what a reader keeps between transactions; none of its own may be open.
+    void forget();
 
   private:
     Environment& env_;
@@ -108,12 +143,17 @@ class WriteTxn {
     WriteTxn(const WriteTxn&) = delete;
     WriteTxn& operator=(const WriteTxn&) = delete;
 
-    void commit();
+    /// True: it is durable. False: it is there, but its last flush failed, so that it is durable after another commit.
+    /// It certainly did not happen when this throws, unless the text says that this is not known.
+    bool commit();
     [[nodiscard]] MDB_txn* txn() const { return txn_; }
     [[nodiscard]] Environment& env() const { return env_; }
 
   private:
+    bool happened(std::size_t id);
+
     Environment& env_;
+    std::unique_lock<WriterLock> turn_;
     MDB_txn* txn_ = nullptr;
 };
 
@@ -153,8 +193,8 @@ enum class Need {
     kMust,    ///< whatever makes room or keeps state: may use the reserve of the disk and make the map larger
 };
 
-/// Runs `work` in a write transaction and commits it; runs it again after room was made. So `work` changes nothing
-/// but what stands in the transaction until it returned.
+/// Runs `work` in a write transaction and commits it; runs it again after room was made or the environment was opened
+/// anew. So `work` changes nothing but what stands in the transaction until it returned.
 void write_store(Environment& env, ReserveFile& reserve, Need need, const std::function<void(WriteTxn&)>& work);
 
 } // namespace kvr

@@ -33,18 +33,17 @@ constexpr std::uint64_t kNone = std::numeric_limits<std::uint64_t>::max();
 /// Bytes of the map that may stay in this process's memory before they are let go; the kernel maps more around them.
 constexpr std::uint64_t kReadBeforeDrop = 4ULL << 20;
 
-/// While it lives, a commit of this process flushes its data and leaves the flush of the page that makes it valid to
-/// the next commit: half the cost. A power loss can then undo that one commit, never damage the store. Right for
-/// deletes of used messages, which a power loss may repeat anyway.
+/// While it lives, commits flush late: half the cost. A power loss can then undo the last one, never damage the store.
+/// Right for deletes of used messages, which a power loss may repeat anyway.
 class LateFlush {
   public:
-    explicit LateFlush(const Environment& env) : env_(env) { mdb_env_set_flags(env_.handle(), MDB_NOMETASYNC, 1); }
-    ~LateFlush() { mdb_env_set_flags(env_.handle(), MDB_NOMETASYNC, 0); }
+    explicit LateFlush(Environment& env) : env_(env) { env_.set_late_flush(true); }
+    ~LateFlush() { env_.set_late_flush(false); }
     LateFlush(const LateFlush&) = delete;
     LateFlush& operator=(const LateFlush&) = delete;
 
   private:
-    const Environment& env_;
+    Environment& env_;
 };
 
 class DrainGetter final : public Getter {

@@ -2,11 +2,22 @@
 // The store of one queue manager: objects, queues and messages in one LMDB environment, read and written by any number
 // of processes.
 //
-// Every operation is one transaction: it happened durably when it returned and did not happen when it threw kvr::Error.
+// An operation happened durably when it returned, and did not happen when it threw kvr::Error; it is one transaction,
+// seen as a whole or not at all. Three are not, for the sake of their size or speed:
+//   - a queue is purged in steps: a crash or an error on the way leaves it with what was not deleted yet;
+//   - used messages are deleted in groups, and the group's last flush is left to the next commit: after a crash or an
+//     error a message that was used can still be on disk, where a mark says that it is used; a power loss can bring up
+//     to two groups of them back;
+//   - a put or a change whose error says that it is not known whether it happened: its disk failed in the middle.
 // No read transaction outlives a call. One Store is open once per process and folder (Store::open returns the same
 // one).
+//
+// Processes take turns in opening a store and in writing to it. What waits for another process says so after two
+// seconds, gives up where limit_waits bounds it, and soon after a stop was asked for (stop_point.h, or a SIGTERM or
+// SIGINT that is held back): kBusy with that process's id.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -75,6 +86,13 @@ struct Usage {
     std::uint64_t quota;
     std::uint64_t file; ///< the store's file: it grows to the greatest usage that there was and is used again, not cut
 };
+
+/// Takes a line about what holds a store up, or what the store mended by itself.
+using Notice = void (*)(const std::string& line);
+/// Sets the process's one; null, as at first: nobody is told.
+KVR_EXPORT void set_notice(Notice notice);
+/// Longest wait of this process for another one; without limit at first.
+KVR_EXPORT void limit_waits(std::chrono::milliseconds limit);
 
 class Getter;
 

@@ -60,8 +60,6 @@ void throw_mdb(const char* doing, const std::filesystem::path& path, int error) 
     case MDB_INVALID:
     case MDB_NOTFOUND:
         throw Error(Errc::kDamaged, text + "; restore the store from a copy");
-    case MDB_PANIC:
-        throw Error(Errc::kIo, text + "; an earlier write failed, end this process and start it again");
     case EIO:
         if (disk_is_full(path)) {
             throw_system(doing, path, ENOSPC);

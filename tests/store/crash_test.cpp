@@ -1,13 +1,67 @@
 // SPDX-License-Identifier: MIT
-// Drainers that are killed at the edges of a group: nothing is lost, at most the message in hand repeats. Kills at any
-// moment are the battery's affair.
+// Processes that are killed at the edges of a group, or while they open the store: nothing is lost, at most the message
+// in hand repeats. Kills of running programs are the battery's affair.
+#include <random>
+#include <thread>
+
 #include "mark_file.h"
+#include "stopped_call.h"
 #include "store_fixture.h"
 
 namespace kvr {
 namespace {
 
 using CrashTest = StoreTest;
+
+/// Waits until the process waits for a lock, asking again or not.
+void await_waiting(pid_t pid) {
+    const std::string file = "/proc/" + std::to_string(pid) + "/syscall";
+    const auto deadline = std::chrono::steady_clock::now() + test::kDeadline;
+    for (long call = -1; call != SYS_fcntl && call != SYS_clock_nanosleep;) {
+        ASSERT_LT(std::chrono::steady_clock::now(), deadline);
+        std::istringstream(test::contents(file)) >> call;
+    }
+}
+
+TEST_F(CrashTest, OpenerThatDiesOrFailsHalfWayLosesNothing) {
+    for (const bool dies : {true, false}) {
+        store_.reset(); // the first opener of all sets up what they share
+        test::Child opener = test::Child::fork_off([&] {
+            test::stop_at_next_call(EIO);
+            return code_of([&] { return Store::open(dir_); }) == Errc::kIo ? 1 : 0;
+        });
+        test::await_stopped(opener);
+        test::Child putter = test::Child::fork_off([&] {
+            store_ = Store::open(dir_);
+            return put("told") == Errc{} ? 0 : 1;
+        });
+        await_waiting(putter.pid());
+        ::kill(opener.pid(), dies ? SIGKILL : SIGCONT);
+        EXPECT_EQ(opener.result(), dies ? -SIGKILL : 1);
+        EXPECT_EQ(putter.result(), 0);
+        store_ = Store::open(dir_);
+        EXPECT_EQ(take_all(), Texts{"told"}) << dies;
+    }
+}
+
+TEST_F(CrashTest, OpenersKilledAtAnyMomentLoseNothing) {
+    std::mt19937 random{std::random_device{}()};
+    Texts told;
+    store_.reset();
+    for (int i = 0; i < 100; ++i) {
+        test::Child opener = test::Child::fork_off([&] { return Store::open(dir_) ? 0 : 1; });
+        test::Child putter = test::Child::fork_off([&] {
+            store_ = Store::open(dir_);
+            return put(std::to_string(i)) == Errc{} ? 0 : 1;
+        });
+        std::this_thread::sleep_for(std::chrono::microseconds(std::uniform_int_distribution(0, 3000)(random)));
+        ::kill(opener.pid(), SIGKILL);
+        EXPECT_EQ(putter.result(), 0);
+        told.push_back(std::to_string(i));
+    }
+    store_ = Store::open(dir_);
+    EXPECT_EQ(take_all(), told);
+}
 
 TEST_F(CrashTest, KilledDrainerRepeatsAtMostTheMessageInHand) {
     constexpr int kMessages = 1100; // two groups of 512 and a part of one

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include "schema.h"
+#include "stopped_call.h"
 #include "store_fixture.h"
 
 namespace kvr {
@@ -143,6 +144,62 @@ TEST_F(EnvironmentTest, QuotaStopsPutsAndItsRoomComesBackWhole) {
     EXPECT_TRUE(emptied.file >= full.bytes && emptied.file < 4UL << 20) << emptied.file;
     store_->set_settings({.quota = 4UL << 20, .map_size = 8UL << 20, .sync = false});
     EXPECT_GT(fill(), fitted);
+}
+
+std::string g_notice;
+
+/// The error of a put; empty for none.
+std::string failure_of_put(Store& store, const std::string& text) {
+    const T_KAVRO_MD descriptor = blank_descriptor();
+    try {
+        store.put("Q", OutgoingMessage{&descriptor, {}, text});
+        return {};
+    } catch (const Error& error) {
+        return error.what();
+    }
+}
+
+TEST_F(EnvironmentTest, AFrozenWriterIsNamedAndWaitsForItEnd) {
+    test::Child writer = test::Child::fork_off([&] {
+        const auto store = Store::open(dir_);
+        test::stop_at_next_call(0);
+        return failure_of_put(*store, "first").empty() ? 0 : 1;
+    });
+    test::await_stopped(writer);
+    const std::string name = "process " + std::to_string(writer.pid()) + ",";
+    set_notice([](const std::string& line) { g_notice = line; });
+    limit_waits(std::chrono::milliseconds(2500));
+    EXPECT_THAT(failure_of_put(*store_, "second"), testing::HasSubstr(name));
+    EXPECT_THAT(g_notice, testing::HasSubstr(name));
+    limit_waits(test::kDeadline);
+    set_notice(nullptr);
+    ::kill(writer.pid(), SIGCONT);
+    EXPECT_EQ(failure_of_put(*store_, "third"), "");
+    EXPECT_EQ(writer.result(), 0);
+    EXPECT_EQ(shown(), (Texts{"first", "third"}));
+}
+
+TEST_F(EnvironmentTest, AFrozenReaderThatKeepsAllRoomIsNamed) {
+    make_store({.quota = 2UL << 20, .map_size = 4UL << 20});
+    test::Child reader = test::Child::fork_off([&] {
+        MDB_env* env = nullptr;
+        MDB_txn* txn = nullptr;
+        if (mdb_env_create(&env) != 0 || mdb_env_open(env, (dir_ / "store").c_str(), MDB_RDONLY, 0600) != 0 ||
+            mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn) != 0) {
+            return 1;
+        }
+        return ::raise(SIGSTOP);
+    });
+    test::await_stopped(reader);
+    std::string failure;
+    for (int i = 0; i < 100 && failure.empty(); ++i) {
+        failure = failure_of_put(*store_, std::string(100000, 'x'));
+        take_all();
+    }
+    EXPECT_THAT(failure, testing::HasSubstr("process " + std::to_string(reader.pid()) + " "));
+    ::kill(reader.pid(), SIGKILL);
+    EXPECT_EQ(reader.result(), -SIGKILL);
+    EXPECT_EQ(failure_of_put(*store_, std::string(100000, 'x')), "");
 }
 
 TEST_F(EnvironmentTest, ObjectsChangeAsAWholeOrNotAtAll) {

@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: MIT
+// The locks in front of those of LMDB. Nobody waits inside LMDB: who waits there for a process that dies while it sets
+// the shared region up takes a half-filled one for good and commits over the newest state, and who waits there for a
+// process that is frozen can neither say so nor give up.
+//
+// Both locks end with their holder's process, and waiting for either has the limits and the words of store.h.
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <mutex>
+
+namespace kvr {
+
+constexpr std::chrono::milliseconds kNoLimit = std::chrono::years(10);
+
+/// Held while a process opens or closes the environment. A lock of the open file, not of the process: when the holder
+/// dies the system drops it after the record locks of LMDB, so that its next holder finds those free.
+class OpeningLock {
+  public:
+    explicit OpeningLock(const std::filesystem::path& folder, std::chrono::milliseconds limit = kNoLimit);
+    ~OpeningLock();
+    OpeningLock(const OpeningLock&) = delete;
+    OpeningLock& operator=(const OpeningLock&) = delete;
+
+  private:
+    int fd_;
+};
+
+/// Held while a process writes. Its file stays open: closing any descriptor of it would release the process's lock.
+class WriterLock {
+  public:
+    explicit WriterLock(std::filesystem::path folder);
+    ~WriterLock();
+    WriterLock(const WriterLock&) = delete;
+    WriterLock& operator=(const WriterLock&) = delete;
+
+    void lock(); ///< throws kBusy, kIo
+    void unlock();
+
+  private:
+    bool try_lock_bytes(bool may_be_next, bool& is_next);
+
+    std::filesystem::path folder_;
+    int fd_;
+    std::mutex threads_; ///< the system's lock does not exclude the threads of one process
+};
+
+/// Tells a line by the function that set_notice set.
+void tell(const std::string& line);
+
+} // namespace kvr
