@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <poll.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -65,14 +66,20 @@ class ProcessHandle {
 
 /// Puts the record right when nobody runs the channel any more, which the lock guarantees meanwhile.
 bool repair(Store& store, const std::string& channel) {
+    std::optional<RunLock> lock;
     try {
-        const RunLock lock(store.dir(), channel);
-        return mark_stopped(store, channel);
+        lock.emplace(store.dir(), channel);
     } catch (const Error& error) {
         if (error.code() == Errc::kBusy) {
             return false; // started again: the record is the new process's
         }
         throw;
+    }
+    try {
+        return mark_stopped(store, channel);
+    } catch (const Error& error) {
+        throw Error(error.code(), "channel '" + channel +
+                                      "' does not run, but its status could not be put right: " + error.what());
     }
 }
 

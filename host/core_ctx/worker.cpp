@@ -221,6 +221,7 @@ void prepare(const WorkerOptions& options, int argc, char** argv) {
                                    "): check its folder, or leave the log on standard error; a link is not followed");
     }
     watch_reopen_signal();
+    set_notice([](const std::string& line) { log_line(kLevelFailure, line); });
     self.store = Store::open(options.home / options.qmgr);
     std::string qmgr = self.store->qmgr();
     KVR_LogSetQMName(qmgr.data());

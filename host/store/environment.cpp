@@ -489,10 +489,14 @@ void write_store(Environment& env, ReserveFile& reserve, Need need, const std::f
             }
         } catch (const UnknownOutcome&) {
             throw;
-        } catch (const Error&) {
-            // What made it open the environment anew certainly did not happen: it may be done again, once.
-            if (env.openings() == openings || std::exchange(opened_anew, true)) {
+        } catch (const Error& error) {
+            if (env.openings() == openings) {
                 throw;
+            }
+            // What made it open the environment anew is not seen and is overwritten when it is done again. Where that
+            // fails too, it may still come to light on the disk.
+            if (std::exchange(opened_anew, true)) {
+                throw UnknownOutcome(error);
             }
         }
     }

@@ -5,6 +5,7 @@
 #include <fstream>
 #include <thread>
 
+#include <fcntl.h>
 #include <sys/resource.h>
 
 #include "field.h"
@@ -332,6 +333,88 @@ TEST(Exhaustion, ADiskThatDoesNotKeepData) {
     field.put(MessageKind::kData, 5, 100, 100);
     field.await_arrived(55);
     field.expect_all_delivered();
+}
+
+// LMDB refuses a store of whose head one write failed: each program opens it anew by itself, and the write is done
+// once.
+TEST(Exhaustion, AHeadPageThatCannotBeWritten) {
+    Field field;
+    const auto failing = [&](const char* who) {
+        return Environment{{"LD_PRELOAD", KVR_HEAD_FAILS_LIBRARY}, {"KVR_HEAD_FAILS", (field.home() / who).native()}};
+    };
+    const auto fail = [&](const char* who, const char* how) { std::ofstream(field.home() / who) << how; };
+    const auto out = [&] { return contents(field.home() / "out"); };
+    for (const char* how : {"head", "told"}) {
+        fail("put", how);
+        Child put = field.start({"--qmgr", kSender, "put", kXmitQueue, how}, failing("put"));
+        EXPECT_EQ(put.result(), 0) << out();
+        EXPECT_FALSE(fs::exists(field.home() / "put")) << "nothing failed";
+        EXPECT_NE(out().find("opened anew"), std::string::npos);
+        Child get = field.start({"--qmgr", kSender, "get", kXmitQueue, "--all"});
+        EXPECT_EQ(get.result(), 0);
+    }
+    { Child first = field.listen(); }
+    Child listener = field.start({"--qmgr", kReceiver, "listen", "--bind", "127.0.0.1", "--port",
+                                  std::to_string(field.port()), "--spool", (field.home() / "spool").native()},
+                                 failing("listener"));
+    Child worker = field.run_channel(failing("worker"));
+    field.await_status("RUNING");
+    std::uint64_t sent = 0;
+    for (const char* who : {"listener", "worker"}) {
+        for (const char* how : {"head", "told"}) {
+            fail(who, how);
+            field.put(MessageKind::kData, 20, 100, 100);
+            field.await_arrived(sent += 20);
+            await("the failure", [&] { return !fs::exists(field.home() / who); });
+            field.put(MessageKind::kData, 1, 100, 100); // moves once the write has been done again
+            field.await_arrived(sent += 1);
+        }
+    }
+    field.await_log("opened anew", 2);
+    field.finish(worker);
+}
+
+/// Has the writer's turn of a store, and sits on it, as a process that was stopped in the middle of a write.
+Child frozen_writer(const fs::path& qmgr) {
+    Child child = Child::fork_off([&] {
+        struct flock lock {};
+        lock.l_type = F_WRLCK;
+        lock.l_len = 1;
+        const int fd = ::open((qmgr / "store" / "write.lock").c_str(), O_RDWR | O_CLOEXEC);
+        while (::fcntl(fd, F_SETLKW, &lock) != 0) {
+        }
+        return ::raise(SIGSTOP);
+    });
+    siginfo_t how{};
+    EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(child.pid()), &how, WSTOPPED | WNOWAIT), 0);
+    return child;
+}
+
+TEST(Exhaustion, AFrozenWriter) {
+    Field field;
+    Child listener = field.listen();
+    Child worker = field.run_channel();
+    field.await_status("RUNING");
+    ::kill(worker.pid(), SIGSTOP);
+    field.put(MessageKind::kData, 5, 100, 100);
+    Child writer = frozen_writer(field.home() / kSender);
+    ::kill(worker.pid(), SIGCONT);
+    field.await_arrived(5); // the worker is about to delete them
+    const auto since = Clock::now();
+    EXPECT_EQ(worker.result_under(SIGTERM), 0);
+    record_seconds("seconds to the worker's end", since);
+    const std::string name = "process " + std::to_string(writer.pid()) + ",";
+    Child put = field.start({"--qmgr", kSender, "put", kXmitQueue, "waits"});
+    await("the put to say what it waits for",
+          [&] { return contents(field.home() / "out").find("waiting for " + name) != std::string::npos; });
+    Child stop = field.start({"--qmgr", kSender, "stop", kChannel});
+    EXPECT_EQ(stop.result(), 1);
+    EXPECT_NE(contents(field.home() / "out").find("gave up waiting for " + name), std::string::npos);
+    ::kill(writer.pid(), SIGCONT);
+    EXPECT_EQ(put.result(), 0);
+    EXPECT_EQ(field.start({"--qmgr", kSender, "stop", kChannel}).result(), 0);
+    EXPECT_EQ(field.status(), "STOPED");
+    EXPECT_EQ(field.depth(), 1U);
 }
 
 } // namespace

@@ -16,6 +16,7 @@ namespace {
 
 constexpr double kDefaultTimeout = 10;
 constexpr double kMaxTimeout = 3600;
+constexpr std::chrono::seconds kStoreTimeout{3};
 
 std::string outcome_text(const std::string& channel, const StopOutcome& outcome, double timeout) {
     const char* repaired =
@@ -39,6 +40,7 @@ const char* outcome_word(StopResult result) {
 
 void stop(const GlobalOptions& global, const std::string& given_name, double timeout) {
     const std::string channel = checked_channel_name(given_name);
+    limit_waits(kStoreTimeout); // a process that is frozen in the store must not hold up its stop
     const auto store = open_store(global);
     require_channel(*store, channel);
     const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(timeout));

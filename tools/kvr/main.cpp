@@ -20,6 +20,7 @@
 #include "error.h"
 #include "output.h"
 #include "store_owner.h"
+#include "store.h"
 
 namespace kvr {
 
@@ -162,6 +163,7 @@ int run(int argc, char** argv) {
 int main(int argc, char** argv) {
     kvr::occupy_standard_descriptors();
     (void)std::signal(SIGPIPE, SIG_IGN);
+    kvr::set_notice([](const std::string& line) { (void)std::fprintf(stderr, "kvr: %s\n", line.c_str()); });
     (void)::umask(S_IRWXG | S_IRWXO);
     const rlimit no_core{0, 0}; // memory holds keys and pass phrases
     (void)::setrlimit(RLIMIT_CORE, &no_core);

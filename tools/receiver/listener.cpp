@@ -507,6 +507,7 @@ int Listener::end() {
 
 int run_listener(const ListenerOptions& options) {
     (void)::signal(SIGPIPE, SIG_IGN); // a write to a peer that is gone is an error, not the end
+    set_notice([](const std::string& line) { listen_log(line); });
     Listener listener(options);
     return listener.run();
 }
