@@ -91,7 +91,7 @@ class UnderLoad : public TroubledListener, public ::testing::WithParamInterface<
     std::uint64_t quota_ = 0;
 };
 INSTANTIATE_TEST_SUITE_P(Troubles, UnderLoad,
-                         ::testing::Values(Trouble{"RandomErrors", "5 50", 0, false, "cannot deliver"},
+                         ::testing::Values(Trouble{"RandomErrors", "5 50", 0, false, "Input/output error"},
                                            Trouble{"ReadOnlyDisk", "30 1", 0, false, "cannot deliver"},
                                            Trouble{"FullStore", "", 1U << 20U, false, "quota"},
                                            Trouble{"FullSpool", "", 0, true, "cannot store a file [28:"}),
