@@ -66,9 +66,11 @@ bool try_lock(int fd, int command, off_t byte, const std::filesystem::path& fold
     return false;
 }
 
-void unlock_byte(int fd, off_t byte) {
-    struct flock lock = bytes_lock(byte, F_UNLCK);
-    ::fcntl(fd, F_SETLK, &lock);
+/// The system may want memory for a part of a lock that is released: a try that failed is made again.
+void unlock_bytes(int fd, off_t byte, off_t count = 1) {
+    struct flock lock = bytes_lock(byte, F_UNLCK, count);
+    for (int tries = 3; ::fcntl(fd, F_SETLK, &lock) != 0 && tries > 0; --tries) {
+    }
 }
 
 std::string holder_of(int fd, off_t byte, off_t count = 1) {
@@ -172,7 +174,7 @@ bool WriterLock::try_lock_bytes(bool may_be_next, bool& is_next) {
         is_next = is_next || (may_be_next && try_lock(fd_, F_SETLK, kNextByte, folder_));
         return false;
     }
-    unlock_byte(fd_, kNextByte);
+    unlock_bytes(fd_, kNextByte);
     guard.release();
     return true;
 }
@@ -184,14 +186,14 @@ void WriterLock::lock() {
                  [this] { return holder_of(fd_, kLockedByte, kNextByte + 1); }, "writes to", folder_, kNoLimit);
     } catch (...) {
         if (is_next) {
-            unlock_byte(fd_, kNextByte);
+            unlock_bytes(fd_, kNextByte);
         }
         throw;
     }
 }
 
 void WriterLock::unlock() {
-    unlock_byte(fd_, kLockedByte);
+    unlock_bytes(fd_, kLockedByte, kNextByte + 1);
     threads_.unlock();
 }
 

@@ -214,7 +214,7 @@ TEST(LogOnStandardError, LinesOfOthersGetTheTimeBlockNobodyAndSurviveAnAbort) {
     EXPECT_EQ(child.result(), -SIGABRT);
     const std::string time = "[0-9-]{10}T[0-9:]{8}\\.[0-9]{3}Z ";
     EXPECT_THAT(kvr::test::contents(file),
-                MatchesRegex(time + "one\n" + time + "two\\\\x1b\n" + time + "1 QM1 [^\n]* work own\n(" + time +
+                MatchesRegex(time + "one\n" + time + "two\\\\x1b\n" + time + "1 [^\n]* work own\n(" + time +
                              "x{1000}\n)+plain\n" + time + "last words\n"));
 }
 
