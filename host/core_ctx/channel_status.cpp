@@ -78,8 +78,8 @@ bool repair(Store& store, const std::string& channel) {
     try {
         return mark_stopped(store, channel);
     } catch (const Error& error) {
-        throw Error(error.code(), "channel '" + channel +
-                                      "' does not run, but its status could not be put right: " + error.what());
+        throw Error(error.code(),
+                    "channel '" + channel + "' does not run, but its status could not be put right: " + error.what());
     }
 }
 

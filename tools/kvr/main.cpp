@@ -19,8 +19,8 @@
 #include "commands.h"
 #include "error.h"
 #include "output.h"
-#include "store_owner.h"
 #include "store.h"
+#include "store_owner.h"
 
 namespace kvr {
 
