@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
 # kvr_exports(LIBRARY EXPORTS names... USES regex FORBIDDEN regex NEEDS names...): a test that the library exports these
 # functions alone, uses nothing but libc and what USES matches, and nothing forbidden; that it needs all of the host's
-# libraries and those named, and looks for them in its own folder.
+# libraries and those named, looks for them in its own folder, and finds a missing symbol when it is loaded.
 if(NOT CMAKE_SCRIPT_MODE_FILE)
   function(kvr_exports library)
     if(CMAKE_CXX_FLAGS MATCHES "--coverage") # whose counters are exported too
@@ -47,4 +47,7 @@ list(SORT needed)
 list(SORT NEEDS)
 if(NOT needed STREQUAL NEEDS OR NOT dynamic MATCHES "runpath: \\$ORIGIN\n")
   message(FATAL_ERROR "needs ${needed} instead of ${NEEDS}, or has another runpath: ${dynamic}")
+endif()
+if(NOT dynamic MATCHES "BIND_NOW")
+  message(FATAL_ERROR "its symbols are looked up at their first call, which may be in a handler: ${dynamic}")
 endif()
