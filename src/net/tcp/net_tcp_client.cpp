@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The operations of the TCP client record (contract in net_tcp_client.h). Init, connect and read belong to the main
-// flow; write and close are called in signal handlers as well and then allocate and release nothing.
+// flow; write and close are called in signal handlers as well and then use no heap: what OpenSSL allocates in a write
+// is a block of a fixed pool.
 #include "net_tcp_client.h"
 
 #include "kavutil.h"
@@ -145,8 +146,8 @@ int netTcpClientWrite(void* pThis, void* pBuf, int iWriteLen, int) {
         return iRet;
     }
     if (iSocketNo <= 0 || ssl == nullptr || Look(ptClient->iStat) != 1) {
-        NET_TCP_FAIL(ptClient, ENOTCONN, __func__, "write[%d] ret[%d] error[%s]", iWriteLen, -1,
-                     ErrnoText(ENOTCONN).sText);
+        NET_TCP_FAIL(ptClient, -1, __func__, "write[%d] ret[%d] error[%s]", iWriteLen, -1, ErrnoText(ENOTCONN).sText);
+        errno = ENOTCONN;
         return -1;
     }
     return WriteTls(ptClient, ssl, iSocketNo, pBuf, iWriteLen);

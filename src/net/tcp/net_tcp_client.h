@@ -5,9 +5,11 @@
 // (repeated after a failure as the caller likes), any number of pfnWrite and pfnRead, pfnClose.
 //
 // One thread uses a record. pfnWrite and pfnClose may also be called from its signal handlers, provided that a handler
-// runs with its own signal held (sigset, or sigaction without SA_NODEFER). A close from a handler makes the connection
-// unusable at once, but its descriptor number and TLS objects are given back only by the next operation on the record
-// outside a handler: a write that was interrupted can reach neither a foreign descriptor nor a released session.
+// stays installed and runs with its own signal held (sigset, or sigaction without SA_NODEFER and SA_RESETHAND). A main
+// flow that comes to hold a signal with a handler after the creation counts as one. A close from a handler makes the
+// connection unusable at once, but its descriptor number and TLS objects are given back only by the next operation on
+// the record outside a handler: a write that was interrupted can reach neither a foreign descriptor nor a released
+// session.
 //
 // Callers ignore SIGPIPE: a write inside TLS raises it when the peer has gone.
 #pragma once
@@ -54,8 +56,8 @@ typedef struct T_NET_TCPCLIENT {
     SSL_CTX* ctx;                  ///< TLS context or null; owned by the record
     PFN_NET_TCPOBJINIT pfnInit;    ///< prepares for a connection: option bits, TLS context. 0 or -1
     PFN_NET_TCPCONNECT pfnConnect; ///< see the type
-    /// Writes all bytes: iWriteLen, else -1; ENOTCONN without a connection. Over TLS it first takes in what the peer
-    /// sent, and fails when that was more than TLS's own records; a write of 0 bytes does nothing else.
+    /// Writes all bytes: iWriteLen, else -1; errno is ENOTCONN without a connection. Over TLS it first takes in what
+    /// the peer sent, and fails when that was more than TLS's own records; a write of 0 bytes does nothing else.
     PFN_NET_TCPWRITE pfnWrite;
     PFN_NET_TCPREAD pfnRead;          ///< reads all bytes: iLen; 0 when the connection ended first; else -1
     PFN_NET_TCPOBJCLOSE pfnClose;     ///< ends the connection and frees its TLS objects; may be repeated. 0

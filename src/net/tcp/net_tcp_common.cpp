@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // TLS helpers of the TCP client (contracts in net_tcp_common.h). The client calls netTcpSSLWriteN in signal handlers
-// too: a write on an established connection neither allocates nor takes part in stdio.
+// too: a write on an established connection takes no part in stdio, and what OpenSSL allocates in it comes from a fixed
+// pool, as long as its blocks fit there (net_tcp_heap.inl).
 #include "net_tcp_common.h"
 
 #include <cerrno>

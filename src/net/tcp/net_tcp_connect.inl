@@ -120,7 +120,8 @@ int StartTls(T_NET_TCPCLIENT* ptClient, int iSocketNo, int iOptions) {
     ERR_clear_error();
     SSL* ssl = SSL_new(Look(ptClient->ctx));
     if (ssl == nullptr) {
-        NET_TCP_FAIL(ptClient, -1, CONNECT_FUNC, "SSL_new error[%s]", TlsReason(0).sText);
+        const T_REASON tWhy = TlsReason(0);
+        NET_TCP_FAIL(ptClient, -1, CONNECT_FUNC, "SSL_new error[%s]", tWhy.sText);
         return -1;
     }
     // A write returns after each record, so that its time limit and interruptions are looked at; a server cannot make
@@ -149,7 +150,8 @@ int StartTls(T_NET_TCPCLIENT* ptClient, int iSocketNo, int iOptions) {
 
     const int iCheck = netTcpSSLCheckCert(ssl, nullptr, iOptions);
     if (iCheck != 0) {
-        NET_TCP_FAIL(ptClient, -1, CONNECT_FUNC, "netTcpSSLCheckCert error[%s]", PeerReason(ssl, iCheck).sText);
+        tReason = PeerReason(ssl, iCheck);
+        NET_TCP_FAIL(ptClient, -1, CONNECT_FUNC, "netTcpSSLCheckCert error[%s]", tReason.sText);
         return -1;
     }
     NET_TCP_LOG(ptClient, 5, CONNECT_FUNC, "netTcpSSLCheckCert success.");

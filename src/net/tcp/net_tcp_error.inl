@@ -10,7 +10,8 @@
     (ptClient)->pfnLogPrint(nullptr, iLevel, f_sModule, f_sFile, __LINE__, psFunc,                                     \
                             const_cast<char*>(psFmt) __VA_OPT__(, ) __VA_ARGS__)
 
-/// Stores code and text of a failure, logs the text and leaves errno telling of it.
+/// Stores code and text of a failure, logs the text and leaves errno telling of it. The arguments are used twice: none
+/// may have a side effect, such as emptying OpenSSL's error queue.
 #define NET_TCP_FAIL(ptClient, iCode, psFunc, psFmt, ...)                                                              \
     do {                                                                                                               \
         SetError(ptClient, iCode, psFmt, __VA_ARGS__);                                                                 \

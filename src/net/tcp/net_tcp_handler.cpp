@@ -10,6 +10,11 @@ void MarkMainFlow() {
     pthread_sigmask(SIG_BLOCK, nullptr, &f_tMainMask);
 }
 
+static bool HasHandler(int iSig) {
+    struct sigaction tAction {};
+    return sigaction(iSig, nullptr, &tAction) == 0 && tAction.sa_handler != SIG_DFL && tAction.sa_handler != SIG_IGN;
+}
+
 int InHandler() {
     sigset_t tNow;
     pthread_sigmask(SIG_BLOCK, nullptr, &tNow);
@@ -17,7 +22,7 @@ int InHandler() {
         return 0;
     }
     for (int iSig = 1; iSig < NSIG; iSig++) {
-        if (sigismember(&tNow, iSig) == 1 && sigismember(&f_tMainMask, iSig) == 0) {
+        if (sigismember(&tNow, iSig) == 1 && sigismember(&f_tMainMask, iSig) == 0 && HasHandler(iSig)) {
             return 1;
         }
     }
