@@ -60,6 +60,13 @@ Hook raising(int sig, int in_call) {
     };
 }
 
+bool held(int sig) {
+    raise(sig);
+    sigset_t pending;
+    sigpending(&pending);
+    return sigismember(&pending, sig) == 1;
+}
+
 Message message(const std::string& body, const std::string& dest) {
     Message msg = raw("XTMH" + std::string("\1\0\0\0", 4) + padded(dest, 32) + padded("QM2", 32) + body);
     msg.md.cMsgStoreType = KVR_STORE_DATA;
@@ -85,7 +92,7 @@ GetStep deliver(const Message& msg) {
             snprintf(list->sFiles[i], sizeof list->sFiles[i], "%s", msg.files[i].c_str());
         }
         std::copy(msg.data.begin(), msg.data.end(), buf);
-        *len = static_cast<int>(msg.data.size());
+        *len = msg.length.value_or(static_cast<int>(msg.data.size()));
         host().in_hand = msg;
         host().in_hand.md = *md;
         return kSuccess;

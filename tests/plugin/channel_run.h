@@ -25,6 +25,8 @@ Hook failing(int result, int from = 1, int to = 1 << 30, int err = 0);
 Hook failing_of(long a, int times, int result, int err);
 /// Raises the signal in the call of this number, or in every call, and lets it go on.
 Hook raising(int sig, int in_call = 0);
+/// Raises the signal, and tells whether it is held.
+bool held(int sig);
 
 /// A message with a transmission header for `dest`.
 Message message(const std::string& body, const std::string& dest = "Q1");

@@ -73,8 +73,7 @@ TEST_F(LineLoss, InTheWaitPausesAndRestarts) {
         }
         host().hooks["sleep"] = [](const Call&) -> std::optional<int> {
             wait_for("1 connection lost");
-            raise(SIGUSR2);
-            trace(kNote, "pause over");
+            trace(kNote, held(SIGUSR2) && held(SIGCHLD) ? "pause over" : "pause cut short");
             return 0;
         };
         host().get = {interrupted(sig), deliver(message("x"))};
@@ -130,6 +129,13 @@ TEST_F(LineLoss, SignalsAnywhereCostNothing) {
         EXPECT_EQ(r.conns.back(), kBind + data_frame("one") + data_frame("two")) << r.dump();
         EXPECT_TRUE(!c.lost || in_order(r, {"fork()", "3 line disconnected [0]"}));
     }
+}
+
+// The handler's close clears the client's code and text.
+TEST_F(LineLoss, BehindAFailedWriteLeavesItsReason) {
+    host().hooks = {{"write", failing_of(5, 1, 2, ECONNRESET)}, {"failure", raising(SIGUSR2)}};
+    const std::string reason = "error[104:write[5] ret[2] error[" + err(ECONNRESET) + "]]";
+    EXPECT_EQ(run_messages({message("hello")}).count("1 write [5] to receiver " + reason + " return[-1]"), 1);
 }
 
 class Watcher : public ChannelTest {

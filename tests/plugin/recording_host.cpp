@@ -54,6 +54,9 @@ void log_line(const char* end, const char* tag, int level, const char* mod, cons
     }
     const bool loss = strncmp(text, "line disconnected", 17) == 0;
     trace(net ? kNetLog : loss ? kLoss : kLog, "%d %s%s", level, text, end);
+    if (const auto hook = host().hooks.find("failure"); net && level == 1 && hook != host().hooks.end()) {
+        hook->second({1, 0});
+    }
     errno = EXDEV; // a log function may do so
 }
 

@@ -60,6 +60,7 @@ struct Message {
     std::string data;
     std::vector<std::string> files; ///< listed when the descriptor has the flag
     std::optional<int> file_count;  ///< a count other than that of `files`
+    std::optional<int> length;      ///< told by the get, other than that of `data`
     bool null_list = false;         ///< pOptData is null after the get
 };
 
@@ -71,7 +72,7 @@ using Attrs = std::map<std::string, std::string>;
 /// leave it.
 struct Host {
     std::map<std::string, Attrs> objects; ///< "CLASS/NAME"
-    std::map<std::string, Hook> hooks;    ///< by operation or system call
+    std::map<std::string, Hook> hooks;    ///< by operation or system call; "failure": a level-1 line of the TCP client
     std::deque<GetStep> get;
     std::string name = "ch1";  ///< channel name among the process arguments
     int sock = 0;              ///< the latest socket of the connection

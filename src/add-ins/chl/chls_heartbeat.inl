@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 // The heartbeat: SIGALRM while the run loop waits in its get. It keeps the line alive and tests it.
 
-static void BeatLine(void) {
+static void BeatLine(int iSocketNo) {
     T_KAVRO_CHL_HDR tKavroChlHdr = tKavroChlHdrTmp;
     tKavroChlHdr.sMsgType[0] = KVR_CHL_FRAME_HEARTBEAT;
     int iSndLen = static_cast<int>(sizeof(tKavroChlHdr));
 
-    if (sockCanRead(f_tTcpClient.iSocketNo) == 1) {
+    if (sockCanRead(iSocketNo) == 1) {
         f_tTcpClient.pfnClose(&f_tTcpClient, 0);
         f_iNetStat = 0;
         CHLS_LOG_OF("HeartBeat", LOG_EVENT, TXT("RCVER CLOSED"));
@@ -33,8 +33,10 @@ static void BeatLine(void) {
 static void HeartBeat(int /*iSig*/) {
     int iErrno = errno;
     f_iHBBreak = 1;
-    if (f_iInGet && f_iNetStat && f_tTcpClient.iSocketNo > 0) {
-        BeatLine();
+    // Read once: the line-loss handler may empty the record in between, but leaves the number allotted.
+    int iSocketNo = f_tTcpClient.iSocketNo;
+    if (f_iInGet && f_iNetStat && iSocketNo > 0) {
+        BeatLine(iSocketNo);
     }
     WakeGet();
     errno = iErrno;

@@ -45,17 +45,23 @@ static int StartLine(void) {
     return SetObjRuning();
 }
 
-/// Holds the channel's own signals; the mask before is for the caller to restore.
-static void HoldSignals(sigset_t* ptBefore) {
+/// Holds the channel's own signals and `iAlso` (0: none); the mask before is for the caller to restore. SIGCHLD, which
+/// the watcher's end raises, is held for a moment only: a host may have children of its own to reap.
+static void HoldSignals(sigset_t* ptBefore, int iAlso) {
     sigset_t tHeld;
     sigemptyset(&tHeld);
     sigaddset(&tHeld, SIGUSR2);
     sigaddset(&tHeld, SIGALRM);
+    if (iAlso > 0) {
+        sigaddset(&tHeld, iAlso);
+    }
     pthread_sigmask(SIG_BLOCK, &tHeld, ptBefore);
 }
 
 /// Makes sure of a bound connection with a watcher: at once when the line is up, otherwise through a new connection.
-/// 0; -1 when connection, bind or watcher failed; -10002 when the line is up but could not be recorded.
+/// 0; -1 when connection, bind or watcher failed; -10002 when the line is up but could not be recorded. A line signal
+/// that was held comes at the end, so the line of a start that succeeded can be down again: the next write fails then,
+/// or the next get is interrupted.
 static int SndrNetInit(void) {
     if (f_tTcpClient.pfnInit == nullptr) {
         CHLS_LOG(LOG_ERR, TXT("network start without a started channel"));
@@ -81,7 +87,7 @@ static int SndrNetInit(void) {
     // Until the new watcher runs, a line signal from anybody would close the new client under way, and a stray alarm
     // would break the connect off: both are held and delivered afterwards.
     sigset_t tBefore;
-    HoldSignals(&tBefore);
+    HoldSignals(&tBefore, 0);
     int iRet = StartLine();
     pthread_sigmask(SIG_SETMASK, &tBefore, nullptr);
     if (iRet < 0 && !f_iNetStat) {

@@ -33,15 +33,43 @@ static void Resume(void) {
         f_tTcpClient.pfnClose(&f_tTcpClient, 0);
         CHLS_LOG_OF("OnRunEventHandler", LOG_EVENT, TXT("RCVER CLOSED"));
     }
-    // A close in a handler wakes the line's watcher too; its signal must not cut the pause short.
+    // A close in a handler wakes the line's watcher too; neither its signal nor its end may cut the pause short.
     sigset_t tBefore;
-    HoldSignals(&tBefore);
+    HoldSignals(&tBefore, SIGCHLD);
     sleep(CHLS_RESTART_PAUSE);
     pthread_sigmask(SIG_SETMASK, &tBefore, nullptr);
     int iRet = SndrNetInit();
     if (iRet < 0) {
         CHLS_LOG_OF("OnRunEventHandler", LOG_ERR, TXT("SndrNetInit error[%d]"), iRet);
         EndRun();
+    }
+}
+
+/// Puts a message that was not sent on the dead-letter queue. The get behind it uses the message up, so no signal of
+/// the line may make the put fail, which a host's operation may do when it is interrupted.
+static void LayAside(T_KAVRO_MD* ptMD, char* psMsgBuf, int iDataLen) {
+    sigset_t tBefore;
+    LetHostStop();
+    HoldSignals(&tBefore, SIGCHLD);
+    SndMsgToDeadQ(ptMD, psMsgBuf, iDataLen);
+    pthread_sigmask(SIG_SETMASK, &tBefore, nullptr);
+}
+
+/// Sends a message as the get returned it, or lays it aside. The length is the host's word: nothing behind the buffer
+/// is read, and a message of which only the beginning can have come is not sent.
+static void HandleMsg(T_KAVRO_MD* ptMD, char* psMsgBuf, int iDataLen) {
+    CHLS_LOG_OF("OnRunEventHandler", LOG_INF, TXT("rcv len[%d]"), iDataLen);
+    if (iDataLen > CHLS_RECV_SIZE) {
+        CHLS_LOG_OF("OnRunEventHandler", LOG_ERR, TXT("message of [%d] bytes exceeds the buffer of [%d]: not sent"),
+                    iDataLen, CHLS_RECV_SIZE);
+        LayAside(ptMD, psMsgBuf, CHLS_RECV_SIZE);
+        return;
+    }
+    int iLen = iDataLen > 0 ? iDataLen : 0;
+    int iRet = ProcMsg(ptMD, psMsgBuf, iLen);
+    if (iRet < 0) {
+        CHLS_LOG_OF("OnRunEventHandler", LOG_ERR, TXT("ProcMsg[%d]"), iRet);
+        LayAside(ptMD, psMsgBuf, iLen);
     }
 }
 
@@ -84,13 +112,7 @@ static int OnRunEventHandler(int /*iPlugId*/, int /*iEventId*/, void* /*pInData*
         alarm(0);
 
         if (iRet >= 0) {
-            CHLS_LOG(LOG_INF, TXT("rcv len[%d]"), iDataLen);
-            iRet = ProcMsg(&tMD, sRecvBuf, iDataLen);
-            if (iRet < 0) {
-                CHLS_LOG(LOG_ERR, TXT("ProcMsg[%d]"), iRet);
-                LetHostStop();
-                SndMsgToDeadQ(&tMD, sRecvBuf, iDataLen);
-            }
+            HandleMsg(&tMD, sRecvBuf, iDataLen);
         } else if (f_iHBBreak == 0) {
             CHLS_LOG(LOG_ERR, TXT("RecvIpcMsg error[%d]"), iRet);
             EndRun();

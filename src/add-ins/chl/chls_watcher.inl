@@ -165,13 +165,26 @@ static void StopNetChkProc(const char* psFunc) {
     f_iMonPid = 0;
 }
 
+/// Closes the client but leaves the code and text of a failed operation, which the close clears and which the main flow
+/// may be about to show. The client's next operation clears them.
+static void CloseKeepingError(void) {
+    int iErrorCode = f_tTcpClient.iErrorCode;
+    char sErrorStr[sizeof(f_tTcpClient.sErrorStr)];
+    memcpy(sErrorStr, f_tTcpClient.sErrorStr, sizeof(sErrorStr));
+    f_tTcpClient.pfnClose(&f_tTcpClient, 0);
+    if (iErrorCode != 0) {
+        memcpy(f_tTcpClient.sErrorStr, sErrorStr, sizeof(sErrorStr));
+        f_tTcpClient.iErrorCode = iErrorCode;
+    }
+}
+
 /// SIGUSR2, at any point of the main flow. Calls: the client's close (which in a handler neither frees nor gives back
 /// the descriptor number), alarm and the host's log. Before the client exists it only raises and lowers the flags.
 static void OnNetDisconn(int /*iSig*/) {
     int iErrno = errno;
     f_iHBBreak = 1;
     if (f_tTcpClient.pfnClose != nullptr) {
-        f_tTcpClient.pfnClose(&f_tTcpClient, 0);
+        CloseKeepingError();
     }
     f_iNetStat = 0;
     WakeGet();

@@ -115,7 +115,7 @@ static int StartNetChkProc(void);
 static void CheckNetStat(void);
 static void OnNetDisconn(int iSig);
 static void StopNetChkProc(const char* psFunc);
-static void HoldSignals(sigset_t* ptBefore);
+static void HoldSignals(sigset_t* ptBefore, int iAlso);
 static int SndrNetInit(void);
 static void HeartBeat(int iSig);
 
