@@ -65,7 +65,7 @@ class ProcessHandle {
 };
 
 /// Puts the record right when nobody runs the channel any more, which the lock guarantees meanwhile.
-bool repair(Store& store, const std::string& channel) {
+bool repair(Store& store, const std::string& channel, bool killed = false) {
     std::optional<RunLock> lock;
     try {
         lock.emplace(store.dir(), channel);
@@ -76,7 +76,7 @@ bool repair(Store& store, const std::string& channel) {
         throw;
     }
     try {
-        return mark_stopped(store, channel);
+        return mark_stopped(store, channel, killed ? "" : "its process ended without a word");
     } catch (const Error& error) {
         throw Error(error.code(),
                     "channel '" + channel + "' does not run, but its status could not be put right: " + error.what());
@@ -102,11 +102,13 @@ ChannelStatus recorded_status(Store& store, const std::string& channel) {
     status.local_port = attributes["LOCALPORT"];
     status.remote_ip = attributes["REMOTEIP"];
     status.remote_port = attributes["REMOTEPORT"];
-    for (const char* name : {"CONNAME", "SHORTRTY", "SHORTTMR", "LONGRTY", "LONGTMR"}) {
+    for (const char* name : {"XMITQ", "HBINT", "SSLCAUTH", "CONNAME", "SHORTRTY", "SHORTTMR", "LONGRTY", "LONGTMR"}) {
         if (attributes.contains(name)) {
-            status.connecting[name] = attributes[name];
+            status.taken[name] = attributes[name];
         }
     }
+    status.failure = attributes["FAILURE"];
+    status.log = attributes["LOG"];
     return status;
 }
 
@@ -116,12 +118,16 @@ ChannelStatus channel_status(Store& store, const std::string& channel) {
     return status;
 }
 
-bool mark_stopped(Store& store, const std::string& channel) {
+bool mark_stopped(Store& store, const std::string& channel, const std::string& failure) {
     const ChannelStatus status = recorded_status(store, channel);
     if (!status.is_stale()) {
         return false;
     }
-    store.object_set("CHS", channel, {{"PID", "-1"}, {"STATUS", "STOPED"}});
+    Attributes stopped{{"PID", "-1"}, {"STATUS", "STOPED"}};
+    if (status.failure.empty()) {
+        stopped.merge(Attributes{{"FAILURE", failure}, {"LOG", ""}});
+    }
+    store.object_set("CHS", channel, stopped);
     return true;
 }
 
@@ -146,7 +152,7 @@ StopOutcome stop_channel(Store& store, const std::string& channel, std::chrono::
         }
         result = StopResult::kKilled;
     }
-    return {result, pid, repair(store, channel)};
+    return {result, pid, repair(store, channel, result == StopResult::kKilled)};
 }
 
 } // namespace kvr

@@ -21,12 +21,17 @@ struct ChannelStatus {
     std::string local_port;  //
     std::string remote_ip;   //
     std::string remote_port; //
-    /// CONNAME, SHORTRTY, SHORTTMR, LONGRTY and LONGTMR as the channel read them when it began to connect; it tries
-    /// with these until it has a connection or gives up. Empty: it never began.
-    Attributes connecting;
+    /// What the process recorded_pid goes by, whatever the definition says by now: XMITQ, HBINT and SSLCAUTH as it
+    /// read them at its start; CONNAME, SHORTRTY, SHORTTMR, LONGRTY and LONGTMR as it read them when it began to
+    /// connect. Those that it never read are missing.
+    Attributes taken;
+    std::string failure; ///< when and why the last process failed; empty: it did not, or nobody knows
+    std::string log;     ///< where it says more; empty: on its standard error
 
     /// The record names a state of a running channel, but nobody runs it: its process ended without a word.
     [[nodiscard]] bool is_stale() const { return runner == 0 && !state.empty() && state != "STOPED"; }
+    /// The record is that of the process that runs the channel now.
+    [[nodiscard]] bool is_current() const { return runner > 0 && runner == recorded_pid; }
 };
 
 /// Reads the status of a channel (name in upper case). Throws kvr::Error from the store.
@@ -52,7 +57,8 @@ KVR_EXPORT StopOutcome stop_channel(Store& store, const std::string& channel, st
 /// The record alone, `runner` left 0. For the process that holds the run lock too.
 ChannelStatus recorded_status(Store& store, const std::string& channel);
 
-/// Writes "STOPED" and PID -1 when the record says otherwise; returns whether it did. The caller holds the run lock.
-bool mark_stopped(Store& store, const std::string& channel);
+/// Writes "STOPED" and PID -1 when the record says otherwise, with `failure` where it names none; returns whether it
+/// did. The caller holds the run lock.
+bool mark_stopped(Store& store, const std::string& channel, const std::string& failure);
 
 } // namespace kvr

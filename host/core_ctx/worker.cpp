@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <memory>
 #include <optional>
 #include <strings.h>
@@ -38,6 +39,7 @@ constexpr int kLevelEvent = 3;
 /// What the process runs; lives until _exit.
 struct Worker {
     std::string channel;
+    std::filesystem::path log_file;
     std::shared_ptr<Store> store;
     std::optional<RunLock> lock;
     std::optional<Context> context;
@@ -145,15 +147,36 @@ void check_dead_letter_queue(Store& store, const WorkerOptions& options) {
 /// whatever process, this one included. Under the run lock it is known to be stale.
 void repair_status(Store& store, const std::string& channel) {
     const ChannelStatus status = recorded_status(store, channel);
-    if (procIsExist(status.recorded_pid) > 0 && mark_stopped(store, channel)) {
+    if (procIsExist(status.recorded_pid) > 0 && mark_stopped(store, channel, "")) {
         log_line(kLevelEvent, "channel[" + channel + "] stat[" + status.state + "] pid[" +
                                   std::to_string(status.recorded_pid) +
                                   "] is stale: that process does not run it; taken over");
     }
 }
 
+std::string utc_now() {
+    const std::time_t now = std::time(nullptr);
+    std::tm parts{};
+    char text[sizeof "2000-01-01 00:00:00 UTC"] = "";
+    std::strftime(text, sizeof text, "%F %T UTC", gmtime_r(&now, &parts));
+    return text;
+}
+
+/// Operators cannot tell a failed channel from a stopped one by its state. Where even this cannot be written, the log
+/// has it.
+void record_failure(const std::string& text) {
+    constexpr std::chrono::seconds kLongest{2};
+    limit_waits(kLongest);
+    try {
+        const Attributes failure{{"FAILURE", utc_now() + ", " + text}, {"LOG", worker().log_file.native()}};
+        worker().store->object_set("CHS", worker().channel, failure);
+    } catch (const std::exception& error) {
+        log_line(kLevelFailure, std::string("the failure is not shown by 'kvr status': ") + error.what());
+    }
+}
+
 /// Raises the exit event and ends the process. Reached from the main flow only, once.
-[[noreturn]] void end_process(int status) {
+[[noreturn]] void end_process(int status, const std::string& failure = {}) {
     stop_set_hook(nullptr);
     ignore_stop_signals();
     // The plug-in's handlers must not run under its shutdown, which still is its main flow: ignored, not held.
@@ -166,6 +189,9 @@ void repair_status(Store& store, const std::string& channel) {
     sigprocmask(SIG_SETMASK, &held, nullptr);
     if (worker().plugin) {
         worker().plugin->raise(PluginEvent::kExit);
+    }
+    if (!failure.empty()) {
+        record_failure(failure);
     }
     log_restore_stderr();
     log_line(kLevelEvent, "channel[" + worker().channel + "] ended, status[" + std::to_string(status) + "]");
@@ -190,10 +216,14 @@ void on_stop(StopPlace place) {
 /// The run event ends the process itself when it cannot go on. Where a stop made it fail (an interrupted connection
 /// without retries left), this is the stop.
 void on_exit_in_run() {
-    if (worker().plugin && stop_pending()) {
+    if (!worker().plugin) {
+        return;
+    }
+    if (stop_pending()) {
         queue_give_back();
         end_stopped();
     }
+    record_failure("the channel could not go on");
 }
 
 /// Ends after an event that failed: as stopped when a stop made it fail.
@@ -208,12 +238,13 @@ void on_exit_in_run() {
                                  "phrase ('kvr set qmgr --keypass-file FILE')";
     warn(options, "channel '" + worker().channel + "' " + what + " (result " + std::to_string(result) + "): " + where +
                       " say why" + (worker().tls ? tls_hint : ""));
-    end_process(EXIT_FAILURE);
+    end_process(EXIT_FAILURE, std::string(what) + " (result " + std::to_string(result) + ")");
 }
 
 void prepare(const WorkerOptions& options, int argc, char** argv) {
     Worker& self = worker();
     self.channel = checked_channel(options.channel);
+    self.log_file = options.log_file;
     log_set_level(options.log_level);
     if (log_open(options.log_file.c_str()) != 0) {
         throw Error(Errc::kIo, "log file '" + options.log_file.string() + "' cannot be opened (" +

@@ -25,19 +25,29 @@ namespace {
 constexpr int kMaxCount = 32;
 constexpr BorderModule kSelf{"$kavro_object", "kavro_object"};
 
-/// What the channel reads each time it begins to connect, and never again before it has a connection or gave up.
-constexpr std::array<const char*, 5> kConnecting{"CONNAME", "SHORTRTY", "SHORTTMR", "LONGRTY", "LONGTMR"};
-
-/// These as this process has read them last.
-Attributes& connecting() {
+/// What this process goes by of its channel's definition: each attribute as it was when the channel read it, at its
+/// start or when it began to connect. Operators change the definition meanwhile.
+Attributes& taken() {
     static Attributes last;
     return last;
 }
 
-void remember_connecting(const Attributes& definition) {
-    for (const char* name : kConnecting) {
-        const auto value = definition.find(name);
-        connecting()[name] = value == definition.end() ? "" : value->second;
+/// Those that the status object has room for.
+void remember_taken(const Attributes& definition, int count, char** attrs) {
+    const ClassSpec& status = *find_class("CHS");
+    for (int i = 0; i < count; ++i) {
+        if (find_attr(status, attrs[i]) != nullptr) {
+            const auto value = definition.find(attrs[i]);
+            taken()[attrs[i]] = value == definition.end() ? "" : value->second;
+        }
+    }
+}
+
+/// What the host adds to the status of a channel that is not stopped, for operators.
+void add_own_status(const char* cls, Attributes& given) {
+    if (std::strcmp(cls, "CHS") == 0 && given.contains("STATUS") && given["STATUS"] != "STOPED") {
+        given.merge(Attributes(taken()));
+        given["FAILURE"] = "";
     }
 }
 
@@ -72,7 +82,7 @@ void get_attributes(const void* handle, const char* cls, const char* name, int c
         check_attr(cls, attrs[i], text); // known, and no longer than the reader's buffer: nobody tells us its size
     }
     if (std::strcmp(cls, "CHL") == 0) {
-        remember_connecting(values);
+        remember_taken(values, count, attrs);
     }
     for (int i = 0; i < count; ++i) {
         if (const auto value = values.find(attrs[i]); value != values.end()) {
@@ -98,9 +108,7 @@ void set_attributes(const void* handle, const char* cls, const char* name, int c
     check_arguments(cls, name, count, attrs, values);
     Attributes given = to_attributes(count, attrs, values);
     const std::string state = std::strcmp(cls, "CHS") == 0 && given.contains("STATUS") ? given["STATUS"] : "";
-    if (state == "RETRYING") {
-        given.merge(Attributes(connecting()));
-    }
+    add_own_status(cls, given);
     store_of(handle)->object_set(cls, name, given);
     if (state == "RUNING" && given.contains("REMOTEIP")) {
         log_line_up(name, given);
@@ -110,7 +118,9 @@ void set_attributes(const void* handle, const char* cls, const char* name, int c
 void add_object(const void* handle, const char* cls, const char* name, int count, char** attrs, char** values) {
     stop_point(StopPlace::kMidMessage);
     check_arguments(cls, name, count, attrs, values);
-    store_of(handle)->object_add(cls, name, to_attributes(count, attrs, values));
+    Attributes given = to_attributes(count, attrs, values);
+    add_own_status(cls, given);
+    store_of(handle)->object_add(cls, name, given);
 }
 
 using Operation = void (*)(const void*, const char*, const char*, int, char**, char**);

@@ -6,15 +6,17 @@
 #include <array>
 #include <charconv>
 
+#include <arpa/inet.h>
 #include <strings.h>
 
 namespace kvr {
 
 namespace {
 
-constexpr std::size_t kShort = 63;  ///< readers' buffers of 64 bytes
-constexpr std::size_t kLong = 255;  ///< readers' buffers of 256 bytes
-constexpr long kMaxSeconds = 86400; ///< a day: longer pauses look like a dead channel
+constexpr std::size_t kShort = 63;      ///< readers' buffers of 64 bytes
+constexpr std::size_t kLong = 255;      ///< readers' buffers of 256 bytes
+constexpr std::size_t kPathRoom = 4095; ///< for what no reader copies
+constexpr long kMaxSeconds = 86400;     ///< a day: longer pauses look like a dead channel
 constexpr long kMaxRetries = 999999999;
 constexpr long kMaxPort = 65535;
 /// Queue names fit 32 bytes wherever they travel, although the readers' buffers hold 63.
@@ -49,19 +51,26 @@ constexpr std::array<AttrSpec, 6> kQmgr{{
     {"KEYPASS", kShort, AttrKind::kSecret, 0, 0, "", "", "pass phrase of the private key"},
 }};
 
-constexpr std::array<AttrSpec, 11> kStatus{{
+constexpr std::array<AttrSpec, 16> kStatus{{
     {"PID", kLong, AttrKind::kText, 0, 0, "", "", "process that runs the channel; -1 after a stop"},
     {"STATUS", kLong, AttrKind::kText, 0, 0, "", "", "BINDING, RETRYING, RUNING or STOPED"},
     {"LOCALIP", kShort, AttrKind::kText, 0, 0, "", "", "own address of the connection"},
     {"LOCALPORT", kShort, AttrKind::kText, 0, 0, "", "", "own port of the connection"},
     {"REMOTEIP", kLong, AttrKind::kText, 0, 0, "", "", "listener's address"},
     {"REMOTEPORT", kShort, AttrKind::kText, 0, 0, "", "", "listener's port"},
-    // The host's own: what the channel read of its definition when it began to connect.
+    // The host's own: what the channel read of its definition when it started,
+    {"XMITQ", kQueueNameRoom, AttrKind::kText, 0, 0, "", "", "transmission queue that it drains"},
+    {"HBINT", kLong, AttrKind::kText, 0, 0, "", "", "heartbeat interval that it keeps"},
+    {"SSLCAUTH", kLong, AttrKind::kText, 0, 0, "", "", "whether it uses TLS"},
+    // and when it began to connect;
     {"CONNAME", kLong, AttrKind::kText, 0, 0, "", "", "address that it connects to"},
     {"SHORTRTY", kShort, AttrKind::kText, 0, 0, "", "", "short retries that it makes"},
     {"SHORTTMR", kShort, AttrKind::kText, 0, 0, "", "", "seconds before each of them"},
     {"LONGRTY", kLong, AttrKind::kText, 0, 0, "", "", "long retries that it makes"},
     {"LONGTMR", kShort, AttrKind::kText, 0, 0, "", "", "seconds before each of them"},
+    // and how its process ended.
+    {"FAILURE", kLong, AttrKind::kText, 0, 0, "", "", "when and why it failed; empty: it did not"},
+    {"LOG", kPathRoom, AttrKind::kPath, 0, 0, "", "", "log of the process that failed; empty: standard error"},
 }};
 
 constexpr std::array<ClassSpec, 3> kClasses{{{"CHL", kChannel}, {"QMGR", kQmgr}, {"CHS", kStatus}}};
@@ -105,6 +114,32 @@ bool is_port(std::string_view text) {
     return parse_number(text, port) && port >= 1 && port <= kMaxPort;
 }
 
+bool is_label(std::string_view label) {
+    constexpr std::size_t kMaxLabel = 63;
+    return !label.empty() && label.size() <= kMaxLabel && label.front() != '-' && label.back() != '-' &&
+           std::all_of(label.begin(), label.end(), [](char c) {
+               return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '-' ||
+                      c == '_';
+           });
+}
+
+bool is_host_name(std::string_view host) {
+    host.remove_suffix(host.ends_with('.') ? 1 : 0);
+    for (std::size_t dot = host.find('.'); dot != std::string_view::npos; dot = host.find('.')) {
+        if (!is_label(host.substr(0, dot))) {
+            return false;
+        }
+        host.remove_prefix(dot + 1);
+    }
+    return is_label(host);
+}
+
+/// No name ends in a number: what does is meant as an address.
+bool ends_in_number(std::string_view host) {
+    const std::string_view last = host.substr(host.rfind('.') + 1);
+    return !last.empty() && last.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
 /// What is wrong with an address, empty for nothing. A reader of connection names takes the host up to the first "(",
 /// the port up to the next ")", and nothing but IPv4.
 std::string address_fault(std::string_view value) {
@@ -115,14 +150,18 @@ std::string address_fault(std::string_view value) {
         return "is an IPv6 address and the channel speaks IPv4, write an IPv4 address or a host's name, such as "
                "10.0.0.2(5151)";
     }
-    if (colon != std::string_view::npos && colon > 0 && is_port(value.substr(colon + 1))) {
-        return "has its port after a colon, write " + std::string(host.substr(0, colon)) + "(" +
-               std::string(value.substr(colon + 1)) + ")";
+    const std::size_t mark = host.find_first_of(":,");
+    if (mark != std::string_view::npos && mark > 0 && is_port(value.substr(mark + 1))) {
+        return std::string("has its port after a ") + (value[mark] == ':' ? "colon" : "comma") + ", write " +
+               std::string(host.substr(0, mark)) + "(" + std::string(value.substr(mark + 1)) + ")";
     }
-    const bool named = !host.empty() && host.find_first_of(" \t):/") == std::string_view::npos;
-    if (!named || (open != std::string_view::npos &&
-                   (value.back() != ')' || !is_port(value.substr(open + 1, value.size() - open - 2))))) {
-        return "is not host or host(port) with a port from 1 to 65535";
+    in_addr address{};
+    if (ends_in_number(host) && inet_pton(AF_INET, std::string(host).c_str(), &address) != 1) {
+        return "is no IPv4 address, write four numbers from 0 to 255 or a host's name, such as 10.0.0.2(5151)";
+    }
+    if (!is_host_name(host) || (open != std::string_view::npos &&
+                                (value.back() != ')' || !is_port(value.substr(open + 1, value.size() - open - 2))))) {
+        return "is not host or host(port) with a port from 1 to 65535, write it such as 10.0.0.2(5151)";
     }
     return {};
 }

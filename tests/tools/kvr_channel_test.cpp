@@ -10,6 +10,7 @@ namespace kvr::test {
 namespace {
 
 using nlohmann::json;
+using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 
 class KvrChannel : public ::testing::Test {
@@ -103,6 +104,7 @@ TEST_F(KvrChannel, StatusTellsTheTruthAboutADeadProcess) {
     EXPECT_EQ(status["stale"], true);
     EXPECT_THAT(home_.done({"stop", "C"}), HasSubstr("now says STOPED"));
     EXPECT_EQ(this->status(), "STOPED -1");
+    EXPECT_THAT(home_.done({"status"}), HasSubstr("C: failed: its process ended without a word\n"));
 }
 
 TEST_F(KvrChannel, ARunningOneRefusesASecondWorkerAndItsDeletion) {
@@ -115,7 +117,15 @@ TEST_F(KvrChannel, ARunningOneRefusesASecondWorkerAndItsDeletion) {
                       HasSubstr("C: RETRYING 127.0.0.1(1), every 3600 s, 1000000 long retries\n"),
                       HasSubstr("of 7.0 GiB used"), Not(HasSubstr("changed since"))));
     EXPECT_THAT(home_.done({"set", "channel", "C", "CONNAME=127.0.0.1(2)"}), HasSubstr("kvr stop C"));
-    EXPECT_THAT(home_.done({"status"}), AllOf(HasSubstr("RETRYING 127.0.0.1(1),"), HasSubstr("changed since")));
+    home_.done({"define", "queue", "NEXT"});
+    home_.done({"put", "NEXT", "x", "--dest", "D"});
+    home_.done({"set", "channel", "C", "XMITQ=NEXT"});
+    EXPECT_THAT(home_.done({"status"}), AllOf(HasSubstr("RETRYING 127.0.0.1(1),"),
+                                              HasSubstr("changed since: XMITQ=NEXT; in effect at its next"),
+                                              HasSubstr("changed since: CONNAME=127.0.0.1(2); in effect at its next")));
+    const json served = home_.json({"status"})["channels"][0]["transmission_queue"];
+    EXPECT_EQ(served["name"], "TO.WEST");
+    EXPECT_EQ(served["depth"], 0);
     EXPECT_EQ(run().code, 1);
     EXPECT_THAT(run().err, AllOf(HasSubstr(std::to_string(worker.pid())), Not(HasSubstr("starts"))));
     for (const Words& deletion : {Words{"delete", "channel", "C"}, {"delete", "qmgr", "EAST", "--yes"}}) {
@@ -134,6 +144,7 @@ TEST_F(KvrChannel, AWorkerEndsAtEachStopSignalOrIsKilled) {
         kill(worker.pid(), signal);
         EXPECT_EQ(worker.result(), 0) << signal;
         EXPECT_EQ(status(), "STOPED -1");
+        EXPECT_EQ(home_.json({"status"})["channels"][0]["failure"], nullptr);
     }
     Child early = home_.in_background({"run", "C", "--plugin", KVR_PLUGIN}, [] { // a stop before its first step
         sigset_t held;
@@ -203,6 +214,12 @@ TEST_F(KvrChannel, AnEventThatFailsGivesTheChannelBack) {
         EXPECT_THAT(failed.err, HasSubstr(said));
     }
     EXPECT_EQ(status(), "STOPED -1");
+    EXPECT_THAT(home_.done({"status"}), ContainsRegex("C: failed: .* UTC, could not .*result -10002.*/log/C.log "));
+    home_.done({"set", "channel", "C", "LONGRTY=1000"});
+    Child worker = running();
+    EXPECT_THAT(home_.done({"status"}), Not(HasSubstr("failed")));
+    home_.done({"stop", "C"});
+    EXPECT_THAT(home_.done({"status"}), Not(HasSubstr("failed")));
 }
 
 } // namespace

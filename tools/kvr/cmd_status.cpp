@@ -35,7 +35,7 @@ struct StatusOptions {
 struct Line {
     std::string channel;
     ChannelStatus status;
-    std::string xmitq;
+    std::string xmitq; ///< that the process drains, else that of the definition
     Attributes definition;
     std::optional<QueueInfo> queue; ///< nothing: the transmission queue does not exist
 };
@@ -74,8 +74,10 @@ Picture take_picture(Store& store, const std::string& channel) {
     }
     for (const std::string& name : names) {
         Attributes definition = store.object_get("CHL", name);
-        Line line{name, channel_status(store, name), value_of(definition, "XMITQ"), std::move(definition),
-                  std::nullopt};
+        ChannelStatus status = channel_status(store, name);
+        const bool served = status.is_current() && status.taken.contains("XMITQ");
+        std::string xmitq = value_of(served ? status.taken : definition, "XMITQ");
+        Line line{name, std::move(status), std::move(xmitq), std::move(definition), std::nullopt};
         line.queue = info_if_there(store, line.xmitq);
         picture.lines.push_back(std::move(line));
     }
@@ -112,14 +114,50 @@ std::string dead_letter_text(const Picture& picture) {
 }
 
 bool is_connecting(const ChannelStatus& status) {
-    return status.runner > 0 && status.state == "RETRYING" && !status.connecting.empty();
+    return status.is_current() && status.state == "RETRYING" && status.taken.contains("CONNAME");
 }
 
-/// The definition says something else by now than what the channel connects with.
-bool is_outdated(const Line& line) {
-    return std::any_of(line.status.connecting.begin(), line.status.connecting.end(), [&](const auto& attribute) {
-        return value_of(line.definition, attribute.first) != attribute.second;
-    });
+/// What the definition says by now instead of what the channel's process goes by.
+Attributes changes(const Line& line, std::initializer_list<const char*> names) {
+    Attributes changed;
+    for (const char* name : names) {
+        std::string value = value_of(line.definition, name);
+        if (line.status.is_current() && line.status.taken.contains(name) && line.status.taken.at(name) != value) {
+            changed[name] = std::move(value);
+        }
+    }
+    return changed;
+}
+
+Attributes start_changes(const Line& line) {
+    return changes(line, {"XMITQ", "HBINT", "SSLCAUTH"});
+}
+
+Attributes connection_changes(const Line& line) {
+    return changes(line, {"CONNAME", "SHORTRTY", "SHORTTMR", "LONGRTY", "LONGTMR"});
+}
+
+std::string changes_text(const Line& line) {
+    const auto text = [&](const Attributes& changed, const std::string& when) {
+        std::string list;
+        for (const auto& [name, value] : changed) {
+            list += fmt::format("{}{}={}", list.empty() ? "" : " ", name, printable(value));
+        }
+        return list.empty() ? list : fmt::format("{}: changed since: {}; in effect {}\n", line.channel, list, when);
+    };
+    const std::string restart = fmt::format("at its next start: 'kvr stop {}' and run it again", line.channel);
+    return text(start_changes(line), restart) +
+           text(connection_changes(line), is_connecting(line.status) ? restart : "at its next connection");
+}
+
+bool has_failed(const ChannelStatus& status) {
+    return status.runner == 0 && !status.failure.empty();
+}
+
+std::string failure_text(const Line& line) {
+    const std::string& log = line.status.log;
+    return fmt::format("{}: failed: {}{}\n", line.channel, printable(line.status.failure),
+                       log.empty() ? "" : "; the last lines of " + printable(log) + " say why");
 }
 
 int number_of(const Attributes& attributes, const char* name) {
@@ -127,12 +165,12 @@ int number_of(const Attributes& attributes, const char* name) {
 }
 
 std::string connecting_address(const ChannelStatus& status) {
-    const std::string address = value_of(status.connecting, "CONNAME");
+    const std::string address = value_of(status.taken, "CONNAME");
     return address.find('(') == std::string::npos ? address + "(5151)" : address;
 }
 
 std::string connecting_text(const Line& line) {
-    const Attributes& connecting = line.status.connecting;
+    const Attributes& connecting = line.status.taken;
     std::string text = fmt::format("{}: RETRYING {}", line.channel, printable(connecting_address(line.status)));
     const char* next = ", every";
     for (const auto& [retries, pause, kind] :
@@ -141,10 +179,6 @@ std::string connecting_text(const Line& line) {
             text += fmt::format("{} {} s, {} {} retries", next, number_of(connecting, pause), count, kind);
             next = ", then every";
         }
-    }
-    if (is_outdated(line)) {
-        text += fmt::format("\n{}: its definition was changed since: 'kvr stop {}' and run it again to use it",
-                            line.channel, line.channel);
     }
     return text + "\n";
 }
@@ -158,7 +192,7 @@ std::string picture_text(const Picture& picture) {
     if (picture.lines.empty()) {
         return "no channels\n" + dead_letter_text(picture) + usage_text(picture.usage);
     }
-    std::string connecting;
+    std::string remarks;
     Table table({"CHANNEL", "STATE", "PROCESS", "LOCAL", "REMOTE", "XMITQ", "DEPTH", "HELD"});
     for (const Line& line : picture.lines) {
         const ChannelStatus& status = line.status;
@@ -166,9 +200,11 @@ std::string picture_text(const Picture& picture) {
                    end_text(status.local_ip, status.local_port), end_text(status.remote_ip, status.remote_port),
                    printable(line.xmitq), line.queue ? std::to_string(line.queue->depth) : "missing",
                    line.queue ? std::to_string(line.queue->held) : "-"});
-        connecting += is_connecting(status) ? connecting_text(line) : "";
+        remarks += is_connecting(status) ? connecting_text(line) : "";
+        remarks += changes_text(line);
+        remarks += has_failed(status) ? failure_text(line) : "";
     }
-    return table.text() + connecting + dead_letter_text(picture) + usage_text(picture.usage);
+    return table.text() + remarks + dead_letter_text(picture) + usage_text(picture.usage);
 }
 
 Json queue_json(const std::string& name, const std::optional<QueueInfo>& info) {
@@ -186,26 +222,36 @@ Json connecting_json(const Line& line) {
     if (!is_connecting(line.status)) {
         return nullptr;
     }
-    const Attributes& connecting = line.status.connecting;
-    return {{"address", connecting_address(line.status)},       {"short_retries", number_of(connecting, "SHORTRTY")},
-            {"short_pause", number_of(connecting, "SHORTTMR")}, {"long_retries", number_of(connecting, "LONGRTY")},
-            {"long_pause", number_of(connecting, "LONGTMR")},   {"definition_changed", is_outdated(line)}};
+    const Attributes& connecting = line.status.taken;
+    return {
+        {"address", connecting_address(line.status)},       {"short_retries", number_of(connecting, "SHORTRTY")},
+        {"short_pause", number_of(connecting, "SHORTTMR")}, {"long_retries", number_of(connecting, "LONGRTY")},
+        {"long_pause", number_of(connecting, "LONGTMR")},   {"definition_changed", !connection_changes(line).empty()}};
+}
+
+/// Null unless it failed.
+Json failure_json(const ChannelStatus& status) {
+    return has_failed(status) ? Json{{"reason", status.failure}, {"log", status.log}} : Json(nullptr);
 }
 
 Json picture_json(const Picture& picture) {
     Json channels = Json::array();
     for (const Line& line : picture.lines) {
         const ChannelStatus& status = line.status;
-        channels.push_back({{"channel", line.channel},
-                            {"state", status.state},
-                            {"running", status.runner > 0},
-                            {"pid", status.runner},
-                            {"recorded_pid", status.recorded_pid},
-                            {"stale", status.is_stale()},
-                            {"local", {{"ip", status.local_ip}, {"port", status.local_port}}},
-                            {"remote", {{"ip", status.remote_ip}, {"port", status.remote_port}}},
-                            {"connecting", connecting_json(line)},
-                            {"transmission_queue", queue_json(line.xmitq, line.queue)}});
+        channels.push_back(
+            {{"channel", line.channel},
+             {"state", status.state},
+             {"running", status.runner > 0},
+             {"pid", status.runner},
+             {"recorded_pid", status.recorded_pid},
+             {"stale", status.is_stale()},
+             {"local", {{"ip", status.local_ip}, {"port", status.local_port}}},
+             {"remote", {{"ip", status.remote_ip}, {"port", status.remote_port}}},
+             {"connecting", connecting_json(line)},
+             {"changed",
+              {{"at_next_start", Json(start_changes(line))}, {"at_next_connection", Json(connection_changes(line))}}},
+             {"failure", failure_json(line.status)},
+             {"transmission_queue", queue_json(line.xmitq, line.queue)}});
     }
     return {{"channels", channels},
             {"dead_letter_queue", queue_json(picture.dead_queue, picture.dead_info)},
