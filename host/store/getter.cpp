@@ -56,6 +56,7 @@ class DrainGetter final : public Getter {
     std::int64_t next(T_KAVRO_MD& descriptor, std::span<char> buffer, bool wait) override;
     void commit() override;
     void rollback() override;
+    void skip() override;
     void put_instead(const std::string& queue, const OutgoingMessage& message) override;
     std::uint64_t move_group(const std::string& queue, std::uint64_t count,
                              const std::function<std::string(std::string_view)>& change) override;
@@ -372,6 +373,12 @@ void DrainGetter::rollback() {
     hold_pending_.clear();
     at_end_ = false;
     mark_->set_in_hand(0);
+}
+
+void DrainGetter::skip() {
+    delete_used(); // a group has no gaps
+    position_ = std::max(position_, hand_);
+    rollback();
 }
 
 void DrainGetter::put_instead(const std::string& queue, const OutgoingMessage& message) {

@@ -162,6 +162,8 @@ class KVR_EXPORT Getter {
     virtual void commit() = 0;
     /// Gives the message in hand back.
     virtual void rollback() = 0;
+    /// Gives the message in hand back and goes on behind it: it comes to the queue's next drainer, not to this one.
+    virtual void skip() = 0;
     /// Puts a message on another queue and uses up the message in hand, both or neither. When it fails the message in
     /// hand is held and the error is thrown.
     virtual void put_instead(const std::string& queue, const OutgoingMessage& message) = 0;

@@ -129,9 +129,14 @@ TEST_F(KvrMessage, LoadIsProvenAndWhatIsWrongIsFound) {
     home_.done({"put", "Q", "stranger"});
     home_.done(load);
     expect_found({"500 repeated", "1 message without a proof"}, {"--all"});
+    const json left = home_.json({"browse", "Q", "--full"});
+    ASSERT_EQ(left.size(), 1U) << "the proven ones are taken, the other one is not";
+    EXPECT_EQ(left[0]["data"], "stranger");
+    EXPECT_EQ(left[0]["state"], "ready");
     home_.done({"put", "Q", "altered", "--format", "KVRLOAD", "--correlid", first["correlid"], "--group-id",
                 first["group-id"], "--seqno", "1"});
-    expect_found({"1 altered"}, {});
+    expect_found({"1 altered"}, {"--count", "2"});
+    EXPECT_EQ(depth(), 2U);
 }
 
 TEST_F(KvrMessage, GetStopsAtItsCountWaitsAsToldAndWritesFiles) {

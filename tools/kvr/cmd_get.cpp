@@ -46,18 +46,22 @@ class Target {
         }
     }
 
-    void take(const Drainer& message) {
+    /// False for a message whose content is not proven, although that was asked for: it has gone nowhere.
+    bool take(const Drainer& message) {
+        if (options_.verify && !check_.take(message.descriptor(), message.data())) {
+            ++unproven_;
+            return false;
+        }
         const std::string file = sink_ ? sink_->write(message.data()) : std::string();
-        if (options_.verify) {
-            check_.take(message.descriptor(), message.data());
-        } else if (options_.raw) {
+        if (options_.raw) {
             if (!sink_) {
                 print(message.data());
             }
-        } else {
+        } else if (!options_.verify) {
             describe({std::nullopt, message.descriptor(), message.attachments(), message.data(), ""}, file);
         }
         flush_output();
+        return true;
     }
 
     /// Throws when the check of load messages found something.
@@ -72,7 +76,10 @@ class Target {
         }
         flush_output();
         if (!check_.good(options_.all)) {
-            throw Error(Errc::kDamaged, "the messages are not what was put: see the report above");
+            const std::string left = fmt::format("; {} without proven content stayed on queue {}, see 'kvr browse {}'",
+                                                 message_count(unproven_), options_.queue, options_.queue);
+            throw Error(Errc::kDamaged, "the messages are not what was put: see the report above" +
+                                            (unproven_ > 0 ? left : std::string()));
         }
     }
 
@@ -102,6 +109,7 @@ class Target {
     const GetOptions& options_;
     std::optional<DataSink> sink_;
     LoadCheck check_;
+    std::uint64_t unproven_ = 0;
 };
 
 void get(const GlobalOptions& global, GetOptions& options) {
@@ -118,7 +126,9 @@ void get(const GlobalOptions& global, GetOptions& options) {
         Drainer drainer(*store, options.queue, options.wait);
         try {
             while (taken < wanted && drainer.next()) {
-                target.take(drainer);
+                if (!target.take(drainer)) {
+                    drainer.getter().skip();
+                }
                 ++taken;
             }
         } catch (...) {
@@ -156,7 +166,9 @@ void add_get_command(CLI::App& app, GlobalOptions& global) {
         ->type_name("FILE|DIR/");
     command->add_flag("--raw", options->raw, "Print the data only, as it lies on the queue");
     command->add_flag("--hex", options->hex, "Print the data in hexadecimal");
-    command->add_flag("--verify", options->verify, "Check messages made by 'put --size'; with --all missing ones, too");
+    command->add_flag(
+        "--verify", options->verify,
+        "Check messages made by 'put --size', with --all missing ones, too; only what is proven is taken");
     set_examples(*command, "  kvr get ORDERS\n  kvr get ORDERS --wait 10 --raw > order.xml\n"
                            "  kvr get ORDERS --all --out orders/\n  kvr get LOAD --all --verify\n"
                            "With --json there is one object on one line for each message.\n");

@@ -89,11 +89,11 @@ void make_load_message(const LoadPlan& plan, std::uint32_t number, T_KAVRO_MD& d
     descriptor.iMsgSeqNo = static_cast<int>(number);
 }
 
-void LoadCheck::take(const T_KAVRO_MD& descriptor, std::string_view data) {
+bool LoadCheck::take(const T_KAVRO_MD& descriptor, std::string_view data) {
     Proof proof{};
     if (!read_proof(descriptor, proof)) {
         ++foreign_;
-        return;
+        return false;
     }
     if (data.size() == proof.size + kXmitHeaderSize && destination_of(data)) {
         data.remove_prefix(kXmitHeaderSize);
@@ -103,6 +103,11 @@ void LoadCheck::take(const T_KAVRO_MD& descriptor, std::string_view data) {
     if (run.seen.size() <= proof.number) {
         run.seen.resize(std::max<std::size_t>(proof.number + std::size_t{1}, 2 * run.seen.size()));
     }
+    if (data.size() != proof.size || crc32(data) != proof.crc) {
+        ++run.altered;
+        run.seen[proof.number] = true; // there, not missing
+        return false;
+    }
     ++run.taken;
     if (run.seen[proof.number]) {
         ++run.repeated;
@@ -111,9 +116,7 @@ void LoadCheck::take(const T_KAVRO_MD& descriptor, std::string_view data) {
     }
     run.seen[proof.number] = true;
     run.last = std::max(run.last, proof.number);
-    if (data.size() != proof.size || crc32(data) != proof.crc) {
-        ++run.altered;
-    }
+    return true;
 }
 
 std::uint64_t LoadCheck::Run::missing() const {

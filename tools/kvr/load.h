@@ -38,7 +38,8 @@ void make_load_message(const LoadPlan& plan, std::uint32_t number, T_KAVRO_MD& d
 class LoadCheck {
   public:
     /// @param data with or without its transmission header
-    void take(const T_KAVRO_MD& descriptor, std::string_view data);
+    /// @return whether the content is what its proof says, be it repeated or out of order
+    bool take(const T_KAVRO_MD& descriptor, std::string_view data);
     /// Nothing altered, repeated, out of order or foreign; with `complete`, nothing missing either.
     [[nodiscard]] bool good(bool complete) const;
     [[nodiscard]] std::string text(bool complete) const;
@@ -48,7 +49,7 @@ class LoadCheck {
     struct Run {
         std::uint32_t total = 0;
         std::uint32_t last = 0;
-        std::uint64_t taken = 0;
+        std::uint64_t taken = 0; ///< with proven content
         std::uint64_t altered = 0;
         std::uint64_t repeated = 0;
         std::uint64_t disordered = 0;
