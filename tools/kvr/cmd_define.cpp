@@ -57,6 +57,9 @@ void check_channel(Store& store, const std::string& name, const Attributes& attr
         }
     }
     const std::string xmitq = checked_queue_name(value_of(attributes, "XMITQ"));
+    if (xmitq == dead_letter_queue(store)) {
+        refuse_round_trip(xmitq, name);
+    }
     try {
         (void)store.queue_info(xmitq);
     } catch (const Error& error) {

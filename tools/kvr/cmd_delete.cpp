@@ -39,6 +39,11 @@ void delete_queue(const GlobalOptions& global, const DeleteOptions& options) {
                                              "DEADQ=QUEUE' first",
                                              name));
     }
+    if (const std::string channel = channel_that_drains(*store, name); !channel.empty()) {
+        throw Error(Errc::kBusy, fmt::format("queue '{}' is the transmission queue of channel '{}': delete the channel "
+                                             "or set another one with 'kvr set channel {} XMITQ=QUEUE' first",
+                                             name, channel, channel));
+    }
     const QueueInfo queue = store->queue_info(name);
     if (queue.drained_by > 0) {
         throw Error(Errc::kBusy, fmt::format("process {} drains queue '{}': stop it first, see 'kvr status'",

@@ -197,13 +197,10 @@ void warn_without_destination(Store& store, const PutOptions& options, const std
     }
     const std::string fate = dead_letter_queue(store).empty() ? "drop it, as no dead-letter queue is set"
                                                               : "put it on the dead-letter queue";
-    for (const std::string& channel : store.object_names("CHL")) {
-        if (value_of(store.object_get("CHL", channel), "XMITQ") == options.queue) {
-            remark(fmt::format("warning: {} is the transmission queue of channel {} and this data has no transmission "
-                               "header: the channel will {}; give --dest QUEUE@QMGR",
-                               options.queue, channel, fate));
-            return;
-        }
+    if (const std::string channel = channel_that_drains(store, options.queue); !channel.empty()) {
+        remark(fmt::format("warning: {} is the transmission queue of channel {} and this data has no transmission "
+                           "header: the channel will {}; give --dest QUEUE@QMGR",
+                           options.queue, channel, fate));
     }
 }
 
@@ -290,12 +287,12 @@ void put(const GlobalOptions& global, PutOptions& options) {
     const T_KAVRO_MD descriptor = descriptor_from(options);
     const std::string header =
         options.destination ? xmit_header(parse_destination(*options.destination)) : std::string();
-    std::vector<std::string> attachments;
-    for (const std::string& file : options.attachments) {
-        attachments.push_back(sendable_file(file, kMaxAttachmentPath));
-    }
     const auto store = open_store(global);
     require_queue(*store, options.queue);
+    std::vector<std::string> attachments;
+    for (const std::string& file : options.attachments) { // as the user that the channel reads them as
+        attachments.push_back(sendable_file(file, kMaxAttachmentPath));
+    }
     report(global, options, put_messages(*store, options, attachments, descriptor, header));
 }
 

@@ -46,6 +46,9 @@ void check_dead_letter_queue(Store& store, const std::string& name) {
         return;
     }
     require_queue(store, checked_queue_name(name));
+    if (const std::string channel = channel_that_drains(store, name); !channel.empty()) {
+        refuse_round_trip(name, channel);
+    }
 }
 
 void set_qmgr(const GlobalOptions& global, const SetQmgrOptions& options, const AttributeArguments& arguments) {
@@ -95,7 +98,11 @@ void set_channel(const GlobalOptions& global, const std::string& given_name, con
     const auto store = open_store(global);
     require_channel(*store, name);
     if (attributes.contains("XMITQ")) {
-        require_queue(*store, checked_queue_name(value_of(attributes, "XMITQ")));
+        const std::string xmitq = checked_queue_name(value_of(attributes, "XMITQ"));
+        require_queue(*store, xmitq);
+        if (xmitq == dead_letter_queue(*store)) {
+            refuse_round_trip(xmitq, name);
+        }
     }
     store->object_set("CHL", name, attributes);
     if (global.json) {

@@ -219,6 +219,22 @@ void require_channel(Store& store, const std::string& channel) {
     }
 }
 
+std::string channel_that_drains(Store& store, const std::string& queue) {
+    for (std::string& channel : store.object_names("CHL")) {
+        if (value_of(store.object_get("CHL", channel), "XMITQ") == queue) {
+            return std::move(channel);
+        }
+    }
+    return {};
+}
+
+void refuse_round_trip(const std::string& queue, const std::string& channel) {
+    throw Error(Errc::kInvalid, fmt::format("queue '{}' cannot be both the dead-letter queue and the transmission "
+                                            "queue of channel '{}', messages that fail would go round for ever: name "
+                                            "another queue, or make one with 'kvr define queue'",
+                                            queue, channel));
+}
+
 std::string dead_letter_queue(Store& store) {
     return value_of(store.object_get("QMGR", "QMGR"), "DEADQ");
 }
