@@ -188,8 +188,16 @@ TEST(Secrets, RootWorksOnAnothersStoreAsItsOwner) {
     const std::string own = (field.home() / "own").native();
     std::ofstream(own) << "for root's eyes";
     ASSERT_EQ(::chmod(own.c_str(), 0600), 0);
-    EXPECT_EQ(field.start({"--home", home, "put", "TO.WEST", "--data-file", own, "--dest", "ORDERS"}).result(), 1);
-    EXPECT_NE(contents(field.home() / "out").find("the owner of " + home + "/EAST"), std::string::npos);
+    const std::string file = "CERTFILE=" + own;
+    for (const std::vector<std::string>& command : {std::vector<std::string>{"put", "TO.WEST", "--data-file", own},
+                                                    {"put", "TO.WEST", "x", "--attach", own},
+                                                    {"set", "qmgr", file},
+                                                    {"set", "qmgr", "--keypass-file", own}}) {
+        std::vector<std::string> all{"--home", home};
+        all.insert(all.end(), command.begin(), command.end());
+        EXPECT_EQ(field.start(all).result(), 1) << command.back();
+        EXPECT_NE(contents(field.home() / "out").find("the owner of " + home + "/EAST"), std::string::npos);
+    }
     const auto open = [&] {
         try {
             (void)Store::open(home + "/EAST")->drain("TO.WEST");

@@ -82,6 +82,8 @@ TEST(KvrUsage, WrongCommandLinesAreRefusedWithCodeTwo) {
         {{"put", "Q", "x", "--msgid", "0x123"}, "hexadecimal"},
         {{"put", "Q", "x", "--flags", "4"}, "--attach"},
         {{"put", "Q", "--size", "9-1"}, "downwards"},
+        {{"put", "Q", "--size", "9-"}, "--size 9-: "},
+        {{"put", "Q", "--size", "9", "--seed", "-1"}, "--seed.*0 to 18446744073709551615"},
         {{"put", "Q", "--size", "1", "--seqno", "4"}, "--seqno"},
         {{"get", "Q", "--all", "--out", file}, "folder"},
         {{"get", "Q", "--raw", "--json"}, "--raw"},
@@ -115,6 +117,7 @@ TEST(KvrUsage, WhatTheSystemCannotDoFailsWithCodeOne) {
     const Words listen_tls = listen + Words{"127.0.0.1", "--tls", "--cert"};
     const std::vector<BadInput> cases = {
         {{"create", "EAST"}, "exists already"},
+        {{"--home", "/no/such/home", "create", "EAST"}, "there is no folder /no/such: make that"},
         {{"show", "-m", "WEST"}, "WEST.*kvr create WEST"},
         {{"create", "NOQM"}, "NOQM exists already.*by hand"},
         {{"delete", "qmgr", "NOQM", "--yes"}, "NOQM is no queue manager.*by hand"},
@@ -179,6 +182,16 @@ TEST(KvrUsage, OutputThatCannotBeWrittenIsAFailureAndLosesNothing) {
         EXPECT_THAT(result.err, HasSubstr("the output cannot be written")) << line;
     }
     EXPECT_EQ(home.json({"show", "queue", "Q"})[0]["depth"], 3);
+    const ProgramResult untold = home.shell("exec $KVR put Q x > /dev/full");
+    EXPECT_EQ(untold.code, 1);
+    EXPECT_THAT(untold.err, HasSubstr("done all the same: put 1 message"));
+    EXPECT_EQ(home.json({"show", "queue", "Q"})[0]["depth"], 4);
+    home.done({"put", "Q", "--count", "3000", "x"}); // more output than a pipe holds
+    const auto first_line_of = [&home](const std::string& command) {
+        return home.shell("{ $KVR " + command + "; echo $? >&2; } | head -n 1").err;
+    };
+    EXPECT_EQ(first_line_of("browse Q --all"), "0\n");
+    EXPECT_THAT(first_line_of("get Q --all"), MatchesRegex("kvr: .*stays on its queue\n1\n"));
 }
 
 } // namespace

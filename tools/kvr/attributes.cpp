@@ -36,11 +36,7 @@ std::string attribute_names(const ClassSpec& cls) {
     return names;
 }
 
-std::string checked_file(std::string_view attr, const std::string& value) {
-    if (value.empty()) {
-        return value;
-    }
-    const fs::path path = fs::absolute(value).lexically_normal();
+void check_file(std::string_view attr, const fs::path& path) {
     std::error_code error;
     if (!fs::exists(path, error)) {
         throw Error(Errc::kNotFound, fmt::format("the file {} for {} does not exist: give the path of a PEM file",
@@ -51,7 +47,6 @@ std::string checked_file(std::string_view attr, const std::string& value) {
                                                    "that this user may read",
                                                    printable(path.native()), attr));
     }
-    return path.native();
 }
 
 void add_attribute(Attributes& attributes, const ClassSpec& cls, const std::string& name, std::string value) {
@@ -66,14 +61,11 @@ void add_attribute(Attributes& attributes, const ClassSpec& cls, const std::stri
                                      attr->name));
     }
     try {
-        if (attr->kind == AttrKind::kPath) {
-            value = checked_file(attr->name, value);
+        if (attr->kind == AttrKind::kPath && !value.empty()) {
+            value = fs::absolute(value).lexically_normal().native();
         }
         check_definition(cls.name, attr->name, value);
     } catch (const Error& error) {
-        if (error.code() == Errc::kNotFound || error.code() == Errc::kPermission) {
-            throw;
-        }
         throw UsageError(fmt::format("{}: give another value, see --help", error.what()));
     }
     if (!attributes.emplace(attr->name, value).second) {
@@ -134,6 +126,14 @@ Attributes collect_attributes(const AttributeArguments& arguments, const ClassSp
         add_attribute(attributes, cls, name, value);
     }
     return attributes;
+}
+
+void check_files(const Attributes& attributes, const ClassSpec& cls) {
+    for (const auto& [name, value] : attributes) {
+        if (find_attr(cls, name)->kind == AttrKind::kPath && !value.empty()) {
+            check_file(name, value);
+        }
+    }
 }
 
 std::string shown_value(const ClassSpec& cls, const std::string& name, const std::string& value) {

@@ -21,9 +21,11 @@ struct AttributeArguments {
 /// Adds the positional arguments and the options to a command. Secrets get neither.
 std::shared_ptr<AttributeArguments> add_attribute_arguments(CLI::App& command, const ClassSpec& cls);
 
-/// The attributes given, each checked by the schema; paths must name readable files and become absolute.
-/// Throws UsageError for what cannot be, Error for a file that is not there.
+/// The attributes given, each checked by the schema; paths become absolute. Throws UsageError for what cannot be.
 Attributes collect_attributes(const AttributeArguments& arguments, const ClassSpec& cls);
+
+/// Throws Error for a path that names no file that this user can read.
+void check_files(const Attributes& attributes, const ClassSpec& cls);
 
 const ClassSpec& class_spec(const char* name);
 

@@ -20,11 +20,8 @@ struct DefineOptions {
 };
 
 void report(const GlobalOptions& global, const Store& store, const char* what, const std::string& name, bool replaced) {
-    if (global.json) {
-        print_json({{"qmgr", store.qmgr()}, {what, name}, {"replaced", replaced}});
-        return;
-    }
-    print(fmt::format("{} {} {}\n", replaced ? "replaced" : "defined", what, name));
+    print_outcome(global.json, {{"qmgr", store.qmgr()}, {what, name}, {"replaced", replaced}},
+                  fmt::format("{} {} {}", replaced ? "replaced" : "defined", what, name));
 }
 
 void define_queue(const GlobalOptions& global, const DefineOptions& options) {

@@ -23,11 +23,7 @@ struct DeleteOptions {
 };
 
 void report(const GlobalOptions& global, const char* what, const std::string& name) {
-    if (global.json) {
-        print_json({{"deleted", what}, {"name", name}});
-        return;
-    }
-    print(fmt::format("deleted {} {}\n", what, name));
+    print_outcome(global.json, {{"deleted", what}, {"name", name}}, fmt::format("deleted {} {}", what, name));
 }
 
 void delete_queue(const GlobalOptions& global, const DeleteOptions& options) {

@@ -39,8 +39,9 @@ class Dissector : public FrameSink {
         for (;;) {
             const ssize_t count = ::read(fd, chunk.data(), chunk.size());
             if (count < 0) {
-                throw Error(Errc::kIo, fmt::format("cannot read {} ({})", printable(options_.file),
-                                                   std::generic_category().message(errno)));
+                throw Error(Errc::kIo,
+                            fmt::format("cannot read {} ({}): give a recorded stream, or - for standard input",
+                                        printable(options_.file), std::generic_category().message(errno)));
             }
             std::span<const char> bytes(chunk.data(), static_cast<std::size_t>(count));
             if (count == 0 || splitter_.feed(bytes, *this) != FeedEnd::kHungry) {

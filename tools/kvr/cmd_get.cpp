@@ -69,12 +69,7 @@ class Target {
         if (!options_.verify) {
             return;
         }
-        if (json_) {
-            print_json(check_.json(options_.all));
-        } else {
-            print(check_.text(options_.all));
-        }
-        flush_output();
+        print_outcome(json_, check_.json(options_.all), check_.text(options_.all));
         if (!check_.good(options_.all)) {
             const std::string left = fmt::format("; {} without proven content stayed on queue {}, see 'kvr browse {}'",
                                                  message_count(unproven_), options_.queue, options_.queue);
@@ -172,7 +167,13 @@ void add_get_command(CLI::App& app, GlobalOptions& global) {
     set_examples(*command, "  kvr get ORDERS\n  kvr get ORDERS --wait 10 --raw > order.xml\n"
                            "  kvr get ORDERS --all --out orders/\n  kvr get LOAD --all --verify\n"
                            "With --json there is one object on one line for each message.\n");
-    command->callback([options, &global] { get(global, *options); });
+    command->callback([options, &global] {
+        try {
+            get(global, *options);
+        } catch (const ReaderGone& gone) { // a message was meant for that reader
+            throw Error(gone.code(), fmt::format("{}; what was not written stays on its queue", gone.what()));
+        }
+    });
 }
 
 } // namespace kvr

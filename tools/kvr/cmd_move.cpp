@@ -72,11 +72,8 @@ void move(const GlobalOptions& global, MoveOptions& options) {
     require_queue(*store, options.from);
     require_queue(*store, options.to);
     const std::uint64_t moved = move_messages(*store, options, header);
-    if (global.json) {
-        print_json({{"from", options.from}, {"to", options.to}, {"moved", moved}});
-        return;
-    }
-    print(fmt::format("moved {} from {} to {}\n", message_count(moved), options.from, options.to));
+    print_outcome(global.json, {{"from", options.from}, {"to", options.to}, {"moved", moved}},
+                  fmt::format("moved {} from {} to {}", message_count(moved), options.from, options.to));
 }
 
 } // namespace

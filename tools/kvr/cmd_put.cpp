@@ -151,8 +151,9 @@ LoadPlan load_plan(const PutOptions& options) {
     const std::size_t dash = text.find('-');
     LoadPlan plan{};
     plan.count = options.count;
-    plan.min_size = parse_size("--size", text.substr(0, dash));
-    plan.max_size = dash == std::string::npos ? plan.min_size : parse_size("--size", text.substr(dash + 1));
+    const std::string what = dash == std::string::npos ? "--size" : fmt::format("--size {}:", text);
+    plan.min_size = parse_size(what, text.substr(0, dash));
+    plan.max_size = dash == std::string::npos ? plan.min_size : parse_size(what, text.substr(dash + 1));
     if (plan.min_size > plan.max_size) {
         throw UsageError(fmt::format("--size {} goes downwards: give MIN-MAX", text));
     }
@@ -258,27 +259,23 @@ Totals put_messages(Store& store, const PutOptions& options, const std::vector<s
 }
 
 void report(const GlobalOptions& global, const PutOptions& options, const Totals& totals) {
-    if (global.json) {
-        Json json{{"queue", options.queue},
-                  {"messages", totals.messages},
-                  {"bytes", totals.bytes},
-                  {"msgid", totals.first_id},
-                  {"seconds", totals.seconds}};
-        if (totals.seed) {
-            json["run"] = fmt::format("{:016X}", *totals.seed);
-        }
-        print_json(json);
-        return;
+    Json json{{"queue", options.queue},
+              {"messages", totals.messages},
+              {"bytes", totals.bytes},
+              {"msgid", totals.first_id},
+              {"seconds", totals.seconds}};
+    if (totals.seed) {
+        json["run"] = fmt::format("{:016X}", *totals.seed);
     }
-    if (totals.messages == 1) {
-        print(fmt::format("put 1 message of {} byte{} on {}, id {}\n", totals.bytes, totals.bytes == 1 ? "" : "s",
-                          options.queue, printable(totals.first_id)));
-        return;
+    std::string line = fmt::format("put 1 message of {} byte{} on {}, id {}", totals.bytes,
+                                   totals.bytes == 1 ? "" : "s", options.queue, printable(totals.first_id));
+    if (totals.messages != 1) {
+        const double rate = totals.seconds > 0 ? static_cast<double>(totals.messages) / totals.seconds : 0;
+        line = fmt::format("put {} messages ({}) on {} in {:.2f} s: {:.0f}/s", totals.messages,
+                           human_size(totals.bytes), options.queue, totals.seconds, rate);
+        line += totals.seed ? fmt::format(", run {:016X}", *totals.seed) : std::string();
     }
-    print(fmt::format("put {} messages ({}) on {} in {:.2f} s: {:.0f}/s", totals.messages, human_size(totals.bytes),
-                      options.queue, totals.seconds,
-                      totals.seconds > 0 ? static_cast<double>(totals.messages) / totals.seconds : 0));
-    print(totals.seed ? fmt::format(", run {:016X}\n", *totals.seed) : std::string("\n"));
+    print_outcome(global.json, json, line);
 }
 
 void put(const GlobalOptions& global, PutOptions& options) {
@@ -333,7 +330,15 @@ void add_put_command(CLI::App& app, GlobalOptions& global) {
     command
         ->add_option("--size", options->size, "Generate data of this size, numbered and checksummed for 'get --verify'")
         ->type_name("BYTES|MIN-MAX");
-    command->add_option("--seed", options->seed, "Seed of generated data (default: random)")->type_name("NUMBER");
+    command->add_option("--seed", options->seed, "Seed of generated data (default: random)")
+        ->check(CLI::Validator(
+            [](const std::string& text) {
+                return text.find_first_not_of("0123456789") == std::string::npos
+                           ? std::string()
+                           : fmt::format("'{}' is not a number from 0 to 18446744073709551615", text);
+            },
+            ""))
+        ->type_name("NUMBER");
     add_field_options(*command, options);
     set_examples(*command, "  kvr put TO.WEST 'hello' --dest ORDERS@WEST\n"
                            "  kvr put TO.WEST --data-file order.xml --dest ORDERS --format XML --priority 5\n"

@@ -17,12 +17,9 @@ void release(const GlobalOptions& global, const std::string& given_name) {
     const auto store = open_store(global);
     require_queue(*store, queue);
     const std::uint64_t released = store->release_held(queue);
-    if (global.json) {
-        print_json({{"queue", queue}, {"released", released}});
-        return;
-    }
-    print(released == 0 ? fmt::format("queue {} holds no messages back\n", queue)
-                        : fmt::format("released {} on {}\n", message_count(released), queue));
+    print_outcome(global.json, {{"queue", queue}, {"released", released}},
+                  released == 0 ? fmt::format("queue {} holds no messages back", queue)
+                                : fmt::format("released {} on {}", message_count(released), queue));
 }
 
 } // namespace

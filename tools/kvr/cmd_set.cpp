@@ -53,13 +53,14 @@ void check_dead_letter_queue(Store& store, const std::string& name) {
 
 void set_qmgr(const GlobalOptions& global, const SetQmgrOptions& options, const AttributeArguments& arguments) {
     Attributes attributes = collect_attributes(arguments, class_spec("QMGR"));
-    if (!options.keypass_file.empty()) {
-        attributes["KEYPASS"] = read_pass_phrase(options.keypass_file);
-    }
-    if (attributes.empty() && options.quota.empty() && options.sync.empty()) {
+    if (attributes.empty() && options.keypass_file.empty() && options.quota.empty() && options.sync.empty()) {
         throw UsageError("nothing to set: give ATTR=VALUE, see 'kvr set qmgr --help'");
     }
     const auto store = open_store(global);
+    check_files(attributes, class_spec("QMGR")); // as the user that the channel reads them as
+    if (!options.keypass_file.empty()) {
+        attributes["KEYPASS"] = read_pass_phrase(options.keypass_file);
+    }
     if (const auto deadq = attributes.find("DEADQ"); deadq != attributes.end()) {
         check_dead_letter_queue(*store, deadq->second);
     }
@@ -76,12 +77,19 @@ void set_qmgr(const GlobalOptions& global, const SetQmgrOptions& options, const 
     if (!attributes.empty()) {
         store->object_set("QMGR", "QMGR", attributes);
     }
-    if (global.json) {
-        print_json({{"qmgr", store->qmgr()}, {"changed", true}});
-        return;
+    print_outcome(global.json, {{"qmgr", store->qmgr()}, {"changed", true}},
+                  fmt::format("changed queue manager {}; a channel that runs keeps the old values until its next start",
+                              store->qmgr()));
+}
+
+std::string effect_of_change(Store& store, const std::string& channel) {
+    const ChannelStatus status = channel_status(store, channel);
+    if (status.runner > 0 && status.state == "RETRYING") {
+        return fmt::format("it is connecting and does so with its old address and retries until it has a connection or "
+                           "gives up: stop it with 'kvr stop {}' and run it again to use the new ones",
+                           channel);
     }
-    print(fmt::format("changed queue manager {}; a channel that runs keeps the old values until its next start\n",
-                      store->qmgr()));
+    return "address and retries count when it connects the next time, the rest from its next start";
 }
 
 void set_channel(const GlobalOptions& global, const std::string& given_name, const AttributeArguments& arguments) {
@@ -105,21 +113,8 @@ void set_channel(const GlobalOptions& global, const std::string& given_name, con
         }
     }
     store->object_set("CHL", name, attributes);
-    if (global.json) {
-        print_json({{"qmgr", store->qmgr()}, {"channel", name}, {"changed", true}});
-        return;
-    }
-    const ChannelStatus status = channel_status(*store, name);
-    if (status.runner > 0 && status.state == "RETRYING") {
-        print(fmt::format(
-            "changed channel {}; it is connecting and does so with its old address and retries until it has "
-            "a connection or gives up: stop it with 'kvr stop {}' and run it again to use the new ones\n",
-            name, name));
-        return;
-    }
-    print(fmt::format("changed channel {}; address and retries count when it connects the next time, the rest from its "
-                      "next start\n",
-                      name));
+    print_outcome(global.json, {{"qmgr", store->qmgr()}, {"channel", name}, {"changed", true}},
+                  fmt::format("changed channel {}; {}", name, effect_of_change(*store, name)));
 }
 
 } // namespace

@@ -23,14 +23,14 @@ std::string outcome_text(const std::string& channel, const StopOutcome& outcome,
         outcome.repaired ? "; its status was left from a process that is gone and now says STOPED" : "";
     switch (outcome.result) {
     case StopResult::kNotRunning:
-        return fmt::format("channel {} was not running{}\n", channel, repaired);
+        return fmt::format("channel {} was not running{}", channel, repaired);
     case StopResult::kStopped:
-        return fmt::format("channel {} stopped (process {}){}\n", channel, outcome.pid, repaired);
+        return fmt::format("channel {} stopped (process {}){}", channel, outcome.pid, repaired);
     case StopResult::kKilled:
         break;
     }
     return fmt::format("channel {} did not stop within {} s: process {} was killed; a message in hand is sent again at "
-                       "the next start{}\n",
+                       "the next start{}",
                        channel, timeout, outcome.pid, repaired);
 }
 
@@ -45,14 +45,12 @@ void stop(const GlobalOptions& global, const std::string& given_name, double tim
     require_channel(*store, channel);
     const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(timeout));
     const StopOutcome outcome = stop_channel(*store, channel, milliseconds);
-    if (global.json) {
-        print_json({{"channel", channel},
-                    {"result", outcome_word(outcome.result)},
-                    {"pid", outcome.pid},
-                    {"status_repaired", outcome.repaired}});
-        return;
-    }
-    print(outcome_text(channel, outcome, timeout));
+    print_outcome(global.json,
+                  {{"channel", channel},
+                   {"result", outcome_word(outcome.result)},
+                   {"pid", outcome.pid},
+                   {"status_repaired", outcome.repaired}},
+                  outcome_text(channel, outcome, timeout));
 }
 
 } // namespace

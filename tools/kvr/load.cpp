@@ -152,7 +152,7 @@ std::string LoadCheck::text(bool complete) const {
     if (foreign_ > 0) {
         out += fmt::format("{} without a proof\n", message_count(foreign_));
     }
-    return out.empty() ? "no messages\n" : out;
+    return out.empty() ? "no messages" : out.substr(0, out.size() - 1);
 }
 
 Json LoadCheck::json(bool complete) const {

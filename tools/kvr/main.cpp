@@ -150,6 +150,8 @@ int run(int argc, char** argv) {
         (void)std::fflush(stdout);
         (void)std::fprintf(stderr, "kvr: %s\n", error.what());
         return kExitUsage;
+    } catch (const ReaderGone&) {
+        return kExitDone;
     } catch (const std::exception& error) {
         (void)std::fflush(stdout);
         (void)std::fprintf(stderr, "kvr: %s%s\n", error.what(), owner_note().c_str());

@@ -9,8 +9,6 @@
 
 #include <fmt/format.h>
 
-#include "error.h"
-
 namespace kvr {
 namespace {
 
@@ -51,8 +49,12 @@ bool is_number(const std::string& cell) {
 }
 
 [[noreturn]] void output_failed(int error) {
-    throw Error(Errc::kIo, fmt::format("the output cannot be written ({}): check where standard output goes",
-                                       std::strerror(error)));
+    const std::string text =
+        fmt::format("the output cannot be written ({}): check where standard output goes", std::strerror(error));
+    if (error == EPIPE) {
+        throw ReaderGone(Errc::kIo, text);
+    }
+    throw Error(Errc::kIo, text);
 }
 
 } // namespace
@@ -71,6 +73,19 @@ void print_json(const Json& value, bool line) {
 void flush_output() {
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
         output_failed(errno);
+    }
+}
+
+void print_outcome(bool json, const Json& value, const std::string& line) {
+    try {
+        if (json) {
+            print_json(value);
+        } else {
+            print(line + "\n");
+        }
+        flush_output();
+    } catch (const Error& error) {
+        throw Error(error.code(), fmt::format("{}; it is done all the same: {}", error.what(), line));
     }
 }
 

@@ -8,16 +8,27 @@
 
 #include <nlohmann/json.hpp>
 
+#include "error.h"
+
 namespace kvr {
 
 using Json = nlohmann::ordered_json;
 
-/// Writes to standard output. Throws Error(kIo) when that fails.
+/// Whoever read standard output has had enough: no failure of a command that only shows something.
+class ReaderGone : public Error {
+  public:
+    using Error::Error;
+};
+
+/// Writes to standard output. Throws Error(kIo), ReaderGone when that fails.
 void print(std::string_view text);
 /// Writes one JSON value, indented; with `line` on one line, for streams of values.
 void print_json(const Json& value, bool line = false);
-/// Hands everything over to the system. Throws Error(kIo) when that fails: a full disk, a closed pipe.
+/// Hands everything over to the system. Throws Error(kIo) when that fails: a full disk; ReaderGone: a closed pipe.
 void flush_output();
+/// Writes what a command has changed, as the value or as a line for people. Where that fails, the Error says that it is
+/// done, so that nobody does it again.
+void print_outcome(bool json, const Json& value, const std::string& line);
 /// A remark for people on standard error; it never fails.
 void remark(const std::string& text);
 

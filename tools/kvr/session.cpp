@@ -86,6 +86,13 @@ std::filesystem::path home_folder(const GlobalOptions& global, bool create) {
                                 "folder with --home",
                                 home.native()));
     }
+    std::error_code unknown;
+    if (fs::status(home.parent_path(), unknown).type() == fs::file_type::not_found) {
+        throw Error(Errc::kNotFound,
+                    fmt::format("{} cannot be made, there is no folder {}: make that one first, or name "
+                                "another home folder with --home",
+                                home.native(), home.parent_path().native()));
+    }
     become_owner_of(home.parent_path());
     make_private_folder(home);
     return home;
