@@ -27,6 +27,8 @@ constexpr std::size_t kMaxExtension = 16;      ///< longer ones are cut like any
 constexpr std::size_t kSuffixRoom = 11;        ///< '.' and the digits of the greatest suffix
 constexpr std::size_t kMaxSuffixHints = 10000; ///< names whose last suffix is remembered
 constexpr std::size_t kCopyChunk = 256U << 10U;
+constexpr std::size_t kWriteBack =
+    4U << 20U;                    ///< bytes whose way to the disk is begun at once: all lines wait for a sync
 constexpr int kContentsLost = -1; ///< as an error number: what comes back from the disk is not what was written
 
 bool is_removed(int fd) {
@@ -74,7 +76,7 @@ IncomingFile::IncomingFile(Spool& spool, std::string wire_name) : spool_(&spool)
 IncomingFile::IncomingFile(IncomingFile&& other) noexcept
     : spool_(other.spool_), wire_name_(std::move(other.wire_name_)),
       temporary_(std::exchange(other.temporary_, std::string())), fd_(std::move(other.fd_)), checksum_(other.checksum_),
-      doubtful_(other.doubtful_), error_(other.error_) {}
+      unwritten_(other.unwritten_), doubtful_(other.doubtful_), error_(other.error_) {}
 
 IncomingFile::~IncomingFile() {
     if (!temporary_.empty()) {
@@ -136,10 +138,15 @@ bool IncomingFile::write(std::span<const char>& bytes) {
         if (count >= 0) {
             checksum_.add(bytes.first(static_cast<std::size_t>(count)));
             bytes = bytes.subspan(static_cast<std::size_t>(count));
+            unwritten_ += static_cast<std::size_t>(count);
         } else if (errno != EINTR) {
             error_ = errno;
             return false;
         }
+    }
+    if (unwritten_ >= kWriteBack) {
+        unwritten_ = 0;
+        (void)::sync_file_range(fd_.get(), 0, 0, SYNC_FILE_RANGE_WRITE); // what fails is seen by the sync
     }
     return true;
 }

@@ -76,7 +76,8 @@ class IncomingFile {
     std::string temporary_; ///< name in kIncoming; empty while there is no file
     UniqueFd fd_;
     Checksum checksum_;
-    bool doubtful_ = false; ///< a sync failed: what it did not write the system may have forgotten
+    std::size_t unwritten_ = 0; ///< bytes since their way to the disk was begun
+    bool doubtful_ = false;     ///< a sync failed: what it did not write the system may have forgotten
     int error_ = 0;
 };
 
