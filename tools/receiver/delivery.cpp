@@ -63,6 +63,9 @@ std::string Delivery::home_of(const std::string& queue) {
 }
 
 bool Delivery::has_home(const std::string& queue) {
+    if (group_.empty()) {
+        known_.clear(); // an unfinished message brings no flush
+    }
     try {
         if (store_ == nullptr || !home_of(queue).empty()) {
             return true;
