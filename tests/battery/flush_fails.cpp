@@ -2,8 +2,8 @@
 // Preloaded into any program of the field: while the file that KVR_FLUSH_FAILS names exists, its disk is in trouble.
 //
 // The file is empty: nothing can be flushed (EIO). Or it holds "ERROR ONE_IN [CALL]": one in so many calls that change
-// plain files fails with that number, by chance; of one sort only when CALL names it (write, fsync, linkat, open). With
-// ERROR 0 nothing fails, and each flush takes ONE_IN milliseconds.
+// plain files fails with that number, by chance; of one sort only when CALL names it (write, fsync, linkat, open), and
+// slowly when "MILLISECONDS" follow. With ERROR 0 nothing fails, and each flush takes ONE_IN milliseconds.
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -27,6 +27,7 @@ struct Trouble {
     int error = EIO;
     unsigned one_in = 1;
     std::array<char, 8> call{"fsync"};
+    unsigned milliseconds = 0;
 };
 
 /// By system calls of its own: open is among those that fail.
@@ -42,7 +43,8 @@ bool read_trouble(Trouble& trouble) {
     ::close(fd);
     if (count > 0) {
         trouble.call = {};
-        (void)std::sscanf(text.data(), "%d %u %7s", &trouble.error, &trouble.one_in, trouble.call.data());
+        (void)std::sscanf(text.data(), "%d %u %7s %u", &trouble.error, &trouble.one_in, trouble.call.data(),
+                          &trouble.milliseconds);
     }
     return true;
 }
@@ -63,7 +65,10 @@ bool fails(const char* call) {
         read_trouble(trouble) && (trouble.call[0] == '\0' || std::strcmp(trouble.call.data(), call) == 0);
     errno = before;
     if (concerned && trouble.error == 0 && std::strcmp(call, "fsync") == 0) {
-        const timespec time{trouble.one_in / 1000, static_cast<long>(trouble.one_in % 1000) * 1'000'000};
+        trouble.milliseconds = trouble.one_in;
+    }
+    if (concerned && trouble.milliseconds != 0) {
+        const timespec time{trouble.milliseconds / 1000, static_cast<long>(trouble.milliseconds % 1000) * 1'000'000};
         (void)::nanosleep(&time, nullptr);
     }
     if (!concerned || trouble.error == 0 || !is_unlucky(trouble.one_in)) {

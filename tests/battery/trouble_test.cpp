@@ -12,6 +12,7 @@
 #include "field.h"
 #include "raw_line.h"
 #include "small_disk.h"
+#include "support/folder.h"
 #include "tools/receiver_stream.h"
 
 namespace kvr::test {
@@ -156,6 +157,24 @@ TEST_F(TroubledListener, AStopTellsWhatCouldNotBeStored) {
     EXPECT_EQ(contents(field_.home() / "spool/fifth"), "fifth");
 }
 
+TEST_F(TroubledListener, AMessageWhoseFileWasGivenUpIsNotDelivered) {
+    Child listener = field_.listen();
+    const RawLine line(field_.port());
+    std::string stream = bind_frame("C") + message_with_files(kTarget, "body", {{"a", "xyz"}});
+    const char last = stream.back();
+    stream.pop_back();
+    ASSERT_TRUE(line.send(stream));
+    await("the file", [&] { return !fs::is_empty(field_.home() / "spool/.incoming"); });
+    ::kill(listener.pid(), SIGTERM);
+    await_said("stopping");
+    fail("5 1 fsync 2500"); // longer than the stop waits for the line
+    ASSERT_TRUE(line.send(std::string(1, last)));
+    await_said("lost");
+    fail("");
+    EXPECT_EQ(listener.result(), 1);
+    EXPECT_EQ(field_.arrived(), 0U) << said();
+}
+
 TEST_F(TroubledListener, WithoutDescriptorsAMessageWaits) {
     Child listener = field_.listen();
     const RawLine line(field_.port());
@@ -169,6 +188,18 @@ TEST_F(TroubledListener, WithoutDescriptorsAMessageWaits) {
     await_said("Too many open files");
     ASSERT_EQ(::prlimit(listener.pid(), RLIMIT_NOFILE, &before, nullptr), 0);
     field_.await_arrived(2);
+    EXPECT_EQ(end_listener(listener), 0);
+}
+
+TEST_F(TroubledListener, AFileThatCannotBeSyncedHoldsTheNextOneBack) {
+    Child listener = field_.listen();
+    const RawLine line(field_.port());
+    fail("5 1 fsync");
+    ASSERT_TRUE(line.send(bind_frame("C") + message_with_files(kTarget, "", {{"a", "x"}, {"b", "y"}, {"c", "z"}})));
+    await_said("cannot store a file [5:");
+    EXPECT_LE(names_in(field_.home() / "spool/.incoming").size(), 2U); // and its copy
+    fail("");
+    field_.await_arrived(1);
     EXPECT_EQ(end_listener(listener), 0);
 }
 

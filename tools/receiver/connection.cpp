@@ -81,7 +81,8 @@ Clock::time_point Connection::quiet_at() const {
 
 std::size_t Connection::unread() const {
     int count = 0;
-    return ::ioctl(fd(), FIONREAD, &count) == 0 ? static_cast<std::size_t>(count) : 0;
+    const std::size_t waiting = ::ioctl(fd(), FIONREAD, &count) == 0 ? static_cast<std::size_t>(count) : 0;
+    return waiting + stream_.buffered();
 }
 
 Clock::time_point Connection::next_timer() const {
@@ -103,6 +104,9 @@ Clock::time_point Connection::next_timer() const {
 
 void Connection::work(Clock::time_point now, short ready, bool may_read, std::size_t most) {
     check_timers(now);
+    if (closed()) {
+        return;
+    }
     turn_end_ = Clock::now() + kTurnTime;
     if (state_ == State::kSilent && (ready & (POLLRDHUP | POLLHUP | POLLERR)) != 0) {
         close("the peer went away");
@@ -113,7 +117,7 @@ void Connection::work(Clock::time_point now, short ready, bool may_read, std::si
     if (paused_ && now >= retry_at_ && may_read) {
         resume(now);
     }
-    if (reading() && !paused_ && may_read && (ready != 0 || stream_.pending())) {
+    if (reading() && !paused_ && may_read && (ready != 0 || stream_.buffered() > 0)) {
         read(now, most);
     }
 }
@@ -384,20 +388,23 @@ bool Connection::on_file_begin(std::size_t index, std::uint64_t length) {
 
 Flow Connection::on_file_bytes(std::span<const char>& bytes) {
     const std::span<const char> offered = bytes;
-    bool written = true;
-    if (context_.spool != nullptr) {
-        written = files_[current_file_].write(bytes);
-    } else {
+    IncomingFile* failed = nullptr;
+    if (context_.spool == nullptr) {
         bytes = {};
+    } else if (current_file_ > 0 && !files_[current_file_ - 1].finish()) {
+        failed = &files_[current_file_ - 1]; // one open file at a time
+    } else if (!files_[current_file_].write(bytes)) {
+        failed = &files_[current_file_];
     }
     spooled_ += offered.size() - bytes.size();
     if (digest_) {
         digest_->add(offered.first(offered.size() - bytes.size()));
     }
-    if (written) {
+    if (failed == nullptr) {
+        no_room_ = false;
         return Flow::kGoOn;
     }
-    return judge_file_trouble(files_[current_file_]) ? Flow::kPause : Flow::kStop;
+    return judge_file_trouble(*failed) ? Flow::kPause : Flow::kStop;
 }
 
 bool Connection::on_file_end() {
@@ -405,7 +412,7 @@ bool Connection::on_file_end() {
         facts_[current_file_].digest = digest_->finish();
     }
     if (context_.spool != nullptr) {
-        (void)files_[current_file_].finish(); // when it fails, store_files tries it again
+        (void)files_[current_file_].finish(); // when it fails, the next file or store_files tries it again
     }
     return true;
 }
@@ -450,6 +457,7 @@ bool Connection::store_files() {
     std::vector<IncomingFile>().swap(files_);
     if (!file_trouble_.empty() && !message_.files.empty()) {
         file_trouble_.clear();
+        no_room_ = false;
         log("files can be stored again", "files stored again");
     }
     message_.attachments = message_.files;

@@ -66,7 +66,7 @@ class Connection final : public FrameSink {
     /// When work() is due although the socket says nothing.
     [[nodiscard]] Clock::time_point next_timer() const;
     /// Bytes wait inside the TLS session.
-    [[nodiscard]] bool pending() const { return is_read_ && reading() && !paused_ && stream_.pending(); }
+    [[nodiscard]] bool pending() const { return is_read_ && reading() && !paused_ && stream_.buffered() > 0; }
     [[nodiscard]] bool in_message() const { return complete_waits_ || !splitter_.at_boundary(); }
     [[nodiscard]] bool in_handshake() const { return state_ == State::kHandshake; }
     [[nodiscard]] bool draining() const { return state_ == State::kDraining; }
@@ -78,7 +78,7 @@ class Connection final : public FrameSink {
     [[nodiscard]] Clock::time_point quiet_at() const;
     /// Time since a message was completed, or a good part of one came.
     [[nodiscard]] Clock::duration idle(Clock::time_point now) const { return now - progress_at_; }
-    /// Bytes that have arrived and were not read, as far as the socket knows.
+    /// Bytes that have arrived and were not read, as far as the socket and the TLS session know.
     [[nodiscard]] std::size_t unread() const;
     [[nodiscard]] std::uint64_t received() const { return received_; }
 

@@ -47,8 +47,8 @@ class Stream {
     StreamEnd handshake();
     /// @param count (out) bytes read when the result is kDone
     StreamEnd read(std::span<char> buffer, std::size_t& count);
-    /// Bytes wait inside the TLS session, where poll does not see them.
-    [[nodiscard]] bool pending() const { return ssl_ && SSL_has_pending(ssl_.get()) == 1; }
+    /// Bytes that wait inside the TLS session, where poll does not see them. A record that has come in part is none.
+    [[nodiscard]] std::size_t buffered() const { return ssl_ ? static_cast<std::size_t>(SSL_pending(ssl_.get())) : 0; }
     /// Sends as much as goes at once; for small texts to an idle peer.
     void send_some(std::span<const char> bytes);
     /// One more session ticket.
