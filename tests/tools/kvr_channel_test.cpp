@@ -128,7 +128,8 @@ TEST_F(KvrChannel, ARunningOneRefusesASecondWorkerAndItsDeletion) {
     EXPECT_EQ(served["depth"], 0);
     EXPECT_EQ(run().code, 1);
     EXPECT_THAT(run().err, AllOf(HasSubstr(std::to_string(worker.pid())), Not(HasSubstr("starts"))));
-    for (const Words& deletion : {Words{"delete", "channel", "C"}, {"delete", "qmgr", "EAST", "--yes"}}) {
+    for (const Words& deletion :
+         {Words{"delete", "channel", "C"}, {"delete", "queue", "TO.WEST"}, {"delete", "qmgr", "EAST", "--yes"}}) {
         EXPECT_THAT(home_.run(deletion).err, HasSubstr("kvr stop C"));
     }
     EXPECT_THAT(home_.done({"stop", "C"}), HasSubstr("channel C stopped"));
@@ -215,7 +216,15 @@ TEST_F(KvrChannel, AnEventThatFailsGivesTheChannelBack) {
     }
     EXPECT_EQ(status(), "STOPED -1");
     EXPECT_THAT(home_.done({"status"}), ContainsRegex("C: failed: .* UTC, could not .*result -10002.*/log/C.log "));
-    home_.done({"set", "channel", "C", "LONGRTY=1000"});
+    {
+        const Peer peer({}, [](PeerConnection& line) { line.read_all(); });
+        const auto getter = store()->drain("TO.WEST"); // the channel connects, and its first get fails
+        home_.done({"set", "channel", "C", "CONNAME=127.0.0.1(" + std::to_string(peer.port()) + ")"});
+        EXPECT_EQ(run().code, 1);
+        EXPECT_THAT(status(), HasSubstr("RUNING "));
+        EXPECT_THAT(home_.done({"status"}), ContainsRegex(" gone .*C: failed: .* could not go on; .*/log/C.log "));
+    }
+    home_.done({"set", "channel", "C", "LONGRTY=1000", "CONNAME=127.0.0.1(1)"});
     Child worker = running();
     EXPECT_THAT(home_.done({"status"}), Not(HasSubstr("failed")));
     home_.done({"stop", "C"});

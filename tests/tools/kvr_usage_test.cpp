@@ -138,7 +138,7 @@ TEST(KvrUsage, WhatTheSystemCannotDoFailsWithCodeOne) {
         {{"get", "Q", "--out", present}, "nothing is overwritten"},
         {{"get", "BINARY"}, "no text: take it with --raw"},
         {{"move", "Q", "NONE"}, "kvr define queue NONE"},
-        {{"delete", "queue", "Q", "--purge"}, "channel 'C': delete the channel or .* XMITQ=QUEUE"},
+        {{"delete", "queue", "Q", "--purge"}, "channel 'C': set another one .* XMITQ=QUEUE"},
         {{"delete", "queue", "BINARY"}, "--purge"},
         {{"set", "qmgr", "DEADQ=NONE"}, "kvr define queue NONE"},
         {{"set", "qmgr", "DEADQ=Q"}, "round for ever"},

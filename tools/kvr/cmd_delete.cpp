@@ -36,9 +36,11 @@ void delete_queue(const GlobalOptions& global, const DeleteOptions& options) {
                                              name));
     }
     if (const std::string channel = channel_that_drains(*store, name); !channel.empty()) {
-        throw Error(Errc::kBusy, fmt::format("queue '{}' is the transmission queue of channel '{}': delete the channel "
-                                             "or set another one with 'kvr set channel {} XMITQ=QUEUE' first",
-                                             name, channel, channel));
+        const char* const remedy = runs_on(*store, channel, name)
+                                       ? "stop it first with 'kvr stop {}'"
+                                       : "set another one with 'kvr set channel {} XMITQ=QUEUE', or delete the channel";
+        throw Error(Errc::kBusy, fmt::format("queue '{}' is the transmission queue of channel '{}': {}", name, channel,
+                                             fmt::format(fmt::runtime(remedy), channel)));
     }
     const QueueInfo queue = store->queue_info(name);
     if (queue.drained_by > 0) {

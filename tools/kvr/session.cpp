@@ -11,6 +11,7 @@
 
 #include <fmt/format.h>
 
+#include "channel_status.h"
 #include "names.h"
 #include "output.h"
 #include "permissions.h"
@@ -228,11 +229,16 @@ void require_channel(Store& store, const std::string& channel) {
 
 std::string channel_that_drains(Store& store, const std::string& queue) {
     for (std::string& channel : store.object_names("CHL")) {
-        if (value_of(store.object_get("CHL", channel), "XMITQ") == queue) {
+        if (value_of(store.object_get("CHL", channel), "XMITQ") == queue || runs_on(store, channel, queue)) {
             return std::move(channel);
         }
     }
     return {};
+}
+
+bool runs_on(Store& store, const std::string& channel, const std::string& queue) {
+    const ChannelStatus status = channel_status(store, channel);
+    return status.is_current() && value_of(status.taken, "XMITQ") == queue;
 }
 
 void refuse_round_trip(const std::string& queue, const std::string& channel) {

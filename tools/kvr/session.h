@@ -41,8 +41,10 @@ std::uint64_t parse_size(const std::string& what, const std::string& text);
 void require_queue(Store& store, const std::string& queue);
 void require_channel(Store& store, const std::string& channel);
 bool object_exists(Store& store, const std::string& cls, const std::string& name);
-/// The first channel that is defined with this transmission queue, empty for none.
+/// The first channel that is defined with this transmission queue, or runs on it; empty for none.
 std::string channel_that_drains(Store& store, const std::string& queue);
+/// Whether a process runs the channel on this transmission queue, whatever the definition says by now.
+bool runs_on(Store& store, const std::string& channel, const std::string& queue);
 /// Refuses a dead-letter queue that a channel drains: a message that cannot be sent would go round for ever.
 [[noreturn]] void refuse_round_trip(const std::string& queue, const std::string& channel);
 /// Name of the dead-letter queue, empty for none.
