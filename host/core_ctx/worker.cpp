@@ -147,11 +147,15 @@ void check_dead_letter_queue(Store& store, const WorkerOptions& options) {
 /// whatever process, this one included. Under the run lock it is known to be stale.
 void repair_status(Store& store, const std::string& channel) {
     const ChannelStatus status = recorded_status(store, channel);
-    if (procIsExist(status.recorded_pid) > 0 && mark_stopped(store, channel, "")) {
-        log_line(kLevelEvent, "channel[" + channel + "] stat[" + status.state + "] pid[" +
-                                  std::to_string(status.recorded_pid) +
-                                  "] is stale: that process does not run it; taken over");
+    if (!status.is_stale()) {
+        return;
     }
+    if (procIsExist(status.recorded_pid) > 0) {
+        (void)mark_stopped(store, channel, "");
+    }
+    log_line(kLevelEvent, "channel[" + channel + "] stat[" + status.state + "] pid[" +
+                              std::to_string(status.recorded_pid) +
+                              "] is stale: that process does not run it; taken over");
 }
 
 std::string utc_now() {

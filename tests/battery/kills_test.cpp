@@ -98,6 +98,7 @@ TEST_P(WorkerKills, LoseNothingAndRepeatAtMostTheMessageInHand) {
     }
     Child worker = field.run_channel();
     await_takeover(field, worker);
+    EXPECT_GE(field.logged("is stale: that process does not run it; taken over"), 1U);
     field.await_drained();
     EXPECT_EQ(worker.result_under(SIGTERM), 0);
     // Not by a count of messages: repeats would stand for some that are still on their way.
