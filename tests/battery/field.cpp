@@ -184,9 +184,8 @@ Child Field::listen(const std::vector<std::string>& options) {
     if (carrier_ != Carrier::kPlain) {
         const TlsMaterial& tls = tls_material();
         const std::string version = carrier_ == Carrier::kTls12 ? "1.2" : "1.3";
-        arguments.insert(arguments.end(),
-                         {"--tls", "--cert", tls.server.cert_file, "--key", tls.server.key_file, "--ca", tls.ca_file,
-                          "--tls-min", "1.2", "--tls-max", version, "--tls-tickets", "2"});
+        arguments.insert(arguments.end(), {"--tls", "--cert", tls.server.cert_file, "--key", tls.server.key_file,
+                                           "--tls-min", "1.2", "--tls-max", version, "--tls-tickets", "2"});
     }
     arguments.insert(arguments.end(), options.begin(), options.end());
     Child child = start(arguments);

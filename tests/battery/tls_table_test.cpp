@@ -26,8 +26,7 @@ struct Case {
 };
 
 std::vector<std::string> server(const TlsIdentity& identity, const std::vector<std::string>& more = {}) {
-    std::vector<std::string> all{"--tls",           "--cert", identity.cert_file,    "--key",
-                                 identity.key_file, "--ca",   tls_material().ca_file};
+    std::vector<std::string> all{"--tls", "--cert", identity.cert_file, "--key", identity.key_file};
     all.insert(all.end(), more.begin(), more.end());
     return all;
 }
@@ -111,21 +110,24 @@ std::vector<Case> cases() {
         {"Tls12Only", kDelivered, server(tls.server, {"--tls-max", "1.2"}), {checked}},
         {"Tickets", kDelivered, server(tls.server, {"--tls-min", "1.3", "--tls-tickets", "2"}), {checked}},
         {"NoTickets", kDelivered, server(tls.server, {"--tls-min", "1.3", "--tls-tickets", "0"}), {checked}},
-        {"ClientRequired12", kDelivered, server(tls.server, {"--client-cert", "required", "--tls-max", "1.2"}), {}},
-        {"ClientRequired13", kDelivered, server(tls.server, {"--client-cert", "required"}), {}},
+        {"ClientRequired12",
+         kDelivered,
+         server(tls.server, {"--ca", tls.ca_file, "--client-cert", "required", "--tls-max", "1.2"}),
+         {}},
+        {"ClientRequired13", kDelivered, server(tls.server, {"--ca", tls.ca_file, "--client-cert", "required"}), {}},
         {"ClientWrong12",
          kEnds,
-         server(tls.server, {"--client-cert", "required", "--tls-max", "1.2"}),
+         server(tls.server, {"--ca", tls.ca_file, "--client-cert", "required", "--tls-max", "1.2"}),
          {"SSL_connect[", "unknown ca"},
          client(tls.foreign_server.cert_file, tls.foreign_server.key_file)},
         {"ClientWrong13",
          kRefused,
-         server(tls.server, {"--client-cert", "required"}),
+         server(tls.server, {"--ca", tls.ca_file, "--client-cert", "required"}),
          {checked, "SndrNetInit error[-1]"},
          client(tls.foreign_server.cert_file, tls.foreign_server.key_file)},
         {"ClientAbsent",
          kEnds,
-         server(tls.server, {"--client-cert", "required"}),
+         server(tls.server, {"--ca", tls.ca_file, "--client-cert", "required"}),
          {"has no CERTFILE: set it"},
          client("", "")},
         {"Untrusted", kEnds, server(tls.foreign_server), refused("unable to get local issuer certificate")},

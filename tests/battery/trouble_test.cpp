@@ -5,6 +5,7 @@
 #include <fstream>
 #include <memory>
 #include <optional>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <sys/resource.h>
@@ -132,29 +133,44 @@ TEST_P(UnderLoad, LosesNothing) {
     RecordProperty("lines", std::to_string(field_.journalled("connect")));
 }
 
-TEST_F(TroubledListener, AStopTellsWhatCouldNotBeStored) {
-    field_.receiver().set_settings({.quota = 64U << 10U, .map_size = 4U << 20U});
-    Child listener = field_.listen();
-    const RawLine line(field_.port());
+TEST_F(TroubledListener, AStopWaitsForRoomAndCountsWhatFindsNone) {
     const std::string body(20'000, 'b');
     std::string stream = bind_frame("C");
     for (const char* file : {"first", "second", "third", "fourth", "fifth"}) {
         stream += message_with_files(kTarget, body, {{file, file}});
     }
-    ASSERT_TRUE(line.send(stream));
-    await_said("cannot deliver");
-    EXPECT_EQ(end_listener(listener), 1);
-    const std::uint64_t stored = field_.arrived();
-    ASSERT_LT(stored, 5U);
-    // Each is either on its queue or told, and nobody's file is gone.
-    std::size_t told = 0;
-    for (std::size_t at = 0; (at = said().find("lost: the message", at)) != std::string::npos; ++at) {
-        ++told;
+    constexpr std::uint64_t kMessages = 2000;
+    for (std::uint64_t i = 5; i < kMessages; ++i) { // more than is read before the store is found to be full
+        stream += message(kTarget, std::string(1000, 'm'));
     }
-    EXPECT_EQ(stored + told, 5U) << said();
-    EXPECT_THAT(said(), HasSubstr(std::to_string(told) + " complete messages are lost, their " + std::to_string(told) +
-                                  " files stay in the spool"));
-    EXPECT_EQ(contents(field_.home() / "spool/fifth"), "fifth");
+    for (const bool room : {true, false}) {
+        fs::remove(field_.home() / "out");
+        const std::uint64_t before = field_.arrived();
+        field_.receiver().set_settings({.quota = 64U << 10U, .map_size = 64U << 20U});
+        Child listener = field_.listen();
+        std::thread sending([&] {
+            const RawLine line(field_.port());
+            EXPECT_TRUE(line.send(stream));
+            line.await_end();
+        });
+        await_said("cannot deliver");
+        ::kill(listener.pid(), SIGTERM);
+        await_said("unless there is room");
+        if (room) {
+            field_.receiver().set_settings({});
+        }
+        EXPECT_EQ(listener.result(), room ? 0 : 1) << said();
+        sending.join();
+        const std::uint64_t lost = kMessages - (field_.arrived() - before);
+        EXPECT_EQ(lost == 0, room);
+        EXPECT_EQ(field_.journalled("lost"), lost);
+        if (!room) {
+            EXPECT_THAT(said(), HasSubstr(" lost: " + std::to_string(lost) + " complete messages"));
+            EXPECT_THAT(said(), HasSubstr("lost: the message ID for queue"));
+        }
+    }
+    // Those that were complete when it was stopped keep their files.
+    EXPECT_EQ(contents(field_.home() / "spool/first.1"), "first");
 }
 
 TEST_F(TroubledListener, AMessageWhoseFileWasGivenUpIsNotDelivered) {

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <openssl/ssl.h>
+#include <sys/resource.h>
 
 #include "kvr_program.h"
 #include "receiver_stream.h"
@@ -65,7 +66,8 @@ class Listener {
 /// A sender of prepared bytes, plain or in TLS 1.3.
 class Sender {
   public:
-    explicit Sender(int port, bool tls = false, const TlsIdentity* identity = nullptr)
+    /// @param doubts  it believes no certificate
+    explicit Sender(int port, bool tls = false, const TlsIdentity* identity = nullptr, bool doubts = false)
         : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         const sockaddr_in address{AF_INET, htons(static_cast<in_port_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
         const timeval limit{kDeadlineSeconds, 0};
@@ -79,6 +81,7 @@ class Sender {
             SSL_CTX_use_certificate_chain_file(context_.get(), identity->cert_file.c_str());
             SSL_CTX_use_PrivateKey_file(context_.get(), identity->key_file.c_str(), SSL_FILETYPE_PEM);
         }
+        SSL_CTX_set_verify(context_.get(), doubts ? SSL_VERIFY_PEER : SSL_VERIFY_NONE, nullptr);
         ssl_.reset(SSL_new(context_.get()));
         SSL_set_fd(ssl_.get(), fd_.get());
         SSL_connect(ssl_.get()); // where it fails, so does what follows
@@ -119,8 +122,7 @@ class KvrListen : public ::testing::Test {
 
     ProgramHome home_;
     const TlsMaterial& material_ = tls_material();
-    const Words tls_ = Words{"--tls", "--ca", material_.ca_file, "--cert"} +
-                       Words{material_.server.cert_file, "--key", material_.server.key_file};
+    const Words tls_ = {"--tls", "--cert", material_.server.cert_file, "--key", material_.server.key_file};
 };
 
 TEST_F(KvrListen, EveryKindOfMessageReachesItsQueueWithEveryField) {
@@ -285,6 +287,29 @@ TEST_F(KvrListen, ShortMemoryEndsThoseOfWhomNothingComes) {
     EXPECT_LT(listener.count("end"), silent.size());
 }
 
+TEST_F(KvrListen, ShortMemoryIsNotHeldByOneThatFallsSilent) {
+    Listener listener(home_, {});
+    const auto body_of = [](std::size_t size) {
+        return bind_frame("C" + std::to_string(size)) + message_with_files("Q1", std::string(size, 'b'), {{"a", "x"}});
+    };
+    std::vector<std::unique_ptr<Sender>> senders;
+    for (std::size_t i = 0; i < 12; ++i) { // bodies of 24.6 MB that wait for their files
+        senders.push_back(std::make_unique<Sender>(listener.port()));
+        const std::string stream = body_of(2'050'000 + i);
+        ASSERT_TRUE(senders[i]->send(stream.substr(0, stream.size() - 9)));
+        ASSERT_TRUE(listener.has("bind", i + 1));
+    }
+    Sender silent(listener.port()); // too small to be given up beside them
+    const std::string stream = body_of(600'000);
+    ASSERT_TRUE(silent.send(stream.substr(0, stream.size() - 9)));
+    ASSERT_TRUE(listener.has("bind", 13));
+    for (const auto& sender : senders) {
+        ASSERT_TRUE(sender->send(file_frame("x")));
+    }
+    EXPECT_TRUE(listener.has("message", 12));
+    EXPECT_EQ(listener.count("end"), 0U);
+}
+
 TEST_F(KvrListen, TheLogNeitherBlocksNorGrowsWithAStranger) {
     std::array<int, 2> full{};
     ASSERT_EQ(::pipe2(full.data(), O_NONBLOCK), 0);
@@ -332,12 +357,38 @@ TEST_F(KvrListen, AHangupOpensTheJournalAnew) {
     EXPECT_EQ(listener.stop(), 0);
 }
 
+TEST_F(KvrListen, LinesThatTheJournalLacksAreCounted) {
+    Listener listener(home_, {"--discard"}, [] {
+        (void)::signal(SIGXFSZ, SIG_IGN);
+        const rlimit small{4096, 4096};
+        (void)::setrlimit(RLIMIT_FSIZE, &small);
+    });
+    Sender sender(listener.port());
+    std::string stream = bind_frame("C");
+    for (int i = 0; i < 100; ++i) {
+        stream += heartbeat_frame();
+    }
+    ASSERT_TRUE(sender.send(stream));
+    const auto says = [&](const char* text) { return listener.log().find(text) != std::string::npos; };
+    ASSERT_TRUE(wait_until([&] { return says("the journal cannot be written"); }));
+    std::filesystem::rename(home_.path() / "journal", home_.path() / "full");
+    std::filesystem::create_directory(home_.path() / "journal");
+    listener.send_signal(SIGHUP);
+    ASSERT_TRUE(wait_until([&] { return says("cannot open the journal"); }));
+    EXPECT_FALSE(says("opened anew"));
+    sender.finish();
+    EXPECT_EQ(listener.stop(), 1);
+    const auto written = std::ranges::count(contents(home_.path() / "full"), '\n');
+    EXPECT_TRUE(says(("the journal lacks " + std::to_string(103 - written) + " lines").c_str())) << listener.log();
+}
+
 TEST_F(KvrListen, RefusalsNameTheirCause) {
     struct Case {
         const char* client_cert; ///< null: a plain listener
         bool tls;                ///< of the sender
         const TlsIdentity* identity;
         const char* reason; ///< null: none
+        bool doubts = false;
     };
     const Case cases[] = {
         {"optional", true, nullptr, nullptr},
@@ -346,14 +397,16 @@ TEST_F(KvrListen, RefusalsNameTheirCause) {
         {"optional", true, &material_.foreign_server,
          "the certificate of /O=kavro test/CN=Receiver.Test is refused: unable to get local issuer certificate"},
         {"optional", false, nullptr, "the sender speaks plain TCP"},
+        {"optional", true, nullptr, "the sender refuses the certificate of this listener: unknown CA", true},
         {nullptr, true, nullptr, "a TLS hello"},
     };
-    for (const auto& [client_cert, tls, identity, reason] : cases) {
+    for (const auto& [client_cert, tls, identity, reason, doubts] : cases) {
         SCOPED_TRACE(reason == nullptr ? "none" : reason);
-        const Words options = client_cert == nullptr ? Words{} : tls_ + Words{"--client-cert", client_cert};
+        const Words options =
+            client_cert == nullptr ? Words{} : tls_ + Words{"--ca", material_.ca_file, "--client-cert", client_cert};
         const Listener listener(home_, options + Words{"--discard"});
         std::thread sending([&, port = listener.port()] { // a TLS sender waits for the end that the listener makes
-            Sender sender(port, tls, identity);
+            Sender sender(port, tls, identity, doubts);
             (void)sender.send(bind_frame("C")); // it learns of the refusal after its handshake
             if (reason == nullptr) {
                 EXPECT_TRUE(listener.has("bind", 1));

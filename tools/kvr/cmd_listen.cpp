@@ -2,10 +2,10 @@
 // kvr listen: the receiving end of channels, and, with switches, a peer that misbehaves on purpose.
 #include <map>
 #include <memory>
-
-#include <sys/stat.h>
+#include <tuple>
 
 #include <CLI/CLI.hpp>
+#include <fmt/format.h>
 
 #include "commands.h"
 #include "held_signals.h"
@@ -15,6 +15,8 @@
 namespace kvr {
 namespace {
 
+constexpr const char* kTlsGroup = "TLS";
+
 struct ListenCommand {
     ListenerOptions listener;
     bool discard = false;
@@ -23,14 +25,38 @@ struct ListenCommand {
     std::uint64_t stall_after = 0;
 };
 
+/// Refuses options that would change nothing: whoever gives one counts on it.
+void check_tls(const CLI::App& command, const TlsOptions& tls) {
+    if (!tls.enabled) {
+        for (const CLI::Option* option : command.get_options()) {
+            if (option->count() > 0 && (option->get_group() == kTlsGroup || option->check_name("--close-notify"))) {
+                throw UsageError(fmt::format("{} without TLS: add --tls, or leave it out", option->get_name()));
+            }
+        }
+        return;
+    }
+    if (tls.cert.empty()) {
+        throw UsageError("TLS needs a certificate: add --cert FILE and --key FILE");
+    }
+    if (tls.min_version > tls.max_version) {
+        throw UsageError(fmt::format("no TLS version is within --tls-min {} and --tls-max {}: lower the first or raise "
+                                     "the second",
+                                     tls.min_version, tls.max_version));
+    }
+    const bool asks = tls.client_cert != ClientCert::kNone;
+    if (asks && tls.ca.empty()) {
+        throw UsageError("checking client certificates needs a CA file: add --ca FILE");
+    }
+    if (!asks && !tls.ca.empty()) {
+        throw UsageError("--ca alone checks nobody: add --client-cert required (or optional), or leave it out");
+    }
+}
+
 void listen(const GlobalOptions& global, ListenCommand& command) {
     hold_signals({SIGTERM, SIGINT, SIGHUP});
     ListenerOptions& options = command.listener;
-    if (!options.tls.enabled && (!options.tls.cert.empty() || !options.tls.key.empty() || !options.tls.ca.empty())) {
-        throw UsageError("certificate options without TLS: add --tls, or leave them out");
-    }
-    if (options.tls.enabled && options.tls.cert.empty()) {
-        throw UsageError("TLS needs a certificate: add --cert FILE and --key FILE");
+    if (command.discard && !options.spool.empty()) {
+        throw UsageError("--discard stores no file: leave --spool out");
     }
     if (!command.discard) {
         options.store = open_store(global);
@@ -39,15 +65,14 @@ void listen(const GlobalOptions& global, ListenCommand& command) {
         }
     }
     if (const int result = run_listener(options); result != 0) {
-        throw Error(Errc::kIo,
-                    "messages that had come could not be stored at the end: the log above says which and why");
+        throw Error(Errc::kIo, "messages or lines of the journal were lost: the log above says which and why");
     }
 }
 
 void add_tls_options(CLI::App& command, TlsOptions& tls) {
     static const std::map<std::string, ClientCert> kClientCerts = {
         {"none", ClientCert::kNone}, {"optional", ClientCert::kOptional}, {"required", ClientCert::kRequired}};
-    const std::string group = "TLS";
+    const std::string group = kTlsGroup;
     command.add_flag("--tls", tls.enabled, "Speak TLS")->group(group);
     command.add_option("--cert", tls.cert, "Certificate with its chain, PEM")->group(group)->type_name("FILE");
     command.add_option("--key", tls.key, "Private key, PEM (default: in the certificate's file)")
@@ -56,7 +81,7 @@ void add_tls_options(CLI::App& command, TlsOptions& tls) {
     command.add_option("--key-pass-file", tls.key_pass_file, "File whose first line is the key's pass phrase")
         ->group(group)
         ->type_name("FILE");
-    command.add_option("--ca", tls.ca, "Certificates of those who sign client certificates, PEM")
+    command.add_option("--ca", tls.ca, "Certificates of those who sign client certificates, PEM; with --client-cert")
         ->group(group)
         ->type_name("FILE");
     command
@@ -66,8 +91,14 @@ void add_tls_options(CLI::App& command, TlsOptions& tls) {
         ->group(group)
         ->transform(CLI::IsMember({"none", "optional", "required"}, CLI::ignore_case).description(""))
         ->type_name("MODE");
-    command.add_option("--tls-min", tls.min_version, "Lowest version: 1.2 or 1.3 [1.2]")->group(group)->type_name("V");
-    command.add_option("--tls-max", tls.max_version, "Highest version: 1.2 or 1.3 [1.3]")->group(group)->type_name("V");
+    for (const auto& [name, version, text] :
+         {std::tuple("--tls-min", &tls.min_version, "Lowest version: 1.2 or 1.3 [1.2]"),
+          std::tuple("--tls-max", &tls.max_version, "Highest version: 1.2 or 1.3 [1.3]")}) {
+        command.add_option(name, *version, text)
+            ->group(group)
+            ->check(CLI::IsMember({"1.2", "1.3"}).description(""))
+            ->type_name("V");
+    }
     command.add_option("--tls-tickets", tls.tickets, "TLS 1.3 session tickets after the handshake [0]")
         ->group(group)
         ->check(CLI::Range(0, 100))
@@ -132,7 +163,7 @@ void add_listen_command(CLI::App& app, GlobalOptions& global) {
         ->add_option("--spool", listener.spool,
                      "Folder for received files (default: spool in the queue manager's folder)")
         ->type_name("DIR");
-    command->add_option("--journal", listener.journal, "Append a JSON line per connection, bind and message")
+    command->add_option("--journal", listener.journal, "Append a JSON line per connection, bind, heartbeat and message")
         ->type_name("FILE");
     command
         ->add_option("--max-connections", listener.max_connections,
@@ -162,7 +193,8 @@ void add_listen_command(CLI::App& app, GlobalOptions& global) {
                            "  kvr listen --discard --port 0 --port-file port --close-after 5000 --awkward-first 1\n"
                            "\nMessages go to the queues that they name; a message for a queue that does not exist\n"
                            "goes to the dead-letter queue (DEADQ of the queue manager). Ctrl-C or SIGTERM stops it\n"
-                           "after what has been sent is delivered.\n");
+                           "after what has been sent is stored; make room first when the store is full: after 5\n"
+                           "seconds without room what has been sent is lost, counted, and the status is 1.\n");
     command->callback([options, command, &global] {
         const auto given = [command](const char* name, std::uint64_t value) {
             return command->count(name) > 0 ? std::optional<std::uint64_t>(value) : std::nullopt;
@@ -171,6 +203,7 @@ void add_listen_command(CLI::App& app, GlobalOptions& global) {
         awkward.close_after = given("--close-after", options->close_after);
         awkward.reset_after = given("--reset-after", options->reset_after);
         awkward.stall_after = given("--stall-after", options->stall_after);
+        check_tls(*command, options->listener.tls);
         listen(global, *options);
     });
 }

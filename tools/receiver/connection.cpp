@@ -209,7 +209,15 @@ void Connection::read(Clock::time_point now, std::size_t most) {
     if (paused_) {
         return; // the end of the stream is seen again when the bytes before it are stored
     }
-    close(end == StreamEnd::kEof ? "the peer ended the connection" : "reading failed: " + stream_.error());
+    if (end != StreamEnd::kEof) {
+        close("reading failed: " + stream_.error());
+    } else if (context_.tls != nullptr && received_ == 0) {
+        close(
+            "the sender ended the connection after the TLS handshake without a word: its log tells whether it refuses "
+            "the certificate of this listener");
+    } else {
+        close("the peer ended the connection");
+    }
 }
 
 void Connection::reach_switch(Clock::time_point now) {
@@ -273,6 +281,9 @@ void Connection::drain(Clock::duration time, const std::string& why, Clock::time
     if (state_ == State::kDraining) {
         return;
     }
+    if (state_ == State::kHandshake && stream_.answered() && unread() > 0) {
+        shake_hands(now); // the sender may have done its part, and written messages behind it
+    }
     if (state_ != State::kOpen || (channel_.empty() && unread() == 0)) {
         close(why);
         return;
@@ -287,22 +298,33 @@ void Connection::close(const std::string& reason, std::string_view cause) {
     if (state_ == State::kClosed) {
         return;
     }
-    state_ = State::kClosed;
     const bool by_peer = stop_reason_.empty() && splitter_.error().reason.empty();
+    const std::size_t lost = by_peer && takes_in() ? left_.size() + unread() : 0;
+    state_ = State::kClosed;
     const std::string cut =
         by_peer && !splitter_.at_boundary() ? fmt::format(", cut {}: discarded", splitter_.position()) : "";
     log(fmt::format("{}{}; {} messages, {} bytes{}{}", reason, cut, messages_, received_,
                     channel_.empty() ? "" : ", channel ", channel_),
         cause);
-    if (by_peer && (complete_waits_ || !left_.empty())) {
-        listen_log(fmt::format("connection {}: {}{} bytes are lost: they had come and could not be stored", id_,
-                               complete_waits_ ? "a complete message and " : "", left_.size()));
-        context_.lost = true;
+    if (complete_waits_ && by_peer) {
+        message_.lost = true;
+        drop_files();
+        hand_over();
+    }
+    if (lost > 0) {
+        log(fmt::format("{} bytes are lost: they had come and were not taken in", lost),
+            "connections that ended with a loss");
+        context_.lost_bytes += lost;
     }
     context_.journal.add("end", id_,
                          fmt::format(R"("reason":"{}","whole":{},"messages":{},"bytes":{})", escaped(reason),
                                      splitter_.at_boundary(), messages_, received_));
-    files_.clear();
+    drop_files();
+}
+
+/// Those of a message that is not handed over.
+void Connection::drop_files() {
+    std::vector<IncomingFile>().swap(files_);
     for (const std::string& file : message_.files) {
         context_.spool->remove(file);
     }
@@ -389,7 +411,7 @@ bool Connection::on_file_begin(std::size_t index, std::uint64_t length) {
 Flow Connection::on_file_bytes(std::span<const char>& bytes) {
     const std::span<const char> offered = bytes;
     IncomingFile* failed = nullptr;
-    if (context_.spool == nullptr) {
+    if (context_.spool == nullptr || context_.files_given_up) {
         bytes = {};
     } else if (current_file_ > 0 && !files_[current_file_ - 1].finish()) {
         failed = &files_[current_file_ - 1]; // one open file at a time
@@ -411,7 +433,7 @@ bool Connection::on_file_end() {
     if (digest_) {
         facts_[current_file_].digest = digest_->finish();
     }
-    if (context_.spool != nullptr) {
+    if (context_.spool != nullptr && !context_.files_given_up) {
         (void)files_[current_file_].finish(); // when it fails, the next file or store_files tries it again
     }
     return true;
@@ -444,6 +466,12 @@ bool Connection::judge_file_trouble(const IncomingFile& file) {
 /// Gives the files of the complete message their names and hands the message over. False: it waits until they can be
 /// stored (complete_waits_), or they never can.
 bool Connection::store_files() {
+    if (context_.files_given_up && !files_.empty()) {
+        message_.lost = true;
+        drop_files();
+        hand_over();
+        return true;
+    }
     for (std::size_t i = message_.files.size(); i < files_.size(); ++i) {
         std::string path = files_[i].finish() ? files_[i].publish() : std::string();
         complete_waits_ = path.empty() && judge_file_trouble(files_[i]);
@@ -453,7 +481,6 @@ bool Connection::store_files() {
         facts_[i].path = path;
         message_.files.push_back(std::move(path));
     }
-    complete_waits_ = false;
     std::vector<IncomingFile>().swap(files_);
     if (!file_trouble_.empty() && !message_.files.empty()) {
         file_trouble_.clear();
@@ -465,18 +492,22 @@ bool Connection::store_files() {
         message_.data.assign(message_.files.back().begin(), message_.files.back().end());
         message_.attachments.pop_back();
     }
+    hand_over();
+    return true;
+}
+
+void Connection::hand_over() {
+    complete_waits_ = false;
     kept_ = 0;
     spooled_ = 0;
     progress_at_ = Clock::now();
     progress_bytes_ = received_;
     ++messages_;
-    ++context_.messages;
     if (context_.journal.enabled()) {
         message_.journal = message_facts();
     }
     std::vector<FileFacts>().swap(facts_);
-    context_.delivery.add(std::move(message_));
-    return true;
+    context_.delivery.add(std::exchange(message_, {}));
 }
 
 std::string Connection::message_facts() const {

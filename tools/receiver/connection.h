@@ -35,10 +35,10 @@ struct ListenerContext {
     Delivery& delivery;
     Journal& journal;
     std::vector<char> chunk = std::vector<char>(kChunk);
-    std::uint64_t messages = 0;
     std::uint64_t bytes = 0;
-    bool lost = false; ///< a connection ended with bytes that it had taken in and could not store
     std::uint64_t binds = 0;
+    std::uint64_t lost_bytes = 0; ///< that had come to connections which ended before they were taken in
+    bool files_given_up = false;  ///< messages with files are lost from now on
 };
 
 class Connection;
@@ -70,8 +70,10 @@ class Connection final : public FrameSink {
     [[nodiscard]] bool in_message() const { return complete_waits_ || !splitter_.at_boundary(); }
     [[nodiscard]] bool in_handshake() const { return state_ == State::kHandshake; }
     [[nodiscard]] bool draining() const { return state_ == State::kDraining; }
-    /// It waits for room for what it has read.
-    [[nodiscard]] bool short_of_room() const { return paused_ && no_room_; }
+    /// It waits until a file can be stored.
+    [[nodiscard]] bool waits_for_spool() const { return paused_ && !file_trouble_.empty(); }
+    /// And room is all that it lacks.
+    [[nodiscard]] bool short_of_room() const { return waits_for_spool() && no_room_; }
     [[nodiscard]] bool paused() const { return paused_; }
     [[nodiscard]] const ReadingTime& reading_time() const { return reading_time_; }
     /// When it was read for kQuiet without a byte; max while it is not read.
@@ -147,6 +149,8 @@ class Connection final : public FrameSink {
     void pause(Clock::time_point retry);
     bool judge_file_trouble(const IncomingFile& file);
     bool store_files();
+    void hand_over();
+    void drop_files();
     bool stop(std::string reason);
     [[nodiscard]] std::size_t kept_by_message() const;
     void log(std::string_view text, std::string_view cause) const;

@@ -78,6 +78,10 @@ bool Delivery::has_home(const std::string& queue) {
 }
 
 void Delivery::add(ReceivedMessage message) {
+    if (message.lost || given_up_) {
+        lose(message);
+        return;
+    }
     bytes_ += message.data.size() + sizeof(Queued);
     group_.push_back({std::move(message), {}, false, false});
 }
@@ -112,7 +116,7 @@ void Delivery::address_dead_letter(Queued& queued, std::string dead_letter) {
 }
 
 bool Delivery::flush() {
-    if (store_ == nullptr) {
+    if (store_ == nullptr || given_up_) {
         discard();
         return true;
     }
@@ -143,19 +147,21 @@ bool Delivery::flush() {
     return true;
 }
 
-bool Delivery::settle() const {
-    std::size_t files = 0;
-    for (const Queued& queued : group_) {
-        const ReceivedMessage& message = queued.message;
-        files += message.files.size();
-        listen_log(fmt::format("connection {}: lost: the message {} for queue '{}' with {} files", message.connection,
-                               escaped_field(message.descriptor.sMsgId), escaped(message.queue), message.files.size()));
+void Delivery::give_up() {
+    given_up_ = true;
+    for (const Queued& queued : std::exchange(group_, {})) {
+        lose(queued.message);
     }
-    if (!group_.empty()) {
-        listen_log(fmt::format("{} complete messages are lost, their {} files stay in the spool: {}", group_.size(),
-                               files, trouble_));
+    bytes_ = 0;
+}
+
+void Delivery::lose(const ReceivedMessage& message) {
+    if (++lost_ <= kMaxNamed) {
+        listen_log(fmt::format("connection {}: lost: the message {} for queue '{}', {} files of it are in the spool",
+                               message.connection, escaped_field(message.descriptor.sMsgId), escaped(message.queue),
+                               message.files.size()));
     }
-    return group_.empty();
+    journal_.add("lost", message.connection, message.journal);
 }
 
 void Delivery::discard() {

@@ -36,12 +36,14 @@ struct ReceivedMessage {
     std::vector<std::string> attachments; ///< paths in the spool
     std::vector<std::string> files;       ///< all files of the message, in the spool
     std::string journal;                  ///< members of its journal line
+    bool lost = false;                    ///< its files were given up: it is counted only
 };
 
 class Delivery {
   public:
     static constexpr std::size_t kMaxMessages = 256;
     static constexpr std::size_t kMaxBytes = 4U << 20U;
+    static constexpr std::uint64_t kMaxNamed = 1000; ///< lost messages that the log names; the journal names all
 
     /// @param store  null: messages are dropped
     /// @param spool  null only without a store
@@ -55,13 +57,14 @@ class Delivery {
     void add(ReceivedMessage message);
     /// Delivers the group. False: the store cannot take it for now (each new reason is logged); try again later.
     bool flush();
-    /// Logs what the group still holds, at the end: those messages are lost, their files stay in the spool. False when
-    /// there are any.
-    [[nodiscard]] bool settle() const;
+    /// At a stop: what the group holds is lost, its files stay in the spool, and so is what is added from now on.
+    void give_up();
 
     [[nodiscard]] bool full() const { return group_.size() >= kMaxMessages || bytes_ >= kMaxBytes; }
     [[nodiscard]] bool empty() const { return group_.empty(); }
-    [[nodiscard]] bool blocked() const { return !trouble_.empty(); }
+    [[nodiscard]] bool blocked() const { return !trouble_.empty() && !given_up_; }
+    [[nodiscard]] std::size_t waiting() const { return group_.size(); }
+    [[nodiscard]] std::uint64_t lost() const { return lost_; }
     [[nodiscard]] std::uint64_t delivered() const { return delivered_; }
     [[nodiscard]] std::uint64_t dead_lettered() const { return dead_lettered_; }
     /// Connections of which a message was lost because its queue vanished at the last moment; they have to be closed.
@@ -82,6 +85,7 @@ class Delivery {
     void put(const std::string& home, const std::vector<Queued*>& messages);
     void refuse(Queued& queued, const Error& error);
     void done(Queued& queued);
+    void lose(const ReceivedMessage& message);
     void discard();
 
     std::shared_ptr<Store> store_;
@@ -94,6 +98,8 @@ class Delivery {
     std::string trouble_; ///< why the group waits; empty: it does not
     std::uint64_t delivered_ = 0;
     std::uint64_t dead_lettered_ = 0;
+    std::uint64_t lost_ = 0;
+    bool given_up_ = false;
 };
 
 } // namespace kvr

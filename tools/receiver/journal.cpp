@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "journal.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -44,22 +45,27 @@ Journal::Journal(const std::filesystem::path& path) : path_(path) {
 
 void Journal::reopen() {
     if (!enabled()) {
+        listen_log("no journal is kept that could be opened anew");
         return;
     }
     flush();
     if (UniqueFd fresh = open_file(path_)) {
         fd_ = std::move(fresh);
+        torn_ = false;
+        listen_log("the journal is opened anew");
     } else {
         listen_log(cannot_open(path_, errno) + "; its lines go to the file that was open");
     }
 }
 
-Journal::~Journal() {
+bool Journal::settle() {
     flush();
-    if (!lines_.empty()) {
-        listen_log(
-            fmt::format("the journal lacks its last {} bytes of lines, they could not be written", lines_.size()));
+    lost_ += static_cast<std::uint64_t>(std::ranges::count(lines_, '\n'));
+    lines_.clear();
+    if (lost_ > 0) {
+        listen_log(fmt::format("the journal lacks {} lines that could not be written", lost_));
     }
+    return lost_ == 0;
 }
 
 void Journal::add(std::string_view event, std::uint64_t connection, std::string_view members) {
@@ -93,10 +99,14 @@ void Journal::flush() {
         listen_log("the journal is written again");
     }
     failing_ = failed;
+    torn_ = done > 0 ? lines_[done - 1] != '\n' : torn_;
     lines_.erase(0, done);
     if (lines_.size() > kMaxKept) {
-        listen_log(fmt::format("the journal loses {} bytes of lines that it could not write", lines_.size()));
-        lines_.clear();
+        const auto kept = lines_.begin() + static_cast<std::ptrdiff_t>(torn_ ? lines_.find('\n') + 1 : 0);
+        const auto count = static_cast<std::uint64_t>(std::count(kept, lines_.end(), '\n'));
+        listen_log(fmt::format("the journal loses {} lines that it could not write", count));
+        lost_ += count;
+        lines_.erase(kept, lines_.end());
     }
 }
 

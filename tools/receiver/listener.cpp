@@ -10,7 +10,10 @@
 // Bounds: what is kept for unfinished messages (kMemoryBudget, then kShare for each connection and one that may
 // finish), the number of connections and of TLS handshakes under way (further ones wait in the system's queue), the
 // time to the bind frame, the time that a message waits in a group (kGroupTime), the time of a stop (kStopTime,
-// kLongestStop).
+// kRoomTime, kLongestStop).
+//
+// A stop takes in and stores what has been sent. Where store or spool take nothing it waits for kRoomTime; then what
+// came is lost: it is read on all the same, so that it is counted and told.
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -39,12 +42,12 @@ constexpr std::size_t kShare = 8U << 10U; ///< what each connection may keep, an
 constexpr std::chrono::seconds kMemoryTrial{2};
 constexpr std::chrono::seconds kSpoolTrial{5}; ///< a consumer may make room meanwhile
 constexpr std::chrono::milliseconds kGroupTime{20};
-constexpr std::chrono::seconds kRetryTime{1}; ///< between tries of a store that is full, or of accept
-constexpr std::chrono::seconds kStopTime{2}; ///< of reading, for each connection; and for a store that fails at the end
-constexpr std::chrono::seconds kLongestStop{10};
-constexpr std::chrono::seconds kLeaveTime{2}; ///< of reading, for a connection that makes room for another
-constexpr std::size_t kMostLeaving = 4;       ///< at the same time
-constexpr int kEndRetryMilliseconds = 100;
+constexpr std::chrono::seconds kRetryTime{1};   ///< between tries of a store that is full, or of accept
+constexpr std::chrono::seconds kStopTime{2};    ///< of reading, for each connection
+constexpr std::chrono::seconds kRoomTime{5};    ///< at a stop, for a store or a spool that takes nothing
+constexpr std::chrono::seconds kLongestStop{8}; ///< before a supervisor that waits 10 seconds loses its patience
+constexpr std::chrono::seconds kLeaveTime{2};   ///< of reading, for a connection that makes room for another
+constexpr std::size_t kMostLeaving = 4;         ///< at the same time
 constexpr int kAcceptBatch = 64;
 /// Each costs some 60 KiB until it is done; whoever takes longer than this makes room while others wait for it.
 constexpr std::size_t kMaxHandshakes = 256;
@@ -60,7 +63,7 @@ class Listener {
     [[nodiscard]] bool crowded() const { return connections_.size() >= places_; }
     [[nodiscard]] bool all_accepted() const { return options_.once != 0 && accepted_ == options_.once; }
     [[nodiscard]] bool finished(Clock::time_point now) const {
-        return ((stopping_ || all_accepted()) && connections_.empty()) || now >= stop_at_;
+        return ((stopping_ || all_accepted()) && connections_.empty() && delivery_.empty()) || now >= stop_at_;
     }
     [[nodiscard]] bool memory_short() const { return memory_ > kMemoryBudget; }
     [[nodiscard]] bool held_back(const Connection& connection) const;
@@ -72,6 +75,8 @@ class Listener {
     bool accept_one(Clock::time_point now);
     bool make_room(std::string_view address, Clock::time_point now);
     bool work_all(Clock::time_point now);
+    void favour(const Connection& connection);
+    void review_favour(std::span<const Unfinished> all);
     void relieve_memory(Clock::time_point now);
     void relieve_spool(Clock::time_point now);
     void try_unfinished(UnfinishedTrial& trial, std::span<const Unfinished> all, std::uint64_t excess,
@@ -80,6 +85,9 @@ class Listener {
     void deliver(Clock::time_point now, bool idle);
     void drop_closed(Clock::time_point now);
     void begin_stop(Clock::time_point now);
+    void accept_rest(Clock::time_point now);
+    [[nodiscard]] bool takes_nothing() const;
+    void give_up();
     int end();
 
     const ListenerOptions& options_;
@@ -94,11 +102,12 @@ class Listener {
     std::vector<std::unique_ptr<Connection>> connections_; ///< in the order in which they were accepted
     std::vector<pollfd> polls_;                            ///< signals, socket, then one per connection
     std::uint64_t accepted_ = 0;
-    std::uint64_t lined_up_ = 0; ///< binds that the order of senders knows of
-    std::size_t memory_ = 0;     ///< of all connections
-    std::size_t handshakes_ = 0; ///< connections that are in theirs
-    std::size_t leaving_ = 0;    ///< connections that make room for others
-    std::uint64_t favoured_ = 0; ///< the one that may keep more although memory is short
+    std::uint64_t lined_up_ = 0;    ///< binds that the order of senders knows of
+    std::size_t memory_ = 0;        ///< of all connections
+    std::size_t handshakes_ = 0;    ///< connections that are in theirs
+    std::size_t leaving_ = 0;       ///< connections that make room for others
+    std::uint64_t favoured_ = 0;    ///< the one that may keep more although memory is short
+    std::uint64_t favour_from_ = 0; ///< bytes that it had received when its turn began
     UnfinishedTrial memory_trial_{kMemoryTrial};
     UnfinishedTrial spool_trial_{kSpoolTrial};
     std::size_t turn_ = 0; ///< who is served first
@@ -107,8 +116,10 @@ class Listener {
     Clock::time_point accept_again_;
     Clock::time_point relieve_at_ = Clock::time_point::max(); ///< of handshakes, while there are too many
     Clock::time_point stop_at_ = Clock::time_point::max();
+    Clock::time_point give_up_at_ = Clock::time_point::max();
     Clock::time_point log_at_ = Clock::time_point::max();
     bool stopping_ = false;
+    bool lost_unseen_ = false; ///< connections that nobody accepted
 };
 
 Listener::Listener(const ListenerOptions& options)
@@ -163,6 +174,9 @@ int Listener::run() {
         if (ready > 0 && polls_[1].revents != 0) {
             accept_all(now);
         }
+        if (now >= give_up_at_) {
+            give_up();
+        }
         relieve_memory(now);
         relieve_spool(now);
         relieve_handshakes(now);
@@ -180,7 +194,6 @@ void Listener::take_signals(Clock::time_point now) {
     while (const int signal = signals_.take()) {
         if (signal == SIGHUP) {
             journal_.reopen();
-            listen_log("the journal is opened anew");
         } else {
             begin_stop(now);
         }
@@ -219,7 +232,8 @@ std::size_t Listener::fill_polls(Clock::time_point now) {
 }
 
 int Listener::poll_time(Clock::time_point now) const {
-    Clock::time_point next = std::min({relieve_at_, log_at_, stop_at_, memory_trial_.due(), spool_trial_.due()});
+    Clock::time_point next =
+        std::min({relieve_at_, log_at_, stop_at_, give_up_at_, memory_trial_.due(), spool_trial_.due()});
     if (delivery_.blocked()) {
         next = std::min(next, retry_at_);
     } else if (!delivery_.empty()) {
@@ -332,10 +346,28 @@ bool Listener::work_all(Clock::time_point now) {
         connection.work(now, ready, may_read, sparing ? kShare : ListenerContext::kChunk);
         memory_ += connection.memory() - before;
         if (memory_short() && favoured_ == 0 && connection.memory() > kShare) {
-            favoured_ = connection.id();
+            favour(connection);
         }
     }
     return worked;
+}
+
+void Listener::favour(const Connection& connection) {
+    favoured_ = connection.id();
+    favour_from_ = connection.received();
+}
+
+/// Whoever has the others held back and sends nothing gives its turn to the one of which most waits unread.
+void Listener::review_favour(std::span<const Unfinished> all) {
+    const auto favoured = std::ranges::find(all, favoured_, &Unfinished::id);
+    const auto next = std::ranges::max_element(all, {}, &Unfinished::unread);
+    if (favoured == all.end() || next->unread == 0) {
+        return;
+    }
+    if (favoured->read - favour_from_ < UnfinishedTrial::kFloor) {
+        favoured_ = next->id;
+    }
+    favour_from_ = std::ranges::find(all, favoured_, &Unfinished::id)->read;
 }
 
 /// Beyond the budget small messages pass, and of the connections that keep more than their share one at a time is read,
@@ -359,6 +391,9 @@ void Listener::relieve_memory(Clock::time_point now) {
         if (connection->memory() > kShare && !connection->paused()) {
             all.push_back({connection->id(), connection->memory(), connection->received(), connection->unread()});
         }
+    }
+    if (now >= memory_trial_.due()) {
+        review_favour(all);
     }
     try_unfinished(memory_trial_, all, memory_ - kMemoryBudget / 2, "memory", now);
 }
@@ -465,42 +500,71 @@ void Listener::drop_closed(Clock::time_point now) {
 }
 
 void Listener::begin_stop(Clock::time_point now) {
-    if (stopping_) { // a second signal does not wait for the peers
-        for (const auto& connection : connections_) {
-            connection->close("the listener stops at once");
-        }
+    if (stopping_) { // a second signal waits for nobody
         stop_at_ = now;
         return;
     }
     stopping_ = true;
     stop_at_ = now + kLongestStop;
-    // What waits in the system's queue may have been written to already.
-    while (socket_ && accept_one(now)) {
-    }
-    socket_.reset();
+    give_up_at_ = now + kRoomTime;
+    accept_rest(now);
     listen_log(fmt::format("stopping: {} connections", connections_.size()));
     for (const auto& connection : connections_) {
         connection->drain(kStopTime, "the listener stops", now);
     }
+    if (takes_nothing()) {
+        listen_log(
+            fmt::format("nothing can be stored: {} messages, and what {} connections hold, are lost unless there "
+                        "is room within {} seconds: get messages, raise the quota, free disk space; a second "
+                        "signal gives them up at once",
+                        delivery_.waiting(), connections_.size(), kRoomTime.count()));
+    }
+}
+
+/// What waits in the system's queue may have been written to already.
+void Listener::accept_rest(Clock::time_point now) {
+    while (socket_ && !all_accepted() && !crowded() && accept_one(now)) {
+    }
+    pollfd entry{socket_.get(), POLLIN, 0};
+    lost_unseen_ = socket_ && !all_accepted() && ::poll(&entry, 1, 0) == 1;
+    if (lost_unseen_) {
+        listen_log("connections wait for which there is no place: what was sent on them is lost");
+    }
+    socket_.reset();
+}
+
+bool Listener::takes_nothing() const {
+    return delivery_.blocked() ||
+           std::ranges::any_of(connections_, [](const auto& connection) { return connection->waits_for_spool(); });
+}
+
+void Listener::give_up() {
+    give_up_at_ = Clock::time_point::max();
+    if (takes_nothing()) {
+        context_.files_given_up = true;
+    }
+    if (delivery_.blocked()) {
+        delivery_.give_up();
+    }
 }
 
 int Listener::end() {
-    const Clock::time_point deadline = Clock::now() + kStopTime;
-    while (!delivery_.flush() && Clock::now() < deadline && signals_.take() == 0) {
-        pollfd stop{signals_.fd(), POLLIN, 0};
-        (void)::poll(&stop, 1, kEndRetryMilliseconds);
+    if (!delivery_.flush()) {
+        delivery_.give_up();
     }
     for (const auto& connection : connections_) {
-        const std::size_t unread = connection->unread();
-        context_.lost = context_.lost || unread > 0;
-        connection->close(fmt::format("the listener stops, {} bytes that had come are lost unread", unread));
+        connection->close("the listener stops");
     }
     log_counts(true);
     listen_log(fmt::format("stopped: {} connections, {} messages, {} bytes, {} messages dead-lettered", accepted_,
-                           context_.messages, context_.bytes, delivery_.dead_lettered()));
-    const bool settled = delivery_.settle();
-    journal_.flush();
-    return settled && !context_.lost ? 0 : 1;
+                           delivery_.delivered(), context_.bytes, delivery_.dead_lettered()));
+    const bool lost = lost_unseen_ || delivery_.lost() + context_.lost_bytes > 0;
+    if (lost) {
+        listen_log(fmt::format("lost: {} complete messages, and {} bytes of others that had come", delivery_.lost(),
+                               context_.lost_bytes));
+    }
+    const bool accounted = journal_.settle();
+    return accounted && !lost ? 0 : 1;
 }
 
 } // namespace

@@ -15,14 +15,15 @@ namespace kvr {
 
 enum class ClientCert { kNone, kOptional, kRequired };
 
+/// Without contradictions: the command line is checked before.
 struct TlsOptions {
     bool enabled = false;
     std::filesystem::path cert;          ///< PEM, with the chain after it
     std::filesystem::path key;           ///< PEM; empty: in the file of the certificate
     std::filesystem::path key_pass_file; ///< first line is the key's pass phrase
-    std::filesystem::path ca;            ///< PEM, whom to believe about client certificates
+    std::filesystem::path ca; ///< PEM, whom to believe about client certificates; needed where they are asked for
     ClientCert client_cert = ClientCert::kNone;
-    std::string min_version = "1.2";
+    std::string min_version = "1.2"; ///< 1.2 or 1.3
     std::string max_version = "1.3";
     int tickets = 0;         ///< TLS 1.3 session tickets after the handshake; a channel never resumes a session
     int late_ticket_ms = -1; ///< one more ticket this long after the handshake; below 0: none
@@ -64,8 +65,8 @@ struct ListenerOptions {
 
 /// Listens until SIGTERM or SIGINT, or until `once` is reached; on SIGHUP it opens its journal anew. All three are
 /// blocked in the calling thread for the time of the call. At a stop it takes in what has been sent so far, delivers
-/// what is complete and returns.
-/// @return 0; 1 when messages that had come could not be stored at the end: the log tells which
+/// what is complete and returns, within seconds whatever happens.
+/// @return 0; 1 when something was lost that had come, or lines of the journal: the log tells what
 /// Throws kvr::Error when it cannot start.
 int run_listener(const ListenerOptions& options);
 

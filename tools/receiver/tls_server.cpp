@@ -47,13 +47,7 @@ struct PassPhrase {
 };
 
 int version_number(const std::string& text) {
-    if (text == "1.2") {
-        return TLS1_2_VERSION;
-    }
-    if (text == "1.3") {
-        return TLS1_3_VERSION;
-    }
-    throw Error(Errc::kInvalid, fmt::format("TLS version '{}' is unknown: use 1.2 or 1.3", escaped(text)));
+    return text == "1.2" ? TLS1_2_VERSION : TLS1_3_VERSION;
 }
 
 std::string first_line(const std::filesystem::path& path) {
@@ -92,9 +86,6 @@ TlsServer::TlsServer(const TlsOptions& options) : context_(SSL_CTX_new(TLS_serve
     ERR_clear_error();
     SSL_CTX* const context = context_.get();
     require(context != nullptr, "cannot set TLS up");
-    if (options.cert.empty()) {
-        throw Error(Errc::kInvalid, "TLS needs a certificate: give one with --cert");
-    }
     require(SSL_CTX_set_min_proto_version(context, version_number(options.min_version)) == 1 &&
                 SSL_CTX_set_max_proto_version(context, version_number(options.max_version)) == 1,
             "the TLS versions do not go together");
@@ -127,9 +118,6 @@ TlsServer::TlsServer(const TlsOptions& options) : context_(SSL_CTX_new(TLS_serve
         SSL_CTX_set_client_CA_list(context, SSL_load_client_CA_file(options.ca.c_str()));
     }
     if (options.client_cert != ClientCert::kNone) {
-        if (options.ca.empty()) {
-            throw Error(Errc::kInvalid, "checking client certificates needs a CA file: give one with --ca");
-        }
         SSL_CTX_set_verify(
             context,
             SSL_VERIFY_PEER |
@@ -144,6 +132,17 @@ TlsServer::TlsServer(const TlsOptions& options) : context_(SSL_CTX_new(TLS_serve
     SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
     // Idle connections hold no record buffers.
     SSL_CTX_set_mode(context, SSL_MODE_RELEASE_BUFFERS | SSL_MODE_ENABLE_PARTIAL_WRITE);
+}
+
+/// What an alert says that tells that the sender did not believe our certificate; empty: another error.
+std::string Stream::refusal_by_peer(unsigned long code) {
+    const int alert = ERR_GET_REASON(code) - SSL_AD_REASON_OFFSET;
+    const bool refused =
+        ERR_GET_LIB(code) == ERR_LIB_SSL &&
+        ((alert >= SSL_AD_BAD_CERTIFICATE && alert <= SSL_AD_CERTIFICATE_UNKNOWN) || alert == SSL_AD_UNKNOWN_CA);
+    return refused ? fmt::format("the sender refuses the certificate of this listener: {}",
+                                 SSL_alert_desc_string_long(alert))
+                   : std::string();
 }
 
 /// How senders end a line; a handshake has failed by it.
@@ -173,7 +172,8 @@ StreamEnd Stream::judge(int result) {
         ERR_clear_error();
         return ended_without_alert();
     }
-    error_ = openssl_reason();
+    const std::string refused = refusal_by_peer(ERR_peek_error());
+    error_ = refused.empty() ? openssl_reason() : refused;
     if (!refusal_.empty()) {
         error_ = fmt::format("the certificate of {}", refusal_);
     }

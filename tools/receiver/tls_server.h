@@ -49,6 +49,8 @@ class Stream {
     StreamEnd read(std::span<char> buffer, std::size_t& count);
     /// Bytes that wait inside the TLS session, where poll does not see them. A record that has come in part is none.
     [[nodiscard]] std::size_t buffered() const { return ssl_ ? static_cast<std::size_t>(SSL_pending(ssl_.get())) : 0; }
+    /// The TLS handshake has begun: the peer may take it for done before we do.
+    [[nodiscard]] bool answered() const { return ssl_ != nullptr; }
     /// Sends as much as goes at once; for small texts to an idle peer.
     void send_some(std::span<const char> bytes);
     /// One more session ticket.
@@ -66,6 +68,7 @@ class Stream {
         void operator()(SSL* ssl) const { SSL_free(ssl); }
     };
     StreamEnd judge(int result);
+    static std::string refusal_by_peer(unsigned long code);
     [[nodiscard]] bool peer_speaks_plain() const;
     /// Notes why the peer's certificate is refused; always gives `good` back.
     static int look_at_certificate(int good, X509_STORE_CTX* chain);
