@@ -299,7 +299,9 @@ void Connection::close(const std::string& reason, std::string_view cause) {
         return;
     }
     const bool by_peer = stop_reason_.empty() && splitter_.error().reason.empty();
-    const std::size_t lost = by_peer && takes_in() ? left_.size() + unread() : 0;
+    // Behind a failure of the stream comes nothing that could be read.
+    const std::size_t readable = stream_.error().empty() ? unread() : 0;
+    const std::size_t lost = by_peer && takes_in() ? left_.size() + readable : 0;
     state_ = State::kClosed;
     const std::string cut =
         by_peer && !splitter_.at_boundary() ? fmt::format(", cut {}: discarded", splitter_.position()) : "";
