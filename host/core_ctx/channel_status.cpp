@@ -10,6 +10,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "lock_holder.h"
 #include "run_lock.h"
 
 namespace kvr {
@@ -64,25 +65,6 @@ class ProcessHandle {
     int fd_;
 };
 
-/// Puts the record right when nobody runs the channel any more, which the lock guarantees meanwhile.
-bool repair(Store& store, const std::string& channel, bool killed = false) {
-    std::optional<RunLock> lock;
-    try {
-        lock.emplace(store.dir(), channel);
-    } catch (const Error& error) {
-        if (error.code() == Errc::kBusy) {
-            return false; // started again: the record is the new process's
-        }
-        throw;
-    }
-    try {
-        return mark_stopped(store, channel, killed ? "" : "its process ended without a word");
-    } catch (const Error& error) {
-        throw Error(error.code(),
-                    "channel '" + channel + "' does not run, but its status could not be put right: " + error.what());
-    }
-}
-
 } // namespace
 
 ChannelStatus recorded_status(Store& store, const std::string& channel) {
@@ -131,28 +113,44 @@ bool mark_stopped(Store& store, const std::string& channel, const std::string& f
     return true;
 }
 
-StopOutcome stop_channel(Store& store, const std::string& channel, std::chrono::milliseconds timeout) {
-    const pid_t pid = RunLock::holder(store.dir(), channel);
+StopOutcome stop_channel(const std::filesystem::path& qmgr_dir, const std::string& channel,
+                         std::chrono::milliseconds timeout) {
+    const pid_t pid = RunLock::holder(qmgr_dir, channel);
+    if (pid == kUnseenProcess) {
+        throw Error(Errc::kBusy, "channel '" + channel + "' is run by " + process_text(pid) + ": stop it from there");
+    }
     if (pid == 0) {
-        return {StopResult::kNotRunning, 0, repair(store, channel)};
+        return {StopResult::kNotRunning, 0};
     }
     const ProcessHandle process(pid);
     // The holder may have ended, and its id be another's, between the question and the handle.
-    if (!process.is_open() || RunLock::holder(store.dir(), channel) != pid) {
-        return {StopResult::kNotRunning, 0, repair(store, channel)};
+    if (!process.is_open() || RunLock::holder(qmgr_dir, channel) != pid) {
+        return {StopResult::kNotRunning, 0};
     }
     process.send(SIGTERM);
-    StopResult result = StopResult::kStopped;
-    if (!process.ends_within(timeout)) {
-        process.send(SIGKILL);
-        if (!process.ends_within(kKillWait)) {
-            throw Error(Errc::kBusy, "process " + std::to_string(pid) + " that runs channel '" + channel +
-                                         "' does not end even after SIGKILL: the system holds it, look for a disk or "
-                                         "network file system that does not answer");
-        }
-        result = StopResult::kKilled;
+    if (process.ends_within(timeout)) {
+        return {StopResult::kStopped, pid};
     }
-    return {result, pid, repair(store, channel, result == StopResult::kKilled)};
+    process.send(SIGKILL);
+    if (!process.ends_within(kKillWait)) {
+        throw Error(Errc::kBusy, "process " + std::to_string(pid) + " that runs channel '" + channel +
+                                     "' does not end even after SIGKILL: the system holds it, look for a disk or "
+                                     "network file system that does not answer");
+    }
+    return {StopResult::kKilled, pid};
+}
+
+bool repair_after_stop(Store& store, const std::string& channel, StopResult stopped) {
+    std::optional<RunLock> lock; // nobody runs it as long as this is held
+    try {
+        lock.emplace(store.dir(), channel);
+    } catch (const Error& error) {
+        if (error.code() == Errc::kBusy) {
+            return false; // started again: the record is the new process's
+        }
+        throw;
+    }
+    return mark_stopped(store, channel, stopped == StopResult::kKilled ? "" : "its process ended without a word");
 }
 
 } // namespace kvr

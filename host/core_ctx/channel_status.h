@@ -4,6 +4,7 @@
 #pragma once
 
 #include <chrono>
+#include <filesystem>
 #include <string>
 
 #include <sys/types.h>
@@ -16,7 +17,7 @@ namespace kvr {
 struct ChannelStatus {
     std::string state;       ///< STATUS as recorded; empty: the channel never ran
     pid_t recorded_pid = 0;  ///< PID as recorded; below 1: none
-    pid_t runner = 0;        ///< the process that runs the channel now, 0 for none
+    pid_t runner = 0;        ///< the process that runs the channel now, 0 for none, kUnseenProcess (lock_holder.h)
     std::string local_ip;    ///< ends of the current or the last connection
     std::string local_port;  //
     std::string remote_ip;   //
@@ -38,7 +39,7 @@ struct ChannelStatus {
 KVR_EXPORT ChannelStatus channel_status(Store& store, const std::string& channel);
 
 enum class StopResult {
-    kNotRunning, ///< nobody ran it
+    kNotRunning, ///< nobody runs it
     kStopped,    ///< it ended by itself after SIGTERM
     kKilled,     ///< it did not end in time; SIGKILL ended it. Its message in hand, if any, is sent again at the next
                  ///< start
@@ -46,13 +47,18 @@ enum class StopResult {
 
 struct StopOutcome {
     StopResult result;
-    pid_t pid;     ///< the process that ran the channel, 0 for none
-    bool repaired; ///< the status object still named a running state; it now says "STOPED"
+    pid_t pid; ///< the process that ran the channel, 0 for none
 };
 
-/// Stops a channel and waits for its end: SIGTERM, after `timeout` SIGKILL. Throws kvr::Error: kPermission when the
-/// process belongs to somebody else, kBusy when not even SIGKILL ends it, and from the store.
-KVR_EXPORT StopOutcome stop_channel(Store& store, const std::string& channel, std::chrono::milliseconds timeout);
+/// Stops a channel (name in upper case) and waits for its end: SIGTERM, after `timeout` SIGKILL. Needs the queue
+/// manager's folder only: whoever holds its store up does not hold up a stop. Throws kvr::Error: kPermission when the
+/// process or the folder belongs to somebody else, kBusy when not even SIGKILL ends it or it is not visible here, kIo.
+KVR_EXPORT StopOutcome stop_channel(const std::filesystem::path& qmgr_dir, const std::string& channel,
+                                    std::chrono::milliseconds timeout);
+
+/// Puts the record right after a stop, when it still names a running state though nobody runs the channel; returns
+/// whether it did. Throws kvr::Error from the store.
+KVR_EXPORT bool repair_after_stop(Store& store, const std::string& channel, StopResult stopped);
 
 /// The record alone, `runner` left 0. For the process that holds the run lock too.
 ChannelStatus recorded_status(Store& store, const std::string& channel);

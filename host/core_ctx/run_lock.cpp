@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "error.h"
+#include "lock_holder.h"
 #include "permissions.h"
 
 namespace kvr {
@@ -30,14 +31,6 @@ struct flock whole_file(short type) {
     return lock;
 }
 
-pid_t holder_of(int fd, const std::filesystem::path& path) {
-    struct flock lock = whole_file(F_WRLCK);
-    if (fcntl(fd, F_GETLK, &lock) != 0) {
-        fail(path);
-    }
-    return lock.l_type == F_UNLCK ? 0 : lock.l_pid;
-}
-
 } // namespace
 
 RunLock::RunLock(const std::filesystem::path& qmgr_dir, const std::string& channel) {
@@ -53,10 +46,10 @@ RunLock::RunLock(const std::filesystem::path& qmgr_dir, const std::string& chann
     }
     const bool taken = errno == EACCES || errno == EAGAIN;
     const int cause = errno;
-    const pid_t other = taken ? holder_of(fd_, path) : 0;
+    const pid_t other = taken ? lock_holder(fd_, whole_file(F_WRLCK)) : 0;
     close(fd_);
     if (taken) {
-        throw Error(Errc::kBusy, "channel '" + channel + "' is already run by process " + std::to_string(other) +
+        throw Error(Errc::kBusy, "channel '" + channel + "' is already run by " + process_text(other) +
                                      ": stop it first with 'kvr stop " + channel + "'");
     }
     errno = cause;
@@ -68,6 +61,7 @@ RunLock::~RunLock() {
 }
 
 pid_t RunLock::holder(const std::filesystem::path& qmgr_dir, const std::string& channel) {
+    check_private(qmgr_dir, true);
     const std::filesystem::path path = lock_path(qmgr_dir, channel);
     std::error_code unknown;
     if (std::filesystem::symlink_status(path.parent_path(), unknown).type() == std::filesystem::file_type::not_found) {
@@ -85,7 +79,7 @@ pid_t RunLock::holder(const std::filesystem::path& qmgr_dir, const std::string& 
         int fd;
         ~Closer() { close(fd); }
     } closer{fd};
-    return holder_of(fd, path);
+    return lock_holder(fd, whole_file(F_WRLCK));
 }
 
 } // namespace kvr

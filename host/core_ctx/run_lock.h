@@ -22,7 +22,8 @@ class RunLock {
     RunLock(const RunLock&) = delete;
     RunLock& operator=(const RunLock&) = delete;
 
-    /// The process that holds the lock, 0 for none. Throws kvr::Error: kPermission as above, kIo.
+    /// The process that holds the lock, 0 for none, kUnseenProcess (lock_holder.h). Throws kvr::Error:
+    /// kPermission when one of the folders is not this user's alone, kIo.
     static pid_t holder(const std::filesystem::path& qmgr_dir, const std::string& channel);
 
   private:

@@ -277,7 +277,14 @@ void prepare(const WorkerOptions& options, int argc, char** argv) {
 void run_worker(const WorkerOptions& options, int argc, char** argv) {
     watch_stop_signals(); // before the signals are let through
     set_up_process();
-    prepare(options, argc, argv);
+    try {
+        prepare(options, argc, argv);
+    } catch (const Error&) {
+        if (!stop_pending()) {
+            throw;
+        }
+        end_stopped(); // it ended a wait
+    }
     Plugin& plugin = *worker().plugin;
     log_line(kLevelEvent, "channel[" + worker().channel + "] starting, plug-in[" + options.plugin.string() + "]");
     if (log_divert_stderr() != 0) {

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "lock_holder.h"
 #include "permissions.h"
 #include "system_error.h"
 
@@ -32,14 +33,6 @@ DrainLocks::~DrainLocks() {
     ::close(fd_);
 }
 
-pid_t DrainLocks::other_holder(std::uint32_t queue) const {
-    struct flock lock = byte_lock(queue, F_WRLCK);
-    if (::fcntl(fd_, F_GETLK, &lock) != 0) {
-        throw Error(Errc::kIo, "cannot ask who drains the queue: " + std::string(std::strerror(errno)));
-    }
-    return lock.l_type == F_UNLCK ? 0 : lock.l_pid;
-}
-
 pid_t DrainLocks::acquire(std::uint32_t queue) {
     const std::scoped_lock guard(mutex_);
     if (ours_.contains(queue)) {
@@ -54,7 +47,7 @@ pid_t DrainLocks::acquire(std::uint32_t queue) {
         if (errno != EAGAIN && errno != EACCES) {
             throw Error(Errc::kIo, "cannot lock the queue: " + std::string(std::strerror(errno)));
         }
-        if (const pid_t holder = other_holder(queue); holder != 0) {
+        if (const pid_t holder = lock_holder(fd_, byte_lock(queue, F_WRLCK)); holder != 0) {
             return holder;
         }
     }
@@ -69,7 +62,7 @@ void DrainLocks::release(std::uint32_t queue) {
 
 pid_t DrainLocks::holder(std::uint32_t queue) {
     const std::scoped_lock guard(mutex_);
-    return ours_.contains(queue) ? ::getpid() : other_holder(queue);
+    return ours_.contains(queue) ? ::getpid() : lock_holder(fd_, byte_lock(queue, F_WRLCK));
 }
 
 } // namespace kvr

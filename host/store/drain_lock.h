@@ -20,15 +20,13 @@ class DrainLocks {
     DrainLocks(const DrainLocks&) = delete;
     DrainLocks& operator=(const DrainLocks&) = delete;
 
-    /// @return 0 when the lock is the caller's now, else the process that has it (this one included)
+    /// @return 0 when the lock is the caller's now, else the process that has it (this one included; lock_holder.h)
     pid_t acquire(std::uint32_t queue);
     void release(std::uint32_t queue);
-    /// @return process that has the lock, 0 for none
+    /// @return process that has the lock, 0 for none (lock_holder.h)
     pid_t holder(std::uint32_t queue);
 
   private:
-    [[nodiscard]] pid_t other_holder(std::uint32_t queue) const;
-
     int fd_;
     std::mutex mutex_;
     std::set<std::uint32_t> ours_; ///< the system's locks do not exclude their own process

@@ -13,6 +13,7 @@
 #include <limits>
 
 #include "keys.h"
+#include "lock_holder.h"
 #include "message_record.h"
 #include "message_table.h"
 #include "stop_point.h"
@@ -117,7 +118,7 @@ DrainGetter::DrainGetter(std::shared_ptr<StoreImpl> store, std::string queue)
     }
     id_ = record.id;
     if (const pid_t holder = store_->drain_locks().acquire(id_); holder != 0) {
-        throw Error(Errc::kBusy, "queue '" + queue_ + "' is drained by process " + std::to_string(holder) +
+        throw Error(Errc::kBusy, "queue '" + queue_ + "' is drained by " + process_text(holder) +
                                      ": browse it, or stop that process first");
     }
     try {

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "keys.h"
+#include "lock_holder.h"
 #include "message_table.h"
 #include "names.h"
 #include "schema.h"
@@ -31,8 +32,7 @@ class DeletionLock {
   public:
     DeletionLock(DrainLocks& locks, const std::string& name, std::uint32_t queue) : locks_(locks), queue_(queue) {
         if (const pid_t holder = locks_.acquire(queue_); holder != 0) {
-            throw Error(Errc::kBusy,
-                        "queue '" + name + "' is drained by process " + std::to_string(holder) + ": stop it first");
+            throw Error(Errc::kBusy, "queue '" + name + "' is drained by " + process_text(holder) + ": stop it first");
         }
     }
     ~DeletionLock() { locks_.release(queue_); }

@@ -68,7 +68,7 @@ struct QueueInfo {
     std::uint64_t depth; ///< messages on the queue: reserved and held ones included, used ones not
     std::uint64_t bytes; ///< their data
     std::uint64_t held;
-    pid_t drained_by; ///< process that drains the queue, 0 for none
+    pid_t drained_by; ///< process that drains the queue, 0 for none, kUnseenProcess (lock_holder.h)
 };
 
 /// Limits and trade-offs of a queue manager, fixed at its creation or changed by set_settings.
@@ -137,7 +137,7 @@ class KVR_EXPORT Store : public std::enable_shared_from_this<Store> {
     virtual std::uint64_t release_held(const std::string& queue) = 0;
 
     /// Takes the queue over for draining; it belongs to the getter until that is destroyed or its process ends.
-    /// Throws kBusy with the other process's id.
+    /// Throws kBusy with the other process's id, if it has one here.
     virtual std::unique_ptr<Getter> drain(const std::string& queue) = 0;
 };
 

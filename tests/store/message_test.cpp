@@ -2,6 +2,7 @@
 // Messages through the store: bounds, order, attached files, the drainer's reservations, held messages.
 #include <sys/resource.h>
 
+#include "lock_holder.h"
 #include "message_record.h"
 #include "store_fixture.h"
 
@@ -80,6 +81,18 @@ TEST_F(StoreTest, DrainerReservesUsesAndGivesBack) {
         EXPECT_THAT(shown(), ElementsAre("2*", "3"));
         EXPECT_EQ(store_->queue_info("Q").depth, 2U) << "used, not deleted yet, not shown";
         EXPECT_EQ(store_->queue_info("Q").bytes, 2U);
+        test::Child elsewhere = test::Child::fork_off([&] {
+            if (::unshare(CLONE_NEWPID) != 0) {
+                return 0; // not allowed to these tests
+            }
+            return test::Child::fork_off([&] {
+                       const auto store = Store::open(dir_);
+                       const bool seen = store->queue_info("Q").drained_by == kUnseenProcess;
+                       return seen && code_of([&] { return store->drain("Q"); }) == Errc::kBusy ? 0 : 1;
+                   })
+                .result();
+        });
+        EXPECT_EQ(elsewhere.result(), 0) << "another PID namespace";
         getter->rollback();
         EXPECT_EQ(take(*getter), "2");
     }

@@ -2,6 +2,8 @@
 // Definitions as operators make and see them, and the truth about channels that run, ran or never ran.
 #include <csignal>
 
+#include <fcntl.h>
+
 #include "kvr_program.h"
 #include "store.h"
 #include "support/peer.h"
@@ -40,6 +42,19 @@ class KvrChannel : public ::testing::Test {
         const std::string wanted = "RETRYING " + std::to_string(worker.pid());
         EXPECT_TRUE(wait_until([&] { return status() == wanted; })) << status();
         return worker;
+    }
+
+    /// A process that is in the middle of opening the store, and stays there.
+    [[nodiscard]] Child frozen_opener() const {
+        Child child = Child::fork_off([&] {
+            const int fd = open((home_.path() / "EAST" / "store" / "open.lock").c_str(), O_RDWR);
+            struct flock lock {};
+            lock.l_type = F_WRLCK;
+            return fcntl(fd, F_OFD_SETLK, &lock) == 0 ? raise(SIGSTOP) : 1;
+        });
+        siginfo_t how{};
+        EXPECT_EQ(waitid(P_PID, static_cast<id_t>(child.pid()), &how, WSTOPPED | WEXITED | WNOWAIT), 0);
+        return child;
     }
 
     ProgramHome home_;
@@ -147,15 +162,26 @@ TEST_F(KvrChannel, AWorkerEndsAtEachStopSignalOrIsKilled) {
         EXPECT_EQ(status(), "STOPED -1");
         EXPECT_EQ(home_.json({"status"})["channels"][0]["failure"], nullptr);
     }
-    Child early = home_.in_background({"run", "C", "--plugin", KVR_PLUGIN}, [] { // a stop before its first step
-        sigset_t held;
-        sigemptyset(&held);
-        sigaddset(&held, SIGTERM);
-        sigprocmask(SIG_BLOCK, &held, nullptr);
-        raise(SIGTERM);
-    });
-    EXPECT_EQ(early.result(), 0);
+    const auto stopped_before_its_first_step = [this] {
+        Child early = home_.in_background({"run", "C", "--plugin", KVR_PLUGIN}, [] {
+            sigset_t held;
+            sigemptyset(&held);
+            sigaddset(&held, SIGTERM);
+            sigprocmask(SIG_BLOCK, &held, nullptr);
+            raise(SIGTERM);
+        });
+        return early.result();
+    };
+    EXPECT_EQ(stopped_before_its_first_step(), 0);
     EXPECT_EQ(status(), "STOPED -1");
+    {
+        Child runs = running();
+        Child frozen = frozen_opener();
+        EXPECT_THAT(home_.run({"stop", "C"}).err,
+                    HasSubstr("channel C stopped (process " + std::to_string(runs.pid()) + "), but its status"));
+        EXPECT_EQ(runs.result(), 0);
+        EXPECT_EQ(stopped_before_its_first_step(), 0);
+    }
     EXPECT_EQ(run("C", STOPPING_PLUGIN).code, 0) << "a stop made the channel fail: that is no failure";
     Child deaf = running();
     kill(deaf.pid(), SIGSTOP);

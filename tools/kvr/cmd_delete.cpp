@@ -10,6 +10,7 @@
 
 #include "channel_status.h"
 #include "commands.h"
+#include "lock_holder.h"
 #include "output.h"
 #include "session.h"
 
@@ -43,9 +44,9 @@ void delete_queue(const GlobalOptions& global, const DeleteOptions& options) {
                                              fmt::format(fmt::runtime(remedy), channel)));
     }
     const QueueInfo queue = store->queue_info(name);
-    if (queue.drained_by > 0) {
-        throw Error(Errc::kBusy, fmt::format("process {} drains queue '{}': stop it first, see 'kvr status'",
-                                             queue.drained_by, name));
+    if (queue.drained_by != 0) {
+        throw Error(Errc::kBusy, fmt::format("{} drains queue '{}': stop it first, see 'kvr status'",
+                                             process_text(queue.drained_by), name));
     }
     if (queue.depth > 0 && !options.purge) {
         throw Error(Errc::kBusy, fmt::format("queue '{}' has {}: give --purge to delete them, too", name,
@@ -57,9 +58,9 @@ void delete_queue(const GlobalOptions& global, const DeleteOptions& options) {
 
 void refuse_running(Store& store, const std::string& channel) {
     const ChannelStatus status = channel_status(store, channel);
-    if (status.runner > 0) {
-        throw Error(Errc::kBusy, fmt::format("channel '{}' is run by process {}: stop it first with 'kvr stop {}'",
-                                             channel, status.runner, channel));
+    if (status.runner != 0) {
+        throw Error(Errc::kBusy, fmt::format("channel '{}' is run by {}: stop it first with 'kvr stop {}'", channel,
+                                             process_text(status.runner), channel));
     }
 }
 
@@ -88,9 +89,9 @@ void delete_qmgr(const GlobalOptions& global, const DeleteOptions& options) {
         }
         std::uint64_t messages = 0;
         for (const QueueInfo& queue : store->queues()) {
-            if (queue.drained_by > 0) {
-                throw Error(Errc::kBusy,
-                            fmt::format("process {} drains queue '{}': stop it first", queue.drained_by, queue.name));
+            if (queue.drained_by != 0) {
+                throw Error(Errc::kBusy, fmt::format("{} drains queue '{}': stop it first",
+                                                     process_text(queue.drained_by), queue.name));
             }
             messages += queue.depth;
         }

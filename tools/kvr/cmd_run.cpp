@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // kvr run: the worker of one channel, in the foreground.
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -98,19 +99,36 @@ void check_tls_files(Store& store, const std::string& channel) {
     }
 }
 
-void run(const GlobalOptions& global, const RunOptions& options) {
-    hold_signals({SIGTERM, SIGINT, SIGHUP});
+bool stop_is_held_back() {
+    sigset_t pending;
+    return ::sigpending(&pending) == 0 &&
+           (::sigismember(&pending, SIGTERM) == 1 || ::sigismember(&pending, SIGINT) == 1);
+}
+
+WorkerOptions worker_options(const GlobalOptions& global, const RunOptions& options) {
     WorkerOptions worker;
     worker.channel = checked_channel_name(options.channel);
     worker.plugin = plugin_file(options.plugin);
     worker.log_level = options.log_level;
-    {
-        const auto store = open_store(global);
-        require_channel(*store, worker.channel);
-        check_tls_files(*store, worker.channel);
-        worker.home = store->dir().parent_path();
-        worker.qmgr = store->qmgr();
-        worker.log_file = log_file(*store, worker.channel, options.log);
+    const auto store = open_store(global);
+    require_channel(*store, worker.channel);
+    check_tls_files(*store, worker.channel);
+    worker.home = store->dir().parent_path();
+    worker.qmgr = store->qmgr();
+    worker.log_file = log_file(*store, worker.channel, options.log);
+    return worker;
+}
+
+void run(const GlobalOptions& global, const RunOptions& options) {
+    hold_signals({SIGTERM, SIGINT, SIGHUP});
+    WorkerOptions worker;
+    try {
+        worker = worker_options(global, options);
+    } catch (const Error&) {
+        if (!stop_is_held_back()) {
+            throw;
+        }
+        return; // it ended a wait
     }
     const std::string where = worker.log_file.empty() ? std::string("its log above") : worker.log_file.native();
     worker.on_claimed = [&] {

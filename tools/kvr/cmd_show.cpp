@@ -7,6 +7,7 @@
 
 #include "attributes.h"
 #include "commands.h"
+#include "lock_holder.h"
 #include "output.h"
 #include "session.h"
 
@@ -62,11 +63,15 @@ std::vector<QueueInfo> chosen_queues(Store& store, const std::string& name) {
     return {store.queue_info(name)};
 }
 
+std::string drainer_word(pid_t drainer) {
+    return drainer == 0 ? "-" : drainer == kUnseenProcess ? "not visible here" : std::to_string(drainer);
+}
+
 std::string queues_text(const std::vector<QueueInfo>& queues) {
     Table table({"QUEUE", "DEPTH", "BYTES", "HELD", "DRAINED BY", "DESCRIPTION"});
     for (const QueueInfo& queue : queues) {
         table.row({queue.name, std::to_string(queue.depth), std::to_string(queue.bytes), std::to_string(queue.held),
-                   queue.drained_by > 0 ? std::to_string(queue.drained_by) : "-", printable(queue.description)});
+                   drainer_word(queue.drained_by), printable(queue.description)});
     }
     return queues.empty() ? "no queues\n" : table.text();
 }

@@ -15,6 +15,7 @@
 
 #include "channel_status.h"
 #include "commands.h"
+#include "lock_holder.h"
 #include "output.h"
 #include "session.h"
 
@@ -92,8 +93,8 @@ std::string state_word(const ChannelStatus& status) {
 }
 
 std::string process_words(const ChannelStatus& status) {
-    if (status.runner > 0) {
-        return fmt::format("{} alive", status.runner);
+    if (status.runner != 0) {
+        return status.runner == kUnseenProcess ? "alive, not visible here" : fmt::format("{} alive", status.runner);
     }
     return status.is_stale() && status.recorded_pid > 0 ? fmt::format("{} gone", status.recorded_pid) : "-";
 }
@@ -241,7 +242,7 @@ Json picture_json(const Picture& picture) {
         channels.push_back(
             {{"channel", line.channel},
              {"state", status.state},
-             {"running", status.runner > 0},
+             {"running", status.runner != 0},
              {"pid", status.runner},
              {"recorded_pid", status.recorded_pid},
              {"stale", status.is_stale()},

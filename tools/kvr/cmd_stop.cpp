@@ -19,38 +19,54 @@ constexpr double kMaxTimeout = 3600;
 constexpr std::chrono::seconds kStoreTimeout{3};
 
 std::string outcome_text(const std::string& channel, const StopOutcome& outcome, double timeout) {
-    const char* repaired =
-        outcome.repaired ? "; its status was left from a process that is gone and now says STOPED" : "";
     switch (outcome.result) {
     case StopResult::kNotRunning:
-        return fmt::format("channel {} was not running{}", channel, repaired);
+        return fmt::format("channel {} was not running", channel);
     case StopResult::kStopped:
-        return fmt::format("channel {} stopped (process {}){}", channel, outcome.pid, repaired);
+        return fmt::format("channel {} stopped (process {})", channel, outcome.pid);
     case StopResult::kKilled:
         break;
     }
     return fmt::format("channel {} did not stop within {} s: process {} was killed; a message in hand is sent again at "
-                       "the next start{}",
-                       channel, timeout, outcome.pid, repaired);
+                       "the next start",
+                       channel, timeout, outcome.pid);
 }
 
 const char* outcome_word(StopResult result) {
     return result == StopResult::kNotRunning ? "not running" : result == StopResult::kStopped ? "stopped" : "killed";
 }
 
+/// Whether the status was left from a process that is gone. What was done is told also where this fails.
+bool repaired(const std::filesystem::path& dir, const std::string& channel, const StopOutcome& outcome,
+              const std::string& done) {
+    try {
+        const auto store = Store::open(dir);
+        if (outcome.result == StopResult::kNotRunning) {
+            require_channel(*store, channel);
+        }
+        return repair_after_stop(*store, channel, outcome.result);
+    } catch (const Error& error) {
+        if (error.code() == Errc::kNotFound) {
+            throw;
+        }
+        throw Error(error.code(), fmt::format("{}, but its status could not be put right: {}", done, error.what()));
+    }
+}
+
 void stop(const GlobalOptions& global, const std::string& given_name, double timeout) {
     const std::string channel = checked_channel_name(given_name);
-    limit_waits(kStoreTimeout); // a process that is frozen in the store must not hold up its stop
-    const auto store = open_store(global);
-    require_channel(*store, channel);
+    const std::filesystem::path dir = qmgr_folder(global);
     const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(timeout));
-    const StopOutcome outcome = stop_channel(*store, channel, milliseconds);
+    const StopOutcome outcome = stop_channel(dir, channel, milliseconds);
+    const std::string done = outcome_text(channel, outcome, timeout);
+    limit_waits(kStoreTimeout); // a process that is frozen in the store must not hold up the answer
+    const bool was_left = repaired(dir, channel, outcome, done);
     print_outcome(global.json,
                   {{"channel", channel},
                    {"result", outcome_word(outcome.result)},
                    {"pid", outcome.pid},
-                   {"status_repaired", outcome.repaired}},
-                  outcome_text(channel, outcome, timeout));
+                   {"status_repaired", was_left}},
+                  done + (was_left ? "; its status was left from a process that is gone and now says STOPED" : ""));
 }
 
 } // namespace

@@ -142,7 +142,7 @@ void refuse_other_qmgr(const GlobalOptions& global, const std::string& name) {
     }
 }
 
-std::shared_ptr<Store> open_store(const GlobalOptions& global) {
+std::filesystem::path qmgr_folder(const GlobalOptions& global) {
     const std::string qmgr = chosen_qmgr(global);
     const fs::path dir = home_folder(global) / qmgr;
     std::error_code error;
@@ -158,7 +158,11 @@ std::shared_ptr<Store> open_store(const GlobalOptions& global) {
                                 "the folder by hand if nothing in it is needed",
                                 dir.native()));
     }
-    return Store::open(dir);
+    return dir;
+}
+
+std::shared_ptr<Store> open_store(const GlobalOptions& global) {
+    return Store::open(qmgr_folder(global));
 }
 
 std::string checked_qmgr_name(const std::string& name) {

@@ -22,7 +22,9 @@ std::string chosen_qmgr(const GlobalOptions& global);
 void refuse_other_qmgr(const GlobalOptions& global, const std::string& name);
 /// A folder with a store in it, as far as this user may look.
 bool holds_store(const std::filesystem::path& dir);
-/// Opens the queue manager that is meant; root becomes its owner before (store_owner.h).
+/// The folder of the queue manager that is meant; root becomes its owner (store_owner.h).
+std::filesystem::path qmgr_folder(const GlobalOptions& global);
+/// Opens the queue manager that is meant, as its owner.
 std::shared_ptr<Store> open_store(const GlobalOptions& global);
 
 /// Names are 1 to 32 (channels 63) letters, digits and . _ % -, and begin with neither a dot nor a dash: a queue
