@@ -28,6 +28,8 @@ using std::chrono::milliseconds;
 constexpr std::chrono::seconds kSayAfter{2};
 /// All waits of a process together after it was asked to stop: the rest of the second is for its shutdown.
 constexpr milliseconds kStopBudget{500};
+/// Each of them after that all the same: as long as a commit of somebody else usually lasts.
+constexpr milliseconds kLeastWait{50};
 /// Waits are polled: a blocking one could not be bounded without a signal. Short at first, for a holder that commits.
 constexpr std::chrono::microseconds kShortestPause{50};
 constexpr std::chrono::microseconds kLongestPause{1000};
@@ -90,13 +92,14 @@ bool is_over(Clock::duration waited, milliseconds limit) {
     if (waited >= std::min<Clock::duration>(limit, g_limit.load())) {
         return true;
     }
-    if (!stop_asked()) {
+    // Once seen it counts for good: who holds the signal back may take it before the next wait.
+    if (g_stop_end == 0 && !stop_asked()) {
         return false;
     }
     const Clock::rep now = Clock::now().time_since_epoch().count();
     Clock::rep unset = 0;
     g_stop_end.compare_exchange_strong(unset, now + Clock::duration(kStopBudget).count());
-    return now >= g_stop_end;
+    return now >= g_stop_end && waited >= kLeastWait;
 }
 
 void pause(Clock::duration waited) {

@@ -21,7 +21,17 @@ constexpr mode_t kOthersWrite = 0022;
 /// By a descriptor of its own that opens nothing (so that no record lock is lost with it), never through a link.
 void set_mode(const std::filesystem::path& path, mode_t mode, const char* doing) {
     if (::fchmodat(AT_FDCWD, path.c_str(), mode, AT_SYMLINK_NOFOLLOW) != 0) {
-        throw_system(doing, path, errno == EOPNOTSUPP ? ELOOP : errno);
+        const int cause = errno;
+        std::error_code unknown;
+        if (cause != EOPNOTSUPP) {
+            throw_system(doing, path, cause);
+        }
+        // The C library goes by way of /proc, and has one error for a link and for a /proc that is not there.
+        if (std::filesystem::is_symlink(path, unknown)) {
+            throw_system(doing, path, ELOOP);
+        }
+        throw Error(Errc::kIo, std::string("cannot ") + doing + " " + path.string() +
+                                   ": mount /proc, and use a disk that keeps modes");
     }
 }
 

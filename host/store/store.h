@@ -91,7 +91,9 @@ struct Usage {
 using Notice = void (*)(const std::string& line);
 /// Sets the process's one; null, as at first: nobody is told.
 KVR_EXPORT void set_notice(Notice notice);
-/// Longest wait of this process for another one; without limit at first.
+/// Longest single wait of this process for another one, waits that are under way included; without limit at first. When
+/// it is over the call throws kBusy and nothing has happened. A process whose loop must go on sets it short and takes
+/// kBusy as "not now": it does the call again later.
 KVR_EXPORT void limit_waits(std::chrono::milliseconds limit);
 
 class Getter;

@@ -202,6 +202,29 @@ TEST_F(EnvironmentTest, AFrozenReaderThatKeepsAllRoomIsNamed) {
     EXPECT_EQ(failure_of_put(*store_, std::string(100000, 'x')), "");
 }
 
+TEST_F(EnvironmentTest, AStopThatWasSeenCountsOnAndLeavesEachWaitAMoment) {
+    test::Child writer = test::Child::fork_off([&] {
+        const auto store = Store::open(dir_);
+        test::stop_at_next_call(0);
+        return failure_of_put(*store, "first").empty() ? 0 : 1;
+    });
+    test::await_stopped(writer);
+    test::Child stopped = test::Child::fork_off([&] {
+        const auto store = Store::open(dir_);
+        sigset_t stop;
+        ::sigemptyset(&stop);
+        ::sigaddset(&stop, SIGTERM);
+        ::sigprocmask(SIG_BLOCK, &stop, nullptr);
+        ::raise(SIGTERM);
+        int taken = 0;
+        const bool gave_up = !failure_of_put(*store, "second").empty() && ::sigwait(&stop, &taken) == 0;
+        const auto since = std::chrono::steady_clock::now();
+        const bool again = !failure_of_put(*store, "third").empty();
+        return gave_up && again && std::chrono::steady_clock::now() - since >= std::chrono::milliseconds(50) ? 0 : 1;
+    });
+    EXPECT_EQ(stopped.result(), 0);
+}
+
 TEST_F(EnvironmentTest, ObjectsChangeAsAWholeOrNotAtAll) {
     store_->object_add("CHL", "B", {{"HBINT", "30"}});
     store_->object_add("CHS", "B", {{"PID", "1"}});
