@@ -27,10 +27,10 @@ namespace {
 constexpr BorderModule kSelf{"$kavro_queue", "kavro_queue"};
 
 /// What the dead-letter queue could not take stays on its own queue.
-void hold_message_in_hand(const std::string& reason) {
+void hold_message_in_hand(const char* what, const std::exception& why) {
     try {
         if (const std::shared_ptr<OpenQueue> queue = queue_in_hand()) {
-            queue->getter->hold(reason);
+            queue->getter->hold(what, why.what());
         }
     } catch (const std::exception& error) {
         static_cast<void>(
@@ -91,7 +91,7 @@ extern "C" KVR_EXPORT int KVR_QueOpen(T_KVR_QUE_DB_HANDLE hQueDB, char* psName, 
         return 0;
     } catch (const std::exception& error) {
         const int result = kvr::fail_at_border(kvr::kSelf, error, kvr::BorderPlace::here());
-        kvr::hold_message_in_hand(std::string("no dead-letter queue: ") + error.what());
+        kvr::hold_message_in_hand("no dead-letter queue: ", error);
         return result;
     }
 }
@@ -143,7 +143,7 @@ extern "C" KVR_EXPORT int KVR_QueMsgPut(T_KVR_QUE_DB_HANDLE /*hQueDB*/, T_KVR_QU
         return 0;
     } catch (const std::exception& error) {
         const int result = kvr::fail_at_border(kvr::kSelf, error, kvr::BorderPlace::here());
-        kvr::hold_message_in_hand(std::string("not dead-lettered: ") + error.what());
+        kvr::hold_message_in_hand("not dead-lettered: ", error);
         return result;
     }
 }

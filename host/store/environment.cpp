@@ -79,11 +79,14 @@ void* find_mapping(MDB_env* env) {
         std::istringstream fields(line);
         std::uintptr_t start = 0;
         std::uint64_t offset = 0;
-        std::uint64_t inode = 0;
         std::string skipped;
         char dash = 0;
-        fields >> std::hex >> start >> dash >> skipped >> skipped >> offset >> skipped >> std::dec >> inode;
-        if (fields && offset == 0 && inode == file.st_ino && line.ends_with("data.mdb")) {
+        fields >> std::hex >> start >> dash >> skipped >> skipped >> offset;
+        const std::size_t path = line.find('/');
+        // Not the device of the list: some file systems show another one there than to fstat.
+        struct stat mapped {};
+        if (fields && offset == 0 && path != std::string::npos && line.ends_with("data.mdb") &&
+            ::stat(line.c_str() + path, &mapped) == 0 && mapped.st_dev == file.st_dev && mapped.st_ino == file.st_ino) {
             return reinterpret_cast<void*>(start); // NOLINT: the system tells addresses as numbers
         }
     }
@@ -429,17 +432,18 @@ bool table_erase(WriteTxn& write, MDB_dbi table, std::string_view key) {
 
 namespace {
 
-void commit_something(Environment& env) {
+/// As WriteTxn::commit.
+bool commit_something(Environment& env) {
     WriteTxn write(env);
     save_usage(write, load_usage(write.txn(), env));
-    write.commit();
+    return write.commit();
 }
 
 /// What one transaction freed, LMDB uses again in the second one after it at the earliest. While every write fails for
 /// want of room there is no such second one: a small one makes it. False when there is no room for that either.
 bool free_what_was_freed_last(Environment& env) {
     try {
-        commit_something(env);
+        static_cast<void>(commit_something(env)); // the next one makes it durable
         return true;
     } catch (const FullError&) {
         return false;
@@ -454,8 +458,8 @@ void write_once(Environment& env, const std::function<void(WriteTxn&)>& work) {
         return write.commit();
     }();
     try {
-        if (!durable) {
-            commit_something(env);
+        if (!durable && !commit_something(env)) {
+            throw_system("flush the store", env.folder(), EIO);
         }
     } catch (const Error& error) {
         throw UnknownOutcome(error);

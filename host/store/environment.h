@@ -69,7 +69,7 @@ class Environment {
     /// Whose read transaction keeps pages from being used again, as the end of an error's text; empty when nobody's.
     std::string blame_reader();
     /// Lets go of the mapped pages that were read: they count as this process's memory. They stay in the system's
-    /// cache. No transaction of the calling thread is needed, none is disturbed.
+    /// cache. Within a transaction or under the map's lock; no transaction is disturbed.
     void drop_pages();
 
     /// Held by every open transaction, so that the map moves under none.
@@ -145,7 +145,7 @@ class WriteTxn {
 
     /// True: it is durable. False: it is there, but its last flush failed, so that it is durable after another commit.
     /// It certainly did not happen when this throws, unless the text says that this is not known.
-    bool commit();
+    [[nodiscard]] bool commit();
     [[nodiscard]] MDB_txn* txn() const { return txn_; }
     [[nodiscard]] Environment& env() const { return env_; }
 

@@ -61,7 +61,7 @@ class DrainGetter final : public Getter {
     void put_instead(const std::string& queue, const OutgoingMessage& message) override;
     std::uint64_t move_group(const std::string& queue, std::uint64_t count,
                              const std::function<std::string(std::string_view)>& change) override;
-    void hold(const std::string& reason) override;
+    void hold(std::string_view what, std::string_view why) override;
     [[nodiscard]] bool in_hand() const override { return hand_ != 0; }
 
   private:
@@ -75,6 +75,8 @@ class DrainGetter final : public Getter {
     void use_up();
     void delete_used();
     void finish_group(const std::function<void(WriteTxn&, QueueRecord&)>& extra);
+    void delete_left_over();
+    void hold_in_hand();
     void retry_hold();
     void read_plan(const QueueRecord& record);
     [[nodiscard]] bool fits_group(std::string_view record) const;
@@ -104,8 +106,9 @@ class DrainGetter final : public Getter {
 
     std::uint64_t hand_ = 0; ///< sequence of the message in hand, 0 for none
     std::uint64_t hand_bytes_ = 0;
-    std::string hold_pending_; ///< reason of a hold that failed: the message must not be used up
-    bool at_end_ = true;       ///< no message that could be taken followed the one in hand when that was read
+    bool must_hold_ = false; ///< the message in hand must be held, not used up
+    std::string reason_;     ///< of the hold; empty also where there was no memory for it
+    bool at_end_ = true;     ///< no message that could be taken followed the one in hand when that was read
     std::uint64_t read_ = 0;
 };
 
@@ -134,7 +137,7 @@ DrainGetter::DrainGetter(std::shared_ptr<StoreImpl> store, std::string queue)
         generation_ = record.generation;
         group_ = mark_->used(generation_);
         if (!group_.empty()) {
-            finish_group({}); // the last drainer was killed before it deleted what it had used
+            delete_left_over();
         } else {
             mark_->begin_group(generation_);
         }
@@ -151,11 +154,24 @@ DrainGetter::~DrainGetter() {
     mark_->set_in_hand(0);
     try {
         delete_used();
-    } catch (const Error&) {
+    } catch (const std::exception&) {
         // The mark stands: the next drainer deletes the group.
         static_cast<void>(0);
     }
     store_->drain_locks().release(id_);
+}
+
+/// Deletes what the last drainer had used when it was killed. On a disk that has no room for that, the group goes on
+/// behind it.
+void DrainGetter::delete_left_over() {
+    try {
+        finish_group({});
+    } catch (const FullError&) {
+        const ReadScope scope(reader_);
+        // The next group looks for released messages before it: its plan takes no release for known.
+        position_ = group_.through;
+        ceiling_ = first_held(reader_.txn(), env_, id_, position_ + 1);
+    }
 }
 
 /// The message in hand is used from here on: this is the point that decides whether a killed process repeats it.
@@ -180,7 +196,7 @@ void DrainGetter::finish_group(const std::function<void(WriteTxn&, QueueRecord&)
     store_->write(Need::kMust, [&](WriteTxn& write) {
         QueueRecord record = load_queue(write.txn(), queue_, env_);
         if (!group_.empty()) {
-            erase_messages(write, record, group_.first, group_.through, kNone);
+            erase_messages(write, record, group_.first, group_.through, {});
         }
         if (extra) {
             extra(write, record);
@@ -202,11 +218,11 @@ void DrainGetter::delete_used() {
 }
 
 void DrainGetter::retry_hold() {
-    if (hand_ == 0 || hold_pending_.empty()) {
+    if (hand_ == 0 || !must_hold_) {
         return;
     }
     try {
-        hold(hold_pending_);
+        hold_in_hand();
     } catch (const Error& error) {
         throw Error(Errc::kHeld, "queue '" + queue_ +
                                      "': the message in hand could be neither dead-lettered nor held, "
@@ -330,7 +346,7 @@ bool DrainGetter::take_next(T_KAVRO_MD& descriptor, std::span<char> buffer, std:
 
 std::int64_t DrainGetter::next(T_KAVRO_MD& descriptor, std::span<char> buffer, bool wait) {
     SignalBlock signals;
-    if (wait && (at_end_ || !hold_pending_.empty())) {
+    if (wait && (at_end_ || must_hold_)) {
         signals.block(); // the queue may be empty: a signal from here on ends the wait
     }
     retry_hold();
@@ -371,7 +387,7 @@ void DrainGetter::commit() {
 
 void DrainGetter::rollback() {
     hand_ = 0;
-    hold_pending_.clear();
+    must_hold_ = false;
     at_end_ = false;
     mark_->set_in_hand(0);
 }
@@ -392,7 +408,7 @@ void DrainGetter::put_instead(const std::string& queue, const OutgoingMessage& m
         std::shared_ptr<MarkFile> target_mark;
         // The quota is not asked: as much goes as comes.
         finish_group([&](WriteTxn& write, QueueRecord& record) {
-            erase_messages(write, record, hand_, hand_, 1);
+            erase_messages(write, record, hand_, hand_, {});
             if (queue == queue_) {
                 append_message(write, record, message);
                 return;
@@ -410,9 +426,10 @@ void DrainGetter::put_instead(const std::string& queue, const OutgoingMessage& m
             store_->wake(target_id, *target_mark);
         }
     } catch (const std::exception& error) {
+        must_hold_ = hand_ != 0; // before the text, for which there may be no memory
         try {
-            hold("not put on queue '" + queue + "': " + error.what());
-        } catch (const Error&) {
+            hold("not put on queue '" + queue + "': ", error.what());
+        } catch (const std::exception&) {
             static_cast<void>(0); // the next call tries again, and says so
         }
         throw;
@@ -441,19 +458,31 @@ std::uint64_t DrainGetter::move_group(const std::string& queue, std::uint64_t co
     return moved.count;
 }
 
-void DrainGetter::hold(const std::string& reason) {
+void DrainGetter::hold(std::string_view what, std::string_view why) {
     if (hand_ == 0) {
         return;
     }
     constexpr std::size_t kMaxReason = 1024;
-    hold_pending_ = reason.empty() ? "held" : reason.substr(0, kMaxReason);
+    must_hold_ = true; // first: nothing that fails below may let it be used up
+    reason_.clear();
+    reason_.append(what.substr(0, kMaxReason)).append(why.substr(0, kMaxReason));
+    reason_.resize(std::min(reason_.size(), kMaxReason));
+    hold_in_hand();
+}
+
+void DrainGetter::hold_in_hand() {
     finish_group([&](WriteTxn& write, QueueRecord& record) {
-        table_put(write, env_.held, MessageKey(id_, hand_).view(), hold_pending_);
-        ++record.held;
+        const MessageKey key(id_, hand_);
+        // After a write of unknown outcome it may be gone, or held already.
+        if (table_get(write.txn(), env_.messages, key.view(), env_) &&
+            !table_get(write.txn(), env_.held, key.view(), env_)) {
+            table_put(write, env_.held, key.view(), reason_.empty() ? "held" : reason_);
+            ++record.held;
+        }
     });
-    hold_pending_.clear();
     position_ = hand_;
     hand_ = 0;
+    must_hold_ = false;
     mark_->set_in_hand(0);
 }
 

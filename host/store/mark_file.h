@@ -12,9 +12,12 @@
 //                                                          used
 // After a reboot the mark is ignored (its boot id differs): the page may be older than the last group. The group then
 // is delivered again, and after a power loss the one before it too, whose delete may not have reached the disk: at most
-// two groups (kGroupMessages, kGroupBytes in getter.cpp, which says when a group can be larger). A copy of the store
-// that is put back has another generation, a queue that was deleted and defined again another id, another store another
-// store id: no mark passes for theirs. Within one group the sequences rise and no held message lies between them, so
+// two groups (kGroupMessages, kGroupBytes in getter.cpp, which says when a group can be larger).
+//
+// A queue that was deleted and defined again has another id, another store another store id: no mark passes for theirs.
+// A store that is put back from a backup gives ids again, so the definition of a queue removes what is left of an
+// earlier one. For the queues of the backup itself nothing here can tell a mark that was made since: the marks go back
+// with the store, as parts of one folder. Within one group the sequences rise and no held message lies between them, so
 // that a range says it all.
 #pragma once
 

@@ -100,7 +100,7 @@ void append_message(WriteTxn& write, QueueRecord& queue, const OutgoingMessage& 
 }
 
 std::uint64_t erase_messages(WriteTxn& write, QueueRecord& queue, std::uint64_t first, std::uint64_t through,
-                             std::uint64_t limit) {
+                             EraseLimit limit) {
     std::uint64_t count = 0;
     std::uint64_t stored = 0;
     for_range(write.txn(), write.env(), queue.id, first, through,
@@ -108,7 +108,7 @@ std::uint64_t erase_messages(WriteTxn& write, QueueRecord& queue, std::uint64_t 
                   queue.bytes = less(queue.bytes, data_bytes(record));
                   stored += stored_size(record.size());
                   cursor.erase();
-                  return ++count < limit;
+                  return ++count < limit.messages && stored < limit.bytes;
               });
     if (count > 0) {
         queue.depth = less(queue.depth, count);
@@ -133,7 +133,7 @@ Moved move_messages(WriteTxn& write, QueueRecord& from, QueueRecord& to, std::ui
                 !append_changed(write, to, record, change, moved.count > 0)) {
                 return moved;
             }
-            erase_messages(write, from, sequence, sequence, 1);
+            erase_messages(write, from, sequence, sequence, {});
             ++moved.count;
         } else {
             held = first_held(write.txn(), write.env(), from.id, sequence + 1);

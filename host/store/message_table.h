@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <string>
 #include <string_view>
 
@@ -17,9 +18,15 @@ namespace kvr {
 
 /// Appends a message that check_message took.
 void append_message(WriteTxn& write, QueueRecord& queue, const OutgoingMessage& message);
-/// Deletes up to `limit` of the queue's messages from `first` to `through`, held or not. Returns how many.
+/// Ends with the message that reaches either.
+struct EraseLimit {
+    std::uint64_t messages = std::numeric_limits<std::uint64_t>::max();
+    std::uint64_t bytes = std::numeric_limits<std::uint64_t>::max(); ///< as stored
+};
+
+/// Deletes the queue's messages from `first` to `through`, held or not, up to the limit. Returns how many.
 std::uint64_t erase_messages(WriteTxn& write, QueueRecord& queue, std::uint64_t first, std::uint64_t through,
-                             std::uint64_t limit);
+                             EraseLimit limit);
 struct Moved {
     std::uint64_t count = 0;
     std::uint64_t through = 0; ///< the messages up to here were moved, or are held

@@ -134,6 +134,7 @@ void StoreImpl::browse(const std::string& queue, std::uint64_t from,
             return;
         }
         if (read > kReadBeforeDrop) {
+            const std::shared_lock lock(env_.map_lock());
             env_.drop_pages();
             read = 0;
         }

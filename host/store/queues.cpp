@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Queues of the store: their definitions, and what an operator sees of them.
+#include <cerrno>
 #include <limits>
 
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include "names.h"
 #include "schema.h"
 #include "store_impl.h"
+#include "system_error.h"
 #include "wake_fifo.h"
 
 namespace kvr {
@@ -17,8 +19,9 @@ namespace kvr {
 namespace {
 
 constexpr std::size_t kMaxDescription = 255;
-/// Messages deleted in one transaction of a purge: a transaction has room for so many changed pages.
-constexpr std::uint64_t kPurgeStep = 4096;
+/// What one transaction of a purge deletes, at most or with its last message: it has room for so many changed pages,
+/// and must fit a full disk's reserve with its list of the freed ones.
+constexpr EraseLimit kPurgeStep{.messages = 4096, .bytes = 8ULL << 20};
 
 void check_description(const std::string& description) {
     if (description.size() > kMaxDescription) {
@@ -56,9 +59,13 @@ void StoreImpl::queue_define(const std::string& name, const std::string& descrip
         QueueRecord record;
         record.id = next_queue_id(write);
         record.description = description;
-        // Made before the queue is: whoever works with it later finds its files on a full disk too.
+        // Made before the queue is: whoever works with it later finds its files on a full disk too. And made anew: a
+        // store that was put back from a backup gives an id again, whose first queue may have left its files.
+        if (const int failed = remove_files(record.id); failed != 0) {
+            throw_system("remove what is left of an earlier queue in", files_.queues(), failed);
+        }
         WakeFifo::create(files_.fifo(record.id));
-        static_cast<void>(mark(record.id));
+        MarkFile(files_.mark(record.id), identity_.id, record.id); // kept open only once the queue is there
         save_queue(write, name, record);
     });
 }
@@ -82,12 +89,22 @@ void StoreImpl::queue_delete(const std::string& name, bool purge) {
     for (bool done = false; !done;) {
         erase_step(name, id, purge, done);
     }
+    remove_files(id); // else the next queue of that id does it
+}
+
+/// Returns 0 or the error of the one that cannot be removed.
+int StoreImpl::remove_files(std::uint32_t id) {
     {
         const std::scoped_lock guard(marks_mutex_);
         marks_.erase(id);
     }
-    ::unlink(files_.mark(id).c_str());
-    ::unlink(files_.fifo(id).c_str());
+    int failed = 0;
+    for (const std::filesystem::path& file : {files_.mark(id), files_.fifo(id)}) {
+        if (::unlink(file.c_str()) != 0 && errno != ENOENT) {
+            failed = errno;
+        }
+    }
+    return failed;
 }
 
 /// Deletes some messages of a queue, or the queue itself once it is empty.
@@ -103,14 +120,14 @@ void StoreImpl::erase_step(const std::string& name, std::uint32_t id, bool purge
             // What a killed drainer used up is not on the queue any more.
             const UsedRange used = used_mark->used(record.generation);
             if (!used.empty()) {
-                erase_messages(write, record, used.first, used.through, kLast);
+                erase_messages(write, record, used.first, used.through, {});
             }
             if (record.depth > 0) {
                 throw Error(Errc::kBusy, "queue '" + name + "' holds " + std::to_string(record.depth) +
                                              " messages: drain it, or purge it with its messages");
             }
         }
-        if (record.depth > 0 && erase_messages(write, record, 1, kLast, kPurgeStep) == kPurgeStep) {
+        if (erase_messages(write, record, 1, kLast, kPurgeStep) > 0 && record.depth > 0) {
             ++record.generation;
             save_queue(write, name, record);
             done = false;

@@ -51,7 +51,9 @@ void fill_folder(const StoreFiles& files, const std::string& qmgr, const Setting
         save_identity(write, {random_id(), qmgr});
         save_settings(write, settings);
         save_usage(write, 0);
-        write.commit();
+        if (!write.commit()) {
+            throw_system("make", files.store(), EIO);
+        }
     }
     if (!ReserveFile(files.reserve()).ensure()) {
         throw_system("make", files.reserve(), ENOSPC);

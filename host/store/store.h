@@ -176,8 +176,11 @@ class KVR_EXPORT Getter {
     /// @return messages moved; 0: none is left
     virtual std::uint64_t move_group(const std::string& queue, std::uint64_t count,
                                      const std::function<std::string(std::string_view)>& change) = 0;
-    /// Keeps the message in hand on its queue, out of the getters' way, until release_held.
-    virtual void hold(const std::string& reason) = 0;
+    /// Keeps the message in hand on its queue, out of the getters' way, until release_held. The reason is `what`
+    /// followed by `why`. Where this throws, be it for want of memory, the next next() or commit() tries again before
+    /// all else.
+    virtual void hold(std::string_view what, std::string_view why) = 0;
+    void hold(std::string_view what) { hold(what, {}); }
     [[nodiscard]] virtual bool in_hand() const = 0;
 };
 

@@ -75,6 +75,7 @@ class StoreImpl final : public Store {
     /// Messages from `from` on as they stand at one moment; moves `from` behind them. Empty at the queue's end only.
     std::vector<Copied> copy_block(Reader& reader, const std::string& queue, std::uint64_t& from, std::size_t limit);
     QueueInfo info_of(MDB_txn* txn, const std::string& name, const Look& look);
+    int remove_files(std::uint32_t id);
     void erase_step(const std::string& name, std::uint32_t id, bool purge, bool& done);
 
     StoreFiles files_;

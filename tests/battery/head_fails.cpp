@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 // Preloaded into any program of the field: while the file that KVR_HEAD_FAILS names exists, one write of a store's head
 // page fails, and takes the file away. Where the file says "told" the write was done and is told to have failed, and
-// the one that puts the old head back fails too; anything else: it was not done.
+// the one that puts the old head back fails too; "again": so does the next pair of writes; anything else: it was not
+// done.
 #include <cerrno>
 #include <cstdlib>
 
@@ -19,10 +20,9 @@ ssize_t write_at(int fd, const void* data, size_t size, off_t at) {
 }
 
 bool head_fails(int fd, const void* data, size_t size, off_t at) {
-    static bool told = false;
-    if (told) {
-        told = false;
-        return true;
+    static int left = 0; // writes that are told to fail, done and not done by turns
+    if (left > 0) {
+        return --left % 2 == 0 || write_at(fd, data, size, at) >= 0;
     }
     const char* file = std::getenv("KVR_HEAD_FAILS"); // NOLINT(concurrency-mt-unsafe): nobody changes it
     const int mode = file == nullptr ? -1 : open(file, O_RDONLY | O_CLOEXEC);
@@ -30,10 +30,10 @@ bool head_fails(int fd, const void* data, size_t size, off_t at) {
         return false;
     }
     char letter = 0;
-    told = read(mode, &letter, 1) == 1 && letter == 't';
+    left = read(mode, &letter, 1) != 1 ? 0 : letter == 't' ? 1 : letter == 'a' ? 3 : 0;
     close(mode);
     unlink(file);
-    return !told || write_at(fd, data, size, at) >= 0;
+    return left == 0 || write_at(fd, data, size, at) >= 0;
 }
 
 } // namespace

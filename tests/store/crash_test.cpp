@@ -123,6 +123,56 @@ TEST_F(CrashTest, AGroupStaysWithinItsBytes) {
     EXPECT_EQ(shown().size(), 1U) << "with the fifth in hand the first four are deleted, or the group would pass 8 MiB";
 }
 
+TEST_F(CrashTest, WhatAKilledDrainerUsedIsPassedOverOnAFullDisk) {
+    put_numbers(1, 6);
+    const auto drain = [&] {
+        const auto getter = Store::open(dir_)->drain("Q");
+        take(*getter);
+        getter->hold("test");
+        take(*getter);
+        take(*getter);
+        return ::raise(SIGKILL); // "2" is used, "3" in hand
+    };
+    ASSERT_EQ(test::Child::fork_off(drain).result(), -SIGKILL);
+    EXPECT_EQ(store_->release_held("Q"), 1U);
+    test::fail_calls(ENOSPC);
+    const auto getter = store_->drain("Q");
+    Texts taken{take(*getter), take(*getter)};
+    test::fail_calls(0);
+    for (int i = 0; i < 4; ++i) {
+        taken.push_back(take(*getter));
+    }
+    EXPECT_EQ(taken, (Texts{"3", "4", "5", "6", "1", "-"}));
+}
+
+TEST_F(CrashTest, AMarkMadeSinceABackupSaysNothingOfALaterQueue) {
+    const std::filesystem::path file = dir_ / "store" / "data.mdb";
+    const std::filesystem::path backup = folder_.path() / "backup";
+    store_.reset();
+    std::filesystem::copy_file(file, backup);
+    for (const bool restored : {false, true}) {
+        store_ = Store::open(dir_);
+        store_->queue_define("NEW", "");
+        for (int i = 0; i < 5; ++i) {
+            EXPECT_EQ(put("told", {}, "NEW"), Errc{});
+        }
+        if (restored) {
+            EXPECT_EQ(take_all("NEW"), Texts(5, "told"));
+            return;
+        }
+        const auto drain = [&] {
+            const auto getter = Store::open(dir_)->drain("NEW");
+            for (int i = 0; i < 5; ++i) {
+                take(*getter);
+            }
+            return ::raise(SIGKILL);
+        };
+        ASSERT_EQ(test::Child::fork_off(drain).result(), -SIGKILL);
+        store_.reset();
+        std::filesystem::copy_file(backup, file, std::filesystem::copy_options::overwrite_existing);
+    }
+}
+
 TEST_F(CrashTest, MarkOfAnotherGenerationQueueOrStoreSaysNothing) {
     const std::filesystem::path file = folder_.path() / "mark";
     MarkFile mark(file, 7, 1);

@@ -3,6 +3,7 @@
 #include <fstream>
 
 #include <lmdb.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include "schema.h"
@@ -144,6 +145,20 @@ TEST_F(EnvironmentTest, QuotaStopsPutsAndItsRoomComesBackWhole) {
     EXPECT_TRUE(emptied.file >= full.bytes && emptied.file < 4UL << 20) << emptied.file;
     store_->set_settings({.quota = 4UL << 20, .map_size = 8UL << 20, .sync = false});
     EXPECT_GT(fill(), fitted);
+}
+
+TEST_F(EnvironmentTest, APurgeOfLargeMessagesNeedsLittleRoom) {
+    const std::string large(kMaxMessage, 'x');
+    const std::vector<OutgoingMessage> group(64, {&descriptor_, {}, large});
+    store_->put("Q", group);
+    rlimit before{};
+    ::getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit little{fs::file_size(dir_ / "store" / "data.mdb") + (160UL << 10), before.rlim_max};
+    ::signal(SIGXFSZ, SIG_IGN);
+    ::setrlimit(RLIMIT_FSIZE, &little);
+    const Errc purge = code_of([&] { return store_->queue_delete("Q", true), 0; });
+    ::setrlimit(RLIMIT_FSIZE, &before);
+    EXPECT_EQ(purge, Errc{});
 }
 
 std::string g_notice;

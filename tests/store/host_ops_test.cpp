@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: MIT
 // The host's operations with C linkage, as a channel calls them.
+#include <cstdlib>
+#include <new>
+
 #include "kavro_ac.h"
 #include "kavro_ac_host.h"
 #include "kavro_queue_host.h"
@@ -10,6 +13,8 @@ namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
+
+bool g_no_memory = false;
 
 char* c(const char* text) {
     return const_cast<char*>(text);
@@ -91,7 +96,7 @@ TEST_F(HostOpsTest, StaleAndForeignNamesAndHandlesDoNoHarm) {
 
 TEST_F(HostOpsTest, DeadLetterPutTakesTheMessageAlongOrItIsHeld) {
     EXPECT_EQ(StoreTest::put("0", {"/f/1", "/f/2"}), Errc{});
-    put_numbers(1, 5);
+    put_numbers(1, 7);
     const auto source = open("Q");
     const auto dead = open("DEAD");
     EXPECT_EQ(text(source), "0");
@@ -100,7 +105,7 @@ TEST_F(HostOpsTest, DeadLetterPutTakesTheMessageAlongOrItIsHeld) {
     got_.iMsgFlags = KVR_MSGFLAG_ACCESSORIES;
     files_.iNum = 0;
     EXPECT_EQ(put(dead), Errc{});
-    EXPECT_THAT(shown(), ElementsAre("2", "3", "4", "5")) << "off its queue at once";
+    EXPECT_THAT(shown(), ElementsAre("2", "3", "4", "5", "6", "7")) << "off its queue at once";
     {
         const auto getter = store_->drain("DEAD");
         files_ = {};
@@ -120,10 +125,18 @@ TEST_F(HostOpsTest, DeadLetterPutTakesTheMessageAlongOrItIsHeld) {
     EXPECT_EQ(put(dead), Errc::kInvalid);
     EXPECT_EQ(text(source), "4");
     EXPECT_EQ(put(none), Errc::kNotOpen);
-    EXPECT_EQ(text(source), "5");
+    for (const char* next : {"5", "6"}) {
+        EXPECT_EQ(text(source), next);
+        g_no_memory = true;
+        const Errc failed =
+            *next == '5' ? put(dead) : Errc{KVR_QueOpen(context_.hQueDB, c("a queue of no short name"), &none, 0)};
+        g_no_memory = false;
+        EXPECT_EQ(failed, Errc::kIo);
+    }
+    EXPECT_EQ(text(source), "7");
     EXPECT_EQ(close(source), Errc{});
     EXPECT_EQ(close(dead), Errc{});
-    EXPECT_THAT(shown(), ElementsAre("2!", "3!", "4!"));
+    EXPECT_THAT(shown(), ElementsAre("2!", "3!", "4!", "5!", "6!"));
     store_->browse("Q", 0, [](const StoredMessage& message) {
         EXPECT_THAT(message.held_reason, HasSubstr("NONE"));
         return false;
@@ -173,3 +186,18 @@ TEST_F(HostOpsTest, AttributesReachTheBuffersTheyFitAndSecretsNoLog) {
 
 } // namespace
 } // namespace kvr
+
+// Not inlined: the compiler would take the pair for one of new and free.
+__attribute__((noinline)) void* operator new(std::size_t size) {
+    void* const block = kvr::g_no_memory ? nullptr : std::malloc(size);
+    if (block == nullptr) {
+        throw std::bad_alloc();
+    }
+    return block;
+}
+__attribute__((noinline)) void operator delete(void* block) noexcept {
+    std::free(block);
+}
+__attribute__((noinline)) void operator delete(void* block, std::size_t /*size*/) noexcept {
+    std::free(block);
+}

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
 // Messages through the store: bounds, order, attached files, the drainer's reservations, held messages.
-#include <sys/resource.h>
-
 #include "lock_holder.h"
 #include "message_record.h"
+#include "stopped_call.h"
 #include "store_fixture.h"
 
 namespace kvr {
@@ -145,25 +144,31 @@ TEST_F(StoreTest, AGroupMovesInOrderPastHeldOnesAndEndsBeforeARefusedOne) {
 }
 
 TEST_F(StoreTest, MessageThatCannotBeHeldIsNotUsedUp) {
-    put_numbers(1, 2);
+    put_numbers(1, 3);
     const auto getter = store_->drain("Q");
+    const auto dead_letter = [&] {
+        return code_of([&] { return getter->put_instead("DEAD", {&descriptor_, {}, std::string_view("dead")}), 0; });
+    };
     ASSERT_EQ(take(*getter), "1");
-    rlimit limit{};
-    ::getrlimit(RLIMIT_FSIZE, &limit);
-    const rlimit none{.rlim_cur = 0, .rlim_max = limit.rlim_max};
-    ::signal(SIGXFSZ, SIG_IGN);
-    ::setrlimit(RLIMIT_FSIZE, &none); // every write fails from here on
-    const Errc dead = code_of([&] { return getter->put_instead("DEAD", {&descriptor_, {}, {}}), 0; });
+    test::fail_calls(EIO);
+    const Errc dead = dead_letter();
     const Errc next = code_of([&] { return take(*getter); });
     const Errc commit = code_of([&] { return getter->commit(), 0; });
-    ::setrlimit(RLIMIT_FSIZE, &limit);
+    test::fail_calls(0);
     EXPECT_EQ(dead, Errc::kIo);
     EXPECT_EQ(next, Errc::kHeld);
     EXPECT_EQ(commit, Errc::kHeld);
-    EXPECT_THAT(shown(), ElementsAre("1*", "2"));
+    EXPECT_THAT(shown(), ElementsAre("1*", "2", "3"));
     EXPECT_EQ(take(*getter), "2") << "held as soon as it can be";
-    EXPECT_THAT(shown(), ElementsAre("1!", "2*"));
+    EXPECT_THAT(shown(), ElementsAre("1!", "2*", "3"));
     EXPECT_THAT(shown("DEAD"), IsEmpty());
+    test::fail_after_next_head();
+    EXPECT_EQ(dead_letter(), Errc::kIo);
+    test::fail_calls(0);
+    EXPECT_EQ(take(*getter), "3");
+    EXPECT_EQ(store_->queue_info("Q").held, 1U) << "what is on the other queue after all is not held";
+    EXPECT_THAT(shown(), ElementsAre("1!", "3*"));
+    EXPECT_THAT(shown("DEAD"), ElementsAre("dead"));
 }
 
 TEST_F(StoreTest, ReleasedMessagesAreNeverTakenForUsedOnes) {

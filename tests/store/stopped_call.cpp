@@ -2,16 +2,22 @@
 // The calls carry the names of the C library's as labels of the assembler only: no header's declaration is in the way.
 #include "stopped_call.h"
 
+#include <type_traits>
+
 #include <dlfcn.h>
+#include <sys/uio.h>
 
 namespace kvr::test {
 namespace {
 
 bool g_stop = false;
 int g_error = 0;
+int g_failing = 0;
+bool g_head_is_last = false;
+constexpr off_t kEndOfHeads = 8192;
 
-template <class Buffer>
-ssize_t pass(const char* name, int fd, Buffer* buffer, std::size_t size, off_t at) {
+template <class Buffer, class Size>
+ssize_t pass(const char* name, int fd, Buffer* buffer, Size size, off_t at) {
     if (std::exchange(g_stop, false)) {
         ::raise(SIGSTOP);
         if (g_error != 0) {
@@ -19,8 +25,16 @@ ssize_t pass(const char* name, int fd, Buffer* buffer, std::size_t size, off_t a
             return -1;
         }
     }
-    using Call = ssize_t (*)(int, Buffer*, std::size_t, off_t);
-    return reinterpret_cast<Call>(::dlsym(RTLD_NEXT, name))(fd, buffer, size, at); // NOLINT
+    using Call = ssize_t (*)(int, Buffer*, Size, off_t);
+    const auto call = reinterpret_cast<Call>(::dlsym(RTLD_NEXT, name)); // NOLINT
+    if (std::is_const_v<Buffer> && at < kEndOfHeads && std::exchange(g_head_is_last, false)) {
+        g_failing = call(fd, buffer, size, at) < 0 ? errno : EIO;
+    }
+    if (g_failing != 0) {
+        errno = g_failing;
+        return -1;
+    }
+    return call(fd, buffer, size, at);
 }
 
 } // namespace
@@ -28,6 +42,14 @@ ssize_t pass(const char* name, int fd, Buffer* buffer, std::size_t size, off_t a
 void stop_at_next_call(int error) {
     g_error = error;
     g_stop = true;
+}
+
+void fail_calls(int error) {
+    g_failing = error;
+}
+
+void fail_after_next_head() {
+    g_head_is_last = true;
 }
 
 void await_stopped(const Child& child) {
@@ -45,6 +67,11 @@ extern "C" __attribute__((visibility("default"))) ssize_t on_pwrite(int fd, cons
                                                                     off_t at) __asm__("pwrite");
 extern "C" ssize_t on_pwrite(int fd, const void* buffer, std::size_t size, off_t at) {
     return pass("pwrite", fd, buffer, size, at);
+}
+extern "C" __attribute__((visibility("default"))) ssize_t on_pwritev(int fd, const iovec* parts, int count,
+                                                                     off_t at) __asm__("pwritev");
+extern "C" ssize_t on_pwritev(int fd, const iovec* parts, int count, off_t at) {
+    return pass("pwritev", fd, parts, count, at);
 }
 
 } // namespace kvr::test

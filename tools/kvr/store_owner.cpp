@@ -50,6 +50,10 @@ bool take_on(const User& user) {
     uid_t real = 0;
     uid_t effective = 0;
     uid_t saved = 0;
+    if (::setresuid(0, 0, 0) == 0) { // the rights stayed: this process was started so that they outlive the user id
+        errno = EPERM;
+        return false;
+    }
     return ::getresuid(&real, &effective, &saved) == 0 && real == user.id && effective == user.id && saved == user.id;
 }
 
