@@ -14,8 +14,11 @@ namespace kvr {
 
 constexpr std::chrono::milliseconds kNoLimit = std::chrono::years(10);
 
-/// Held while a process opens or closes the environment. A lock of the open file, not of the process: when the holder
-/// dies the system drops it after the record locks of LMDB, so that its next holder finds those free.
+/// Held while a process opens or closes the environment, takes a place among LMDB's readers (which it then keeps), and
+/// clears places of readers that died: there, too, LMDB waits for a process that is frozen. Taken after the map's lock.
+/// One way leads past it: a writer that follows one that died in its turn clears such places inside LMDB. A lock of the
+/// open file, not of the process: when the holder dies the system drops it after the record locks of LMDB, so that its
+/// next holder finds those free.
 class OpeningLock {
   public:
     explicit OpeningLock(const std::filesystem::path& folder, std::chrono::milliseconds limit = kNoLimit);

@@ -32,6 +32,8 @@ constexpr std::uint64_t kCommitsPerDrop = 16;
 /// Transactions that a reader may lag behind in the course of things.
 constexpr std::uint64_t kUsualLag = 8;
 constexpr std::chrono::seconds kCloseLimit{2};
+/// No work waits for longer before it looks for readers that died: the next one looks again.
+constexpr std::chrono::milliseconds kClearLimit{100};
 /// By how much the map grows for a write that must not fail.
 constexpr std::uint64_t kMapStep = 16ULL << 20;
 
@@ -97,13 +99,14 @@ void* find_mapping(MDB_env* env) {
 template <class Begin>
 void begin_txn(Environment& env, Begin begin) {
     for (bool readers_cleared = false;;) {
-        env.map_lock().lock_shared();
+        std::shared_lock map(env.map_lock());
         MDB_env* const handle = env.handle();
         const int result = handle == nullptr ? MDB_PANIC : begin(handle);
         if (result == MDB_SUCCESS) {
+            map.release();
             return;
         }
-        env.map_lock().unlock_shared();
+        map.unlock();
         if (result == MDB_MAP_RESIZED) {
             env.adopt_map();
         } else if (result == MDB_PANIC) {
@@ -131,6 +134,7 @@ Environment::Environment(std::filesystem::path folder, std::optional<std::uint64
         clear_stale_readers();
         check_not_cut(*this, file);
 
+        const OpeningLock opening(folder_);
         open_table_set(false, {{nullptr, &main}});
     } catch (...) {
         close();
@@ -157,6 +161,10 @@ void Environment::open(std::uint64_t map_size, const OpeningLock& /*held*/) {
 }
 
 void Environment::close() {
+    for (MDB_txn* const txn : ended_) {
+        mdb_txn_abort(txn);
+    }
+    ended_.clear();
     try {
         const OpeningLock lock(folder_, kCloseLimit);
         mdb_env_close(env_);
@@ -183,6 +191,10 @@ void Environment::reopen(const MDB_env* failed) {
         for (Reader* const reader : readers_) {
             reader->forget();
         }
+        for (MDB_txn* const txn : ended_) {
+            mdb_txn_abort(txn);
+        }
+        ended_.clear();
     }
     if (env_ != nullptr) {
         mdb_env_close(std::exchange(env_, nullptr));
@@ -190,7 +202,7 @@ void Environment::reopen(const MDB_env* failed) {
     open(map_size_, opening);
     try {
         open_table_set(false, {{nullptr, &main}});
-        open_tables(false);
+        open_all_tables(false);
         set_flag(MDB_NOSYNC, !sync_);
     } catch (...) {
         mdb_env_close(std::exchange(env_, nullptr));
@@ -201,6 +213,11 @@ void Environment::reopen(const MDB_env* failed) {
 }
 
 void Environment::open_tables(bool create) {
+    const OpeningLock opening(folder_);
+    open_all_tables(create);
+}
+
+void Environment::open_all_tables(bool create) {
     open_table_set(create, {{"objects", &objects}, {"queues", &queues}, {"messages", &messages}, {"held", &held}});
 }
 
@@ -253,22 +270,38 @@ void Environment::set_late_flush(bool late) {
     set_flag(MDB_NOMETASYNC, late);
 }
 
-void Environment::add(Reader& reader) {
+MDB_txn* Environment::add(Reader& reader) {
     const std::scoped_lock guard(readers_mutex_);
+    ended_.reserve(ended_.size() + readers_.size() + 1); // remove() finds room
     readers_.insert(&reader);
+    if (ended_.empty()) {
+        return nullptr;
+    }
+    MDB_txn* const txn = ended_.back();
+    ended_.pop_back();
+    return txn;
 }
 
-void Environment::remove(Reader& reader) {
+void Environment::remove(Reader& reader, MDB_txn* ended) {
     const std::scoped_lock guard(readers_mutex_);
     readers_.erase(&reader);
-    reader.forget();
+    if (ended != nullptr) {
+        ended_.push_back(ended);
+    }
 }
 
 int Environment::clear_stale_readers() {
     const std::shared_lock lock(map_lock_);
     int dead = 0;
-    if (env_ != nullptr) {
-        check(mdb_reader_check(env_, &dead), "clear stale readers", *this);
+    try {
+        if (env_ != nullptr) {
+            const OpeningLock turn(folder_, kClearLimit);
+            check(mdb_reader_check(env_, &dead), "clear stale readers", *this);
+        }
+    } catch (const Error& error) {
+        if (error.code() != Errc::kBusy) {
+            throw;
+        }
     }
     return dead;
 }
@@ -311,7 +344,7 @@ void Environment::count_commit() {
 
 Reader::~Reader() {
     end();
-    env_.remove(*this);
+    env_.remove(*this, txn_);
 }
 
 void Reader::forget() {
@@ -323,7 +356,11 @@ void Reader::forget() {
 void Reader::begin() {
     if (!active_) {
         begin_txn(env_, [this](MDB_env* env) {
-            return txn_ == nullptr ? mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn_) : mdb_txn_renew(txn_);
+            if (txn_ != nullptr) {
+                return mdb_txn_renew(txn_);
+            }
+            const OpeningLock turn(env_.folder());
+            return mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn_);
         });
         active_ = true;
     }

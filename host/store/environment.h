@@ -20,6 +20,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include <lmdb.h>
 
@@ -64,7 +65,7 @@ class Environment {
     void set_sync(bool sync);
     /// True: a commit flushes its data and leaves the flush of the page that makes it valid to the next commit.
     void set_late_flush(bool late);
-    /// Frees the slots of readers that died. Returns how many.
+    /// Frees the slots of readers that died, unless another process is at it. Returns how many.
     int clear_stale_readers();
     /// Whose read transaction keeps pages from being used again, as the end of an error's text; empty when nobody's.
     std::string blame_reader();
@@ -76,8 +77,10 @@ class Environment {
     std::shared_mutex& map_lock() { return map_lock_; }
     WriterLock& writer_lock() { return writer_lock_; }
     /// The environment's readers: their transactions end when it is opened anew.
-    void add(Reader& reader);
-    void remove(Reader& reader);
+    /// Returns the transaction of a reader that ended, if there is one: its place among LMDB's readers is kept, because
+    /// taking one means waiting in front of LMDB (access_locks.h). Null otherwise.
+    MDB_txn* add(Reader& reader);
+    void remove(Reader& reader, MDB_txn* ended);
     /// Lets go of pages every few commits: a write reads some, wherever it goes.
     void count_commit();
 
@@ -86,6 +89,7 @@ class Environment {
     void close();
     void adopt_size();
     void set_flag(unsigned flag, bool on);
+    void open_all_tables(bool create);
     void open_table_set(bool create, std::initializer_list<std::pair<const char*, MDB_dbi*>> tables);
 
     std::filesystem::path folder_;
@@ -99,12 +103,13 @@ class Environment {
     std::shared_mutex map_lock_;
     std::mutex readers_mutex_;
     std::set<Reader*> readers_;
+    std::vector<MDB_txn*> ended_;
 };
 
 /// A read transaction that is begun and ended many times at little cost. Ended between calls.
 class Reader {
   public:
-    explicit Reader(Environment& env) : env_(env) { env_.add(*this); }
+    explicit Reader(Environment& env) : env_(env), txn_(env.add(*this)) {}
     ~Reader();
     Reader(const Reader&) = delete;
     Reader& operator=(const Reader&) = delete;
@@ -120,7 +125,7 @@ class Reader {
 
   private:
     Environment& env_;
-    MDB_txn* txn_ = nullptr;
+    MDB_txn* txn_; ///< null before its first begin
     bool active_ = false;
 };
 

@@ -2,6 +2,7 @@
 // The store as files - owners, versions, damage, a quota used up -, its objects, and what their schema refuses.
 #include <fstream>
 
+#include <fcntl.h>
 #include <lmdb.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -238,6 +239,25 @@ TEST_F(EnvironmentTest, AStopThatWasSeenCountsOnAndLeavesEachWaitAMoment) {
         return gave_up && again && std::chrono::steady_clock::now() - since >= std::chrono::milliseconds(50) ? 0 : 1;
     });
     EXPECT_EQ(stopped.result(), 0);
+}
+
+TEST_F(EnvironmentTest, WhoReadsAlreadyGoesOnBesideAFrozenReaderAndOthersGiveUp) {
+    test::Child frozen = test::Child::fork_off([&] {
+        const int fd = ::open((dir_ / "store" / "open.lock").c_str(), O_RDWR);
+        struct flock lock {};
+        lock.l_type = F_WRLCK;
+        return ::fcntl(fd, F_OFD_SETLK, &lock) == 0 ? ::raise(SIGSTOP) : 1;
+    });
+    test::await_stopped(frozen);
+    limit_waits(std::chrono::milliseconds(100));
+    EXPECT_EQ(put("x"), Errc{});
+    {
+        const auto getter = store_->drain("Q"); // has the place that the process keeps
+        EXPECT_EQ(code_of([&] { return shown(); }), Errc::kBusy);
+        EXPECT_EQ(take(*getter), "x");
+    }
+    EXPECT_EQ(shown(), Texts{"x"});
+    limit_waits(test::kDeadline);
 }
 
 TEST_F(EnvironmentTest, ObjectsChangeAsAWholeOrNotAtAll) {
