@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <memory>
 #include <optional>
@@ -22,7 +23,6 @@
 #include "log.h"
 #include "plugin.h"
 #include "process_setup.h"
-#include "reopen_signal.h"
 #include "run_lock.h"
 #include "stop_point.h"
 #include "stop_signal.h"
@@ -255,7 +255,10 @@ void prepare(const WorkerOptions& options, int argc, char** argv) {
                                    std::error_code(errno, std::generic_category()).message() +
                                    "): check its folder, or leave the log on standard error; a link is not followed");
     }
-    watch_reopen_signal();
+    if (log_rotate_on(SIGHUP) != 0) {
+        throw Error(Errc::kIo, std::string("no descriptor to watch for SIGHUP: ") + std::strerror(errno));
+    }
+    set_idle_look(log_look);
     set_notice([](const std::string& line) { log_line(kLevelFailure, line); });
     self.store = Store::open(options.home / options.qmgr);
     std::string qmgr = self.store->qmgr();

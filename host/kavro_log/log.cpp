@@ -9,10 +9,12 @@
 
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include "kavro_log.h"
@@ -23,12 +25,15 @@
 namespace {
 
 constexpr std::size_t kQmgrSize = 64;
+constexpr int kLevelFailure = 1;
+constexpr int kLevelEvent = 3;
 
 int g_level = kvr::kLogDefaultLevel;
 int g_fd = STDERR_FILENO;
 char g_path[PATH_MAX];  ///< empty: the log is on standard error
 bool g_regular = false; ///< a regular file never blocks a writer; what standard error is was not looked at yet
 volatile int g_stalled = 0;
+int g_rotation = -1; ///< readable while the signal of a rotation is pending
 char g_qmgr[kQmgrSize];
 
 int open_file(const char* path) {
@@ -91,6 +96,30 @@ __attribute__((noinline, format(printf, 3, 0))) void print_line(int level, const
     errno = saved;
 }
 
+__attribute__((format(printf, 2, 3))) void print_own(int level, const char* format, ...) {
+    if (level > g_level) {
+        return;
+    }
+    va_list arguments;
+    va_start(arguments, format);
+    print_line(level, {"$kavro_log", "log", "log_look", 0}, format, arguments);
+    va_end(arguments);
+}
+
+/// False with `errno` set.
+bool reopen() {
+    const int fd = open_file(g_path);
+    if (fd < 0) {
+        return false;
+    }
+    g_regular = kvr::is_regular(fd);
+    const int moved = dup3(fd, g_fd, O_CLOEXEC); // the number stays, and is never closed for a moment
+    const int cause = errno;
+    close(fd);
+    errno = cause;
+    return moved >= 0;
+}
+
 } // namespace
 
 namespace kvr {
@@ -118,20 +147,33 @@ int log_open(const char* file) {
     return 0;
 }
 
-int log_reopen() {
-    if (g_path[0] == '\0') {
-        return 0;
-    }
-    const int fd = open_file(g_path);
+int log_rotate_on(int signal) {
+    sigset_t rotation;
+    sigemptyset(&rotation);
+    sigaddset(&rotation, signal);
+    const int fd = signalfd(-1, &rotation, SFD_NONBLOCK | SFD_CLOEXEC);
     if (fd < 0) {
         return -1;
     }
-    g_regular = kvr::is_regular(fd);
-    const int moved = dup3(fd, g_fd, O_CLOEXEC); // a line that is just being written goes to the one file or the other
-    const int cause = errno;
-    close(fd);
-    errno = cause;
-    return moved < 0 ? -1 : 1;
+    pthread_sigmask(SIG_BLOCK, &rotation, nullptr);
+    g_rotation = fd;
+    return 0;
+}
+
+void log_look() {
+    if (g_rotation < 0) {
+        return;
+    }
+    const int saved = errno;
+    signalfd_siginfo came{};
+    if (read(g_rotation, &came, sizeof came) > 0 && g_path[0] != '\0') {
+        if (reopen()) {
+            print_own(kLevelEvent, "log reopened");
+        } else {
+            print_own(kLevelFailure, "the log cannot be reopened (%m): its lines still go to the file that was open");
+        }
+    }
+    errno = saved;
 }
 
 int log_divert_stderr() {
@@ -174,6 +216,7 @@ KVR_EXPORT int KVR_LogPrint(char* /*psTag*/, int iLevel, char* psMod, char* psFi
     if (iLevel > g_level) {
         return 0;
     }
+    kvr::log_look();
     va_list arguments;
     va_start(arguments, psFmt);
     print_line(iLevel, {psMod, psFile, psFunc, iLine}, psFmt, arguments);

@@ -15,10 +15,14 @@ constexpr int kLogDefaultLevel = 3;
 /// @return 0, or -1 with `errno` set (ELOOP: a link), and the log stays where it was
 KVR_EXPORT int log_open(const char* file);
 
-/// After a rotation moved the file away: opens its name anew, so that later lines go to a new file. Nothing happens to
-/// a log on standard error. From any thread or handler; the descriptor number stays.
-/// @return 1, 0 when there was nothing to do, or -1 with `errno` set, and the log stays where it was
-KVR_EXPORT int log_reopen();
+/// From now on the signal says that a rotation moved the log's file away. It is held in the calling thread, so that it
+/// interrupts nothing; the next line, or log_look, sees it.
+/// @return 0, or -1 with `errno` set
+KVR_EXPORT int log_rotate_on(int signal);
+
+/// Where the signal of a rotation came: opens the log's name anew, so that later lines go to a new file, and says so
+/// there. Every line that is written looks first; who writes none for long calls this. Safe in a handler.
+KVR_EXPORT void log_look();
 
 /// Other code's lines on standard error, such as those of the TLS helpers, get the time and block nobody from now on:
 /// descriptor 2 becomes a pipe of a few lines (a line that does not fit is lost), and what is in it goes to the real

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "permissions.h"
+#include "store.h"
 #include "system_error.h"
 
 namespace kvr {
@@ -22,7 +23,13 @@ namespace {
 /// A putter that is killed between its commit and its wake-up wakes nobody: the drainer looks again by itself.
 constexpr timespec kSecondLook{.tv_sec = 1, .tv_nsec = 0};
 
+void (*g_idle_look)() = nullptr;
+
 } // namespace
+
+void set_idle_look(void (*look)()) {
+    g_idle_look = look;
+}
 
 void SignalBlock::block() {
     if (blocked_) {
@@ -74,6 +81,9 @@ bool WakeFifo::wait(const sigset_t& mask) {
     const int ready = ::ppoll(&waited, 1, &kSecondLook, &mask);
     if (ready < 0 && errno != EINTR) {
         throw Error(Errc::kIo, "cannot wait for a message: " + std::string(std::strerror(errno)));
+    }
+    if (ready == 0 && g_idle_look != nullptr) {
+        g_idle_look();
     }
     if (ready > 0) {
         std::array<char, 64> bytes{};
