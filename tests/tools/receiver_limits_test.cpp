@@ -34,13 +34,25 @@ TEST(UnfinishedTrial, TakesTheGreatestOfThoseOfWhichNothingComes) {
     EXPECT_THAT(trial.judge(after, 300, start + seconds(62)), ElementsAre(6));
 }
 
+TEST(UnfinishedTrial, TakesThoseThatWaitForRoomWhenNoSilentOneIsLeft) {
+    const UnfinishedTrial::Clock::time_point start{};
+    const Unfinished all[] = {{1, 90, 0, 7, true}, {2, 40, 0, 0}, {3, 30, 0, 0}, {4, 80, 0, 0, true}};
+    UnfinishedTrial trial{seconds(2)};
+    EXPECT_THAT(trial.judge(all, 1, start), IsEmpty());
+    EXPECT_THAT(trial.judge(all, 999, start + seconds(2)), ElementsAre(2, 3));
+    const Unfinished left[] = {all[0], all[3], {5, 999, 0, 1}};
+    EXPECT_THAT(trial.judge(left, 1, start + seconds(4)), ElementsAre(1));
+}
+
 TEST(WhoMakesRoom, IsTheLongestIdleOfTheAddressWithMost) {
     const Occupied places[] = {{"a", seconds(900), true}, {"b", seconds(20), true},  {"b", seconds(40), true},
                                {"b", seconds(30), true},  {"b", seconds(99), false}, {"c", seconds(5), true}};
-    EXPECT_EQ(who_makes_room(places, "", seconds(10)), 2U);
-    EXPECT_EQ(who_makes_room(places, "", seconds(50)), 0U) << "none of the first address";
-    EXPECT_EQ(who_makes_room(places, "a", seconds(10)), 0U);
-    EXPECT_EQ(who_makes_room(places, "c", seconds(10)), std::nullopt);
+    EXPECT_EQ(who_makes_room(places, "", seconds(10), 4), 2U);
+    EXPECT_EQ(who_makes_room(places, "", seconds(50), 4), 0U) << "none of the first address";
+    EXPECT_EQ(who_makes_room(places, "", seconds(50), 3), 2U) << "more than its share";
+    EXPECT_EQ(who_makes_room(places, "b", seconds(50), 3), std::nullopt) << "for one of its own";
+    EXPECT_EQ(who_makes_room(places, "a", seconds(10), 4), 0U);
+    EXPECT_EQ(who_makes_room(places, "c", seconds(10), 4), std::nullopt);
 }
 
 } // namespace

@@ -31,7 +31,7 @@ std::size_t places_for_connections(std::size_t wanted) {
 }
 
 std::optional<std::size_t> who_makes_room(std::span<const Occupied> places, std::string_view address,
-                                          std::chrono::steady_clock::duration least_idle) {
+                                          std::chrono::steady_clock::duration least_idle, std::size_t most_of_one) {
     std::unordered_map<std::string_view, std::size_t> of_address;
     for (const Occupied& place : places) {
         ++of_address[place.address];
@@ -39,7 +39,8 @@ std::optional<std::size_t> who_makes_room(std::span<const Occupied> places, std:
     std::optional<std::size_t> chosen;
     for (std::size_t i = 0; i < places.size(); ++i) {
         const Occupied& place = places[i];
-        if (!place.may_go || place.idle < least_idle || (!address.empty() && place.address != address)) {
+        const bool idle = place.idle >= least_idle || (address.empty() && of_address[place.address] > most_of_one);
+        if (!place.may_go || !idle || (!address.empty() && place.address != address)) {
             continue;
         }
         const auto rank = [&](const Occupied& one) { return std::pair(of_address[one.address], one.idle); };

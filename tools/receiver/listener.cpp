@@ -319,7 +319,8 @@ bool Listener::make_room(std::string_view address, Clock::time_point now) {
                             !connection->pending() && connection->unread() == 0;
         occupied.push_back({connection->host(), connection->idle(now), may_go});
     }
-    const auto leaves = who_makes_room(occupied, address, std::chrono::seconds(options_.idle_seconds));
+    const auto leaves =
+        who_makes_room(occupied, address, std::chrono::seconds(options_.idle_seconds), options_.max_per_address);
     if (leaves) {
         connections_[*leaves]->drain(kLeaveTime, "idle for longest, makes room for another connection", now);
         ++leaving_;
@@ -411,7 +412,7 @@ void Listener::relieve_spool(Clock::time_point now) {
         const bool waits = connection->short_of_room();
         if (connection->spooled() > 0 && (!waits || waiting > 1)) {
             all.push_back(
-                {connection->id(), connection->spooled(), connection->received(), waits ? 0 : connection->unread()});
+                {connection->id(), connection->spooled(), connection->received(), connection->unread(), waits});
         }
     }
     try_unfinished(spool_trial_, all, 1, "room in the spool", now);

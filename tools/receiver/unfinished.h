@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
 // Unfinished messages keep memory and, with files, room in the spool. When either is short, those go of which nothing
 // comes: less than kFloor was read in the time of the trial, and nothing waits unread. Of them the one that keeps most
-// goes first, and none that keeps less than half of what the greatest of all does: its end would help nobody. A sender
-// that is held back is never among them: what it sends waits unread.
+// goes first, and none that keeps less than half of what the greatest does: its end would help nobody. A sender that is
+// held back is never among them: what it sends waits unread. Those that wait for room themselves are judged, in the
+// same way, when nobody else goes.
 #pragma once
 
 #include <chrono>
@@ -19,6 +20,7 @@ struct Unfinished {
     std::uint64_t kept = 0; ///< of what is short
     std::uint64_t read = 0; ///< bytes since the connection began
     std::size_t unread = 0; ///< bytes that wait to be read
+    bool waits = false;     ///< for room itself
 };
 
 class UnfinishedTrial {
@@ -36,6 +38,8 @@ class UnfinishedTrial {
     [[nodiscard]] Clock::time_point due() const { return due_; }
 
   private:
+    [[nodiscard]] std::vector<Unfinished> idle_of(std::span<const Unfinished> all, bool waits) const;
+
     Clock::duration time_;
     Clock::time_point due_ = Clock::time_point::max();
     std::unordered_map<std::uint64_t, Unfinished> before_;
