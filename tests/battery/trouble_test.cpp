@@ -207,6 +207,20 @@ TEST_F(TroubledListener, WithoutDescriptorsAMessageWaits) {
     EXPECT_EQ(end_listener(listener), 0);
 }
 
+TEST_F(TroubledListener, AFullSpoolDoesNotFillMemory) {
+    Child listener = field_.listen();
+    const std::uint64_t before = memory_of(listener.pid(), "VmHWM");
+    fail("28 1 write");
+    std::vector<std::unique_ptr<RawLine>> lines;
+    for (int i = 0; i < 200; ++i) {
+        lines.push_back(std::make_unique<RawLine>(field_.port()));
+        ASSERT_TRUE(lines.back()->offer(bind_frame("C" + std::to_string(i)) +
+                                        message_with_files(kTarget, std::string(500'000, 'b'), {{"a", "x"}})));
+    }
+    await_said("while memory is short");
+    EXPECT_LT(memory_of(listener.pid(), "VmHWM"), before + (60U << 20U));
+}
+
 TEST_F(TroubledListener, AFileThatCannotBeSyncedHoldsTheNextOneBack) {
     Child listener = field_.listen();
     const RawLine line(field_.port());

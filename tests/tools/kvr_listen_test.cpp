@@ -2,6 +2,7 @@
 // kvr listen over real sockets, fed with bytes spelled out by hand: what reaches the store, what a stop takes in and
 // whom it lets in. Start refusals stand with those of the other commands; misbehaviour on purpose is what the battery
 // uses.
+#include <atomic>
 #include <memory>
 #include <thread>
 
@@ -67,10 +68,14 @@ class Listener {
 class Sender {
   public:
     /// @param doubts  it believes no certificate
-    explicit Sender(int port, bool tls = false, const TlsIdentity* identity = nullptr, bool doubts = false)
+    /// @param from    its address
+    explicit Sender(int port, bool tls = false, const TlsIdentity* identity = nullptr, bool doubts = false,
+                    const char* from = "127.0.0.1")
         : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         const sockaddr_in address{AF_INET, htons(static_cast<in_port_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
         const timeval limit{kDeadlineSeconds, 0};
+        const sockaddr_in own{AF_INET, 0, {::inet_addr(from)}, {}};
+        EXPECT_EQ(::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&own), sizeof own), 0);
         (void)::setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
         EXPECT_EQ(::connect(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
         if (!tls) {
@@ -221,6 +226,19 @@ TEST_F(KvrListen, APartOfATlsRecordKeepsNobodyBusy) {
     EXPECT_TRUE(listener.has("bind", 2)); // written down when the listener comes to rest
 }
 
+TEST_F(KvrListen, HandshakesOfOneAddressLeaveOthersTheirs) {
+    const Listener listener(home_, tls_ + Words{"--discard"});
+    std::vector<std::unique_ptr<Sender>> begun;
+    for (int i = 0; i < 300; ++i) {
+        begun.push_back(std::make_unique<Sender>(listener.port()));
+        ASSERT_TRUE(begun.back()->send("\x16\x03"));
+    }
+    Sender other(listener.port(), true, nullptr, false, "127.0.0.2");
+    ASSERT_TRUE(other.send(bind_frame("OTHER")));
+    ASSERT_TRUE(listener.has("bind", 1));
+    EXPECT_LT(listener.journal().find(R"("event":"bind")"), listener.journal().find(R"("event":"end")"));
+}
+
 TEST_F(KvrListen, ASilentPeerIsClosedAfterItsTime) {
     const Listener listener(home_, {"--discard", "--handshake-time", "1"});
     Sender silent(listener.port());
@@ -308,6 +326,33 @@ TEST_F(KvrListen, ShortMemoryIsNotHeldByOneThatFallsSilent) {
     }
     EXPECT_TRUE(listener.has("message", 12));
     EXPECT_EQ(listener.count("end"), 0U);
+}
+
+TEST_F(KvrListen, ShortMemoryIsNotHeldByOneThatTakesForEver) {
+    Listener listener(home_, {});
+    std::string great = message_with_files("Q1", std::string(2'090'000, 'g'), {{"a", std::string(5'000'000, 'f')}});
+    great.resize(great.size() - 4'999'999);
+    std::vector<std::unique_ptr<Sender>> slow;
+    for (int i = 0; i < 14; ++i) {
+        slow.push_back(std::make_unique<Sender>(listener.port()));
+        ASSERT_TRUE(slow.back()->send(bind_frame("SLOW" + std::to_string(i)) + great));
+    }
+    ASSERT_TRUE(listener.has("bind", slow.size()));
+    std::atomic<bool> done = false;
+    std::thread dripping([&] { // what keeps a message from being given up
+        while (!done) {
+            for (const auto& sender : slow) {
+                (void)sender->send(std::string(10'000, 'f'));
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        }
+    });
+    Sender other(listener.port());
+    EXPECT_TRUE(other.send(bind_frame("OTHER") + message("Q1", std::string(100'000, 'o'))));
+    EXPECT_TRUE(listener.has("message", 1));
+    done = true;
+    dripping.join();
+    EXPECT_THAT(listener.journal(), ::testing::HasSubstr("takes too long while memory is short"));
 }
 
 TEST_F(KvrListen, TheLogNeitherBlocksNorGrowsWithAStranger) {

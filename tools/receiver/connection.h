@@ -69,12 +69,16 @@ class Connection final : public FrameSink {
     [[nodiscard]] bool pending() const { return is_read_ && reading() && !paused_ && stream_.buffered() > 0; }
     [[nodiscard]] bool in_message() const { return complete_waits_ || !splitter_.at_boundary(); }
     [[nodiscard]] bool in_handshake() const { return state_ == State::kHandshake; }
+    /// And has begun it.
+    [[nodiscard]] bool shakes_hands() const { return in_handshake() && stream_.answered(); }
     [[nodiscard]] bool draining() const { return state_ == State::kDraining; }
     /// It waits until a file can be stored.
     [[nodiscard]] bool waits_for_spool() const { return paused_ && !file_trouble_.empty(); }
     /// And room is all that it lacks.
     [[nodiscard]] bool short_of_room() const { return waits_for_spool() && no_room_; }
     [[nodiscard]] bool paused() const { return paused_; }
+    /// Its package is complete: what comes is files, until the next message.
+    [[nodiscard]] bool awaits_files() const { return kept_ > 0; }
     [[nodiscard]] const ReadingTime& reading_time() const { return reading_time_; }
     /// When it was read for kQuiet without a byte; max while it is not read.
     [[nodiscard]] Clock::time_point quiet_at() const;

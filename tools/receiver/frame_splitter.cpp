@@ -314,8 +314,8 @@ std::string FrameSplitter::position() const {
 }
 
 void FrameSplitter::trim() {
-    if (held_.empty() && held_.capacity() > kKeptBuffer) {
-        std::vector<char>().swap(held_);
+    if (held_.size() <= kKeptBuffer && held_.capacity() > kKeptBuffer) {
+        held_.shrink_to_fit();
     }
 }
 

@@ -83,7 +83,7 @@ class FrameSplitter {
     [[nodiscard]] std::uint64_t event_offset() const { return unit_start_; }
     /// Bytes of memory that the connection costs here.
     [[nodiscard]] std::size_t memory() const { return held_.capacity(); }
-    /// Gives memory back while nothing is kept.
+    /// Gives memory back while little is kept.
     void trim();
 
   private:

@@ -7,10 +7,9 @@
 // lines it opens meanwhile, they are read to their end in their order once reading goes on. New ones wait in the
 // system's queue as long as nothing is read.
 //
-// Bounds: what is kept for unfinished messages (kMemoryBudget, then kShare for each connection and one that may
-// finish), the number of connections and of TLS handshakes under way (further ones wait in the system's queue), the
-// time to the bind frame, the time that a message waits in a group (kGroupTime), the time of a stop (kStopTime,
-// kRoomTime, kLongestStop).
+// Bounds: what is kept for unfinished messages (Shortage), the number of connections and of TLS handshakes under way
+// (further ones wait in the system's queue), the time to the bind frame, the time that a message waits in a group
+// (kGroupTime), the time of a stop (kStopTime, kRoomTime, kLongestStop).
 //
 // A stop takes in and stores what has been sent. Where store or spool take nothing it waits for kRoomTime; then what
 // came is lost: it is read on all the same, so that it is counted and told.
@@ -25,22 +24,18 @@
 
 #include "admission.h"
 #include "connection.h"
+#include "handshakes.h"
 #include "listen_log.h"
 #include "listen_signals.h"
 #include "listen_socket.h"
 #include "listener_options.h"
 #include "sender_order.h"
-#include "unfinished.h"
+#include "shortage.h"
 
 namespace kvr {
 
 namespace {
 
-/// With the default number of connections 24 MiB, 1,024 shares and a message of the greatest size stay below 48 MiB.
-constexpr std::size_t kMemoryBudget = 24U << 20U;
-constexpr std::size_t kShare = 8U << 10U; ///< what each connection may keep, and read at once, when memory is short
-constexpr std::chrono::seconds kMemoryTrial{2};
-constexpr std::chrono::seconds kSpoolTrial{5}; ///< a consumer may make room meanwhile
 constexpr std::chrono::milliseconds kGroupTime{20};
 constexpr std::chrono::seconds kRetryTime{1};   ///< between tries of a store that is full, or of accept
 constexpr std::chrono::seconds kStopTime{2};    ///< of reading, for each connection
@@ -49,9 +44,6 @@ constexpr std::chrono::seconds kLongestStop{8}; ///< before a supervisor that wa
 constexpr std::chrono::seconds kLeaveTime{2};   ///< of reading, for a connection that makes room for another
 constexpr std::size_t kMostLeaving = 4;         ///< at the same time
 constexpr int kAcceptBatch = 64;
-/// Each costs some 60 KiB until it is done; whoever takes longer than this makes room while others wait for it.
-constexpr std::size_t kMaxHandshakes = 256;
-constexpr std::chrono::seconds kHandshakePatience{2};
 
 class Listener {
   public:
@@ -65,7 +57,6 @@ class Listener {
     [[nodiscard]] bool finished(Clock::time_point now) const {
         return ((stopping_ || all_accepted()) && connections_.empty() && delivery_.empty()) || now >= stop_at_;
     }
-    [[nodiscard]] bool memory_short() const { return memory_ > kMemoryBudget; }
     [[nodiscard]] bool held_back(const Connection& connection) const;
     void decide_who_is_read(Clock::time_point now);
     std::size_t fill_polls(Clock::time_point now);
@@ -75,13 +66,6 @@ class Listener {
     bool accept_one(Clock::time_point now);
     bool make_room(std::string_view address, Clock::time_point now);
     bool work_all(Clock::time_point now);
-    void favour(const Connection& connection);
-    void review_favour(std::span<const Unfinished> all);
-    void relieve_memory(Clock::time_point now);
-    void relieve_spool(Clock::time_point now);
-    void try_unfinished(UnfinishedTrial& trial, std::span<const Unfinished> all, std::uint64_t excess,
-                        std::string_view what, Clock::time_point now);
-    void relieve_handshakes(Clock::time_point now);
     void deliver(Clock::time_point now, bool idle);
     void drop_closed(Clock::time_point now);
     void begin_stop(Clock::time_point now);
@@ -102,19 +86,14 @@ class Listener {
     std::vector<std::unique_ptr<Connection>> connections_; ///< in the order in which they were accepted
     std::vector<pollfd> polls_;                            ///< signals, socket, then one per connection
     std::uint64_t accepted_ = 0;
-    std::uint64_t lined_up_ = 0;    ///< binds that the order of senders knows of
-    std::size_t memory_ = 0;        ///< of all connections
-    std::size_t handshakes_ = 0;    ///< connections that are in theirs
-    std::size_t leaving_ = 0;       ///< connections that make room for others
-    std::uint64_t favoured_ = 0;    ///< the one that may keep more although memory is short
-    std::uint64_t favour_from_ = 0; ///< bytes that it had received when its turn began
-    UnfinishedTrial memory_trial_{kMemoryTrial};
-    UnfinishedTrial spool_trial_{kSpoolTrial};
+    std::uint64_t lined_up_ = 0; ///< binds that the order of senders knows of
+    Handshakes handshakes_;
+    std::size_t leaving_ = 0; ///< connections that make room for others
+    Shortage shortage_;
     std::size_t turn_ = 0; ///< who is served first
     Clock::time_point group_since_ = Clock::time_point::max();
     Clock::time_point retry_at_;
     Clock::time_point accept_again_;
-    Clock::time_point relieve_at_ = Clock::time_point::max(); ///< of handshakes, while there are too many
     Clock::time_point stop_at_ = Clock::time_point::max();
     Clock::time_point give_up_at_ = Clock::time_point::max();
     Clock::time_point log_at_ = Clock::time_point::max();
@@ -177,9 +156,8 @@ int Listener::run() {
         if (now >= give_up_at_) {
             give_up();
         }
-        relieve_memory(now);
-        relieve_spool(now);
-        relieve_handshakes(now);
+        shortage_.relieve(connections_, !delivery_.blocked(), now);
+        handshakes_.relieve(connections_, now);
         deliver(Clock::now(), !worked);
         drop_closed(now);
         if (now >= log_at_ || log_at_ == Clock::time_point::max()) {
@@ -201,8 +179,8 @@ void Listener::take_signals(Clock::time_point now) {
 }
 
 bool Listener::held_back(const Connection& connection) const {
-    return delivery_.blocked() || connection.place().waits ||
-           (memory_short() && connection.memory() > kShare && favoured_ != 0 && favoured_ != connection.id());
+    return delivery_.blocked() || connection.place().waits || handshakes_.holds_back(connection) ||
+           shortage_.holds_back(connection);
 }
 
 void Listener::decide_who_is_read(Clock::time_point now) {
@@ -232,8 +210,7 @@ std::size_t Listener::fill_polls(Clock::time_point now) {
 }
 
 int Listener::poll_time(Clock::time_point now) const {
-    Clock::time_point next =
-        std::min({relieve_at_, log_at_, stop_at_, give_up_at_, memory_trial_.due(), spool_trial_.due()});
+    Clock::time_point next = std::min({handshakes_.due(), log_at_, stop_at_, give_up_at_, shortage_.due()});
     if (delivery_.blocked()) {
         next = std::min(next, retry_at_);
     } else if (!delivery_.empty()) {
@@ -258,8 +235,7 @@ int Listener::poll_time(Clock::time_point now) const {
 
 /// While nothing is read nobody is accepted either: a line that waits in the system's queue costs nothing here.
 bool Listener::accepting() const {
-    return socket_ && handshakes_ < kMaxHandshakes && !all_accepted() && !delivery_.blocked() &&
-           !(crowded() && leaving_ >= kMostLeaving);
+    return socket_ && !all_accepted() && !delivery_.blocked() && !(crowded() && leaving_ >= kMostLeaving);
 }
 
 void Listener::accept_all(Clock::time_point now) {
@@ -295,7 +271,6 @@ bool Listener::accept_one(Clock::time_point now) {
         break;
     }
     ++accepted_;
-    handshakes_ += tls_ ? 1U : 0U;
     auto connection = std::make_unique<Connection>(accepted_, std::move(fd), std::move(peer), context_);
     if (options_.awkward.refuse && (options_.awkward.first == 0 || accepted_ <= options_.awkward.first)) {
         connection->close("refused on purpose");
@@ -343,120 +318,14 @@ bool Listener::work_all(Clock::time_point now) {
         }
         worked = worked || readable;
         const std::size_t before = connection.memory();
-        const bool sparing = memory_short() && favoured_ != connection.id();
-        connection.work(now, ready, may_read, sparing ? kShare : ListenerContext::kChunk);
-        memory_ += connection.memory() - before;
-        if (memory_short() && favoured_ == 0 && connection.memory() > kShare) {
-            favour(connection);
+        const bool had_begun = connection.shakes_hands();
+        connection.work(now, ready, may_read, shortage_.greatest_read());
+        shortage_.note(connection, before, now);
+        if (!had_begun && connection.shakes_hands()) {
+            handshakes_.note(connection);
         }
     }
     return worked;
-}
-
-void Listener::favour(const Connection& connection) {
-    favoured_ = connection.id();
-    favour_from_ = connection.received();
-}
-
-/// Whoever has the others held back and sends nothing gives its turn to the one of which most waits unread.
-void Listener::review_favour(std::span<const Unfinished> all) {
-    const auto favoured = std::ranges::find(all, favoured_, &Unfinished::id);
-    const auto next = std::ranges::max_element(all, {}, &Unfinished::unread);
-    if (favoured == all.end() || next->unread == 0) {
-        return;
-    }
-    if (favoured->read - favour_from_ < UnfinishedTrial::kFloor) {
-        favoured_ = next->id;
-    }
-    favour_from_ = std::ranges::find(all, favoured_, &Unfinished::id)->read;
-}
-
-/// Beyond the budget small messages pass, and of the connections that keep more than their share one at a time is read,
-/// until its message is complete.
-void Listener::relieve_memory(Clock::time_point now) {
-    if (!memory_short()) {
-        favoured_ = 0;
-        memory_trial_.stop();
-        return;
-    }
-    for (const auto& connection : connections_) {
-        connection->trim();
-        if (connection->id() == favoured_ &&
-            (connection->closed() || connection->paused() || connection->memory() <= kShare)) {
-            favoured_ = 0;
-        }
-    }
-    // Half of it becomes free, so that it lasts for a while.
-    std::vector<Unfinished> all;
-    for (const auto& connection : connections_) {
-        if (connection->memory() > kShare && !connection->paused()) {
-            all.push_back({connection->id(), connection->memory(), connection->received(), connection->unread()});
-        }
-    }
-    if (now >= memory_trial_.due()) {
-        review_favour(all);
-    }
-    try_unfinished(memory_trial_, all, memory_ - kMemoryBudget / 2, "memory", now);
-}
-
-/// Files that find no room wait for it, but not for an unfinished file that does not grow: a sender's that fell silent,
-/// or the greatest of those that wait themselves, unless it is the only one.
-void Listener::relieve_spool(Clock::time_point now) {
-    const auto waiting = std::ranges::count_if(connections_, [](const auto& one) { return one->short_of_room(); });
-    if (waiting == 0) {
-        spool_trial_.stop();
-        return;
-    }
-    std::vector<Unfinished> all;
-    for (const auto& connection : connections_) {
-        const bool waits = connection->short_of_room();
-        if (connection->spooled() > 0 && (!waits || waiting > 1)) {
-            all.push_back(
-                {connection->id(), connection->spooled(), connection->received(), connection->unread(), waits});
-        }
-    }
-    try_unfinished(spool_trial_, all, 1, "room in the spool", now);
-}
-
-void Listener::try_unfinished(UnfinishedTrial& trial, std::span<const Unfinished> all, std::uint64_t excess,
-                              std::string_view what, Clock::time_point now) {
-    if (delivery_.blocked()) {
-        trial.stop();
-        return;
-    }
-    for (const std::uint64_t id : trial.judge(all, excess, now)) {
-        const auto at = std::ranges::find(connections_, id, &Connection::id);
-        const auto kept = std::ranges::find(all, id, &Unfinished::id)->kept;
-        (*at)->close(
-            fmt::format("its unfinished message keeps {} bytes and does not grow while {} is short", kept, what),
-            "unfinished messages given up");
-    }
-}
-
-/// Handshakes beyond their number wait in the kernel's queue, those that do not come to an end make room for them.
-void Listener::relieve_handshakes(Clock::time_point now) {
-    handshakes_ = 0;
-    relieve_at_ = Clock::time_point::max();
-    Clock::time_point oldest = now;
-    for (const auto& connection : connections_) {
-        if (connection->in_handshake()) {
-            ++handshakes_;
-            oldest = std::min(oldest, now - connection->reading_time().at(now));
-        }
-    }
-    if (handshakes_ < kMaxHandshakes) {
-        return;
-    }
-    if (now - oldest < kHandshakePatience) {
-        relieve_at_ = oldest + kHandshakePatience;
-        return;
-    }
-    for (const auto& connection : connections_) {
-        if (connection->in_handshake() && connection->reading_time().at(now) >= kHandshakePatience) {
-            connection->close("in its TLS handshake for too long while others wait");
-            --handshakes_;
-        }
-    }
 }
 
 void Listener::deliver(Clock::time_point now, bool idle) {
@@ -492,12 +361,13 @@ void Listener::drop_closed(Clock::time_point now) {
     if (std::erase_if(connections_, [](const auto& connection) { return connection->closed(); }) > 0) {
         SenderOrder::line_up(connections_, now);
     }
-    memory_ = 0;
+    std::size_t memory = 0;
     leaving_ = 0;
     for (const auto& connection : connections_) {
-        memory_ += connection->memory();
+        memory += connection->memory();
         leaving_ += connection->draining() ? 1U : 0U;
     }
+    shortage_.set_memory(memory);
 }
 
 void Listener::begin_stop(Clock::time_point now) {
