@@ -423,5 +423,34 @@ TEST(Exhaustion, AFrozenWriter) {
     EXPECT_EQ(field.depth(), 1U);
 }
 
+TEST(Exhaustion, AFrozenWriterInFrontOfTheListener) {
+    Field field;
+    const auto said = [&field](const std::string& text) {
+        await("the listener to say " + text,
+              [&] { return contents(field.home() / "out").find(text) != std::string::npos; });
+    };
+    for (const bool goes_on : {true, false}) {
+        fs::remove(field.home() / "out");
+        Child listener = field.listen();
+        const Child writer = frozen_writer(field.home() / kReceiver);
+        const RawLine line(field.port());
+        ASSERT_TRUE(line.send(bind_frame("C") + message(kTarget, "waits")));
+        said("gave up waiting for process " + std::to_string(writer.pid()) + ",");
+        if (goes_on) {
+            ::kill(writer.pid(), SIGCONT);
+            field.await_arrived(1);
+        }
+        const auto since = Clock::now();
+        ::kill(listener.pid(), SIGTERM);
+        EXPECT_EQ(listener.result(), goes_on ? 0 : 1);
+        record_seconds(goes_on ? "seconds to the end" : "seconds to the end behind the writer", since);
+        ::kill(writer.pid(), SIGCONT);
+        if (!goes_on) {
+            said("lost: 1 complete messages");
+        }
+        EXPECT_EQ(field.arrived(), 1U);
+    }
+}
+
 } // namespace
 } // namespace kvr::test

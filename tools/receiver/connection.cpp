@@ -242,14 +242,12 @@ void Connection::feed(std::span<const char> bytes, Clock::time_point now) {
     const FeedEnd end = splitter_.feed(bytes, *this);
     switch (end) {
     case FeedEnd::kHungry:
+    case FeedEnd::kStopped: // no call below stops it
         return;
     case FeedEnd::kPaused:
         // `bytes` lies in the shared chunk or at the end of left_ itself.
         left_ = std::vector<char>(bytes.begin(), bytes.end());
         pause(file_trouble_.empty() ? now : now + kRetryPause);
-        return;
-    case FeedEnd::kStopped:
-        close(stop_reason_);
         return;
     case FeedEnd::kBroken:
         close(fmt::format("malformed stream at byte {}: {}", splitter_.error().offset, splitter_.error().reason),
@@ -266,11 +264,7 @@ void Connection::pause(Clock::time_point retry) {
 void Connection::resume(Clock::time_point now) {
     paused_ = false;
     if (complete_waits_ && !store_files()) {
-        if (complete_waits_) {
-            pause(now + kRetryPause);
-        } else {
-            close(stop_reason_);
-        }
+        pause(now + kRetryPause);
         return;
     }
     const std::vector<char> bytes = std::exchange(left_, {});
@@ -298,7 +292,7 @@ void Connection::close(const std::string& reason, std::string_view cause) {
     if (state_ == State::kClosed) {
         return;
     }
-    const bool by_peer = stop_reason_.empty() && splitter_.error().reason.empty();
+    const bool by_peer = splitter_.error().reason.empty();
     // Behind a failure of the stream comes nothing that could be read.
     const std::size_t readable = stream_.error().empty() ? unread() : 0;
     const std::size_t lost = by_peer && takes_in() ? left_.size() + readable : 0;
@@ -314,8 +308,7 @@ void Connection::close(const std::string& reason, std::string_view cause) {
         hand_over();
     }
     if (lost > 0) {
-        log(fmt::format("{} bytes are lost: they had come and were not taken in", lost),
-            "connections that ended with a loss");
+        log(fmt::format("{} bytes are lost: they had come and were not taken in", lost), {});
         context_.lost_bytes += lost;
     }
     context_.journal.add("end", id_,
@@ -335,11 +328,6 @@ void Connection::drop_files() {
 
 void Connection::log(std::string_view text, std::string_view cause) const {
     listen_log(fmt::format("connection {} from {}: {}", id_, peer_, text), cause, host());
-}
-
-bool Connection::stop(std::string reason) {
-    stop_reason_ = std::move(reason);
-    return false;
 }
 
 bool Connection::on_bind(std::string_view channel) {
@@ -366,9 +354,7 @@ bool Connection::on_message(const WireMessage& message) {
     message_.queue = message.queue;
     message_.descriptor = message.descriptor;
     if (!context_.delivery.has_home(message_.queue)) {
-        return stop(fmt::format("no queue '{}' and no dead-letter queue (DEADQ of the queue manager): define one of "
-                                "them; the message is dropped",
-                                escaped(message_.queue)));
+        drop_reason_ = "no such queue and no dead-letter queue (DEADQ of the queue manager): define one of them";
     }
     is_file_ = message.is_file();
     body_length_ = message.body.size();
@@ -378,12 +364,12 @@ bool Connection::on_message(const WireMessage& message) {
     }
     files_.clear();
     facts_.clear();
-    if (context_.spool != nullptr && !is_file_) {
+    if (keeps() && !is_file_) {
         message_.data.assign(message.body.begin(), message.body.end());
     }
     const auto expect_file = [this](std::string_view name) {
         facts_.push_back({std::string(name), {}, 0, {}});
-        if (context_.spool != nullptr) {
+        if (keeps()) {
             files_.emplace_back(*context_.spool, std::string(name));
         }
     };
@@ -413,14 +399,18 @@ bool Connection::on_file_begin(std::size_t index, std::uint64_t length) {
 Flow Connection::on_file_bytes(std::span<const char>& bytes) {
     const std::span<const char> offered = bytes;
     IncomingFile* failed = nullptr;
-    if (context_.spool == nullptr || context_.files_given_up) {
+    if (!keeps() || context_.files_given_up) {
         bytes = {};
     } else if (current_file_ > 0 && !files_[current_file_ - 1].finish()) {
         failed = &files_[current_file_ - 1]; // one open file at a time
     } else if (!files_[current_file_].write(bytes)) {
         failed = &files_[current_file_];
     }
-    spooled_ += offered.size() - bytes.size();
+    if (failed != nullptr && !judge_file_trouble(*failed)) {
+        failed = nullptr;
+        bytes = {};
+    }
+    spooled_ += keeps() ? offered.size() - bytes.size() : 0;
     if (digest_) {
         digest_->add(offered.first(offered.size() - bytes.size()));
     }
@@ -428,14 +418,14 @@ Flow Connection::on_file_bytes(std::span<const char>& bytes) {
         no_room_ = false;
         return Flow::kGoOn;
     }
-    return judge_file_trouble(*failed) ? Flow::kPause : Flow::kStop;
+    return Flow::kPause;
 }
 
 bool Connection::on_file_end() {
     if (digest_) {
         facts_[current_file_].digest = digest_->finish();
     }
-    if (context_.spool != nullptr && !context_.files_given_up) {
+    if (keeps() && !context_.files_given_up) {
         (void)files_[current_file_].finish(); // when it fails, the next file or store_files tries it again
     }
     return true;
@@ -443,7 +433,7 @@ bool Connection::on_file_end() {
 
 Flow Connection::on_message_complete() {
     if (!store_files()) {
-        return complete_waits_ ? Flow::kPause : Flow::kStop;
+        return Flow::kPause;
     }
     if (context_.delivery.full() && !context_.delivery.flush()) {
         return Flow::kPause;
@@ -451,11 +441,14 @@ Flow Connection::on_message_complete() {
     return Clock::now() < turn_end_ ? Flow::kGoOn : Flow::kPause;
 }
 
-/// Says what is wrong. Whether it can be tried again; if not, the connection ends.
+/// Says what is wrong. Whether it can be tried again; if not, the message is dropped.
 bool Connection::judge_file_trouble(const IncomingFile& file) {
     const std::string trouble = file.trouble();
     if (!file.retry_helps()) {
-        return stop(fmt::format("a file of a message cannot be stored {}; the message is dropped", trouble));
+        drop_reason_ = "a file of it cannot be stored " + trouble;
+        drop_files();
+        spooled_ = 0;
+        return false;
     }
     if (file_trouble_ != trouble) {
         log(fmt::format("cannot store a file {}, reading stops until it works", trouble), "files not stored");
@@ -466,7 +459,7 @@ bool Connection::judge_file_trouble(const IncomingFile& file) {
 }
 
 /// Gives the files of the complete message their names and hands the message over. False: it waits until they can be
-/// stored (complete_waits_), or they never can.
+/// stored (complete_waits_).
 bool Connection::store_files() {
     if (context_.files_given_up && !files_.empty()) {
         message_.lost = true;
@@ -477,6 +470,9 @@ bool Connection::store_files() {
     for (std::size_t i = message_.files.size(); i < files_.size(); ++i) {
         std::string path = files_[i].finish() ? files_[i].publish() : std::string();
         complete_waits_ = path.empty() && judge_file_trouble(files_[i]);
+        if (path.empty() && !complete_waits_) {
+            break; // it is dropped
+        }
         if (path.empty()) {
             return false;
         }
@@ -509,7 +505,11 @@ void Connection::hand_over() {
         message_.journal = message_facts();
     }
     std::vector<FileFacts>().swap(facts_);
-    context_.delivery.add(std::exchange(message_, {}));
+    if (drop_reason_.empty()) {
+        context_.delivery.add(std::exchange(message_, {}));
+    } else {
+        context_.delivery.drop(std::exchange(message_, {}), std::exchange(drop_reason_, {}));
+    }
 }
 
 std::string Connection::message_facts() const {

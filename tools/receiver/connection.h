@@ -151,11 +151,12 @@ class Connection final : public FrameSink {
     void feed(std::span<const char> bytes, Clock::time_point now);
     void reach_switch(Clock::time_point now);
     void pause(Clock::time_point retry);
+    /// Whether the message that is coming in is kept.
+    [[nodiscard]] bool keeps() const { return context_.spool != nullptr && drop_reason_.empty(); }
     bool judge_file_trouble(const IncomingFile& file);
     bool store_files();
     void hand_over();
     void drop_files();
-    bool stop(std::string reason);
     [[nodiscard]] std::size_t kept_by_message() const;
     void log(std::string_view text, std::string_view cause) const;
     [[nodiscard]] std::string message_facts() const;
@@ -181,7 +182,6 @@ class Connection final : public FrameSink {
     SenderPlace place_;
     std::uint64_t received_ = 0;
     std::uint64_t messages_ = 0;
-    std::string stop_reason_;
 
     // Held back.
     bool paused_ = false;
@@ -195,6 +195,7 @@ class Connection final : public FrameSink {
     // The message that is coming in.
     std::size_t kept_ = 0; ///< bytes of memory, without what the splitter holds
     std::uint64_t spooled_ = 0;
+    std::string drop_reason_; ///< why it is passed over; empty: it is taken in
     ReceivedMessage message_;
     bool is_file_ = false;
     std::size_t body_length_ = 0;

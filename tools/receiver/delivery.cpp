@@ -82,7 +82,10 @@ void Delivery::add(ReceivedMessage message) {
         lose(message);
         return;
     }
-    bytes_ += message.data.size() + sizeof(Queued);
+    bytes_ += sizeof(Queued) + message.data.size() + message.journal.size() + message.queue.size();
+    for (const std::string& file : message.files) {
+        bytes_ += 2 * (sizeof file + file.size()); // it is most often an attachment as well
+    }
     group_.push_back({std::move(message), {}, false, false});
 }
 
@@ -216,7 +219,18 @@ void Delivery::put(const std::string& home, const std::vector<Queued*>& messages
     store_->put(home, outgoing);
 }
 
-/// A message that its queue will never take: the dead-letter queue is tried once, then its connection is told.
+void Delivery::drop(const ReceivedMessage& message, std::string_view reason) {
+    const std::string_view cause = ++dropped_ <= kMaxNamed ? "" : "messages dropped";
+    listen_log(fmt::format("connection {}: dropped: the message {} for queue '{}': {}", message.connection,
+                           escaped_field(message.descriptor.sMsgId), escaped(message.queue), reason),
+               cause, message.peer);
+    journal_.add("dropped", message.connection, message.journal);
+    for (const std::string& file : message.files) {
+        spool_->remove(file);
+    }
+}
+
+/// A message that its queue will never take: the dead-letter queue is tried once.
 void Delivery::refuse(Queued& queued, const Error& error) {
     known_.clear();
     std::string dead_letter = dead_letter_name(*store_);
@@ -224,13 +238,7 @@ void Delivery::refuse(Queued& queued, const Error& error) {
         address_dead_letter(queued, std::move(dead_letter));
         return;
     }
-    listen_log(fmt::format("connection {}: a message for queue '{}' is dropped and the connection closed: {}",
-                           queued.message.connection, escaped(queued.message.queue), error.what()),
-               "messages dropped", queued.message.peer);
-    failed_.push_back(queued.message.connection);
-    for (const std::string& file : queued.message.files) {
-        spool_->remove(file);
-    }
+    drop(queued.message, error.what());
     group_.erase(group_.begin() + (&queued - group_.data()));
 }
 
@@ -247,10 +255,6 @@ void Delivery::done(Queued& queued) {
                    "messages for unknown queues", message.peer);
     }
     journal_.add("message", message.connection, message.journal);
-}
-
-std::vector<std::uint64_t> Delivery::take_failed() {
-    return std::exchange(failed_, {});
 }
 
 } // namespace kvr

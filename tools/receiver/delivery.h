@@ -8,8 +8,8 @@
 // transmission header that says where it was meant to go. Without a store messages are counted and dropped.
 //
 // A message is refused for a fault of its own only: too large, invalid, for a queue that does not exist while there is
-// no dead-letter queue. Every other error is trouble with the store: nothing is judged, the group waits and is tried
-// again.
+// no dead-letter queue. It is dropped, those behind it are taken in. Every other error is trouble with the store:
+// nothing is judged, the group waits and is tried again.
 #pragma once
 
 #include <chrono>
@@ -43,7 +43,7 @@ class Delivery {
   public:
     static constexpr std::size_t kMaxMessages = 256;
     static constexpr std::size_t kMaxBytes = 4U << 20U;
-    static constexpr std::uint64_t kMaxNamed = 1000; ///< lost messages that the log names; the journal names all
+    static constexpr std::uint64_t kMaxNamed = 1000; ///< lost or dropped ones that the log names; the journal names all
 
     /// @param store  null: messages are dropped
     /// @param spool  null only without a store
@@ -55,6 +55,8 @@ class Delivery {
     /// the store cannot tell: flush() will say so.
     bool has_home(const std::string& queue);
     void add(ReceivedMessage message);
+    /// A complete message that can never be delivered: it is told and counted, its files go.
+    void drop(const ReceivedMessage& message, std::string_view reason);
     /// Delivers the group. False: the store cannot take it for now (each new reason is logged); try again later.
     bool flush();
     /// At a stop: what the group holds is lost, its files stay in the spool, and so is what is added from now on.
@@ -67,8 +69,7 @@ class Delivery {
     [[nodiscard]] std::uint64_t lost() const { return lost_; }
     [[nodiscard]] std::uint64_t delivered() const { return delivered_; }
     [[nodiscard]] std::uint64_t dead_lettered() const { return dead_lettered_; }
-    /// Connections of which a message was lost because its queue vanished at the last moment; they have to be closed.
-    std::vector<std::uint64_t> take_failed();
+    [[nodiscard]] std::uint64_t dropped() const { return dropped_; }
 
   private:
     struct Queued {
@@ -94,10 +95,10 @@ class Delivery {
     std::vector<Queued> group_;
     std::size_t bytes_ = 0;
     std::map<std::string, bool> known_; ///< queues looked up for this group
-    std::vector<std::uint64_t> failed_;
-    std::string trouble_; ///< why the group waits; empty: it does not
+    std::string trouble_;               ///< why the group waits; empty: it does not
     std::uint64_t delivered_ = 0;
     std::uint64_t dead_lettered_ = 0;
+    std::uint64_t dropped_ = 0;
     std::uint64_t lost_ = 0;
     bool given_up_ = false;
 };

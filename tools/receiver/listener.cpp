@@ -37,12 +37,13 @@ namespace kvr {
 namespace {
 
 constexpr std::chrono::milliseconds kGroupTime{20};
-constexpr std::chrono::seconds kRetryTime{1};   ///< between tries of a store that is full, or of accept
-constexpr std::chrono::seconds kStopTime{2};    ///< of reading, for each connection
-constexpr std::chrono::seconds kRoomTime{5};    ///< at a stop, for a store or a spool that takes nothing
-constexpr std::chrono::seconds kLongestStop{8}; ///< before a supervisor that waits 10 seconds loses its patience
-constexpr std::chrono::seconds kLeaveTime{2};   ///< of reading, for a connection that makes room for another
-constexpr std::size_t kMostLeaving = 4;         ///< at the same time
+constexpr std::chrono::seconds kRetryTime{1};       ///< between tries of a store that is full, or of accept
+constexpr std::chrono::milliseconds kLockTime{500}; ///< for another process in the store: the loop has to go on
+constexpr std::chrono::seconds kStopTime{2};        ///< of reading, for each connection
+constexpr std::chrono::seconds kRoomTime{5};        ///< at a stop, for a store or a spool that takes nothing
+constexpr std::chrono::seconds kLongestStop{8};     ///< before a supervisor that waits 10 seconds loses its patience
+constexpr std::chrono::seconds kLeaveTime{2};       ///< of reading, for a connection that makes room for another
+constexpr std::size_t kMostLeaving = 4;             ///< at the same time
 constexpr int kAcceptBatch = 64;
 
 class Listener {
@@ -348,13 +349,6 @@ void Listener::deliver(Clock::time_point now, bool idle) {
     if (delivery_.blocked() && retry_at_ < now) {
         retry_at_ = now + kRetryTime;
     }
-    for (const std::uint64_t id : delivery_.take_failed()) {
-        for (const auto& connection : connections_) {
-            if (connection->id() == id) {
-                connection->close("a message could not be delivered");
-            }
-        }
-    }
 }
 
 void Listener::drop_closed(Clock::time_point now) {
@@ -427,15 +421,17 @@ int Listener::end() {
         connection->close("the listener stops");
     }
     log_counts(true);
-    listen_log(fmt::format("stopped: {} connections, {} messages, {} bytes, {} messages dead-lettered", accepted_,
-                           delivery_.delivered(), context_.bytes, delivery_.dead_lettered()));
+    const std::string dropped =
+        delivery_.dropped() > 0 ? fmt::format(", {} messages dropped", delivery_.dropped()) : std::string();
+    listen_log(fmt::format("stopped: {} connections, {} messages, {} bytes, {} messages dead-lettered{}", accepted_,
+                           delivery_.delivered(), context_.bytes, delivery_.dead_lettered(), dropped));
     const bool lost = lost_unseen_ || delivery_.lost() + context_.lost_bytes > 0;
     if (lost) {
         listen_log(fmt::format("lost: {} complete messages, and {} bytes of others that had come", delivery_.lost(),
                                context_.lost_bytes));
     }
     const bool accounted = journal_.settle();
-    return accounted && !lost ? 0 : 1;
+    return accounted && !lost && delivery_.dropped() == 0 ? 0 : 1;
 }
 
 } // namespace
@@ -443,6 +439,7 @@ int Listener::end() {
 int run_listener(const ListenerOptions& options) {
     (void)::signal(SIGPIPE, SIG_IGN); // a write to a peer that is gone is an error, not the end
     set_notice([](const std::string& line) { listen_log(line); });
+    limit_waits(kLockTime);
     Listener listener(options);
     return listener.run();
 }
