@@ -58,12 +58,13 @@ void log_line(int level, const std::string& text, int line = __builtin_LINE()) {
                  const_cast<char*>("%s"), text.c_str());
 }
 
-/// For what an operator at the terminal must see too, wherever the log goes.
-void warn(const WorkerOptions& options, const std::string& text) {
-    log_line(kLevelFailure, text);
-    if (!options.log_file.empty()) {
+/// For what an operator at the terminal must see too, wherever the log goes. The log's line comes second: it passes on
+/// what was diverted from standard error.
+void warn(const std::string& text) {
+    if (!worker().log_file.empty()) {
         std::fprintf(stderr, "kvr: %s\n", text.c_str());
     }
+    log_line(kLevelFailure, text);
 }
 
 std::string upper_case(std::string text) {
@@ -126,19 +127,17 @@ bool check_definition(Store& store, const std::string& channel) {
     return strcasecmp((*definition)["SSLCAUTH"].c_str(), "ENABLE") == 0;
 }
 
-void check_dead_letter_queue(Store& store, const WorkerOptions& options) {
+void check_dead_letter_queue(Store& store) {
     constexpr char kRemedy[] = "; set DEADQ of the queue manager to a queue that exists";
     Attributes qmgr = find_object(store, "QMGR", "QMGR").value_or(Attributes{});
     const std::string queue = qmgr["DEADQ"];
     if (queue.empty()) {
         // The channel then makes no call by which the host could tell a failed message from a sent one.
-        warn(options,
-             std::string("no dead-letter queue is set: messages that cannot be sent have no home and are LOST") +
-                 kRemedy);
+        warn(std::string("no dead-letter queue is set: messages that cannot be sent have no home and are LOST") +
+             kRemedy);
     } else if (!queue_exists(store, queue)) {
-        warn(options, "dead-letter queue '" + queue +
-                          "' does not exist: messages that cannot be sent will be held on the transmission queue" +
-                          kRemedy);
+        warn("dead-letter queue '" + queue +
+             "' does not exist: messages that cannot be sent will be held on the transmission queue" + kRemedy);
     }
     kvr_log_add_secret(qmgr["KEYPASS"].c_str());
 }
@@ -240,8 +239,8 @@ void on_exit_in_run() {
         options.log_file.empty() ? "the lines above" : "the lines before this one in " + options.log_file.string();
     const char* const tls_hint = "; with TLS, check CAFILE, CERTFILE, KEYFILE ('kvr show qmgr') and the key's pass "
                                  "phrase ('kvr set qmgr --keypass-file FILE')";
-    warn(options, "channel '" + worker().channel + "' " + what + " (result " + std::to_string(result) + "): " + where +
-                      " say why" + (worker().tls ? tls_hint : ""));
+    warn("channel '" + worker().channel + "' " + what + " (result " + std::to_string(result) + "): " + where +
+         " say why" + (worker().tls ? tls_hint : ""));
     end_process(EXIT_FAILURE, std::string(what) + " (result " + std::to_string(result) + ")");
 }
 
@@ -259,7 +258,7 @@ void prepare(const WorkerOptions& options, int argc, char** argv) {
         throw Error(Errc::kIo, std::string("no descriptor to watch for SIGHUP: ") + std::strerror(errno));
     }
     set_idle_look(log_look);
-    set_notice([](const std::string& line) { log_line(kLevelFailure, line); });
+    set_notice([](const std::string& line) { warn(line); });
     self.store = Store::open(options.home / options.qmgr);
     std::string qmgr = self.store->qmgr();
     KVR_LogSetQMName(qmgr.data());
@@ -268,7 +267,7 @@ void prepare(const WorkerOptions& options, int argc, char** argv) {
     if (options.on_claimed) {
         options.on_claimed();
     }
-    check_dead_letter_queue(*self.store, options);
+    check_dead_letter_queue(*self.store);
     repair_status(*self.store, self.channel);
     ac_set_qmgr(options.home, options.qmgr);
     self.context.emplace(options, self.channel, argc, argv);

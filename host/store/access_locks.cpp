@@ -7,12 +7,15 @@
 #include <cerrno>
 #include <csignal>
 #include <ctime>
+#include <fstream>
 #include <functional>
 #include <string>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include "lock_holder.h"
 #include "permissions.h"
 #include "stop_point.h"
 #include "store.h"
@@ -26,6 +29,8 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr std::chrono::seconds kSayAfter{2};
+/// Said again whenever the wait has doubled, and at least so often.
+constexpr std::chrono::seconds kSayAgain{60};
 /// All waits of a process together after it was asked to stop: the rest of the second is for its shutdown.
 constexpr milliseconds kStopBudget{500};
 /// Each of them after that all the same: as long as a commit of somebody else usually lasts.
@@ -43,6 +48,10 @@ constexpr off_t kLockedByte = 0;
 constexpr off_t kNameByte = 1;
 /// Of who comes next to write. A writer has it for a moment, while it begins.
 constexpr off_t kNextByte = 1;
+/// Shared by all who have the store open.
+constexpr off_t kOpenByte = 2;
+/// For commands that are about to end.
+constexpr std::chrono::seconds kAloneLimit{1};
 
 std::atomic<Notice> g_notice{nullptr};
 std::atomic<milliseconds> g_limit{kNoLimit};
@@ -57,8 +66,7 @@ struct flock bytes_lock(off_t byte, short type, off_t count = 1) {
     return lock;
 }
 
-bool try_lock(int fd, int command, off_t byte, const std::filesystem::path& folder, off_t count = 1) {
-    struct flock lock = bytes_lock(byte, F_WRLCK, count);
+bool try_lock(int fd, int command, struct flock lock, const std::filesystem::path& folder) {
     if (::fcntl(fd, command, &lock) == 0) {
         return true;
     }
@@ -75,10 +83,19 @@ void unlock_bytes(int fd, off_t byte, off_t count = 1) {
     }
 }
 
-std::string holder_of(int fd, off_t byte, off_t count = 1) {
-    struct flock lock = bytes_lock(byte, F_WRLCK, count);
-    const bool known = ::fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
-    return known ? "process " + std::to_string(lock.l_pid) : "another thread or process";
+std::string name_of(pid_t holder) {
+    return holder != 0 ? process_text(holder) : "another thread of this process";
+}
+
+/// The beginning of its command line.
+std::string command_of(pid_t pid) {
+    constexpr std::size_t kLongest = 80;
+    std::string words;
+    std::ifstream file("/proc/" + std::to_string(pid) + "/cmdline", std::ios::binary);
+    for (char c = 0; words.size() < kLongest && file.get(c);) {
+        words += c == '\0' ? ' ' : static_cast<unsigned char>(c) < ' ' || c == '\x7f' ? '?' : c;
+    }
+    return words.empty() ? words : " (" + words.substr(0, words.find_last_not_of(' ') + 1) + ")";
 }
 
 /// A stop that the process holds back counts too: it waits here instead of taking it.
@@ -108,25 +125,38 @@ void pause(Clock::duration waited) {
     ::nanosleep(&pause, nullptr); // a signal may end it early: the lock is tried again
 }
 
-/// Returns when `take` does; before that says after a while, or throws kBusy with, what `holder` does to `folder`.
-void wait_for(const std::function<bool(Clock::duration)>& take, const std::function<std::string()>& holder,
-              const char* doing, const std::filesystem::path& folder, milliseconds limit) {
+std::string whole_seconds(Clock::duration time) {
+    return std::to_string(std::chrono::duration_cast<std::chrono::seconds>(time).count()) + " s";
+}
+
+/// Returns when `take` does; before that says again and again, or throws kBusy with, what `holder` does to `folder`.
+void wait_for(const std::function<bool(Clock::duration)>& take, const std::function<pid_t()>& holder, const char* doing,
+              const std::filesystem::path& folder, milliseconds limit) {
     const Clock::time_point start = Clock::now();
     Clock::duration waited{};
-    for (bool said = false; !take(waited); waited = Clock::now() - start) {
+    Clock::duration say_at = kSayAfter;
+    for (; !take(waited); waited = Clock::now() - start) {
         const auto text = [&] {
-            return holder() + ", which " + doing + " " + folder.string() +
+            return name_of(holder()) + ", which " + doing + " " + folder.string() +
                    ": if it is stopped, let it go on (kill -CONT) or end it";
         };
         if (is_over(waited, limit)) {
             throw Error(Errc::kBusy, "gave up waiting for " + text());
         }
-        if (waited >= kSayAfter && !said) {
-            said = true;
-            tell("waiting for " + text());
+        if (waited >= say_at) {
+            tell((say_at == kSayAfter ? "waiting for " : "for " + whole_seconds(waited) + " waiting for ") + text());
+            say_at += std::min<Clock::duration>(say_at, kSayAgain);
         }
         pause(waited);
     }
+}
+
+/// Whether `path` still leads to the file that is open.
+bool is_same_file(int fd, const std::filesystem::path& path) {
+    struct stat opened {};
+    struct stat found {};
+    return ::fstat(fd, &opened) == 0 && ::stat(path.c_str(), &found) == 0 && opened.st_dev == found.st_dev &&
+           opened.st_ino == found.st_ino;
 }
 
 } // namespace
@@ -147,10 +177,11 @@ void tell(const std::string& line) {
 
 OpeningLock::OpeningLock(const std::filesystem::path& folder, milliseconds limit)
     : fd_(open_allocated_file(folder / "open.lock", 0)) {
+    const struct flock name = bytes_lock(kNameByte, F_WRLCK);
     try {
-        wait_for([&](Clock::duration) { return try_lock(fd_, F_OFD_SETLK, kLockedByte, folder); },
-                 [&] { return holder_of(fd_, kNameByte); }, "opens or closes", folder, limit);
-        try_lock(fd_, F_SETLK, kNameByte, folder);
+        wait_for([&](Clock::duration) { return try_lock(fd_, F_OFD_SETLK, bytes_lock(kLockedByte, F_WRLCK), folder); },
+                 [&] { return lock_holder(fd_, name); }, "opens or closes", folder, limit);
+        try_lock(fd_, F_SETLK, name, folder);
     } catch (...) {
         ::close(fd_);
         throw;
@@ -161,20 +192,50 @@ OpeningLock::~OpeningLock() {
     ::close(fd_);
 }
 
-WriterLock::WriterLock(std::filesystem::path folder)
-    : folder_(std::move(folder)), fd_(open_allocated_file(folder_ / "write.lock", 0)) {}
+StoreLock::StoreLock(std::filesystem::path folder)
+    : folder_(std::move(folder)), fd_(open_allocated_file(folder_ / "write.lock", 0)) {
+    try {
+        share();
+    } catch (...) {
+        ::close(fd_);
+        throw;
+    }
+}
 
-WriterLock::~WriterLock() {
+StoreLock::~StoreLock() {
     ::close(fd_);
 }
 
-bool WriterLock::try_lock_bytes(bool may_be_next, bool& is_next) {
+void StoreLock::share() {
+    const struct flock shared = bytes_lock(kOpenByte, F_RDLCK);
+    wait_for([&](Clock::duration) { return try_lock(fd_, F_SETLK, shared, folder_); },
+             [&] { return lock_holder(fd_, shared); }, "deletes", folder_, kNoLimit);
+    if (!is_same_file(fd_, folder_ / "write.lock")) {
+        throw Error(Errc::kNotFound, folder_.string() + " was deleted while it was opened: create the queue manager "
+                                                        "first, or try again where that was done");
+    }
+}
+
+void StoreLock::take_alone() {
+    const struct flock alone = bytes_lock(kOpenByte, F_WRLCK);
+    for (const Clock::time_point start = Clock::now(); !try_lock(fd_, F_SETLK, alone, folder_);) {
+        const pid_t holder = lock_holder(fd_, alone);
+        if (holder != 0 && Clock::now() - start > kAloneLimit) {
+            throw Error(Errc::kBusy, folder_.string() + " is open in " + name_of(holder) + command_of(holder) +
+                                         ": end that process first ('kvr stop' where it runs a channel), then try "
+                                         "again");
+        }
+        pause(Clock::now() - start);
+    }
+}
+
+bool StoreLock::try_lock_bytes(bool may_be_next, bool& is_next) {
     std::unique_lock guard(threads_, std::try_to_lock);
     if (!guard.owns_lock()) {
         return false;
     }
-    if (!try_lock(fd_, F_SETLK, kLockedByte, folder_, is_next ? 1 : kNextByte + 1)) {
-        is_next = is_next || (may_be_next && try_lock(fd_, F_SETLK, kNextByte, folder_));
+    if (!try_lock(fd_, F_SETLK, bytes_lock(kLockedByte, F_WRLCK, is_next ? 1 : kNextByte + 1), folder_)) {
+        is_next = is_next || (may_be_next && try_lock(fd_, F_SETLK, bytes_lock(kNextByte, F_WRLCK), folder_));
         return false;
     }
     unlock_bytes(fd_, kNextByte);
@@ -182,11 +243,16 @@ bool WriterLock::try_lock_bytes(bool may_be_next, bool& is_next) {
     return true;
 }
 
-void WriterLock::lock() {
+void StoreLock::lock() {
+    // Who comes next waits, too: it is named only where nobody has the turn.
+    const auto holder = [this] {
+        const pid_t writer = lock_holder(fd_, bytes_lock(kLockedByte, F_WRLCK));
+        return writer != 0 ? writer : lock_holder(fd_, bytes_lock(kNextByte, F_WRLCK));
+    };
     bool is_next = false;
     try {
-        wait_for([&](Clock::duration waited) { return try_lock_bytes(waited >= kNextAfter, is_next); },
-                 [this] { return holder_of(fd_, kLockedByte, kNextByte + 1); }, "writes to", folder_, kNoLimit);
+        wait_for([&](Clock::duration waited) { return try_lock_bytes(waited >= kNextAfter, is_next); }, holder,
+                 "writes to", folder_, kNoLimit);
     } catch (...) {
         if (is_next) {
             unlock_bytes(fd_, kNextByte);
@@ -195,7 +261,15 @@ void WriterLock::lock() {
     }
 }
 
-void WriterLock::unlock() {
+pid_t StoreLock::frozen_writer() const {
+    const pid_t writer = lock_holder(fd_, bytes_lock(kLockedByte, F_WRLCK));
+    std::ifstream file("/proc/" + std::to_string(writer) + "/stat");
+    std::string facts; // process (program) state ...
+    const bool known = writer > 0 && std::getline(file, facts) && facts.find(") T ") != std::string::npos;
+    return known ? writer : 0;
+}
+
+void StoreLock::unlock() {
     unlock_bytes(fd_, kLockedByte, kNextByte + 1);
     threads_.unlock();
 }

@@ -3,12 +3,14 @@
 // the shared region up takes a half-filled one for good and commits over the newest state, and who waits there for a
 // process that is frozen can neither say so nor give up.
 //
-// Both locks end with their holder's process, and waiting for either has the limits and the words of store.h.
+// All end with their holder's process, and waiting for either has the limits and the words of store.h.
 #pragma once
 
 #include <chrono>
 #include <filesystem>
 #include <mutex>
+
+#include <sys/types.h>
 
 namespace kvr {
 
@@ -30,19 +32,28 @@ class OpeningLock {
     int fd_;
 };
 
-/// Held while a process writes. Its file stays open: closing any descriptor of it would release the process's lock.
-class WriterLock {
+/// A process's part in a store: that it has the store open, and the turn to write, which lock() and unlock() take and
+/// give back. The file stays open: closing any descriptor of it would release the process's locks.
+class StoreLock {
   public:
-    explicit WriterLock(std::filesystem::path folder);
-    ~WriterLock();
-    WriterLock(const WriterLock&) = delete;
-    WriterLock& operator=(const WriterLock&) = delete;
+    /// The process has the store open from here on; waits for one that is about to delete it. Throws kBusy, kIo, and
+    /// kNotFound when it was deleted meanwhile.
+    explicit StoreLock(std::filesystem::path folder);
+    ~StoreLock();
+    StoreLock(const StoreLock&) = delete;
+    StoreLock& operator=(const StoreLock&) = delete;
 
     void lock(); ///< throws kBusy, kIo
     void unlock();
+    /// A process that is stopped while it has the turn, 0 for none.
+    [[nodiscard]] pid_t frozen_writer() const;
+    /// From here on no other process has the store open, nor gets it. Waits a moment for short commands. Throws kBusy
+    /// with a process that has it open, kIo.
+    void take_alone();
 
   private:
     bool try_lock_bytes(bool may_be_next, bool& is_next);
+    void share();
 
     std::filesystem::path folder_;
     int fd_;

@@ -13,6 +13,7 @@
 
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "file_length.h"
 #include "permissions.h"
@@ -26,6 +27,8 @@ namespace {
 constexpr unsigned kMaxReaders = 512;
 constexpr unsigned kTables = 8;
 constexpr mdb_mode_t kFileMode = 0600;
+/// Of the file in which LMDB keeps its readers: a cache line for each and two more.
+constexpr off_t kReadersFileSize = (kMaxReaders + 2) * 64;
 /// A reader that was killed keeps pages from being used again until somebody looks: each process looks this often.
 constexpr std::uint64_t kCommitsPerReaderCheck = 256;
 constexpr std::uint64_t kCommitsPerDrop = 16;
@@ -122,7 +125,7 @@ void begin_txn(Environment& env, Begin begin) {
 } // namespace
 
 Environment::Environment(std::filesystem::path folder, std::optional<std::uint64_t> map_size)
-    : folder_(std::move(folder)), writer_lock_(folder_) {
+    : folder_(std::move(folder)), store_lock_(folder_) {
     const std::filesystem::path file = folder_ / "data.mdb";
     if (!map_size) {
         check_not_empty(file);
@@ -130,7 +133,6 @@ Environment::Environment(std::filesystem::path folder, std::optional<std::uint64
     open(map_size.value_or(0), OpeningLock(folder_));
     try {
         make_private_file(file);
-        make_private_file(folder_ / "lock.mdb");
         clear_stale_readers();
         check_not_cut(*this, file);
 
@@ -151,6 +153,9 @@ void Environment::open(std::uint64_t map_size, const OpeningLock& /*held*/) {
         if (map_size != 0) {
             check(mdb_env_set_mapsize(env_, map_size), "set the map size", *this);
         }
+        // LMDB leaves a hole in it that it maps: on a full disk a store to that is a SIGBUS. Nobody in this process has
+        // it open here, or closing it would give up LMDB's lock on it.
+        ::close(open_allocated_file(folder_ / "lock.mdb", kReadersFileSize));
         // Read transactions are not tied to threads: one per getter and call, each begun and ended at will.
         check(mdb_env_open(env_, folder_.c_str(), MDB_NOTLS, kFileMode), "open the store", *this);
     } catch (...) {
@@ -158,6 +163,25 @@ void Environment::open(std::uint64_t map_size, const OpeningLock& /*held*/) {
         throw;
     }
     adopt_size();
+    int fd = -1;
+    struct stat file {};
+    mdb_env_get_fd(env_, &fd);
+    ::fstat(fd, &file);
+    device_ = file.st_dev;
+    inode_ = file.st_ino;
+}
+
+void Environment::check_in_place() const {
+    const std::filesystem::path path = folder_ / "data.mdb";
+    struct stat file {};
+    if (::stat(path.c_str(), &file) != 0 && errno != ENOENT && errno != ENOTDIR) {
+        throw_system("find", path, errno);
+    }
+    if (file.st_dev != device_ || file.st_ino != inode_) {
+        throw Error(Errc::kDamaged, path.string() + " was removed, moved or replaced while this process had it open, "
+                                                    "and nothing was written: put it back, or start this process "
+                                                    "anew to use what is there now");
+    }
 }
 
 void Environment::close() {
@@ -169,7 +193,7 @@ void Environment::close() {
         const OpeningLock lock(folder_, kCloseLimit);
         mdb_env_close(env_);
     } catch (const Error&) {
-        static_cast<void>(0); // somebody is frozen while he opens it: it closes with this process
+        static_cast<void>(0); // somebody is frozen while he opens it, or it was deleted: it closes with this process
     }
 }
 
@@ -185,6 +209,7 @@ void Environment::reopen(const MDB_env* failed) {
     if (env_ != failed) {
         return;
     }
+    check_in_place();
     const OpeningLock opening(folder_);
     {
         const std::scoped_lock guard(readers_mutex_);
@@ -373,7 +398,8 @@ void Reader::end() {
     }
 }
 
-WriteTxn::WriteTxn(Environment& env) : env_(env), turn_(env.writer_lock()) {
+WriteTxn::WriteTxn(Environment& env) : env_(env), turn_(env.store_lock()) {
+    env.check_in_place();
     begin_txn(env, [this](MDB_env* handle) { return mdb_txn_begin(handle, nullptr, 0, &txn_); });
 }
 

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include <lmdb.h>
+#include <sys/types.h>
 
 #include "access_locks.h"
 #include "reserve_file.h"
@@ -60,6 +61,8 @@ class Environment {
     /// Opens anew what LMDB refuses to use since a write of its head failed, unless that was done since `failed` was
     /// the handle. No transaction of the calling thread may be open. Tells so.
     void reopen(const MDB_env* failed);
+    /// Throws kDamaged when the file that is open is no longer the store's: it was removed, moved or replaced.
+    void check_in_place() const;
     /// How often it was opened anew.
     [[nodiscard]] std::uint64_t openings() const { return openings_; }
     void set_sync(bool sync);
@@ -75,7 +78,7 @@ class Environment {
 
     /// Held by every open transaction, so that the map moves under none.
     std::shared_mutex& map_lock() { return map_lock_; }
-    WriterLock& writer_lock() { return writer_lock_; }
+    StoreLock& store_lock() { return store_lock_; }
     /// The environment's readers: their transactions end when it is opened anew.
     /// Returns the transaction of a reader that ended, if there is one: its place among LMDB's readers is kept, because
     /// taking one means waiting in front of LMDB (access_locks.h). Null otherwise.
@@ -93,9 +96,11 @@ class Environment {
     void open_table_set(bool create, std::initializer_list<std::pair<const char*, MDB_dbi*>> tables);
 
     std::filesystem::path folder_;
-    WriterLock writer_lock_;
+    StoreLock store_lock_;
     MDB_env* env_ = nullptr;
     bool sync_ = true;
+    dev_t device_ = 0; ///< with inode_: the file that is open
+    ino_t inode_ = 0;
     std::atomic<std::uint64_t> openings_{0};
     std::atomic<std::uint64_t> map_size_{0};
     std::atomic<void*> map_start_{nullptr}; ///< null: not looked up since the map moved
@@ -158,7 +163,7 @@ class WriteTxn {
     bool happened(std::size_t id);
 
     Environment& env_;
-    std::unique_lock<WriterLock> turn_;
+    std::unique_lock<StoreLock> turn_;
     MDB_txn* txn_ = nullptr;
 };
 

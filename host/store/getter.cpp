@@ -367,6 +367,7 @@ std::int64_t DrainGetter::wait_for_message(T_KAVRO_MD& descriptor, std::span<cha
     std::int64_t length = -1;
     signals.block();
     for (;;) {
+        env_.check_in_place();    // nobody would ever put to one that was removed
         mark_->set_waiting(true); // then look again: a put that does not see the word is seen by the look
         if (take_next(descriptor, buffer, length)) {
             return length;

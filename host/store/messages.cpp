@@ -52,6 +52,15 @@ StoredMessage to_stored(std::uint64_t sequence, const MessageView& view) {
     return message;
 }
 
+bool ensure_reserve(const ReserveFile& reserve, const Environment& env) {
+    try {
+        return reserve.ensure();
+    } catch (const Error&) {
+        env.check_in_place(); // says more, where the whole store is gone
+        throw;
+    }
+}
+
 } // namespace
 
 void StoreImpl::put(const std::string& queue, std::span<const OutgoingMessage> messages) {
@@ -60,7 +69,7 @@ void StoreImpl::put(const std::string& queue, std::span<const OutgoingMessage> m
         check_message(message);
         growth += stored_size(encoded_size(message));
     }
-    if (!reserve_.ensure()) {
+    if (!ensure_reserve(reserve_, env_)) {
         check_free_pages(env_, growth);
     }
     std::uint32_t id = 0;

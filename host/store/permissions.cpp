@@ -99,7 +99,8 @@ int open_allocated_file(const std::filesystem::path& path, off_t size) {
     if (failed == 0 && !S_ISREG(info.st_mode)) {
         failed = EINVAL;
     }
-    if (failed == 0 && info.st_size < size) {
+    constexpr off_t kBlock = 512;
+    if (failed == 0 && (info.st_size < size || info.st_blocks * kBlock < size)) {
         // Never through ftruncate: a hole would be filled at the first store into the mapping, and a full disk then is
         // a SIGBUS. Two processes may do this at once, and it keeps what the file holds.
         failed = ::posix_fallocate(fd, 0, size);

@@ -62,6 +62,16 @@ void fill_folder(const StoreFiles& files, const std::string& qmgr, const Setting
     sync_folder(files.dir);
 }
 
+/// A disk without room for what an opening needs gets that of the reserve.
+std::shared_ptr<StoreImpl> open_with_reserve(const StoreFiles& files) {
+    try {
+        return std::make_shared<StoreImpl>(files.dir);
+    } catch (const FullError&) {
+        ReserveFile(files.reserve()).release();
+        return std::make_shared<StoreImpl>(files.dir);
+    }
+}
+
 StoreIdentity read_identity(Environment& env) {
     Reader reader(env);
     StoreIdentity identity;
@@ -128,7 +138,7 @@ std::shared_ptr<Store> Store::open(const fs::path& dir) {
         if (fs::exists(files.store() / "lock.mdb", error)) {
             check_private(files.store() / "lock.mdb", false);
         }
-        store = std::make_shared<StoreImpl>(files.dir);
+        store = open_with_reserve(files);
         known = store;
     }
     return store;
@@ -163,6 +173,32 @@ Usage StoreImpl::usage() {
     return {.bytes = load_usage(reader.txn(), env_),
             .quota = load_settings(reader.txn(), env_).quota,
             .file = error ? 0 : file};
+}
+
+void StoreImpl::destroy(bool purge) {
+    env_.store_lock().take_alone();
+    std::uint64_t messages = 0;
+    for (const QueueInfo& queue : queues()) {
+        messages += queue.depth;
+    }
+    if (messages > 0 && !purge) {
+        throw Error(Errc::kBusy, qmgr() + " has " + std::to_string(messages) +
+                                     " messages on its queues: take them off, or have them deleted, too");
+    }
+    // Moved aside first: whoever opens it finds all of it or nothing.
+    std::string aside = files_.dir.filename().string();
+    aside.insert(0, 1, '.').append(".deleted.").append(std::to_string(::getpid()));
+    const fs::path gone = files_.dir.parent_path() / aside;
+    if (::rename(files_.dir.c_str(), gone.c_str()) != 0) {
+        throw_system("delete", files_.dir, errno);
+    }
+    std::error_code error;
+    fs::remove_all(gone, error);
+    if (error) {
+        throw Error(Errc::kIo, gone.string() + " is what is left of it and cannot be deleted (" + error.message() +
+                                   "): remove it by hand");
+    }
+    sync_folder(gone.parent_path());
 }
 
 std::shared_ptr<MarkFile> StoreImpl::mark(std::uint32_t queue) {

@@ -13,8 +13,12 @@
 // one).
 //
 // Processes take turns in opening a store and in writing to it. What waits for another process says so after two
-// seconds, gives up where limit_waits bounds it, and soon after a stop was asked for (stop_point.h, or a SIGTERM or
-// SIGINT that is held back): kBusy with that process's id.
+// seconds and again whenever the wait has doubled, each minute at least; it waits on, but gives up where limit_waits
+// bounds it, and soon after a stop was asked for (stop_point.h, or a SIGTERM or SIGINT that is held back): kBusy with
+// that process's id.
+//
+// A store that was removed, moved or replaced by hand while it is open is written to no more (kDamaged), and who waits
+// for a message in it is told so.
 #pragma once
 
 #include <chrono>
@@ -114,6 +118,11 @@ class KVR_EXPORT Store : public std::enable_shared_from_this<Store> {
     [[nodiscard]] virtual Settings settings() const = 0;
     virtual void set_settings(const Settings& settings) = 0;
     [[nodiscard]] virtual Usage usage() = 0;
+    /// A process that is stopped in the middle of a write, so that all other writers wait for it; 0 for none.
+    [[nodiscard]] virtual pid_t frozen_writer() = 0;
+    /// Deletes the queue manager's folder with all that is in it; this Store then must not be used any more. Throws
+    /// kBusy with the process that has the store open, or when it holds messages and `purge` is false.
+    virtual void destroy(bool purge) = 0;
 
     // Objects. Classes, attributes and their limits: schema.h.
     virtual void object_add(const std::string& cls, const std::string& name, const Attributes& attrs) = 0;

@@ -30,6 +30,8 @@ class StoreImpl final : public Store {
     [[nodiscard]] Settings settings() const override;
     void set_settings(const Settings& settings) override;
     [[nodiscard]] Usage usage() override;
+    [[nodiscard]] pid_t frozen_writer() override { return env_.store_lock().frozen_writer(); }
+    void destroy(bool purge) override;
 
     void object_add(const std::string& cls, const std::string& name, const Attributes& attrs) override;
     [[nodiscard]] Attributes object_get(const std::string& cls, const std::string& name) override;

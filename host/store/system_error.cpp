@@ -38,7 +38,7 @@ void throw_system(const char* doing, const std::filesystem::path& path, int erro
         throw Error(Errc::kPermission, text);
     case ENOSPC:
     case EDQUOT:
-        throw FullError(Shortage::kDisk, text + "; free some space, nothing that was accepted is lost");
+        throw FullError(Shortage::kDisk, text + "; free some space and try again, nothing that was accepted is lost");
     default:
         throw Error(Errc::kIo, text);
     }

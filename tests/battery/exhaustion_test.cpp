@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include "field.h"
 #include "raw_line.h"
@@ -104,6 +105,40 @@ TEST(Exhaustion, FullDiskOfTheSender) {
     record_seconds("seconds to the first delivery after room came back", since);
     EXPECT_EQ(worker.result_under(SIGTERM), 0);
     EXPECT_EQ(judge(0).delivered, sender.ledger().size() - 1);
+}
+
+// However little room there is, a queue manager is made whole or not at all; and an opening takes the blocks that LMDB
+// would take by storing to a hole, from the reserve if need be.
+TEST(Exhaustion, FullDiskAtTheCreationAndTheOpening) {
+    SmallDisk disk;
+    if (!disk.mounted()) {
+        GTEST_SKIP() << "no file system can be mounted here";
+    }
+    Field field;
+    const auto kvr = [&](std::vector<std::string> command) {
+        command.insert(command.begin(), {"--home", disk.folder().native()});
+        return field.start(command).result();
+    };
+    int result = 1;
+    for (std::uint64_t room = 4096; result != 0 && !HasFailure(); room += 20'000) {
+        disk.leave(room);
+        result = kvr({"create", "FULL"});
+        ASSERT_TRUE(result == 0 || result == 1) << result << " with " << room;
+        const std::string said = contents(field.home() / "out");
+        EXPECT_TRUE(result == 0 || said.find("No space left on device") != std::string::npos) << said;
+        EXPECT_EQ(fs::is_empty(disk.folder()), result != 0);
+    }
+    disk.leave(4U << 20U); // for the reserve, which the creation may have used up
+    EXPECT_EQ(kvr({"put", kDeadQueue, "x"}), 0);
+    const fs::path readers = disk.folder() / "FULL" / "store" / "lock.mdb";
+    const auto size = fs::file_size(readers);
+    fs::resize_file(readers, 0);
+    fs::resize_file(readers, size);
+    disk.fill();
+    EXPECT_EQ(kvr({"status"}), 0) << contents(field.home() / "out");
+    struct stat info {};
+    ASSERT_EQ(::stat(readers.c_str(), &info), 0);
+    EXPECT_GE(static_cast<std::uint64_t>(info.st_blocks) * 512, size);
 }
 
 // Messages and files that find no room wait at the listener and behind it; getting makes room.
@@ -406,16 +441,25 @@ TEST(Exhaustion, AFrozenWriter) {
     Child writer = frozen_writer(field.home() / kSender);
     ::kill(worker.pid(), SIGCONT);
     field.await_arrived(5); // the worker is about to delete them
+    const std::string pid = std::to_string(writer.pid());
+    const std::string name = "process " + pid + ",";
+    await("the worker to say what it waits for", [&] {
+        return field.logged("waiting for " + name) > 0 &&
+               contents(field.home() / "out").find("kvr: waiting for " + name) != std::string::npos;
+    });
     const auto since = Clock::now();
     EXPECT_EQ(worker.result_under(SIGTERM), 0);
     record_seconds("seconds to the worker's end", since);
-    const std::string name = "process " + std::to_string(writer.pid()) + ",";
+    std::ofstream(field.home() / "out").flush();
     Child put = field.start({"--qmgr", kSender, "put", kXmitQueue, "waits"});
     await("the put to say what it waits for",
           [&] { return contents(field.home() / "out").find("waiting for " + name) != std::string::npos; });
     Child stop = field.start({"--qmgr", kSender, "stop", kChannel});
     EXPECT_EQ(stop.result(), 1);
-    EXPECT_NE(contents(field.home() / "out").find("gave up waiting for " + name), std::string::npos);
+    EXPECT_EQ(field.start({"--qmgr", kSender, "status"}).result(), 0);
+    const std::string out = contents(field.home() / "out");
+    EXPECT_NE(out.find("gave up waiting for " + name), std::string::npos);
+    EXPECT_NE(out.find("process " + pid + " is stopped in the middle of a write"), std::string::npos);
     ::kill(writer.pid(), SIGCONT);
     EXPECT_EQ(put.result(), 0);
     EXPECT_EQ(field.start({"--qmgr", kSender, "stop", kChannel}).result(), 0);

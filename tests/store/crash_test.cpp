@@ -13,16 +13,6 @@ namespace {
 
 using CrashTest = StoreTest;
 
-/// Waits until the process waits for a lock, asking again or not.
-void await_waiting(pid_t pid) {
-    const std::string file = "/proc/" + std::to_string(pid) + "/syscall";
-    const auto deadline = std::chrono::steady_clock::now() + test::kDeadline;
-    for (long call = -1; call != SYS_fcntl && call != SYS_clock_nanosleep;) {
-        ASSERT_LT(std::chrono::steady_clock::now(), deadline);
-        std::istringstream(test::contents(file)) >> call;
-    }
-}
-
 TEST_F(CrashTest, OpenerThatDiesOrFailsHalfWayLosesNothing) {
     for (const bool dies : {true, false}) {
         store_.reset(); // the first opener of all sets up what they share
@@ -35,7 +25,7 @@ TEST_F(CrashTest, OpenerThatDiesOrFailsHalfWayLosesNothing) {
             store_ = Store::open(dir_);
             return put("told") == Errc{} ? 0 : 1;
         });
-        await_waiting(putter.pid());
+        test::await_waiting(putter.pid());
         ::kill(opener.pid(), dies ? SIGKILL : SIGCONT);
         EXPECT_EQ(opener.result(), dies ? -SIGKILL : 1);
         EXPECT_EQ(putter.result(), 0);

@@ -162,7 +162,7 @@ TEST_F(EnvironmentTest, APurgeOfLargeMessagesNeedsLittleRoom) {
     EXPECT_EQ(purge, Errc{});
 }
 
-std::string g_notice;
+std::vector<std::string> g_notices;
 
 /// The error of a put; empty for none.
 std::string failure_of_put(Store& store, const std::string& text) {
@@ -176,23 +176,71 @@ std::string failure_of_put(Store& store, const std::string& text) {
 }
 
 TEST_F(EnvironmentTest, AFrozenWriterIsNamedAndWaitsForItEnd) {
+    test::Child next = test::Child::fork_off([&] { // waits as well, and is not to blame
+        const auto store = Store::open(dir_);
+        ::raise(SIGSTOP);
+        return failure_of_put(*store, "next").empty() ? 0 : 1;
+    });
+    test::await_stopped(next);
     test::Child writer = test::Child::fork_off([&] {
         const auto store = Store::open(dir_);
         test::stop_at_next_call(0);
         return failure_of_put(*store, "first").empty() ? 0 : 1;
     });
     test::await_stopped(writer);
-    const std::string name = "process " + std::to_string(writer.pid()) + ",";
-    set_notice([](const std::string& line) { g_notice = line; });
-    limit_waits(std::chrono::milliseconds(2500));
+    ::kill(next.pid(), SIGCONT);
+    test::await_waiting(next.pid());
+    const std::string name = "waiting for process " + std::to_string(writer.pid()) + ",";
+    set_notice([](const std::string& line) { g_notices.push_back(line); });
+    limit_waits(std::chrono::milliseconds(4500));
     EXPECT_THAT(failure_of_put(*store_, "second"), testing::HasSubstr(name));
-    EXPECT_THAT(g_notice, testing::HasSubstr(name));
+    EXPECT_THAT(g_notices, testing::ElementsAre(testing::StartsWith(name), testing::StartsWith("for 4 s " + name)));
     limit_waits(test::kDeadline);
     set_notice(nullptr);
     ::kill(writer.pid(), SIGCONT);
     EXPECT_EQ(failure_of_put(*store_, "third"), "");
     EXPECT_EQ(writer.result(), 0);
-    EXPECT_EQ(shown(), (Texts{"first", "third"}));
+    EXPECT_EQ(next.result(), 0);
+    EXPECT_EQ(shown(), (Texts{"first", "next", "third"}));
+}
+
+TEST_F(EnvironmentTest, IsNotDeletedUnderAnotherProcess) {
+    test::Child user = test::Child::fork_off([&] {
+        const auto store = Store::open(dir_);
+        return ::raise(SIGSTOP);
+    });
+    test::await_stopped(user);
+    try {
+        store_->destroy(true);
+        ADD_FAILURE() << "deleted";
+    } catch (const Error& error) {
+        EXPECT_EQ(error.code(), Errc::kBusy);
+        EXPECT_THAT(error.what(), testing::HasSubstr("process " + std::to_string(user.pid()) + " ("));
+    }
+    EXPECT_EQ(put("kept"), Errc{});
+    ::kill(user.pid(), SIGKILL);
+    EXPECT_EQ(user.result(), -SIGKILL);
+    EXPECT_EQ(code_of([&] { return store_->destroy(false), 0; }), Errc::kBusy) << "it holds a message";
+    store_->destroy(true);
+    EXPECT_TRUE(fs::is_empty(folder_.path()));
+}
+
+TEST_F(EnvironmentTest, WhatWasRemovedOrReplacedIsWrittenToNoMore) {
+    const fs::path moved = folder_.path() / "moved";
+    auto getter = store_->drain("Q");
+    fs::rename(dir_, moved);
+    for (const bool replaced : {false, true}) {
+        if (replaced) {
+            Store::create(dir_, "QM", {});
+        }
+        EXPECT_EQ(put("nowhere"), Errc::kDamaged) << replaced;
+        EXPECT_EQ(code_of([&] { return take(*getter, true); }), Errc::kDamaged) << replaced;
+    }
+    getter.reset();
+    fs::remove_all(dir_);
+    fs::rename(moved, dir_);
+    EXPECT_EQ(put("here"), Errc{});
+    EXPECT_EQ(shown(), Texts{"here"});
 }
 
 TEST_F(EnvironmentTest, AFrozenReaderThatKeepsAllRoomIsNamed) {

@@ -7,6 +7,8 @@
 #include <dlfcn.h>
 #include <sys/uio.h>
 
+#include "support/folder.h"
+
 namespace kvr::test {
 namespace {
 
@@ -56,6 +58,15 @@ void await_stopped(const Child& child) {
     siginfo_t how{};
     EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(child.pid()), &how, WSTOPPED | WEXITED | WNOWAIT), 0);
     EXPECT_EQ(how.si_code, CLD_STOPPED);
+}
+
+void await_waiting(pid_t pid) {
+    const std::string file = "/proc/" + std::to_string(pid) + "/syscall";
+    const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+    for (long call = -1; call != SYS_fcntl && call != SYS_clock_nanosleep;) {
+        ASSERT_LT(std::chrono::steady_clock::now(), deadline);
+        std::istringstream(contents(file)) >> call;
+    }
 }
 
 extern "C" __attribute__((visibility("default"))) ssize_t on_pread(int fd, void* buffer, std::size_t size,

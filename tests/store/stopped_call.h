@@ -15,5 +15,7 @@ void fail_calls(int error);
 void fail_after_next_head();
 /// Waits until a child has stopped.
 void await_stopped(const Child& child);
+/// Waits until a process waits for a lock, asking again or not.
+void await_waiting(pid_t pid);
 
 } // namespace kvr::test

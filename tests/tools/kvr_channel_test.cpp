@@ -89,6 +89,12 @@ TEST_F(KvrChannel, ReplacingKeepsMessagesAndDeletingTakesWhatItSays) {
     EXPECT_EQ(home_.json({"show", "channel"}).size(), 0U);
     home_.done({"delete", "queue", "TO.WEST", "--purge"});
     EXPECT_EQ(home_.json({"show", "queue"}).size(), 1U);
+    {
+        const auto open_here = store();
+        const ProgramResult refused = home_.run({"delete", "qmgr", "EAST", "--yes"});
+        EXPECT_EQ(refused.code, 1);
+        EXPECT_THAT(refused.err, HasSubstr("is open in process " + std::to_string(getpid()) + " ("));
+    }
     home_.done({"delete", "qmgr", "EAST", "--yes"});
     EXPECT_FALSE(std::filesystem::exists(home_.path() / "EAST"));
 }

@@ -21,6 +21,16 @@ struct CreateOptions {
     bool fast = false;
 };
 
+void define_dead_letter_queue(Store& store) {
+    store.queue_define(kDeadLetterQueue, "Messages that a channel could not deliver");
+    const Attributes attributes{{"DEADQ", kDeadLetterQueue}};
+    if (object_exists(store, "QMGR", "QMGR")) {
+        store.object_set("QMGR", "QMGR", attributes);
+    } else {
+        store.object_add("QMGR", "QMGR", attributes);
+    }
+}
+
 void create(const GlobalOptions& global, const CreateOptions& options) {
     const std::string qmgr = checked_qmgr_name(options.qmgr);
     refuse_other_qmgr(global, qmgr);
@@ -39,12 +49,11 @@ void create(const GlobalOptions& global, const CreateOptions& options) {
     }
     Store::create(dir, qmgr, settings);
     const auto store = Store::open(dir);
-    store->queue_define(kDeadLetterQueue, "Messages that a channel could not deliver");
-    const Attributes attributes{{"DEADQ", kDeadLetterQueue}};
-    if (object_exists(*store, "QMGR", "QMGR")) {
-        store->object_set("QMGR", "QMGR", attributes);
-    } else {
-        store->object_add("QMGR", "QMGR", attributes);
+    try {
+        define_dead_letter_queue(*store);
+    } catch (const Error&) {
+        store->destroy(true); // all of it or nothing
+        throw;
     }
     if (global.json) {
         print_json({{"qmgr", qmgr}, {"folder", dir.native()}, {"dead_letter_queue", kDeadLetterQueue}});

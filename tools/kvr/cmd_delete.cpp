@@ -80,44 +80,30 @@ void delete_qmgr(const GlobalOptions& global, const DeleteOptions& options) {
     GlobalOptions named = global;
     named.qmgr = checked_qmgr_name(options.name);
     refuse_other_qmgr(global, named.qmgr);
-    std::filesystem::path dir;
-    {
-        const auto store = open_store(named);
-        dir = store->dir();
-        for (const std::string& channel : store->object_names("CHL")) {
-            refuse_running(*store, channel);
-        }
-        std::uint64_t messages = 0;
-        for (const QueueInfo& queue : store->queues()) {
-            if (queue.drained_by != 0) {
-                throw Error(Errc::kBusy, fmt::format("{} drains queue '{}': stop it first",
-                                                     process_text(queue.drained_by), queue.name));
-            }
-            messages += queue.depth;
-        }
-        if (messages > 0 && !options.purge) {
-            throw Error(Errc::kBusy, fmt::format("queue manager {} has {} on its queues: give --purge to "
-                                                 "delete them, too",
-                                                 named.qmgr, message_count(messages)));
-        }
-        if (!options.yes) {
-            throw UsageError(fmt::format("queue manager {} with its definitions and logs in {} would be deleted: give "
-                                         "--yes to do it",
-                                         named.qmgr, dir.native()));
-        }
+    const auto store = open_store(named);
+    for (const std::string& channel : store->object_names("CHL")) {
+        refuse_running(*store, channel);
     }
-    const std::filesystem::path home = dir.parent_path();
+    std::uint64_t messages = 0;
+    for (const QueueInfo& queue : store->queues()) {
+        messages += queue.depth;
+    }
+    if (messages > 0 && !options.purge) {
+        throw Error(Errc::kBusy, fmt::format("queue manager {} has {} on its queues: give --purge to delete them, too",
+                                             named.qmgr, message_count(messages)));
+    }
+    if (!options.yes) {
+        throw UsageError(fmt::format("queue manager {} with its definitions and logs in {} would be deleted: give "
+                                     "--yes to do it",
+                                     named.qmgr, store->dir().native()));
+    }
+    const std::filesystem::path home = store->dir().parent_path();
     if (::access(home.c_str(), W_OK | X_OK) != 0) {
         throw Error(Errc::kPermission, fmt::format("{} cannot be deleted from {}, which the owner of the queue manager "
                                                    "may not change: nothing was deleted, remove the folder by hand",
                                                    named.qmgr, home.native()));
     }
-    std::error_code error;
-    std::filesystem::remove_all(dir, error);
-    if (error) {
-        throw Error(Errc::kIo, fmt::format("{} cannot be deleted ({}): remove what is left of it by hand", dir.native(),
-                                           error.message()));
-    }
+    store->destroy(options.purge);
     report(global, "qmgr", named.qmgr);
 }
 

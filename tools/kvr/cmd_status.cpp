@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // kvr status: what channels do, who runs them, and how deep their queues are. With --watch again and again.
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <memory>
@@ -26,6 +27,7 @@ constexpr double kDefaultInterval = 1;
 constexpr double kMinInterval = 0.05;
 constexpr double kMaxInterval = 3600;
 constexpr double kMilliseconds = 1000;
+constexpr std::chrono::seconds kStoreTimeout{3};
 
 struct StatusOptions {
     std::string channel;
@@ -46,6 +48,7 @@ struct Picture {
     std::string dead_queue;
     std::optional<QueueInfo> dead_info;
     Usage usage{};
+    pid_t frozen_writer = 0;
 };
 
 volatile std::sig_atomic_t g_ended = 0;
@@ -85,6 +88,7 @@ Picture take_picture(Store& store, const std::string& channel) {
     picture.dead_queue = dead_letter_queue(store);
     picture.dead_info = info_if_there(store, picture.dead_queue);
     picture.usage = store.usage();
+    picture.frozen_writer = store.frozen_writer();
     return picture;
 }
 
@@ -184,14 +188,21 @@ std::string connecting_text(const Line& line) {
     return text + "\n";
 }
 
-std::string usage_text(const Usage& usage) {
-    return fmt::format("store: {} of {} used, file of {}\n", human_size(usage.bytes), human_size(usage.quota),
-                       human_size(usage.file));
+std::string store_text(const Picture& picture) {
+    const Usage& usage = picture.usage;
+    std::string text = fmt::format("store: {} of {} used, file of {}\n", human_size(usage.bytes),
+                                   human_size(usage.quota), human_size(usage.file));
+    if (const pid_t writer = picture.frozen_writer; writer > 0) {
+        text += fmt::format("process {} is stopped in the middle of a write, all other writers wait for it: let it go "
+                            "on (kill -CONT {}) or end it\n",
+                            writer, writer);
+    }
+    return text;
 }
 
 std::string picture_text(const Picture& picture) {
     if (picture.lines.empty()) {
-        return "no channels\n" + dead_letter_text(picture) + usage_text(picture.usage);
+        return "no channels\n" + dead_letter_text(picture) + store_text(picture);
     }
     std::string remarks;
     Table table({"CHANNEL", "STATE", "PROCESS", "LOCAL", "REMOTE", "XMITQ", "DEPTH", "HELD"});
@@ -205,7 +216,7 @@ std::string picture_text(const Picture& picture) {
         remarks += changes_text(line);
         remarks += has_failed(status) ? failure_text(line) : "";
     }
-    return table.text() + remarks + dead_letter_text(picture) + usage_text(picture.usage);
+    return table.text() + remarks + dead_letter_text(picture) + store_text(picture);
 }
 
 Json queue_json(const std::string& name, const std::optional<QueueInfo>& info) {
@@ -256,7 +267,11 @@ Json picture_json(const Picture& picture) {
     }
     return {{"channels", channels},
             {"dead_letter_queue", queue_json(picture.dead_queue, picture.dead_info)},
-            {"store", {{"bytes", picture.usage.bytes}, {"quota", picture.usage.quota}, {"file", picture.usage.file}}}};
+            {"store",
+             {{"bytes", picture.usage.bytes},
+              {"quota", picture.usage.quota},
+              {"file", picture.usage.file},
+              {"frozen_writer", picture.frozen_writer}}}};
 }
 
 void watch(const GlobalOptions& global, Store& store, const StatusOptions& options) {
@@ -281,6 +296,7 @@ void status(const GlobalOptions& global, StatusOptions& options) {
     if (!options.channel.empty()) {
         options.channel = checked_channel_name(options.channel);
     }
+    limit_waits(kStoreTimeout); // it writes nothing, but another process can be frozen while it opens the store
     const auto store = open_store(global);
     if (options.watch) {
         watch(global, *store, options);
