@@ -201,7 +201,7 @@ TEST_F(EnvironmentTest, AFrozenWriterIsNamedAndWaitsForItEnd) {
     EXPECT_EQ(failure_of_put(*store_, "third"), "");
     EXPECT_EQ(writer.result(), 0);
     EXPECT_EQ(next.result(), 0);
-    EXPECT_EQ(shown(), (Texts{"first", "next", "third"}));
+    EXPECT_THAT(shown(), testing::UnorderedElementsAre("first", "next", "third"));
 }
 
 TEST_F(EnvironmentTest, IsNotDeletedUnderAnotherProcess) {
