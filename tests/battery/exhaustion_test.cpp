@@ -320,7 +320,7 @@ TEST(Exhaustion, NoMoreProcesses) {
     std::ofstream(field.home() / "log").flush();
     ASSERT_EQ(std::system(("chown " + user + " " + (field.home() / "log").native()).c_str()), 0);
     {
-        field.set_prelude(as_user + " prlimit --nproc=2"); // the worker and its thread
+        field.set_prelude(as_user + " prlimit --nproc=1");
         Child worker = field.run_channel();
         EXPECT_EQ(worker.result(), 1);
     }
