@@ -29,6 +29,9 @@ constexpr unsigned kTables = 8;
 constexpr mdb_mode_t kFileMode = 0600;
 /// Of the file in which LMDB keeps its readers: a cache line for each and two more.
 constexpr off_t kReadersFileSize = (kMaxReaders + 2) * 64;
+/// For a get and the look-ups beside it: a worker reads on where it has neither a descriptor left for the opening lock
+/// nor the time to wait for it.
+constexpr int kKeptSlots = 2;
 /// A reader that was killed keeps pages from being used again until somebody looks: each process looks this often.
 constexpr std::uint64_t kCommitsPerReaderCheck = 256;
 constexpr std::uint64_t kCommitsPerDrop = 16;
@@ -169,6 +172,18 @@ void Environment::open(std::uint64_t map_size, const OpeningLock& /*held*/) {
     ::fstat(fd, &file);
     device_ = file.st_dev;
     inode_ = file.st_ino;
+    keep_slots();
+}
+
+void Environment::keep_slots() {
+    const std::scoped_lock guard(readers_mutex_);
+    for (int i = 0; i < kKeptSlots; ++i) {
+        MDB_txn* txn = nullptr;
+        if (mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn) == MDB_SUCCESS) { // else the first who reads is told
+            mdb_txn_reset(txn);
+            ended_.push_back(txn);
+        }
+    }
 }
 
 void Environment::check_in_place() const {

@@ -89,6 +89,7 @@ class Environment {
 
   private:
     void open(std::uint64_t map_size, const OpeningLock& held);
+    void keep_slots();
     void close();
     void adopt_size();
     void set_flag(unsigned flag, bool on);

@@ -300,7 +300,10 @@ TEST_F(EnvironmentTest, WhoReadsAlreadyGoesOnBesideAFrozenReaderAndOthersGiveUp)
     limit_waits(std::chrono::milliseconds(100));
     EXPECT_EQ(put("x"), Errc{});
     {
-        const auto getter = store_->drain("Q"); // has the place that the process keeps
+        const auto getter = store_->drain("Q");
+        EXPECT_EQ(shown(), Texts{"x"});
+        store_->queue_define("R", "");
+        const auto other = store_->drain("R"); // has the second place that the process keeps
         EXPECT_EQ(code_of([&] { return shown(); }), Errc::kBusy);
         EXPECT_EQ(take(*getter), "x");
     }
