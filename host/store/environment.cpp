@@ -28,7 +28,7 @@ constexpr unsigned kMaxReaders = 512;
 constexpr unsigned kTables = 8;
 constexpr mdb_mode_t kFileMode = 0600;
 /// Of the file in which LMDB keeps its readers: a cache line for each and two more.
-constexpr off_t kReadersFileSize = (kMaxReaders + 2) * 64;
+constexpr off_t kReadersFileSize = (off_t{kMaxReaders} + 2) * 64;
 /// For a get and the look-ups beside it: a worker reads on where it has neither a descriptor left for the opening lock
 /// nor the time to wait for it.
 constexpr int kKeptSlots = 2;

@@ -144,7 +144,7 @@ void refuse_other_qmgr(const GlobalOptions& global, const std::string& name) {
 
 std::filesystem::path qmgr_folder(const GlobalOptions& global) {
     const std::string qmgr = chosen_qmgr(global);
-    const fs::path dir = home_folder(global) / qmgr;
+    fs::path dir = home_folder(global) / qmgr;
     std::error_code error;
     if (!fs::exists(dir, error) && !error) {
         throw Error(Errc::kNotFound,

@@ -84,7 +84,7 @@ void Delivery::add(ReceivedMessage message) {
     }
     bytes_ += sizeof(Queued) + message.data.size() + message.journal.size() + message.queue.size();
     for (const std::string& file : message.files) {
-        bytes_ += 2 * (sizeof file + file.size()); // it is most often an attachment as well
+        bytes_ += 2 * (sizeof(std::string) + file.size()); // it is most often an attachment as well
     }
     group_.push_back({std::move(message), {}, false, false});
 }
