@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "field.h"
 
+#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <cstring>
@@ -177,10 +178,11 @@ Child Field::listen(const std::vector<std::string>& options) {
                                        std::to_string(port_),
                                        "--port-file",
                                        port_file.native(),
-                                       "--spool",
-                                       (home_ / "spool").native(),
                                        "--journal",
                                        (home_ / "journal").native()};
+    if (std::ranges::find(options, "--discard") == options.end()) {
+        arguments.insert(arguments.end(), {"--spool", (home_ / "spool").native()});
+    }
     if (carrier_ != Carrier::kPlain) {
         const TlsMaterial& tls = tls_material();
         const std::string version = carrier_ == Carrier::kTls12 ? "1.2" : "1.3";
