@@ -27,10 +27,12 @@ using BootId = std::array<char, 40>;
 const BootId& boot_id() {
     static const BootId id = [] {
         BootId bytes{};
-        std::ifstream file("/proc/sys/kernel/random/boot_id");
+        constexpr char kSource[] = "/proc/sys/kernel/random/boot_id";
+        errno = ENODATA; // for a file that is empty
+        std::ifstream file(kSource);
         std::string text;
         if (!std::getline(file, text) || text.empty()) {
-            throw Error(Errc::kIo, "cannot read /proc/sys/kernel/random/boot_id: is /proc mounted?");
+            throw_system("read", kSource, errno);
         }
         std::copy_n(text.begin(), std::min(text.size(), bytes.size()), bytes.begin());
         return bytes;

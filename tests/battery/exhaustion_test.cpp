@@ -283,7 +283,8 @@ TEST(Exhaustion, FewDescriptorsWhileItRuns) {
     Child worker = [&] {
         Child listener = field.listen();
         Child started = field.run_channel();
-        field.await_status("RUNING");
+        field.put(MessageKind::kData, 1, 100, 100); // the first get opens what the next ones need
+        field.await_arrived(1);
         rlimit before{};
         const rlimit few{3, 1 << 12};
         EXPECT_EQ(prlimit(started.pid(), RLIMIT_NOFILE, &few, &before), 0);
@@ -296,7 +297,7 @@ TEST(Exhaustion, FewDescriptorsWhileItRuns) {
     const rlimit enough{1 << 10, 1 << 12};
     ASSERT_EQ(prlimit(worker.pid(), RLIMIT_NOFILE, &enough, nullptr), 0);
     const auto since = Clock::now();
-    field.await_arrived(5);
+    field.await_arrived(6);
     record_seconds("seconds to the first delivery", since);
     field.finish(worker);
 }
