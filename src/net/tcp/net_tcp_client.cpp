@@ -4,17 +4,14 @@
 // is a block of a fixed pool.
 #include "net_tcp_client.h"
 
+#include <cerrno>
+
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+
 #include "kavutil.h"
 #include "net_tcp_common.h"
-#include "net_tcp_handler.h"
-#include "net_tcp_stderr.h"
-#include "net_tcp_wait.h"
-
-#include "net_tcp_error.inl"
-#include "net_tcp_retired.inl"
-#include "net_tcp_tls.inl"
-
-#include "net_tcp_connect.inl"
+#include "net_tcp_private.h"
 
 namespace {
 
@@ -48,26 +45,6 @@ int netTcpClientInit(void* pThis, int iOptions) {
     return 0;
 }
 
-/// The connect of a record that has no connection. 0 or -1 with the error set; the socket may then still be open.
-int Connect(T_NET_TCPCLIENT* ptClient, char* psAddr, int iPort, int iOptions) {
-    // Once stored in the record the socket can be closed by a handler; it then stays open among the retired ones, and
-    // its number unused, until DropConn.
-    const int iSocketNo = MakeSocket(ptClient);
-    if (iSocketNo < 0 || ConnectSocket(ptClient, iSocketNo, psAddr, iPort) != 0) {
-        return -1;
-    }
-    sockGetLocalAddr(iSocketNo, ptClient->sLocalAddr, &ptClient->iLocalPort);
-    if (ptClient->iIsSSL != 0 && StartTls(ptClient, iSocketNo, iOptions) != 0) {
-        return -1;
-    }
-    std::atomic_ref<int>(ptClient->iStat).store(1);
-    if (WasClosed(ptClient, iSocketNo)) {
-        ptClient->iStat = 0;
-        return -1;
-    }
-    return 0;
-}
-
 int netTcpClientConnect(void* pThis, char* psAddr, int iPort, int iOptions) {
     auto* ptClient = static_cast<T_NET_TCPCLIENT*>(pThis);
     ClearError(ptClient);
@@ -84,16 +61,6 @@ int netTcpClientConnect(void* pThis, char* psAddr, int iPort, int iOptions) {
     }
     NET_TCP_LOG(ptClient, 4, CONNECT_FUNC, "connect[%s:%d] success", ptClient->sRemoteAddr, ptClient->iRemotePort);
     return 0;
-}
-
-/// The look before a write: false, with the reason, when the peer said something or left. In a handler the write itself
-/// has to find that out.
-bool MayWrite(SSL* ssl, int iSocketNo, T_REASON* ptReason) {
-    if ((SSL_get_shutdown(ssl) & SSL_RECEIVED_SHUTDOWN) != 0) {
-        *ptReason = MakeReason(0, TLS_CLOSED);
-        return false;
-    }
-    return !HasPending(ssl, iSocketNo) || InHandler() || Drain(ssl, iSocketNo, true, ptReason) == eDrainDone;
 }
 
 int WriteTls(T_NET_TCPCLIENT* ptClient, SSL* ssl, int iSocketNo, void* pBuf, int iWriteLen) {
@@ -121,15 +88,21 @@ int WriteTls(T_NET_TCPCLIENT* ptClient, SSL* ssl, int iSocketNo, void* pBuf, int
     return -1;
 }
 
-int netTcpClientWrite(void* pThis, void* pBuf, int iWriteLen, int) {
+int netTcpClientWrite(void* pThis, void* pBuf, int iWriteLen, int iOptions) {
     auto* ptClient = static_cast<T_NET_TCPCLIENT*>(pThis);
     ClearError(ptClient);
-    if (f_iRetiredCnt != 0 && !InHandler()) {
+    if (HasRetired() && !InHandler()) {
         ReleaseRetired(ptClient);
     }
     // Taken once: a handler may empty the record while this write goes on with what the handler put aside.
     const int iSocketNo = Look(ptClient->iSocketNo);
     SSL* ssl = Look(ptClient->ssl);
+    if ((iOptions & NET_TCP_WRITE_END) != 0) {
+        if (ssl != nullptr) {
+            EndTls(iSocketNo);
+        }
+        return 0;
+    }
     if (ptClient->iIsSSL == 0) {
         if (iSocketNo <= 0) {
             NET_TCP_FAIL(ptClient, ENOTCONN, __func__, "write[%d] ret[%d] error[%d:%s]", iWriteLen, -1, ENOTCONN,

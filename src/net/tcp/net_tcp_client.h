@@ -29,6 +29,10 @@ constexpr int NET_TCP_OPT_SNDTIMEO = 0x02;
 constexpr int NET_TCP_OPT_KEEPALIVE = 0x04; ///< pfnConnect switches TCP keep-alive on
 constexpr int NET_TCP_OPT_SSL = 0x10;       ///< TLS
 
+/// Option bit of pfnWrite: nothing is written; a connection inside TLS is ended in order, which takes 300 ms at most.
+/// The record stays as it is: what remains is the close, or the end of the process.
+constexpr int NET_TCP_WRITE_END = 0x200;
+
 /// Connects. 0 when connected (with TLS: after the handshake and the check of the peer), else -1; a failure leaves no
 /// socket open. `psAddr` is a host name or dotted address; `iOptions` goes to netTcpSSLCheckCert.
 typedef int (*PFN_NET_TCPCONNECT)(void* pThis, char* psAddr, int iPort, int iOptions);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // TLS helpers of the TCP client (contracts in net_tcp_common.h). The client calls netTcpSSLWriteN in signal handlers
 // too: a write on an established connection takes no part in stdio, and what OpenSSL allocates in it comes from a fixed
-// pool, as long as its blocks fit there (net_tcp_heap.inl).
+// pool, as long as its blocks fit there (net_tcp_heap.cpp).
 #include "net_tcp_common.h"
 
 #include <cerrno>
@@ -13,11 +13,7 @@
 #include <strings.h>
 
 #include "kavutil.h"
-#include "net_tcp_handler.h"
-#include "net_tcp_stderr.h"
-#include "net_tcp_wait.h"
-
-#include "net_tcp_heap.inl"
+#include "net_tcp_private.h"
 
 /// The library is built with hidden visibility; this opens one name.
 #define NET_TCP_EXPORT __attribute__((visibility("default")))

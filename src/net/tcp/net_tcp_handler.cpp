@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// See net_tcp_handler.h.
-#include "net_tcp_handler.h"
-
+// Whether an operation runs in a signal handler (contracts in net_tcp_private.h).
 #include <csignal>
+
+#include "net_tcp_private.h"
 
 static sigset_t f_tMainMask; ///< signals that the main flow holds
 

@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: MIT
-// See net_tcp_stderr.h.
-#include "net_tcp_stderr.h"
-
+// The TLS helpers' lines on standard error (contracts in net_tcp_private.h).
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
@@ -9,6 +7,8 @@
 
 #include <poll.h>
 #include <unistd.h>
+
+#include "net_tcp_private.h"
 
 /// Two file names' worth. A pipe that has room at all takes a line of up to PIPE_BUF whole.
 static constexpr int STDERR_LINE_LEN = 1024;

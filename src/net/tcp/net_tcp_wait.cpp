@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: MIT
-// See net_tcp_wait.h.
-#include "net_tcp_wait.h"
-
+// Waiting on a socket (contracts in net_tcp_private.h).
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -13,6 +11,8 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+
+#include "net_tcp_private.h"
 
 namespace {
 

@@ -1,17 +1,12 @@
 // SPDX-License-Identifier: MIT
-// Private to net_tcp_client.cpp: connections that a signal handler closed and the main flow has yet to release.
-//
-// A handler may interrupt a write that holds the descriptor number and the session in its hands, so it gives neither
-// back: it moves them here. The next operation outside a handler on the same record releases them. Each resource is
-// taken out of the record by an atomic exchange, so it has one owner at every instruction: the record, a slot here, or
-// the local variables of the operation that releases it.
-
-#include <atomic>
+// Connections that a signal handler closed and the main flow has yet to release (contracts in net_tcp_private.h).
 #include <cstddef>
 
 #include <openssl/ssl.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include "net_tcp_private.h"
 
 namespace {
 
@@ -36,18 +31,8 @@ static_assert(std::atomic<int>::is_always_lock_free);
 T_RETIRED f_tRetired[RETIRED_MAX];
 std::atomic<int> f_iRetiredCnt; ///< slots in use: the common case is one look at a zero
 
-/// Takes a resource out of the record: of two that try, one gets it.
-template <typename T>
-T Take(T& tField) {
-    return std::atomic_ref<T>(tField).exchange(T{});
-}
+} // namespace
 
-template <typename T>
-T Look(T& tField) {
-    return std::atomic_ref<T>(tField).load();
-}
-
-/// Outside a handler only. Any argument may be 0 or null.
 void ReleaseConn(int iSocketNo, SSL* ssl, SSL_CTX* ctx) {
     SSL_CTX_free(ctx);
     if (iSocketNo > 0 && ssl != nullptr) {
@@ -61,7 +46,6 @@ void ReleaseConn(int iSocketNo, SSL* ssl, SSL_CTX* ctx) {
     }
 }
 
-/// Makes a connection unusable and puts it aside. Callable from a handler.
 void RetireConn(const void* pOwner, int iSocketNo, SSL* ssl, SSL_CTX* ctx) {
     if (iSocketNo > 0) {
         shutdown(iSocketNo, SHUT_RDWR);
@@ -83,7 +67,10 @@ void RetireConn(const void* pOwner, int iSocketNo, SSL* ssl, SSL_CTX* ctx) {
     }
 }
 
-/// Releases what handlers put aside for this record. Outside a handler only.
+bool HasRetired() {
+    return f_iRetiredCnt != 0;
+}
+
 void ReleaseRetired(const void* pOwner) {
     if (f_iRetiredCnt == 0) {
         return;
@@ -102,11 +89,8 @@ void ReleaseRetired(const void* pOwner) {
     }
 }
 
-/// Ends the record's connection; the TLS context stays. Main flow only.
 void DropConn(T_NET_TCPCLIENT* ptClient) {
     const int iSocketNo = Take(ptClient->iSocketNo);
     ReleaseConn(iSocketNo, Take(ptClient->ssl), nullptr);
     ReleaseRetired(ptClient);
 }
-
-} // namespace

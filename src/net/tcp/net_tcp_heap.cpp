@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: MIT
-// Private to net_tcp_common.cpp: memory for OpenSSL during a write.
+// Memory for OpenSSL during a write.
 //
 // SSL_write allocates and frees small blocks for every record (seen with OpenSSL 3.0: up to 36 of up to 216 bytes where
 // a digest is made beside the cipher, 17 at a time). A heartbeat is written in a signal handler, which may have
 // interrupted malloc. So while this library writes, small blocks come from a fixed pool. OpenSSL takes other memory
 // functions only before its first allocation, hence the constructor; in a process that used OpenSSL before this library
 // was loaded it keeps the heap. The library stays loaded once it is (nodelete).
-
 #include <atomic>
 #include <cstddef>
 #include <cstdlib>
@@ -14,6 +13,8 @@
 
 #include <openssl/crypto.h>
 #include <pthread.h>
+
+#include "net_tcp_private.h"
 
 namespace {
 
@@ -27,19 +28,6 @@ struct T_POOL_BLOCK {
 T_POOL_BLOCK f_tPool[POOL_BLOCKS];
 std::atomic<char> f_cPoolUsed[POOL_BLOCKS];
 std::atomic<pthread_t> f_tWriter; ///< the thread that is in the middle of a write; 0: none
-
-/// Blocks come from the pool until EndPool, which takes the result: true unless this thread was writing already, or
-/// another one is, which leaves this one with the heap.
-bool BeginPool() {
-    pthread_t tNone{};
-    return f_tWriter.compare_exchange_strong(tNone, pthread_self());
-}
-
-void EndPool(bool bOwner) {
-    if (bOwner) {
-        f_tWriter = pthread_t{};
-    }
-}
 
 /// The block's number, or -1 for memory from the heap.
 int PoolIndex(const void* pBlock) {
@@ -97,3 +85,14 @@ void* SslRealloc(void* pBlock, size_t iLen, const char* psFile, int iLine) {
 }
 
 } // namespace
+
+bool BeginPool() {
+    pthread_t tNone{};
+    return f_tWriter.compare_exchange_strong(tNone, pthread_self());
+}
+
+void EndPool(bool bOwner) {
+    if (bOwner) {
+        f_tWriter = pthread_t{};
+    }
+}
