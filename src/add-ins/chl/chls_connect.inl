@@ -1,6 +1,42 @@
 // SPDX-License-Identifier: MIT
-// Connecting to the listener: its address and the retry policy are read anew for every connection, once before its
-// first attempt. What is changed while attempts go on counts from the next connection.
+// A new connection: set-up of the client, the listener's address and the retries, the bind frame.
+
+#ifndef CHLS_UNIT
+#error "a part of plug_kavro_chls.cpp, not to be included elsewhere"
+#endif
+
+// ---- The client: the queue manager's TLS files, and its dead-letter queue
+
+/// Reads the queue manager's settings and creates the client. Files are looked at by the first connection.
+static int InitTcpClient(void) {
+    char sCaFile[CHLS_VALUE_SIZE] = {};
+    char sCertFile[CHLS_VALUE_SIZE] = {};
+    char sKey[CHLS_VALUE_SIZE] = {};
+    char sKeyPass[CHLS_NAME_SIZE] = {};
+
+    int iRet =
+        KVR_ObjGetAttrV(f_tQmgrCtx.hObjDB, TXT("QMGR"), TXT("QMGR"), 5, TXT("CAFILE"), TXT("CERTFILE"), TXT("KEYFILE"),
+                        TXT("KEYPASS"), TXT("DEADQ"), sCaFile, sCertFile, sKey, sKeyPass, f_sDeadQ);
+    if (iRet < 0) {
+        CHLS_LOG(LOG_ERR, TXT("KVR_ObjGetAttrV[%s] [%s] return[%d]"), "QMGR", "QMGR", iRet);
+        return CHLS_ERR_SETUP;
+    }
+    CHLS_LOG(LOG_INF, TXT("deadq[%s]"), f_sDeadQ);
+    // The host's log masks the pass phrase.
+    CHLS_LOG(LOG_INF, TXT("ca[%s] cert[%s] key[%s] keypass[%s]"), sCaFile, sCertFile, sKey, sKeyPass);
+
+    netTcpClientCreate(&f_tTcpClient, f_ptRTCoreCtx->pfnLogPrint);
+    if (f_iUseSSL) {
+        CopyText(f_tTcpClient.sCaFile, sizeof(f_tTcpClient.sCaFile), sCaFile);
+        CopyText(f_tTcpClient.sCertFile, sizeof(f_tTcpClient.sCertFile), sCertFile);
+        CopyText(f_tTcpClient.sKeyFile, sizeof(f_tTcpClient.sKeyFile), sKey);
+        CopyText(f_tTcpClient.sKeyPass, sizeof(f_tTcpClient.sKeyPass), sKeyPass);
+    }
+    return CHLS_OK;
+}
+
+// ---- Address and retry policy are read anew for every connection, once before its first attempt. What is changed
+// while attempts go on counts from the next connection
 
 /// A negative pause or time-out means none.
 static int SecondsOf(const char* psValue) {
@@ -106,5 +142,36 @@ static int AnlyConnName(char* psConnName, int* piPort, char* pAddr) {
     if (iPort != 0) {
         *piPort = iPort;
     }
+    return CHLS_OK;
+}
+
+// ---- The bind frame names the channel to the receiver, first on every connection; no answer is awaited. A failure
+// leaves its reason in errno, which the caller shows
+
+static int BindChl(void) {
+    char sBindMsg[1024] = {};
+    T_KAVRO_CHL_HDR tKavroChlHdr = tKavroChlHdrTmp;
+    static_assert(sizeof(tKavroChlHdr) + CHLS_NAME_SIZE <= sizeof(sBindMsg));
+
+    int iChlNameLen = static_cast<int>(strlen(f_sAppName));
+    PutNum(tKavroChlHdr.sPkgLen, iChlNameLen);
+    tKavroChlHdr.sMsgType[0] = KVR_CHL_FRAME_BIND;
+    memcpy(sBindMsg, &tKavroChlHdr, sizeof(tKavroChlHdr));
+    memcpy(sBindMsg + sizeof(tKavroChlHdr), f_sAppName, static_cast<size_t>(iChlNameLen));
+    int iSndLen = static_cast<int>(sizeof(tKavroChlHdr)) + iChlNameLen;
+
+    if (SetObjStat(__func__, "BINDING") < 0) {
+        return CHLS_ERR_SETUP;
+    }
+    int iRet = f_tTcpClient.pfnWrite(&f_tTcpClient, sBindMsg, iSndLen, 0);
+    if (iRet != iSndLen) {
+        int iErrno = errno;
+        CHLS_LOG(LOG_ERR, TXT("write [%d] to receiver error[%d:%s] return[%d]"), iSndLen, f_tTcpClient.iErrorCode,
+                 f_tTcpClient.sErrorStr, iRet);
+        errno = iErrno;
+        return CHLS_ERR_WRITE;
+    }
+    CHLS_LOG(LOG_INF, TXT("binding channel[%s] [%s:%d] success"), f_sAppName, f_tTcpClient.sRemoteAddr,
+             f_tTcpClient.iRemotePort);
     return CHLS_OK;
 }

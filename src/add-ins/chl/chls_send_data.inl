@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: MIT
 // One message on the line: the data frame in three or four writes, then one file frame per file.
 
+#ifndef CHLS_UNIT
+#error "a part of plug_kavro_chls.cpp, not to be included elsewhere"
+#endif
+
 /// What a message puts on the line beside its header and descriptor block.
 struct T_CHLS_MSG {
     char* psBody; ///< bytes after the descriptor block
@@ -109,62 +113,68 @@ static int SendFiles(T_CHLS_MSG* ptMsg, int* piLen) {
     return ptMsg->iIsFile ? SendFile(ptMsg->sFileName, piLen) : CHLS_OK;
 }
 
+/// Looks at the message before its first byte: 0 when it can be sent, else a negative value.
+static int TakeMsg(T_CHLS_MSG* ptMsg, const T_KAVRO_MD* ptMD, char* psMsgBuf, int iDataLen) {
+    ptMsg->psBody = psMsgBuf;
+    ptMsg->iBodyLen = iDataLen;
+    ptMsg->ptAccMd = nullptr;
+    ptMsg->iAccLen = 0;
+    ptMsg->iIsFile = 0;
+    int iRet = CHLS_OK;
+    if (ptMD->cMsgStoreType == KVR_STORE_FILE) {
+        iRet = TakeFileName(ptMsg, psMsgBuf, iDataLen);
+    }
+    if (iRet >= 0 && (ptMD->iMsgFlags & KVR_MSGFLAG_ACCESSORIES)) {
+        iRet = TakeAccessories(ptMsg, ptMD);
+    }
+    return iRet;
+}
+
+/// Writes the data frame, in three or four pieces.
+static int WriteFrame(T_CHLS_MSG* ptMsg, T_KAVRO_CHL_HDR* ptChlHdr, T_KAVRO_CHL_MD* ptChlMD) {
+    CHLS_LOG_OF("ChlSndData", LOG_DBG, TXT("start write chl hdr"));
+    if (WritePiece(ptChlHdr, sizeof(*ptChlHdr)) < 0) {
+        return CHLS_ERR_WRITE;
+    }
+    CHLS_LOG_OF("ChlSndData", LOG_DBG, TXT("start write chl msg md"));
+    if (WritePiece(ptChlMD, sizeof(*ptChlMD)) < 0) {
+        return CHLS_ERR_WRITE;
+    }
+    CHLS_LOG_OF("ChlSndData", LOG_DBG, TXT("main msg len[%d]"), ptMsg->iBodyLen);
+    if (WritePiece(ptMsg->psBody, ptMsg->iBodyLen) < 0) {
+        return CHLS_ERR_WRITE;
+    }
+    if (ptMsg->iAccLen > 0) {
+        CHLS_LOG_OF("ChlSndData", LOG_DBG, TXT("start write attachment header"));
+        return WritePiece(f_sAccBuf, ptMsg->iAccLen);
+    }
+    return CHLS_OK;
+}
+
 /// Sends one message: the bytes sent (at least 272, at most INT_MAX) when every frame was written; -201 when a write or
 /// a file failed and a new connection may help; another negative value, before any byte, when the message cannot be
 /// sent at all. Does not close the connection.
 static int ChlSndData(T_KAVRO_MD* ptMD, char* psDestQue, char* psMsgBuf, int iDataLen) {
     T_CHLS_MSG tMsg;
-    tMsg.psBody = psMsgBuf;
-    tMsg.iBodyLen = iDataLen;
-    tMsg.ptAccMd = nullptr;
-    tMsg.iAccLen = 0;
-    tMsg.iIsFile = 0;
-
+    int iRet = TakeMsg(&tMsg, ptMD, psMsgBuf, iDataLen);
+    if (iRet < 0) {
+        return iRet;
+    }
     T_KAVRO_CHL_HDR tChlHdr = tKavroChlHdrTmp;
     T_KAVRO_CHL_MD tChlMD;
     FillChlMD(&tChlMD, ptMD);
     PutNum(tChlHdr.sIPCMsgType, ptMD->iMsgType);
     PutNum(tChlHdr.sIPCMsgCode, ptMD->iMsgCode);
-    if (ptMD->cMsgStoreType == KVR_STORE_FILE) {
+    if (tMsg.iIsFile) {
         tChlHdr.sMsgType[0] = KVR_CHL_FRAME_FILE;
-        int iRet = TakeFileName(&tMsg, psMsgBuf, iDataLen);
-        if (iRet < 0) {
-            return iRet;
-        }
     }
-    if (ptMD->iMsgFlags & KVR_MSGFLAG_ACCESSORIES) {
-        int iRet = TakeAccessories(&tMsg, ptMD);
-        if (iRet < 0) {
-            return iRet;
-        }
-    }
-    int iSndLen = tMsg.iBodyLen + tMsg.iAccLen + static_cast<int>(sizeof(tChlMD));
+    int iLen = tMsg.iBodyLen + tMsg.iAccLen + static_cast<int>(sizeof(tChlMD));
     memcpy(tChlHdr.sDestQue, psDestQue, strnlen(psDestQue, sizeof(tChlHdr.sDestQue)));
-    PutNum(tChlHdr.sPkgLen, iSndLen);
+    PutNum(tChlHdr.sPkgLen, iLen);
 
     // Held back until the message is complete. A failed message needs no release: its connection is closed.
     SetLineOpt(TCP_CORK, 1);
-    CHLS_LOG(LOG_DBG, TXT("start write chl hdr"));
-    if (WritePiece(&tChlHdr, sizeof(tChlHdr)) < 0) {
-        return CHLS_ERR_WRITE;
-    }
-    CHLS_LOG(LOG_DBG, TXT("start write chl msg md"));
-    if (WritePiece(&tChlMD, sizeof(tChlMD)) < 0) {
-        return CHLS_ERR_WRITE;
-    }
-    CHLS_LOG(LOG_DBG, TXT("main msg len[%d]"), tMsg.iBodyLen);
-    if (WritePiece(tMsg.psBody, tMsg.iBodyLen) < 0) {
-        return CHLS_ERR_WRITE;
-    }
-    if (tMsg.iAccLen > 0) {
-        CHLS_LOG(LOG_DBG, TXT("start write attachment header"));
-        if (WritePiece(f_sAccBuf, tMsg.iAccLen) < 0) {
-            return CHLS_ERR_WRITE;
-        }
-    }
-
-    int iLen = iSndLen;
-    if (SendFiles(&tMsg, &iLen) < 0) {
+    if (WriteFrame(&tMsg, &tChlHdr, &tChlMD) < 0 || SendFiles(&tMsg, &iLen) < 0) {
         return CHLS_ERR_WRITE;
     }
     SetLineOpt(TCP_CORK, 0);

@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: MIT
 // A file frame: the file's length in 8 digits, then its contents in chunks.
 
+#ifndef CHLS_UNIT
+#error "a part of plug_kavro_chls.cpp, not to be included elsewhere"
+#endif
+
 /// Opens a regular file for reading. Nothing else is opened: a FIFO would block, a directory has no length. Null with
 /// errno set on failure. Unbuffered, so that every chunk is one read into the caller's buffer.
 static FILE* OpenFile(const char* psFileName) {

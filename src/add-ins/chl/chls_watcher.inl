@@ -3,6 +3,10 @@
 // receiver closed it, and then tells the channel process with SIGUSR2. A pipe whose only write end the channel process
 // holds lets it end with that process, however that ends.
 
+#ifndef CHLS_UNIT
+#error "a part of plug_kavro_chls.cpp, not to be included elsewhere"
+#endif
+
 /// Moves a descriptor above the standard ones. Returns -1 with the descriptor closed and errno set.
 static int UsableFD(int iFD) {
     if (iFD > STDERR_FILENO) {

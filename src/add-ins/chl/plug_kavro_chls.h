@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -49,8 +48,6 @@ constexpr int CHLS_SEND_TRIES = 4;         ///< attempts to send one message
 constexpr unsigned CHLS_RESTART_PAUSE = 3; ///< seconds between a lost line and the next connection
 constexpr unsigned CHLS_WAKE_AFTER = 1;    ///< seconds until a get that set out on a dead line is interrupted
 constexpr int CHLS_DEFAULT_PORT = 5151;    ///< listener's port when the connection name has none
-constexpr int CHLS_TLS_END_MS = 300;       ///< wait for the receiver's end of a TLS line, within a stop's second
-constexpr int CHLS_TLS_END_READS = 128;    ///< pieces dropped then: 32 KiB, twice what can lie there unnoticed
 constexpr int CHLS_APP_NAME_ENTRY = 4;     ///< entry of the argument table, counted after the options
 
 static_assert(sizeof(T_KAVRO_HDR_XMITQ) == CHLS_XMITQ_HDR_LEN);
@@ -73,18 +70,47 @@ constexpr int LOG_DBG = 5;
 #define CHLS_LOG_TO(function, func, level, ...)                                                                        \
     function(nullptr, level, TXT("$plug_kavro_chls"), TXT("plug_kavro_chls"), __LINE__, func, __VA_ARGS__)
 
-// chls_event.inl
+// chls_life.inl
 static int EventHandlers(int iPlugId, int iEventId, void* pInData, void* pOutData);
-static int DefaultEventHandler(int iPlugId, int iEventId, void* pInData, void* pOutData);
-// chls_start.inl: event 1
 static int InitEventHandler(int iPlugId, int iEventId, void* pInData, void* pOutData);
-// chls_run.inl: event 2
+static int ExitEventHandler(int iPlugId, int iEventId, void* pInData, void* pOutData);
+static int DefaultEventHandler(int iPlugId, int iEventId, void* pInData, void* pOutData);
+
+// chls_connect.inl
+static int InitTcpClient(void);
+static int Connect2Lsr(void);
+static int AnlyConnName(char* psConnName, int* piPort, char* pAddr);
+static int BindChl(void);
+
+// chls_line.inl
+static int SndrNetInit(void);
+static void HoldSignals(sigset_t* ptBefore, int iAlso);
+static void HeartBeat(int iSig);
+static void SetLineOpt(int iOpt, int iOn);
+static int TakeTlsRecords(void);
+static void EndTlsLine(void);
+static int InitObjStat(char* psChlName);
+static int SetObjStat(const char* psFunc, const char* psStat);
+
+// chls_watcher.inl
+static int StartNetChkProc(void);
+static void CheckNetStat(void);
+static void OnNetDisconn(int iSig);
+static void StopNetChkProc(const char* psFunc);
+
+// chls_run.inl
 static int OnRunEventHandler(int iPlugId, int iEventId, void* pInData, void* pOutData);
 static void WakeGet(void);
-// chls_stop.inl: event 4
-static int ExitEventHandler(int iPlugId, int iEventId, void* pInData, void* pOutData);
+static int ProcMsg(T_KAVRO_MD* ptMD, char* psMsgBuf, int iDataLen);
+static int SndMsgToDeadQ(T_KAVRO_MD* ptMD, char* psMsgBuf, int iDataLen);
 
-// chls_text.inl: texts and numbers
+// chls_send_data.inl, chls_send_file.inl
+static int ChlSndData(T_KAVRO_MD* ptMD, char* psDestQue, char* psMsgBuf, int iDataLen);
+static int SendFile2Rcvr(char* psFileName);
+
+// chls_record.inl
+static void FillChlMD(T_KAVRO_CHL_MD* ptChlMD, const T_KAVRO_MD* ptMD);
+static int FillAccBlock(const T_KAVRO_ACCESSORIES_MD* ptAccMd);
 struct T_CHLS_ERR_TEXT {
     char sText[CHLS_NAME_SIZE];
 };
@@ -92,35 +118,3 @@ static T_CHLS_ERR_TEXT ErrText(int iErrno);
 static int HostErrno(int iOtherwise);
 static void CopyText(char* psTo, size_t iSize, const char* psFrom);
 static void PutNum(char* psField, long lValue);
-
-// chls_frame.inl: wire records
-static void FillChlMD(T_KAVRO_CHL_MD* ptChlMD, const T_KAVRO_MD* ptMD);
-static int FillAccBlock(const T_KAVRO_ACCESSORIES_MD* ptAccMd);
-
-// chls_status.inl: the status object
-static int InitObjStat(char* psChlName);
-static int SetObjStat(const char* psFunc, const char* psStat);
-
-// chls_client.inl: set-up of the TCP client; chls_segment.inl: when its bytes leave; chls_tls.inl: tickets and end
-static int InitTcpClient(void);
-static void SetLineOpt(int iOpt, int iOn);
-static int TakeTlsRecords(void);
-static void EndTlsLine(void);
-
-// chls_connect.inl, chls_bind.inl, chls_watcher.inl, chls_net_start.inl, chls_heartbeat.inl: the link
-static int Connect2Lsr(void);
-static int AnlyConnName(char* psConnName, int* piPort, char* pAddr);
-static int BindChl(void);
-static int StartNetChkProc(void);
-static void CheckNetStat(void);
-static void OnNetDisconn(int iSig);
-static void StopNetChkProc(const char* psFunc);
-static void HoldSignals(sigset_t* ptBefore, int iAlso);
-static int SndrNetInit(void);
-static void HeartBeat(int iSig);
-
-// chls_send_data.inl, chls_send_file.inl, chls_route.inl: one message
-static int ChlSndData(T_KAVRO_MD* ptMD, char* psDestQue, char* psMsgBuf, int iDataLen);
-static int SendFile2Rcvr(char* psFileName);
-static int ProcMsg(T_KAVRO_MD* ptMD, char* psMsgBuf, int iDataLen);
-static int SndMsgToDeadQ(T_KAVRO_MD* ptMD, char* psMsgBuf, int iDataLen);
