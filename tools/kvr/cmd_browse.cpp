@@ -9,10 +9,11 @@
 
 #include "commands.h"
 #include "descriptor.h"
+#include "destination.h"
 #include "message_text.h"
 #include "output.h"
 #include "session.h"
-#include "xmit_header.h"
+#include "text_field.h"
 
 namespace kvr {
 namespace {

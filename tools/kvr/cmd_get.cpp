@@ -11,9 +11,9 @@
 #include "commands.h"
 #include "data_sink.h"
 #include "drainer.h"
-#include "load.h"
 #include "message_text.h"
 #include "output.h"
+#include "proof_report.h"
 #include "session.h"
 
 namespace kvr {
@@ -48,7 +48,7 @@ class Target {
 
     /// False for a message whose content is not proven, although that was asked for: it has gone nowhere.
     bool take(const Drainer& message) {
-        if (options_.verify && !check_.take(message.descriptor(), message.data())) {
+        if (options_.verify && !check_.take(message.descriptor(), message.data(), message.attachments())) {
             ++unproven_;
             return false;
         }
@@ -64,12 +64,12 @@ class Target {
         return true;
     }
 
-    /// Throws when the check of load messages found something.
+    /// Throws when the check of the proofs found something.
     void finish() {
         if (!options_.verify) {
             return;
         }
-        print_outcome(json_, check_.json(options_.all), check_.text(options_.all));
+        print_outcome(json_, proof_json(check_, options_.all), proof_text(check_, options_.all));
         if (!check_.good(options_.all)) {
             const std::string left = fmt::format("; {} without proven content stayed on queue {}, see 'kvr browse {}'",
                                                  message_count(unproven_), options_.queue, options_.queue);
@@ -103,7 +103,7 @@ class Target {
     bool json_;
     const GetOptions& options_;
     std::optional<DataSink> sink_;
-    LoadCheck check_;
+    ProofCheck check_;
     std::uint64_t unproven_ = 0;
 };
 
@@ -163,7 +163,8 @@ void add_get_command(CLI::App& app, GlobalOptions& global) {
     command->add_flag("--hex", options->hex, "Print the data in hexadecimal");
     command->add_flag(
         "--verify", options->verify,
-        "Check messages made by 'put --size', with --all missing ones, too; only what is proven is taken");
+        "Check messages that 'put --size' and --file-size made, with --all missing ones, too; only what is proven "
+        "is taken");
     set_examples(*command, "  kvr get ORDERS\n  kvr get ORDERS --wait 10 --raw > order.xml\n"
                            "  kvr get ORDERS --all --out orders/\n  kvr get LOAD --all --verify\n"
                            "With --json there is one object on one line for each message.\n");

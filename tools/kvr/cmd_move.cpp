@@ -7,10 +7,10 @@
 #include <fmt/format.h>
 
 #include "commands.h"
+#include "destination.h"
 #include "output.h"
 #include "progress.h"
 #include "session.h"
-#include "xmit_header.h"
 
 namespace kvr {
 namespace {

@@ -14,12 +14,14 @@
 
 #include "commands.h"
 #include "descriptor.h"
+#include "destination.h"
 #include "input.h"
-#include "load.h"
+#include "kavro_chl.h"
 #include "output.h"
 #include "progress.h"
+#include "proof.h"
 #include "session.h"
-#include "xmit_header.h"
+#include "text_field.h"
 
 namespace kvr {
 namespace {
@@ -32,6 +34,7 @@ constexpr std::size_t kGroupBytes = 4U << 20;
 constexpr std::chrono::milliseconds kGroupTime{100};
 constexpr std::size_t kMaxFilePath = 1023; ///< of a file message: the channel's buffer with its NUL is 1,024
 constexpr std::size_t kMaxAttachmentPath = KVR_ACC_PATH_SIZE - 1;
+constexpr std::size_t kMaxProofFileName = 28; ///< of a generated file: seed, number and place in the message
 
 struct PutOptions {
     std::string queue;
@@ -40,6 +43,8 @@ struct PutOptions {
     std::optional<std::string> data_file;
     std::optional<std::string> file;
     std::optional<std::string> size;
+    std::optional<std::string> file_size;
+    std::string file_dir;
     std::optional<std::uint64_t> seed;
     std::optional<std::string> destination;
     std::vector<std::string> attachments;
@@ -49,7 +54,7 @@ struct PutOptions {
 
 struct Totals {
     std::uint64_t messages = 0;
-    std::uint64_t bytes = 0; ///< of data after the header
+    std::uint64_t bytes = 0; ///< of data after the header, and of generated files
     std::string first_id;
     std::optional<std::uint64_t> seed;
     double seconds = 0;
@@ -58,15 +63,14 @@ struct Totals {
 /// Messages on their way to the store.
 class Group {
   public:
-    Group(Store& store, const std::string& queue, const std::vector<std::string>& attachments)
-        : store_(store), queue_(queue), attachments_(attachments) {}
+    Group(Store& store, const std::string& queue) : store_(store), queue_(queue) {}
 
-    void add(const T_KAVRO_MD& descriptor, std::string data) {
+    void add(ProofMessage message) {
         if (messages_.empty()) {
             started_ = Clock::now();
         }
-        bytes_ += data.size();
-        messages_.push_back({descriptor, std::move(data)});
+        bytes_ += message.data.size();
+        messages_.push_back(std::move(message));
         if (messages_.size() >= kGroupCount || bytes_ >= kGroupBytes || Clock::now() - started_ >= kGroupTime) {
             flush();
         }
@@ -78,8 +82,8 @@ class Group {
         }
         std::vector<OutgoingMessage> outgoing;
         outgoing.reserve(messages_.size());
-        for (const Message& message : messages_) {
-            outgoing.push_back({&message.descriptor, attachments_, message.data});
+        for (const ProofMessage& message : messages_) {
+            outgoing.push_back({&message.descriptor, message.attachments, message.data});
         }
         store_.put(queue_, outgoing);
         put_ += messages_.size();
@@ -90,35 +94,41 @@ class Group {
     [[nodiscard]] std::uint64_t put() const { return put_; }
 
   private:
-    struct Message {
-        T_KAVRO_MD descriptor;
-        std::string data;
-    };
     Store& store_;
     const std::string& queue_;
-    const std::vector<std::string>& attachments_;
-    std::vector<Message> messages_;
+    std::vector<ProofMessage> messages_;
     std::size_t bytes_ = 0;
     std::uint64_t put_ = 0;
     Clock::time_point started_;
 };
 
+/// Whether messages are made here: data, data with files, or files.
+bool generated(const PutOptions& options) {
+    return options.size || options.file_size;
+}
+
 void check_sources(const PutOptions& options) {
     const int sources = (options.argument ? 1 : 0) + (options.data ? 1 : 0) + (options.data_file ? 1 : 0) +
-                        (options.file ? 1 : 0) + (options.size ? 1 : 0);
+                        (options.file ? 1 : 0) + (generated(options) ? 1 : 0);
     if (sources > 1) {
         throw UsageError("the data comes from more than one place: give one of DATA, --data, --data-file, --file, "
-                         "--size");
+                         "--size, --file-size");
     }
     if (options.attachments.size() > KVR_ACC_MAX) {
         throw UsageError(
             fmt::format("{} files are attached: a message takes at most {}", options.attachments.size(), KVR_ACC_MAX));
     }
-    if (options.seed && !options.size) {
-        throw UsageError("--seed goes with generated data: give --size, too");
+    if (options.file_size.has_value() == options.file_dir.empty()) {
+        throw UsageError("--file-size and --file-dir go together: how large generated files are, and where they lie");
     }
-    if (!options.size) {
+    if (!generated(options)) {
+        if (options.seed) {
+            throw UsageError("--seed goes with generated data: give --size, too");
+        }
         return;
+    }
+    if (!options.attachments.empty()) {
+        throw UsageError("--attach goes with data of your own: for files with generated data give --file-size");
     }
     for (const char* name : {"correlid", "group-id", "seqno", "format"}) {
         if (options.fields.contains(name)) {
@@ -146,16 +156,30 @@ T_KAVRO_MD descriptor_from(const PutOptions& options) {
     return descriptor;
 }
 
-LoadPlan load_plan(const PutOptions& options) {
-    const std::string& text = *options.size;
+SizeRange parse_range(const std::string& option, const std::string& text) {
     const std::size_t dash = text.find('-');
-    LoadPlan plan{};
+    const std::string what = dash == std::string::npos ? option : fmt::format("{} {}:", option, text);
+    const std::size_t least = parse_size(what, text.substr(0, dash));
+    const SizeRange range{least, dash == std::string::npos ? least : parse_size(what, text.substr(dash + 1))};
+    if (range.least > range.greatest) {
+        throw UsageError(fmt::format("{} {} goes downwards: give MIN-MAX", option, text));
+    }
+    return range;
+}
+
+ProofPlan proof_plan(const PutOptions& options) {
+    ProofPlan plan{};
     plan.count = options.count;
-    const std::string what = dash == std::string::npos ? "--size" : fmt::format("--size {}:", text);
-    plan.min_size = parse_size(what, text.substr(0, dash));
-    plan.max_size = dash == std::string::npos ? plan.min_size : parse_size(what, text.substr(dash + 1));
-    if (plan.min_size > plan.max_size) {
-        throw UsageError(fmt::format("--size {} goes downwards: give MIN-MAX", text));
+    if (options.size) {
+        plan.data = parse_range("--size", *options.size);
+    }
+    if (options.file_size) {
+        plan.kind = options.size ? ProofKind::kAttached : ProofKind::kFile;
+        plan.file = parse_range("--file-size", *options.file_size);
+        if (plan.file.least < 1 || plan.file.greatest > KVR_CHL_NUM_MAX) {
+            throw UsageError(
+                fmt::format("--file-size {} is not possible: a file has 1 to 99,999,999 bytes", *options.file_size));
+        }
     }
     if (options.seed) {
         plan.seed = *options.seed;
@@ -163,6 +187,25 @@ LoadPlan load_plan(const PutOptions& options) {
         throw Error(Errc::kIo, "the system gives no random number: give --seed NUMBER");
     }
     return plan;
+}
+
+/// The folder of generated files, from which a channel can send them.
+std::filesystem::path proof_folder(const PutOptions& options) {
+    if (!options.file_size) {
+        return {};
+    }
+    const std::filesystem::path folder = std::filesystem::absolute(options.file_dir).lexically_normal();
+    std::error_code error;
+    if (!std::filesystem::is_directory(folder, error)) {
+        throw Error(Errc::kNotFound, fmt::format("there is no folder {}: make it, or name another one in --file-dir",
+                                                 printable(folder.native())));
+    }
+    const std::size_t longest = (options.size ? kMaxAttachmentPath : kMaxFilePath) - 1 - kMaxProofFileName;
+    if (folder.native().size() > longest) {
+        throw Error(Errc::kTooLong, fmt::format("the path {} has {} bytes: for generated files use at most {}",
+                                                printable(folder.native()), folder.native().size(), longest));
+    }
+    return folder;
 }
 
 [[noreturn]] void refuse_too_large(const std::string& size, std::size_t header) {
@@ -208,29 +251,27 @@ void warn_without_destination(Store& store, const PutOptions& options, const std
 Totals put_messages(Store& store, const PutOptions& options, const std::vector<std::string>& attachments,
                     T_KAVRO_MD descriptor, const std::string& header) {
     const std::size_t limit = kMaxMessage - header.size();
-    std::optional<LoadPlan> plan;
+    std::optional<ProofPlan> plan;
     std::string data;
-    if (options.size) {
-        plan = load_plan(options);
+    if (generated(options)) {
+        plan = proof_plan(options);
     } else {
         data = given_data(options, limit, header.size());
     }
-    const std::size_t largest = plan ? plan->max_size : data.size();
+    const std::size_t largest = plan ? plan->data.greatest : data.size();
     if (largest > limit) {
         refuse_too_large(std::to_string(largest), header.size());
     }
+    const std::filesystem::path folder = proof_folder(options);
     warn_without_destination(store, options, data);
 
     const Clock::time_point start = Clock::now();
     Totals totals;
     Progress progress(options.count);
-    Group group(store, options.queue, attachments);
+    Group group(store, options.queue);
     const bool own_id = !options.fields.contains("msgid");
     try {
         for (std::uint32_t number = 1; number <= options.count; ++number) {
-            if (plan) {
-                make_load_message(*plan, number, descriptor, data);
-            }
             if (own_id) {
                 fill_text(descriptor.sMsgId, sizeof descriptor.sMsgId, "");
             }
@@ -238,8 +279,11 @@ Totals put_messages(Store& store, const PutOptions& options, const std::vector<s
             if (number == 1) {
                 totals.first_id = message_id_text(descriptor);
             }
-            totals.bytes += data.size();
-            group.add(descriptor, header + data);
+            ProofMessage message =
+                plan ? make_proof(*plan, number, descriptor, folder) : ProofMessage{descriptor, attachments, data};
+            totals.bytes += plan ? proven_size(*plan, number) : data.size();
+            message.data.insert(0, header);
+            group.add(std::move(message));
             progress.update(number);
         }
         group.flush();
@@ -325,11 +369,17 @@ void add_put_command(CLI::App& app, GlobalOptions& global) {
         ->allow_extra_args(false);
     command->add_option("--file", options->file, "Send this file: the message holds its path")->type_name("FILE");
     command->add_option("--count", options->count, "Number of messages [1]")
-        ->check(CLI::Range(std::uint32_t{1}, kMaxLoadCount).description(""))
+        ->check(CLI::Range(std::uint32_t{1}, kMaxProofCount).description(""))
         ->type_name("N");
     command
         ->add_option("--size", options->size, "Generate data of this size, numbered and checksummed for 'get --verify'")
         ->type_name("BYTES|MIN-MAX");
+    command
+        ->add_option("--file-size", options->file_size,
+                     "Generate two attached files of this size with the data; without --size, file messages")
+        ->type_name("BYTES|MIN-MAX");
+    command->add_option("--file-dir", options->file_dir, "Folder in which generated files are made, and stay")
+        ->type_name("DIR");
     command->add_option("--seed", options->seed, "Seed of generated data (default: random)")
         ->check(CLI::Validator(
             [](const std::string& text) {
@@ -340,11 +390,13 @@ void add_put_command(CLI::App& app, GlobalOptions& global) {
             ""))
         ->type_name("NUMBER");
     add_field_options(*command, options);
-    set_examples(*command, "  kvr put TO.WEST 'hello' --dest ORDERS@WEST\n"
-                           "  kvr put TO.WEST --data-file order.xml --dest ORDERS --format XML --priority 5\n"
-                           "  kvr put TO.WEST 'see files' --dest ORDERS --attach a.pdf --attach b.pdf\n"
-                           "  kvr put TO.WEST --dest ORDERS --file /var/spool/in/x.dat\n"
-                           "  kvr put TO.WEST --dest LOAD --count 100000 --size 0-4096\n");
+    set_examples(*command,
+                 "  kvr put TO.WEST 'hello' --dest ORDERS@WEST\n"
+                 "  kvr put TO.WEST --data-file order.xml --dest ORDERS --format XML --priority 5\n"
+                 "  kvr put TO.WEST 'see files' --dest ORDERS --attach a.pdf --attach b.pdf\n"
+                 "  kvr put TO.WEST --dest ORDERS --file /var/spool/in/x.dat\n"
+                 "  kvr put TO.WEST --dest LOAD --count 100000 --size 0-4096\n"
+                 "  kvr put TO.WEST --dest LOAD --count 100 --size 1K --file-size 1-10M --file-dir /tmp/files\n");
     command->callback([options, &global] { put(global, *options); });
 }
 

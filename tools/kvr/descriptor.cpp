@@ -18,6 +18,7 @@
 
 #include "commands.h"
 #include "output.h"
+#include "text_field.h"
 
 namespace kvr {
 namespace {
@@ -103,15 +104,6 @@ T_KAVRO_MD blank_descriptor() {
     descriptor.iVersion = 2;
     descriptor.cMsgStoreType = KVR_STORE_DATA;
     return descriptor;
-}
-
-void fill_text(char* target, std::size_t size, std::string_view text) {
-    std::memset(target, 0, size);
-    std::memcpy(target, text.data(), std::min(size, text.size()));
-}
-
-std::string field_string(const char* source, std::size_t size) {
-    return {source, ::strnlen(source, size)};
 }
 
 std::string message_id_text(const T_KAVRO_MD& descriptor) {

@@ -38,10 +38,6 @@ std::string message_id_text(const T_KAVRO_MD& descriptor);
 int field_number(const T_KAVRO_MD& descriptor, const DescriptorField& field);
 /// Throws UsageError that names the option.
 void set_field(T_KAVRO_MD& descriptor, const DescriptorField& field, const std::string& text);
-/// Copies text into a field of `size` bytes that is padded with NULs; what is too long is cut.
-void fill_text(char* target, std::size_t size, std::string_view text);
-/// The text of a field of `size` bytes, up to its first NUL.
-std::string field_string(const char* source, std::size_t size);
 
 /// 32 characters that no other message of this system has.
 std::string unique_message_id();

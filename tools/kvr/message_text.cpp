@@ -4,7 +4,7 @@
 #include <fmt/format.h>
 
 #include "descriptor.h"
-#include "xmit_header.h"
+#include "destination.h"
 
 namespace kvr {
 namespace {

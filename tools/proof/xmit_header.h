@@ -21,13 +21,9 @@ struct Destination {
     std::string qmgr; ///< may be empty
 };
 
-/// Reads "QUEUE" or "QUEUE@QMGR". Throws UsageError.
-Destination parse_destination(const std::string& text);
-/// The 72 bytes.
+/// The 72 bytes; of a name that is too long its beginning.
 std::string xmit_header(const Destination& destination);
 /// Where the data is bound for; nothing when it does not begin with a header.
 std::optional<Destination> destination_of(std::string_view data);
-/// "QUEUE" or "QUEUE@QMGR".
-std::string destination_text(const Destination& destination);
 
 } // namespace kvr

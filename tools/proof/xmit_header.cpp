@@ -3,23 +3,12 @@
 
 #include <cstring>
 
-#include "descriptor.h"
-#include "output.h"
-#include "session.h"
+#include "text_field.h"
 
 namespace kvr {
 
 namespace {
 constexpr std::string_view kIdentifier = "XTMH";
-}
-
-Destination parse_destination(const std::string& text) {
-    const std::size_t at = text.find('@');
-    Destination destination{checked_remote_name("destination queue", text.substr(0, at)), ""};
-    if (at != std::string::npos) {
-        destination.qmgr = checked_remote_name("destination queue manager", text.substr(at + 1));
-    }
-    return destination;
 }
 
 std::string xmit_header(const Destination& destination) {
@@ -41,10 +30,6 @@ std::optional<Destination> destination_of(std::string_view data) {
     std::memcpy(&header, data.data(), sizeof header);
     return Destination{field_string(header.sDestQ, sizeof header.sDestQ),
                        field_string(header.sDestQMgr, sizeof header.sDestQMgr)};
-}
-
-std::string destination_text(const Destination& destination) {
-    return printable(destination.qmgr.empty() ? destination.queue : destination.queue + "@" + destination.qmgr);
 }
 
 } // namespace kvr
