@@ -87,17 +87,6 @@ TEST(Stream, TellsWhyItFailed) {
     }
 }
 
-TEST(Stream, AReaderThatTakesNothingUsesUpTheSendTimeOut) {
-    std::vector<char> bytes(kLarge);
-    const Sockets sockets;
-    const timeval limit{0, 300000};
-    setsockopt(sockets.ends[1], SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
-    storm(300);
-    EXPECT_EQ(streamWriteNByte(bytes.data(), kLarge, sockets.ends[1]), -1);
-    EXPECT_EQ(errno, EAGAIN);
-    storm(0);
-}
-
 void end_stopped(kvr::StopPlace place) {
     _exit(place == kvr::StopPlace::kMidMessage ? kStopped : 1);
 }

@@ -9,7 +9,6 @@
 #include <netdb.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
 #include <gmock/gmock.h>
 
@@ -97,11 +96,8 @@ TEST(HostAddress, StopsDuringALookUpThatHangs) {
 
 TEST(Text, BaseNameAndUpperCase) {
     const std::string long_name(2000, 'n');
-    const std::pair<std::string, std::string> cases[] = {{"/a/c.txt", "c.txt"},
-                                                         {"c.txt", "c.txt"},
-                                                         {"/a/b/", "b"},
-                                                         {"", ""},
-                                                         {"/d/" + long_name, long_name.substr(977)}};
+    const std::pair<std::string, std::string> cases[] = {
+        {"/a/c.txt", "c.txt"}, {"/a/b/", "b"}, {"", ""}, {"/d/" + long_name, long_name.substr(977)}};
     for (const auto& [given, expected] : cases) {
         std::string path = given;
         EXPECT_EQ(strBaseName(path.data()), expected) << given;
@@ -156,29 +152,6 @@ TEST(Socket, IsReadableWithDataOrAtItsEndBeyondTheSizeOfADescriptorSetToo) {
         EXPECT_LT(sockCanRead(closed), 0);
         EXPECT_EQ(errno, EBADF);
     }
-}
-
-TEST(Socket, TakesOptionsAndTellsItsAddress) {
-    const int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in given{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    socklen_t length = sizeof(given);
-    ASSERT_EQ(bind(sock, reinterpret_cast<sockaddr*>(&given), length), 0);
-    getsockname(sock, reinterpret_cast<sockaddr*>(&given), &length);
-    char address[16] = {};
-    int port = 0;
-    EXPECT_EQ(sockGetLocalAddr(sock, address, &port), 0);
-    EXPECT_STREQ(address, "127.0.0.1");
-    EXPECT_EQ(port, ntohs(given.sin_port));
-    sockSetKeepAlive(sock);
-    sockSetSTimeOut(sock, 7);
-    sockSetRTimeOut(sock, 9);
-    for (const auto& [option, expected] : {std::pair(SO_KEEPALIVE, 1), {SO_SNDTIMEO, 7}, {SO_RCVTIMEO, 9}}) {
-        timeval value{}; // the seconds come first
-        length = sizeof(value);
-        getsockopt(sock, SOL_SOCKET, option, &value, &length);
-        EXPECT_EQ(static_cast<int>(value.tv_sec), expected) << option;
-    }
-    close(sock);
 }
 
 } // namespace
