@@ -67,6 +67,12 @@ TEST_P(ClientTest, ConnectsWritesReadsAndSaysSo) {
     EXPECT_STREQ(record_.sRemoteAddr, "127.0.0.1");
     EXPECT_EQ(record_.iRemotePort, peer.port());
     EXPECT_GT(record_.iLocalPort, 0);
+    for (const auto& [option, expected] : {std::pair(SO_KEEPALIVE, 1), {SO_SNDTIMEO, 8}, {SO_RCVTIMEO, 9}}) {
+        timeval value{}; // the seconds come first
+        socklen_t length = sizeof(value);
+        getsockopt(record_.iSocketNo, SOL_SOCKET, option, &value, &length);
+        EXPECT_EQ(static_cast<int>(value.tv_sec), expected) << option;
+    }
     EXPECT_EQ(fcntl(record_.iSocketNo, F_GETFD), FD_CLOEXEC);
     EXPECT_TRUE(tls() || (fcntl(record_.iSocketNo, F_GETFL) & O_NONBLOCK) == 0);
     std::vector<std::string> expected = {
