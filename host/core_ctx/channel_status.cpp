@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "channel_status.h"
+#include "core_ctx/channel_status.h"
 
 #include <cerrno>
 #include <csignal>
@@ -10,8 +10,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "lock_holder.h"
-#include "run_lock.h"
+#include "core_ctx/run_lock.h"
+#include "store/lock_holder.h"
 
 namespace kvr {
 namespace {

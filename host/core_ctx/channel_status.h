@@ -9,8 +9,8 @@
 
 #include <sys/types.h>
 
-#include "export.h"
-#include "store.h"
+#include "kavutil/export.h"
+#include "store/store.h"
 
 namespace kvr {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "context.h"
+#include "core_ctx/context.h"
 
 #include <filesystem>
 #include <system_error>

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "core_ctx.h"
-#include "worker.h"
+#include "core_ctx/worker.h"
 
 namespace kvr {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "process_setup.h"
+#include "core_ctx/process_setup.h"
 
 #include <csignal>
 #include <fcntl.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "run_lock.h"
+#include "core_ctx/run_lock.h"
 
 #include <cerrno>
 #include <cstring>
@@ -7,9 +7,9 @@
 #include <system_error>
 #include <unistd.h>
 
-#include "error.h"
-#include "lock_holder.h"
-#include "permissions.h"
+#include "kavutil/error.h"
+#include "store/lock_holder.h"
+#include "store/permissions.h"
 
 namespace kvr {
 namespace {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "stop_signal.h"
+#include "core_ctx/stop_signal.h"
 
 #include <cerrno>
 #include <csignal>
@@ -7,8 +7,8 @@
 #include <ctime>
 #include <string>
 
-#include "error.h"
-#include "stop_point.h"
+#include "kavutil/error.h"
+#include "kavutil/stop_point.h"
 
 namespace kvr {
 namespace {

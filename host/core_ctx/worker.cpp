@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "worker.h"
+#include "core_ctx/worker.h"
 
 #include <cerrno>
 #include <csignal>
@@ -14,19 +14,19 @@
 
 #include <unistd.h>
 
-#include "channel_status.h"
-#include "context.h"
-#include "kavro_ac_host.h"
+#include "core_ctx/channel_status.h"
+#include "core_ctx/context.h"
+#include "core_ctx/process_setup.h"
+#include "core_ctx/run_lock.h"
+#include "core_ctx/stop_signal.h"
+#include "kavro_ac/kavro_ac_host.h"
 #include "kavro_log.h"
-#include "kavro_queue_host.h"
+#include "kavro_log/log.h"
+#include "kavro_queue/kavro_queue_host.h"
 #include "kavutil.h"
-#include "log.h"
-#include "plugin.h"
-#include "process_setup.h"
-#include "run_lock.h"
-#include "stop_point.h"
-#include "stop_signal.h"
-#include "store.h"
+#include "kavutil/stop_point.h"
+#include "plug_mgr/plugin.h"
+#include "store/store.h"
 
 extern "C" void __gcov_dump() __attribute__((weak)); // NOLINT(bugprone-reserved-identifier)
 

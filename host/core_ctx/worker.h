@@ -6,7 +6,7 @@
 #include <functional>
 #include <string>
 
-#include "export.h"
+#include "kavutil/export.h"
 
 namespace kvr {
 

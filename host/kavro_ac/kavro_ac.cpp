@@ -6,11 +6,11 @@
 #include <cstring>
 #include <exception>
 
-#include "c_border.h"
-#include "db_handle.h"
-#include "kavro_ac_host.h"
-#include "names.h"
-#include "store.h"
+#include "kavro_ac/kavro_ac_host.h"
+#include "store/c_border.h"
+#include "store/db_handle.h"
+#include "store/names.h"
+#include "store/store.h"
 
 namespace kvr {
 

@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <string>
 
-#include "export.h"
+#include "kavutil/export.h"
 
 namespace kvr {
 

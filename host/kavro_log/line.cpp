@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
-#include "line.h"
+#include "kavro_log/line.h"
 
 #include <cstring>
 #include <ctime>
 
-#include "secret.h"
+#include "kavro_log/secret.h"
 
 namespace kvr {
 

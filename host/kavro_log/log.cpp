@@ -5,7 +5,7 @@
 // that is written is built on the stack and leaves in one write to a descriptor in append mode. `errno` is preserved. A
 // line that cannot be written (disk full, a reader that stalls) is lost, never waited for at length: the channel's work
 // goes on without its log.
-#include "log.h"
+#include "kavro_log/log.h"
 
 #include <cerrno>
 #include <climits>
@@ -18,9 +18,9 @@
 #include <unistd.h>
 
 #include "kavro_log.h"
-#include "line.h"
-#include "log_message.h"
-#include "stray.h"
+#include "kavro_log/line.h"
+#include "kavro_log/log_message.h"
+#include "kavro_log/stray.h"
 
 namespace {
 

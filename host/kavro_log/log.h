@@ -2,8 +2,8 @@
 // The host's own side of the log: where lines go and which of them.
 #pragma once
 
-#include "export.h"
-#include "log_secret.h"
+#include "kavro_log/log_secret.h"
+#include "kavutil/export.h"
 
 namespace kvr {
 

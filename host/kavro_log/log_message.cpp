@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "log_message.h"
+#include "kavro_log/log_message.h"
 
 #include <atomic>
 #include <csignal>

@@ -2,7 +2,7 @@
 // The message that the lines are about, for lines whose text does not name it.
 #pragma once
 
-#include "export.h"
+#include "kavutil/export.h"
 
 namespace kvr {
 

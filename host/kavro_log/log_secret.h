@@ -2,7 +2,7 @@
 // Texts that must never show in a log.
 #pragma once
 
-#include "export.h"
+#include "kavutil/export.h"
 
 extern "C" {
 

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
-#include "secret.h"
+#include "kavro_log/secret.h"
 
 #include <csignal>
 #include <cstring>
 
-#include "log_secret.h"
+#include "kavro_log/log_secret.h"
 
 namespace {
 

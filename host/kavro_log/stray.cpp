@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "stray.h"
+#include "kavro_log/stray.h"
 
 #include <atomic>
 #include <csignal>
@@ -10,7 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "line.h"
+#include "kavro_log/line.h"
 
 extern "C" void __sanitizer_set_report_fd(void*) __attribute__((weak)); // NOLINT(bugprone-reserved-identifier)
 

@@ -9,13 +9,13 @@
 #include <exception>
 #include <string>
 
-#include "c_border.h"
-#include "db_handle.h"
-#include "export.h"
-#include "log_secret.h"
-#include "schema.h"
-#include "stop_point.h"
-#include "store.h"
+#include "kavro_log/log_secret.h"
+#include "kavutil/export.h"
+#include "kavutil/stop_point.h"
+#include "store/c_border.h"
+#include "store/db_handle.h"
+#include "store/schema.h"
+#include "store/store.h"
 
 namespace kvr {
 

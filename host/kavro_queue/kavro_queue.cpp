@@ -12,13 +12,13 @@
 #include <string>
 #include <vector>
 
-#include "c_border.h"
-#include "db_handle.h"
-#include "export.h"
-#include "kavro_queue_host.h"
-#include "log_message.h"
-#include "open_queues.h"
-#include "stop_point.h"
+#include "kavro_log/log_message.h"
+#include "kavro_queue/kavro_queue_host.h"
+#include "kavro_queue/open_queues.h"
+#include "kavutil/export.h"
+#include "kavutil/stop_point.h"
+#include "store/c_border.h"
+#include "store/db_handle.h"
 
 namespace kvr {
 

@@ -2,7 +2,7 @@
 // What the worker does with the queues that the channel opened.
 #pragma once
 
-#include "export.h"
+#include "kavutil/export.h"
 
 namespace kvr {
 

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
 // The queues that the process has open, by handle.
-#include "open_queues.h"
+#include "kavro_queue/open_queues.h"
 
 #include <cstdint>
 #include <map>
 #include <mutex>
 #include <utility>
 
-#include "kavro_queue_host.h"
-#include "log_message.h"
+#include "kavro_log/log_message.h"
+#include "kavro_queue/kavro_queue_host.h"
 
 namespace kvr {
 
@@ -40,7 +40,8 @@ T_KVR_QUE_OBJ_HANDLE add_open_queue(std::shared_ptr<OpenQueue> queue) {
     OpenQueues& all = open_queues();
     const std::scoped_lock guard(all.mutex);
     all.by_handle.emplace(++all.last, std::move(queue));
-    return reinterpret_cast<T_KVR_QUE_OBJ_HANDLE>(all.last); // NOLINT: a number in a pointer's clothes
+    // The border has a pointer for a handle. What it holds is the number, which nobody follows as an address.
+    return reinterpret_cast<T_KVR_QUE_OBJ_HANDLE>(all.last); // NOLINT
 }
 
 std::shared_ptr<OpenQueue> find_open_queue(T_KVR_QUE_OBJ_HANDLE handle) {

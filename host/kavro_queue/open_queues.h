@@ -7,7 +7,7 @@
 #include <string>
 
 #include "kavro_queue.h"
-#include "store.h"
+#include "store/store.h"
 
 namespace kvr {
 

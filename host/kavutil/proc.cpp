@@ -10,8 +10,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "export.h"
-#include "stop_point.h"
+#include "kavutil/export.h"
+#include "kavutil/stop_point.h"
 
 namespace {
 

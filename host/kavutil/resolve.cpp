@@ -17,9 +17,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "export.h"
 #include "kavro_log.h"
-#include "stop_point.h"
+#include "kavutil/export.h"
+#include "kavutil/stop_point.h"
 
 namespace {
 

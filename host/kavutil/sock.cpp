@@ -9,8 +9,8 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
-#include "export.h"
-#include "stop_point.h"
+#include "kavutil/export.h"
+#include "kavutil/stop_point.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The stop flag and its hook. One thread runs the channel; the only other writer is a signal handler.
-#include "stop_point.h"
+#include "kavutil/stop_point.h"
 
 #include <csignal>
 

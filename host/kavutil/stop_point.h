@@ -6,7 +6,7 @@
 // call is interrupted); the hook is the worker's too. In programs without a hook nothing here does anything.
 #pragma once
 
-#include "export.h"
+#include "kavutil/export.h"
 
 namespace kvr {
 

@@ -17,8 +17,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include "export.h"
-#include "stop_point.h"
+#include "kavutil/export.h"
+#include "kavutil/stop_point.h"
 
 namespace {
 

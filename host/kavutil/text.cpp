@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "export.h"
+#include "kavutil/export.h"
 
 namespace {
 

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
-#include "plugin.h"
+#include "plug_mgr/plugin.h"
 
 #include <cstring>
 #include <dlfcn.h>
 #include <string>
 #include <system_error>
 
-#include "error.h"
+#include "kavutil/error.h"
 
 namespace kvr {
 namespace {

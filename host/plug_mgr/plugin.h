@@ -4,7 +4,7 @@
 
 #include <filesystem>
 
-#include "export.h"
+#include "kavutil/export.h"
 #include "plug_mgr.h"
 
 namespace kvr {

@@ -5,8 +5,8 @@
 
 #include <exception>
 
-#include "error.h"
 #include "kavro_log.h"
+#include "kavutil/error.h"
 
 namespace kvr {
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The handles hObjDB and hQueDB that C callers pass.
-#include "db_handle.h"
+#include "store/db_handle.h"
 
 #include <map>
 #include <mutex>

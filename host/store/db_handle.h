@@ -4,8 +4,8 @@
 
 #include <memory>
 
-#include "export.h"
-#include "store.h"
+#include "kavutil/export.h"
+#include "store/store.h"
 
 namespace kvr {
 

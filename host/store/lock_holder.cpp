@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Who holds a record lock.
-#include "lock_holder.h"
+#include "store/lock_holder.h"
 
 namespace kvr {
 
@@ -10,11 +9,6 @@ pid_t lock_holder(int fd, struct flock wanted) {
         return 0;
     }
     return answered && wanted.l_pid > 0 ? wanted.l_pid : kUnseenProcess;
-}
-
-std::string process_text(pid_t process) {
-    return process > 0 ? "process " + std::to_string(process)
-                       : "a process that is not visible here (it runs in another PID namespace)";
 }
 
 } // namespace kvr

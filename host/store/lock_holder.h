@@ -3,23 +3,16 @@
 // process in another PID namespace has none here.
 #pragma once
 
-#include <string>
-
 #include <fcntl.h>
 #include <sys/types.h>
 
-#include "export.h"
+#include "kavutil/export.h"
+#include "store/owner.h"
 
 namespace kvr {
-
-/// Stands for a process that is not visible here, because it runs in another PID namespace (another container).
-constexpr pid_t kUnseenProcess = -1;
 
 /// The process whose lock is in the way of `wanted`: its id, 0 for none, kUnseenProcess also when the system gives no
 /// answer. This process's own locks are in nobody's way here.
 KVR_EXPORT pid_t lock_holder(int fd, struct flock wanted);
-
-/// "process 7"; for kUnseenProcess what it is.
-KVR_EXPORT std::string process_text(pid_t process);
 
 } // namespace kvr

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // A message as the store keeps it.
-#include "message_record.h"
+#include "store/message_record.h"
 
 #include <cstring>
 
@@ -156,18 +156,6 @@ std::uint64_t data_bytes(std::string_view record) {
     }
     std::memcpy(&header, record.data(), sizeof header);
     return header.version == kRecordVersion && header.data_bytes <= record.size() ? header.data_bytes : 0;
-}
-
-std::uint64_t stored_size(std::size_t record_size) {
-    constexpr std::size_t kPage = 4096;
-    constexpr std::size_t kPageHeader = 16;
-    constexpr std::size_t kNodeOverhead = 8 + 12 + 2; // node header, key, slot
-    constexpr std::size_t kGreatestNode = (kPage - kPageHeader) / 2;
-    const std::size_t node = record_size + kNodeOverhead;
-    if (node <= kGreatestNode) {
-        return kPage / ((kPage - kPageHeader) / node);
-    }
-    return (record_size + kPageHeader + kPage - 1) / kPage * kPage + kPage / 64; // its own pages and a reference
 }
 
 } // namespace kvr

@@ -8,7 +8,7 @@
 #include <span>
 #include <string_view>
 
-#include "store.h"
+#include "store/store.h"
 
 namespace kvr {
 
@@ -27,7 +27,7 @@ struct MessageView {
 constexpr std::size_t kDescriptorSize = offsetof(T_KAVRO_MD, pOptData);
 
 /// Throws kInvalid, kTooLarge for a message that the store does not take.
-void check_message(const OutgoingMessage& message);
+KVR_EXPORT void check_message(const OutgoingMessage& message);
 KVR_EXPORT std::size_t encoded_size(const OutgoingMessage& message);
 /// Writes encoded_size(message) bytes.
 KVR_EXPORT void encode_message(const OutgoingMessage& message, char* out);
@@ -37,9 +37,6 @@ KVR_EXPORT MessageView decode_message(std::span<const char> record);
 KVR_EXPORT std::string_view next_attachment(std::string_view& list);
 
 /// Bytes of data of a record as its header says; 0 for a damaged one. Enough for accounts, not for reading.
-std::uint64_t data_bytes(std::string_view record);
-
-/// Bytes of the map that a record of this size takes, on average and rather too much than too little.
-std::uint64_t stored_size(std::size_t record_size);
+KVR_EXPORT std::uint64_t data_bytes(std::string_view record);
 
 } // namespace kvr

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Names of queue managers, queues and objects: what may stand in one.
-#include "names.h"
+#include "store/names.h"
 
 #include <algorithm>
 #include <string>

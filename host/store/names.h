@@ -5,8 +5,8 @@
 #include <cstddef>
 #include <string_view>
 
-#include "error.h"
-#include "export.h"
+#include "kavutil/error.h"
+#include "kavutil/export.h"
 
 namespace kvr {
 

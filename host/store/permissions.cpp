@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Folders and files of a queue manager: private to their owner whatever the umask, refused when others can write.
-#include "permissions.h"
+#include "store/permissions.h"
 
 #include <cerrno>
 
@@ -8,7 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "system_error.h"
+#include "store/system_error.h"
 
 namespace kvr {
 

@@ -7,7 +7,7 @@
 
 #include <sys/types.h>
 
-#include "export.h"
+#include "kavutil/export.h"
 
 namespace kvr {
 
@@ -16,7 +16,7 @@ KVR_EXPORT void make_private_folder(const std::filesystem::path& path);
 /// Makes the folder when it is missing, checks it as check_private when it is there.
 KVR_EXPORT void ensure_private_folder(const std::filesystem::path& path);
 /// Sets mode 0600. Throws kPermission on a link.
-void make_private_file(const std::filesystem::path& path);
+KVR_EXPORT void make_private_file(const std::filesystem::path& path);
 /// Throws kIo when the path is missing, kPermission when it belongs to another user, others can write to it, or
 /// when it is no real folder or file (a link is neither). Opens no descriptor of it.
 KVR_EXPORT void check_private(const std::filesystem::path& path, bool folder);
@@ -24,6 +24,6 @@ KVR_EXPORT void check_private(const std::filesystem::path& path, bool folder);
 KVR_EXPORT void sync_folder(const std::filesystem::path& path);
 /// Opens or creates a file of at least `size` bytes whose blocks are allocated: a mapping of it cannot meet a full
 /// disk. Close-on-exec, mode 0600. Throws kIo, kFull, kPermission (also for a link).
-int open_allocated_file(const std::filesystem::path& path, off_t size);
+KVR_EXPORT int open_allocated_file(const std::filesystem::path& path, off_t size);
 
 } // namespace kvr

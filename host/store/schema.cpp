@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Object classes with their attributes. A length is the reader's buffer less its NUL: readers are told no sizes.
-#include "schema.h"
+#include "store/schema.h"
 
 #include <algorithm>
 #include <array>

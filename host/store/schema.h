@@ -6,8 +6,8 @@
 #include <string>
 #include <string_view>
 
-#include "error.h"
-#include "export.h"
+#include "kavutil/error.h"
+#include "kavutil/export.h"
 
 namespace kvr {
 

@@ -1,21 +1,20 @@
 // SPDX-License-Identifier: MIT
-// The store of one queue manager: objects, queues and messages in one LMDB environment, read and written by any number
-// of processes.
+// The store of one queue manager: objects, queues and messages, read and written by any number of processes. This is
+// the contract; which engine keeps them is said by the queue manager's folder (engine.h), and to its users it is all
+// the same.
 //
 // An operation happened durably when it returned, and did not happen when it threw kvr::Error; it is one transaction,
 // seen as a whole or not at all. Three are not, for the sake of their size or speed:
 //   - a queue is purged in steps: a crash or an error on the way leaves it with what was not deleted yet;
-//   - used messages are deleted in groups, and the group's last flush is left to the next commit: after a crash or an
-//     error a message that was used can still be on disk, where a mark says that it is used; a power loss can bring up
-//     to two groups of them back;
-//   - a put or a change whose error says that it is not known whether it happened: its disk failed in the middle.
-// No read transaction outlives a call. One Store is open once per process and folder (Store::open returns the same
-// one).
+//   - used messages are deleted in groups: after a crash or an error a message that was used can still be there, where
+//     the engine knows that it is used; a power loss can bring up to two groups of them back;
+//   - a put or a change whose error says that it is not known whether it happened: what keeps it failed in the middle.
+// One Store is open once per process and queue manager (Store::open returns the same one), and belongs to the process
+// that opened it: a forked child opens its own.
 //
-// Processes take turns in opening a store and in writing to it. What waits for another process says so after two
-// seconds and again whenever the wait has doubled, each minute at least; it waits on, but gives up where limit_waits
-// bounds it, and soon after a stop was asked for (stop_point.h, or a SIGTERM or SIGINT that is held back): kBusy with
-// that process's id.
+// What waits for another process says so after two seconds and again whenever the wait has doubled, each minute at
+// least; it waits on, but gives up where limit_waits bounds it, and soon after a stop was asked for (stop_point.h, or a
+// SIGTERM or SIGINT that is held back): kBusy with that process.
 //
 // A store that was removed, moved or replaced by hand while it is open is written to no more (kDamaged), and who waits
 // for a message in it is told so.
@@ -27,16 +26,16 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include <sys/types.h>
-
-#include "error.h"
-#include "export.h"
 #include "kavro_api.h"
+#include "kavutil/error.h"
+#include "kavutil/export.h"
+#include "store/owner.h"
 
 namespace kvr {
 
@@ -72,23 +71,19 @@ struct QueueInfo {
     std::uint64_t depth; ///< messages on the queue: reserved and held ones included, used ones not
     std::uint64_t bytes; ///< their data
     std::uint64_t held;
-    pid_t drained_by; ///< process that drains the queue, 0 for none, kUnseenProcess (lock_holder.h)
+    std::optional<Owner> drained_by;
 };
 
-/// Limits and trade-offs of a queue manager, fixed at its creation or changed by set_settings.
-struct Settings {
-    std::uint64_t quota = 7ULL << 30;    ///< bytes of messages and objects beyond which puts fail (deletes go on)
-    std::uint64_t map_size = 8ULL << 30; ///< address space of the environment; above the quota
-    /// False: faster, but a power loss can take the last seconds with it, and the whole store on a file system that
-    /// reorders writes. Takes effect when a process opens the store.
-    bool sync = true;
-};
+/// Limits and trade-offs of a queue manager by name, as texts. Every engine takes "quota", the bytes of messages and
+/// objects beyond which puts fail (deletes go on), and "sync": "off" is faster and lets a power loss take the last
+/// seconds. What else there is, and what is right, the engine says.
+using Settings = std::map<std::string, std::string>;
 
 /// Room that a queue manager takes.
 struct Usage {
     std::uint64_t bytes; ///< messages and objects, as the quota counts them
     std::uint64_t quota;
-    std::uint64_t file; ///< the store's file: it grows to the greatest usage that there was and is used again, not cut
+    std::uint64_t file; ///< what the store takes on this machine's disk, room that it will use again included
 };
 
 /// Takes a line about what holds a store up, or what the store mended by itself.
@@ -105,22 +100,33 @@ KVR_EXPORT void limit_waits(std::chrono::milliseconds limit);
 
 class Getter;
 
-class KVR_EXPORT Store : public std::enable_shared_from_this<Store> {
+class KVR_EXPORT Store {
   public:
-    /// Makes a new queue manager's folder (0700) with an empty store (0600). Throws kExists.
-    static void create(const std::filesystem::path& dir, const std::string& qmgr, const Settings& settings);
-    /// Opens a queue manager's store, clears stale readers. Throws kNotFound, kVersion, kPermission (not ours, or
-    /// writable by others), kDamaged, kIo.
+    /// Makes a new queue manager's folder (0700) with an empty store, of the embedded engine unless another one is
+    /// named. Settings that are not given have the engine's default. Throws kExists, kInvalid, kUnknownAttr.
+    static void create(const std::filesystem::path& dir, const std::string& qmgr, const Settings& settings,
+                       const std::string& engine = {});
+    /// Whether the folder is a queue manager's, as far as this user may look.
+    static bool exists(const std::filesystem::path& dir);
+    /// Opens a queue manager's store. Throws kNotFound, kVersion (also for an engine that is not there), kPermission
+    /// (not ours, or writable by others), kDamaged, kIo.
     static std::shared_ptr<Store> open(const std::filesystem::path& dir);
+    Store() = default;
     virtual ~Store() = default;
+    Store(const Store&) = delete;
+    Store& operator=(const Store&) = delete;
 
     [[nodiscard]] virtual const std::string& qmgr() const = 0;
+    /// The queue manager's folder on this machine: its logs, locks and spool; where its messages lie is the engine's
+    /// affair.
     [[nodiscard]] virtual const std::filesystem::path& dir() const = 0;
     [[nodiscard]] virtual Settings settings() const = 0;
-    virtual void set_settings(const Settings& settings) = 0;
+    /// Changes the settings that are given. Some take effect when a process opens the store the next time. Throws
+    /// kUnknownAttr, kInvalid.
+    virtual void change_settings(const Settings& changes) = 0;
     [[nodiscard]] virtual Usage usage() = 0;
-    /// A process that is stopped in the middle of a write, so that all other writers wait for it; 0 for none.
-    [[nodiscard]] virtual pid_t frozen_writer() = 0;
+    /// A process that is stopped in the middle of a write, so that all other writers wait for it.
+    [[nodiscard]] virtual std::optional<Owner> frozen_writer() = 0;
     /// Deletes the queue manager's folder with all that is in it; this Store then must not be used any more. Throws
     /// kBusy with the process that has the store open, or when it holds messages and `purge` is false.
     virtual void destroy(bool purge) = 0;
@@ -151,7 +157,7 @@ class KVR_EXPORT Store : public std::enable_shared_from_this<Store> {
     virtual std::uint64_t release_held(const std::string& queue) = 0;
 
     /// Takes the queue over for draining; it belongs to the getter until that is destroyed or its process ends.
-    /// Throws kBusy with the other process's id, if it has one here.
+    /// Throws kBusy with its owner.
     virtual std::unique_ptr<Getter> drain(const std::string& queue) = 0;
 };
 
@@ -159,8 +165,8 @@ class KVR_EXPORT Store : public std::enable_shared_from_this<Store> {
 ///
 /// next() reserves a message: nobody else gets it, and it is used up by the following next(), by commit() or by a
 /// successful put_instead(); destroyed without any of these, or killed, the reservation is given back. Used messages
-/// are deleted in groups; how far the queue is used stands in a small shared mapping that survives the process, so that
-/// after kill -9 at most the message in hand is delivered again.
+/// are deleted in groups; how far the queue is used survives the process, so that after kill -9 at most the message in
+/// hand is delivered again.
 class KVR_EXPORT Getter {
   public:
     virtual ~Getter() = default;

@@ -61,8 +61,8 @@ class Cuts : public ::testing::TestWithParam<Case> {
         // that a busy machine costs no line of its own: good and bad ones would change places.
         field_.set_channel({{"HBINT", "1"}, {"SHORTTMR", "60"}});
         // What survives a power loss is not asked here, and the status is written thousands of times.
-        field_.sender().set_settings({.sync = false});
-        field_.receiver().set_settings({.sync = false});
+        field_.sender().change_settings({{"sync", "off"}});
+        field_.receiver().change_settings({{"sync", "off"}});
     }
 
     void put_one_of_each() {

@@ -204,7 +204,7 @@ TEST(Exhaustion, ASilentSendersFileGivesItsRoomToOthers) {
 
 TEST(Exhaustion, QuotaUsedUp) {
     Field field;
-    field.sender().set_settings({.quota = 2U << 20U, .map_size = 4U << 20U});
+    field.sender().change_settings({{"quota", "2097152"}, {"map_size", "4194304"}});
     field.put(MessageKind::kHeaderless, 1, 100'000, 100'000);
     put_until_full(field);
     const std::size_t fitted = field.ledger().size();
@@ -226,7 +226,7 @@ TEST(Exhaustion, QuotaUsedUp) {
 // their end, one after the other.
 TEST(Exhaustion, QuotaOfTheReceiverUsedUpForManySendTimeOuts) {
     Field field;
-    field.receiver().set_settings({.quota = 4U << 20U});
+    field.receiver().change_settings({{"quota", "4194304"}});
     Child listener = field.listen({"--handshake-time", "2"});
     Child worker = field.run_channel();
     // One buffer's worth for each line, or the sender would be done before its time-outs.

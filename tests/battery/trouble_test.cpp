@@ -78,7 +78,7 @@ class UnderLoad : public TroubledListener, public ::testing::WithParamInterface<
     void raise_quota() {
         if (GetParam().quota != 0) {
             quota_ += GetParam().quota;
-            field_.receiver().set_settings({.quota = quota_, .map_size = 256U << 20U});
+            field_.receiver().change_settings({{"quota", std::to_string(quota_)}});
         }
     }
     void load() {
@@ -116,7 +116,7 @@ TEST_P(UnderLoad, LosesNothing) {
         }
         ease();
     }
-    field_.receiver().set_settings({});
+    field_.receiver().change_settings({{"quota", "1073741824"}});
     if (spool_) {
         spool_->leave(1U << 30U);
     }
@@ -146,7 +146,7 @@ TEST_F(TroubledListener, AStopWaitsForRoomAndCountsWhatFindsNone) {
     for (const bool room : {true, false}) {
         fs::remove(field_.home() / "out");
         const std::uint64_t before = field_.arrived();
-        field_.receiver().set_settings({.quota = 64U << 10U, .map_size = 64U << 20U});
+        field_.receiver().change_settings({{"quota", "65536"}});
         Child listener = field_.listen();
         std::thread sending([&] {
             const RawLine line(field_.port());
@@ -157,7 +157,7 @@ TEST_F(TroubledListener, AStopWaitsForRoomAndCountsWhatFindsNone) {
         ::kill(listener.pid(), SIGTERM);
         await_said("unless there is room");
         if (room) {
-            field_.receiver().set_settings({});
+            field_.receiver().change_settings({{"quota", "1073741824"}});
         }
         EXPECT_EQ(listener.result(), room ? 0 : 1) << said();
         sending.join();

@@ -4,7 +4,7 @@
 #include <random>
 #include <thread>
 
-#include "mark_file.h"
+#include "store_lmdb/mark_file.h"
 #include "stopped_call.h"
 #include "store_fixture.h"
 

@@ -72,7 +72,7 @@ TEST_F(EnvironmentTest, RefusesAStoreThatOthersCanWriteOrThatIsNone) {
     EXPECT_EQ(code_of([&] { return Store::open(other); }), Errc::kNotFound);
     EXPECT_EQ(code_of([&] { return Store::create(dir_, "QM", {}), 0; }), Errc::kExists);
     EXPECT_EQ(code_of([&] { return Store::create(other, "a/b", {}), 0; }), Errc::kInvalid);
-    EXPECT_EQ(code_of([&] { return Store::create(other, "X", {.quota = 1 << 20, .map_size = 1 << 20}), 0; }),
+    EXPECT_EQ(code_of([&] { return Store::create(other, "X", {{"quota", "1048576"}, {"map_size", "1048576"}}), 0; }),
               Errc::kInvalid);
     EXPECT_FALSE(fs::exists(other));
 }
@@ -115,7 +115,7 @@ TEST_F(EnvironmentTest, RefusesAFileThatLacksPagesUnlessAllOfThemAreFree) {
 }
 
 TEST_F(EnvironmentTest, QuotaStopsPutsAndItsRoomComesBackWhole) {
-    make_store({.quota = 2UL << 20, .map_size = 4UL << 20});
+    make_store({{"quota", "2097152"}, {"map_size", "4194304"}});
     const std::string large(100000, 'x');
     const auto fill = [&] {
         int count = 0;
@@ -144,7 +144,7 @@ TEST_F(EnvironmentTest, QuotaStopsPutsAndItsRoomComesBackWhole) {
     const Usage emptied = store_->usage();
     EXPECT_LT(emptied.bytes, large.size() * 5 / 4) << "the one that was dead-lettered";
     EXPECT_TRUE(emptied.file >= full.bytes && emptied.file < 4UL << 20) << emptied.file;
-    store_->set_settings({.quota = 4UL << 20, .map_size = 8UL << 20, .sync = false});
+    store_->change_settings({{"quota", "4194304"}});
     EXPECT_GT(fill(), fitted);
 }
 
@@ -244,7 +244,7 @@ TEST_F(EnvironmentTest, WhatWasRemovedOrReplacedIsWrittenToNoMore) {
 }
 
 TEST_F(EnvironmentTest, AFrozenReaderThatKeepsAllRoomIsNamed) {
-    make_store({.quota = 2UL << 20, .map_size = 4UL << 20});
+    make_store({{"quota", "2097152"}, {"map_size", "4194304"}});
     test::Child reader = test::Child::fork_off([&] {
         MDB_env* env = nullptr;
         MDB_txn* txn = nullptr;

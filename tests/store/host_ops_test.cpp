@@ -58,7 +58,7 @@ class HostOpsTest : public StoreTest {
 TEST_F(HostOpsTest, GetUsesUpWithTheNextGetOrTheClose) {
     put_numbers(1, 3);
     const auto handle = open("Q");
-    EXPECT_EQ(store_->queue_info("Q").drained_by, 0) << "an open queue is not drained yet";
+    EXPECT_FALSE(store_->queue_info("Q").drained_by) << "an open queue is not drained yet";
     EXPECT_EQ(text(handle), "1");
     EXPECT_EQ(text(handle), "2");
     EXPECT_EQ(close(handle), Errc{});

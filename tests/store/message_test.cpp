@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 // Messages through the store: bounds, order, attached files, the drainer's reservations, held messages.
-#include "lock_holder.h"
 #include "message_record.h"
 #include "stopped_call.h"
 #include "store_fixture.h"
@@ -73,7 +72,7 @@ TEST_F(StoreTest, DrainerReservesUsesAndGivesBack) {
     {
         const auto getter = store_->drain("Q");
         EXPECT_EQ(code_of([&] { return store_->drain("Q"); }), Errc::kBusy);
-        EXPECT_EQ(store_->queue_info("Q").drained_by, ::getpid());
+        EXPECT_EQ(store_->queue_info("Q").drained_by, local_owner(::getpid()));
         EXPECT_EQ(take(*getter), "1");
         EXPECT_THAT(shown(), ElementsAre("1*", "2", "3"));
         EXPECT_EQ(take(*getter), "2");
@@ -86,7 +85,7 @@ TEST_F(StoreTest, DrainerReservesUsesAndGivesBack) {
             }
             return test::Child::fork_off([&] {
                        const auto store = Store::open(dir_);
-                       const bool seen = store->queue_info("Q").drained_by == kUnseenProcess;
+                       const bool seen = store->queue_info("Q").drained_by == local_owner(kUnseenProcess);
                        return seen && code_of([&] { return store->drain("Q"); }) == Errc::kBusy ? 0 : 1;
                    })
                 .result();
@@ -95,7 +94,7 @@ TEST_F(StoreTest, DrainerReservesUsesAndGivesBack) {
         getter->rollback();
         EXPECT_EQ(take(*getter), "2");
     }
-    EXPECT_EQ(store_->queue_info("Q").drained_by, 0);
+    EXPECT_EQ(store_->queue_info("Q").drained_by, std::nullopt);
     EXPECT_THAT(take_all(), ElementsAre("2", "3"));
     EXPECT_EQ(store_->queue_info("Q").depth, 0U);
 }

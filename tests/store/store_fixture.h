@@ -50,7 +50,7 @@ class StoreTest : public testing::Test {
     void make_store(Settings settings) {
         store_.reset();
         std::filesystem::remove_all(dir_);
-        settings.sync = false;
+        settings["sync"] = "off";
         Store::create(dir_, "QM", settings);
         store_ = Store::open(dir_);
         store_->queue_define("Q", "");

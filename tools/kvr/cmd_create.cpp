@@ -36,14 +36,16 @@ void create(const GlobalOptions& global, const CreateOptions& options) {
     refuse_other_qmgr(global, qmgr);
     Settings settings;
     if (!options.quota.empty()) {
-        set_quota(settings, options.quota);
+        settings["quota"] = quota_setting(options.quota);
     }
-    settings.sync = !options.fast;
+    if (options.fast) {
+        settings["sync"] = "off";
+    }
     const std::filesystem::path dir = home_folder(global, true) / qmgr;
     std::error_code ignored;
     if (std::filesystem::exists(dir, ignored)) {
         const std::string removal =
-            holds_store(dir) ? fmt::format("with 'kvr delete qmgr {}'", qmgr) : "by hand, as it is no queue manager";
+            Store::exists(dir) ? fmt::format("with 'kvr delete qmgr {}'", qmgr) : "by hand, as it is no queue manager";
         throw Error(Errc::kExists,
                     fmt::format("{} exists already: choose another name, or remove it {}", dir.native(), removal));
     }

@@ -10,7 +10,6 @@
 
 #include "channel_status.h"
 #include "commands.h"
-#include "lock_holder.h"
 #include "output.h"
 #include "session.h"
 
@@ -44,9 +43,9 @@ void delete_queue(const GlobalOptions& global, const DeleteOptions& options) {
                                              fmt::format(fmt::runtime(remedy), channel)));
     }
     const QueueInfo queue = store->queue_info(name);
-    if (queue.drained_by != 0) {
+    if (queue.drained_by) {
         throw Error(Errc::kBusy, fmt::format("{} drains queue '{}': stop it first, see 'kvr status'",
-                                             process_text(queue.drained_by), name));
+                                             owner_text(*queue.drained_by), name));
     }
     if (queue.depth > 0 && !options.purge) {
         throw Error(Errc::kBusy, fmt::format("queue '{}' has {}: give --purge to delete them, too", name,

@@ -65,14 +65,14 @@ void set_qmgr(const GlobalOptions& global, const SetQmgrOptions& options, const 
         check_dead_letter_queue(*store, deadq->second);
     }
     if (!options.quota.empty() || !options.sync.empty()) {
-        Settings settings = store->settings();
+        Settings changes;
         if (!options.quota.empty()) {
-            set_quota(settings, options.quota);
+            changes["quota"] = quota_setting(options.quota);
         }
         if (!options.sync.empty()) {
-            settings.sync = options.sync == "on";
+            changes["sync"] = options.sync;
         }
-        store->set_settings(settings);
+        store->change_settings(changes);
     }
     if (!attributes.empty()) {
         store->object_set("QMGR", "QMGR", attributes);

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
 // kvr show: definitions of the queue manager, its queues and its channels. Pass phrases are masked.
 #include <memory>
+#include <optional>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include "attributes.h"
 #include "commands.h"
-#include "lock_holder.h"
 #include "output.h"
 #include "session.h"
 
@@ -33,26 +33,29 @@ std::string object_text(const std::string& title, const ClassSpec& cls, const At
     return out;
 }
 
+bool is_synced(const Store& store) {
+    return store.settings().at("sync") == "on";
+}
+
 Json qmgr_json(Store& store) {
-    const Settings settings = store.settings();
     Json json = object_json(store.qmgr(), class_spec("QMGR"), store.object_get("QMGR", "QMGR"));
     json["folder"] = store.dir().native();
-    json["quota"] = settings.quota;
-    json["sync"] = settings.sync;
+    json["quota"] = store.usage().quota;
+    json["sync"] = is_synced(store);
     return json;
 }
 
 std::string qmgr_text(Store& store) {
-    const Settings settings = store.settings();
     return object_text("queue manager " + store.qmgr(), class_spec("QMGR"), store.object_get("QMGR", "QMGR")) +
            fmt::format("  {:<10}{}\n  {:<10}{}\n  {:<10}{}\n", "folder", store.dir().native(), "quota",
-                       human_size(settings.quota), "sync",
-                       settings.sync ? "on" : "off: a power loss can take the last seconds");
+                       human_size(store.usage().quota), "sync",
+                       is_synced(store) ? "on" : "off: a power loss can take the last seconds");
 }
 
 Json queue_json(const QueueInfo& queue) {
-    return {{"name", queue.name}, {"description", queue.description}, {"depth", queue.depth}, {"bytes", queue.bytes},
-            {"held", queue.held}, {"drained_by", queue.drained_by}};
+    return {{"name", queue.name},   {"description", queue.description},
+            {"depth", queue.depth}, {"bytes", queue.bytes},
+            {"held", queue.held},   {"drained_by", queue.drained_by ? queue.drained_by->process : 0}};
 }
 
 std::vector<QueueInfo> chosen_queues(Store& store, const std::string& name) {
@@ -63,8 +66,11 @@ std::vector<QueueInfo> chosen_queues(Store& store, const std::string& name) {
     return {store.queue_info(name)};
 }
 
-std::string drainer_word(pid_t drainer) {
-    return drainer == 0 ? "-" : drainer == kUnseenProcess ? "not visible here" : std::to_string(drainer);
+std::string drainer_word(const std::optional<Owner>& drainer) {
+    if (!drainer) {
+        return "-";
+    }
+    return drainer->process == kUnseenProcess ? "not visible here" : std::to_string(drainer->process);
 }
 
 std::string queues_text(const std::vector<QueueInfo>& queues) {

@@ -16,7 +16,6 @@
 
 #include "channel_status.h"
 #include "commands.h"
-#include "lock_holder.h"
 #include "output.h"
 #include "session.h"
 
@@ -48,7 +47,7 @@ struct Picture {
     std::string dead_queue;
     std::optional<QueueInfo> dead_info;
     Usage usage{};
-    pid_t frozen_writer = 0;
+    std::optional<Owner> frozen_writer;
 };
 
 volatile std::sig_atomic_t g_ended = 0;
@@ -192,7 +191,8 @@ std::string store_text(const Picture& picture) {
     const Usage& usage = picture.usage;
     std::string text = fmt::format("store: {} of {} used, file of {}\n", human_size(usage.bytes),
                                    human_size(usage.quota), human_size(usage.file));
-    if (const pid_t writer = picture.frozen_writer; writer > 0) {
+    if (picture.frozen_writer) {
+        const pid_t writer = picture.frozen_writer->process;
         text += fmt::format("process {} is stopped in the middle of a write, all other writers wait for it: let it go "
                             "on (kill -CONT {}) or end it\n",
                             writer, writer);
@@ -271,7 +271,7 @@ Json picture_json(const Picture& picture) {
              {{"bytes", picture.usage.bytes},
               {"quota", picture.usage.quota},
               {"file", picture.usage.file},
-              {"frozen_writer", picture.frozen_writer}}}};
+              {"frozen_writer", picture.frozen_writer ? picture.frozen_writer->process : 0}}}};
 }
 
 void watch(const GlobalOptions& global, Store& store, const StatusOptions& options) {

@@ -52,11 +52,6 @@ std::string checked_name(const char* what, const std::string& name, std::size_t 
 
 } // namespace
 
-bool holds_store(const std::filesystem::path& dir) {
-    std::error_code error;
-    return fs::exists(dir / "store", error) || error;
-}
-
 std::filesystem::path home_folder(const GlobalOptions& global, bool create) {
     fs::path home = global.home;
     if (home.empty()) {
@@ -106,7 +101,7 @@ std::vector<std::string> qmgr_names(const GlobalOptions& global) {
     for (fs::directory_iterator entry(home, error), end; !error && entry != end; entry.increment(error)) {
         const std::string name = entry->path().filename().string();
         std::error_code ignored;
-        if (entry->is_directory(ignored) && good_name(name, kMaxQueueName, false) && holds_store(entry->path())) {
+        if (entry->is_directory(ignored) && good_name(name, kMaxQueueName, false) && Store::exists(entry->path())) {
             names.push_back(name);
         }
     }
@@ -152,7 +147,7 @@ std::filesystem::path qmgr_folder(const GlobalOptions& global) {
                                 dir.parent_path().native(), qmgr));
     }
     become_owner_of(dir);
-    if (!holds_store(dir)) {
+    if (!Store::exists(dir)) {
         throw Error(Errc::kNotFound,
                     fmt::format("{} is no queue manager, it has no store: name one with -m, see 'kvr show', or remove "
                                 "the folder by hand if nothing in it is needed",

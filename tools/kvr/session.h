@@ -20,8 +20,6 @@ std::vector<std::string> qmgr_names(const GlobalOptions& global);
 std::string chosen_qmgr(const GlobalOptions& global);
 /// For a command that names its queue manager itself. Throws UsageError when -m names another one.
 void refuse_other_qmgr(const GlobalOptions& global, const std::string& name);
-/// A folder with a store in it, as far as this user may look.
-bool holds_store(const std::filesystem::path& dir);
 /// The folder of the queue manager that is meant; root becomes its owner (store_owner.h).
 std::filesystem::path qmgr_folder(const GlobalOptions& global);
 /// Opens the queue manager that is meant, as its owner.

@@ -4,11 +4,9 @@
 
 #include <string>
 
-#include "store.h"
-
 namespace kvr {
 
-/// Sets the quota and an address space that leaves room above it for deletes. Throws UsageError.
-void set_quota(Settings& settings, const std::string& text);
+/// The quota's bytes as the store takes them. Throws UsageError.
+std::string quota_setting(const std::string& text);
 
 } // namespace kvr

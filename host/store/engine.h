@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: MIT
+// What an engine is to the store: a library beside this one, libkavro_store_NAME.so, that exports kavro_store_engine().
+// Loaded when a queue manager that uses it is opened, so that no process carries the libraries of the others.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "kavutil/export.h"
+#include "store/store.h"
+
+namespace kvr {
+
+/// The operations throw kvr::Error, as those of Store.
+struct StoreEngine {
+    /// Makes a store in the folder of a new queue manager, private and empty but for what says the engine's name.
+    /// Everything in the folder is durable when it returns. What it throws undoes the folder.
+    void (*fill)(const std::filesystem::path& dir, const std::string& qmgr, const Settings& settings);
+    /// As Store::exists, for a folder that names this engine or none.
+    bool (*exists)(const std::filesystem::path& dir);
+    /// As Store::open.
+    std::shared_ptr<Store> (*open)(const std::filesystem::path& dir);
+};
+
+/// The engine of that name; the embedded one for the empty name. Throws kInvalid, kVersion when there is none.
+const StoreEngine& load_engine(const std::string& name);
+
+} // namespace kvr
+
+extern "C" KVR_EXPORT const kvr::StoreEngine* kavro_store_engine();

@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: MIT
+#include "store/owner.h"
+
+#include <fstream>
+#include <sstream>
+
+namespace kvr {
+
+namespace {
+
+/// Field 22 of the process's facts; what stands in parentheses before may hold anything.
+std::uint64_t start_of(pid_t process) {
+    constexpr int kSkipped = 19; // state to itrealvalue
+    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+    std::string facts;
+    std::getline(file, facts);
+    std::istringstream fields(facts.substr(std::min(facts.rfind(')') + 1, facts.size())));
+    std::string skipped;
+    for (int i = 0; i < kSkipped; ++i) {
+        fields >> skipped;
+    }
+    std::uint64_t started = 0;
+    return fields >> started ? started : 0;
+}
+
+} // namespace
+
+Owner local_owner(pid_t process) {
+    return {.machine = {}, .process = process, .started = process > 0 ? start_of(process) : 0};
+}
+
+std::string process_text(pid_t process) {
+    return process > 0 ? "process " + std::to_string(process)
+                       : "a process that is not visible here (it runs in another PID namespace)";
+}
+
+std::string owner_text(const Owner& owner) {
+    return process_text(owner.process) + (owner.machine.empty() ? "" : " on machine " + owner.machine);
+}
+
+} // namespace kvr

@@ -1,0 +1,192 @@
+// SPDX-License-Identifier: MIT
+// Makes and opens stores of this engine: one object for each folder and process.
+#include "store_lmdb/lmdb_store.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <system_error>
+
+#include <sys/random.h>
+#include <unistd.h>
+
+#include "store/engine.h"
+#include "store/permissions.h"
+#include "store/qmgr_folder.h"
+#include "store/system_error.h"
+
+namespace kvr {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+/// The process's open stores by folder. LMDB takes an environment once for each process; what a parent opened is not
+/// for a forked child.
+struct OpenStores {
+    std::mutex mutex;
+    pid_t owner = 0;
+    std::map<std::string, std::weak_ptr<LmdbStore>> by_folder;
+};
+
+OpenStores& open_stores() {
+    static auto* stores = new OpenStores; // never destroyed: a process may end in the middle of any call
+    return *stores;
+}
+
+std::uint64_t random_id() {
+    std::uint64_t id = 0;
+    if (::getrandom(&id, sizeof id, 0) != sizeof id) {
+        throw Error(Errc::kIo, "the system gives no random numbers");
+    }
+    return id;
+}
+
+void fill_folder(const fs::path& dir, const std::string& qmgr, const Settings& given) {
+    const LmdbSettings settings = changed_settings({}, given);
+    const StoreFiles files{dir};
+    make_private_folder(files.store());
+    make_private_folder(files.queues());
+    {
+        Environment env(files.store(), settings.map_size);
+        env.open_tables(true);
+        WriteTxn write(env);
+        save_identity(write, {random_id(), qmgr});
+        save_settings(write, settings);
+        save_usage(write, 0);
+        if (!write.commit()) {
+            throw_system("make", files.store(), EIO);
+        }
+    }
+    if (!ReserveFile(files.reserve()).ensure()) {
+        throw_system("make", files.reserve(), ENOSPC);
+    }
+    sync_folder(files.store());
+    sync_folder(files.dir);
+}
+
+/// A disk without room for what an opening needs gets that of the reserve.
+std::shared_ptr<LmdbStore> open_with_reserve(const StoreFiles& files) {
+    try {
+        return std::make_shared<LmdbStore>(files.dir);
+    } catch (const FullError&) {
+        ReserveFile(files.reserve()).release();
+        return std::make_shared<LmdbStore>(files.dir);
+    }
+}
+
+StoreIdentity read_identity(Environment& env) {
+    Reader reader(env);
+    StoreIdentity identity;
+    {
+        const ReadScope scope(reader);
+        identity = load_identity(reader.txn(), env);
+    }
+    env.open_tables(false);
+    return identity;
+}
+
+bool holds_store(const fs::path& dir) {
+    std::error_code error;
+    return fs::exists(StoreFiles{dir}.store(), error) || error;
+}
+
+std::shared_ptr<Store> open_store(const fs::path& dir) {
+    std::error_code error;
+    const fs::path folder = fs::weakly_canonical(dir, error);
+    const StoreFiles files{error ? dir : folder};
+    if (!fs::exists(files.store() / "data.mdb", error) && error.value() != EACCES) {
+        throw Error(Errc::kNotFound, "there is no queue manager in " + files.dir.string() + ": create it first");
+    }
+    OpenStores& stores = open_stores();
+    const std::scoped_lock guard(stores.mutex);
+    if (stores.owner != ::getpid()) {
+        stores.by_folder.clear();
+        stores.owner = ::getpid();
+    }
+    std::weak_ptr<LmdbStore>& known = stores.by_folder[files.dir.string()];
+    std::shared_ptr<LmdbStore> store = known.lock();
+    if (!store) {
+        check_private(files.dir, true);
+        check_private(files.store(), true);
+        check_private(files.queues(), true);
+        check_private(files.store() / "data.mdb", false);
+        if (fs::exists(files.store() / "lock.mdb", error)) {
+            check_private(files.store() / "lock.mdb", false);
+        }
+        store = open_with_reserve(files);
+        known = store;
+    }
+    return store;
+}
+
+constexpr StoreEngine kEngine{.fill = fill_folder, .exists = holds_store, .open = open_store};
+
+} // namespace
+
+LmdbStore::LmdbStore(const fs::path& dir)
+    : files_{dir}, env_(files_.store(), std::nullopt), identity_(read_identity(env_)), reserve_(files_.reserve()),
+      drain_locks_(files_.drain_locks()) {
+    const LmdbSettings now = lmdb_settings();
+    env_.set_sync(now.sync);
+    env_.grow_map(now.map_size);
+}
+
+LmdbSettings LmdbStore::lmdb_settings() const {
+    Reader reader(env_);
+    const ReadScope scope(reader);
+    return load_settings(reader.txn(), env_);
+}
+
+Settings LmdbStore::settings() const {
+    return settings_as_texts(lmdb_settings());
+}
+
+void LmdbStore::change_settings(const Settings& changes) {
+    const LmdbSettings now = changed_settings(lmdb_settings(), changes);
+    env_.grow_map(now.map_size);
+    env_.set_sync(now.sync);
+    write(Need::kMust, [&](WriteTxn& write) { save_settings(write, now); });
+}
+
+std::optional<Owner> LmdbStore::frozen_writer() {
+    const pid_t writer = env_.store_lock().frozen_writer();
+    return writer != 0 ? std::optional(local_owner(writer)) : std::nullopt;
+}
+
+Usage LmdbStore::usage() {
+    Reader reader(env_);
+    const ReadScope scope(reader);
+    std::error_code error;
+    const std::uintmax_t file = fs::file_size(files_.store() / "data.mdb", error);
+    return {.bytes = load_usage(reader.txn(), env_),
+            .quota = load_settings(reader.txn(), env_).quota,
+            .file = error ? 0 : file};
+}
+
+void LmdbStore::destroy(bool purge) {
+    env_.store_lock().take_alone();
+    std::uint64_t messages = 0;
+    for (const QueueInfo& queue : queues()) {
+        messages += queue.depth;
+    }
+    if (messages > 0 && !purge) {
+        throw Error(Errc::kBusy, qmgr() + " has " + std::to_string(messages) +
+                                     " messages on its queues: take them off, or have them deleted, too");
+    }
+    delete_qmgr_folder(files_.dir);
+}
+
+std::shared_ptr<MarkFile> LmdbStore::mark(std::uint32_t queue) {
+    const std::scoped_lock guard(marks_mutex_);
+    std::shared_ptr<MarkFile>& mark = marks_[queue];
+    if (!mark) {
+        mark = std::make_shared<MarkFile>(files_.mark(queue), identity_.id, queue);
+    }
+    return mark;
+}
+
+} // namespace kvr
+
+extern "C" const kvr::StoreEngine* kavro_store_engine() {
+    return &kvr::kEngine;
+}

@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: MIT
+// The store in an LMDB environment of its own: lmdb_store.cpp makes and opens it, objects.cpp, queues.cpp and
+// messages.cpp hold its operations, getter.h the drainer of a queue.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "store/store.h"
+#include "store_lmdb/drain_lock.h"
+#include "store_lmdb/mark_file.h"
+#include "store_lmdb/queue_record.h"
+#include "store_lmdb/store_layout.h"
+#include "store_lmdb/write_store.h"
+
+namespace kvr {
+
+class LmdbStore final : public Store, public std::enable_shared_from_this<LmdbStore> {
+  public:
+    explicit LmdbStore(const std::filesystem::path& dir);
+
+    [[nodiscard]] const std::string& qmgr() const override { return identity_.qmgr; }
+    [[nodiscard]] const std::filesystem::path& dir() const override { return files_.dir; }
+    [[nodiscard]] Settings settings() const override;
+    void change_settings(const Settings& changes) override;
+    [[nodiscard]] Usage usage() override;
+    [[nodiscard]] std::optional<Owner> frozen_writer() override;
+    void destroy(bool purge) override;
+
+    void object_add(const std::string& cls, const std::string& name, const Attributes& attrs) override;
+    [[nodiscard]] Attributes object_get(const std::string& cls, const std::string& name) override;
+    void object_set(const std::string& cls, const std::string& name, const Attributes& attrs) override;
+    void object_delete(const std::string& cls, const std::string& name) override;
+    [[nodiscard]] std::vector<std::string> object_names(const std::string& cls) override;
+
+    void queue_define(const std::string& name, const std::string& description) override;
+    void queue_set(const std::string& name, const std::string& description) override;
+    void queue_delete(const std::string& name, bool purge) override;
+    [[nodiscard]] QueueInfo queue_info(const std::string& name) override;
+    [[nodiscard]] std::vector<QueueInfo> queues() override;
+
+    void put(const std::string& queue, std::span<const OutgoingMessage> messages) override;
+    void browse(const std::string& queue, std::uint64_t from,
+                const std::function<bool(const StoredMessage&)>& visit) override;
+    std::uint64_t release_held(const std::string& queue) override;
+    [[nodiscard]] std::unique_ptr<Getter> drain(const std::string& queue) override;
+
+    // For the getter.
+    [[nodiscard]] Environment& env() { return env_; }
+    [[nodiscard]] DrainLocks& drain_locks() { return drain_locks_; }
+    [[nodiscard]] const StoreFiles& files() const { return files_; }
+    [[nodiscard]] std::shared_ptr<MarkFile> mark(std::uint32_t queue);
+    void write(Need need, const std::function<void(WriteTxn&)>& work) { write_store(env_, reserve_, need, work); }
+    /// Wakes the queue's drainer if it waits.
+    void wake(std::uint32_t queue, MarkFile& mark) const;
+
+  private:
+    [[nodiscard]] LmdbSettings lmdb_settings() const;
+    /// A queue whose record and mark are of one moment.
+    struct Snapshot {
+        QueueRecord record;
+        UsedRange used;
+        std::uint64_t in_hand = 0; ///< 0 unless the mark is of the record's generation
+    };
+    Snapshot snapshot(Reader& reader, const std::string& queue);
+    struct Copied {
+        std::uint64_t sequence;
+        bool in_hand;
+        std::optional<std::string> held; ///< reason
+        std::string record;
+    };
+    /// Messages from `from` on as they stand at one moment; moves `from` behind them. Empty at the queue's end only.
+    std::vector<Copied> copy_block(Reader& reader, const std::string& queue, std::uint64_t& from, std::size_t limit);
+    QueueInfo info_of(MDB_txn* txn, const std::string& name, const Snapshot& now);
+    int remove_files(std::uint32_t id);
+    void erase_step(const std::string& name, std::uint32_t id, bool purge, bool& done);
+
+    StoreFiles files_;
+    mutable Environment env_;
+    StoreIdentity identity_;
+    ReserveFile reserve_;
+    DrainLocks drain_locks_;
+    std::mutex marks_mutex_;
+    std::map<std::uint32_t, std::shared_ptr<MarkFile>> marks_;
+};
+
+} // namespace kvr

@@ -1,0 +1,179 @@
+// SPDX-License-Identifier: MIT
+// Puts, browses and releases of messages.
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "store/message_record.h"
+#include "store/system_error.h"
+#include "store_lmdb/getter.h"
+#include "store_lmdb/keys.h"
+#include "store_lmdb/lmdb_store.h"
+#include "store_lmdb/message_table.h"
+#include "store_lmdb/wake_fifo.h"
+
+namespace kvr {
+
+namespace {
+
+/// Bytes that a browse reads before it lets go of the mapped pages.
+constexpr std::size_t kReadBeforeDrop = 4UL << 20;
+/// What a browse copies out in one transaction: so many messages, or the one that exceeds so many bytes.
+constexpr std::size_t kBrowseMessages = 512;
+constexpr std::size_t kBrowseBytes = 256UL << 10;
+
+void check_quota(WriteTxn& write, std::uint64_t growth) {
+    const std::uint64_t quota = load_settings(write.txn(), write.env()).quota;
+    const std::uint64_t usage = load_usage(write.txn(), write.env());
+    if (usage + growth > quota) {
+        throw FullError(Shortage::kQuota, "the queue manager's quota of " + std::to_string(quota) +
+                                              " bytes is used up: drain its queues or raise the quota");
+    }
+}
+
+/// Without a reserve on the disk a put must leave as much free inside the store.
+void check_free_pages(Environment& env, std::uint64_t growth) {
+    Reader reader(env);
+    const ReadScope scope(reader);
+    if (reader.free_bytes() < ReserveFile::kSize + 2 * growth) {
+        throw_system("put messages", env.folder(), ENOSPC);
+    }
+}
+
+StoredMessage to_stored(std::uint64_t sequence, const MessageView& view) {
+    StoredMessage message{};
+    message.sequence = sequence;
+    std::memcpy(&message.descriptor, view.descriptor, kDescriptorSize);
+    std::string_view list = view.attachments;
+    while (!list.empty()) {
+        message.attachments.emplace_back(next_attachment(list));
+    }
+    message.data = view.data;
+    return message;
+}
+
+bool ensure_reserve(const ReserveFile& reserve, const Environment& env) {
+    try {
+        return reserve.ensure();
+    } catch (const Error&) {
+        env.check_in_place(); // says more, where the whole store is gone
+        throw;
+    }
+}
+
+} // namespace
+
+void LmdbStore::put(const std::string& queue, std::span<const OutgoingMessage> messages) {
+    std::uint64_t growth = 0;
+    for (const OutgoingMessage& message : messages) {
+        check_message(message);
+        growth += stored_size(encoded_size(message));
+    }
+    if (!ensure_reserve(reserve_, env_)) {
+        check_free_pages(env_, growth);
+    }
+    std::uint32_t id = 0;
+    std::shared_ptr<MarkFile> its_mark;
+    write(Need::kMayFail, [&](WriteTxn& write) {
+        QueueRecord record = load_queue(write.txn(), queue, env_);
+        check_quota(write, growth);
+        id = record.id;
+        its_mark = mark(id); // before the commit: nothing may fail after it
+        for (const OutgoingMessage& message : messages) {
+            append_message(write, record, message);
+        }
+        save_queue(write, queue, record);
+    });
+    wake(id, *its_mark);
+}
+
+void LmdbStore::wake(std::uint32_t queue, MarkFile& mark) const {
+    if (mark.claim_wake_up()) {
+        WakeFifo::wake(files_.fifo(queue));
+    }
+}
+
+std::vector<LmdbStore::Copied> LmdbStore::copy_block(Reader& reader, const std::string& queue, std::uint64_t& from,
+                                                     std::size_t limit) {
+    const ReadScope scope(reader);
+    const Snapshot now = snapshot(reader, queue);
+    const std::uint64_t in_hand = drain_locks_.holder(now.record.id) != 0 ? now.in_hand : 0;
+    std::vector<Copied> block;
+    Cursor cursor(reader.txn(), env_.messages, env_);
+    const MessageKey start(now.record.id, now.used.contains(from) ? now.used.through + 1 : from);
+    MDB_val key = to_val(start.view());
+    MDB_val value{};
+    std::size_t bytes = 0;
+    for (bool found = cursor.get(key, value, MDB_SET_RANGE); found; found = cursor.get(key, value, MDB_NEXT)) {
+        const std::uint64_t sequence = MessageKey::sequence_in(to_view(key), now.record.id);
+        if (sequence == 0 || block.size() >= limit || bytes > kBrowseBytes) {
+            break;
+        }
+        from = sequence + 1;
+        if (now.used.contains(sequence)) {
+            continue;
+        }
+        Copied& copied = block.emplace_back(Copied{sequence, sequence == in_hand, {}, std::string(to_view(value))});
+        bytes += value.mv_size;
+        if (now.record.held > 0) {
+            copied.held = table_get(reader.txn(), env_.held, MessageKey(now.record.id, sequence).view(), env_);
+        }
+    }
+    return block;
+}
+
+void LmdbStore::browse(const std::string& queue, std::uint64_t from,
+                       const std::function<bool(const StoredMessage&)>& visit) {
+    // No transaction while the visitor runs: it may be slow, or use the store. Blocks begin small for a short look.
+    Reader reader(env_);
+    std::size_t read = 0;
+    for (std::size_t limit = 1;; limit = std::min(2 * limit, kBrowseMessages)) {
+        const std::vector<Copied> block = copy_block(reader, queue, from, limit);
+        for (const Copied& copied : block) {
+            StoredMessage message = to_stored(copied.sequence, decode_message(copied.record));
+            message.in_hand = copied.in_hand;
+            message.held = copied.held.has_value();
+            message.held_reason = copied.held.value_or("");
+            if (!visit(message)) {
+                return;
+            }
+            read += copied.record.size();
+        }
+        if (block.empty()) {
+            return;
+        }
+        if (read > kReadBeforeDrop) {
+            const std::shared_lock lock(env_.map_lock());
+            env_.drop_pages();
+            read = 0;
+        }
+    }
+}
+
+std::uint64_t LmdbStore::release_held(const std::string& queue) {
+    std::uint64_t released = 0;
+    std::uint32_t id = 0;
+    std::shared_ptr<MarkFile> its_mark;
+    write(Need::kMust, [&](WriteTxn& write) {
+        released = 0;
+        QueueRecord record = load_queue(write.txn(), queue, env_);
+        id = record.id;
+        its_mark = mark(id);
+        constexpr std::uint64_t kNone = UINT64_MAX;
+        for (std::uint64_t at = 0; (at = first_held(write.txn(), env_, id, at)) != kNone; ++at) {
+            table_erase(write, env_.held, MessageKey(id, at).view());
+            ++released;
+        }
+        record.held = 0;
+        ++record.releases;
+        save_queue(write, queue, record);
+    });
+    wake(id, *its_mark);
+    return released;
+}
+
+std::unique_ptr<Getter> LmdbStore::drain(const std::string& queue) {
+    return std::make_unique<LmdbGetter>(shared_from_this(), queue);
+}
+
+} // namespace kvr

@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: MIT
+// The named FIFO on which the drainer of an empty queue waits.
+#include "store_lmdb/wake_fifo.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "store/permissions.h"
+#include "store/system_error.h"
+#include "store/waits.h"
+
+namespace kvr {
+
+namespace {
+
+constexpr timespec kSecondLook{.tv_sec = 1, .tv_nsec = 0};
+
+/// Opened for reading and writing: its reader never comes to an end when the last putter closes it, and a putter meets
+/// no SIGPIPE where nobody reads. Below 0 for anything but a FIFO, with the reason in errno, 0 when it is something
+/// else.
+UniqueFd open_fifo(const std::filesystem::path& path) {
+    UniqueFd fd(::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
+    struct stat info {};
+    if (fd && (::fstat(fd.get(), &info) != 0 || !S_ISFIFO(info.st_mode))) {
+        fd.reset();
+        errno = 0;
+    }
+    return fd;
+}
+
+} // namespace
+
+void SignalBlock::block() {
+    if (blocked_) {
+        return;
+    }
+    sigset_t set;
+    sigfillset(&set);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP}) {
+        sigdelset(&set, fault);
+    }
+    pthread_sigmask(SIG_BLOCK, &set, &original_);
+    blocked_ = true;
+}
+
+void SignalBlock::restore() {
+    if (blocked_) {
+        blocked_ = false;
+        pthread_sigmask(SIG_SETMASK, &original_, nullptr);
+    }
+}
+
+void WakeFifo::create(const std::filesystem::path& path) {
+    if (::mkfifo(path.c_str(), 0600) != 0 && errno != EEXIST) {
+        throw_system("make", path, errno);
+    }
+    make_private_file(path);
+}
+
+WakeFifo::WakeFifo(const std::filesystem::path& path) {
+    create(path);
+    fd_ = open_fifo(path);
+    if (!fd_ && errno != 0) {
+        throw_system("open", path, errno);
+    }
+    if (!fd_) {
+        throw Error(Errc::kPermission, path.string() + " is no FIFO: remove it, it is made anew");
+    }
+}
+
+bool WakeFifo::wait(const sigset_t& mask) {
+    pollfd waited{.fd = fd_.get(), .events = POLLIN, .revents = 0};
+    const int ready = ::ppoll(&waited, 1, &kSecondLook, &mask);
+    if (ready < 0 && errno != EINTR) {
+        throw Error(Errc::kIo, "cannot wait for a message: " + std::string(std::strerror(errno)));
+    }
+    if (ready == 0) {
+        look_while_idle();
+    }
+    if (ready > 0) {
+        std::array<char, 64> bytes{};
+        while (::read(fd_.get(), bytes.data(), bytes.size()) > 0) {
+        }
+    }
+    return ready >= 0;
+}
+
+void WakeFifo::wake(const std::filesystem::path& path) {
+    if (const UniqueFd fd = open_fifo(path)) {
+        [[maybe_unused]] const ssize_t written = ::write(fd.get(), "w", 1); // a full FIFO wakes as well
+    }
+}
+
+} // namespace kvr

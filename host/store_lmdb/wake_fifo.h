@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: MIT
+// How the drainer of an empty queue waits: on a named FIFO into which a put writes a byte. Signals are blocked from the
+// moment it knows that the queue may be empty, and let in only within the wait itself, by the system call that waits:
+// one that came a moment earlier ends the wait as well, instead of being handled before it and forgotten.
+#pragma once
+
+#include <csignal>
+#include <filesystem>
+
+#include "kavutil/unique_fd.h"
+
+namespace kvr {
+
+/// Blocks signals from block() until destroyed, restore() apart. Synchronous ones (faults) stay deliverable.
+class SignalBlock {
+  public:
+    SignalBlock() = default;
+    ~SignalBlock() { restore(); }
+    SignalBlock(const SignalBlock&) = delete;
+    SignalBlock& operator=(const SignalBlock&) = delete;
+
+    void block();
+    void restore();
+    /// The caller's mask; valid while blocked.
+    [[nodiscard]] const sigset_t& original() const { return original_; }
+
+  private:
+    sigset_t original_{};
+    bool blocked_ = false;
+};
+
+class WakeFifo {
+  public:
+    /// Opens the FIFO for waiting; makes it when it is missing.
+    explicit WakeFifo(const std::filesystem::path& path);
+
+    /// Waits with the given signal mask for a wake-up, or for a second: the queue is then looked at again, for a putter
+    /// may have been killed between its commit and its wake-up.
+    /// @return false when a signal ended the wait
+    bool wait(const sigset_t& mask);
+
+    static void create(const std::filesystem::path& path);
+    /// Wakes whoever waits. Never fails: who is not woken looks again by himself.
+    static void wake(const std::filesystem::path& path);
+
+  private:
+    UniqueFd fd_;
+};
+
+} // namespace kvr
