@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include <fmt/format.h>
+#include <openssl/evp.h>
 
 namespace kvr {
 namespace {
@@ -163,20 +164,11 @@ std::string printable(std::string_view bytes) {
 }
 
 std::string base64(std::string_view bytes) {
-    constexpr std::string_view kDigits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    constexpr unsigned kSixBits = 0x3F;
-    std::string out;
-    out.reserve((bytes.size() + 2) / 3 * 4);
-    for (std::size_t at = 0; at < bytes.size(); at += 3) {
-        const std::size_t have = std::min<std::size_t>(3, bytes.size() - at);
-        unsigned group = 0;
-        for (std::size_t i = 0; i < 3; ++i) {
-            group = (group << 8) | (i < have ? byte_at(bytes, at + i) : 0);
-        }
-        for (std::size_t i = 0; i < 4; ++i) {
-            out += i <= have ? kDigits[(group >> (18 - 6 * i)) & kSixBits] : '=';
-        }
-    }
+    std::string out((bytes.size() + 2) / 3 * 4 + 1, '\0'); // the encoder ends it with a NUL
+    const int length = ::EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
+                                         reinterpret_cast<const unsigned char*>(bytes.data()),
+                                         static_cast<int>(bytes.size())); // a message's data at most
+    out.resize(static_cast<std::size_t>(length));
     return out;
 }
 
