@@ -76,6 +76,7 @@ class Summary : public kvr::FrameSink {
         return pausing_ ? kvr::Flow::kPause : kvr::Flow::kGoOn;
     }
     [[nodiscard]] std::uint64_t sum() const { return sum_; }
+    [[nodiscard]] bool in_message() const { return in_message_; }
 
   private:
     void add(std::uint64_t event, std::span<const char> bytes) {
@@ -103,20 +104,25 @@ struct Outcome {
     bool at_boundary;
 };
 
-Outcome feed(const std::vector<char>& stream, std::size_t piece_size, bool pausing) {
+/// @param first       size of the first piece, at whose end the stream may be cut for ever
+/// @param piece_size  of all others
+Outcome feed(const std::vector<char>& stream, std::size_t first, std::size_t piece_size, bool pausing) {
     kvr::FrameSplitter splitter;
     Summary summary(pausing);
     kvr::FeedEnd end = kvr::FeedEnd::kHungry;
-    for (std::size_t at = 0; at < stream.size(); at += piece_size) {
-        const std::size_t size = std::min(piece_size, stream.size() - at);
+    std::size_t size = 0;
+    for (std::size_t at = 0; at < stream.size(); at += size) {
+        size = std::min(at == 0 ? first : piece_size, stream.size() - at);
         // Memory of its own for each piece shows reads outside; single bytes would only be slow.
         const std::vector<char> copy(stream.begin() + static_cast<std::ptrdiff_t>(at),
-                                     stream.begin() + static_cast<std::ptrdiff_t>(piece_size == 1 ? at : at + size));
-        std::span<const char> input = piece_size == 1 ? std::span(stream).subspan(at, 1) : std::span(copy);
+                                     stream.begin() + static_cast<std::ptrdiff_t>(size == 1 ? at : at + size));
+        std::span<const char> input = size == 1 ? std::span(stream).subspan(at, 1) : std::span(copy);
         do {
             end = splitter.feed(input, summary);
         } while (end == kvr::FeedEnd::kPaused);
         require(end != kvr::FeedEnd::kHungry || input.empty());
+        require(end == kvr::FeedEnd::kBroken || splitter.offset() == at + size);
+        require(end == kvr::FeedEnd::kBroken || !splitter.at_boundary() || !summary.in_message());
         require(splitter.memory() <= 2 * stream.size() + 8192);
     }
     const bool broken = end == kvr::FeedEnd::kBroken;
@@ -129,12 +135,19 @@ Outcome feed(const std::vector<char>& stream, std::size_t piece_size, bool pausi
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    constexpr std::size_t kCutEverywhere = 2048; // longer streams would be slow
     const std::vector<char> stream(data, data + size);
-    const Outcome whole = feed(stream, size + 1, false);
-    for (const std::size_t piece : {std::size_t{1}, std::size_t{74}, 2 + size % 97}) {
-        const Outcome pieces = feed(stream, piece, piece != 1);
+    const Outcome whole = feed(stream, size + 1, size + 1, false);
+    const auto tells_the_same = [&](std::size_t first, std::size_t piece_size, bool pausing) {
+        const Outcome pieces = feed(stream, first, piece_size, pausing);
         require(pieces.sum == whole.sum && pieces.end == whole.end && pieces.offset == whole.offset &&
                 pieces.at_boundary == whole.at_boundary);
+    };
+    for (const std::size_t piece : {std::size_t{1}, std::size_t{74}, 2 + size % 97}) {
+        tells_the_same(piece, piece, piece != 1);
+    }
+    for (std::size_t cut = 1; cut < std::min(size, kCutEverywhere); ++cut) {
+        tells_the_same(cut, size, false);
     }
     return 0;
 }

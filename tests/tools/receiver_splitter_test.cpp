@@ -1,76 +1,33 @@
 // SPDX-License-Identifier: MIT
-// The frame splitter against hand-built streams: what it tells, wherever the stream is cut, and what it refuses.
-#include <numeric>
-
-#include <gtest/gtest.h>
-
-#include <fmt/format.h>
+// The frame splitter: what it refuses, and its greatest package. That it tells the same wherever a stream is cut is the
+// fuzzer's property, which every stream of the corpus is replayed against.
+#include <gmock/gmock.h>
 
 #include "frame_splitter.h"
 #include "receiver_stream.h"
-#include "wire_fields.h"
 
 namespace kvr::test {
 namespace {
 
-/// Writes down frames as lines, with the files and the end of a message in its line.
-class Recorder : public FrameSink {
+class Sink : public FrameSink {
   public:
-    bool on_bind(std::string_view channel) override { return tell(fmt::format("\nbind {}", channel)); }
-    bool on_heartbeat() override { return tell("\nheartbeat"); }
-    bool on_message(const WireMessage& message) override {
-        return tell(fmt::format("\nmessage {} {} '{}' name '{}' files '{}'", message.type, message.queue,
-                                escaped({message.body.data(), message.body.size()}), message.file_name,
-                                fmt::join(message.attachments, "', '")));
-    }
-    bool on_file_begin(std::size_t index, std::uint64_t length) override {
-        return tell(fmt::format(" {} of {}: ", index, length));
-    }
+    bool on_bind(std::string_view /*channel*/) override { return true; }
+    bool on_heartbeat() override { return true; }
+    bool on_message(const WireMessage& /*message*/) override { return true; }
+    bool on_file_begin(std::size_t /*index*/, std::uint64_t /*length*/) override { return true; }
     Flow on_file_bytes(std::span<const char>& bytes) override {
-        tell(std::string(bytes.begin(), bytes.end()));
         bytes = {};
         return Flow::kGoOn;
     }
-    bool on_file_end() override { return tell("."); }
+    bool on_file_end() override { return true; }
     Flow on_message_complete() override {
         ++complete_;
-        tell(" complete");
         return Flow::kGoOn;
     }
-
-    std::string told_;
     int complete_ = 0;
-
-  private:
-    bool tell(const std::string& text) {
-        told_ += text;
-        return true;
-    }
 };
 
-/// Their ends are the only places where nothing is cut.
-const std::vector<std::string> kUnits = {
-    bind_frame("EAST.WEST"),
-    message("Q1", "hello"),
-    heartbeat_frame(),
-    message_with_files("Q2", "with files", {{"a.txt", "first"}, {"bb.dat", "second file"}}),
-    file_message("Q3", {"x.dat", "contents of x"}, 19),
-    heartbeat_frame(),
-    message(std::string(32, 'L'), "")};
 constexpr std::size_t kWhole = 10000000;
-const std::string kSample = std::accumulate(kUnits.begin(), kUnits.end(), std::string());
-
-const std::string kSampleEvents =
-    "\nbind EAST.WEST"
-    "\nmessage 0 Q1 'hello' name '' files '' complete"
-    "\nheartbeat"
-    "\nmessage 0 Q2 'with files' name '' files 'a.txt', 'bb.dat' 0 of 5: first. 1 of 11: second file. complete"
-    "\nmessage 4 Q3 '" +
-    escaped(padded("x.dat", 19)) +
-    "' name 'x.dat' files '' 0 of 13: contents of x. complete"
-    "\nheartbeat"
-    "\nmessage 0 " +
-    std::string(32, 'L') + " '' name '' files '' complete";
 
 /// Feeds pieces of so many bytes, each from memory of its own so that a sanitizer sees a step outside.
 FeedEnd feed(FrameSplitter& splitter, FrameSink& sink, const std::string& stream, std::size_t step = kWhole) {
@@ -82,26 +39,6 @@ FeedEnd feed(FrameSplitter& splitter, FrameSink& sink, const std::string& stream
         end = splitter.feed(input, sink);
     }
     return end;
-}
-
-TEST(FrameSplitter, TellsTheSameWhereverTheStreamIsCutAndCompletesOnlyWholeMessages) {
-    for (std::size_t cut = 0; cut < kSample.size(); ++cut) {
-        SCOPED_TRACE(cut);
-        FrameSplitter splitter;
-        Recorder recorder;
-        ASSERT_EQ(feed(splitter, recorder, kSample.substr(0, cut)), FeedEnd::kHungry);
-        std::size_t start = 0; // of the unit that is cut
-        int complete = 0;
-        for (auto unit = kUnits.begin(); start + unit->size() <= cut; ++unit) {
-            start += unit->size();
-            complete += (*unit)[18] == '0' || (*unit)[18] == '4' ? 1 : 0;
-        }
-        ASSERT_EQ(recorder.complete_, complete);
-        ASSERT_EQ(splitter.at_boundary(), cut == start);
-        ASSERT_EQ(feed(splitter, recorder, kSample.substr(cut), cut % 97 + 1), FeedEnd::kHungry);
-        ASSERT_EQ(recorder.told_, kSampleEvents);
-        ASSERT_EQ(splitter.offset(), kSample.size());
-    }
 }
 
 /// Replaces bytes, so that a case says only what is wrong.
@@ -172,14 +109,12 @@ TEST(FrameSplitter, RefusesABadStreamAtItsOffsetAndForEver) {
         for (const std::size_t step : {bad.stream.size() / 10000 + 1, kWhole}) {
             SCOPED_TRACE(bad.reason);
             FrameSplitter splitter;
-            Recorder recorder;
-            ASSERT_EQ(feed(splitter, recorder, bad.stream, step), FeedEnd::kBroken);
+            Sink sink;
+            ASSERT_EQ(feed(splitter, sink, bad.stream, step), FeedEnd::kBroken);
             EXPECT_EQ(splitter.error().offset, bad.offset);
-            EXPECT_NE(splitter.error().reason.find(bad.reason), std::string::npos) << splitter.error().reason;
-            EXPECT_EQ(recorder.complete_, 0);
-            const std::string before = recorder.told_;
-            EXPECT_EQ(feed(splitter, recorder, bind_frame("A")), FeedEnd::kBroken);
-            EXPECT_EQ(recorder.told_, before);
+            EXPECT_THAT(splitter.error().reason, testing::HasSubstr(bad.reason));
+            EXPECT_EQ(feed(splitter, sink, good), FeedEnd::kBroken);
+            EXPECT_EQ(sink.complete_, 0);
         }
     }
 }
@@ -190,15 +125,15 @@ TEST(FrameSplitter, TakesTheGreatestPackageAndGivesNoMemoryForAnAnnouncement) {
     ASSERT_EQ(package.size(), 2116322U);
     const std::string stream = data(package);
     FrameSplitter splitter;
-    Recorder recorder;
-    ASSERT_EQ(feed(splitter, recorder, stream.substr(0, 300)), FeedEnd::kHungry);
+    Sink sink;
+    ASSERT_EQ(feed(splitter, sink, stream.substr(0, 300)), FeedEnd::kHungry);
     EXPECT_LE(splitter.memory(), 4096U);
-    ASSERT_EQ(feed(splitter, recorder, stream.substr(300)), FeedEnd::kHungry);
+    ASSERT_EQ(feed(splitter, sink, stream.substr(300)), FeedEnd::kHungry);
     for (std::size_t i = 0; i < names.size(); ++i) {
-        EXPECT_EQ(recorder.complete_, 0);
-        ASSERT_EQ(feed(splitter, recorder, file_frame("f")), FeedEnd::kHungry);
+        EXPECT_EQ(sink.complete_, 0);
+        ASSERT_EQ(feed(splitter, sink, file_frame("f")), FeedEnd::kHungry);
     }
-    EXPECT_EQ(recorder.complete_, 1);
+    EXPECT_EQ(sink.complete_, 1);
 }
 
 } // namespace
