@@ -23,7 +23,7 @@ class KvrChannel : public ::testing::Test {
     }
     /// Defines C with no listener at its address.
     void define(const std::string& attributes = "LONGTMR=3600 SHORTRTY=0") {
-        home_.done("define channel C XMITQ=TO.WEST CONNAME=127.0.0.1(1) " + attributes);
+        home_.done("define channel C XMITQ=TO.WEST CONNAME='127.0.0.1(1)' " + attributes);
     }
     [[nodiscard]] std::shared_ptr<Store> store() const { return Store::open(home_.path() / "EAST"); }
     /// Its status and process as recorded.
@@ -119,7 +119,7 @@ TEST_F(KvrChannel, ARunningOneRefusesASecondWorkerAndItsDeletion) {
     EXPECT_THAT(status(), AllOf(HasSubstr(std::to_string(worker.pid()) + " alive"),
                                 HasSubstr("C: RETRYING 127.0.0.1(1), every 3600 s, 1000000 long retries\n"),
                                 Not(HasSubstr("changed since"))));
-    EXPECT_THAT(home_.done("set channel C CONNAME=127.0.0.1(2)"), HasSubstr("kvr stop C"));
+    EXPECT_THAT(home_.done("set channel C CONNAME='127.0.0.1(2)'"), HasSubstr("kvr stop C"));
     home_.done("define queue NEXT");
     home_.done("set channel C XMITQ=NEXT");
     EXPECT_THAT(status(), AllOf(HasSubstr("RETRYING 127.0.0.1(1),"),
@@ -214,11 +214,11 @@ TEST_F(KvrChannel, AnEventThatFailsGivesTheChannelBack) {
     {
         const Peer peer({}, [](PeerConnection& line) { line.read_all(); });
         const auto getter = store()->drain("TO.WEST"); // the channel connects, and its first get fails
-        home_.done("set channel C CONNAME=127.0.0.1(" + std::to_string(peer.port()) + ")");
+        home_.done("set channel C CONNAME='127.0.0.1(" + std::to_string(peer.port()) + ")'");
         EXPECT_EQ(run().code, 1);
         EXPECT_THAT(status(), ContainsRegex(" gone .*C: failed: .* could not go on; .*/log/C.log "));
     }
-    home_.done("set channel C LONGRTY=1000 CONNAME=127.0.0.1(1)");
+    home_.done("set channel C LONGRTY=1000 CONNAME='127.0.0.1(1)'");
     Child worker = running();
     EXPECT_THAT(status(), Not(HasSubstr("failed")));
     home_.done("stop C");

@@ -31,60 +31,43 @@ TEST(KvrUsage, RefusalsChangeNothingAndSayWhatToDo) {
         std::string line;
         const char* says; ///< regular expression within standard error
     } cases[] = {
-        {2, "put Q x --wrong", "--wrong.*see 'kvr put --help'"},
         {2, "create ../EVIL", "letters, digits"},
         {2, "create 'BAD\nNAME'", "BAD\\\\nNAME"},
         {2, "create SMALL --quota 1K", "4M to 4096G"},
-        {2, "-m EAST create WEST", "leave out -m"},
         {2, "define channel N", "has no XMITQ"},
-        {2, channel + "h(70000)", "port"},
+        {2, channel + "'h(70000)'", "port"},
         {2, channel + "h:5301", "write h\\(5301\\)"},
         {2, channel + "999.1.1.1", "no IPv4 address"},
-        {2, channel + "::1(5301)", "IPv4"},
-        {2, channel + "h COLOUR=red", "no attribute 'COLOUR'.*XMITQ"},
-        {2, channel + "h --xmitq Q", "given twice"},
         {2, "define channel " + std::string(64, 'C') + " XMITQ=Q CONNAME=h", "at most 63"},
         {2, "set qmgr KEYPASS=secret", "--keypass-file"},
         {2, "put Q x --data y", "more than one place"},
         {2, "put Q x --dest ''", "destination queue name is empty"},
-        {2, "put Q x --priority high", "--priority.*32 bits"},
         {2, "put Q x --format NINECHARS", "--format.*at most 8"},
-        {2, "put Q x --put-date 2026-1-1", "exactly 8 digits"},
         {2, "put Q x --msgid 0x123", "hexadecimal"},
         {2, "put Q x --flags 4", "--attach"},
         {2, "put Q --size 9-1", "downwards"},
-        {2, "put Q --size 9 --seed -1", "--seed.*0 to 18446744073709551615"},
         {2, "put Q --size 1 --seqno 4", "--seqno"},
         {2, "put Q --size 1 --attach a", "--file-size"},
-        {2, "put Q --file-size 1", "--file-dir"},
         {2, "put Q --file-size 0-9 --file-dir .", "1 to 99,999,999"},
         {2, "get Q --all --out a", "folder"},
         {2, "move Q Q", "same"},
-        {2, "listen --discard --client-cert required", "--client-cert without TLS"},
         {2, "listen --discard --tls --cert a --ca a", "--ca alone checks nobody"},
         {2, "listen --discard --tls --cert a --client-cert optional", "needs a CA file"},
-        {2, "listen --discard --tls --cert a --tls-min 1.3 --tls-max 1.2", "no TLS version"},
         {1, "create EAST", "exists already"},
         {1, "delete qmgr NOQM --yes", "NOQM is no queue manager.*by hand"},
-        {1, "define queue Q", "--replace"},
         {1, "define channel c XMITQ=Q CONNAME=h", "channel 'C' exists already.*--replace"},
-        {1, "set channel C XMITQ=NONE", "kvr define queue NONE"},
         {1, "set channel C XMITQ=DEAD.LETTER.QUEUE", "round for ever"},
         {1, "define channel N XMITQ=DEAD.LETTER.QUEUE CONNAME=h", "round for ever"},
         {1, "set qmgr DEADQ=Q", "round for ever"},
         {1, "set qmgr CERTFILE=/no/such.pem", "/no/such.pem.*CERTFILE.*PEM"},
         {1, "put Q --data-file large --dest D", "at most 2,098,304 bytes after its transmission header"},
-        {1, "put Q --size 2098305 --dest D", "2098305.*at most 2,098,304"},
-        {1, "put Q --file-size 1 --file-dir /no/such", "no folder /no/such"},
         {1, "put Q x --attach empty", "0 bytes.*1 to 99,999,999"},
-        {1, "put Q x --attach .", "regular file"},
         {1, "get Q --out a", "nothing is overwritten"},
         {1, "get BINARY", "no text: take it with --raw"},
         {1, "delete queue Q --purge", "channel 'C': set another one"},
         {1, "delete queue BINARY", "--purge"},
         {1, "delete queue DEAD.LETTER.QUEUE", "DEADQ"},
         {1, "delete qmgr EAST --yes", "--purge"},
-        {1, listen + "--tls --cert /nonexistent", "cannot use the certificate /nonexistent: No such file"},
         {1, listen + "--tls --cert " + encrypted, "encrypted: give .* with --key-pass-file"},
         {1, listen + "--tls --cert " + tls.server.cert_file + " --key " + tls.client.key_file, "cannot use the key"},
     };
@@ -109,12 +92,12 @@ TEST(KvrUsage, OutputThatCannotBeWrittenIsAFailureAndLosesNothing) {
     home.done("put Q --count 3 x");
     for (const char* line : {"show > /dev/full", "browse Q --json > /dev/full", "get Q --raw > /dev/full",
                              "get Q --all > /dev/full", "get Q >&-", "--help > /dev/full"}) {
-        const ProgramResult result = home.shell(std::string("exec $KVR ") + line);
+        const ProgramResult result = home.run(line);
         EXPECT_EQ(result.code, 1) << line;
         EXPECT_THAT(result.err, HasSubstr("the output cannot be written")) << line;
     }
     EXPECT_EQ(home.json("show queue Q")[0]["depth"], 3);
-    EXPECT_THAT(home.shell("$KVR put Q x > /dev/full").err, HasSubstr("done all the same: put 1 message"));
+    EXPECT_THAT(home.run("put Q x > /dev/full").err, HasSubstr("done all the same: put 1 message"));
     home.done("put Q --count 3000 x"); // more output than a pipe holds
     const auto first_line_of = [&home](const std::string& command) {
         return home.shell("{ $KVR " + command + "; echo $? >&2; } | head -n 1").err;
