@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: MIT
+// The receiver ends the connection after every byte of a bind frame, a plain message, one with two attached files and a
+// file message. What was received before the cut is there; of the rest each message is there whole, or lost.
+//
+// One worker meets all cuts. Lines are bad and good in turn: a bad one is cut after so many bytes, the good one behind
+// it is given up by the test once it is idle, which must cost nothing.
+#include <algorithm>
+
+#include "history.h"
+
+namespace kvr::test {
+namespace {
+
+constexpr std::uint64_t kBindFrame = 75 + sizeof(kChannel) - 1;
+constexpr std::uint64_t kQuickCuts = 30;
+
+struct Case {
+    Carrier carrier;
+    const char* option;
+};
+
+class Cuts : public ::testing::TestWithParam<Case> {
+  protected:
+    /// Three messages for a bad line; the bytes on it at the end of each.
+    std::vector<std::uint64_t> put_one_of_each() {
+        std::vector<std::uint64_t> ends;
+        std::uint64_t end = kBindFrame;
+        for (const ProofKind kind : {ProofKind::kData, ProofKind::kAttached, ProofKind::kFile}) {
+            h_.put(1, {100, 100}, kind);
+            end += h_.wire_size_of(h_.last()) + (kind == ProofKind::kFile ? h_.last_files().at(0).size() : 0);
+            ends.push_back(end);
+        }
+        return ends;
+    }
+    void await_connections(std::size_t count) { h_.await_text("journal", "\"event\":\"connect\"", count); }
+
+    History h_{1, GetParam().carrier};
+};
+
+TEST_P(Cuts, AfterEachByteCostNoMoreThanWhatWasOnTheWay) {
+    const std::uint64_t whole = put_one_of_each().back();
+    const bool quick = std::getenv("KVR_BATTERY_SEEDS") == nullptr; // NOLINT(concurrency-mt-unsafe)
+    const std::uint64_t step = quick ? whole / kQuickCuts : 1;
+    h_.relisten({GetParam().option, "1", "--awkward-step", std::to_string(step)});
+    std::size_t cuts = 0;
+    for (std::uint64_t at = 1; at <= whole && !HasFailure(); at += step) {
+        await_connections(2 * cuts + 1);
+        const std::vector<std::uint64_t> ends = put_one_of_each();
+        ++cuts;
+        await_connections(2 * cuts);
+        const Cost cost = h_.rest({.cuts = 1});
+        EXPECT_LE(static_cast<std::ptrdiff_t>(cost.messages),
+                  std::ranges::count_if(ends, [&](std::uint64_t end) { return end > at; }))
+            << "cut after byte " << at << " of " << whole;
+        ::kill(h_.worker->pid(), SIGUSR2);
+    }
+    EXPECT_EQ(h_.since("out", "on purpose after"), cuts);
+    RecordProperty("cuts", std::to_string(cuts));
+}
+
+INSTANTIATE_TEST_SUITE_P(Ends, Cuts,
+                         ::testing::Values(Case{Carrier::kPlain, "--close-after"},
+                                           Case{Carrier::kPlain, "--reset-after"},
+                                           Case{Carrier::kTls13, "--close-after"},
+                                           Case{Carrier::kTls13, "--reset-after"}),
+                         [](const auto& test) {
+                             return std::string(carrier_name(test.param.carrier)) +
+                                    (std::string(test.param.option) == "--reset-after" ? "Reset" : "Closed");
+                         });
+
+} // namespace
+} // namespace kvr::test

@@ -1,0 +1,243 @@
+// SPDX-License-Identifier: MIT
+// Cases at the edge of what the field can be brought to, each with an outcome of its own: room for the creation of a
+// queue manager, disks that fail at one moment, files and names at their limits.
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "history.h"
+#include "raw_line.h"
+#include "tools/receiver_stream.h"
+#include "xmit_header.h"
+
+namespace kvr::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+class Edges : public ::testing::Test {
+  protected:
+    void await_said(const std::string& text) {
+        await("the listener to say " + text, [&] { return field_.count("out", text) > 0; });
+    }
+    static void end(Child& listener, int status) {
+        ::kill(listener.pid(), SIGTERM);
+        EXPECT_EQ(listener.result(), status);
+    }
+
+    Field field_{Carrier::kPlain, false};
+};
+
+// However little room there is, a queue manager is made whole or not at all; and an opening takes the blocks that LMDB
+// would take by storing to a hole, from the reserve if need be.
+TEST_F(Edges, AFullDiskAtTheCreationAndTheOpening) {
+    const Disk& disk = field_.senders_disk();
+    if (!disk.mounted()) {
+        GTEST_SKIP() << "no file system can be mounted here";
+    }
+    const fs::path folder = field_.qmgr(kSender).parent_path();
+    const auto kvr = [&](Words words) {
+        words.insert(words.begin(), {"--home", folder.native(), "--qmgr", "FULL"});
+        return field_.start(words).result();
+    };
+    int result = 1;
+    for (std::uint64_t room = 4096; result != 0 && !HasFailure(); room += 20'000) {
+        disk.leave(room);
+        result = kvr({"create", "FULL"});
+        EXPECT_TRUE(result == 0 || field_.count("out", "No space left on device") > 0);
+        EXPECT_EQ(fs::exists(folder / "FULL"), result == 0);
+    }
+    disk.give_back(); // for the reserve, which the creation may have used up
+    EXPECT_EQ(kvr({"put", kDeadQueue, "x"}), 0);
+    const fs::path readers = folder / "FULL" / "store" / "lock.mdb";
+    const auto size = fs::file_size(readers);
+    fs::resize_file(readers, 0);
+    fs::resize_file(readers, size);
+    disk.leave(0);
+    EXPECT_EQ(kvr({"status"}), 0);
+    struct stat info {};
+    ASSERT_EQ(::stat(readers.c_str(), &info), 0);
+    EXPECT_GE(static_cast<std::uint64_t>(info.st_blocks) * 512, size);
+}
+
+// Where nobody else has the store open, a write is seen to be done, and is not durable.
+TEST_F(Edges, AHeadPageThatIsWrittenInNeitherOfTwoTries) {
+    const auto kvr = [&](Words words) {
+        words.insert(words.begin(), {"--home", field_.home().native(), "--qmgr", "LONE"});
+        return field_.start(words).result();
+    };
+    EXPECT_EQ(kvr({"create", "LONE"}), 0);
+    field_.trouble("other", "again");
+    EXPECT_EQ(kvr({"define", "queue", "Q"}), 1);
+    EXPECT_EQ(field_.count("out", "happened is not known"), 1U);
+}
+
+TEST_F(Edges, AMessageWhoseFileWasGivenUpAtAStopIsNotDelivered) {
+    Child listener = field_.listen();
+    const RawLine line(field_.port());
+    const std::string stream = bind_frame("C") + message_with_files(kTarget, "body", {{"a", "xyz"}});
+    ASSERT_TRUE(line.send(stream.substr(0, stream.size() - 1)));
+    await("the file", [&] { return !fs::is_empty(field_.spool() / ".incoming"); });
+    ::kill(listener.pid(), SIGTERM);
+    await_said("stopping");
+    field_.trouble("listener", "fsync 5 1 2500"); // longer than the stop waits for the line
+    ASSERT_TRUE(line.send(stream.substr(stream.size() - 1)));
+    await_said("lost");
+    field_.trouble("listener", "");
+    EXPECT_EQ(listener.result(), 1);
+    EXPECT_EQ(field_.arrived(), 0U);
+}
+
+TEST_F(Edges, AFileThatCannotBeSyncedHoldsTheNextOneBack) {
+    Child listener = field_.listen();
+    const RawLine line(field_.port());
+    field_.trouble("listener", "fsync 5 1");
+    ASSERT_TRUE(line.send(bind_frame("C") + message_with_files(kTarget, "", {{"a", "x"}, {"b", "y"}, {"c", "z"}})));
+    await_said("cannot store a file [5:");
+    EXPECT_LE(names_in(field_.spool() / ".incoming").size(), 2U); // and its copy
+    field_.trouble("listener", "");
+    await("the message", [&] { return field_.arrived() == 1; });
+    end(listener, 0);
+}
+
+TEST_F(Edges, OneSendersFilesLeaveOthersTheirTurn) {
+    constexpr std::size_t kFiles = 100;
+    field_.trouble("listener", "fsync 0 1 2");
+    Child listener = field_.listen();
+    const RawLine flood(field_.port());
+    const RawLine other(field_.port());
+    ASSERT_TRUE(flood.send(bind_frame("FLOOD")) && other.send(bind_frame("OTHER")));
+    await("the binds", [&] { return field_.journalled("bind") == 2; });
+    ::kill(listener.pid(), SIGSTOP); // all of it is there when it looks again
+    std::string stream;
+    for (std::size_t i = 0; i < kFiles; ++i) {
+        stream += file_message(kTarget, {"f", "x"}, 1);
+    }
+    ASSERT_TRUE(flood.offer(stream) && other.offer(message(kTarget, "mine")));
+    ::kill(listener.pid(), SIGCONT);
+    await("all messages", [&] { return field_.arrived() == kFiles + 1; });
+    const std::string journal = field_.text("journal");
+    EXPECT_LT(journal.find(R"("channel":"OTHER","queue")"), journal.rfind(R"("channel":"FLOOD","queue")"));
+    end(listener, 0);
+}
+
+TEST_F(Edges, ASpoolThatCannotKeepFilesIsRefusedAtOnce) {
+    for (const auto& [trouble, reason] : {std::pair("linkat 95 1", "[95:"), std::pair("fsync 5 1", "[5:")}) {
+        field_.trouble("listener", trouble);
+        Child listener = field_.start(
+            kReceiver, {"listen", "--bind", "127.0.0.1", "--port", "0", "--spool", field_.spool().native()},
+            "listener");
+        EXPECT_EQ(listener.result(), 1);
+        EXPECT_EQ(field_.count("out", reason), 1U);
+    }
+}
+
+// What becomes of each kind of name is the spool's own test; here the whole listener meets them.
+TEST_F(Edges, HostileNamesStayBelowTheSpool) {
+    Child listener = field_.listen();
+    const fs::path victim = field_.home() / "victim";
+    std::ofstream(victim) << "untouched";
+    fs::create_symlink(victim, field_.spool() / "link");
+    const fs::path escaped = field_.home() / "escaped";
+    const std::string names[] = {"..",        "../victim", escaped.native(),   "link",
+                                 ".incoming", "a\nb",      "\x1b]0;title\x07", std::string(511, 'x')};
+    const RawLine line(field_.port());
+    ASSERT_TRUE(line.send(bind_frame("HOSTILE")));
+    for (const std::string& name : names) {
+        ASSERT_TRUE(line.send(message_with_files(kTarget, "m", {{name, "attached"}, {name, "twice"}})));
+        ASSERT_TRUE(line.send(file_message(kTarget, {name, "own"}, name.size() + 40)));
+    }
+    await("all messages", [&] { return field_.arrived() == 2 * std::size(names); });
+    EXPECT_EQ(contents(victim), "untouched");
+    EXPECT_FALSE(fs::exists(escaped));
+    EXPECT_EQ(std::ranges::count_if(fs::directory_iterator(field_.spool()),
+                                    [](const auto& entry) { return entry.is_regular_file() && !entry.is_symlink(); }),
+              3 * static_cast<std::ptrdiff_t>(std::size(names)));
+    EXPECT_TRUE(std::ranges::all_of(field_.text("journal") + field_.text("out"),
+                                    [](unsigned char byte) { return byte == '\n' || byte >= 0x20; }));
+}
+
+class Limits : public ::testing::Test {
+  protected:
+    static constexpr std::uint64_t kLargest = 99'999'999;
+
+    /// A file message of a file with this name and size, most of it a hole.
+    std::string make_file(const fs::path& folder, const std::string& name, std::uint64_t size) {
+        fs::create_directories(folder);
+        std::ofstream(folder / name) << std::string(std::min<std::uint64_t>(size, 1000), 'f');
+        fs::resize_file(folder / name, size);
+        return (folder / name).native();
+    }
+    void put(const Words& attachments) {
+        const std::string data = xmit_header({kTarget, kReceiver}) + "data";
+        T_KAVRO_MD descriptor{};
+        std::memcpy(descriptor.sStrucId, "MD  ", sizeof(descriptor.sStrucId));
+        descriptor.iVersion = 2;
+        descriptor.cMsgStoreType = KVR_STORE_DATA;
+        field_.sender().put(kXmitQueue, OutgoingMessage{&descriptor, attachments, data});
+    }
+    void await_drained() {
+        await("an empty queue", [&] { return field_.depth() == 0; });
+    }
+
+    Field field_;
+};
+
+TEST_F(Limits, OfSizesAndNamesOfFiles) {
+    struct Case {
+        std::string name;
+        std::uint64_t size;
+        bool arrives;
+    };
+    const Case cases[] = {{"empty", 0, false},
+                          {"below a chunk", 10239, true},
+                          {"chunk", 10240, true},
+                          {"above a chunk", 10241, true},
+                          {"largest", kLargest, true},
+                          {"too large", kLargest + 1, false},
+                          {std::string(255, 'n'), 7, true}, // 511 bytes of path
+                          {"\xff\xfe latin \xe4", 7, true},
+                          {"%s%n%2e%2e", 7, true}};
+    Child listener = field_.listen();
+    Child worker = field_.run_channel();
+    const fs::path deep = field_.home() / std::string(511 - 256 - field_.home().native().size() - 1, 'd');
+    std::uint64_t arrivals = 0;
+    std::uint64_t dead = 0;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string path = make_file(deep, c.name, c.size);
+        put({path});
+        ++(c.arrives ? arrivals : dead);
+        await("its end", [&] { return field_.arrived() + field_.depth(kDeadQueue) == arrivals + dead; });
+        EXPECT_EQ(field_.arrived(), arrivals);
+        const auto names = names_in(field_.spool());
+        ASSERT_EQ(names.size(), c.arrives ? 2U : 1U); // and the folder for unfinished ones
+        if (c.arrives) {
+            const fs::path there = field_.spool() / (*names.begin() == ".incoming" ? *names.rbegin() : *names.begin());
+            EXPECT_TRUE(contents(there) == contents(path));
+            fs::remove(there);
+        }
+    }
+}
+
+// More bytes than an int can count: sent once, and taken for sent.
+TEST_F(Limits, ThirtyOfTheLargestFilesCountAsSent) {
+    if (std::getenv("KVR_BATTERY_SEEDS") == nullptr) { // NOLINT(concurrency-mt-unsafe)
+        GTEST_SKIP() << "three gigabytes: in the slow group";
+    }
+    Child listener = field_.listen({"--discard"});
+    put(Words(KVR_ACC_MAX, make_file(field_.home() / "files", "largest", kLargest)));
+    Child worker = field_.run_channel();
+    await("the send", [&] { return field_.count("log", "send data[2147483647] success.") == 1; });
+    await_drained();
+    EXPECT_EQ(worker.result_under(SIGTERM), 0);
+    await("the message", [&] { return field_.journalled("end") == 1; });
+    EXPECT_EQ(field_.count("journal", "\"length\":99999999"), static_cast<std::size_t>(KVR_ACC_MAX));
+    EXPECT_EQ(field_.depth(kDeadQueue), 0U);
+}
+
+} // namespace
+} // namespace kvr::test

@@ -1,0 +1,138 @@
+// SPDX-License-Identifier: MIT
+// One history of a channel: numbered messages under load while faults are made, and the judge over all that came of it.
+//
+// A rest judges what was put since the rest before: each message has arrived whole and in order, is a dead letter, or
+// is one of a run that a cut may have cost. It also judges both processes: descriptors, children, memory, status.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "field.h"
+#include "proof.h"
+
+namespace kvr::test {
+
+/// What a fault may cost at most, and what was spent.
+struct Cost {
+    std::size_t cuts = 0; ///< runs of lost messages, none longer than what two ends can buffer
+    std::size_t repeats = 0;
+    std::size_t dead = 0;     ///< dead letters
+    bool leftovers = false;   ///< files in the spool without a message
+    std::size_t messages = 0; ///< spent only: lost ones
+    std::uint64_t bytes = 0;  ///< spent only: of the longest run
+};
+
+class History {
+  public:
+    /// `exact`: nothing is preloaded, and the memory of the processes, which a sanitizer may watch, is not judged.
+    History(std::uint64_t seed, Carrier carrier, bool exact = false);
+
+    Field field;
+    std::optional<Child> listener;
+    std::optional<Child> worker;
+
+    /// A number below this one, by the seed.
+    std::uint64_t below(std::uint64_t bound);
+    template <class List>
+    const auto& one_of(const List& list) {
+        return *(std::begin(list) + below(std::size(list)));
+    }
+    void pause_up_to(std::uint64_t microseconds);
+
+    /// Puts messages of any kind, or of one.
+    void put(std::size_t count, SizeRange size = {0, 20'000}, std::optional<ProofKind> kind = {});
+    /// More messages of the greatest size than the buffers between two ends can hold, so many times.
+    void put_too_much(std::size_t times = 1);
+    /// Messages put so far.
+    [[nodiscard]] std::uint32_t last() const { return static_cast<std::uint32_t>(plans_.size()); }
+    [[nodiscard]] std::filesystem::path files() const { return field.home() / "files"; }
+    /// Bytes that a message takes on the wire; of a file message without the path of its file.
+    [[nodiscard]] std::uint64_t wire_size_of(std::uint32_t number) const {
+        return wire_size(plans_[number - 1], number);
+    }
+    /// The files of the last message.
+    [[nodiscard]] const std::vector<std::string>& last_files() const { return last_files_; }
+
+    void listen(const Words& options = {});
+    /// Ends the listener at rest, when that costs nothing, and starts it with other options: it says anew what it has
+    /// said before.
+    void relisten(const Words& options = {});
+    /// Its status says whether it told of losses; what is lost is judged by the messages.
+    void end_listener();
+    /// Starts the worker and waits until its channel runs.
+    void run();
+    /// Stops the worker by one SIGTERM, and looks what it leaves.
+    void stop();
+    /// Kills one of them, which may have ended by itself with status 0.
+    static void kill(std::optional<Child>& child);
+    [[nodiscard]] std::vector<pid_t> watchers() const { return children_of(worker->pid()); }
+
+    /// Says whether the step cannot be made where this runs.
+    bool skips(bool impossible) { return skipped_ = impossible; }
+    [[nodiscard]] bool skipped() const { return skipped_; }
+    void begin_step();
+    /// Texts count from here on.
+    void mark();
+    /// Waits for a text in a file of the field, written since the mark.
+    void await_text(const char* file, const std::string& text, std::size_t times = 1);
+    [[nodiscard]] std::size_t since(const char* file, const std::string& text) const;
+    void forget(const char* file) { marks_[file] = 0; } ///< a new one has taken its place
+
+    /// Waits until the queue is empty and its last message has arrived.
+    void settle();
+    void quiet() { settle(), mark(); }
+    /// Settles, and judges. Returns what was spent since the last rest.
+    Cost rest(const Cost& allowed);
+    /// The end of the history: everything stops and leaves nothing.
+    void finish();
+
+    /// Runs some work and expects the same descriptors and hardly more memory of the worker afterwards.
+    void expect_no_growth(const std::function<void()>& work);
+
+  private:
+    void collect();
+    [[nodiscard]] Cost spent();
+    void judge_processes();
+    void expect_no_leftovers() const;
+
+    bool exact_;
+    std::uint64_t seed_;
+    std::uint64_t state_;
+    std::vector<ProofPlan> plans_; ///< by number - 1
+    std::vector<std::string> last_files_;
+    std::map<std::string, std::size_t> marks_;
+    ProofCheck arrived_;
+    ProofCheck dead_;
+    std::uint64_t next_arrived_ = 0;
+    std::uint64_t next_dead_ = 0;
+    std::set<std::string> files_arrived_;
+    std::uint32_t judged_ = 0;
+    Cost before_; ///< sums at the last rest
+    bool leftovers_ = false;
+    bool skipped_ = false;
+    std::size_t listener_from_ = 0; ///< where its words begin
+    std::size_t descriptors_of_worker_ = 0;
+    std::size_t descriptors_of_listener_ = 0;
+    std::uint64_t memory_of_worker_ = 0;
+};
+
+/// A way in which something can go wrong.
+struct Fault {
+    enum class Carriers { kAny, kPlain, kTls };
+    const char* name;
+    Cost cost;
+    Carriers carriers;
+    /// Makes it while the channel runs, sees it happen, and leaves the channel able to go on.
+    void (*make)(History&);
+};
+
+std::vector<Fault> faults_of_lines();
+std::vector<Fault> faults_of_disks();
+std::vector<Fault> faults_of_processes();
+std::vector<Fault> faults_of_stops();
+
+} // namespace kvr::test
