@@ -73,6 +73,24 @@ constexpr std::array<AttrSpec, 16> kStatus{{
     {"LOG", kPathRoom, AttrKind::kPath, 0, 0, "", "", "log of the process that failed; empty: standard error"},
 }};
 
+/// Whether what these attributes may hold fits the channel's buffers of that size, with its NUL.
+template <std::size_t N>
+constexpr bool fit(const std::array<AttrSpec, N>& attrs, std::size_t buffer,
+                   std::initializer_list<std::string_view> names) {
+    for (const std::string_view name : names) {
+        const auto* const spec =
+            std::find_if(attrs.begin(), attrs.end(), [&](const auto& a) { return a.name == name; });
+        if (spec == attrs.end() || spec->max_length + 1 > buffer) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(fit(kChannel, 256, {"CHLTYPE", "HBINT", "SSLCAUTH", "LONGRTY", "CONNAME"}));
+static_assert(fit(kChannel, 64, {"DISCINT", "LONGTMR", "SHORTRTY", "SHORTTMR"}) && fit(kChannel, 33, {"XMITQ"}));
+static_assert(fit(kQmgr, 256, {"CAFILE", "CERTFILE", "KEYFILE"}) && fit(kQmgr, 64, {"KEYPASS"}));
+static_assert(fit(kQmgr, 33, {"DEADQ"}) && fit(kStatus, 256, {"PID", "STATUS"}));
+
 constexpr std::array<ClassSpec, 3> kClasses{{{"CHL", kChannel}, {"QMGR", kQmgr}, {"CHS", kStatus}}};
 
 const AttrSpec& require_attr(std::string_view cls, std::string_view attr) {

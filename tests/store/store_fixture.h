@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// A queue manager in a folder of its own with the queues Q and DEAD, and what the store's tests do with it.
+// A queue manager in a folder of its own with the queues Q and DEAD, on each engine in turn, and what the store's tests
+// do with it.
 #pragma once
 
 #include <cstring>
@@ -7,10 +8,13 @@
 #include <gmock/gmock.h>
 
 #include "host/children.h"
-#include "store.h"
+#include "store/store.h"
 #include "support/folder.h"
 
 namespace kvr {
+
+/// Runs a suite over every engine, case by case the same.
+#define KVR_OVER_EVERY_ENGINE(suite) INSTANTIATE_TEST_SUITE_P(Engine, suite, testing::Values("lmdb"))
 
 inline T_KAVRO_MD blank_descriptor() {
     T_KAVRO_MD descriptor{};
@@ -20,16 +24,20 @@ inline T_KAVRO_MD blank_descriptor() {
     return descriptor;
 }
 
-/// The code of the error that `work` throws, with a text; Errc{} for none.
+/// The error that `work` throws: its code and text; Errc{} for none.
 template <class Work>
-Errc code_of(Work work) {
+std::pair<Errc, std::string> error_of(Work work) {
     try {
         static_cast<void>(work());
     } catch (const Error& error) {
         EXPECT_STRNE(error.what(), "");
-        return error.code();
+        return {error.code(), error.what()};
     }
-    return Errc{};
+    return {};
+}
+template <class Work>
+Errc code_of(Work work) {
+    return error_of(work).first;
 }
 
 /// The next message's text, "-" for none.
@@ -40,27 +48,25 @@ inline std::string take(Getter& getter, bool wait = false) {
     return length < 0 ? "-" : std::string(buffer.data(), static_cast<std::size_t>(length));
 }
 
+/// With the default engine; a suite over every engine names the one that it runs on.
 class StoreTest : public testing::Test {
   protected:
     using Texts = std::vector<std::string>;
 
-    StoreTest() { make_store({}); }
+    explicit StoreTest(std::string engine = {}) : engine_(std::move(engine)) { make_store({}); }
 
     /// Without waiting for the disk: what survives kill -9 is the same, and it is what these tests look at.
     void make_store(Settings settings) {
         store_.reset();
         std::filesystem::remove_all(dir_);
         settings["sync"] = "off";
-        Store::create(dir_, "QM", settings);
+        Store::create(dir_, "QM", settings, engine_);
         store_ = Store::open(dir_);
         store_->queue_define("Q", "");
         store_->queue_define("DEAD", "");
     }
     Errc put(const std::string& text, const Texts& files = {}, const std::string& queue = "Q") {
-        return code_of([&] {
-            store_->put(queue, OutgoingMessage{&descriptor_, files, text});
-            return 0;
-        });
+        return code_of([&] { return store_->put(queue, OutgoingMessage{&descriptor_, files, text}), 0; });
     }
     /// Puts "first", "first + 1", ... all at once.
     void put_numbers(int first, int count) {
@@ -93,10 +99,25 @@ class StoreTest : public testing::Test {
         return texts;
     }
 
+    /// Another process: `store_` is its own in `work`, whose result it ends with.
+    test::Child fork_user(const std::function<int()>& work) {
+        return test::Child::fork_off([&] {
+            static_cast<void>(new auto(std::exchange(store_, nullptr))); // its parent's: not to be closed here
+            store_ = Store::open(dir_);
+            return work();
+        });
+    }
+
+    const std::string engine_;
     const T_KAVRO_MD descriptor_ = blank_descriptor();
     test::TemporaryFolder folder_;
     std::filesystem::path dir_ = folder_.path() / "QM";
     std::shared_ptr<Store> store_;
+};
+
+class EngineTest : public StoreTest, public testing::WithParamInterface<const char*> {
+  protected:
+    EngineTest() : StoreTest(GetParam()) {}
 };
 
 } // namespace kvr

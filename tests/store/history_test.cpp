@@ -1,0 +1,122 @@
+// SPDX-License-Identifier: MIT
+// What becomes of messages, as histories of the queue Q and its drainer. A step is a word and what belongs to it:
+//   put FIRST COUNT, take TEXT... (- for none), takes FIRST COUNT       hold, release COUNT, back, skip, commit, close
+//   instead QUEUE (a dead-letter put), move COUNT (of 3, to DEAD)       not_found|too_large|invalid STEP: its error
+//   shown TEXT..., dead TEXT... (on DEAD; ! held, * in hand), depth COUNT
+#include <sstream>
+
+#include "store_fixture.h"
+
+namespace kvr {
+namespace {
+
+/// The steps of `killed` are those of a process that is killed after them.
+struct History {
+    const char* before;
+    const char* killed;
+    const char* after;
+};
+
+class HistoryTest : public EngineTest {
+  protected:
+    void run(const std::string& steps) {
+        std::istringstream lines(steps);
+        for (std::string line; std::getline(lines >> std::ws, line, ',') && !HasFailure();) {
+            std::istringstream words(line);
+            step({std::istream_iterator<std::string>(words), {}});
+            EXPECT_FALSE(HasFailure()) << line;
+        }
+    }
+    void run_killed(const std::string& steps) {
+        test::Child child = fork_user([&] { return run(steps), HasFailure() ? 1 : ::raise(SIGKILL); });
+        EXPECT_EQ(child.result(), -SIGKILL);
+    }
+    void step(Texts words) {
+        const std::string word = words.front();
+        words.erase(words.begin());
+        if (const auto code = codes_.find(word); code != codes_.end()) {
+            EXPECT_EQ(code_of([&] { return step(words), 0; }), code->second);
+        } else {
+            steps_.at(word)(words);
+        }
+    }
+    Getter& getter() {
+        getter_ = getter_ ? std::move(getter_) : store_->drain("Q");
+        return *getter_;
+    }
+    void expect_taken(int first, int count) {
+        for (int i = first; i < first + count; ++i) {
+            ASSERT_EQ(take(getter()), std::to_string(i));
+        }
+    }
+    static std::string moved(std::string_view text) {
+        return text == "5" ? throw Error(Errc::kTooLarge, "refused") : "m" + std::string(text);
+    }
+    void expect_depth(std::size_t depth) {
+        EXPECT_EQ(store_->queue_info("Q").depth, depth);
+        EXPECT_EQ(shown().size(), depth);
+    }
+
+    const std::map<std::string, Errc> codes_{
+        {"not_found", Errc::kNotFound}, {"too_large", Errc::kTooLarge}, {"invalid", Errc::kInvalid}};
+    const OutgoingMessage dead_{&descriptor_, {}, std::string_view("dead")};
+    const std::map<std::string, std::function<void(const Texts&)>> steps_{
+        {"put", [&](const Texts& words) { put_numbers(std::stoi(words.at(0)), std::stoi(words.at(1))); }},
+        {"takes", [&](const Texts& words) { expect_taken(std::stoi(words.at(0)), std::stoi(words.at(1))); }},
+        {"take",
+         [&](const Texts& words) {
+             for (auto& text : words) {
+                 EXPECT_EQ(take(getter()), text);
+             }
+         }},
+        {"shown", [&](const Texts& words) { EXPECT_EQ(shown(), words); }},
+        {"dead", [&](const Texts& words) { EXPECT_EQ(shown("DEAD"), words); }},
+        {"depth", [&](const Texts& words) { expect_depth(std::stoul(words.at(0))); }},
+        {"release", [&](const Texts& words) { EXPECT_EQ(store_->release_held("Q"), std::stoul(words.at(0))); }},
+        {"move",
+         [&](const Texts& words) { EXPECT_EQ(getter().move_group("DEAD", 3, moved), std::stoul(words.at(0))); }},
+        {"instead", [&](const Texts& words) { getter().put_instead(words.at(0), dead_); }},
+        {"hold", [&](const Texts& /*none*/) { getter().hold("test"); }},
+        {"back", [&](const Texts& /*none*/) { getter().rollback(); }},
+        {"skip", [&](const Texts& /*none*/) { getter().skip(); }},
+        {"commit", [&](const Texts& /*none*/) { getter().commit(); }},
+        {"close", [&](const Texts& /*none*/) { getter_.reset(); }}};
+    std::unique_ptr<Getter> getter_;
+};
+
+constexpr History kHistories[] = {
+    {"put 1 3, take 1, shown 1* 2 3, take 2, shown 2* 3, depth 2, back, take 2, close, take 2 3 -, depth 0", "", ""},
+    {"put 1 4, take 1 2, skip, take 3 4 -, shown 2, close, take 2 -", "", ""},
+    {"put 1 4, take 1 2, instead DEAD, shown 3 4, dead dead, take 3, not_found instead NONE, shown 3! 4", "", ""},
+    {"put 1 3, take 1, hold, take 2, instead Q, shown 1! 3 dead, depth 3, invalid instead DEAD", "", ""},
+    // A move passes held messages and ends before one that is refused.
+    {"put 1 6, take 1 2, hold, move 2, too_large move 0, release 1, move 1, shown 5 6, dead m3 m4 m2", "", ""},
+    {"put 1 2, take 1, invalid move 0, shown 1* 2", "", ""},
+    // Released ones stand where they stood, behind a drainer in the middle of a group or before it, and an idle drainer
+    // looks for them, too.
+    {"put 1 9, take 1, hold, take 2 3, release 1, take 4, hold, take 1 5 6, release 1, shown 4 6* 7 8 9, commit", "",
+     "take 4 7 8, hold, take 9 -, release 1, take 8 -, shown"},
+    // At the edges of a group, of 512.
+    {"put 0 1100", "takes 0 1", "depth 1100, takes 0 1100, take -"},
+    {"put 0 1100", "takes 0 512", "depth 589, takes 511 589, take -"},
+    {"put 0 1100", "takes 0 513", "depth 588, takes 512 588, take -"},
+    {"put 0 1100", "takes 0 1100", "depth 1, take 1099 -"},
+    {"put 0 700", "takes 0 600, commit", "depth 100, takes 600 100, take -"},
+    {"put 0 700", "takes 0 600, hold", "depth 101, takes 600 100, take -, release 1, take 599 -"},
+    {"put 0 700", "takes 0 600, instead DEAD", "depth 100, dead dead, takes 600 100, take -"},
+};
+
+TEST_P(HistoryTest, GoesAsItShould) {
+    for (const History& history : kHistories) {
+        SCOPED_TRACE(std::string(history.before) + " | " + history.killed + " | " + history.after);
+        getter_.reset();
+        make_store({});
+        run(history.before);
+        run_killed(history.killed);
+        run(history.after);
+    }
+}
+KVR_OVER_EVERY_ENGINE(HistoryTest);
+
+} // namespace
+} // namespace kvr
