@@ -87,6 +87,14 @@ class Child {
     pid_t pid_;
 };
 
+/// Blocks or unblocks a signal.
+inline void mask_signal(int how, int signal) {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, signal);
+    pthread_sigmask(how, &set, nullptr);
+}
+
 /// Waits until a child has stopped.
 inline void await_stopped(const Child& child) {
     siginfo_t how{};

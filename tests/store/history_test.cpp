@@ -31,6 +31,9 @@ class HistoryTest : public EngineTest {
         test::Child child = fork_user([&] { return run(steps), HasFailure() ? 1 : ::raise(SIGKILL); });
         EXPECT_EQ(child.result(), -SIGKILL);
     }
+    std::unique_ptr<Getter> getter_;
+
+  private:
     void step(Texts words) {
         const std::string word = words.front();
         words.erase(words.begin());
@@ -44,44 +47,40 @@ class HistoryTest : public EngineTest {
         getter_ = getter_ ? std::move(getter_) : store_->drain("Q");
         return *getter_;
     }
-    void expect_taken(int first, int count) {
-        for (int i = first; i < first + count; ++i) {
-            ASSERT_EQ(take(getter()), std::to_string(i));
+    void expect_taken(const Texts& texts) {
+        for (const std::string& text : texts) {
+            ASSERT_EQ(take(getter()), text);
         }
+    }
+    static Texts numbers(const Texts& first_and_count) {
+        Texts texts(std::stoul(first_and_count.at(1)));
+        for (int at = std::stoi(first_and_count.at(0)); std::string & text : texts) {
+            text = std::to_string(at++);
+        }
+        return texts;
     }
     static std::string moved(std::string_view text) {
         return text == "5" ? throw Error(Errc::kTooLarge, "refused") : "m" + std::string(text);
-    }
-    void expect_depth(std::size_t depth) {
-        EXPECT_EQ(store_->queue_info("Q").depth, depth);
-        EXPECT_EQ(shown().size(), depth);
     }
 
     const std::map<std::string, Errc> codes_{
         {"not_found", Errc::kNotFound}, {"too_large", Errc::kTooLarge}, {"invalid", Errc::kInvalid}};
     const OutgoingMessage dead_{&descriptor_, {}, std::string_view("dead")};
     const std::map<std::string, std::function<void(const Texts&)>> steps_{
-        {"put", [&](const Texts& words) { put_numbers(std::stoi(words.at(0)), std::stoi(words.at(1))); }},
-        {"takes", [&](const Texts& words) { expect_taken(std::stoi(words.at(0)), std::stoi(words.at(1))); }},
-        {"take",
-         [&](const Texts& words) {
-             for (auto& text : words) {
-                 EXPECT_EQ(take(getter()), text);
-             }
-         }},
+        {"put", [&](const Texts& words) { put_all(numbers(words)); }},
+        {"takes", [&](const Texts& words) { expect_taken(numbers(words)); }},
+        {"take", [&](const Texts& words) { expect_taken(words); }},
         {"shown", [&](const Texts& words) { EXPECT_EQ(shown(), words); }},
         {"dead", [&](const Texts& words) { EXPECT_EQ(shown("DEAD"), words); }},
-        {"depth", [&](const Texts& words) { expect_depth(std::stoul(words.at(0))); }},
-        {"release", [&](const Texts& words) { EXPECT_EQ(store_->release_held("Q"), std::stoul(words.at(0))); }},
-        {"move",
-         [&](const Texts& words) { EXPECT_EQ(getter().move_group("DEAD", 3, moved), std::stoul(words.at(0))); }},
+        {"depth", [&](const Texts& words) { EXPECT_EQ(std::to_string(store_->queue_info("Q").depth), words.at(0)); }},
+        {"release", [&](const Texts& words) { EXPECT_EQ(std::to_string(store_->release_held("Q")), words.at(0)); }},
+        {"move", [&](auto& words) { EXPECT_EQ(getter().move_group("DEAD", 3, moved), std::stoul(words.at(0))); }},
         {"instead", [&](const Texts& words) { getter().put_instead(words.at(0), dead_); }},
         {"hold", [&](const Texts& /*none*/) { getter().hold("test"); }},
         {"back", [&](const Texts& /*none*/) { getter().rollback(); }},
         {"skip", [&](const Texts& /*none*/) { getter().skip(); }},
         {"commit", [&](const Texts& /*none*/) { getter().commit(); }},
         {"close", [&](const Texts& /*none*/) { getter_.reset(); }}};
-    std::unique_ptr<Getter> getter_;
 };
 
 constexpr History kHistories[] = {

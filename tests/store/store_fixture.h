@@ -24,20 +24,19 @@ inline T_KAVRO_MD blank_descriptor() {
     return descriptor;
 }
 
-/// The error that `work` throws: its code and text; Errc{} for none.
+/// The code of the error that `work` throws, and its text; Errc{} and nothing for none.
 template <class Work>
-std::pair<Errc, std::string> error_of(Work work) {
+Errc code_of(Work work, std::string* text = nullptr) {
     try {
         static_cast<void>(work());
     } catch (const Error& error) {
         EXPECT_STRNE(error.what(), "");
-        return {error.code(), error.what()};
+        if (text != nullptr) {
+            *text = error.what();
+        }
+        return error.code();
     }
-    return {};
-}
-template <class Work>
-Errc code_of(Work work) {
-    return error_of(work).first;
+    return Errc{};
 }
 
 /// The next message's text, "-" for none.
@@ -68,17 +67,13 @@ class StoreTest : public testing::Test {
     Errc put(const std::string& text, const Texts& files = {}, const std::string& queue = "Q") {
         return code_of([&] { return store_->put(queue, OutgoingMessage{&descriptor_, files, text}), 0; });
     }
-    /// Puts "first", "first + 1", ... all at once.
-    void put_numbers(int first, int count) {
-        Texts texts;
-        for (int i = first; i < first + count; ++i) {
-            texts.push_back(std::to_string(i));
-        }
+    /// Puts them in one transaction.
+    void put_all(const Texts& texts, const std::string& queue = "Q") {
         std::vector<OutgoingMessage> group;
         for (const std::string& text : texts) {
             group.push_back({&descriptor_, {}, text});
         }
-        store_->put("Q", group);
+        store_->put(queue, group);
     }
     Texts take_all(const std::string& queue = "Q") {
         const auto getter = store_->drain(queue);

@@ -41,9 +41,7 @@ namespace {
 class WakeUpTest : public EngineTest {
   protected:
     WakeUpTest() : getter_(store_->drain("Q")) {
-        struct sigaction action {};
-        action.sa_handler = [](int) { g_handled = g_handled + 1; };
-        ::sigaction(SIGUSR1, &action, nullptr);
+        std::signal(SIGUSR1, [](int) { g_handled = g_handled + 1; });
         g_waits = 0;
         g_handled = 0;
     }
@@ -51,19 +49,13 @@ class WakeUpTest : public EngineTest {
         g_before_wait = before_wait;
         return take(*getter_, true);
     }
-    static void change_mask(int how) {
-        sigset_t signals;
-        sigemptyset(&signals);
-        sigaddset(&signals, SIGUSR1);
-        ::pthread_sigmask(how, &signals, nullptr);
-    }
     std::unique_ptr<Getter> getter_;
 };
 KVR_OVER_EVERY_ENGINE(WakeUpTest);
 
 TEST_P(WakeUpTest, APutOrAReleaseRightBeforeTheWaitEndsIt) {
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(take_with([&] { put(std::to_string(i)); }), std::to_string(i));
+    for (const char* text : {"1", "2", "3"}) {
+        EXPECT_EQ(take_with([&] { put(text); }), text);
     }
     EXPECT_EQ(g_waits, 3);
     put("there");
@@ -73,28 +65,28 @@ TEST_P(WakeUpTest, APutOrAReleaseRightBeforeTheWaitEndsIt) {
     EXPECT_EQ(take_with([&] { store_->release_held("Q"); }), "there");
 }
 
-TEST_P(WakeUpTest, ASignalRightBeforeTheWaitEndsItAsTheCallersMaskSays) {
+TEST_P(WakeUpTest, ASignalRightBeforeTheWaitEndsItUnlessTheCallerHoldsIt) {
     for (int i = 1; i <= 3; ++i) {
         EXPECT_EQ(take_with([] { ::raise(SIGUSR1); }), "-");
         EXPECT_EQ(g_handled, i) << "the handler has run when the get returns";
     }
-    change_mask(SIG_BLOCK);
+    test::mask_signal(SIG_BLOCK, SIGUSR1);
     const auto raise_and_put = [&] {
-        ::raise(SIGUSR1); // the caller does not want it: it must not end the wait
+        ::raise(SIGUSR1);
         put("message");
     };
     EXPECT_EQ(take_with(raise_and_put), "message");
     EXPECT_EQ(g_handled, 3);
-    change_mask(SIG_UNBLOCK);
+    test::mask_signal(SIG_UNBLOCK, SIGUSR1);
     EXPECT_EQ(g_handled, 4);
 }
 
 TEST_P(WakeUpTest, ASignalInTheDeletesOfTheLastGroupEndsTheWait) {
     store_->change_settings({{"sync", "on"}});
-    for (const int count : {1, 512}) { // of 512 the group is full, too
-        put_numbers(0, count);
-        for (int i = 0; i < count; ++i) {
-            ASSERT_EQ(take(*getter_, true), std::to_string(i));
+    for (const std::size_t count : {1U, 512U}) { // of 512 the group is full, too
+        put_all(Texts(count, "x"));
+        for (std::size_t i = 0; i < count; ++i) {
+            ASSERT_EQ(take(*getter_, true), "x");
         }
         g_handled = 0;
         g_in_flush = [] { ::raise(SIGUSR1); };

@@ -62,7 +62,7 @@ TEST_F(DamageTest, RefusesAStoreThatOthersCanWrite) {
 }
 
 TEST_F(DamageTest, RefusesAnotherVersionAndDamage) {
-    put_numbers(1, 2);
+    put_all({"1", "2"});
     damage("MD  ", -12); // the version of each message's record
     store_ = Store::open(dir_);
     {
@@ -80,7 +80,7 @@ TEST_F(DamageTest, RefusesAnotherVersionAndDamage) {
 }
 
 TEST_F(DamageTest, RefusesAFileThatLacksPagesUnlessAllOfThemAreFree) {
-    put_numbers(1, 2);
+    put_all({"1", "2"});
     EXPECT_EQ(put(std::string(300000, 'x'), {}, "DEAD"), Errc{});
     EXPECT_EQ(put(std::string(200000, 'x')), Errc{});
     store_->queue_delete("DEAD", true); // free pages that are there make up for none that is missing

@@ -4,7 +4,7 @@
 #include <fcntl.h>
 #include <lmdb.h>
 
-#include "stopped_call.h"
+#include "file_calls.h"
 #include "store/store_fixture.h"
 
 namespace kvr {
@@ -22,7 +22,9 @@ class WaitsTest : public StoreTest {
     ~WaitsTest() override { limit_waits(test::kDeadline); }
     /// The text of the error of a put, empty for none.
     std::string fault_of_put(const std::string& text) {
-        return error_of([&] { return store_->put("Q", OutgoingMessage{&descriptor_, {}, text}), 0; }).second;
+        std::string fault;
+        code_of([&] { return put_all({text}), 0; }, &fault);
+        return fault;
     }
     /// A process that is stopped in the middle of its write of "first".
     test::Child frozen_writer() {
@@ -62,13 +64,11 @@ TEST_F(WaitsTest, AFrozenWriterIsNamedAndWaitsForItEnd) {
 TEST_F(WaitsTest, AStopThatWasSeenCountsOnAndLeavesEachWaitAMoment) {
     const test::Child writer = frozen_writer();
     test::Child stopped = fork_user([&] {
-        sigset_t stop;
-        ::sigemptyset(&stop);
-        ::sigaddset(&stop, SIGTERM);
-        ::sigprocmask(SIG_BLOCK, &stop, nullptr);
+        std::signal(SIGTERM, [](int) {});
+        test::mask_signal(SIG_BLOCK, SIGTERM);
         ::raise(SIGTERM);
-        int taken = 0;
-        const bool gave_up = !fault_of_put("second").empty() && ::sigwait(&stop, &taken) == 0;
+        const bool gave_up = !fault_of_put("second").empty();
+        test::mask_signal(SIG_UNBLOCK, SIGTERM); // which takes it
         const auto since = std::chrono::steady_clock::now();
         const bool again = !fault_of_put("third").empty();
         return gave_up && again && std::chrono::steady_clock::now() - since >= milliseconds(50) ? 0 : 1;
