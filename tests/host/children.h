@@ -12,6 +12,7 @@
 #include <poll.h>
 #include <string>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
@@ -86,6 +87,12 @@ class Child {
 
     pid_t pid_;
 };
+
+/// Alarms for this process from now on, so often; 0: no more.
+inline void storm(int microseconds) {
+    const itimerval often{{0, microseconds}, {0, microseconds}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+}
 
 /// Blocks or unblocks a signal.
 inline void mask_signal(int how, int signal) {

@@ -5,7 +5,6 @@
 #include <csignal>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 
 #include <gmock/gmock.h>
 
@@ -69,41 +68,31 @@ TEST_F(Log, ShowsWhatIsPrintableAndMasksSecrets) {
         kvr_log_add_secret(secret.c_str());
     }
     kvr_log_add_secret(nullptr);
-    const struct {
-        const char* name;
-        std::string text;
-        std::string expected;
-    } cases[] = {
-        {"plain", "send 5 real size[5]", "send 5 real size[5]"},
-        {"percent signs of an argument", "%s%n%d", "%s%n%d"},
-        {"forged line", "x\n2026-01-01 1 fake", "x\\x0a2026-01-01 1 fake"},
-        {"terminal control", "\x1b[2J\x07\x7f\t\r", "\\x1b[2J\\x07\\x7f\\x09\\x0d"},
-        {"utf-8", "\xc3\xbc \xe2\x82\xac \xf0\x9f\x98\x80", "\xc3\xbc \xe2\x82\xac \xf0\x9f\x98\x80"},
-        {"c1 control in utf-8", "\xc2\x9bJ", "\\xc2\\x9bJ"},
-        {"latin-1", "gr\xfc\xdf", "gr\\xfc\\xdf"},
-        {"overlong and surrogate", "\xc0\xaf\xe0\x80\xaf\xed\xa0\x80", "\\xc0\\xaf\\xe0\\x80\\xaf\\xed\\xa0\\x80"},
-        {"short secret in brackets", "KEYPASS[pw]", "KEYPASS[********]"},
-        {"short secret elsewhere", "pw in prose, [pwd] and [spw]", "pw in prose, [pwd] and [spw]"},
-        {"long secret anywhere", "a s3cret, xs3cretx", "a ********, x********x"},
-        {"longest secret wins", "[s3cret-and-more]", "[********]"},
-        {"secret with a control character", "=ta\tb=", "=********="},
-        {"secret beyond the table's width", longer.substr(0, 256) + "k", "********k"},
+    const std::pair<std::string, std::string> cases[] = {
+        {"send 5 real size[5] %s%n%d", "send 5 real size[5] %s%n%d"},
+        {"x\n2026-01-01 1 forged", "x\\x0a2026-01-01 1 forged"},
+        {"\x1b[2J\x07\x7f\t\r", "\\x1b[2J\\x07\\x7f\\x09\\x0d"},
+        {"\xc3\xbc \xe2\x82\xac \xf0\x9f\x98\x80", "\xc3\xbc \xe2\x82\xac \xf0\x9f\x98\x80"},
+        {"c1 \xc2\x9b, latin-1 gr\xfc\xdf", "c1 \\xc2\\x9b, latin-1 gr\\xfc\\xdf"},
+        {"overlong \xc0\xaf\xe0\x80\xaf surrogate \xed\xa0\x80",
+         "overlong \\xc0\\xaf\\xe0\\x80\\xaf surrogate \\xed\\xa0\\x80"},
+        {"KEYPASS[pw], pw in prose, [pwd] and [spw]", "KEYPASS[********], pw in prose, [pwd] and [spw]"},
+        {"a s3cret, xs3cretx, the longest [s3cret-and-more]", "a ********, x********x, the longest [********]"},
+        {"=ta\tb= and one beyond the table's width " + longer.substr(0, 256) + "k",
+         "=********= and one beyond the table's width ********k"},
     };
-    for (const auto& test : cases) {
-        EXPECT_EQ(shown(test.text), test.expected) << test.name;
+    for (const auto& [text, expected] : cases) {
+        EXPECT_EQ(shown(text), expected);
     }
     const std::pair<std::string, const char*> ids[] = {{"18EA83FB95128DA5", " msg[18EA83FB95128DA5]"},
-                                                       {"0x1", " msg[0x307831]"},
-                                                       {"a\nb", " msg[0x610a62]"},
-                                                       {"", ""}};
+                                                       {"a\nb", " msg[0x610a62]"}};
     for (auto [id, ending] : ids) {
         id.resize(kvr::kMessageIdSize);
         kvr::log_set_message(id.c_str());
         EXPECT_EQ(shown("text"), std::string("text") + ending);
     }
-    kvr::log_set_message("a message that is not the child's");
     Child::fork_off([] { return log_text(1, "from a child"); }).result();
-    EXPECT_THAT(lines().back(), EndsWith("from a child"));
+    EXPECT_THAT(lines().back(), EndsWith("from a child")) << "whose message it is not";
     kvr::log_set_message(nullptr);
 }
 
@@ -125,23 +114,18 @@ TEST_F(Log, CutsLongLinesAndLeaksNoPartOfASecretThere) {
 }
 
 TEST_F(Log, KeepsItsLevelItsFilePrivateAndErrnoAlone) {
-    for (const int threshold : {0, 1, 3, 5}) {
-        std::filesystem::resize_file(file_, 0);
-        kvr::log_set_level(threshold);
-        for (int level = 1; level <= 5; ++level) {
-            log_text(level, "x");
-        }
-        EXPECT_EQ(lines().size(), static_cast<std::size_t>(threshold));
+    kvr::log_set_level(3);
+    for (const int level : {3, 4}) {
+        log_text(level, "x");
     }
-    struct stat info {};
-    ASSERT_EQ(stat(file_.c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0600U);
+    EXPECT_EQ(lines().size(), 1U);
+    EXPECT_EQ(std::filesystem::status(file_).permissions(), std::filesystem::perms(0600));
     KVR_LogPrint(nullptr, 1, nullptr, nullptr, -1, nullptr, const_cast<char*>("%d"), 7);
     EXPECT_THAT(lines().back(), EndsWith(" - -:-1 - 7"));
     EXPECT_EQ(kvr::log_open("/nonexistent/folder/log"), -1);
     EXPECT_EQ(errno, ENOENT);
     log_text(1, "still here");
-    EXPECT_EQ(lines().size(), 7U);
+    EXPECT_EQ(lines().size(), 3U);
     ASSERT_EQ(kvr::log_open("/dev/full"), 0);
     errno = EPIPE;
     log_text(1, "lost");
@@ -151,39 +135,18 @@ TEST_F(Log, KeepsItsLevelItsFilePrivateAndErrnoAlone) {
 volatile std::sig_atomic_t g_handled = 0;
 
 TEST_F(Log, MayBeReenteredByAHandler) {
-    struct sigaction action {};
-    struct sigaction before {};
-    action.sa_handler = [](int) {
+    std::signal(SIGALRM, [](int) {
         log_text(1, "handler");
         g_handled = g_handled + 1;
-    };
-    sigaction(SIGALRM, &action, &before);
-    const itimerval storm{{0, 200}, {0, 200}};
-    setitimer(ITIMER_REAL, &storm, nullptr);
+    });
+    kvr::test::storm(200);
     int logged = 0;
     for (; g_handled < 50; ++logged) {
         log_text(1, "main flow");
     }
-    const itimerval calm{};
-    setitimer(ITIMER_REAL, &calm, nullptr);
-    sigaction(SIGALRM, &before, nullptr);
+    kvr::test::storm(0);
     EXPECT_EQ(lines().size(), static_cast<std::size_t>(logged + g_handled));
     EXPECT_THAT(lines(), testing::Each(MatchesRegex(".* 1 QM1 .* work (main flow|handler)")));
-}
-
-TEST(LogOnStandardError, DropsLinesRatherThanWaitForAReader) {
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    const int real_stderr = dup(STDERR_FILENO);
-    dup2(ends[1], STDERR_FILENO);
-    ASSERT_EQ(kvr::log_open(nullptr), 0);
-    for (int i = 0; i < 200; ++i) { // three times what a pipe holds: hangs here if lines were waited for
-        log_text(1, std::string(1000, 'x'));
-    }
-    dup2(real_stderr, STDERR_FILENO);
-    for (const int fd : {real_stderr, ends[0], ends[1]}) {
-        close(fd);
-    }
 }
 
 TEST(LogOnStandardError, LinesOfOthersGetTheTimeBlockNobodyAndSurviveAnAbort) {
@@ -193,11 +156,17 @@ TEST(LogOnStandardError, LinesOfOthersGetTheTimeBlockNobodyAndSurviveAnAbort) {
     const kvr::test::TemporaryFolder folder;
     const std::filesystem::path file = folder.path() / "err";
     kvr::test::Child child = kvr::test::Child::fork_off([&] {
-        dup2(creat(file.c_str(), 0600), STDERR_FILENO);
         const auto say = [](const std::string& text) {
             [[maybe_unused]] const ssize_t wrote = write(STDERR_FILENO, text.data(), text.size());
         };
+        int nobody_reads[2];
+        EXPECT_EQ(pipe2(nobody_reads, O_CLOEXEC), 0);
+        dup2(nobody_reads[1], STDERR_FILENO);
         EXPECT_EQ(kvr::log_open(nullptr), 0);
+        for (int i = 0; i < 200; ++i) { // three times what a pipe holds: hangs here if lines were waited for
+            log_text(1, std::string(1000, 'x'));
+        }
+        dup2(creat(file.c_str(), 0600), STDERR_FILENO);
         EXPECT_EQ(kvr::log_divert_stderr(), 0);
         say("one\ntwo\x1b\n");
         log_text(1, "own");

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 // Exact-length read and write on real sockets: under signals, with peers that stall, drip or go, and under a stop.
+#include <array>
 #include <numeric>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -31,14 +31,11 @@ struct Sockets {
     int ends[2]{-1, -1};
 };
 
-/// Alarms for this process from now on, no SA_RESTART; 0: no more.
-void storm(
-    int microseconds, void (*handler)(int) = [](int) {}) {
-    struct sigaction action {};
+void alarms(int microseconds, void (*handler)(int)) {
+    struct sigaction action {}; // no SA_RESTART
     action.sa_handler = handler;
     sigaction(SIGALRM, &action, nullptr);
-    const itimerval often{{0, microseconds}, {0, microseconds}};
-    setitimer(ITIMER_REAL, &often, nullptr);
+    kvr::test::storm(microseconds);
 }
 
 TEST(Stream, CarriesEveryByteUnderSignals) {
@@ -47,15 +44,15 @@ TEST(Stream, CarriesEveryByteUnderSignals) {
     for (const bool on_pipe : {false, true}) {
         const Sockets sockets(on_pipe);
         Child reader = Child::fork_off([&] {
-            storm(300);
+            alarms(300, [](int) {});
             std::vector<unsigned> received(sent.size());
             int progress = -1;
             const int result = streamReadNByte(received.data(), kLarge, &progress, sockets.ends[0]);
             return result == kLarge && progress == kLarge && received == sent ? 0 : 1;
         });
-        storm(300);
+        alarms(300, [](int) {});
         EXPECT_EQ(streamWriteNByte(sent.data(), kLarge, sockets.ends[1]), kLarge);
-        storm(0);
+        kvr::test::storm(0);
         EXPECT_EQ(reader.result(), 0);
     }
 }
@@ -68,18 +65,12 @@ TEST(Stream, TellsWhyItFailed) {
     shutdown(sockets.ends[1], SHUT_WR);
     EXPECT_EQ(streamReadNByte(bytes, sizeof(bytes), &got, sockets.ends[0]), 0) << "the end of the stream";
     EXPECT_EQ(got, 3);
-    EXPECT_EQ(streamReadNByte(bytes, sizeof(bytes), &got, -1), -1);
-    EXPECT_EQ(errno, EBADF);
-    EXPECT_EQ(got, 0);
-
     close(std::exchange(sockets.ends[1], -1));
-    const struct {
-        int length;
-        int sock;
-        int result;
-        int error;
-    } cases[] = {
-        {0, -1, 0, 0}, {-1, sockets.ends[0], -1, EINVAL}, {16, -1, -1, EBADF}, {16, sockets.ends[0], -1, EPIPE}};
+    const std::array<int, 4> cases[] = {// length, socket, result, error
+                                        {0, -1, 0, 0},
+                                        {-1, sockets.ends[0], -1, EINVAL},
+                                        {16, -1, -1, EBADF},
+                                        {16, sockets.ends[0], -1, EPIPE}};
     for (const auto& [length, sock, result, error] : cases) {
         errno = 0;
         EXPECT_EQ(streamWriteNByte(bytes, length, sock), result); // SIGPIPE would end the test
@@ -96,7 +87,7 @@ int stopped_in(const std::function<int(int)>& work) {
     const Sockets sockets;
     Child child = Child::fork_off([&] {
         kvr::stop_set_hook(end_stopped);
-        storm(10000, [](int) { kvr::stop_request(); });
+        alarms(10000, [](int) { kvr::stop_request(); });
         return work(sockets.ends[1]);
     });
     return child.result();

@@ -43,15 +43,33 @@ TEST_F(CrashTest, OpenerThatDiesOrFailsHalfWayLosesNothing) {
     }
 }
 
-TEST_F(CrashTest, AGroupStaysWithinItsBytes) {
-    put_all(Texts(5, std::string(2000000, 'x')));
-    kill_a_drainer(5);
-    store_.reset();
-    for (const auto& mark : fs::directory_iterator(dir_ / "queues")) {
-        fs::remove(mark);
+TEST_F(CrashTest, ADrainerKilledInTheDeleteOfItsGroupRepeatsNothing) {
+    put_all({"1", "2"});
+    test::Child drainer = fork_user([&] {
+        const auto getter = store_->drain("Q");
+        take(*getter);
+        test::stop_at_next_call(0);
+        return getter->commit(), 0;
+    });
+    test::await_stopped(drainer);
+    ::kill(drainer.pid(), SIGKILL);
+    EXPECT_EQ(drainer.result(), -SIGKILL);
+    EXPECT_EQ(shown(), Texts{"2"});
+    EXPECT_EQ(take_all(), Texts{"2"});
+}
+
+TEST_F(CrashTest, AGroupStaysWithinItsBytesAndItsCount) {
+    for (const auto& [count, text] : {std::pair(5, std::string(2000000, 'x')), {513, std::string("x")}}) {
+        make_store({});
+        put_all(Texts(static_cast<std::size_t>(count), text));
+        kill_a_drainer(count);
+        store_.reset();
+        for (const auto& mark : fs::directory_iterator(dir_ / "queues")) {
+            fs::remove(mark);
+        }
+        store_ = Store::open(dir_);
+        EXPECT_EQ(shown().size(), 1U) << "the last would have passed 8 MiB, or 512: what came before it is deleted";
     }
-    store_ = Store::open(dir_);
-    EXPECT_EQ(shown().size(), 1U) << "with the fifth in hand the first four are deleted, or the group would pass 8 MiB";
 }
 
 TEST_F(CrashTest, WhatAKilledDrainerUsedIsPassedOverOnAFullDisk) {
@@ -104,7 +122,8 @@ TEST_F(CrashTest, MessageThatCannotBeHeldIsNotUsedUp) {
     EXPECT_EQ(code_of([&] { return getter->put_instead("DEAD", {&descriptor_, {}, {}}), 0; }), Errc::kIo);
     test::fail_calls(0);
     EXPECT_EQ(take(*getter), "-");
-    EXPECT_EQ(shown(), Texts{"1!"}) << "what is on the other queue after all is not held";
+    EXPECT_EQ(shown(), Texts{"1!"});
+    EXPECT_EQ(store_->queue_info("Q").held, 1U) << "what is on the other queue after all is not held";
     EXPECT_EQ(shown("DEAD"), (Texts{"dead", ""}));
 }
 
