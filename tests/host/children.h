@@ -89,7 +89,7 @@ class Child {
 };
 
 /// Alarms for this process from now on, so often; 0: no more.
-inline void storm(int microseconds) {
+inline void repeat_alarm(int microseconds) {
     const itimerval often{{0, microseconds}, {0, microseconds}};
     setitimer(ITIMER_REAL, &often, nullptr);
 }

@@ -139,12 +139,12 @@ TEST_F(Log, MayBeReenteredByAHandler) {
         log_text(1, "handler");
         g_handled = g_handled + 1;
     });
-    kvr::test::storm(200);
+    kvr::test::repeat_alarm(200);
     int logged = 0;
     for (; g_handled < 50; ++logged) {
         log_text(1, "main flow");
     }
-    kvr::test::storm(0);
+    kvr::test::repeat_alarm(0);
     EXPECT_EQ(lines().size(), static_cast<std::size_t>(logged + g_handled));
     EXPECT_THAT(lines(), testing::Each(MatchesRegex(".* 1 QM1 .* work (main flow|handler)")));
 }

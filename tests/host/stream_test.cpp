@@ -35,7 +35,7 @@ void alarms(int microseconds, void (*handler)(int)) {
     struct sigaction action {}; // no SA_RESTART
     action.sa_handler = handler;
     sigaction(SIGALRM, &action, nullptr);
-    kvr::test::storm(microseconds);
+    kvr::test::repeat_alarm(microseconds);
 }
 
 TEST(Stream, CarriesEveryByteUnderSignals) {
@@ -52,7 +52,7 @@ TEST(Stream, CarriesEveryByteUnderSignals) {
         });
         alarms(300, [](int) {});
         EXPECT_EQ(streamWriteNByte(sent.data(), kLarge, sockets.ends[1]), kLarge);
-        kvr::test::storm(0);
+        kvr::test::repeat_alarm(0);
         EXPECT_EQ(reader.result(), 0);
     }
 }
