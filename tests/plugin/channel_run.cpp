@@ -282,6 +282,17 @@ Result ChannelTest::run_messages(const std::vector<Message>& msgs) {
     return run_channel();
 }
 
+void ChannelTest::use_tls(Carrier carrier) {
+    chl()["SSLCAUTH"] = "ENABLE";
+    qmgr() = {{"CAFILE", tls_material().ca_file},
+              {"CERTFILE", tls_material().encrypted_client.cert_file},
+              {"KEYFILE", tls_material().encrypted_client.key_file},
+              {"KEYPASS", kKeyPass},
+              {"DEADQ", "DLQ"}};
+    receiver_.carrier = carrier;
+    receiver_.ask_client_cert = true;
+}
+
 std::string ChannelTest::file(const std::string& name, const std::string& content) {
     std::ofstream("files/" + name, std::ios::binary) << content;
     return "files/" + name;

@@ -94,6 +94,9 @@ class ChannelTest : public testing::Test {
     /// Writes a file in the test's own folder, where the channel runs; its path, "files/<name>".
     static std::string file(const std::string& name, const std::string& content);
 
+    /// Both ends inside TLS, with the channel's own certificate asked for.
+    void use_tls(Carrier carrier);
+
     static Attrs& chl() { return host().objects["CHL/CH1"]; }
     static Attrs& qmgr() { return host().objects["QMGR/QMGR"]; }
 

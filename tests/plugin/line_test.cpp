@@ -138,19 +138,7 @@ TEST_F(LineLoss, BehindAFailedWriteLeavesItsReason) {
     EXPECT_EQ(run_messages({message("hello")}).count("1 write [5] to receiver " + reason + " return[-1]"), 1);
 }
 
-class Watcher : public ChannelTest {
-  protected:
-    void use_tls(Carrier carrier) {
-        chl()["SSLCAUTH"] = "ENABLE";
-        qmgr() = {{"CAFILE", tls_material().ca_file},
-                  {"CERTFILE", tls_material().encrypted_client.cert_file},
-                  {"KEYFILE", tls_material().encrypted_client.key_file},
-                  {"KEYPASS", kKeyPass},
-                  {"DEADQ", "DLQ"}};
-        receiver_.carrier = carrier;
-        receiver_.ask_client_cert = true;
-    }
-};
+using Watcher = ChannelTest;
 
 TEST_F(Watcher, ReportsALostLineOnce) {
     const struct {

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,6 +20,7 @@
 #include "kavro_log.h"
 #include "kavro_object.h"
 #include "kavro_queue.h"
+#include "stop_point.h"
 
 extern "C" int OnPlugLoad(T_PLUG_MGR_PLUG_VAR* ptPlugVar);
 
@@ -54,10 +56,12 @@ void log_line(const char* end, const char* tag, int level, const char* mod, cons
     }
     const bool loss = strncmp(text, "line disconnected", 17) == 0;
     trace(net ? kNetLog : loss ? kLoss : kLog, "%d %s%s", level, text, end);
-    if (const auto hook = host().hooks.find("failure"); net && level == 1 && hook != host().hooks.end()) {
+    if (const auto hook = host().hooks.find(std::string_view("failure"));
+        net && level == 1 && hook != host().hooks.end()) {
         hook->second({1, 0});
     }
     errno = EXDEV; // a log function may do so
+    const Gate as_a_call("log");
 }
 
 int context_log(char* tag, int level, char* mod, char* file, int line, const char* func, char* fmt, ...) {
@@ -79,8 +83,9 @@ std::string shown(const std::string& object, int count, char** names, char** val
 }
 
 int get_attrs(const char* op, void* db, const std::string& name, int count, char** names, char** bufs) {
-    if (auto r = recorded(kHost, op, shown(name, count, names), 0, db == kObjDb)) {
-        return *r;
+    const auto r = recorded(kHost, op, shown(name, count, names), 0, db == kObjDb);
+    if (r) {
+        return r.as<int>();
     }
     const auto object = host().objects.find(name);
     if (object == host().objects.end()) {
@@ -95,8 +100,9 @@ int get_attrs(const char* op, void* db, const std::string& name, int count, char
 }
 
 int set_attrs(const char* op, void* db, const std::string& name, int count, char** names, char** values, bool add) {
-    if (auto r = recorded(kHost, op, shown(name, count, names, values), 0, db == kObjDb)) {
-        return *r;
+    const auto r = recorded(kHost, op, shown(name, count, names, values), 0, db == kObjDb);
+    if (r) {
+        return r.as<int>();
     }
     if (host().objects.contains(name) == add) {
         return -1;
@@ -105,6 +111,16 @@ int set_attrs(const char* op, void* db, const std::string& name, int count, char
         host().objects[name][names[i]] = values[i];
     }
     return kSuccess;
+}
+
+int next_step(T_KAVRO_MD* md, char* buf, int* len) {
+    const Own at_work;
+    if (host().get.empty()) {
+        _exit(kScriptOver);
+    }
+    GetStep step = std::move(host().get.front());
+    host().get.pop_front();
+    return step(md, buf, len);
 }
 
 std::string key(const char* cls, const char* name) {
@@ -132,7 +148,7 @@ void trace(char kind, const char* fmt, ...) {
     va_end(ap);
     used = std::min(used, sizeof entry - 1);
     entry[used++] = '\n';
-    if (write(trace_file, entry, used) != static_cast<ssize_t>(used)) {
+    if (syscall(SYS_write, trace_file, entry, used) != static_cast<long>(used)) { // no call of the channel's
         _exit(99);
     }
     errno = saved;
@@ -165,17 +181,20 @@ void wait_for(const std::string& text) {
     }
 }
 
-std::optional<int> recorded(char kind, const char* op, const std::string& shown, long a, bool good) {
-    if (!host().recording) {
-        return {};
+Gate recorded(char kind, const char* op, const std::string& shown, long a, bool good) {
+    std::optional<int> scripted;
+    if (host().recording) {
+        trace(kind, "%s(%s)", op, shown.c_str());
+        if (!good) {
+            trace(kFault, "%s(%s) of what it must not be called with", op, shown.c_str());
+        }
+        static std::map<std::string, int, std::less<>> calls;
+        if (const auto hook = host().hooks.find(std::string_view(op)); hook != host().hooks.end()) {
+            const Own at_work;
+            scripted = hook->second(Call{++calls[op], a});
+        }
     }
-    trace(kind, "%s(%s)", op, shown.c_str());
-    if (!good) {
-        trace(kFault, "%s(%s) of what it must not be called with", op, shown.c_str());
-    }
-    static std::map<std::string, int> calls;
-    const auto hook = host().hooks.find(op);
-    return hook != host().hooks.end() ? hook->second(Call{++calls[op], a}) : std::nullopt;
+    return Gate(op, -1, scripted);
 }
 
 Host& host() {
@@ -197,11 +216,12 @@ void load() {
     OnPlugLoad(&h.var);
 }
 
-void event(int id) {
+int event(int id) {
     char in[8] = "in";
     char out[8] = "out";
     const int result = host().var.pfnEventHdl(host().var.iId, id, in, out);
     trace(kNote, "event %d = %d", id, result);
+    return result;
 }
 
 } // namespace kvr::test
@@ -264,8 +284,9 @@ int KVR_ObjSetAttrV(void* hObjDB, char* psClass, char* psName, int iCnt, ...) {
 }
 
 int KVR_QueOpen(void* hQueDB, char* psName, void** phObj, int iOpt) {
-    if (auto r = recorded(kHost, "KVR_QueOpen", psName, 0, hQueDB == kQueDb && iOpt == 0)) {
-        return *r;
+    const auto r = recorded(kHost, "KVR_QueOpen", psName, 0, hQueDB == kQueDb && iOpt == 0);
+    if (r) {
+        return r.as<int>();
     }
     *phObj = strcmp(psName, xmit_queue) == 0 ? xmit_queue : dead_queue;
     return kSuccess;
@@ -284,16 +305,18 @@ int KVR_QueMsgGet(void* hQueDB, void* hObj, T_KAVRO_MD* ptMD, T_KAVRO_GMO* ptGMO
     blank.iVersion = 2;
     blank.cMsgStoreType = '1';
     blank.pOptData = ptMD->pOptData;
-    recorded(kHost, "KVR_QueMsgGet", "", 0,
-             hQueDB == kQueDb && hObj == xmit_queue && memcmp(&blank, ptMD, sizeof blank) == 0 &&
-                 ptMD->pOptData != nullptr && memcmp(&options, ptGMO, sizeof options) == 0 && *piLen == 2098376 &&
-                 psBuf[2098375] == '\0');
-    if (host().get.empty()) {
-        _exit(kScriptOver);
+    const auto r = recorded(kHost, "KVR_QueMsgGet", "", 0,
+                            hQueDB == kQueDb && hObj == xmit_queue && memcmp(&blank, ptMD, sizeof blank) == 0 &&
+                                ptMD->pOptData != nullptr && memcmp(&options, ptGMO, sizeof options) == 0 &&
+                                *piLen == 2098376 && psBuf[2098375] == '\0');
+    close_window();
+    kvr::stop_point(kvr::StopPlace::kBetweenMessages);
+    if (r) {
+        return r.as<int>();
     }
-    GetStep step = std::move(host().get.front());
-    host().get.pop_front();
-    return step(ptMD, psBuf, piLen);
+    const int result = next_step(ptMD, psBuf, piLen);
+    kvr::stop_point(kvr::StopPlace::kBetweenMessages);
+    return result;
 }
 
 int KVR_QueMsgPut(void* hQueDB, void* hObj, T_KAVRO_MD* ptMD, T_KAVRO_PMO* ptPMO, char* psBuf, int iLen) {

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "gate.h"
 #include "kavro_api.h"
 #include "plug_mgr.h"
 
@@ -53,7 +54,7 @@ struct Call {
 /// A value replaces the call's own behaviour and is its result; nothing lets the call go on.
 using Hook = std::function<std::optional<int>(const Call&)>;
 /// Records the call when it comes from a process of the channel, and asks the hook set for it. `good` false: a fault.
-std::optional<int> recorded(char kind, const char* op, const std::string& shown, long a = 0, bool good = true);
+Gate recorded(char kind, const char* op, const std::string& shown, long a = 0, bool good = true);
 
 struct Message {
     T_KAVRO_MD md{};
@@ -72,7 +73,8 @@ using Attrs = std::map<std::string, std::string>;
 /// leave it.
 struct Host {
     std::map<std::string, Attrs> objects; ///< "CLASS/NAME"
-    std::map<std::string, Hook> hooks;    ///< by operation or system call; "failure": a level-1 line of the TCP client
+    std::map<std::string, Hook, std::less<>>
+        hooks; ///< by operation or system call; "failure": a level-1 line of the TCP client
     std::deque<GetStep> get;
     std::string name = "ch1";  ///< channel name among the process arguments
     int sock = 0;              ///< the latest socket of the connection
@@ -91,6 +93,6 @@ constexpr int kOptions = 2; ///< option entries in the argument table
 
 /// In the channel process: calls OnPlugLoad with a fresh context; raises an event and notes "event <n> = <result>".
 void load();
-void event(int id);
+int event(int id);
 
 } // namespace kvr::test
