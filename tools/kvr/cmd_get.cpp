@@ -10,7 +10,7 @@
 
 #include "commands.h"
 #include "data_sink.h"
-#include "drainer.h"
+#include "message_taker.h"
 #include "message_text.h"
 #include "output.h"
 #include "proof_report.h"
@@ -47,7 +47,7 @@ class Target {
     }
 
     /// False for a message whose content is not proven, although that was asked for: it has gone nowhere.
-    bool take(const Drainer& message) {
+    bool take(const MessageTaker& message) {
         if (options_.verify && !check_.take(message.descriptor(), message.data(), message.attachments())) {
             ++unproven_;
             return false;
@@ -118,21 +118,21 @@ void get(const GlobalOptions& global, GetOptions& options) {
     const std::uint64_t wanted = options.all ? std::numeric_limits<std::uint64_t>::max() : options.count;
     std::uint64_t taken = 0;
     {
-        Drainer drainer(*store, options.queue, options.wait);
+        MessageTaker taker(*store, options.queue, options.wait);
         try {
-            while (taken < wanted && drainer.next()) {
-                if (!target.take(drainer)) {
-                    drainer.getter().skip();
+            while (taken < wanted && taker.next()) {
+                if (!target.take(taker)) {
+                    taker.getter().skip();
                 }
                 ++taken;
             }
         } catch (...) {
-            if (drainer.getter().in_hand()) {
-                drainer.getter().rollback();
+            if (taker.getter().in_hand()) {
+                taker.getter().rollback();
             }
             throw;
         }
-        drainer.getter().commit();
+        taker.getter().commit();
     }
     target.finish();
     if (!options.all && taken < wanted) {

@@ -11,13 +11,13 @@
 
 namespace kvr {
 
-class Drainer {
+class MessageTaker {
   public:
     /// @param wait_seconds longest wait for each message; 0: do not wait
-    Drainer(Store& store, const std::string& queue, double wait_seconds);
-    ~Drainer();
-    Drainer(const Drainer&) = delete;
-    Drainer& operator=(const Drainer&) = delete;
+    MessageTaker(Store& store, const std::string& queue, double wait_seconds);
+    ~MessageTaker();
+    MessageTaker(const MessageTaker&) = delete;
+    MessageTaker& operator=(const MessageTaker&) = delete;
 
     /// Uses up the message in hand and takes the next one. False when none came in time.
     bool next();

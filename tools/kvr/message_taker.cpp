@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "drainer.h"
+#include "message_taker.h"
 
 #include <algorithm>
 #include <cmath>
@@ -37,7 +37,7 @@ void set_timer(double seconds, long repeat_microseconds) {
 
 } // namespace
 
-Drainer::Drainer(Store& store, const std::string& queue, double wait_seconds)
+MessageTaker::MessageTaker(Store& store, const std::string& queue, double wait_seconds)
     : wait_seconds_(wait_seconds), buffer_(kMaxMessage), list_(std::make_unique<T_KAVRO_ACCESSORIES_MD>()),
       getter_(store.drain(queue)) {
     if (wait_seconds_ > 0) {
@@ -47,11 +47,11 @@ Drainer::Drainer(Store& store, const std::string& queue, double wait_seconds)
     }
 }
 
-Drainer::~Drainer() {
+MessageTaker::~MessageTaker() {
     set_timer(0, 0);
 }
 
-bool Drainer::next() {
+bool MessageTaker::next() {
     descriptor_ = blank_descriptor();
     *list_ = {};
     std::memcpy(list_->sStrucId, "ACMD", sizeof list_->sStrucId);
