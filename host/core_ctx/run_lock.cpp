@@ -5,7 +5,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <system_error>
-#include <unistd.h>
 
 #include "kavutil/error.h"
 #include "store/lock_holder.h"
@@ -36,28 +35,20 @@ struct flock whole_file(short type) {
 RunLock::RunLock(const std::filesystem::path& qmgr_dir, const std::string& channel) {
     const std::filesystem::path path = lock_path(qmgr_dir, channel);
     ensure_private_folder(path.parent_path());
-    fd_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (fd_ < 0) {
+    fd_.reset(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!fd_) {
         fail(path);
     }
     struct flock lock = whole_file(F_WRLCK);
-    if (fcntl(fd_, F_SETLK, &lock) == 0) {
+    if (fcntl(fd_.get(), F_SETLK, &lock) == 0) {
         return;
     }
-    const bool taken = errno == EACCES || errno == EAGAIN;
-    const int cause = errno;
-    const pid_t other = taken ? lock_holder(fd_, whole_file(F_WRLCK)) : 0;
-    close(fd_);
-    if (taken) {
-        throw Error(Errc::kBusy, "channel '" + channel + "' is already run by " + process_text(other) +
-                                     ": stop it first with 'kvr stop " + channel + "'");
+    if (errno != EACCES && errno != EAGAIN) {
+        fail(path);
     }
-    errno = cause;
-    fail(path);
-}
-
-RunLock::~RunLock() {
-    close(fd_);
+    throw Error(Errc::kBusy, "channel '" + channel + "' is already run by " +
+                                 process_text(lock_holder(fd_.get(), whole_file(F_WRLCK))) +
+                                 ": stop it first with 'kvr stop " + channel + "'");
 }
 
 pid_t RunLock::holder(const std::filesystem::path& qmgr_dir, const std::string& channel) {
@@ -68,18 +59,14 @@ pid_t RunLock::holder(const std::filesystem::path& qmgr_dir, const std::string& 
         return 0;
     }
     check_private(path.parent_path(), true);
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-    if (fd < 0) {
-        if (errno == ENOENT) {
-            return 0;
-        }
+    const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (fd) {
+        return lock_holder(fd.get(), whole_file(F_WRLCK));
+    }
+    if (errno != ENOENT) {
         fail(path);
     }
-    struct Closer {
-        int fd;
-        ~Closer() { close(fd); }
-    } closer{fd};
-    return lock_holder(fd, whole_file(F_WRLCK));
+    return 0;
 }
 
 } // namespace kvr

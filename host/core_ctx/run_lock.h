@@ -11,6 +11,8 @@
 
 #include <sys/types.h>
 
+#include "kavutil/unique_fd.h"
+
 namespace kvr {
 
 class RunLock {
@@ -18,16 +20,13 @@ class RunLock {
     /// Takes the lock for the object's life. Throws kvr::Error: kBusy with the other process's id when the channel is
     /// run already, kPermission when the locks' folder is not this user's alone, kIo.
     RunLock(const std::filesystem::path& qmgr_dir, const std::string& channel);
-    ~RunLock();
-    RunLock(const RunLock&) = delete;
-    RunLock& operator=(const RunLock&) = delete;
 
     /// The process that holds the lock, 0 for none, kUnseenProcess (lock_holder.h). Throws kvr::Error:
     /// kPermission when one of the folders is not this user's alone, kIo.
     static pid_t holder(const std::filesystem::path& qmgr_dir, const std::string& channel);
 
   private:
-    int fd_;
+    UniqueFd fd_;
 };
 
 } // namespace kvr

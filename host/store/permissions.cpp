@@ -78,24 +78,22 @@ void check_private(const std::filesystem::path& path, bool folder) {
 }
 
 void sync_folder(const std::filesystem::path& path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) {
+    const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd) {
         throw_system("open the folder", path, errno);
     }
-    const int failed = ::fsync(fd) == 0 ? 0 : errno;
-    ::close(fd);
-    if (failed != 0) {
-        throw_system("flush the folder", path, failed);
+    if (::fsync(fd.get()) != 0) {
+        throw_system("flush the folder", path, errno);
     }
 }
 
-int open_allocated_file(const std::filesystem::path& path, off_t size) {
-    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kFileMode);
-    if (fd < 0) {
+UniqueFd open_allocated_file(const std::filesystem::path& path, off_t size) {
+    UniqueFd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kFileMode));
+    if (!fd) {
         throw_system("open", path, errno);
     }
     struct stat info {};
-    int failed = ::fstat(fd, &info) == 0 ? 0 : errno;
+    int failed = ::fstat(fd.get(), &info) == 0 ? 0 : errno;
     if (failed == 0 && !S_ISREG(info.st_mode)) {
         failed = EINVAL;
     }
@@ -103,13 +101,12 @@ int open_allocated_file(const std::filesystem::path& path, off_t size) {
     if (failed == 0 && (info.st_size < size || info.st_blocks * kBlock < size)) {
         // Never through ftruncate: a hole would be filled at the first store into the mapping, and a full disk then is
         // a SIGBUS. Two processes may do this at once, and it keeps what the file holds.
-        failed = ::posix_fallocate(fd, 0, size);
+        failed = ::posix_fallocate(fd.get(), 0, size);
     }
-    if (failed == 0 && (info.st_mode & 07777) != kFileMode && ::fchmod(fd, kFileMode) != 0) {
+    if (failed == 0 && (info.st_mode & 07777) != kFileMode && ::fchmod(fd.get(), kFileMode) != 0) {
         failed = errno;
     }
     if (failed != 0) {
-        ::close(fd);
         throw_system("make", path, failed);
     }
     return fd;

@@ -8,6 +8,7 @@
 #include <sys/types.h>
 
 #include "kavutil/export.h"
+#include "kavutil/unique_fd.h"
 
 namespace kvr {
 
@@ -24,6 +25,6 @@ KVR_EXPORT void check_private(const std::filesystem::path& path, bool folder);
 KVR_EXPORT void sync_folder(const std::filesystem::path& path);
 /// Opens or creates a file of at least `size` bytes whose blocks are allocated: a mapping of it cannot meet a full
 /// disk. Close-on-exec, mode 0600. Throws kIo, kFull, kPermission (also for a link).
-KVR_EXPORT int open_allocated_file(const std::filesystem::path& path, off_t size);
+KVR_EXPORT UniqueFd open_allocated_file(const std::filesystem::path& path, off_t size);
 
 } // namespace kvr

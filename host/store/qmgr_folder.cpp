@@ -26,7 +26,7 @@ fs::path aside(const fs::path& dir, const char* mark) {
 }
 
 void write_engine(const fs::path& file, const std::string& engine) {
-    const UniqueFd fd(open_allocated_file(file, 0));
+    const UniqueFd fd = open_allocated_file(file, 0);
     const std::string line = engine + "\n";
     if (::write(fd.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size()) || ::fsync(fd.get()) != 0) {
         throw_system("write", file, errno != 0 ? errno : ENOSPC);

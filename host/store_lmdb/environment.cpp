@@ -119,7 +119,7 @@ void Environment::open(std::uint64_t map_size, const OpeningLock& /*held*/) {
         }
         // LMDB leaves a hole in it that it maps: on a full disk a store to that is a SIGBUS. Nobody in this process has
         // it open here, or closing it would give up LMDB's lock on it.
-        ::close(open_allocated_file(folder_ / "lock.mdb", kReadersFileSize));
+        open_allocated_file(folder_ / "lock.mdb", kReadersFileSize).reset();
         // Read transactions are not tied to threads: one per getter and call, each begun and ended at will.
         check_mdb(mdb_env_open(env_, folder_.c_str(), MDB_NOTLS, kFileMode), "open the store", folder_);
     } catch (...) {

@@ -58,12 +58,10 @@ MarkFile::MarkFile(const std::filesystem::path& path, std::uint64_t store_id, st
     : store_id_(store_id), queue_id_(queue_id) {
     static_assert(sizeof(Page) <= kPageSize);
     static_assert(std::atomic<std::uint64_t>::is_always_lock_free && std::atomic<std::uint32_t>::is_always_lock_free);
-    const int fd = open_allocated_file(path, kPageSize);
-    void* mapped = ::mmap(nullptr, kPageSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    const int failed = errno;
-    ::close(fd);
+    const UniqueFd fd = open_allocated_file(path, kPageSize);
+    void* mapped = ::mmap(nullptr, kPageSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
     if (mapped == MAP_FAILED) {
-        throw_system("map", path, failed);
+        throw_system("map", path, errno);
     }
     page_ = static_cast<Page*>(mapped);
 }

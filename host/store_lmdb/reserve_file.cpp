@@ -16,7 +16,7 @@ bool ReserveFile::ensure() const {
         return true;
     }
     try {
-        const UniqueFd made(open_allocated_file(path_, static_cast<off_t>(kSize)));
+        const UniqueFd made = open_allocated_file(path_, static_cast<off_t>(kSize));
         return true;
     } catch (const FullError&) {
         release(); // a part of it helps nobody here: the others may need the room

@@ -135,12 +135,12 @@ TEST_F(CrashTest, AMarkMadeSinceABackupSaysNothingOfALaterQueue) {
     for (const bool restored : {false, true}) {
         store_ = Store::open(dir_);
         store_->queue_define("NEW", "");
-        put("told", {}, "NEW");
+        put_all({"1", "2", "3"}, "NEW");
         if (restored) {
-            EXPECT_EQ(take_all("NEW"), Texts{"told"});
+            EXPECT_EQ(take_all("NEW"), (Texts{"1", "2", "3"}));
             return;
         }
-        kill_a_drainer(2, "NEW");
+        kill_a_drainer(3, "NEW");
         store_.reset();
         fs::copy_file(backup, file, fs::copy_options::overwrite_existing);
     }
