@@ -66,10 +66,11 @@ void be_away(History& h) {
     h.listen();
 }
 
+/// The loss is told by the watcher, or found with the next message.
 void answer(History& h, Words options) {
-    first_line(h, options);
+    first_line(h, std::move(options));
     h.put(20);
-    h.await_text("log", "line disconnected [0]");
+    h.await_text("journal", "\"event\":\"connect\"", 2);
 }
 
 /// Seen in the log while the handshake waits for its time-out.
@@ -100,7 +101,9 @@ void reconnect(History& h) {
 
 void fail_handshakes(History& h) {
     constexpr std::size_t kLines = 30;
-    h.field.set_identity(tls_material().foreign_server);
+    const TlsMaterial& tls = tls_material();
+    const TlsIdentity bad[] = {tls.foreign_server, tls.expired_server, tls.future_server, tls.self_signed_server};
+    h.field.set_identity(h.one_of(bad));
     h.relisten();
     h.put(3);
     h.expect_no_growth([&] {
@@ -111,6 +114,29 @@ void fail_handshakes(History& h) {
     h.end_listener();
     h.field.set_identity(tls_material().server);
     h.listen();
+}
+
+/// Of another authority, or none: with TLS 1.3 it shows when the line seems to be up.
+void refuse_certificate(History& h) {
+    const TlsMaterial& tls = tls_material();
+    h.relisten({"--ca", tls.ca_file, "--client-cert", "required"});
+    h.settle();
+    h.stop();
+    const bool none = h.below(2) == 0;
+    h.field.set_qmgr(
+        {{"CERTFILE", none ? "" : tls.foreign_server.cert_file}, {"KEYFILE", none ? "" : tls.foreign_server.key_file}});
+    h.field.set_channel({{"SHORTRTY", "0"}});
+    h.put(1);
+    const std::size_t binds = h.field.journalled("bind");
+    h.worker.emplace(h.field.run_channel());
+    EXPECT_EQ(h.worker->result(), 1);
+    EXPECT_GT(h.since("out", "has no CERTFILE: set it") + h.since("log", "unknown ca") +
+                  h.since("log", "BindChl error["),
+              0U);
+    EXPECT_EQ(h.field.journalled("bind"), binds);
+    h.field.set_qmgr({{"CERTFILE", tls.client.cert_file}, {"KEYFILE", tls.client.key_file}});
+    h.field.set_channel({{"SHORTRTY", "999999999"}});
+    h.run();
 }
 
 /// Others that hold the listener up: silent, in mid-frame, in a handshake, with a length that never comes.
@@ -181,6 +207,7 @@ std::vector<Fault> faults_of_lines() {
          }},
         {"silent handshake", {}, kTls, be_silent},
         {"failed handshakes", {}, kTls, fail_handshakes},
+        {"client certificate refused", {.cuts = 1}, kTls, refuse_certificate},
         {"60 reconnects", {.cuts = 70, .dead = 4}, kAny, reconnect},
         {"crowd of half-open peers", {}, kAny, crowd},
         {"idle line with heartbeats", {}, kAny, idle},

@@ -176,7 +176,7 @@ void stop_in_handshake(History& h) {
 /// With as many bytes of the largest file on their way as the seed says.
 void stop_in_file(History& h, const Words& options) {
     h.relisten(options);
-    h.put(1, {60'000'000, 60'000'000}, ProofKind::kFile);
+    h.put(1, {99'999'999, 99'999'999}, ProofKind::kFile);
     h.await_text("log", "begin send file[");
     h.pause_up_to(30'000);
     h.stop();
@@ -235,7 +235,7 @@ std::vector<Fault> faults_of_stops() {
          {},
          kAny,
          [](History& h) {
-             stop_in_file(h, {"--read-rate", "50000000"});
+             stop_in_file(h, {"--read-rate", "80000000"});
          }},
         {"hang-up", {}, kAny, hang_up},
         {"line signals from outside", {}, kAny, signal_from_outside},

@@ -83,8 +83,8 @@ void History::put_too_much(std::size_t times) {
 void History::relisten(const Words& options) {
     settle();
     end_listener();
-    listen(options);
     mark();
+    listen(options);
 }
 
 void History::listen(const Words& options) {
