@@ -23,8 +23,8 @@ namespace {
 constexpr timespec kSecondLook{.tv_sec = 1, .tv_nsec = 0};
 
 /// Opened for reading and writing: its reader never comes to an end when the last putter closes it, and a putter meets
-/// no SIGPIPE where nobody reads. Below 0 for anything but a FIFO, with the reason in errno, 0 when it is something
-/// else.
+/// no SIGPIPE where nobody reads. Nothing for anything but a FIFO, with the reason in errno, which is 0 when something
+/// else lies there.
 UniqueFd open_fifo(const std::filesystem::path& path) {
     UniqueFd fd(::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
     struct stat info {};

@@ -91,16 +91,13 @@ TEST(HostAddress, StopsDuringALookUpThatHangs) {
     EXPECT_EQ(child.result(), kStopped);
 }
 
-TEST(Text, BaseNameAndUpperCase) {
-    const std::string long_name(2000, 'n');
-    for (auto [path, name] :
-         {std::pair<std::string, std::string>{"/a/b/", "b"}, {"", ""}, {"/d/" + long_name, long_name.substr(977)}}) {
-        EXPECT_EQ(strBaseName(path.data()), name);
-    }
+TEST(Text, BaseNameIsBoundedAndUpperCaseIsOfNoLocale) {
+    std::string path = "/d/" + std::string(2000, 'n') + "/";
+    EXPECT_EQ(strBaseName(path.data()), std::string(1023, 'n'));
     EXPECT_STREQ(strBaseName(nullptr), "");
     std::string text = "chl.a-z_09\xc3\xa4{`";
     strToUpper(text.data());
-    EXPECT_EQ(text, "CHL.A-Z_09\xc3\xa4{`") << "whatever the locale";
+    EXPECT_EQ(text, "CHL.A-Z_09\xc3\xa4{`");
 }
 
 TEST(Process, ExistsOnlyWhileItRunsAndIsOneToSignal) {
@@ -122,25 +119,24 @@ TEST(Process, ExistsOnlyWhileItRunsAndIsOneToSignal) {
 TEST(Socket, IsReadableWithDataOrAtItsEndBeyondTheSizeOfADescriptorSetToo) {
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
-    if (limit.rlim_max <= FD_SETSIZE) {
-        GTEST_SKIP() << "descriptors are limited to " << limit.rlim_max;
-    }
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
     const int high = fcntl(ends[0], F_DUPFD_CLOEXEC, FD_SETSIZE);
+    if (high < 0) {
+        GTEST_SKIP() << "descriptors are limited to " << limit.rlim_max;
+    }
     EXPECT_EQ(sockCanRead(high), 0);
-    char byte = 'x';
-    ASSERT_EQ(write(ends[1], &byte, 1), 1);
+    ASSERT_EQ(write(ends[1], "x", 1), 1);
     EXPECT_EQ(sockCanRead(high), 1);
+    char byte = 0;
     ASSERT_EQ(read(high, &byte, 1), 1);
     close(ends[1]);
     EXPECT_EQ(sockCanRead(high), 1) << "the end of the stream";
     close(ends[0]);
     close(high);
     EXPECT_LT(sockCanRead(high), 0);
-    EXPECT_EQ(errno, EBADF);
 }
 
 } // namespace
