@@ -49,7 +49,9 @@ class DamageTest : public StoreTest {
     const fs::path file_ = dir_ / "store" / "data.mdb";
 };
 
-TEST_F(DamageTest, RefusesAStoreThatOthersCanWrite) {
+TEST_F(DamageTest, RefusesAStoreThatOthersCanWriteOrThatHasNoRoomAboveItsQuota) {
+    const Settings tight{{"quota", "1048576"}, {"map_size", "1048576"}};
+    EXPECT_EQ(code_of([&] { store_->change_settings(tight); }), Errc::kInvalid);
     EXPECT_EQ(fs::status(dir_).permissions(), fs::perms::owner_all);
     store_.reset();
     for (const char* part : {"", "store", "store/data.mdb", "store/lock.mdb", "queues"}) {
