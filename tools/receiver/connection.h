@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
-// One accepted connection: reads its bytes, has them split, takes the messages in and hands the complete ones over.
+// One accepted connection: the state of its line, when it is read and how much, and its end. It has the bytes split and
+// passes on what they say: the message that is coming in is kept by IncomingMessage.
 //
-// The listener calls work() when the socket is ready or a timer is due, and says before each round whether it reads. A
-// connection that cannot store what arrives stops reading and keeps the bytes it has (at most one chunk) until it can;
-// its peer is held back by TCP.
+// The listener says before each round whether the connection is read (let_read), and calls work() when its socket is
+// ready or a timer is due. A connection whose messages or files cannot be stored pauses: it stops reading, keeps the
+// bytes that it has read already (one chunk at most), and tries again later; TCP then holds the sender back.
 #pragma once
 
 #include <chrono>
@@ -12,34 +13,16 @@
 #include <string>
 #include <vector>
 
-#include "delivery.h"
+#include "awkward.h"
 #include "frame_splitter.h"
-#include "journal.h"
-#include "listener_options.h"
+#include "incoming_message.h"
+#include "listener_context.h"
 #include "reading_time.h"
-#include "sha256.h"
-#include "spool.h"
 #include "tls_server.h"
 
 namespace kvr {
 
 using Clock = std::chrono::steady_clock;
-
-/// What all connections of a listener share.
-struct ListenerContext {
-    static constexpr std::size_t kChunk = 256U << 10U; ///< greatest read
-
-    const ListenerOptions& options;
-    SSL_CTX* tls; ///< null: plain
-    Spool* spool; ///< null: without a store
-    Delivery& delivery;
-    Journal& journal;
-    std::vector<char> chunk = std::vector<char>(kChunk);
-    std::uint64_t bytes = 0;
-    std::uint64_t binds = 0;
-    std::uint64_t lost_bytes = 0; ///< that had come to connections which ended before they were taken in
-    bool files_given_up = false;  ///< messages with files are lost from now on
-};
 
 class Connection;
 
@@ -55,10 +38,10 @@ class Connection final : public FrameSink {
   public:
     Connection(std::uint64_t id, UniqueFd fd, std::string peer, ListenerContext& context);
 
-    [[nodiscard]] std::uint64_t id() const { return id_; }
+    [[nodiscard]] std::uint64_t id() const { return line_.id; }
     [[nodiscard]] int fd() const { return stream_.fd(); }
     [[nodiscard]] bool closed() const { return state_ == State::kClosed; }
-    /// Says whether the listener reads it from now on; its reading time passes accordingly.
+    /// Whether the listener reads it from now on; its reading time passes only while it does.
     void let_read(bool read, Clock::time_point now);
     [[nodiscard]] bool is_read() const { return is_read_; }
     /// Events to poll for; 0: leave the socket alone.
@@ -67,18 +50,18 @@ class Connection final : public FrameSink {
     [[nodiscard]] Clock::time_point next_timer() const;
     /// Bytes wait inside the TLS session.
     [[nodiscard]] bool pending() const { return is_read_ && reading() && !paused_ && stream_.buffered() > 0; }
-    [[nodiscard]] bool in_message() const { return complete_waits_ || !splitter_.at_boundary(); }
+    [[nodiscard]] bool in_message() const { return incoming_.complete_waits() || !splitter_.at_boundary(); }
     [[nodiscard]] bool in_handshake() const { return state_ == State::kHandshake; }
     /// And has begun it.
     [[nodiscard]] bool shakes_hands() const { return in_handshake() && stream_.answered(); }
     [[nodiscard]] bool draining() const { return state_ == State::kDraining; }
     /// It waits until a file can be stored.
-    [[nodiscard]] bool waits_for_spool() const { return paused_ && !file_trouble_.empty(); }
+    [[nodiscard]] bool waits_for_spool() const { return paused_ && !incoming_.trouble().empty(); }
     /// And room is all that it lacks.
-    [[nodiscard]] bool short_of_room() const { return waits_for_spool() && no_room_; }
+    [[nodiscard]] bool short_of_room() const { return waits_for_spool() && incoming_.lacks_room(); }
     [[nodiscard]] bool paused() const { return paused_; }
     /// Its package is complete: what comes is files, until the next message.
-    [[nodiscard]] bool awaits_files() const { return kept_ > 0; }
+    [[nodiscard]] bool awaits_files() const { return incoming_.awaits_files(); }
     [[nodiscard]] const ReadingTime& reading_time() const { return reading_time_; }
     /// When it was read for kQuiet without a byte; max while it is not read.
     [[nodiscard]] Clock::time_point quiet_at() const;
@@ -89,19 +72,19 @@ class Connection final : public FrameSink {
     [[nodiscard]] std::uint64_t received() const { return received_; }
 
     /// Address of the peer without the port.
-    [[nodiscard]] std::string_view host() const { return std::string_view(peer_).substr(0, peer_.rfind(':')); }
+    [[nodiscard]] std::string_view host() const { return line_.host(); }
     /// Channel and address; empty before the bind frame.
     [[nodiscard]] const std::string& sender() const { return sender_; }
     /// Takes in messages of a sender that is known, in their order; one that misbehaves on purpose holds nobody up.
-    [[nodiscard]] bool in_line() const { return takes_in() && !channel_.empty(); }
+    [[nodiscard]] bool in_line() const { return takes_in() && !line_.channel.empty(); }
     /// Has not said its name yet.
-    [[nodiscard]] bool unnamed() const { return (takes_in() || in_handshake()) && channel_.empty(); }
+    [[nodiscard]] bool unnamed() const { return (takes_in() || in_handshake()) && line_.channel.empty(); }
     [[nodiscard]] SenderPlace& place() { return place_; }
     [[nodiscard]] const SenderPlace& place() const { return place_; }
 
     /// Bytes kept for the message that is coming in, in memory and in the spool.
-    [[nodiscard]] std::size_t memory() const { return splitter_.memory() + left_.capacity() + kept_; }
-    [[nodiscard]] std::uint64_t spooled() const { return spooled_; }
+    [[nodiscard]] std::size_t memory() const { return splitter_.memory() + left_.capacity() + incoming_.memory(); }
+    [[nodiscard]] std::uint64_t spooled() const { return incoming_.spooled(); }
 
     /// @param ready     poll's events for the socket
     /// @param may_read  false: only timers and the end of a connection, nothing new is taken in
@@ -130,18 +113,11 @@ class Connection final : public FrameSink {
         kSilent,   ///< neither read nor answered, on purpose
         kClosed,
     };
-    struct FileFacts {
-        std::string name;
-        std::string path;
-        std::uint64_t length = 0;
-        std::string digest;
-    };
-
     [[nodiscard]] bool reading() const {
         return state_ == State::kOpen || state_ == State::kDraining || state_ == State::kDropping;
     }
     [[nodiscard]] bool takes_in() const {
-        return (state_ == State::kOpen || state_ == State::kDraining) && awkward_.read_rate == 0;
+        return (state_ == State::kOpen || state_ == State::kDraining) && !awkward_.slow();
     }
     [[nodiscard]] std::size_t read_limit(Clock::time_point now) const;
     void shake_hands(Clock::time_point now);
@@ -149,25 +125,17 @@ class Connection final : public FrameSink {
     void resume(Clock::time_point now);
     void read(Clock::time_point now, std::size_t most);
     void feed(std::span<const char> bytes, Clock::time_point now);
-    void reach_switch(Clock::time_point now);
+    /// Does what its switches have for it at this byte.
+    void misbehave(Clock::time_point now);
     void pause(Clock::time_point retry);
-    /// Whether the message that is coming in is kept.
-    [[nodiscard]] bool keeps() const { return context_.spool != nullptr && drop_reason_.empty(); }
-    bool judge_file_trouble(const IncomingFile& file);
-    bool store_files();
-    void hand_over();
-    void drop_files();
-    [[nodiscard]] std::size_t kept_by_message() const;
-    void log(std::string_view text, std::string_view cause) const;
-    [[nodiscard]] std::string message_facts() const;
+    bool take_over();
 
-    const std::uint64_t id_;
-    const std::string peer_;
+    Line line_;
     ListenerContext& context_;
     Stream stream_;
     FrameSplitter splitter_;
     State state_ = State::kHandshake;
-    const AwkwardOptions awkward_; ///< neutral for a connection to which the switches do not apply
+    const Awkward awkward_;
     bool want_write_ = false;
     Clock::time_point started_;
     bool is_read_ = false;
@@ -177,33 +145,17 @@ class Connection final : public FrameSink {
     Clock::time_point progress_at_; ///< see idle()
     std::uint64_t progress_bytes_ = 0;
     Clock::time_point ticket_at_ = Clock::time_point::max();
-    std::string channel_; ///< empty before the bind frame
     std::string sender_;
     SenderPlace place_;
     std::uint64_t received_ = 0;
-    std::uint64_t messages_ = 0;
 
     // Held back.
     bool paused_ = false;
-    std::string file_trouble_; ///< why a file cannot be stored
-    bool no_room_ = false;     ///< that is why
     Clock::time_point retry_at_;
-    std::vector<char> left_; ///< bytes that were read and not fed
-    bool complete_waits_ = false;
+    std::vector<char> left_;     ///< bytes that were read and not fed
     Clock::time_point turn_end_; ///< for what comes before it, other connections may wait
 
-    // The message that is coming in.
-    std::size_t kept_ = 0; ///< bytes of memory, without what the splitter holds
-    std::uint64_t spooled_ = 0;
-    std::string drop_reason_; ///< why it is passed over; empty: it is taken in
-    ReceivedMessage message_;
-    bool is_file_ = false;
-    std::size_t body_length_ = 0;
-    std::string body_digest_;
-    std::vector<IncomingFile> files_;
-    std::vector<FileFacts> facts_;
-    std::size_t current_file_ = 0;
-    std::unique_ptr<Sha256> digest_; ///< null without a journal
+    IncomingMessage incoming_;
 };
 
 } // namespace kvr

@@ -22,8 +22,7 @@
 #include <fmt/format.h>
 #include <poll.h>
 
-#include "admission.h"
-#include "connection.h"
+#include "acceptor.h"
 #include "handshakes.h"
 #include "listen_log.h"
 #include "listen_signals.h"
@@ -37,14 +36,11 @@ namespace kvr {
 namespace {
 
 constexpr std::chrono::milliseconds kGroupTime{20};
-constexpr std::chrono::seconds kRetryTime{1};       ///< between tries of a store that is full, or of accept
+constexpr std::chrono::seconds kRetryTime{1};       ///< between tries of a store that is full
 constexpr std::chrono::milliseconds kLockTime{500}; ///< for another process in the store: the loop has to go on
 constexpr std::chrono::seconds kStopTime{2};        ///< of reading, for each connection
 constexpr std::chrono::seconds kRoomTime{5};        ///< at a stop, for a store or a spool that takes nothing
 constexpr std::chrono::seconds kLongestStop{8};     ///< before a supervisor that waits 10 seconds loses its patience
-constexpr std::chrono::seconds kLeaveTime{2};       ///< of reading, for a connection that makes room for another
-constexpr std::size_t kMostLeaving = 4;             ///< at the same time
-constexpr int kAcceptBatch = 64;
 
 class Listener {
   public:
@@ -52,25 +48,19 @@ class Listener {
     int run();
 
   private:
-    [[nodiscard]] bool accepting() const;
-    [[nodiscard]] bool crowded() const { return connections_.size() >= places_; }
-    [[nodiscard]] bool all_accepted() const { return options_.once != 0 && accepted_ == options_.once; }
     [[nodiscard]] bool finished(Clock::time_point now) const {
-        return ((stopping_ || all_accepted()) && connections_.empty() && delivery_.empty()) || now >= stop_at_;
+        return ((stopping_ || acceptor_.all_accepted()) && connections_.empty() && delivery_.empty()) ||
+               now >= stop_at_;
     }
     [[nodiscard]] bool held_back(const Connection& connection) const;
     void decide_who_is_read(Clock::time_point now);
     std::size_t fill_polls(Clock::time_point now);
     [[nodiscard]] int poll_time(Clock::time_point now) const;
     void take_signals(Clock::time_point now);
-    void accept_all(Clock::time_point now);
-    bool accept_one(Clock::time_point now);
-    bool make_room(std::string_view address, Clock::time_point now);
     bool work_all(Clock::time_point now);
     void deliver(Clock::time_point now, bool idle);
     void drop_closed(Clock::time_point now);
     void begin_stop(Clock::time_point now);
-    void accept_rest(Clock::time_point now);
     [[nodiscard]] bool takes_nothing() const;
     void give_up();
     int end();
@@ -82,19 +72,15 @@ class Listener {
     std::optional<Spool> spool_;
     Delivery delivery_;
     ListenerContext context_;
-    UniqueFd socket_;
-    std::size_t places_;
-    std::vector<std::unique_ptr<Connection>> connections_; ///< in the order in which they were accepted
-    std::vector<pollfd> polls_;                            ///< signals, socket, then one per connection
-    std::uint64_t accepted_ = 0;
+    Acceptor::Connections connections_;
+    Acceptor acceptor_;
+    std::vector<pollfd> polls_;  ///< signals, socket, then one per connection
     std::uint64_t lined_up_ = 0; ///< binds that the order of senders knows of
     Handshakes handshakes_;
-    std::size_t leaving_ = 0; ///< connections that make room for others
     Shortage shortage_;
     std::size_t turn_ = 0; ///< who is served first
     Clock::time_point group_since_ = Clock::time_point::max();
     Clock::time_point retry_at_;
-    Clock::time_point accept_again_;
     Clock::time_point stop_at_ = Clock::time_point::max();
     Clock::time_point give_up_at_ = Clock::time_point::max();
     Clock::time_point log_at_ = Clock::time_point::max();
@@ -110,14 +96,8 @@ Listener::Listener(const ListenerOptions& options)
                                                                                 tls_ ? tls_->context() : nullptr,
                                                                                 spool_ ? &*spool_ : nullptr, delivery_,
                                                                                 journal_},
-      places_(places_for_connections(options.max_connections)) {
-    int port = 0;
-    socket_ = open_listen_socket(options.address, options.port, options.awkward.receive_buffer, port);
-    if (places_ < options.max_connections) {
-        listen_log(fmt::format("note: the limit of open files is enough for {} connections, not for {}: raise it "
-                               "(ulimit -n) for more",
-                               places_, options.max_connections));
-    }
+      acceptor_(context_, connections_) {
+    const int port = acceptor_.port();
     if (!options.port_file.empty()) {
         write_port_file(options.port_file, port);
     }
@@ -152,7 +132,7 @@ int Listener::run() {
         }
         const bool worked = work_all(now);
         if (ready > 0 && polls_[1].revents != 0) {
-            accept_all(now);
+            acceptor_.accept_all(now);
         }
         if (now >= give_up_at_) {
             give_up();
@@ -198,7 +178,7 @@ void Listener::decide_who_is_read(Clock::time_point now) {
 std::size_t Listener::fill_polls(Clock::time_point now) {
     polls_.clear();
     polls_.push_back({signals_.fd(), POLLIN, 0});
-    polls_.push_back({accepting() && now >= accept_again_ ? socket_.get() : -1, POLLIN, 0});
+    polls_.push_back({acceptor_.fd(now), POLLIN, 0});
     for (const auto& connection : connections_) {
         short events = connection->events(now);
         if (events == POLLIN && !connection->is_read()) {
@@ -211,14 +191,12 @@ std::size_t Listener::fill_polls(Clock::time_point now) {
 }
 
 int Listener::poll_time(Clock::time_point now) const {
-    Clock::time_point next = std::min({handshakes_.due(), log_at_, stop_at_, give_up_at_, shortage_.due()});
+    Clock::time_point next =
+        std::min({acceptor_.due(now), handshakes_.due(), log_at_, stop_at_, give_up_at_, shortage_.due()});
     if (delivery_.blocked()) {
         next = std::min(next, retry_at_);
     } else if (!delivery_.empty()) {
         return 0;
-    }
-    if (accepting() && now < accept_again_) {
-        next = std::min(next, accept_again_);
     }
     next = std::min(next, SenderOrder::next_look(connections_, now));
     for (const auto& connection : connections_) {
@@ -232,76 +210,6 @@ int Listener::poll_time(Clock::time_point now) const {
     }
     const auto wait = std::chrono::ceil<std::chrono::milliseconds>(next - now).count();
     return static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(wait, 0, 60'000));
-}
-
-/// While nothing is read nobody is accepted either: a line that waits in the system's queue costs nothing here.
-bool Listener::accepting() const {
-    return socket_ && !all_accepted() && !delivery_.blocked() && !(crowded() && leaving_ >= kMostLeaving);
-}
-
-void Listener::accept_all(Clock::time_point now) {
-    for (int i = 0; i < kAcceptBatch && accepting(); ++i) {
-        if (crowded()) {
-            if (!make_room({}, now)) {
-                listen_log(fmt::format("{} connections, none of them idle: further ones wait until one ends",
-                                       connections_.size()),
-                           "times without a free place", "all addresses");
-                accept_again_ = now + kRetryTime;
-            }
-            return;
-        }
-        if (!accept_one(now)) {
-            return;
-        }
-    }
-}
-
-bool Listener::accept_one(Clock::time_point now) {
-    UniqueFd fd;
-    std::string peer;
-    switch (accept_connection(socket_.get(), fd, peer)) {
-    case Accepted::kNone:
-        return false;
-    case Accepted::kExhausted:
-        listen_log(
-            fmt::format("cannot accept a connection [{}:{}]: trying again every second", errno, std::strerror(errno)),
-            "connections not accepted", "all addresses");
-        accept_again_ = now + kRetryTime;
-        return false;
-    case Accepted::kConnection:
-        break;
-    }
-    ++accepted_;
-    auto connection = std::make_unique<Connection>(accepted_, std::move(fd), std::move(peer), context_);
-    if (options_.awkward.refuse && (options_.awkward.first == 0 || accepted_ <= options_.awkward.first)) {
-        connection->close("refused on purpose");
-    }
-    const auto address = connection->host();
-    const auto of_address = [&](const auto& one) { return one->host() == address; };
-    if (connections_.size() >= options_.max_per_address &&
-        static_cast<std::size_t>(std::ranges::count_if(connections_, of_address)) >= options_.max_per_address) {
-        (void)make_room(address, now);
-    }
-    connections_.push_back(std::move(connection));
-    return true;
-}
-
-/// The connection that has been idle for longest leaves, without a loss: it is read to the end that its sender makes. A
-/// connection of which something waits unread is never asked to.
-bool Listener::make_room(std::string_view address, Clock::time_point now) {
-    std::vector<Occupied> occupied;
-    for (const auto& connection : connections_) {
-        const bool may_go = !connection->closed() && !connection->draining() && !connection->paused() &&
-                            !connection->pending() && connection->unread() == 0;
-        occupied.push_back({connection->host(), connection->idle(now), may_go});
-    }
-    const auto leaves =
-        who_makes_room(occupied, address, std::chrono::seconds(options_.idle_seconds), options_.max_per_address);
-    if (leaves) {
-        connections_[*leaves]->drain(kLeaveTime, "idle for longest, makes room for another connection", now);
-        ++leaving_;
-    }
-    return leaves.has_value();
 }
 
 /// Returns whether any connection had something to do.
@@ -356,12 +264,11 @@ void Listener::drop_closed(Clock::time_point now) {
         SenderOrder::line_up(connections_, now);
     }
     std::size_t memory = 0;
-    leaving_ = 0;
     for (const auto& connection : connections_) {
         memory += connection->memory();
-        leaving_ += connection->draining() ? 1U : 0U;
     }
     shortage_.set_memory(memory);
+    acceptor_.count_leaving();
 }
 
 void Listener::begin_stop(Clock::time_point now) {
@@ -372,7 +279,7 @@ void Listener::begin_stop(Clock::time_point now) {
     stopping_ = true;
     stop_at_ = now + kLongestStop;
     give_up_at_ = now + kRoomTime;
-    accept_rest(now);
+    lost_unseen_ = acceptor_.accept_rest(now);
     listen_log(fmt::format("stopping: {} connections", connections_.size()));
     for (const auto& connection : connections_) {
         connection->drain(kStopTime, "the listener stops", now);
@@ -384,18 +291,6 @@ void Listener::begin_stop(Clock::time_point now) {
                         "signal gives them up at once",
                         delivery_.waiting(), connections_.size(), kRoomTime.count()));
     }
-}
-
-/// What waits in the system's queue may have been written to already.
-void Listener::accept_rest(Clock::time_point now) {
-    while (socket_ && !all_accepted() && !crowded() && accept_one(now)) {
-    }
-    pollfd entry{socket_.get(), POLLIN, 0};
-    lost_unseen_ = socket_ && !all_accepted() && ::poll(&entry, 1, 0) == 1;
-    if (lost_unseen_) {
-        listen_log("connections wait for which there is no place: what was sent on them is lost");
-    }
-    socket_.reset();
 }
 
 bool Listener::takes_nothing() const {
@@ -423,8 +318,9 @@ int Listener::end() {
     log_counts(true);
     const std::string dropped =
         delivery_.dropped() > 0 ? fmt::format(", {} messages dropped", delivery_.dropped()) : std::string();
-    listen_log(fmt::format("stopped: {} connections, {} messages, {} bytes, {} messages dead-lettered{}", accepted_,
-                           delivery_.delivered(), context_.bytes, delivery_.dead_lettered(), dropped));
+    listen_log(fmt::format("stopped: {} connections, {} messages, {} bytes, {} messages dead-lettered{}",
+                           acceptor_.accepted(), delivery_.delivered(), context_.bytes, delivery_.dead_lettered(),
+                           dropped));
     const bool lost = lost_unseen_ || delivery_.lost() + context_.lost_bytes > 0;
     if (lost) {
         listen_log(fmt::format("lost: {} complete messages, and {} bytes of others that had come", delivery_.lost(),
