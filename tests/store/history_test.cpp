@@ -38,7 +38,7 @@ class HistoryTest : public EngineTest {
         const std::string word = words.front();
         words.erase(words.begin());
         if (const auto code = codes_.find(word); code != codes_.end()) {
-            EXPECT_EQ(code_of([&] { return step(words), 0; }), code->second);
+            EXPECT_EQ(code_of([&] { step(words); }), code->second);
         } else {
             steps_.at(word)(words);
         }

@@ -29,6 +29,7 @@ template <class Work>
 Errc code_of(Work work, std::string* text = nullptr) {
     try {
         static_cast<void>(work());
+        return Errc{};
     } catch (const Error& error) {
         EXPECT_STRNE(error.what(), "");
         if (text != nullptr) {
@@ -36,8 +37,8 @@ Errc code_of(Work work, std::string* text = nullptr) {
         }
         return error.code();
     }
-    return Errc{};
 }
+#define EXPECT_CODE(code, ...) EXPECT_EQ(code_of([&] { static_cast<void>(__VA_ARGS__); }), Errc::code)
 
 /// The next message's text, "-" for none.
 inline std::string take(Getter& getter, bool wait = false) {
@@ -65,7 +66,7 @@ class StoreTest : public testing::Test {
         store_->queue_define("DEAD", "");
     }
     Errc put(const std::string& text, const Texts& files = {}, const std::string& queue = "Q") {
-        return code_of([&] { return store_->put(queue, OutgoingMessage{&descriptor_, files, text}), 0; });
+        return code_of([&] { store_->put(queue, OutgoingMessage{&descriptor_, files, text}); });
     }
     /// Puts them in one transaction.
     void put_all(const Texts& texts, const std::string& queue = "Q") {

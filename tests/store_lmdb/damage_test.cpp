@@ -43,9 +43,6 @@ class DamageTest : public StoreTest {
         mdb_env_close(env);
         return (info.me_last_pgno + 1) * 4096 - fs::file_size(file_);
     }
-    [[nodiscard]] Errc open_code() const {
-        return code_of([&] { return Store::open(dir_); });
-    }
     const fs::path file_ = dir_ / "store" / "data.mdb";
 };
 
@@ -57,7 +54,7 @@ TEST_F(DamageTest, RefusesAStoreThatOthersCanWriteOrThatHasNoRoomAboveItsQuota) 
     for (const char* part : {"", "store", "store/data.mdb", "store/lock.mdb", "queues"}) {
         for (const fs::perms writable : {fs::perms::group_write, fs::perms::others_write}) {
             fs::permissions(dir_ / part, writable, fs::perm_options::add);
-            EXPECT_EQ(open_code(), Errc::kPermission) << part;
+            EXPECT_CODE(kPermission, Store::open(dir_)) << part;
             fs::permissions(dir_ / part, writable, fs::perm_options::remove);
         }
     }
@@ -69,16 +66,16 @@ TEST_F(DamageTest, RefusesAnotherVersionAndDamage) {
     store_ = Store::open(dir_);
     {
         const auto getter = store_->drain("Q");
-        EXPECT_EQ(code_of([&] { return take(*getter); }), Errc::kDamaged);
-        EXPECT_EQ(code_of([&] { return take(*getter); }), Errc::kDamaged);
+        EXPECT_CODE(kDamaged, take(*getter));
+        EXPECT_CODE(kDamaged, take(*getter));
     }
-    EXPECT_EQ(code_of([&] { return shown(); }), Errc::kDamaged);
+    EXPECT_CODE(kDamaged, shown());
     EXPECT_EQ(store_->queue_info("Q").depth, 2U);
     store_->queue_delete("Q", true);
     damage("kavro.identity", 14);
-    EXPECT_EQ(open_code(), Errc::kVersion);
+    EXPECT_CODE(kVersion, Store::open(dir_));
     std::ofstream(file_, std::ios::trunc) << std::string(8192, 'x');
-    EXPECT_EQ(open_code(), Errc::kDamaged);
+    EXPECT_CODE(kDamaged, Store::open(dir_));
 }
 
 TEST_F(DamageTest, RefusesAFileThatLacksPagesUnlessAllOfThemAreFree) {
@@ -94,7 +91,7 @@ TEST_F(DamageTest, RefusesAFileThatLacksPagesUnlessAllOfThemAreFree) {
     for (std::uintmax_t size = fs::file_size(file_); size > 0;) {
         size = size > 8192 ? size - std::min<std::uintmax_t>(size - 8192, 40960) : size / 2;
         fs::resize_file(file_, size);
-        EXPECT_EQ(open_code(), Errc::kDamaged) << size;
+        EXPECT_CODE(kDamaged, Store::open(dir_)) << size;
         EXPECT_EQ(fs::file_size(file_), size) << "a refused file was written to";
     }
 }
@@ -108,7 +105,7 @@ TEST_F(DamageTest, WhatWasRemovedOrReplacedIsWrittenToNoMore) {
             Store::create(dir_, "QM", {});
         }
         EXPECT_EQ(put("nowhere"), Errc::kDamaged) << replaced;
-        EXPECT_EQ(code_of([&] { return take(*getter, true); }), Errc::kDamaged) << replaced;
+        EXPECT_CODE(kDamaged, take(*getter, true)) << replaced;
     }
     getter.reset();
     fs::remove_all(dir_);
@@ -126,7 +123,7 @@ TEST_F(DamageTest, APurgeOfLargeMessagesNeedsLittleRoom) {
     const rlimit little{fs::file_size(file_) + (160UL << 10), before.rlim_max};
     ::signal(SIGXFSZ, SIG_IGN);
     ::setrlimit(RLIMIT_FSIZE, &little);
-    const Errc purge = code_of([&] { return store_->queue_delete("Q", true), 0; });
+    const Errc purge = code_of([&] { store_->queue_delete("Q", true); });
     ::setrlimit(RLIMIT_FSIZE, &before);
     EXPECT_EQ(purge, Errc{});
 }

@@ -23,7 +23,7 @@ class WaitsTest : public StoreTest {
     /// The text of the error of a put, empty for none.
     std::string fault_of_put(const std::string& text) {
         std::string fault;
-        code_of([&] { return put_all({text}), 0; }, &fault);
+        code_of([&] { put_all({text}); }, &fault);
         return fault;
     }
     /// A process that is stopped in the middle of its write of "first".
@@ -91,7 +91,7 @@ TEST_F(WaitsTest, WhoReadsAlreadyGoesOnBesideAFrozenOpenerAndOthersGiveUp) {
         EXPECT_EQ(shown(), Texts{"x"});
         store_->queue_define("R", "");
         const auto other = store_->drain("R"); // has the second place that the process keeps
-        EXPECT_EQ(code_of([&] { return shown(); }), Errc::kBusy);
+        EXPECT_CODE(kBusy, shown());
         EXPECT_EQ(take(*getter), "x");
     }
     EXPECT_EQ(shown(), Texts{"x"});
