@@ -70,6 +70,7 @@ class Listener {
 
 struct SenderOptions {
     bool tls = false; ///< 1.3
+    const TlsIdentity* identity = nullptr;
     const char* address = "127.0.0.1";
 };
 
@@ -89,6 +90,10 @@ class Sender {
         }
         (void)::signal(SIGPIPE, SIG_IGN); // OpenSSL writes without MSG_NOSIGNAL
         const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
+        if (options.identity != nullptr) {
+            SSL_CTX_use_certificate_chain_file(context.get(), options.identity->cert_file.c_str());
+            SSL_CTX_use_PrivateKey_file(context.get(), options.identity->key_file.c_str(), SSL_FILETYPE_PEM);
+        }
         ssl_.reset(SSL_new(context.get()));
         SSL_set_fd(ssl_.get(), fd_.get());
         SSL_connect(ssl_.get()); // where it fails, so does what follows
@@ -379,13 +384,21 @@ TEST_F(KvrListen, TheJournalIsOpenedAnewAndLinesThatItLacksAreCounted) {
     EXPECT_THAT(listener.log(), HasSubstr("the journal lacks " + std::to_string(101 - written) + " lines"));
 }
 
-TEST_F(KvrListen, NobodyWithoutACertificateIsLetInWhereOneIsRequired) {
-    const Listener listener(home_, tls_ + " --discard --ca " + material_.ca_file + " --client-cert required");
-    Sender sender(listener, {.tls = true});
-    (void)sender.send(bind_frame("C")); // it learns of the refusal after its handshake
-    EXPECT_TRUE(listener.has("end"));
-    EXPECT_EQ(listener.count("bind"), 0U);
-    EXPECT_THAT(listener.journal(), HasSubstr("peer did not return a certificate"));
+TEST_F(KvrListen, RefusalsNameTheirCause) {
+    const std::string required = tls_ + " --ca " + material_.ca_file + " --client-cert required";
+    const std::tuple<std::string, SenderOptions, const char*> cases[] = {
+        {required, {.tls = true}, "peer did not return a certificate"},
+        {required, {.tls = true, .identity = &material_.foreign_server}, "is refused: unable to get local issuer"},
+        {required, {}, "the sender speaks plain TCP"},
+        {"", {.tls = true}, "a TLS hello"}};
+    for (const auto& [options, sender_options, reason] : cases) {
+        const Listener listener(home_, "--discard " + options);
+        Sender sender(listener, sender_options);
+        (void)sender.send(bind_frame("C")); // over TLS it learns of the refusal after its handshake
+        EXPECT_TRUE(listener.has("end")) << reason;
+        EXPECT_EQ(listener.count("bind"), 0U) << reason;
+        EXPECT_THAT(listener.journal(), HasSubstr(reason));
+    }
 }
 
 } // namespace
