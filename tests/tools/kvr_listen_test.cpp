@@ -339,23 +339,24 @@ TEST_F(KvrListen, TheLogNeitherBlocksNorGrowsWithAStranger) {
     ASSERT_EQ(::pipe2(full.data(), O_NONBLOCK), 0);
     while (::write(full[1], "x", 1) == 1) {
     }
-    for (const bool blocked : {true, false}) {
-        Listener listener(home_, "", [&] {
-            if (blocked) {
-                (void)::fcntl(full[1], F_SETFL, 0);
-                ::dup2(full[1], STDERR_FILENO);
-            }
-        });
-        for (std::size_t i = 1; i <= 5; ++i) {
-            bound(listener, repeated(message("NO.SUCH.QUEUE", ""), 1000));
-            ASSERT_TRUE(listener.has("message", i * 1000));
-        }
-        EXPECT_EQ(listener.stop(), 0);
-        if (!blocked) {
-            EXPECT_LT(std::ranges::count(listener.log(), '\n'), 20) << listener.log();
-            EXPECT_THAT(listener.log(), HasSubstr("messages for unknown queues: 4999 more from 127.0.0.1"));
-        }
+    const auto read_it = [&full] {
+        std::string text(1 << 20, '\0');
+        text.resize(static_cast<std::size_t>(std::max<ssize_t>(::read(full[0], text.data(), text.size()), 0)));
+        return text;
+    };
+    Listener listener(home_, "", [&full] {
+        (void)::fcntl(full[1], F_SETFL, 0);
+        ::dup2(full[1], STDERR_FILENO);
+    });
+    for (std::size_t i = 1; i <= 5; ++i) {
+        bound(listener, repeated(message("NO.SUCH.QUEUE", ""), 1000));
+        ASSERT_TRUE(listener.has("message", i * 1000));
     }
+    EXPECT_GT(read_it().size(), 0U);
+    EXPECT_EQ(listener.stop(), 0);
+    const std::string log = read_it();
+    EXPECT_LT(std::ranges::count(log, '\n'), 20) << log;
+    EXPECT_THAT(log, HasSubstr("messages for unknown queues: 4999 more from 127.0.0.1"));
     ::close(full[0]);
     ::close(full[1]);
 }

@@ -91,14 +91,14 @@ bool Acceptor::accept_one(Clock::time_point now) {
 bool Acceptor::make_room(std::string_view address, Clock::time_point now) {
     std::vector<Occupied> occupied;
     for (const auto& connection : connections_) {
-        const bool may_go = !connection->closed() && !connection->draining() && !connection->paused() &&
+        const bool may_go = !connection->closed() && !connection->ending() && !connection->paused() &&
                             !connection->pending() && connection->unread() == 0;
         occupied.push_back({connection->host(), connection->idle(now), may_go});
     }
     const auto leaves = who_makes_room(occupied, address, std::chrono::seconds(context_.options.idle_seconds),
                                        context_.options.max_per_address);
     if (leaves) {
-        connections_[*leaves]->drain(kLeaveTime, "idle for longest, makes room for another connection", now);
+        connections_[*leaves]->ask_to_end(kLeaveTime, "idle for longest, makes room for another connection", now);
         ++leaving_;
     }
     return leaves.has_value();
@@ -118,7 +118,7 @@ bool Acceptor::accept_rest(Clock::time_point now) {
 
 void Acceptor::count_leaving() {
     leaving_ = static_cast<std::size_t>(
-        std::ranges::count_if(connections_, [](const auto& connection) { return connection->draining(); }));
+        std::ranges::count_if(connections_, [](const auto& connection) { return connection->ending(); }));
 }
 
 } // namespace kvr

@@ -25,10 +25,9 @@ constexpr std::uint64_t kProgress = 32U << 10U;    ///< bytes of an unfinished m
 } // namespace
 
 Connection::Connection(std::uint64_t id, UniqueFd fd, std::string peer, ListenerContext& context)
-    : line_{id, std::move(peer), {}}, context_(context), stream_(std::move(fd), context.tls),
+    : line_{id, std::move(peer), {}}, context_(context), stream_(std::move(fd), context.tls), incoming_(line_, context),
       awkward_(context.options.awkward, id), started_(Clock::now()),
-      deadline_(std::chrono::seconds(context.options.handshake_seconds)), progress_at_(started_),
-      incoming_(line_, context) {
+      deadline_(std::chrono::seconds(context.options.handshake_seconds)), progress_at_(started_) {
     context_.journal.add("connect", id, fmt::format(R"("peer":"{}")", line_.peer));
     if (awkward_.mute()) {
         state_ = State::kSilent;
@@ -43,7 +42,7 @@ short Connection::events(Clock::time_point now) const {
     case State::kHandshake:
         return static_cast<short>(want_write_ ? POLLOUT : POLLIN);
     case State::kOpen:
-    case State::kDraining:
+    case State::kEnding:
     case State::kDropping:
         return static_cast<short>(paused_ || read_limit(now) == 0 ? 0 : POLLIN);
     case State::kSilent:
@@ -71,7 +70,7 @@ std::size_t Connection::unread() const {
 
 Clock::time_point Connection::next_timer() const {
     Clock::time_point next = ticket_at_;
-    if (state_ == State::kDraining || state_ == State::kDropping ||
+    if (state_ == State::kEnding || state_ == State::kDropping ||
         (state_ != State::kSilent && state_ != State::kClosed && line_.channel.empty())) {
         next = std::min(next, reading_time_.when(deadline_));
     }
@@ -114,7 +113,7 @@ void Connection::check_timers(Clock::time_point now) {
     if (reading_time_.at(now) < deadline_) {
         return;
     }
-    if (state_ == State::kDraining || state_ == State::kDropping) {
+    if (state_ == State::kEnding || state_ == State::kDropping) {
         close(paused_ ? "the stop does not wait any longer" : "the peer did not end the connection in time");
     } else if ((state_ == State::kHandshake || state_ == State::kOpen) && line_.channel.empty()) {
         close(fmt::format("no bind frame within {} seconds", context_.options.handshake_seconds),
@@ -243,7 +242,7 @@ void Connection::pause(Clock::time_point retry) {
 
 void Connection::resume(Clock::time_point now) {
     paused_ = false;
-    if (incoming_.complete_waits() && !take_over()) {
+    if (incoming_.complete_waits() && !hand_over()) {
         pause(now + kRetryPause);
         return;
     }
@@ -251,8 +250,8 @@ void Connection::resume(Clock::time_point now) {
     feed(bytes, now);
 }
 
-void Connection::drain(Clock::duration time, const std::string& why, Clock::time_point now) {
-    if (state_ == State::kDraining) {
+void Connection::ask_to_end(Clock::duration time, const std::string& why, Clock::time_point now) {
+    if (state_ == State::kEnding) {
         return;
     }
     if (state_ == State::kHandshake && stream_.answered() && unread() > 0) {
@@ -264,7 +263,7 @@ void Connection::drain(Clock::duration time, const std::string& why, Clock::time
     }
     // No closing alert: the peer would not read it, and a close with unread bytes resets the connection.
     stream_.finish_sending(awkward_.ends_with_alert());
-    state_ = State::kDraining;
+    state_ = State::kEnding;
     deadline_ = reading_time_.at(now) + time;
 }
 
@@ -329,7 +328,7 @@ bool Connection::on_file_end() {
 }
 
 Flow Connection::on_message_complete() {
-    if (!take_over()) {
+    if (!hand_over()) {
         return Flow::kPause;
     }
     if (context_.delivery.full() && !context_.delivery.flush()) {
@@ -338,7 +337,7 @@ Flow Connection::on_message_complete() {
     return Clock::now() < turn_end_ ? Flow::kGoOn : Flow::kPause;
 }
 
-bool Connection::take_over() {
+bool Connection::hand_over() {
     if (!incoming_.complete()) {
         return false;
     }

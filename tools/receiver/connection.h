@@ -30,8 +30,8 @@ class Connection;
 struct SenderPlace {
     const Connection* older = nullptr; ///< the next older line
     Clock::duration since{};           ///< that one's reading time when this one came to stand behind it
-    bool waits = false;
-    bool let_by = false; ///< for ever
+    bool waits = false;                ///< it is not read before the older line
+    bool let_by = false;               ///< it has been read: from then on it waits for no older line any more
 };
 
 class Connection final : public FrameSink {
@@ -50,14 +50,14 @@ class Connection final : public FrameSink {
     [[nodiscard]] Clock::time_point next_timer() const;
     /// Bytes wait inside the TLS session.
     [[nodiscard]] bool pending() const { return is_read_ && reading() && !paused_ && stream_.buffered() > 0; }
-    [[nodiscard]] bool in_message() const { return incoming_.complete_waits() || !splitter_.at_boundary(); }
     [[nodiscard]] bool in_handshake() const { return state_ == State::kHandshake; }
-    /// And has begun it.
-    [[nodiscard]] bool shakes_hands() const { return in_handshake() && stream_.answered(); }
-    [[nodiscard]] bool draining() const { return state_ == State::kDraining; }
+    /// It is in its handshake, and its sender's first bytes have come.
+    [[nodiscard]] bool handshake_begun() const { return in_handshake() && stream_.answered(); }
+    /// It was asked to end, and is read to the end that its sender makes.
+    [[nodiscard]] bool ending() const { return state_ == State::kEnding; }
     /// It waits until a file can be stored.
     [[nodiscard]] bool waits_for_spool() const { return paused_ && !incoming_.trouble().empty(); }
-    /// And room is all that it lacks.
+    /// It waits for that, and room is all that the spool lacks.
     [[nodiscard]] bool short_of_room() const { return waits_for_spool() && incoming_.lacks_room(); }
     [[nodiscard]] bool paused() const { return paused_; }
     /// Its package is complete: what comes is files, until the next message.
@@ -90,8 +90,9 @@ class Connection final : public FrameSink {
     /// @param may_read  false: only timers and the end of a connection, nothing new is taken in
     /// @param most      greatest read
     void work(Clock::time_point now, short ready, bool may_read, std::size_t most = ListenerContext::kChunk);
-    /// Ends our half, takes in what was sent before the peer noticed, for at most `time` of reading.
-    void drain(Clock::duration time, const std::string& why, Clock::time_point now);
+    /// Ends our half of the line, so that the sender ends its own, and takes in what was sent before it noticed, for at
+    /// most `time` of reading.
+    void ask_to_end(Clock::duration time, const std::string& why, Clock::time_point now);
     /// @param cause  the kind of reason, for the log
     void close(const std::string& reason, std::string_view cause = "connections ended");
     void trim() { splitter_.trim(); }
@@ -108,16 +109,16 @@ class Connection final : public FrameSink {
     enum class State {
         kHandshake,
         kOpen,
-        kDraining, ///< our half is ended; what comes is still taken in
+        kEnding,   ///< our half is ended; what comes is still taken in
         kDropping, ///< our half is ended; what comes is dropped
         kSilent,   ///< neither read nor answered, on purpose
         kClosed,
     };
     [[nodiscard]] bool reading() const {
-        return state_ == State::kOpen || state_ == State::kDraining || state_ == State::kDropping;
+        return state_ == State::kOpen || state_ == State::kEnding || state_ == State::kDropping;
     }
     [[nodiscard]] bool takes_in() const {
-        return (state_ == State::kOpen || state_ == State::kDraining) && !awkward_.slow();
+        return (state_ == State::kOpen || state_ == State::kEnding) && !awkward_.slow();
     }
     [[nodiscard]] std::size_t read_limit(Clock::time_point now) const;
     void shake_hands(Clock::time_point now);
@@ -125,37 +126,39 @@ class Connection final : public FrameSink {
     void resume(Clock::time_point now);
     void read(Clock::time_point now, std::size_t most);
     void feed(std::span<const char> bytes, Clock::time_point now);
-    /// Does what its switches have for it at this byte.
+    /// Does what the switches have for it after so many bytes.
     void misbehave(Clock::time_point now);
     void pause(Clock::time_point retry);
-    bool take_over();
+    /// Hands the complete message over. False: it waits until its files can be stored.
+    bool hand_over();
 
     Line line_;
     ListenerContext& context_;
     Stream stream_;
     FrameSplitter splitter_;
-    State state_ = State::kHandshake;
+    IncomingMessage incoming_;
     const Awkward awkward_;
-    bool want_write_ = false;
-    Clock::time_point started_;
-    bool is_read_ = false;
-    ReadingTime reading_time_;
-    Clock::duration last_bytes_{};  ///< in reading time, as the next one
-    Clock::duration deadline_;      ///< of the handshake and bind, or of draining
-    Clock::time_point progress_at_; ///< see idle()
-    std::uint64_t progress_bytes_ = 0;
-    Clock::time_point ticket_at_ = Clock::time_point::max();
+    State state_ = State::kHandshake;
+    bool want_write_ = false; ///< the handshake waits until the socket takes bytes
     std::string sender_;
     SenderPlace place_;
     std::uint64_t received_ = 0;
 
-    // Held back.
+    // Times.
+    Clock::time_point started_;
+    bool is_read_ = false;
+    ReadingTime reading_time_;
+    Clock::duration last_bytes_{};                           ///< when bytes came last, in reading time
+    Clock::duration deadline_;                               ///< of handshake and bind or of the end, in reading time
+    Clock::time_point progress_at_;                          ///< see idle()
+    std::uint64_t progress_bytes_ = 0;                       ///< received by then
+    Clock::time_point ticket_at_ = Clock::time_point::max(); ///< of a late session ticket
+
+    // The pause of a connection that cannot store what has come, or has had its turn.
     bool paused_ = false;
     Clock::time_point retry_at_;
     std::vector<char> left_;     ///< bytes that were read and not fed
-    Clock::time_point turn_end_; ///< for what comes before it, other connections may wait
-
-    IncomingMessage incoming_;
+    Clock::time_point turn_end_; ///< a message that is complete after that lets other connections have theirs
 };
 
 } // namespace kvr

@@ -6,7 +6,7 @@
 namespace kvr {
 
 bool Handshakes::holds_back(const Connection& connection) const {
-    if (!connection.in_handshake() || connection.shakes_hands()) {
+    if (!connection.in_handshake() || connection.handshake_begun()) {
         return false;
     }
     const auto of_one = of_address_.find(connection.host());
@@ -23,14 +23,14 @@ void Handshakes::relieve(const std::vector<std::unique_ptr<Connection>>& connect
     of_address_.clear();
     due_ = Clock::time_point::max();
     for (const auto& connection : connections) {
-        if (connection->shakes_hands()) {
+        if (connection->handshake_begun()) {
             note(*connection);
         }
     }
     const bool others_wait =
         std::ranges::any_of(connections, [&](const auto& one) { return holds_back(*one) && one->unread() > 0; });
     for (const auto& connection : connections) {
-        if (!others_wait || !connection->shakes_hands()) {
+        if (!others_wait || !connection->handshake_begun()) {
             continue;
         }
         if (connection->reading_time().at(now) >= kPatience) {

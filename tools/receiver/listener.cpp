@@ -227,10 +227,10 @@ bool Listener::work_all(Clock::time_point now) {
         }
         worked = worked || readable;
         const std::size_t before = connection.memory();
-        const bool had_begun = connection.shakes_hands();
+        const bool had_begun = connection.handshake_begun();
         connection.work(now, ready, may_read, shortage_.greatest_read());
         shortage_.note(connection, before, now);
-        if (!had_begun && connection.shakes_hands()) {
+        if (!had_begun && connection.handshake_begun()) {
             handshakes_.note(connection);
         }
     }
@@ -282,7 +282,7 @@ void Listener::begin_stop(Clock::time_point now) {
     lost_unseen_ = acceptor_.accept_rest(now);
     listen_log(fmt::format("stopping: {} connections", connections_.size()));
     for (const auto& connection : connections_) {
-        connection->drain(kStopTime, "the listener stops", now);
+        connection->ask_to_end(kStopTime, "the listener stops", now);
     }
     if (takes_nothing()) {
         listen_log(
