@@ -10,11 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "kavro_ac.h"
-#include "kavro_log.h"
-#include "kavro_object.h"
-#include "kavro_queue.h"
-#include "kavutil.h"
+#include "kavro_api.h"
 
 #define HOST extern "C" __attribute__((visibility("default")))
 
@@ -35,47 +31,26 @@ int fill(const char* cls, int count, char** names, char** values) {
 
 } // namespace
 
-// clang-format off: one line for each operation; the build reads their names
+// One line for each operation; the build reads their names.
+// clang-format off
 HOST char* KVR_GetQmgrName(void) {
     static char name[] = "SITE";
     return name;
 }
-HOST int KVR_InitQmgrCtx(T_KAVRO_QMGR_CTX*, char*) {
-    return 0;
-}
-HOST int KVR_LogSetQMName(char*) {
-    return 0;
-}
-HOST int KVR_LogPrint(char*, int, char*, char*, int, const char*, char*, ...) {
-    return 0;
-}
-HOST int KVR_QueOpen(T_KVR_QUE_DB_HANDLE, char*, T_KVR_QUE_OBJ_HANDLE*, int) {
-    return 0;
-}
-HOST int KVR_QueClose(T_KVR_QUE_DB_HANDLE, char*, T_KVR_QUE_OBJ_HANDLE, int) {
-    return 0;
-}
-HOST int KVR_QueMsgPut(T_KVR_QUE_DB_HANDLE, T_KVR_QUE_OBJ_HANDLE, T_KAVRO_QUE_MD*, T_KAVRO_QUE_PMO*, char*, int) {
-    return kUnknown;
-}
-HOST int KVR_ObjAdd(T_KVR_OBJ_DB_HANDLE, char*, char*, int, char**, char**, int) {
-    return 0;
-}
-HOST int KVR_ObjGetAttr(T_KVR_OBJ_DB_HANDLE, char* cls, char*, int count, char** names, char** values) {
+HOST int KVR_InitQmgrCtx() { return 0; }
+HOST int KVR_LogSetQMName() { return 0; }
+HOST int KVR_LogPrint() { return 0; }
+HOST int KVR_QueOpen() { return 0; }
+HOST int KVR_QueClose() { return 0; }
+HOST int KVR_QueMsgPut() { return kUnknown; }
+HOST int KVR_ObjAdd() { return 0; }
+HOST int KVR_ObjGetAttr(void*, char* cls, char*, int count, char** names, char** values) {
     return fill(cls, count, names, values);
 }
-HOST int KVR_ObjSetAttr(T_KVR_OBJ_DB_HANDLE, char*, char*, int, char**, char**) {
-    return 0;
-}
-HOST int KVR_ObjSetAttrV(T_KVR_OBJ_DB_HANDLE, char*, char*, int, ...) {
-    return 0;
-}
-HOST int procIsExist(int) {
-    return 0;
-}
-HOST int procSndSig2Proc(int, int) {
-    return 0;
-}
+HOST int KVR_ObjSetAttr() { return 0; }
+HOST int KVR_ObjSetAttrV() { return 0; }
+HOST int procIsExist() { return 0; }
+HOST int procSndSig2Proc() { return 0; }
 HOST int sockCanRead(int sock) {
     pollfd line{sock, POLLIN, 0};
     return poll(&line, 1, 0);
@@ -84,33 +59,21 @@ HOST int sockGetHostIp(char* host, char* address) {
     std::strcpy(address, host);
     return 0;
 }
-HOST int sockGetLocalAddr(int, char*, int*) {
-    return 0;
-}
-HOST int sockSetKeepAlive(int) {
-    return 0;
-}
-HOST int sockSetRTimeOut(int, int) {
-    return 0;
-}
-HOST int sockSetSTimeOut(int, int) {
-    return 0;
-}
+HOST int sockGetLocalAddr() { return 0; }
+HOST int sockSetKeepAlive() { return 0; }
+HOST int sockSetRTimeOut() { return 0; }
+HOST int sockSetSTimeOut() { return 0; }
 HOST char* strBaseName(char* path) {
     return path;
 }
-HOST int strToUpper(char*) {
-    return 0;
-}
-HOST int streamReadNByte(void*, int, int*, int) {
-    return kUnknown;
-}
+HOST int strToUpper() { return 0; }
+HOST int streamReadNByte() { return kUnknown; }
 HOST int streamWriteNByte(void* data, int length, int sock) {
     return static_cast<int>(send(sock, data, static_cast<std::size_t>(length), MSG_NOSIGNAL));
 }
 // clang-format on
 
-HOST int KVR_ObjGetAttrV(T_KVR_OBJ_DB_HANDLE, char* cls, char*, int count, ...) {
+HOST int KVR_ObjGetAttrV(void*, char* cls, char*, int count, ...) {
     char* all[16];
     va_list arguments;
     va_start(arguments, count);
@@ -121,8 +84,7 @@ HOST int KVR_ObjGetAttrV(T_KVR_OBJ_DB_HANDLE, char* cls, char*, int count, ...) 
     return fill(cls, count, all, all + count);
 }
 
-HOST int KVR_QueMsgGet(T_KVR_QUE_DB_HANDLE, T_KVR_QUE_OBJ_HANDLE, T_KAVRO_QUE_MD*, T_KAVRO_QUE_GMO*, char* data,
-                       int* length) {
+HOST int KVR_QueMsgGet(void*, void*, void*, void*, char* data, int* length) {
     static bool empty = false;
     if (empty) {
         _exit(0);

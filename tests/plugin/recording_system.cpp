@@ -193,7 +193,11 @@ CALL(pid_t, fork, ) {
 CALL(pid_t, waitpid, pid_t pid, int* status, int options) {
     const auto r = recorded(kSystem, "waitpid", "", pid, pid > 0);
     if (!r) {
-        return REAL(waitpid)(pid, status, options);
+        const pid_t ended = REAL(waitpid)(pid, status, options);
+        if (host().recording && ended < 0 && errno == ECHILD) {
+            trace(kFault, "waitpid(%d) of no child", static_cast<int>(pid));
+        }
+        return ended;
     }
     const int error = errno;
     if (error == ECHILD) { // a host that ignores SIGCHLD: the child is gone all the same

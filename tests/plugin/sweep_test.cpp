@@ -262,6 +262,10 @@ void Sweep::judge(const Attack& attack, const Result& r) const {
     }
     EXPECT_EQ(outcomes, expected) << "a message lost or handled twice";
     EXPECT_TRUE(told) << "no line says '" << done.told << "'";
+    if (attack.signal == SIGALRM) {
+        EXPECT_EQ(r.conns.size(), road_ == Road::kNewLine || road_ == Road::kLostLine ? 2U : 1U)
+            << "an alarm costs none";
+    }
     judge_end(attack, r);
     if (HasFailure()) {
         ADD_FAILURE() << "action " << static_cast<int>(attack.action) << " signal " << attack.signal << " at call "
