@@ -10,47 +10,14 @@
 #include <unistd.h>
 
 #include "net_tcp/client.h"
+#include "support/heap_watch.h"
 
 namespace kvr::test {
 namespace {
 
-/// Calls of the allocator while a handler counts them, through the replaced functions below. The sanitizers need their
-/// own: under them nothing is counted.
+/// Uses of the heap while a handler counts them.
 thread_local volatile bool counting = false;
 volatile int heap_calls = 0;
-
-[[maybe_unused]] void note_heap_call() {
-    heap_calls = heap_calls + (counting ? 1 : 0);
-}
-
-} // namespace
-} // namespace kvr::test
-
-#if !defined(__SANITIZE_ADDRESS__)
-extern "C" {
-void* __libc_malloc(std::size_t size);
-void* __libc_realloc(void* block, std::size_t size);
-void __libc_free(void* block);
-
-void* malloc(std::size_t size) {
-    kvr::test::note_heap_call();
-    return __libc_malloc(size);
-}
-void* realloc(void* block, std::size_t size) {
-    kvr::test::note_heap_call();
-    return __libc_realloc(block, size);
-}
-void free(void* block) {
-    if (block != nullptr) {
-        kvr::test::note_heap_call();
-    }
-    __libc_free(block);
-}
-}
-#endif
-
-namespace kvr::test {
-namespace {
 
 int result = 0;
 
@@ -86,6 +53,7 @@ void expect_no_heap(const PeerOptions& options, const char* suite) {
         ASSERT_EQ(client.init(), 0);
         EXPECT_TRUE(suite == nullptr || SSL_CTX_set_cipher_list(client.record.ctx, suite) == 1);
         ASSERT_EQ(client.connect(peer), 0) << client.error();
+        heap_used = [] { heap_calls = heap_calls + (counting ? 1 : 0); };
         heap_calls = 0;
         {
             const Handler handler([&] { count_write(client); });

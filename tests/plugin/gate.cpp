@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "recording_host.h"
+#include "support/heap_watch.h"
 
 namespace kvr::test {
 
@@ -110,7 +111,7 @@ void find(const char* what, const char* call) {
     }
 }
 
-[[maybe_unused]] void heap_used() {
+void look_at_heap() {
     if (g_depth > 0 && g_own == 0) {
         find("heap used in a handler", g_last);
     }
@@ -170,6 +171,7 @@ void plan(const Attack& attack) {
         g_attacked = static_cast<Attacked*>(
             mmap(nullptr, sizeof(Attacked), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     }
+    heap_used = look_at_heap;
     g_attack = attack;
     *g_attacked = {};
 }
@@ -275,41 +277,3 @@ Handler watched(int signal, Handler handler) {
 }
 
 } // namespace kvr::test
-
-// The heap: looked at in handlers, never failed.
-extern "C" {
-#ifdef __SANITIZE_ADDRESS__
-void __sanitizer_malloc_hook(const volatile void* /*block*/, size_t /*size*/) {
-    kvr::test::heap_used();
-}
-void __sanitizer_free_hook(const volatile void* block) {
-    if (block != nullptr) {
-        kvr::test::heap_used();
-    }
-}
-#else
-void* __libc_malloc(size_t);
-void* __libc_calloc(size_t, size_t);
-void* __libc_realloc(void*, size_t);
-void __libc_free(void*);
-
-void* malloc(size_t size) {
-    kvr::test::heap_used();
-    return __libc_malloc(size);
-}
-void* calloc(size_t count, size_t size) {
-    kvr::test::heap_used();
-    return __libc_calloc(count, size);
-}
-void* realloc(void* block, size_t size) {
-    kvr::test::heap_used();
-    return __libc_realloc(block, size);
-}
-void free(void* block) {
-    if (block != nullptr) {
-        kvr::test::heap_used();
-    }
-    __libc_free(block);
-}
-#endif
-}
