@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 // The embedded engine when a process dies half-way or the disk fails: what the mark of a queue tells, and what it must
 // not be taken for.
+#include <fcntl.h>
+
 #include "file_calls.h"
 #include "store/store_fixture.h"
 #include "store_lmdb/mark_file.h"
@@ -110,8 +112,8 @@ TEST_F(CrashTest, MessageThatCannotBeHeldIsNotUsedUp) {
     EXPECT_EQ(take(*getter), "3");
     EXPECT_EQ(take(*getter), "4") << "... holds nothing that comes after it";
     EXPECT_EQ(shown(), (Texts{"1!", "4*"}));
-    test::g_file_call = [](off_t at, const test::FileCall& call) {
-        if (at >= 8192) {
+    test::g_file_call = [](int /*fd*/, off_t at, const test::FileCall& call) {
+        if (at >= test::kEndOfHeads) {
             return call();
         }
         call(); // the head is written, and neither that nor anything else succeeds any more
@@ -124,6 +126,24 @@ TEST_F(CrashTest, MessageThatCannotBeHeldIsNotUsedUp) {
     EXPECT_EQ(shown(), Texts{"1!"});
     EXPECT_EQ(store_->queue_info("Q").held, 1U) << "what is on the other queue after all is not held";
     EXPECT_EQ(shown("DEAD"), (Texts{"dead", ""}));
+}
+
+TEST_F(CrashTest, APutIsFlushedAndOnlyTheDeleteOfUsedMessagesIsFlushedLate) {
+    store_->change_settings({{"sync", "on"}});
+    bool flushed = false;
+    test::g_file_call = [&](int fd, off_t at, const test::FileCall& call) {
+        flushed = at < test::kEndOfHeads ? (::fcntl(fd, F_GETFL) & O_DSYNC) != 0 : flushed;
+        return call();
+    };
+    const auto getter = store_->drain("Q");
+    for (const char* text : {"1", "2"}) {
+        put(text);
+        EXPECT_TRUE(flushed) << text;
+        take(*getter);
+        getter->commit();
+        EXPECT_FALSE(flushed);
+    }
+    test::fail_calls(0);
 }
 
 TEST_F(CrashTest, AMarkMadeSinceABackupSaysNothingOfALaterQueue) {

@@ -12,17 +12,17 @@
 
 namespace kvr::test {
 
-std::function<ssize_t(off_t at, const FileCall& call)> g_file_call;
+std::function<ssize_t(int fd, off_t at, const FileCall& call)> g_file_call;
 
 void fail_calls(int error) {
     g_file_call = nullptr;
     if (error != 0) {
-        g_file_call = [error](off_t /*at*/, const FileCall& /*call*/) { return errno = error, -1; };
+        g_file_call = [error](int /*fd*/, off_t /*at*/, const FileCall& /*call*/) { return errno = error, -1; };
     }
 }
 
 void stop_at_next_call(int error) {
-    g_file_call = [error](off_t /*at*/, const FileCall& call) {
+    g_file_call = [error](int /*fd*/, off_t /*at*/, const FileCall& call) {
         fail_calls(0);
         ::raise(SIGSTOP);
         return error != 0 ? (errno = error, -1) : call();
@@ -38,7 +38,7 @@ ssize_t pass(const char* name, int fd, Buffer* buffer, Size size, off_t at) {
         return reinterpret_cast<Call>(::dlsym(RTLD_NEXT, name))(fd, buffer, size, at); // NOLINT
     };
     const auto instead = g_file_call; // it may set another one
-    return instead ? instead(at, call) : call();
+    return instead ? instead(fd, at, call) : call();
 }
 
 } // namespace

@@ -8,9 +8,11 @@
 
 namespace kvr::test {
 
-/// Called instead of each of them, with the place in the file and the real call; null: nothing is.
+/// Called instead of each of them, with the descriptor, the place in the file and the real call; null: nothing is.
 using FileCall = std::function<ssize_t()>;
-extern std::function<ssize_t(off_t at, const FileCall& call)> g_file_call;
+extern std::function<ssize_t(int fd, off_t at, const FileCall& call)> g_file_call;
+/// The store's heads lie before this place.
+constexpr off_t kEndOfHeads = 8192;
 
 /// Every call fails with this error; 0: none does any more.
 void fail_calls(int error);
