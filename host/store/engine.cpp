@@ -37,7 +37,7 @@ const StoreEngine& load_engine(const std::string& name) {
     void* const function = library != nullptr ? ::dlsym(library, "kavro_store_engine") : nullptr;
     if (function == nullptr) {
         const char* const why = ::dlerror();
-        throw Error(Errc::kVersion, "there is no engine '" + used + "' for the store (" + (why ? why : "no reason") +
+        throw Error(Errc::kVersion, "the store's engine '" + used + "' cannot be loaded (" + (why ? why : "no reason") +
                                         "): install it, or use the version that made the queue manager");
     }
     return *reinterpret_cast<decltype(&kavro_store_engine)>(function)(); // NOLINT: the loader gives an address
