@@ -194,7 +194,7 @@ std::filesystem::path proof_folder(const PutOptions& options) {
     if (!options.file_size) {
         return {};
     }
-    const std::filesystem::path folder = std::filesystem::absolute(options.file_dir).lexically_normal();
+    std::filesystem::path folder = std::filesystem::absolute(options.file_dir).lexically_normal();
     std::error_code error;
     if (!std::filesystem::is_directory(folder, error)) {
         throw Error(Errc::kNotFound, fmt::format("there is no folder {}: make it, or name another one in --file-dir",

@@ -65,7 +65,6 @@ class Listener {
     void give_up();
     int end();
 
-    const ListenerOptions& options_;
     ListenSignals signals_;
     Journal journal_;
     std::optional<TlsServer> tls_;
@@ -89,7 +88,7 @@ class Listener {
 };
 
 Listener::Listener(const ListenerOptions& options)
-    : options_(options), journal_(options.journal),
+    : journal_(options.journal),
       tls_(options.tls.enabled ? std::optional<TlsServer>(std::in_place, options.tls) : std::nullopt),
       spool_(options.store ? std::optional<Spool>(std::in_place, options.spool) : std::nullopt),
       delivery_(options.store, spool_ ? &*spool_ : nullptr, journal_), context_{options,
