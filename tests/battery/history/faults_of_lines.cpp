@@ -208,7 +208,7 @@ std::vector<Fault> faults_of_lines() {
         {"silent handshake", {}, kTls, be_silent},
         {"failed handshakes", {}, kTls, fail_handshakes},
         {"client certificate refused", {.cuts = 1}, kTls, refuse_certificate},
-        {"60 reconnects", {.cuts = 70, .dead = 4}, kAny, reconnect},
+        {"60 reconnects", {.cuts = 150, .dead = 4}, kAny, reconnect},
         {"crowd of half-open peers", {}, kAny, crowd},
         {"idle line with heartbeats", {}, kAny, idle},
         {"watcher killed, line lost", {}, kAny, [](History& h) { lose_unnoticed(h, SIGKILL); }},

@@ -54,8 +54,8 @@ void kill_starting_worker(History& h) {
 void kill_worker_behind_frozen_listener(History& h) {
     h.quiet();
     ::kill(h.listener->pid(), SIGSTOP);
-    h.put(30, {10'000, 10'000}, ProofKind::kData);
-    h.await_text("log", "real size[", 20);
+    h.put(120, {10'000, 10'000}, ProofKind::kData);
+    h.await_text("log", "real size[", 110);
     h.kill(h.worker);
     h.worker.emplace(h.field.run_channel());
     h.put(30, {1'000, 1'000}, ProofKind::kData);

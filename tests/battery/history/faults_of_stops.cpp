@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: MIT
 // One stop request in every state in which a channel can block: it ends as stopped, the message in hand is back on its
 // queue, and one that was sent is not repeated. And signals that stop nothing.
-#include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "history.h"
+#include "raw_line.h"
 
 namespace kvr::test {
 namespace {
@@ -24,33 +23,21 @@ class BlackHole {
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t length = sizeof address;
         auto* general = reinterpret_cast<sockaddr*>(&address);
-        sockets_.push_back(make());
-        EXPECT_EQ(::bind(sockets_[0], general, length) + ::listen(sockets_[0], 0), 0);
-        EXPECT_EQ(::getsockname(sockets_[0], general, &length), 0);
+        EXPECT_EQ(::bind(socket_, general, length) + ::listen(socket_, 0), 0);
+        EXPECT_EQ(::getsockname(socket_, general, &length), 0);
         port_ = ntohs(address.sin_port);
-        for (bool taken = true; taken;) {
-            constexpr int kAnswerMs = 200;
-            sockets_.push_back(make());
-            (void)::connect(sockets_.back(), general, length);
-            pollfd answer{sockets_.back(), POLLOUT, 0};
-            taken = ::poll(&answer, 1, kAnswerMs) == 1;
-        }
+        only_.emplace(port_);
     }
-    ~BlackHole() {
-        for (const int socket : sockets_) {
-            ::close(socket);
-        }
-    }
+    ~BlackHole() { ::close(socket_); }
     BlackHole(const BlackHole&) = delete;
     BlackHole& operator=(const BlackHole&) = delete;
 
     [[nodiscard]] int port() const { return port_; }
 
   private:
-    static int make() { return ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); }
-
-    std::vector<int> sockets_;
+    int socket_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     int port_ = 0;
+    std::optional<RawLine> only_; ///< there is no place for a second one
 };
 
 /// Nothing but the stop ends what blocks.
