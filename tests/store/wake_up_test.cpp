@@ -24,10 +24,6 @@ extern "C" KVR_EXPORT int ppoll(pollfd* fds, nfds_t count, const timespec* /*tim
     }
     return real(fds, count, nullptr, mask);
 }
-extern "C" KVR_EXPORT int __ppoll_chk(pollfd* fds, nfds_t count, const timespec* timeout, const sigset_t* mask,
-                                      std::size_t /*size*/) {
-    return ppoll(fds, count, timeout, mask);
-}
 extern "C" KVR_EXPORT int fdatasync(int fd) {
     if (const auto act = std::exchange(g_in_flush, nullptr)) {
         act();
