@@ -300,8 +300,8 @@ TEST_F(KvrListen, ShortMemoryPassesFromOneToTheNextAndEndsThoseOfWhomNothingCome
 TEST_F(KvrListen, ShortMemoryIsNotHeldByOneThatFallsSilent) {
     Listener listener(home_, "");
     std::vector<Sender> senders;
-    for (std::size_t i = 1; i <= 13; ++i) { // bodies of 24.6 MB; the last is too small to be given up beside them
-        senders.push_back(bound(listener, waiting(i < 13 ? 2'050'000 : 600'000)));
+    for (std::size_t i = 1; i <= 13; ++i) { // bodies of 24.6 MB that wait for their files; the last stops in its own
+        senders.push_back(bound(listener, i < 13 ? waiting(2'050'000) : waiting(1'000'000).substr(0, 900'000)));
         ASSERT_TRUE(listener.has("bind", i));
     }
     for (std::size_t i = 0; i < 12; ++i) {
