@@ -107,21 +107,6 @@ GetStep interrupted(int sig) {
     };
 }
 
-GetStep late_to_wait(int sig) {
-    return [sig](T_KAVRO_MD*, char*, int*) {
-        kill(host().watcher, SIGKILL);
-        raise(sig);
-        for (int alarms = 0; alarms < 2; ++alarms) {
-            if (std::exchange(host().alarm, 0) != 1) {
-                trace(kFault, "the get waits for ever on a dead line");
-            }
-            raise(SIGALRM);
-        }
-        errno = EINTR;
-        return -4;
-    };
-}
-
 GetStep idle() {
     return [](T_KAVRO_MD*, char*, int*) {
         wait_for("select()");

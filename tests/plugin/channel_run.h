@@ -35,9 +35,6 @@ Message raw(const std::string& data);
 GetStep deliver(const Message& msg);
 /// Raises a signal inside the get, which then fails as an interrupted wait does.
 GetStep interrupted(int sig);
-/// A get that begins to wait late: the signal comes before, and one alarm more. Its wait ends with the next alarm;
-/// where none is armed it would last for ever, which is a fault. The watcher is gone: no other signal comes.
-GetStep late_to_wait(int sig);
 /// Once a watcher watches: notes "idle", waits until a signal handler has run, and fails.
 GetStep idle();
 /// Does `what` inside the get; the process ends there.

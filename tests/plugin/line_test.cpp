@@ -86,26 +86,6 @@ TEST_F(LineLoss, InTheWaitPausesAndRestarts) {
     }
 }
 
-// Without a heartbeat interval nothing else would end the wait.
-TEST_F(LineLoss, BeforeTheWaitEndsItInTheEnd) {
-    const struct {
-        const char* op;
-        Hook hook;
-        int in_get;
-    } cases[] = {{"alarm", raising(SIGUSR2, 1), SIGURG}, // while the alarm is armed; in the get nothing that matters
-                 {"none", {}, SIGUSR2},
-                 {"sockCanRead", failing(1, 1, 1), SIGALRM}}; // the heartbeat finds the line lost
-    chl()["HBINT"] = "0";
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.op);
-        host().hooks[c.op] = c.hook;
-        host().get = {late_to_wait(c.in_get), deliver(message("x"))};
-        const Result r = run_channel();
-        EXPECT_TRUE(in_order(r, {"KVR_QueMsgGet()", "alarm(1)", "alarm(1)", "alarm(0)", "sleep(3)"}));
-        EXPECT_THAT(r.conns, ElementsAre(kBind, kBind + data_frame("x")));
-    }
-}
-
 // The handler's close clears the client's code and text.
 TEST_F(LineLoss, BehindAFailedWriteLeavesItsReason) {
     host().hooks = {{"write", failing_of(5, 1, 2, ECONNRESET)}, {"failure", raising(SIGUSR2)}};

@@ -48,6 +48,7 @@ class Sweep : public ChannelTest, public testing::WithParamInterface<std::tuple<
 
 Sweep::Sweep() {
     chl()["SHORTRTY"] = "1";
+    chl()["HBINT"] = "0";
     if (receiver_.carrier = std::get<1>(GetParam()); receiver_.carrier != Carrier::kPlain) {
         use_tls(receiver_.carrier);
         qmgr()["CERTFILE"] = tls_material().client.cert_file;
@@ -68,10 +69,27 @@ Sweep::Sweep() {
     wire_ = {data_frame("first"), second_wire, data_frame("third")};
 }
 
+/// The get on a line that is down, which nothing but an alarm ends: the first comes before it waits.
+int wait_on_dead_line() {
+    for (int alarms = 0; alarms < 2; ++alarms) {
+        if (std::exchange(host().alarm, 0) != 1) {
+            trace(kFault, "the get waits for ever on a dead line");
+        }
+        raise(SIGALRM);
+    }
+    errno = EINTR;
+    return -4;
+}
+
 GetStep Sweep::hand_over(int number, bool opens) {
     return [=, this, tickets = !cues_.empty()](T_KAVRO_MD* md, char* buf, int* len) {
         if (number == 0 && tickets) {
             wait_for("tickets sent");
+        }
+        char byte = 0;
+        if (number == 2 && recv(host().sock, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0) {
+            host().get.push_front(hand_over(number));
+            return wait_on_dead_line();
         }
         lost_ = opens && road_ == Road::kNewLine;
         if (opens) {
