@@ -289,7 +289,7 @@ TEST_P(TlsTest, WhatTheReceiverSaysMeansALostLine) {
             // TLS 1.3's tickets look the same from outside, so there only the next write tells.
             EXPECT_EQ(sockCanRead(client.record.iSocketNo), GetParam() == Carrier::kTls12 ? 1 : 0);
             CaptureStderr();
-            ERR_raise(ERR_LIB_USER, 1); // left over by somebody else: no reason of this write's
+            ERR_raise(ERR_LIB_SSL, SSL_R_NO_SHARED_CIPHER); // left over by somebody else
             EXPECT_EQ(client.write(std::string(size, 'x')), -1);
             EXPECT_EQ(GetCapturedStderr(), "write len[" + std::to_string(size) + "] writelen[0]\n");
             EXPECT_EQ(client.record.iErrorCode, -1);

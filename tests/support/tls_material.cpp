@@ -93,7 +93,6 @@ class Maker {
     Maker() : ca_(authority("ca", "Test CA")), other_ca_(authority("other_ca", "Other CA")) {
         using namespace std::string_view_literals;
         made_.ca_file = file("ca.pem");
-        made_.other_ca_file = file("other_ca.pem");
         made_.server = identity("server", "Receiver.Test", &ca_);
         made_.client = identity("client", "Sender.Test", &ca_);
         made_.encrypted_client = identity("encrypted", "Sender.Test", &ca_, -kDay, kDay, kKeyPass);

@@ -16,14 +16,13 @@ struct TlsIdentity {
 inline constexpr char kKeyPass[] = "open sesame";
 
 struct TlsMaterial {
-    std::string ca_file;       ///< the CA that signed everything below unless said otherwise
-    std::string other_ca_file; ///< a CA that signed nothing here but `foreign_server`
-    TlsIdentity server;        ///< common name "Receiver.Test"
+    std::string ca_file; ///< the CA that signed everything below unless said otherwise
+    TlsIdentity server;  ///< common name "Receiver.Test"
     TlsIdentity client;
     TlsIdentity encrypted_client; ///< its key needs kKeyPass
     TlsIdentity expired_server;
-    TlsIdentity future_server; ///< not yet valid
-    TlsIdentity foreign_server;
+    TlsIdentity future_server;  ///< not yet valid
+    TlsIdentity foreign_server; ///< of another CA
     TlsIdentity self_signed_server;
     TlsIdentity nameless_server; ///< no common name
     TlsIdentity nul_name_server; ///< common name "Receiver.Test", a NUL, "evil"
