@@ -39,7 +39,7 @@ class Cuts : public ::testing::TestWithParam<Case> {
 
 TEST_P(Cuts, AfterEachByteCostNoMoreThanWhatWasOnTheWay) {
     const std::uint64_t whole = put_one_of_each().back();
-    const bool quick = std::getenv("KVR_BATTERY_SEEDS") == nullptr; // NOLINT(concurrency-mt-unsafe)
+    const bool quick = std::getenv("KVR_BATTERY_ROUNDS") == nullptr; // NOLINT(concurrency-mt-unsafe)
     const std::uint64_t step = quick ? whole / kQuickCuts : 1;
     h_.relisten({GetParam().option, "1", "--awkward-step", std::to_string(step)});
     std::size_t cuts = 0;

@@ -5,7 +5,7 @@
 // ERROR 0 it only takes the time.
 //
 // Or it holds what becomes of one write of a store's head page, which takes the file away: "head", it fails; "told", it
-// is done and told to have failed, and the one that puts the old head back fails; "again", so does the next such pair.
+// is done and told to have failed, and the one that puts the old head back fails.
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -97,17 +97,16 @@ Call next(Call /*type*/, const char* name) {
 
 /// Whether this write of a head page is to fail, done or not.
 bool head_fails(int fd, const void* data, size_t size, off_t at) {
-    static int left = 0; // writes that are told to fail, done and not done by turns
-    const auto is_done = [&] { return next(&pwrite, "pwrite")(fd, data, size, at) >= 0; };
-    if (left > 0) {
-        return --left % 2 == 0 || is_done();
+    static bool puts_back = false;
+    if (puts_back) {
+        puts_back = false;
+        return true;
     }
     const Trouble trouble = read_trouble();
-    if (std::strcmp(trouble.call.data(), "head") == 0) {
-        return ::unlink(file_of_trouble()) == 0;
-    }
-    left = std::strcmp(trouble.call.data(), "told") == 0 ? 1 : std::strcmp(trouble.call.data(), "again") == 0 ? 3 : 0;
-    return left > 0 && ::unlink(file_of_trouble()) == 0 && is_done();
+    const bool fails_undone = std::strcmp(trouble.call.data(), "head") == 0;
+    puts_back = std::strcmp(trouble.call.data(), "told") == 0;
+    return (fails_undone || (puts_back && next(&pwrite, "pwrite")(fd, data, size, at) >= 0)) &&
+           ::unlink(file_of_trouble()) == 0;
 }
 
 bool fails_to_open(int flags) {

@@ -61,18 +61,6 @@ TEST_F(Edges, AFullDiskAtTheCreationAndTheOpening) {
     EXPECT_GE(static_cast<std::uint64_t>(info.st_blocks) * 512, size);
 }
 
-// Where nobody else has the store open, a write is seen to be done, and is not durable.
-TEST_F(Edges, AHeadPageThatIsWrittenInNeitherOfTwoTries) {
-    const auto kvr = [&](Words words) {
-        words.insert(words.begin(), {"--home", field_.home().native(), "--qmgr", "LONE"});
-        return field_.start(words).result();
-    };
-    EXPECT_EQ(kvr({"create", "LONE"}), 0);
-    field_.trouble("other", "again");
-    EXPECT_EQ(kvr({"define", "queue", "Q"}), 1);
-    EXPECT_EQ(field_.count("out", "happened is not known"), 1U);
-}
-
 TEST_F(Edges, AMessageWhoseFileWasGivenUpAtAStopIsNotDelivered) {
     Child listener = field_.listen();
     const RawLine line(field_.port());
@@ -135,7 +123,7 @@ TEST_F(Edges, ASpoolThatCannotKeepFilesIsRefusedAtOnce) {
 
 // More bytes than an int can count: sent once, and taken for sent.
 TEST_F(Edges, ThirtyOfTheLargestFilesCountAsSent) {
-    if (std::getenv("KVR_BATTERY_SEEDS") == nullptr) { // NOLINT(concurrency-mt-unsafe)
+    if (std::getenv("KVR_BATTERY_ROUNDS") == nullptr) { // NOLINT(concurrency-mt-unsafe)
         GTEST_SKIP() << "three gigabytes: in the slow group";
     }
     const fs::path largest = field_.home() / "files" / "largest";
