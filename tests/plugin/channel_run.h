@@ -23,8 +23,8 @@ using Lines = std::vector<std::string>;
 Hook failing(int result, int from = 1, int to = 1 << 30, int err = 0);
 /// Fails the first so many calls whose argument is `a`.
 Hook failing_of(long a, int times, int result, int err);
-/// Raises the signal in the call of this number, or in every call, and lets it go on.
-Hook raising(int sig, int in_call = 0);
+/// Raises the signal in every call and lets it go on.
+Hook raising(int sig);
 /// Raises the signal, and tells whether it is held.
 bool held(int sig);
 

@@ -71,7 +71,6 @@ TEST_F(Start, FailuresAreToldWithTheirReasons) {
     } cases[] = {
         {"sigset", failing_of(SIGUSR2, 1, -1, EINVAL), {"1 sigset SIGUSR2 error:[22][Invalid argument]"}, 0},
         {"KVR_ObjAdd", failing(-5), {"1 KVR_ObjAdd[CHS][CH1] return[-5]", "1 AddObjStat[CH1] return[-10002]"}, 0},
-        {"KVR_QueOpen", failing(-8), {"1 KVR_QueOpen[XQ] return[-8]"}, 0},
         {"KVR_ObjGetAttrV",
          failing(-1, 3),
          {"1 KVR_ObjGetAttrV[QMGR] [QMGR] return[-1]", "1 InitTcpClient return[-10002]"},
