@@ -14,7 +14,7 @@
 #include <unistd.h>
 
 #include "senders.h"
-#include "store.h"
+#include "store/store.h"
 
 namespace kvr::bench {
 

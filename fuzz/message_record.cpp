@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "message_record.h"
+#include "store/message_record.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "frame_splitter.h"
+#include "receiver/frame_splitter.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The host's log, through a real file: what a line looks like, what is kept out of it, and that handlers may log.
-#include "log.h"
+#include "kavro_log/log.h"
 
 #include <csignal>
 #include <fcntl.h>
@@ -10,7 +10,7 @@
 
 #include "host/children.h"
 #include "kavro_log.h"
-#include "log_message.h"
+#include "kavro_log/log_message.h"
 #include "support/folder.h"
 
 namespace {

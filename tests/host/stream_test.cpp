@@ -9,7 +9,7 @@
 
 #include "children.h"
 #include "kavutil.h"
-#include "stop_point.h"
+#include "kavutil/stop_point.h"
 
 namespace {
 

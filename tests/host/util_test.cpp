@@ -13,8 +13,8 @@
 #include <gmock/gmock.h>
 
 #include "children.h"
-#include "export.h"
-#include "stop_point.h"
+#include "kavutil/export.h"
+#include "kavutil/stop_point.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 #include <new>
 
 #include "kavro_ac.h"
-#include "kavro_ac_host.h"
-#include "kavro_queue_host.h"
+#include "kavro_ac/kavro_ac_host.h"
+#include "kavro_queue/kavro_queue_host.h"
 #include "store_fixture.h"
 
 namespace kvr {

@@ -5,7 +5,7 @@
 #include <fcntl.h>
 
 #include "kvr_program.h"
-#include "store.h"
+#include "store/store.h"
 #include "support/peer.h"
 
 namespace kvr::test {

@@ -11,10 +11,10 @@
 #include <openssl/ssl.h>
 #include <sys/resource.h>
 
+#include "kavutil/unique_fd.h"
 #include "kvr_program.h"
 #include "receiver_stream.h"
 #include "support/peer.h"
-#include "unique_fd.h"
 
 namespace kvr::test {
 namespace {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Messages in and out: every descriptor field, headers, attachments, sizes, proofs, dead letters.
 #include "kvr_program.h"
-#include "store.h"
+#include "store/store.h"
 
 namespace kvr::test {
 namespace {

@@ -2,9 +2,9 @@
 // Everything is judged by these proofs, so each kind of damage has to be seen: each case does one to a good run.
 #include <gmock/gmock.h>
 
-#include "proof.h"
+#include "proof/proof.h"
+#include "proof/xmit_header.h"
 #include "support/folder.h"
-#include "xmit_header.h"
 
 namespace kvr::test {
 namespace {

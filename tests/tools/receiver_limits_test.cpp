@@ -2,8 +2,8 @@
 // The rules by which the listener chooses who goes: whose unfinished message, and whose place.
 #include <gmock/gmock.h>
 
-#include "admission.h"
-#include "unfinished.h"
+#include "receiver/admission.h"
+#include "receiver/unfinished.h"
 
 namespace kvr::test {
 namespace {

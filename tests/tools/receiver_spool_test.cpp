@@ -2,8 +2,8 @@
 // The spool: names that a sender chose, files that replace nothing, leftovers.
 #include <gtest/gtest.h>
 
-#include "error.h"
-#include "spool.h"
+#include "kavutil/error.h"
+#include "receiver/spool.h"
 #include "support/folder.h"
 
 namespace kvr::test {

@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "commands.h"
-#include "schema.h"
-#include "store.h"
+#include "store/schema.h"
+#include "store/store.h"
 
 namespace kvr {
 

@@ -12,8 +12,8 @@
 #include "destination.h"
 #include "message_text.h"
 #include "output.h"
+#include "proof/text_field.h"
 #include "session.h"
-#include "text_field.h"
 
 namespace kvr {
 namespace {

@@ -12,11 +12,11 @@
 #include <fmt/format.h>
 
 #include "commands.h"
-#include "error.h"
-#include "frame_splitter.h"
+#include "kavutil/error.h"
+#include "kavutil/unique_fd.h"
 #include "output.h"
-#include "unique_fd.h"
-#include "wire_fields.h"
+#include "receiver/frame_splitter.h"
+#include "receiver/wire_fields.h"
 
 namespace kvr {
 namespace {

@@ -9,7 +9,7 @@
 
 #include "commands.h"
 #include "held_signals.h"
-#include "listener_options.h"
+#include "receiver/listener_options.h"
 #include "session.h"
 
 namespace kvr {

@@ -19,9 +19,9 @@
 #include "kavro_chl.h"
 #include "output.h"
 #include "progress.h"
-#include "proof.h"
+#include "proof/proof.h"
+#include "proof/text_field.h"
 #include "session.h"
-#include "text_field.h"
 
 namespace kvr {
 namespace {

@@ -12,11 +12,11 @@
 
 #include "attributes.h"
 #include "commands.h"
+#include "core_ctx/worker.h"
 #include "held_signals.h"
 #include "output.h"
-#include "permissions.h"
 #include "session.h"
-#include "worker.h"
+#include "store/permissions.h"
 
 namespace kvr {
 namespace {

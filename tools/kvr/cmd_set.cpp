@@ -9,8 +9,8 @@
 #include <fmt/format.h>
 
 #include "attributes.h"
-#include "channel_status.h"
 #include "commands.h"
+#include "core_ctx/channel_status.h"
 #include "input.h"
 #include "output.h"
 #include "session.h"

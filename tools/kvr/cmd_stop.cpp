@@ -6,8 +6,8 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
-#include "channel_status.h"
 #include "commands.h"
+#include "core_ctx/channel_status.h"
 #include "output.h"
 #include "session.h"
 

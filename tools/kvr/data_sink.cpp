@@ -10,9 +10,9 @@
 
 #include <fmt/format.h>
 
-#include "error.h"
+#include "kavutil/error.h"
 #include "output.h"
-#include "permissions.h"
+#include "store/permissions.h"
 
 namespace kvr {
 namespace {

@@ -18,7 +18,7 @@
 
 #include "commands.h"
 #include "output.h"
-#include "text_field.h"
+#include "proof/text_field.h"
 
 namespace kvr {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "xmit_header.h"
+#include "proof/xmit_header.h"
 
 namespace kvr {
 

@@ -12,8 +12,8 @@
 
 #include <fmt/format.h>
 
-#include "error.h"
 #include "kavro_chl.h"
+#include "kavutil/error.h"
 #include "output.h"
 
 namespace kvr {

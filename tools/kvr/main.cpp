@@ -17,9 +17,9 @@
 #include <fmt/format.h>
 
 #include "commands.h"
-#include "error.h"
+#include "kavutil/error.h"
 #include "output.h"
-#include "store.h"
+#include "store/store.h"
 #include "store_owner.h"
 
 namespace kvr {

@@ -9,7 +9,7 @@
 #include <sys/time.h>
 
 #include "descriptor.h"
-#include "text_field.h"
+#include "proof/text_field.h"
 
 namespace kvr {
 namespace {

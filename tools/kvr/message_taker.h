@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "store.h"
+#include "store/store.h"
 
 namespace kvr {
 

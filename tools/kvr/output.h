@@ -8,7 +8,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "error.h"
+#include "kavutil/error.h"
 
 namespace kvr {
 

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "output.h"
-#include "proof.h"
+#include "proof/proof.h"
 
 namespace kvr {
 

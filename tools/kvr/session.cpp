@@ -11,10 +11,10 @@
 
 #include <fmt/format.h>
 
-#include "channel_status.h"
-#include "names.h"
+#include "core_ctx/channel_status.h"
 #include "output.h"
-#include "permissions.h"
+#include "store/names.h"
+#include "store/permissions.h"
 #include "store_owner.h"
 
 namespace kvr {

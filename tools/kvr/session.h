@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "commands.h"
-#include "store.h"
+#include "store/store.h"
 
 namespace kvr {
 

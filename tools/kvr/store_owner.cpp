@@ -12,7 +12,7 @@
 
 #include <fmt/format.h>
 
-#include "error.h"
+#include "kavutil/error.h"
 
 namespace kvr {
 namespace {

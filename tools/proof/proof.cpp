@@ -13,8 +13,8 @@
 #include <fmt/format.h>
 #include <zlib.h>
 
-#include "error.h"
 #include "kavro_chl.h"
+#include "kavutil/error.h"
 #include "text_field.h"
 #include "xmit_header.h"
 

@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "kavro_api.h"
-#include "store.h"
+#include "store/store.h"
 
 namespace kvr {
 

@@ -23,7 +23,7 @@
 #include "journal.h"
 #include "kavro_api.h"
 #include "spool.h"
-#include "store.h"
+#include "store/store.h"
 
 namespace kvr {
 

@@ -9,7 +9,7 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
-#include "error.h"
+#include "kavutil/error.h"
 #include "listen_log.h"
 #include "wire_fields.h"
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "unique_fd.h"
+#include "kavutil/unique_fd.h"
 
 namespace kvr {
 

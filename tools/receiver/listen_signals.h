@@ -10,8 +10,8 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-#include "error.h"
-#include "unique_fd.h"
+#include "kavutil/error.h"
+#include "kavutil/unique_fd.h"
 
 namespace kvr {
 

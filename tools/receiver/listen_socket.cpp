@@ -15,7 +15,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
-#include "error.h"
+#include "kavutil/error.h"
 #include "wire_fields.h"
 
 namespace kvr {

@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <string>
 
-#include "unique_fd.h"
+#include "kavutil/unique_fd.h"
 
 namespace kvr {
 

@@ -9,7 +9,7 @@
 #include <optional>
 #include <string>
 
-#include "store.h"
+#include "store/store.h"
 
 namespace kvr {
 

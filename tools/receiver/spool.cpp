@@ -13,8 +13,8 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
-#include "error.h"
 #include "kavro_api.h"
+#include "kavutil/error.h"
 #include "listen_log.h"
 #include "wire_fields.h"
 

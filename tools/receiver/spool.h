@@ -18,7 +18,7 @@
 #include <string_view>
 #include <unordered_map>
 
-#include "unique_fd.h"
+#include "kavutil/unique_fd.h"
 
 namespace kvr {
 

@@ -11,7 +11,7 @@
 #include <openssl/x509.h>
 #include <sys/socket.h>
 
-#include "error.h"
+#include "kavutil/error.h"
 #include "wire_fields.h"
 
 namespace kvr {

@@ -8,8 +8,8 @@
 
 #include <openssl/ssl.h>
 
+#include "kavutil/unique_fd.h"
 #include "listener_options.h"
-#include "unique_fd.h"
 
 namespace kvr {
 
