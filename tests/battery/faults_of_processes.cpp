@@ -328,7 +328,7 @@ std::vector<Fault> faults_of_processes() {
         {"putter and getter killed", {}, kAny, kill_putter_and_getter},
         {"frozen writer at the sender", {}, kAny, freeze_writer_at_sender},
         {"frozen writer at the receiver", {}, kAny, freeze_writer_at_receiver},
-        {"few descriptors at the start", {}, kAny, few_descriptors_at_start},
+        {"few descriptors at the start", {.dead = 30}, kAny, few_descriptors_at_start},
         {"no descriptor for a line", {}, kPlain, no_descriptors_for_a_line},
         {"no descriptor for files", {}, kAny, no_descriptors_for_files},
         {"no standard descriptors", {}, kAny, close_standard_descriptors},
