@@ -10,9 +10,9 @@
 #include <string_view>
 
 #include "store/store.h"
-#include "store_lmdb/transaction.h"
 #include "store_lmdb/mark_file.h"
 #include "store_lmdb/queue_record.h"
+#include "store_lmdb/transaction.h"
 
 namespace kvr {
 
