@@ -26,7 +26,6 @@ constexpr double kDefaultInterval = 1;
 constexpr double kMinInterval = 0.05;
 constexpr double kMaxInterval = 3600;
 constexpr double kMilliseconds = 1000;
-constexpr std::chrono::seconds kStoreTimeout{3};
 
 struct StatusOptions {
     std::string channel;

@@ -16,7 +16,6 @@ namespace {
 
 constexpr double kDefaultTimeout = 10;
 constexpr double kMaxTimeout = 3600;
-constexpr std::chrono::seconds kStoreTimeout{3};
 
 std::string outcome_text(const std::string& channel, const StopOutcome& outcome, double timeout) {
     switch (outcome.result) {

@@ -22,6 +22,8 @@ std::string chosen_qmgr(const GlobalOptions& global);
 void refuse_other_qmgr(const GlobalOptions& global, const std::string& name);
 /// The folder of the queue manager that is meant; root becomes its owner (store_owner.h).
 std::filesystem::path qmgr_folder(const GlobalOptions& global);
+/// Longest wait for another process in the store, of commands that owe an answer soon.
+constexpr std::chrono::seconds kStoreTimeout{3};
 /// Opens the queue manager that is meant, as its owner.
 std::shared_ptr<Store> open_store(const GlobalOptions& global);
 
