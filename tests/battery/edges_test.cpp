@@ -7,9 +7,9 @@
 #include <unistd.h>
 
 #include "history.h"
+#include "proof/xmit_header.h"
 #include "raw_line.h"
 #include "tools/receiver_stream.h"
-#include "xmit_header.h"
 
 namespace kvr::test {
 namespace {

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "host/children.h"
-#include "store.h"
+#include "store/store.h"
 #include "support/folder.h"
 #include "support/peer.h"
 #include "support/tls_material.h"

@@ -5,7 +5,7 @@
 #include <chrono>
 #include <thread>
 
-#include "xmit_header.h"
+#include "proof/xmit_header.h"
 
 namespace kvr::test {
 namespace {

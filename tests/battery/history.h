@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "field.h"
-#include "proof.h"
+#include "proof/proof.h"
 
 namespace kvr::test {
 

@@ -21,7 +21,7 @@
 #include "kavro_log.h"
 #include "kavro_object.h"
 #include "kavro_queue.h"
-#include "stop_point.h"
+#include "kavutil/stop_point.h"
 
 extern "C" int OnPlugLoad(T_PLUG_MGR_PLUG_VAR* ptPlugVar);
 

@@ -12,7 +12,7 @@
 #include <cerrno>
 
 #include "channel_run.h"
-#include "stop_point.h"
+#include "kavutil/stop_point.h"
 
 namespace kvr::test {
 namespace {

@@ -98,7 +98,7 @@ int netTcpClientWrite(void* pThis, void* pBuf, int iWriteLen, int iOptions) {
     const int iSocketNo = Look(ptClient->iSocketNo);
     SSL* ssl = Look(ptClient->ssl);
     if ((iOptions & NET_TCP_WRITE_END) != 0) {
-        if (ssl != nullptr) {
+        if (ssl != nullptr && iSocketNo > 0) {
             EndTls(iSocketNo);
         }
         return 0;

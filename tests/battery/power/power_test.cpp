@@ -22,8 +22,8 @@
 
 #include "field.h"
 #include "platter.h"
-#include "proof.h"
-#include "xmit_header.h"
+#include "proof/proof.h"
+#include "proof/xmit_header.h"
 
 namespace kvr::test {
 namespace {
