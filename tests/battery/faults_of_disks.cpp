@@ -4,8 +4,8 @@
 #include <fcntl.h>
 
 #include "history.h"
-#include "raw_line.h"
-#include "tools/receiver_stream.h"
+#include "support/raw_line.h"
+#include "support/receiver_stream.h"
 
 namespace kvr::test {
 namespace {

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 // What the other end, or the line to it, does to a channel.
 #include "history.h"
-#include "raw_line.h"
-#include "tools/receiver_stream.h"
+#include "support/raw_line.h"
+#include "support/receiver_stream.h"
 
 namespace kvr::test {
 namespace {

@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include "history.h"
-#include "raw_line.h"
+#include "support/raw_line.h"
 
 namespace kvr::test {
 namespace {

@@ -8,8 +8,8 @@
 #include <unistd.h>
 
 #include "field.h"
-#include "raw_line.h"
-#include "tools/receiver_stream.h"
+#include "support/raw_line.h"
+#include "support/receiver_stream.h"
 
 namespace kvr::test {
 namespace {

@@ -10,7 +10,7 @@
 #include "recording_host.h"
 #include "support/folder.h"
 #include "support/peer.h"
-#include "tools/receiver_stream.h"
+#include "support/receiver_stream.h"
 
 namespace kvr::test {
 

@@ -11,7 +11,7 @@
 
 #include "plug_mgr.h"
 #include "support/peer.h"
-#include "tools/receiver_stream.h"
+#include "support/receiver_stream.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // What the splitter takes and refuses, seen through kvr dissect: the fuzzer's corpus, where the name of each stream
 // says what is wrong with it, and the borders of what is allowed.
 #include "kvr_program.h"
-#include "receiver_stream.h"
+#include "support/receiver_stream.h"
 
 namespace kvr::test {
 namespace {

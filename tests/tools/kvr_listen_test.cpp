@@ -2,19 +2,14 @@
 // kvr listen over real sockets, fed with bytes spelled out by hand: what reaches the store, what a stop takes in and
 // whom it lets in. Misbehaviour on purpose is what the battery uses.
 #include <atomic>
-#include <memory>
 #include <thread>
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <openssl/ssl.h>
 #include <sys/resource.h>
 
-#include "kavutil/unique_fd.h"
 #include "kvr_program.h"
-#include "receiver_stream.h"
-#include "support/peer.h"
+#include "support/raw_line.h"
+#include "support/receiver_stream.h"
 
 namespace kvr::test {
 namespace {
@@ -32,7 +27,7 @@ class Listener {
         : home_(home), process_(start(home, options, prepare)) {
         EXPECT_TRUE(wait_until([this] { return contents(home_.path() / "port").ends_with('\n'); }));
     }
-    [[nodiscard]] in_port_t port() const { return static_cast<in_port_t>(std::stoi(contents(home_.path() / "port"))); }
+    [[nodiscard]] int port() const { return std::stoi(contents(home_.path() / "port")); }
     [[nodiscard]] std::string journal() const { return contents(home_.path() / "journal"); }
     /// How often an event stands in the journal.
     [[nodiscard]] std::size_t count(const std::string& event) const {
@@ -68,62 +63,10 @@ class Listener {
     Child process_;
 };
 
-struct SenderOptions {
-    bool tls = false; ///< 1.3
-    const TlsIdentity* identity = nullptr;
-    const char* address = "127.0.0.1";
-};
-
-/// A sender of prepared bytes.
-class Sender {
-  public:
-    explicit Sender(const Listener& listener, const SenderOptions& options = {})
-        : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        const sockaddr_in own{AF_INET, 0, {::inet_addr(options.address)}, {}};
-        const sockaddr_in address{AF_INET, htons(listener.port()), {htonl(INADDR_LOOPBACK)}, {}};
-        const timeval limit{kDeadlineSeconds, 0};
-        EXPECT_EQ(::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&own), sizeof own), 0);
-        (void)::setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-        EXPECT_EQ(::connect(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-        if (!options.tls) {
-            return;
-        }
-        (void)::signal(SIGPIPE, SIG_IGN); // OpenSSL writes without MSG_NOSIGNAL
-        const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
-        if (options.identity != nullptr) {
-            SSL_CTX_use_certificate_chain_file(context.get(), options.identity->cert_file.c_str());
-            SSL_CTX_use_PrivateKey_file(context.get(), options.identity->key_file.c_str(), SSL_FILETYPE_PEM);
-        }
-        ssl_.reset(SSL_new(context.get()));
-        SSL_set_fd(ssl_.get(), fd_.get());
-        SSL_connect(ssl_.get()); // where it fails, so does what follows
-    }
-    /// False when the listener ended the line.
-    bool send(const std::string& bytes) {
-        const auto size = static_cast<int>(bytes.size());
-        return ssl_ ? SSL_write(ssl_.get(), bytes.data(), size) == size : send_plain(bytes);
-    }
-    /// Past the TLS session.
-    bool send_plain(const std::string& bytes) {
-        return ::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
-    }
-    void finish() { (void)::shutdown(fd_.get(), SHUT_WR); }
-    /// Waits for the listener's end of the line; false when that was no orderly one.
-    bool is_ended() {
-        char byte = 0;
-        errno = 0;
-        return (ssl_ ? SSL_read(ssl_.get(), &byte, 1) : ::recv(fd_.get(), &byte, 1, 0)) <= 0 && errno == 0;
-    }
-
-  private:
-    UniqueFd fd_;
-    std::unique_ptr<SSL, decltype(&SSL_free)> ssl_{nullptr, SSL_free};
-};
-
 /// A sender that has bound a name of its own and sent these bytes.
-Sender bound(const Listener& listener, const std::string& bytes = "", const SenderOptions& options = {}) {
+RawLine bound(const Listener& listener, const std::string& bytes = "", const RawLineOptions& options = {}) {
     static int number = 0;
-    Sender sender(listener, options);
+    RawLine sender(listener.port(), options);
     EXPECT_TRUE(sender.send(bind_frame("C" + std::to_string(++number)) + bytes));
     return sender;
 }
@@ -202,11 +145,11 @@ TEST_F(KvrListen, OnlyAMessageWithoutAHomeIsDropped) {
 TEST_F(KvrListen, AStopTakesInWhatHasBeenSent) {
     for (const bool tls : {false, true}) {
         Listener listener(home_, tls ? tls_ : "");
-        Sender sender = bound(listener, "", {.tls = tls});
+        RawLine sender = bound(listener, "", {.tls = tls});
         ASSERT_TRUE(listener.has("bind"));
         ASSERT_TRUE(sender.send(repeated(message("Q1", std::string(100, 'm')), 500)));
         std::thread ending([&sender] { // ends its half when it sees ours ended, as a channel does
-            EXPECT_TRUE(sender.is_ended());
+            EXPECT_TRUE(sender.await_end());
             sender.finish();
         });
         EXPECT_EQ(listener.stop(), 0);
@@ -217,25 +160,25 @@ TEST_F(KvrListen, AStopTakesInWhatHasBeenSent) {
 
 TEST_F(KvrListen, WhatOneHasBegunKeepsNobodyElse) {
     const Listener listener(home_, tls_ + " --discard");
-    Sender slow = bound(listener, "", {.tls = true});
+    RawLine slow = bound(listener, "", {.tls = true});
     ASSERT_TRUE(listener.has("bind", 1));
     ASSERT_TRUE(slow.send_plain(std::string("\x17\x03\x03\x20\0begun", 10))); // a part of a TLS record
-    const Sender second = bound(listener, "", {.tls = true});
+    const RawLine second = bound(listener, "", {.tls = true});
     ASSERT_TRUE(listener.has("bind", 2)); // written down when the listener comes to rest
-    std::vector<Sender> begun;
+    std::vector<RawLine> begun;
     for (int i = 0; i < 300; ++i) { // more handshakes than may be under way
-        ASSERT_TRUE(begun.emplace_back(listener).send("\x16\x03"));
+        ASSERT_TRUE(begun.emplace_back(listener.port()).send("\x16\x03"));
     }
-    const Sender third = bound(listener, "", {.tls = true, .address = "127.0.0.2"});
+    const RawLine third = bound(listener, "", {.tls = true, .address = "127.0.0.2"});
     ASSERT_TRUE(listener.has("bind", 3));
     EXPECT_LT(listener.journal().rfind(R"("event":"bind")"), listener.journal().find(R"("event":"end")"));
 }
 
 TEST_F(KvrListen, ASilentPeerIsClosedAfterItsTime) {
     const Listener listener(home_, "--discard --handshake-time 1");
-    Sender silent(listener);
-    Sender other = bound(listener);
-    EXPECT_TRUE(silent.is_ended());
+    const RawLine silent(listener.port());
+    RawLine other = bound(listener);
+    EXPECT_TRUE(silent.await_end());
     EXPECT_TRUE(other.send(message("Q", "still here")));
     EXPECT_TRUE(listener.has("message"));
 }
@@ -246,13 +189,13 @@ TEST_F(KvrListen, FurtherConnectionsWaitForAPlaceOrTakeThatOfAnIdleOne) {
                                               {"--max-per-address 2 --idle-time 0", true}}) {
         SCOPED_TRACE(options);
         Listener listener(home_, std::string("--discard ") + options);
-        Sender first = bound(listener);
+        RawLine first = bound(listener);
         ASSERT_TRUE(listener.has("bind", 1));
-        const Sender second = bound(listener);
+        const RawLine second = bound(listener);
         ASSERT_TRUE(listener.has("bind", 2));
-        const Sender third = bound(listener);
+        const RawLine third = bound(listener);
         if (makes_room) { // and what it sends until it sees that arrives
-            EXPECT_TRUE(first.is_ended());
+            EXPECT_TRUE(first.await_end());
             ASSERT_TRUE(first.send(message("Q", "late")));
             first.finish();
             ASSERT_TRUE(listener.has("end"));
@@ -274,8 +217,8 @@ std::string waiting(std::size_t size, std::size_t file = 1) {
 TEST_F(KvrListen, ShortMemoryPassesFromOneToTheNextAndEndsThoseOfWhomNothingComes) {
     const Listener listener(home_, "");
     const std::string small = message("Q1", std::string(40'000, 's'));
-    Sender slow = bound(listener, small.substr(0, 20'000));
-    std::vector<Sender> senders;
+    RawLine slow = bound(listener, small.substr(0, 20'000));
+    std::vector<RawLine> senders;
     for (int i = 0; i < 13; ++i) { // bodies of 26 MB that wait for their files
         senders.push_back(bound(listener, waiting(2'000'000)));
     }
@@ -293,7 +236,7 @@ TEST_F(KvrListen, ShortMemoryPassesFromOneToTheNextAndEndsThoseOfWhomNothingCome
 
 TEST_F(KvrListen, ShortMemoryIsNotHeldByOneThatFallsSilent) {
     Listener listener(home_, "");
-    std::vector<Sender> senders;
+    std::vector<RawLine> senders;
     for (std::size_t i = 1; i <= 13; ++i) { // bodies of 24.6 MB that wait for their files; the last stops in its own
         senders.push_back(bound(listener, i < 13 ? waiting(2'050'000) : waiting(1'000'000).substr(0, 900'000)));
         ASSERT_TRUE(listener.has("bind", i));
@@ -307,7 +250,7 @@ TEST_F(KvrListen, ShortMemoryIsNotHeldByOneThatFallsSilent) {
 
 TEST_F(KvrListen, ShortMemoryIsNotHeldByOneThatTakesForEver) {
     Listener listener(home_, "");
-    std::vector<Sender> slow;
+    std::vector<RawLine> slow;
     for (std::size_t i = 1; i <= 14; ++i) {
         slow.push_back(bound(listener, waiting(2'090'000, 5'000'000)));
     }
@@ -315,13 +258,13 @@ TEST_F(KvrListen, ShortMemoryIsNotHeldByOneThatTakesForEver) {
     std::atomic<bool> done = false;
     std::thread dripping([&] { // what keeps a message from being given up
         while (!done) {
-            for (Sender& sender : slow) {
+            for (RawLine& sender : slow) {
                 (void)sender.send(std::string(10'000, 'f'));
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(200));
         }
     });
-    const Sender other = bound(listener, message("Q1", std::string(100'000, 'o')));
+    const RawLine other = bound(listener, message("Q1", std::string(100'000, 'o')));
     EXPECT_TRUE(listener.has("message"));
     done = true;
     dripping.join();
@@ -362,7 +305,7 @@ TEST_F(KvrListen, TheJournalIsOpenedAnewAndLinesThatItLacksAreCounted) {
         (void)::setrlimit(RLIMIT_FSIZE, &small);
     });
     const fs::path journal = home_.path() / "journal";
-    Sender sender = bound(listener);
+    RawLine sender = bound(listener);
     ASSERT_TRUE(listener.has("bind"));
     fs::rename(journal, home_.path() / "first");
     listener.send_signal(SIGHUP);
@@ -381,14 +324,14 @@ TEST_F(KvrListen, TheJournalIsOpenedAnewAndLinesThatItLacksAreCounted) {
 
 TEST_F(KvrListen, RefusalsNameTheirCause) {
     const std::string required = tls_ + " --ca " + material_.ca_file + " --client-cert required";
-    const std::tuple<std::string, SenderOptions, const char*> cases[] = {
+    const std::tuple<std::string, RawLineOptions, const char*> cases[] = {
         {required, {.tls = true}, "peer did not return a certificate"},
         {required, {.tls = true, .identity = &material_.foreign_server}, "is refused: unable to get local issuer"},
         {required, {}, "the sender speaks plain TCP"},
         {"", {.tls = true}, "a TLS hello"}};
     for (const auto& [options, sender_options, reason] : cases) {
         const Listener listener(home_, "--discard " + options);
-        Sender sender(listener, sender_options);
+        const RawLine sender(listener.port(), sender_options);
         (void)sender.send(bind_frame("C")); // over TLS it learns of the refusal after its handshake
         EXPECT_TRUE(listener.has("end")) << reason;
         EXPECT_EQ(listener.count("bind"), 0U) << reason;
