@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "core_ctx/run_lock.h"
+#include "kavutil/unique_fd.h"
 #include "store/lock_holder.h"
 
 namespace kvr {
@@ -26,18 +27,11 @@ constexpr std::chrono::seconds kKillWait{10};
 class ProcessHandle {
   public:
     explicit ProcessHandle(pid_t pid) : pid_(pid), fd_(static_cast<int>(syscall(SYS_pidfd_open, pid, 0))) {}
-    ~ProcessHandle() {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-    }
-    ProcessHandle(const ProcessHandle&) = delete;
-    ProcessHandle& operator=(const ProcessHandle&) = delete;
 
-    [[nodiscard]] bool is_open() const { return fd_ >= 0; }
+    [[nodiscard]] bool is_open() const { return fd_.get() >= 0; }
 
     void send(int signal) const {
-        if (syscall(SYS_pidfd_send_signal, fd_, signal, nullptr, 0) == 0 || errno == ESRCH) {
+        if (syscall(SYS_pidfd_send_signal, fd_.get(), signal, nullptr, 0) == 0 || errno == ESRCH) {
             return;
         }
         throw Error(errno == EPERM ? Errc::kPermission : Errc::kIo,
@@ -49,7 +43,7 @@ class ProcessHandle {
         const auto deadline = Clock::now() + time;
         for (;;) {
             const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-            pollfd entry{fd_, POLLIN, 0};
+            pollfd entry{fd_.get(), POLLIN, 0};
             const int ready = poll(&entry, 1, left > 0 ? static_cast<int>(left) : 0);
             if (ready > 0) {
                 return true;
@@ -62,7 +56,7 @@ class ProcessHandle {
 
   private:
     pid_t pid_;
-    int fd_;
+    UniqueFd fd_;
 };
 
 } // namespace

@@ -17,7 +17,7 @@ namespace kvr {
 struct ChannelStatus {
     std::string state;       ///< STATUS as recorded; empty: the channel never ran
     pid_t recorded_pid = 0;  ///< PID as recorded; below 1: none
-    pid_t runner = 0;        ///< the process that runs the channel now, 0 for none, kUnseenProcess (lock_holder.h)
+    pid_t runner = 0;        ///< the process that runs the channel now, 0 for none, kUnseenProcess (store/owner.h)
     std::string local_ip;    ///< ends of the current or the last connection
     std::string local_port;  //
     std::string remote_ip;   //

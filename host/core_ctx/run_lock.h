@@ -21,7 +21,7 @@ class RunLock {
     /// run already, kPermission when the locks' folder is not this user's alone, kIo.
     RunLock(const std::filesystem::path& qmgr_dir, const std::string& channel);
 
-    /// The process that holds the lock, 0 for none, kUnseenProcess (lock_holder.h). Throws kvr::Error:
+    /// The process that holds the lock, 0 for none, kUnseenProcess (store/owner.h). Throws kvr::Error:
     /// kPermission when one of the folders is not this user's alone, kIo.
     static pid_t holder(const std::filesystem::path& qmgr_dir, const std::string& channel);
 

@@ -14,6 +14,8 @@ namespace kvr {
 
 /// The operations throw kvr::Error, as those of Store.
 struct StoreEngine {
+    /// Refuses settings that no store could be made with, before anything is made.
+    void (*check)(const Settings& settings);
     /// Makes a store in the folder of a new queue manager, private and empty but for what says the engine's name.
     /// Everything in the folder is durable when it returns. What it throws undoes the folder.
     void (*fill)(const std::filesystem::path& dir, const std::string& qmgr, const Settings& settings);
@@ -23,7 +25,9 @@ struct StoreEngine {
     std::shared_ptr<Store> (*open)(const std::filesystem::path& dir);
 };
 
-/// The engine of that name; the embedded one for the empty name. Throws kInvalid, kVersion when there is none.
+/// Whether it can name an engine: it becomes a part of a file's name. The empty one stands for the embedded engine.
+bool is_engine_name(const std::string& name);
+/// The engine of that name. Throws kInvalid, kVersion when there is none, kIo when it cannot be loaded.
 const StoreEngine& load_engine(const std::string& name);
 
 } // namespace kvr

@@ -8,13 +8,9 @@ namespace kvr {
 
 namespace {
 
-/// Field 22 of the process's facts; what stands in parentheses before may hold anything.
 std::uint64_t start_of(pid_t process) {
     constexpr int kSkipped = 19; // state to itrealvalue
-    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
-    std::string facts;
-    std::getline(file, facts);
-    std::istringstream fields(facts.substr(std::min(facts.rfind(')') + 1, facts.size())));
+    std::istringstream fields(process_facts(process));
     std::string skipped;
     for (int i = 0; i < kSkipped; ++i) {
         fields >> skipped;
@@ -24,6 +20,13 @@ std::uint64_t start_of(pid_t process) {
 }
 
 } // namespace
+
+std::string process_facts(pid_t process) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+    std::string facts;
+    std::getline(file, facts);
+    return facts.substr(facts.rfind(')') + 1);
+}
 
 Owner local_owner(pid_t process) {
     return {.machine = {}, .process = process, .started = process > 0 ? start_of(process) : 0};

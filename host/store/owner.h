@@ -24,6 +24,9 @@ struct Owner {
     [[nodiscard]] bool operator==(const Owner&) const = default;
 };
 
+/// What the system tells of a process of this machine behind its name, which may hold anything: " S 1 ..." (proc(5),
+/// stat). Empty when there is none.
+KVR_EXPORT std::string process_facts(pid_t process);
 /// The process of this machine that has that id now.
 KVR_EXPORT Owner local_owner(pid_t process);
 

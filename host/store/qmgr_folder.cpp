@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "kavutil/unique_fd.h"
+#include "store/engine.h"
 #include "store/permissions.h"
 #include "store/system_error.h"
 
@@ -28,8 +29,9 @@ fs::path aside(const fs::path& dir, const char* mark) {
 void write_engine(const fs::path& file, const std::string& engine) {
     const UniqueFd fd = open_allocated_file(file, 0);
     const std::string line = engine + "\n";
+    errno = ENOSPC; // for a write that takes a part
     if (::write(fd.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size()) || ::fsync(fd.get()) != 0) {
-        throw_system("write", file, errno != 0 ? errno : ENOSPC);
+        throw_system("write", file, errno);
     }
 }
 
@@ -69,11 +71,12 @@ std::string engine_of(const fs::path& dir) {
     const fs::path file = dir / kEngineFile;
     std::error_code error;
     std::string engine;
-    if (fs::exists(fs::symlink_status(file, error))) {
+    const fs::file_status found = fs::symlink_status(file, error);
+    if (fs::is_regular_file(found) || fs::is_symlink(found)) {
         check_private(dir, true);
         check_private(file, false);
         std::ifstream in(file);
-        if (!std::getline(in, engine)) {
+        if (!std::getline(in, engine) || engine.empty() || !is_engine_name(engine)) {
             throw Error(Errc::kDamaged, file.string() + " does not name the store's engine: restore it from a copy");
         }
     }

@@ -14,7 +14,8 @@ namespace kvr {
 /// folder that it is given. Throws kExists.
 void make_qmgr_folder(const std::filesystem::path& dir, const std::string& engine,
                       const std::function<void(const std::filesystem::path&)>& fill);
-/// Name of the engine that the folder's queue manager uses, empty where it says none. Throws kPermission, kIo.
+/// Name of the engine that the folder's queue manager uses, empty where it says none. Throws kPermission, kIo,
+/// kDamaged when it is no name of an engine.
 std::string engine_of(const std::filesystem::path& dir);
 /// For engines. Throws kIo with what is left of it.
 KVR_EXPORT void delete_qmgr_folder(const std::filesystem::path& dir);

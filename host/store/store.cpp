@@ -13,6 +13,7 @@ namespace fs = std::filesystem;
 void Store::create(const fs::path& dir, const std::string& qmgr, const Settings& settings, const std::string& engine) {
     check_name("queue manager", qmgr, kMaxQmgrName);
     const StoreEngine& made_by = load_engine(engine);
+    made_by.check(settings);
     make_qmgr_folder(dir, engine, [&](const fs::path& folder) { made_by.fill(folder, qmgr, settings); });
 }
 

@@ -199,10 +199,7 @@ void StoreLock::lock() {
 
 pid_t StoreLock::frozen_writer() const {
     const pid_t writer = lock_holder(fd_.get(), bytes_lock(kLockedByte, F_WRLCK));
-    std::ifstream file("/proc/" + std::to_string(writer) + "/stat");
-    std::string facts; // process (program) state ...
-    const bool known = writer > 0 && std::getline(file, facts) && facts.find(") T ") != std::string::npos;
-    return known ? writer : 0;
+    return writer > 0 && process_facts(writer).starts_with(" T ") ? writer : 0;
 }
 
 void StoreLock::unlock() {

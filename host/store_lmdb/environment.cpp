@@ -2,7 +2,6 @@
 #include "store_lmdb/environment.h"
 
 #include <cerrno>
-#include <cstring>
 #include <fstream>
 #include <limits>
 #include <mutex>

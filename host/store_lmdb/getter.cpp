@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "store_lmdb/getter.h"
 
-#include <algorithm>
 #include <cstring>
 
 #include "kavutil/stop_point.h"

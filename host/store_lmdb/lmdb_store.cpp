@@ -3,7 +3,6 @@
 #include "store_lmdb/lmdb_store.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <system_error>
 
 #include <sys/random.h>
@@ -119,7 +118,11 @@ std::shared_ptr<Store> open_store(const fs::path& dir) {
     return store;
 }
 
-constexpr StoreEngine kEngine{.fill = fill_folder, .exists = holds_store, .open = open_store};
+void check_settings(const Settings& given) {
+    static_cast<void>(changed_settings({}, given));
+}
+
+constexpr StoreEngine kEngine{.check = check_settings, .fill = fill_folder, .exists = holds_store, .open = open_store};
 
 } // namespace
 
@@ -142,10 +145,14 @@ Settings LmdbStore::settings() const {
 }
 
 void LmdbStore::change_settings(const Settings& changes) {
-    const LmdbSettings now = changed_settings(lmdb_settings(), changes);
+    LmdbSettings now;
+    env_.set_sync(true); // the change itself is flushed in any case
+    write(Need::kMust, [&](WriteTxn& write) {
+        now = changed_settings(load_settings(write.txn(), env_), changes);
+        save_settings(write, now);
+    });
     env_.grow_map(now.map_size);
     env_.set_sync(now.sync);
-    write(Need::kMust, [&](WriteTxn& write) { save_settings(write, now); });
 }
 
 std::optional<Owner> LmdbStore::frozen_writer() {

@@ -3,7 +3,6 @@
 // messages.cpp hold its operations, getter.h the drainer of a queue.
 #pragma once
 
-#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>

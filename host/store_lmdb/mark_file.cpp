@@ -4,13 +4,13 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
-#include <cstring>
 #include <fstream>
 #include <string>
+#include <system_error>
 
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include "store/permissions.h"
 #include "store/system_error.h"
@@ -32,7 +32,8 @@ const BootId& boot_id() {
         std::ifstream file(kSource);
         std::string text;
         if (!std::getline(file, text) || text.empty()) {
-            throw_system("read", kSource, errno);
+            throw Error(Errc::kIo, std::string("cannot read ") + kSource + ": " +
+                                       std::generic_category().message(errno) + "; is /proc mounted?");
         }
         std::copy_n(text.begin(), std::min(text.size(), bytes.size()), bytes.begin());
         return bytes;

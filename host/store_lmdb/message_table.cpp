@@ -7,7 +7,6 @@
 #include <limits>
 
 #include "store/message_record.h"
-#include "store/system_error.h"
 #include "store_lmdb/keys.h"
 #include "store_lmdb/mdb_error.h"
 #include "store_lmdb/store_layout.h"

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <shared_mutex>
 
 #include "store/message_record.h"
 #include "store/system_error.h"

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Objects of the store: a class, a name, attributes as texts.
+#include <algorithm>
 #include <cstring>
 
 #include "store/names.h"

@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: MIT
 // Queues of the store: their definitions, and what an operator sees of them.
+#include <algorithm>
 #include <cerrno>
 #include <limits>
 
 #include <unistd.h>
 
-#include "store/lock_holder.h"
 #include "store/names.h"
-#include "store/schema.h"
 #include "store/system_error.h"
 #include "store_lmdb/keys.h"
 #include "store_lmdb/lmdb_store.h"

@@ -2,6 +2,7 @@
 #include "store_lmdb/transaction.h"
 
 #include <cstring>
+#include <shared_mutex>
 #include <utility>
 
 #include "store_lmdb/mdb_error.h"
