@@ -34,7 +34,6 @@ constexpr std::size_t kGroupBytes = 4U << 20;
 constexpr std::chrono::milliseconds kGroupTime{100};
 constexpr std::size_t kMaxFilePath = 1023; ///< of a file message: the channel's buffer with its NUL is 1,024
 constexpr std::size_t kMaxAttachmentPath = KVR_ACC_PATH_SIZE - 1;
-constexpr std::size_t kMaxProofFileName = 28; ///< of a generated file: seed, number and place in the message
 
 struct PutOptions {
     std::string queue;
@@ -123,7 +122,7 @@ void check_sources(const PutOptions& options) {
     }
     if (!generated(options)) {
         if (options.seed) {
-            throw UsageError("--seed goes with generated data: give --size, too");
+            throw UsageError("--seed goes with generated data: give --size or --file-size, too");
         }
         return;
     }
@@ -132,7 +131,8 @@ void check_sources(const PutOptions& options) {
     }
     for (const char* name : {"correlid", "group-id", "seqno", "format"}) {
         if (options.fields.contains(name)) {
-            throw UsageError(fmt::format("--{} holds the proof of generated data: leave it out with --size", name));
+            throw UsageError(
+                fmt::format("--{} holds the proof of generated data: leave it out with --size and --file-size", name));
         }
     }
 }
@@ -279,9 +279,9 @@ Totals put_messages(Store& store, const PutOptions& options, const std::vector<s
             if (number == 1) {
                 totals.first_id = message_id_text(descriptor);
             }
-            ProofMessage message =
-                plan ? make_proof(*plan, number, descriptor, folder) : ProofMessage{descriptor, attachments, data};
-            totals.bytes += plan ? proven_size(*plan, number) : data.size();
+            ProofMessage message = plan ? make_proof(*plan, number, descriptor, folder)
+                                        : ProofMessage{descriptor, attachments, data, data.size()};
+            totals.bytes += message.size;
             message.data.insert(0, header);
             group.add(std::move(message));
             progress.update(number);

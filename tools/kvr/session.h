@@ -2,6 +2,7 @@
 // From the global options to an open queue manager, and the rules for names.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>

@@ -187,7 +187,7 @@ bool holds(const Digest& wanted, const T_KAVRO_MD& descriptor, std::string_view 
 
 ProofMessage make_proof(const ProofPlan& plan, std::uint32_t number, const T_KAVRO_MD& descriptor,
                         const std::filesystem::path& folder) {
-    ProofMessage message{descriptor, {}, {}};
+    ProofMessage message{descriptor, {}, {}, 0};
     T_KAVRO_MD& md = message.descriptor;
     fill_text(md.sFmtName, sizeof md.sFmtName, kFormat);
     fill_text(md.sGroupId, sizeof md.sGroupId, fmt::format("{:016X} {}", plan.seed, plan.count));
@@ -209,6 +209,7 @@ ProofMessage make_proof(const ProofPlan& plan, std::uint32_t number, const T_KAV
         digest.add(message.data);
     }
     fill_text(md.sCorrelId, sizeof md.sCorrelId, fmt::format("CRC32 {:08X} {}", digest.crc, digest.size));
+    message.size = digest.size;
     return message;
 }
 

@@ -24,6 +24,7 @@
 namespace kvr {
 
 constexpr std::uint32_t kMaxProofCount = 100'000'000;
+constexpr std::size_t kMaxProofFileName = 28; ///< of a generated file: seed, number and place in the message
 
 enum class ProofKind {
     kData,
@@ -51,6 +52,7 @@ struct ProofMessage {
     T_KAVRO_MD descriptor;
     std::vector<std::string> attachments; ///< paths
     std::string data;                     ///< without a transmission header; of a file message its path
+    std::uint64_t size = 0;               ///< bytes of data and files
 };
 
 /// Makes message `number` (1 to count), and its files in `folder`. The same plan always gives the same content.

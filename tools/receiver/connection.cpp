@@ -2,7 +2,7 @@
 #include "connection.h"
 
 #include <algorithm>
-#include <cstring>
+#include <utility>
 
 #include <fmt/format.h>
 #include <poll.h>

@@ -167,12 +167,11 @@ void IncomingMessage::hand_over() {
 }
 
 void IncomingMessage::abandon(bool tell) {
+    drop_files();
     if (complete_waits_ && tell) {
         message_.lost = true;
-        drop_files();
         hand_over();
     }
-    drop_files();
 }
 
 /// Those of a message that is not handed over.
