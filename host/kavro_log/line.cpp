@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "kavro_log/secret.h"
+#include "kavutil/printable.h"
 
 namespace kvr {
 
@@ -13,39 +14,6 @@ namespace {
 constexpr char kCutMark[] = " [cut]\n";
 constexpr char kHex[] = "0123456789abcdef";
 constexpr std::size_t kRoom = kMaxLine - (sizeof(kCutMark) - 1);
-
-/// Bytes of the printable character at `text` (1 for ASCII, 2 to 4 for well-formed UTF-8), 0 when it is none: control
-/// characters, the C1 ones in their two-byte form included, and stray bytes.
-std::size_t printable_length(const unsigned char* text, std::size_t left) {
-    const unsigned char lead = text[0];
-    if (lead < 0x80) {
-        return lead >= 0x20 && lead != 0x7f ? 1 : 0;
-    }
-    std::size_t length = 0;
-    unsigned char low = 0x80;
-    unsigned char high = 0xbf;
-    if (lead >= 0xc2 && lead <= 0xdf) {
-        length = 2;
-        low = lead == 0xc2 ? 0xa0 : low;
-    } else if (lead >= 0xe0 && lead <= 0xef) {
-        length = 3;
-        low = lead == 0xe0 ? 0xa0 : low;
-        high = lead == 0xed ? 0x9f : high;
-    } else if (lead >= 0xf0 && lead <= 0xf4) {
-        length = 4;
-        low = lead == 0xf0 ? 0x90 : low;
-        high = lead == 0xf4 ? 0x8f : high;
-    }
-    if (length == 0 || length > left || text[1] < low || text[1] > high) {
-        return 0;
-    }
-    for (std::size_t i = 2; i < length; ++i) {
-        if ((text[i] & 0xc0) != 0x80) {
-            return 0;
-        }
-    }
-    return length;
-}
 
 } // namespace
 
@@ -107,7 +75,7 @@ void LogLine::add_time() {
 }
 
 std::size_t LogLine::put_printable(const char* text, std::size_t left) {
-    const std::size_t length = printable_length(reinterpret_cast<const unsigned char*>(text), left);
+    const std::size_t length = printable_length(text, left);
     if (length > 0) {
         put(text, length);
         return length;

@@ -10,6 +10,8 @@
 #include <fmt/format.h>
 #include <openssl/evp.h>
 
+#include "kavutil/printable.h"
+
 namespace kvr {
 namespace {
 
@@ -18,31 +20,6 @@ constexpr unsigned kByteMask = 0xFF;
 
 unsigned byte_at(std::string_view bytes, std::size_t at) {
     return static_cast<unsigned char>(bytes[at]);
-}
-
-/// Bytes of the UTF-8 character at `at`; 0 when there is none, or when it is a control character of the second set.
-std::size_t utf8_length(std::string_view bytes, std::size_t at) {
-    const unsigned first = byte_at(bytes, at);
-    const std::size_t length = first < 0x80         ? 1
-                               : (first >> 5) == 6  ? 2
-                               : (first >> 4) == 14 ? 3
-                               : (first >> 3) == 30 ? 4
-                                                    : 0;
-    if (length == 0 || at + length > bytes.size()) {
-        return 0;
-    }
-    constexpr std::array<unsigned, 5> kLeadBits = {0, 0x7F, 0x1F, 0x0F, 0x07};
-    constexpr std::array<unsigned, 5> kSmallest = {0, 0, 0xA0, 0x800, 0x10000};
-    unsigned code = first & kLeadBits.at(length);
-    for (std::size_t i = 1; i < length; ++i) {
-        const unsigned next = byte_at(bytes, at + i);
-        if ((next & 0xC0U) != 0x80U) {
-            return 0;
-        }
-        code = (code << 6) | (next & 0x3FU);
-    }
-    const bool surrogate = code >= 0xD800 && code <= 0xDFFF;
-    return code < kSmallest.at(length) || surrogate || code > 0x10FFFF ? 0 : length;
 }
 
 bool is_number(const std::string& cell) {
@@ -135,13 +112,11 @@ std::string Table::text() {
 
 bool is_text(std::string_view bytes) {
     for (std::size_t at = 0; at < bytes.size();) {
-        const unsigned byte = byte_at(bytes, at);
-        const std::size_t length = utf8_length(bytes, at);
-        if (length == 0 || byte == 0x7F || (byte < 0x20 && std::strchr("\t\n\r", static_cast<int>(byte)) == nullptr) ||
-            byte == 0) {
+        const std::size_t length = printable_length(bytes.data() + at, bytes.size() - at);
+        if (length == 0 && bytes[at] != '\t' && bytes[at] != '\n' && bytes[at] != '\r') {
             return false;
         }
-        at += length;
+        at += std::max<std::size_t>(length, 1);
     }
     return true;
 }
@@ -149,12 +124,12 @@ bool is_text(std::string_view bytes) {
 std::string printable(std::string_view bytes) {
     std::string out;
     for (std::size_t at = 0; at < bytes.size();) {
-        const unsigned byte = byte_at(bytes, at);
-        const std::size_t length = utf8_length(bytes, at);
+        const char byte = bytes[at];
+        const std::size_t length = printable_length(bytes.data() + at, bytes.size() - at);
         if (byte == '\n' || byte == '\t' || byte == '\\') {
             out += byte == '\n' ? "\\n" : byte == '\t' ? "\\t" : "\\\\";
-        } else if (length == 0 || byte < 0x20 || byte == 0x7F) {
-            out += fmt::format("\\x{:02X}", byte);
+        } else if (length == 0) {
+            out += fmt::format("\\x{:02X}", byte_at(bytes, at));
         } else {
             out.append(bytes, at, length);
         }
