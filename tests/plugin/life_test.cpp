@@ -1,0 +1,287 @@
+// SPDX-License-Identifier: MIT
+// The life of a channel: names, settings and the status object, retries and pauses, the steps of a start and of a stop,
+// heartbeats, a line lost before, in and behind the wait, the line's watcher.
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "channel_run.h"
+
+extern "C" char* _plug_kavro_chls_Get_Ver(void);
+
+namespace kvr::test {
+namespace {
+
+const std::string kBind = bind_frame("CH1");
+const std::string kRetrying = "KVR_ObjSetAttrV(CHS CH1 STATUS=RETRYING)";
+
+/// What a channel meets in one life, and what must come of it.
+struct Case {
+    Attrs given; ///< PID and STATUS: of its status object; DEADQ: of the queue manager; others: of its definition
+    Lines told;  ///< in this order
+    decltype(Host::hooks) hooks = {};
+    std::deque<GetStep> get = {};
+    Lines conns = {}; ///< empty: not looked at
+    int status = -1;  ///< negative: not looked at
+};
+
+class Life : public ChannelTest {
+  protected:
+    void expect(const std::vector<Case>& cases);
+};
+
+void Life::expect(const std::vector<Case>& cases) {
+    const auto usual = host().objects;
+    for (const Case& c : cases) {
+        host().objects = usual;
+        for (const auto& [attr, value] : c.given) {
+            const bool of_status = attr == "PID" || attr == "STATUS";
+            (of_status ? host().objects["CHS/CH1"] : attr == "DEADQ" ? qmgr() : chl())[attr] = value;
+        }
+        host().hooks = c.hooks;
+        // The close in a handler wakes the line's watcher, which reports it: that must not end the pause.
+        host().hooks["sleep"] = [](const Call& call) -> std::optional<int> {
+            if (call.a == 3) {
+                wait_for("1 connection lost");
+                trace(kNote, "pause %s", held(SIGUSR2) && held(SIGCHLD) ? "over" : "cut short");
+            }
+            return 0;
+        };
+        host().get = c.get;
+        const Result r = run_channel();
+        EXPECT_TRUE(in_order(r, c.told));
+        EXPECT_TRUE(c.conns.empty() || r.conns == c.conns) << testing::PrintToString(r.conns) << r.dump();
+        EXPECT_TRUE(c.status < 0 || r.status == c.status) << r.dump();
+    }
+}
+
+TEST_F(Life, EventsWithoutAStartOrANameDoNothing) {
+    std::string text = "^__VERSION_ID__^=Version[KAVRO_v1.1.7_release] Id[$Rev: 152 $] Build[Apr 15 2014]";
+    text.resize(256);
+    EXPECT_EQ(std::string(_plug_kavro_chls_Get_Ver(), 256), text);
+    const Result r = run([] {
+        load();
+        std::ranges::for_each(std::vector{0, 3, -1, 4}, event);
+        host().ctx.tRTCoreArgv.tArg[kOptions + 4].psValue = nullptr;
+        event(1);
+        host().ctx.tRTCoreArgv.iOptc = RTCORE_ARG_MAX - 4;
+        event(1);
+    });
+    EXPECT_EQ(r.lines("STE"), (Lines{"event 0 = 0", "event 3 = 0", "event -1 = 0", "event 4 = 0", "event 1 = -10002",
+                                     "event 1 = -10002"}));
+    EXPECT_EQ(r.count("KVR_Obj"), 0);
+}
+
+TEST_F(Life, ChannelNames) {
+    const std::string longest(63, 'z');
+    host().objects["CHL/A"] = host().objects["CHL/" + std::string(63, 'Z')] = chl();
+    for (const auto& [given, told] : {std::pair<std::string, std::string>("a", "4 [A] chltype[SNDR]"),
+                                      {longest, "event 1 = 0"},
+                                      {longest + "z", "event 1 = -10002"}}) {
+        host().name = given;
+        EXPECT_TRUE(in_order(run_channel(), {told}));
+    }
+}
+
+TEST_F(Life, EachStepOfAStartAndOfAStopInItsOrder) {
+    host().get = {deliver(raw("bad")), finally([] { event(4); })};
+    const Result r = run_channel();
+    EXPECT_THAT(r.conns, ElementsAre(kBind));
+    EXPECT_TRUE(
+        in_order(r, {"KVR_LogSetQMName(QM1)",
+                     "5 KVR_ObjGetAttrV[CHS][CH1] return[-1]",
+                     "KVR_ObjAdd(CHS CH1 PID=PID STATUS=BINDING)",
+                     "4 ca[ca] cert[cert] key[key] keypass[pw]",
+                     "KVR_QueOpen(XQ)",
+                     "3 chl[CH1] conn[127.0.0.1(PORT)]",
+                     kRetrying,
+                     "5 begin connect  [127.0.0.1:PORT]",
+                     "4 connect [127.0.0.1:PORT] success",
+                     "nodelay(1)",
+                     "KVR_ObjSetAttrV(CHS CH1 STATUS=BINDING)",
+                     "write(78)",
+                     "4 binding channel[CH1] [127.0.0.1:PORT] success",
+                     "fork()",
+                     "KVR_ObjSetAttr(CHS CH1 STATUS=RUNING LOCALIP=127.0.0.1 LOCALPORT=PORT1 REMOTEIP=127.0.0.1 "
+                     "REMOTEPORT=PORT)",
+                     "5 --------------------start recv msg----------------------",
+                     "KVR_ObjSetAttrV(CHS CH1 PID=-1 STATUS=STOPED)",
+                     "procSndSig2Proc(W1 9)",
+                     "5 waitpid W1 end",
+                     "KVR_QueClose(XQ XQ) | KVR_QueClose(DLQ DLQ) | event 4 = 0"}));
+}
+
+TEST_F(Life, SettingsAreReadByTheRulesOfTheirTexts) {
+    const std::string long_host(240, 'h');
+    std::vector<Case> cases = {
+        {{{"CHLTYPE", "SnDr"}, {"HBINT", " +7s"}, {"SSLCAUTH", "ENABLED"}}, {"4 HBINT[7]", "alarm(7)"}},
+        {{{"CHLTYPE", "sndr"}, {"HBINT", ""}}, {"4 [CH1] chltype[sndr]", "4 HBINT[0]", "alarm(0)"}},
+        {{{"HBINT", "-5"}}, {"4 HBINT[-5]", "alarm(0)"}},
+        {{{"SSLCAUTH", "enable"}}, {"1 SndrNetInit error[-1]"}}, // there are no files for TLS
+        {{{"CHLTYPE", "RCVR"}}, {"1 [CH1] chltype[RCVR] fault", "event 1 = -10002"}},
+        {{{"CHLTYPE", ""}}, {"1 [CH1] chltype[] fault", "event 1 = -10002"}},
+    };
+    // No such address is ever dialled.
+    const std::pair<std::string, std::string> addresses[] = {{"10.1.2.3(1414)", "10.1.2.3:1414"},
+                                                             {"10.1.2.3", "10.1.2.3:5151"},
+                                                             {"10.1.2.3(abc)", "10.1.2.3:5151"},
+                                                             {"10.1.2.3(1414", "10.1.2.3:1414"},
+                                                             {"10.1.2.3 (-7)", "10.1.2.3 :-7"},
+                                                             {"(12ab)x", ":12"},
+                                                             {long_host + "(77)", long_host + ":77"},
+                                                             {"", ":5151"},
+                                                             {"many(" + std::string(200, '1') + ")", "many:-1"}};
+    for (const auto& [name, dialled] : addresses) {
+        cases.push_back({{{"CONNAME", name}},
+                         {"5 begin connect  [" + dialled + "]", "event 2 = -10002"},
+                         {{"sockGetHostIp", failing(-1)}}});
+    }
+    expect(cases);
+}
+
+TEST_F(Life, RetriesShortThenLong) {
+    listening_ = false;
+    expect(
+        {{{{"SHORTRTY", "3"}, {"SHORTTMR", "5"}, {"LONGRTY", "2"}, {"LONGTMR", "60"}},
+          {kRetrying, "sockSetSTimeOut(5)", "5 shorttry[0] longtry[0]", "sleep(5)", "sleep(5)", "sleep(5)", "sleep(60)",
+           "sleep(60)", "5 shorttry[3] longtry[2]", "1 connect[127.0.0.1:PORT] error shorttry[3:5] longtry[2:60]",
+           "1 Connect2Lsr error[111:Connection refused]"}},
+         {{{"SHORTRTY", "-1"}, {"SHORTTMR", "-5"}, {"LONGRTY", " 2z"}, {"LONGTMR", "1"}},
+          {"sockSetSTimeOut(0)", "5 shorttry[0] longtry[0]", "sleep(1)", "sleep(1)",
+           "1 connect[127.0.0.1:PORT] error shorttry[0:0] longtry[2:1]"}}});
+}
+
+// The sweep fails every call; these are the lines that follow from it, with their codes and reasons.
+TEST_F(Life, FailuresAreToldWithTheirReasons) {
+    expect({
+        {{}, {"1 sigset SIGUSR2 error:[22][Invalid argument]"}, {{"sigset", failing_of(SIGUSR2, 1, -1, EINVAL)}}},
+        {{}, {"1 InitTcpClient return[-10002]", "event 1 = -10002"}, {{"KVR_ObjGetAttrV", failing(-1, 3)}}},
+        {{}, {"1 Connect2Lsr error[61:No data available]"}, {{"KVR_ObjGetAttr", failing(-7)}}},
+        {{}, {"1 BindChl error[" + err(EROFS) + "]"}, {{"KVR_ObjSetAttrV", failing(-8, 2, 2, EROFS)}}},
+        {{}, {"1 fork error[5000:Unknown error 5000]"}, {{"pipe", failing(-1, 1, 1, 5000)}}},
+        {{}, {"1 SndrNetInit error[-10002]", "event 2 = -10002"}, {{"KVR_ObjSetAttr", failing(-9)}}},
+        // A host that is being stopped is asked before the get uses the message up: procIsExist.
+        {{},
+         {"procIsExist(PID) | KVR_QueOpen(DLQ) | 1 KVR_QueOpen[DLQ] return[-9]",
+          "procIsExist(PID) | KVR_QueOpen(DLQ) | KVR_QueMsgPut(4)", "procIsExist(PID) | KVR_QueMsgPut(5)"},
+         {{"KVR_QueOpen", failing(-9, 2, 2)}},
+         {deliver(raw("bad")), deliver(raw("bad!")), deliver(raw("again"))}},
+        {{{"DEADQ", ""}}, {"4 deadq[]", "procIsExist(PID) | 1 not set dead queue"}, {}, {deliver(raw("bad"))}},
+    });
+}
+
+TEST_F(Life, ClaimsTheStatusObjectUnlessALiveProcessHoldsIt) {
+    const std::string dead = std::to_string(run_events({}).pid);
+    const std::string live = std::to_string(getpid());
+    const std::string claim = "KVR_ObjSetAttrV(CHS CH1 PID=PID STATUS=BINDING)";
+    std::vector<Case> cases = {{{{"STATUS", "STOPED"}, {"PID", live}},
+                                {claim, "1 AddObjStat[CH1] return[-10002]"},
+                                {{"KVR_ObjSetAttrV", failing(-6)}}},
+                               {{{"STATUS", "STOPED"}, {"PID", live}}, {claim, "event 1 = 0"}}};
+    for (const std::string& none : {dead, std::string("-1"), std::string("x")}) {
+        cases.push_back(
+            {{{"STATUS", "RUNING"}, {"PID", none}}, {"5 CH1 stat [RUNING] pid[" + none + "]", claim, "event 1 = 0"}});
+    }
+    for (const std::string status : {"RUNING", "BINDING", "stoped"}) { // the object of others is not written
+        cases.push_back({{{"STATUS", status}, {"PID", live}},
+                         {"procIsExist(" + live + ") | 1 CH1 stat[" + status + "] pid[" + live +
+                          "] | 1 AddObjStat[CH1] return[-10002] | event 1 = -10002"}});
+    }
+    expect(cases);
+}
+
+// A start that is refused leaves the object to whom it belongs, whatever an earlier start in this process had claimed.
+TEST_F(Life, AnExitReleasesOnlyWhatThisProcessHolds) {
+    const std::tuple<std::vector<int>, bool, int> cases[] = {{{1, 4}, true, 1}, {{1}, true, 0}, {{1}, false, 1}};
+    for (const auto& [before, taken_over, released] : cases) {
+        const Result r = run([&before = before, taken = taken_over] {
+            load();
+            std::ranges::for_each(before, event);
+            if (taken) {
+                host().objects["CHS/CH1"] = {{"STATUS", "RUNING"}, {"PID", std::to_string(getppid())}};
+            }
+            event(1);
+            event(4);
+        });
+        EXPECT_TRUE(in_order(r, {"event 1 = 0", "event 1 = -10002", "event 4 = 0"}));
+        EXPECT_EQ(r.count("KVR_ObjSetAttrV(CHS CH1 PID=-1 STATUS=STOPED)"), released) << r.dump();
+    }
+}
+
+TEST_F(Life, ALineIsKeptAliveOrReplaced) {
+    const std::string sent = data_frame("x");
+    const std::string beat = kBind + heartbeat_frame();
+    const Lines kept = {beat + sent};
+    const Lines replaced = {kBind, kBind + sent};
+    const GetStep x = deliver(message("x"));
+    const GetStep alarm = interrupted(SIGALRM);
+    const GetStep loss = interrupted(SIGUSR2);
+    const GetStep fails = [](T_KAVRO_MD*, char*, int*) { return -7; };
+    const std::string beaten = "4 heartbeat channel[CH1] [127.0.0.1:PORT]";
+    const std::string failed = "1 write [75] to receiver error[32:write[75] ret[9] error[32:Broken pipe]] return[-1]";
+    const std::string reset = "1 write [1] to receiver error[104:write[1] ret[0] error[" + err(ECONNRESET);
+    expect({
+        {{}, {"alarm(5)", "write(75)", beaten, "alarm(0)", "alarm(5)"}, {}, {alarm, x}, kept},
+        {{}, {beaten}, {{"sockCanRead", failing(-1, 1, 1)}}, {alarm, x}, kept}, // a look that fails holds none back
+        {{}, {"3 RCVER CLOSED", "pause over"}, {{"sockCanRead", failing(1, 1, 1)}}, {alarm, x}, replaced},
+        {{}, {failed, "pause over"}, {{"write", failing_of(75, 1, 9, EPIPE)}}, {alarm, x}, replaced},
+        {{}, {"3 line disconnected [0]", "alarm(0)", "sleep(3)", "pause over", kRetrying}, {}, {loss, x}, replaced},
+        {{}, {"1 sockCanRead [-3]", "5 waitpid W1 end"}, {{"sockCanRead", failing(-3, 1, 1)}}, {x}, replaced},
+        {{}, {"1 RecvIpcMsg error[-7]"}, {}, {alarm, fails}, {beat}, 1},
+        {{}, {"1 SndrNetInit error[-1]"}, {{"sockGetHostIp", failing(-1, 2)}}, {loss}, {kBind}, 1},
+        {{}, // the close in the handler clears the reason
+         {reset + "]] return[-1]"},
+         {{"write", failing_of(1, 1, 0, ECONNRESET)}, {"failure", raising(SIGUSR2)}},
+         {x},
+         {kBind + sent.substr(0, 347), kBind + sent}},
+    });
+}
+
+TEST_F(Life, TheWatcherReportsALostLineOnce) {
+    cues_ = {{"idle", [](PeerConnection& connection) { connection.write("bytes"); }}};
+    host().get = {idle(), deliver(message("x"))};
+    const Result r = run_channel();
+    EXPECT_THAT(r.lines("LHS", r.watchers.at(0)),
+                ElementsAre("4 -----------------------begin check line-------------------------", "select()",
+                            "1 connection lost", "4 ----------------------line disconnected------------------------ ",
+                            "procSndSig2Proc(PID 12)"));
+    EXPECT_EQ(r.count("3 line disconnected [0]"), 1);
+    EXPECT_EQ(r.conns.back(), kBind + data_frame("x"));
+}
+
+TEST_F(Life, TheWatcherSignalsNobodyWhenChannelAndLineEndTogetherOrItCannotWatch) {
+    cues_ = {{"stopped", &PeerConnection::close}};
+    host().get = {finally([] {
+        wait_for("select()");
+        kill(host().watcher, SIGSTOP); // resumed when the channel has ended
+        siginfo_t stopped{};
+        waitid(P_PID, static_cast<id_t>(host().watcher), &stopped, WSTOPPED | WNOWAIT);
+        trace(kNote, "stopped");
+        pollfd line{host().sock, POLLIN, 0};
+        trace(kNote, "line closed: %d", poll(&line, 1, 10000));
+    })};
+    Result r = run_channel();
+    EXPECT_EQ(r.count("line closed: 1"), 1);
+    EXPECT_THAT(r.lines("LHS", r.watchers.at(0)), ElementsAre(testing::_, "select()", "2 parent abort[PID]"));
+    host().hooks["select"] = failing(-1, 1, 9, EBADF);
+    r = run_messages({message("x")});
+    EXPECT_THAT(r.conns, ElementsAre(kBind + data_frame("x")));
+    EXPECT_THAT(r.lines("LHS", r.watchers.at(0)),
+                ElementsAre(testing::_, "select()", "1 select error[" + err(EBADF) + "]"));
+}
+
+// The connection is made with signals held, as in a handler: that must not hide why it failed.
+TEST_F(Life, AHandshakeThatFailsIsToldAndNothingIsSaidToTheReceiver) {
+    use_tls(Carrier::kTls12);
+    receiver_.anonymous = true; // nothing in common
+    const Result r = run_channel();
+    EXPECT_EQ(r.count("handshake failure"), 2) << r.dump();
+    EXPECT_EQ(r.count("1 Connect2Lsr error[" + err(EPROTO) + "]"), 1) << r.dump();
+    EXPECT_THAT(r.conns, testing::Each(std::string()));
+}
+
+} // namespace
+} // namespace kvr::test
