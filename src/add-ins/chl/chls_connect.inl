@@ -44,84 +44,103 @@ static int SecondsOf(const char* psValue) {
     return iSeconds > 0 ? iSeconds : 0;
 }
 
-/// Connects, first with short and then with long retries. 0 when connected; -1 when the definition cannot be read, the
-/// client cannot be prepared or every attempt failed; -10002 when the status cannot be written. A failure leaves its
-/// reason in errno, which the caller shows.
-static int Connect2Lsr(void) {
+/// What the definition says about one connection. After so many short retries come so many long ones.
+struct T_CHLS_ROAD {
+    char sHostName[CHLS_VALUE_SIZE];
+    int iPort;
+    int iShortTry;
+    int iShortTryTmr; ///< seconds; also the send time-out
+    int iLongTry;
+    int iLongTryTmr; ///< seconds
+};
+
+// Steps of Connect2Lsr, whose name their lines carry. A failure leaves its reason in errno.
+
+static int ReadRoad(T_CHLS_ROAD* ptRoad) {
     char sLongTry[CHLS_VALUE_SIZE] = {};
     char sLongTryTmr[CHLS_NAME_SIZE] = {};
     char sShortTry[CHLS_NAME_SIZE] = {};
     char sShortTryTmr[CHLS_NAME_SIZE] = {};
     char sConnName[CHLS_VALUE_SIZE] = {};
-    char sHostName[CHLS_VALUE_SIZE] = {};
-    int iShortTryCnt = 0;
-    int iLongTryCnt = 0;
-    int iOption = NET_TCP_OPT_SNDTIMEO;
-
     char* psAttrNames[] = {TXT("LONGRTY"), TXT("LONGTMR"), TXT("SHORTRTY"), TXT("SHORTTMR"), TXT("CONNAME")};
     char* psAttrVals[] = {sLongTry, sLongTryTmr, sShortTry, sShortTryTmr, sConnName};
     errno = 0;
     int iRet = KVR_ObjGetAttr(f_tQmgrCtx.hObjDB, TXT("CHL"), f_sAppName, 5, psAttrNames, psAttrVals);
     if (iRet < 0) {
         int iErrno = HostErrno(ENODATA);
-        CHLS_LOG(LOG_ERR, TXT("get chl[%s] error[%d]"), f_sAppName, iRet);
+        CHLS_LOG_OF("Connect2Lsr", LOG_ERR, TXT("get chl[%s] error[%d]"), f_sAppName, iRet);
         errno = iErrno;
         return CHLS_FAIL;
     }
+    ptRoad->iLongTry = atoi(sLongTry);
+    ptRoad->iShortTry = atoi(sShortTry);
+    ptRoad->iLongTryTmr = SecondsOf(sLongTryTmr);
+    ptRoad->iShortTryTmr = SecondsOf(sShortTryTmr);
+    CHLS_LOG_OF("Connect2Lsr", LOG_EVENT, TXT("chl[%s] conn[%s]"), f_sAppName, sConnName);
+    return AnlyConnName(sConnName, &ptRoad->iPort, ptRoad->sHostName);
+}
 
-    int iLongTry = atoi(sLongTry);
-    int iShortTry = atoi(sShortTry);
-    int iLongTryTmr = SecondsOf(sLongTryTmr);
-    int iShortTryTmr = SecondsOf(sShortTryTmr);
-    CHLS_LOG(LOG_EVENT, TXT("chl[%s] conn[%s]"), f_sAppName, sConnName);
-
-    int iPort = 0;
-    AnlyConnName(sConnName, &iPort, sHostName);
-    if (f_iUseSSL) {
-        iOption |= NET_TCP_OPT_SSL;
-    }
-    f_tTcpClient.iSndTimeOut = iShortTryTmr;
-    iRet = f_tTcpClient.pfnInit(&f_tTcpClient, iOption);
+static int PrepareClient(int iSndTimeOut) {
+    f_tTcpClient.iSndTimeOut = iSndTimeOut;
+    int iRet = f_tTcpClient.pfnInit(&f_tTcpClient, NET_TCP_OPT_SNDTIMEO | (f_iUseSSL ? NET_TCP_OPT_SSL : 0));
     if (iRet < 0) {
         int iErrno = errno;
-        CHLS_LOG(LOG_ERR, TXT("tcpclient init error[%d:%s] return[%d]"), f_tTcpClient.iErrorCode,
-                 f_tTcpClient.sErrorStr, iRet);
+        CHLS_LOG_OF("Connect2Lsr", LOG_ERR, TXT("tcpclient init error[%d:%s] return[%d]"), f_tTcpClient.iErrorCode,
+                    f_tTcpClient.sErrorStr, iRet);
         errno = iErrno;
         return CHLS_FAIL;
     }
-    iRet = SetObjStat(__func__, "RETRYING");
-    if (iRet < 0) {
+    return CHLS_OK;
+}
+
+static int TryConnect(T_CHLS_ROAD* ptRoad) {
+    CHLS_LOG_OF("Connect2Lsr", LOG_DBG, TXT("begin connect  [%s:%d]"), ptRoad->sHostName, ptRoad->iPort);
+    int iRet = f_tTcpClient.pfnConnect(&f_tTcpClient, ptRoad->sHostName, ptRoad->iPort, 0);
+    if (iRet == 0) {
+        CHLS_LOG_OF("Connect2Lsr", LOG_INF, TXT("connect [%s:%d] success"), f_tTcpClient.sRemoteAddr,
+                    f_tTcpClient.iRemotePort);
+        return CHLS_OK;
+    }
+    int iErrno = errno;
+    CHLS_LOG_OF("Connect2Lsr", LOG_ERR, TXT("connect [%s:%d]  error[%d:%s] return[%d]"), f_tTcpClient.sRemoteAddr,
+                f_tTcpClient.iRemotePort, f_tTcpClient.iErrorCode, f_tTcpClient.sErrorStr, iRet);
+    errno = iErrno;
+    return CHLS_FAIL;
+}
+
+/// Connects, first with short and then with long retries. 0 when connected; -1 when the definition cannot be read, the
+/// client cannot be prepared or every attempt failed; -10002 when the status cannot be written. A failure leaves its
+/// reason in errno, which the caller shows.
+static int Connect2Lsr(void) {
+    T_CHLS_ROAD tRoad = {};
+    if (ReadRoad(&tRoad) < 0 || PrepareClient(tRoad.iShortTryTmr) < 0) {
+        return CHLS_FAIL;
+    }
+    if (SetObjStat(__func__, "RETRYING") < 0) {
         return CHLS_ERR_SETUP;
     }
-
-    for (;;) {
-        CHLS_LOG(LOG_DBG, TXT("begin connect  [%s:%d]"), sHostName, iPort);
-        iRet = f_tTcpClient.pfnConnect(&f_tTcpClient, sHostName, iPort, 0);
-        if (iRet == 0) {
-            CHLS_LOG(LOG_INF, TXT("connect [%s:%d] success"), f_tTcpClient.sRemoteAddr, f_tTcpClient.iRemotePort);
-            return CHLS_OK;
-        }
+    int iShortTryCnt = 0;
+    int iLongTryCnt = 0;
+    while (TryConnect(&tRoad) != CHLS_OK) {
         int iErrno = errno;
-        CHLS_LOG(LOG_ERR, TXT("connect [%s:%d]  error[%d:%s] return[%d]"), f_tTcpClient.sRemoteAddr,
-                 f_tTcpClient.iRemotePort, f_tTcpClient.iErrorCode, f_tTcpClient.sErrorStr, iRet);
         CHLS_LOG(LOG_DBG, TXT("shorttry[%d] longtry[%d]"), iShortTryCnt, iLongTryCnt);
-
         int iPause = 0;
-        if (iShortTryCnt < iShortTry) {
+        if (iShortTryCnt < tRoad.iShortTry) {
             iShortTryCnt++;
-            iPause = iShortTryTmr;
-        } else if (iLongTryCnt < iLongTry) {
+            iPause = tRoad.iShortTryTmr;
+        } else if (iLongTryCnt < tRoad.iLongTry) {
             iLongTryCnt++;
-            iPause = iLongTryTmr;
+            iPause = tRoad.iLongTryTmr;
         } else {
             CHLS_LOG(LOG_ERR, TXT("connect[%s:%d] error shorttry[%d:%d] longtry[%d:%d]"), f_tTcpClient.sRemoteAddr,
-                     f_tTcpClient.iRemotePort, iShortTryCnt, iShortTryTmr, iLongTryCnt, iLongTryTmr);
+                     f_tTcpClient.iRemotePort, iShortTryCnt, tRoad.iShortTryTmr, iLongTryCnt, tRoad.iLongTryTmr);
             errno = iErrno;
             return CHLS_FAIL;
         }
         CHLS_LOG(LOG_DBG, TXT("sleep(%d)"), iPause);
         sleep(static_cast<unsigned>(iPause));
     }
+    return CHLS_OK;
 }
 
 /// Splits a connection name, "host" or "host(port)", into the host (room for CHLS_VALUE_SIZE bytes) and the port.
