@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
 // What becomes of messages, as histories of the queue Q and its drainer. A step is a word and what belongs to it:
 //   put FIRST COUNT, take TEXT... (- for none), takes FIRST COUNT       hold, release COUNT, back, skip, commit, close
-//   instead QUEUE (a dead-letter put), move COUNT (of 3, to DEAD)       not_found|too_large|invalid STEP: its error
+//   instead QUEUE (a dead-letter put), move COUNT (of 3, to DEAD)       define, delete, purge, drain
+//   busy|exists|invalid|not_found|too_large STEP: its error             drainer self|parent|none
 //   shown TEXT..., dead TEXT... (on DEAD; ! held, * in hand), depth COUNT
+// Between two bars stand the steps of another process, which is killed after them.
 #include <sstream>
 
 #include "store_fixture.h"
@@ -10,16 +12,24 @@
 namespace kvr {
 namespace {
 
-/// The steps of `killed` are those of a process that is killed after them.
-struct History {
-    const char* before;
-    const char* killed;
-    const char* after;
-};
-
-class HistoryTest : public EngineTest {
+class HistoryTest : public StoreTest {
   protected:
-    void run(const std::string& steps) {
+    void live(const std::string& history) {
+        std::istringstream parts(history);
+        bool killed = false;
+        for (std::string steps; std::getline(parts, steps, '|'); killed = !killed) {
+            if (killed) {
+                const auto run_and_die = [&] { return run(steps, true), HasFailure() ? 1 : ::raise(SIGKILL); };
+                EXPECT_EQ(fork_user(run_and_die).result(), -SIGKILL);
+            } else {
+                run(steps, false);
+            }
+        }
+    }
+
+  private:
+    void run(const std::string& steps, bool anew) {
+        static_cast<void>(anew ? getter_.release() : nullptr); // its parent's: not to be closed here
         std::istringstream lines(steps);
         for (std::string line; std::getline(lines >> std::ws, line, ',') && !HasFailure();) {
             std::istringstream words(line);
@@ -27,13 +37,6 @@ class HistoryTest : public EngineTest {
             EXPECT_FALSE(HasFailure()) << line;
         }
     }
-    void run_killed(const std::string& steps) {
-        test::Child child = fork_user([&] { return run(steps), HasFailure() ? 1 : ::raise(SIGKILL); });
-        EXPECT_EQ(child.result(), -SIGKILL);
-    }
-    std::unique_ptr<Getter> getter_;
-
-  private:
     void step(Texts words) {
         const std::string word = words.front();
         words.erase(words.begin());
@@ -52,6 +55,10 @@ class HistoryTest : public EngineTest {
             ASSERT_EQ(take(getter()), text);
         }
     }
+    std::string drainer() {
+        const auto by = store_->queue_info("Q").drained_by;
+        return !by ? "none" : by == local_owner(::getpid()) ? "self" : by == local_owner(::getppid()) ? "parent" : "?";
+    }
     static Texts numbers(const Texts& first_and_count) {
         Texts texts(std::stoul(first_and_count.at(1)));
         for (int at = std::stoi(first_and_count.at(0)); std::string & text : texts) {
@@ -63,9 +70,13 @@ class HistoryTest : public EngineTest {
         return text == "5" ? throw Error(Errc::kTooLarge, "refused") : "m" + std::string(text);
     }
 
-    const std::map<std::string, Errc> codes_{
-        {"not_found", Errc::kNotFound}, {"too_large", Errc::kTooLarge}, {"invalid", Errc::kInvalid}};
+    std::unique_ptr<Getter> getter_;
     const OutgoingMessage dead_{&descriptor_, {}, std::string_view("dead")};
+    const std::map<std::string, Errc> codes_{{"busy", Errc::kBusy},
+                                             {"exists", Errc::kExists},
+                                             {"invalid", Errc::kInvalid},
+                                             {"not_found", Errc::kNotFound},
+                                             {"too_large", Errc::kTooLarge}};
     const std::map<std::string, std::function<void(const Texts&)>> steps_{
         {"put", [&](const Texts& words) { put_all(numbers(words)); }},
         {"takes", [&](const Texts& words) { expect_taken(numbers(words)); }},
@@ -73,6 +84,7 @@ class HistoryTest : public EngineTest {
         {"shown", [&](const Texts& words) { EXPECT_EQ(shown(), words); }},
         {"dead", [&](const Texts& words) { EXPECT_EQ(shown("DEAD"), words); }},
         {"depth", [&](const Texts& words) { EXPECT_EQ(std::to_string(store_->queue_info("Q").depth), words.at(0)); }},
+        {"drainer", [&](const Texts& words) { EXPECT_EQ(drainer(), words.at(0)); }},
         {"release", [&](const Texts& words) { EXPECT_EQ(std::to_string(store_->release_held("Q")), words.at(0)); }},
         {"move", [&](auto& words) { EXPECT_EQ(getter().move_group("DEAD", 3, moved), std::stoul(words.at(0))); }},
         {"instead", [&](const Texts& words) { getter().put_instead(words.at(0), dead_); }},
@@ -80,39 +92,43 @@ class HistoryTest : public EngineTest {
         {"back", [&](const Texts& /*none*/) { getter().rollback(); }},
         {"skip", [&](const Texts& /*none*/) { getter().skip(); }},
         {"commit", [&](const Texts& /*none*/) { getter().commit(); }},
-        {"close", [&](const Texts& /*none*/) { getter_.reset(); }}};
+        {"close", [&](const Texts& /*none*/) { getter_.reset(); }},
+        {"drain", [&](const Texts& /*none*/) { store_->drain("Q"); }},
+        {"define", [&](const Texts& /*none*/) { store_->queue_define("Q", ""); }},
+        {"delete", [&](const Texts& /*none*/) { store_->queue_delete("Q", false); }},
+        {"purge", [&](const Texts& /*none*/) { store_->queue_delete("Q", true); }}};
 };
 
-constexpr History kHistories[] = {
-    {"put 1 3, take 1, shown 1* 2 3, take 2, shown 2* 3, depth 2, back, take 2, close, take 2 3 -, depth 0", "", ""},
-    {"put 1 4, take 1 2, skip, take 3 4 -, shown 2, close, take 2 -", "", ""},
-    {"put 1 4, take 1 2, instead DEAD, shown 3 4, dead dead, take 3, not_found instead NONE, shown 3! 4", "", ""},
-    {"put 1 3, take 1, hold, take 2, instead Q, shown 1! 3 dead, depth 3, invalid instead DEAD", "", ""},
+constexpr const char* kHistories[] = {
+    "put 1 3, take 1, shown 1* 2 3, take 2, shown 2* 3, depth 2, back, take 2, close, take 2 3 -, depth 0",
+    "put 1 4, take 1 2, skip, take 3 4 -, shown 2, close, take 2 -",
+    "put 1 4, take 1 2, instead DEAD, shown 3 4, dead dead, take 3, not_found instead NONE, shown 3! 4",
+    "put 1 3, take 1, hold, take 2, instead Q, shown 1! 3 dead, depth 3, invalid instead DEAD",
     // A move passes held messages and ends before one that is refused.
-    {"put 1 6, take 1 2, hold, move 2, too_large move 0, release 1, move 1, shown 5 6, dead m3 m4 m2", "", ""},
-    {"put 1 2, take 1, invalid move 0, shown 1* 2", "", ""},
+    "put 1 6, take 1 2, hold, move 2, too_large move 0, release 1, move 1, shown 5 6, dead m3 m4 m2",
+    "put 1 2, take 1, invalid move 0, shown 1* 2",
+    // A queue has one drainer, and is not deleted under it.
+    "put 1 2, take 1, busy drain, busy purge | busy drain, drainer parent | drainer self, take 2, close, drainer none",
+    "put 1 2, exists define, busy delete, purge, not_found drain, define, take -, close, delete, not_found depth 0",
     // Released ones stand where they stood, behind a drainer in the middle of a group or before it, and an idle drainer
     // looks for them, too.
-    {"put 1 9, take 1, hold, take 2 3, release 1, take 4, hold, take 1 5 6, release 1, shown 4 6* 7 8 9, commit", "",
-     "take 4 7 8, hold, take 9 -, release 1, take 8 -, shown"},
+    "put 1 9, take 1, hold, take 2 3, release 1, take 4, hold, take 1 5 6, release 1, shown 4 6* 7 8 9, commit,"
+    "take 4 7 8, hold, take 9 -, release 1, take 8 -, shown",
     // At the edges of a group, of 512.
-    {"put 0 1100", "takes 0 1", "depth 1100, takes 0 1100, take -"},
-    {"put 0 1100", "takes 0 512", "depth 589, takes 511 589, take -"},
-    {"put 0 1100", "takes 0 513", "depth 588, takes 512 588, take -"},
-    {"put 0 1100", "takes 0 1100", "depth 1, take 1099 -"},
-    {"put 0 700", "takes 0 600, commit", "depth 100, takes 600 100, take -"},
-    {"put 0 700", "takes 0 600, hold", "depth 101, takes 600 100, take -, release 1, take 599 -"},
-    {"put 0 700", "takes 0 600, instead DEAD", "depth 100, dead dead, takes 600 100, take -"},
+    "put 0 1100 | takes 0 1 | depth 1100, takes 0 1100, take -",
+    "put 0 1100 | takes 0 512 | depth 589, takes 511 589, take -",
+    "put 0 1100 | takes 0 513 | depth 588, takes 512 588, take -",
+    "put 0 1100 | takes 0 1100 | depth 1, take 1099 -",
+    "put 0 700 | takes 0 600, commit | depth 100, takes 600 100, take -",
+    "put 0 700 | takes 0 600, hold | depth 101, takes 600 100, take -, release 1, take 599 -",
+    "put 0 700 | takes 0 600, instead DEAD | depth 100, dead dead, takes 600 100, take -",
 };
 
 TEST_P(HistoryTest, GoesAsItShould) {
-    for (const History& history : kHistories) {
-        SCOPED_TRACE(std::string(history.before) + " | " + history.killed + " | " + history.after);
-        getter_.reset();
+    for (const char* history : kHistories) {
+        SCOPED_TRACE(history);
         make_store({});
-        run(history.before);
-        run_killed(history.killed);
-        run(history.after);
+        live(history + std::string(", close"));
     }
 }
 KVR_OVER_EVERY_ENGINE(HistoryTest);

@@ -11,34 +11,33 @@ namespace {
 
 std::function<void()> g_before_wait; ///< runs once between the drainer's last look and its wait
 std::function<void()> g_in_flush;    ///< runs once in the next flush
-int g_waits = 0;
 volatile std::sig_atomic_t g_handled = 0;
+
+void run_once(std::function<void()>& act) {
+    if (const auto now = std::exchange(act, nullptr)) {
+        now();
+    }
+}
 
 } // namespace
 
 extern "C" KVR_EXPORT int ppoll(pollfd* fds, nfds_t count, const timespec* /*timeout*/, const sigset_t* mask) {
     static const auto real = reinterpret_cast<decltype(&ppoll)>(::dlsym(RTLD_NEXT, "ppoll")); // NOLINT
-    ++g_waits;
-    if (const auto act = std::exchange(g_before_wait, nullptr)) {
-        act();
-    }
+    run_once(g_before_wait);
     return real(fds, count, nullptr, mask);
 }
 extern "C" KVR_EXPORT int fdatasync(int fd) {
-    if (const auto act = std::exchange(g_in_flush, nullptr)) {
-        act();
-    }
+    run_once(g_in_flush);
     return ::fsync(fd);
 }
 
 namespace kvr {
 namespace {
 
-class WakeUpTest : public EngineTest {
+class WakeUpTest : public StoreTest {
   protected:
     WakeUpTest() : getter_(store_->drain("Q")) {
         std::signal(SIGUSR1, [](int) { g_handled = g_handled + 1; });
-        g_waits = 0;
         g_handled = 0;
     }
     std::string take_with(const std::function<void()>& before_wait) {
@@ -53,28 +52,19 @@ TEST_P(WakeUpTest, APutOrAReleaseRightBeforeTheWaitEndsIt) {
     for (const char* text : {"1", "2", "3"}) {
         EXPECT_EQ(take_with([&] { put(text); }), text);
     }
-    EXPECT_EQ(g_waits, 3);
-    put("there");
-    EXPECT_EQ(take_with({}), "there");
-    EXPECT_EQ(g_waits, 3) << "no wait with a message on the queue";
     getter_->hold("test");
-    EXPECT_EQ(take_with([&] { store_->release_held("Q"); }), "there");
+    EXPECT_EQ(take_with([&] { store_->release_held("Q"); }), "3");
 }
 
 TEST_P(WakeUpTest, ASignalRightBeforeTheWaitEndsItUnlessTheCallerHoldsIt) {
-    for (int i = 1; i <= 3; ++i) {
-        EXPECT_EQ(take_with([] { ::raise(SIGUSR1); }), "-");
-        EXPECT_EQ(g_handled, i) << "the handler has run when the get returns";
-    }
+    EXPECT_EQ(take_with([] { ::raise(SIGUSR1); }), "-");
+    EXPECT_EQ(g_handled, 1) << "the handler has run when the get returns";
     test::mask_signal(SIG_BLOCK, SIGUSR1);
-    const auto raise_and_put = [&] {
-        ::raise(SIGUSR1);
-        put("message");
-    };
+    const auto raise_and_put = [&] { ::raise(SIGUSR1), put("message"); };
     EXPECT_EQ(take_with(raise_and_put), "message");
-    EXPECT_EQ(g_handled, 3);
+    EXPECT_EQ(g_handled, 1);
     test::mask_signal(SIG_UNBLOCK, SIGUSR1);
-    EXPECT_EQ(g_handled, 4);
+    EXPECT_EQ(g_handled, 2);
 }
 
 TEST_P(WakeUpTest, ASignalInTheDeletesOfTheLastGroupEndsTheWait) {
@@ -86,13 +76,8 @@ TEST_P(WakeUpTest, ASignalInTheDeletesOfTheLastGroupEndsTheWait) {
         }
         g_handled = 0;
         g_in_flush = [] { ::raise(SIGUSR1); };
-        const auto end_a_wait_that_missed_it = [&] {
-            if (g_handled > 0) {
-                put("missed");
-            }
-        };
+        const auto end_a_wait_that_missed_it = [&] { g_handled > 0 ? put("missed") : Errc{}; };
         EXPECT_EQ(take_with(end_a_wait_that_missed_it), "-");
-        EXPECT_EQ(g_handled, 1);
     }
 }
 

@@ -1,0 +1,227 @@
+// SPDX-License-Identifier: MIT
+// The embedded engine when a process dies or is frozen half-way, when the disk fails, and when its files are of another
+// version, damaged, cut, moved away or replaced.
+#include <fstream>
+
+#include <sys/resource.h>
+
+#include "kavutil/export.h"
+#include "store/store_fixture.h"
+
+namespace {
+
+/// Called instead of a write, with its place in the file and the real call; null: nothing is.
+using Write = std::function<ssize_t()>;
+using OnWrite = std::function<ssize_t(off_t at, const Write& write)>;
+OnWrite g_on_write;
+
+OnWrite instead(ssize_t (*act)()) {
+    return [act](off_t /*at*/, const Write& /*write*/) { return act(); };
+}
+/// Once the head page is written, which makes a commit.
+OnWrite behind_head(ssize_t (*act)()) {
+    return [act](off_t at, const Write& write) {
+        constexpr off_t kEndOfHeads = 8192;
+        const ssize_t written = write();
+        return at < kEndOfHeads ? act() : written;
+    };
+}
+ssize_t die() {
+    return ::raise(SIGKILL);
+}
+template <int kError>
+ssize_t fail() {
+    g_on_write = instead(fail<kError>); // and nothing else succeeds any more
+    return errno = kError, -1;
+}
+
+} // namespace
+
+extern "C" KVR_EXPORT ssize_t pwrite(int fd, const void* data, std::size_t size, off_t at) {
+    const auto write = [&] { return ::syscall(SYS_pwrite64, fd, data, size, at); };
+    const OnWrite act = g_on_write; // it may set another one
+    return act ? act(at, write) : write();
+}
+
+namespace kvr {
+namespace {
+
+namespace fs = std::filesystem;
+
+class LmdbStoreTest : public StoreTest {
+  protected:
+    ~LmdbStoreTest() override { g_on_write = nullptr; }
+    /// A drainer takes so many messages and is killed, in the commit or before.
+    void kill_a_drainer(int takes, const OnWrite& in_commit = nullptr) {
+        const auto drain = [&] {
+            const auto getter = store_->drain("Q");
+            for (int i = 0; i < takes; ++i) {
+                take(*getter);
+            }
+            g_on_write = in_commit;
+            return in_commit ? getter->commit(), 1 : ::raise(SIGKILL);
+        };
+        EXPECT_EQ(fork_user(drain).result(), -SIGKILL);
+    }
+    /// Overwrites a byte, so far from each place in the closed store's file where this text stands.
+    void damage(const std::string& text, std::ptrdiff_t offset) {
+        store_.reset();
+        std::string bytes = test::contents(file_);
+        for (std::size_t at = 0; (at = bytes.find(text, at)) != std::string::npos; ++at) {
+            bytes.at(at + static_cast<std::size_t>(offset)) = 9;
+        }
+        std::ofstream(file_, std::ios::binary) << bytes;
+    }
+    const fs::path queues_ = dir_ / "queues";
+    const fs::path file_ = dir_ / "store" / "data.mdb";
+};
+KVR_OVER_EVERY_ENGINE(LmdbStoreTest);
+
+TEST_P(LmdbStoreTest, ADrainerKilledInTheDeleteOfItsGroupRepeatsNothing) {
+    put_all({"1", "2", "3"});
+    put("1", {}, "DEAD");
+    kill_a_drainer(1, instead(die));
+    EXPECT_EQ(shown(), (Texts{"2", "3"}));
+    fs::copy_file(queues_ / "1.mark", queues_ / "2.mark", fs::copy_options::overwrite_existing);
+    EXPECT_EQ(shown("DEAD"), Texts{"1"}) << "that mark is of another queue";
+    kill_a_drainer(1, behind_head(die));
+    EXPECT_EQ(shown(), Texts{"3"}) << "the group was deleted, the mark not yet moved";
+    EXPECT_EQ(take(*store_->drain("Q")), "3");
+}
+
+TEST_P(LmdbStoreTest, WhatAKilledDrainerUsedIsPassedOverOnAFullDisk) {
+    put_all({"1", "2", "3"});
+    kill_a_drainer(2); // "1" is used, "2" in hand
+    g_on_write = instead(fail<ENOSPC>);
+    EXPECT_EQ(take(*store_->drain("Q")), "2");
+}
+
+TEST_P(LmdbStoreTest, AGroupStaysWithinItsBytesAndItsCount) {
+    for (const auto& [count, text] : {std::pair(5, std::string(2000000, 'x')), {513, std::string("x")}}) {
+        make_store({});
+        put_all(Texts(static_cast<std::size_t>(count), text));
+        kill_a_drainer(count);
+        for (const std::uintmax_t size : {0U, 4096U}) {
+            fs::resize_file(queues_ / "1.mark", size); // as a power loss may leave it
+        }
+        EXPECT_EQ(shown().size(), 1U) << "the last would have passed 8 MiB, or 512: what came before it is deleted";
+    }
+}
+
+TEST_P(LmdbStoreTest, MessageThatCannotBeHeldIsNotUsedUp) {
+    put_all({"1", "2", "3", "4"});
+    const auto getter = store_->drain("Q");
+    const auto dead_letter = [&] {
+        return code_of([&] { getter->put_instead("DEAD", {&descriptor_, {}, std::string_view("dead")}); });
+    };
+    EXPECT_EQ(take(*getter), "1");
+    g_on_write = instead(fail<EIO>);
+    EXPECT_EQ(dead_letter(), Errc::kIo);
+    EXPECT_CODE(kHeld, take(*getter));
+    EXPECT_CODE(kHeld, getter->commit());
+    g_on_write = nullptr;
+    EXPECT_EQ(take(*getter), "2") << "held as soon as it can be";
+    EXPECT_EQ(shown(), (Texts{"1!", "2*", "3", "4"}));
+    g_on_write = instead(fail<EIO>);
+    EXPECT_EQ(dead_letter(), Errc::kIo);
+    g_on_write = nullptr;
+    EXPECT_EQ(dead_letter(), Errc{}) << "what succeeds after all ...";
+    EXPECT_EQ(take(*getter), "3");
+    EXPECT_EQ(take(*getter), "4") << "... holds nothing that comes after it";
+    g_on_write = behind_head(fail<EIO>);
+    EXPECT_EQ(dead_letter(), Errc::kIo);
+    g_on_write = nullptr;
+    EXPECT_EQ(take(*getter), "-");
+    EXPECT_EQ(shown(), Texts{"1!"}) << "what is on the other queue after all is not held";
+    EXPECT_EQ(shown("DEAD"), (Texts{"dead", "dead"}));
+}
+
+TEST_P(LmdbStoreTest, AMarkMadeSinceABackupSaysNothingOfALaterQueue) {
+    store_->queue_delete("Q", false);
+    store_.reset();
+    const std::string backup = test::contents(file_);
+    for (const bool restored : {false, true}) {
+        store_ = Store::open(dir_);
+        store_->queue_define("Q", ""); // with the same id
+        put_all({"1", "2"});
+        if (restored) {
+            EXPECT_EQ(take(*store_->drain("Q")), "1");
+        } else {
+            kill_a_drainer(2);
+            store_.reset();
+            std::ofstream(file_, std::ios::binary) << backup;
+        }
+    }
+}
+
+TEST_P(LmdbStoreTest, ADrainerInAnotherPidNamespaceIsSeen) {
+    const auto getter = store_->drain("Q");
+    test::Child elsewhere = test::Child::fork_off([&] {
+        const auto look = [&] {
+            EXPECT_EQ(store_->queue_info("Q").drained_by, local_owner(kUnseenProcess));
+            EXPECT_CODE(kBusy, store_->drain("Q"));
+            return HasFailure() ? 1 : 0;
+        };
+        return ::unshare(CLONE_NEWPID) != 0 ? 0 : fork_user(look).result(); // not allowed to every test
+    });
+    EXPECT_EQ(elsewhere.result(), 0);
+}
+
+TEST_P(LmdbStoreTest, RefusesAnotherVersionAndDamage) {
+    put_all({"1", "2"});
+    damage("MD  ", -12); // the version of each message's record
+    store_ = Store::open(dir_);
+    EXPECT_CODE(kDamaged, take(*store_->drain("Q")));
+    EXPECT_CODE(kDamaged, shown());
+    EXPECT_EQ(store_->queue_info("Q").depth, 2U);
+    damage("kavro.identity", 14);
+    EXPECT_CODE(kVersion, Store::open(dir_));
+    std::ofstream(file_, std::ios::trunc) << std::string(8192, 'x');
+    EXPECT_CODE(kDamaged, Store::open(dir_));
+}
+
+TEST_P(LmdbStoreTest, RefusesAFileThatLacksPages) {
+    for (const char* queue : {"DEAD", "Q"}) {
+        put(std::string(200000, 'x'), {}, queue);
+    }
+    store_->queue_delete("DEAD", true); // free pages that are there make up for none that is missing
+    store_.reset();
+    for (std::uintmax_t size = fs::file_size(file_); size > 0;) {
+        size = size > 8192 ? size - std::min<std::uintmax_t>(size - 8192, 40960) : size / 2;
+        fs::resize_file(file_, size);
+        EXPECT_CODE(kDamaged, Store::open(dir_)) << size;
+        EXPECT_EQ(fs::file_size(file_), size) << "a refused file was written to";
+    }
+}
+
+TEST_P(LmdbStoreTest, WhatWasRemovedOrReplacedIsWrittenToNoMore) {
+    const fs::path moved = folder_.path() / "moved";
+    const auto getter = store_->drain("Q");
+    fs::rename(dir_, moved);
+    for (const bool replaced : {false, true}) {
+        if (replaced) {
+            Store::create(dir_, "QM", {});
+        }
+        EXPECT_EQ(put("nowhere"), Errc::kDamaged) << replaced;
+        EXPECT_CODE(kDamaged, take(*getter, true)) << replaced;
+    }
+    fs::remove_all(dir_);
+    fs::rename(moved, dir_);
+    EXPECT_EQ(put("here"), Errc{});
+    EXPECT_EQ(shown(), Texts{"here"});
+}
+
+TEST_P(LmdbStoreTest, APurgeOfLargeMessagesNeedsLittleRoom) {
+    const std::string large(kMaxMessage, 'x');
+    store_->put("Q", std::vector<OutgoingMessage>(64, {&descriptor_, {}, large}));
+    rlimit before{};
+    ::getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit little{fs::file_size(file_) + (160UL << 10), before.rlim_max};
+    ::signal(SIGXFSZ, SIG_IGN);
+    ::setrlimit(RLIMIT_FSIZE, &little);
+    store_->queue_delete("Q", true);
+    ::setrlimit(RLIMIT_FSIZE, &before);
+}
+
+} // namespace
+} // namespace kvr
