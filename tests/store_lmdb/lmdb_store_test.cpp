@@ -167,6 +167,17 @@ TEST_P(LmdbStoreTest, ADrainerInAnotherPidNamespaceIsSeen) {
     EXPECT_EQ(elsewhere.result(), 0);
 }
 
+TEST_P(LmdbStoreTest, RefusesAStoreThatOthersCanWriteTo) {
+    store_.reset();
+    for (const char* part : {"", "engine", "store", "store/data.mdb", "store/lock.mdb", "queues"}) {
+        for (const fs::perms writable : {fs::perms::group_write, fs::perms::others_write}) {
+            fs::permissions(dir_ / part, writable, fs::perm_options::add);
+            EXPECT_CODE(kPermission, Store::open(dir_)) << part;
+            fs::permissions(dir_ / part, writable, fs::perm_options::remove);
+        }
+    }
+}
+
 TEST_P(LmdbStoreTest, RefusesAnotherVersionAndDamage) {
     put_all({"1", "2"});
     damage("MD  ", -12); // the version of each message's record
