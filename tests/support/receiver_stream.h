@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace kvr::test {
@@ -18,16 +19,14 @@ inline std::string padded(std::string_view text, std::size_t width) {
     return std::string(text) + nuls(width - text.size());
 }
 
-/// The low digits of a number, zero-padded to 8.
+/// A number below 100,000,000 in 8 digits.
 inline std::string digits(std::size_t value) {
-    const std::string text = std::to_string(value);
-    return std::string(8 - text.size(), '0') + text;
+    return std::to_string(100'000'000 + value).substr(1);
 }
 
 inline std::string big_endian(std::int32_t value) {
-    const auto bits = static_cast<std::uint32_t>(value);
-    return {static_cast<char>(bits >> 24), static_cast<char>(bits >> 16), static_cast<char>(bits >> 8),
-            static_cast<char>(bits)};
+    return {static_cast<char>(value >> 24), static_cast<char>(value >> 16), static_cast<char>(value >> 8),
+            static_cast<char>(value)};
 }
 
 inline std::string frame(char type, std::string_view queue, std::string_view msg_type, std::string_view msg_code,
@@ -45,8 +44,8 @@ inline std::string heartbeat_frame() {
 }
 
 /// A descriptor block with recognisable values in every field.
-inline std::string block(char store_type, std::int32_t flags, std::string_view msg_id = "ID") {
-    return padded(msg_id, 32) + padded("CORREL", 32) + std::string(1, store_type) + nuls(3) + big_endian(11) +
+inline std::string block(char store_type, std::int32_t flags) {
+    return padded("ID", 32) + padded("CORREL", 32) + std::string(1, store_type) + nuls(3) + big_endian(11) +
            big_endian(flags) + big_endian(-1) + big_endian(13) + big_endian(546) + big_endian(1208) + big_endian(5) +
            big_endian(1) + big_endian(0x01020304) + big_endian(-16) + padded("FORMAT", 9) + padded("REPLY.Q", 33) +
            padded("REPLY.QM", 33) + padded("GROUP", 32) + nuls(1) + big_endian(28) + padded("APPL", 33) +
@@ -65,22 +64,20 @@ inline std::string file_frame(std::string_view content) {
     return digits(content.size()) + std::string(content);
 }
 
-inline std::string message(std::string_view queue, std::string_view body, std::string_view msg_id = "ID") {
-    return frame('0', queue, "00000007", "-0000005", block('1', 0, msg_id) + std::string(body));
+inline std::string message(std::string_view queue, std::string_view body) {
+    return frame('0', queue, "00000007", "-0000005", block('1', 0) + std::string(body));
 }
 
-struct NamedFile {
-    std::string name;
-    std::string content;
-};
+/// A name and a content.
+using NamedFile = std::pair<std::string, std::string>;
 
 inline std::string message_with_files(std::string_view queue, std::string_view body,
                                       const std::vector<NamedFile>& files) {
     std::vector<std::string> names;
     std::string frames;
-    for (const NamedFile& file : files) {
-        names.push_back(file.name);
-        frames += file_frame(file.content);
+    for (const auto& [name, content] : files) {
+        names.push_back(name);
+        frames += file_frame(content);
     }
     return frame('0', queue, "00000000", "00000000", block('1', 4) + std::string(body) + attachment_block(names)) +
            frames;
@@ -88,8 +85,8 @@ inline std::string message_with_files(std::string_view queue, std::string_view b
 
 /// @param path_length length of the sender's path, of which only the base name travels
 inline std::string file_message(std::string_view queue, const NamedFile& file, std::size_t path_length) {
-    return frame('4', queue, "00000000", "00000000", block('2', 0) + padded(file.name, path_length)) +
-           file_frame(file.content);
+    return frame('4', queue, "00000000", "00000000", block('2', 0) + padded(file.first, path_length)) +
+           file_frame(file.second);
 }
 
 } // namespace kvr::test

@@ -13,25 +13,32 @@
 
 namespace kvr::test {
 
+using nlohmann::json;
+using ::testing::AllOf;
+using ::testing::ContainsRegex;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
 struct ProgramResult {
     int code; ///< as Child::result
     std::string out;
     std::string err;
 };
 
-/// A private folder that ends with the object, the value of KVR_HOME for the runs.
-class ProgramHome : public TemporaryFolder {
-  public:
+/// A case with a private folder that ends with it, the value of KVR_HOME for the runs.
+class ProgramTest : public ::testing::Test, protected TemporaryFolder {
+  protected:
     /// Makes a file in the folder and returns its path.
     std::string file(const std::string& name, const std::string& text) const {
         std::ofstream(path() / name, std::ios::binary) << text;
         return path() / name;
     }
+    [[nodiscard]] std::string text(const std::string& name) const { return contents(path() / name); }
     /// @param line  for a shell that has the program as $KVR
     [[nodiscard]] ProgramResult shell(const std::string& line, const std::string& input = "") const {
         file("in", input);
         const int code = start({"/bin/sh", "-c", line}, ".run", [] {}).result();
-        return {code, contents(path() / ".run.out"), contents(path() / ".run.err")};
+        return {code, text(".run.out"), text(".run.err")};
     }
     /// @param line  for a shell, after "kvr"
     [[nodiscard]] ProgramResult run(const std::string& line, const std::string& input = "") const {
@@ -40,22 +47,17 @@ class ProgramHome : public TemporaryFolder {
     /// Runs a command that must succeed without a word on standard error; gives its standard output.
     std::string done(const std::string& line, const std::string& input = "") const {
         const ProgramResult result = run(line, input);
-        EXPECT_EQ(result.code, 0) << line << ": " << result.err;
-        EXPECT_EQ(result.err, "") << line;
+        EXPECT_EQ(std::pair(result.code, result.err), std::pair(0, std::string())) << line;
         return result.out;
     }
     /// As done, with --json, and reads what it printed: an array of the lines' values, or the value in many lines.
-    [[nodiscard]] nlohmann::json json(const std::string& line) const {
-        const std::string text = done(line + " --json");
-        if (!text.starts_with("{\"")) {
-            return nlohmann::json::parse(text);
+    [[nodiscard]] json shown(const std::string& line) const {
+        std::string text = done(line + " --json");
+        if (text.starts_with("{\"")) {
+            std::ranges::replace(text, '\n', ',');
+            text = "[" + text.substr(0, text.size() - 1) + "]";
         }
-        nlohmann::json lines = nlohmann::json::array();
-        std::istringstream stream(text);
-        for (std::string value; std::getline(stream, value);) {
-            lines.push_back(nlohmann::json::parse(value));
-        }
-        return lines;
+        return json::parse(text);
     }
     /// A run that goes on beside the test, its standard error in background.err; `prepare` runs in the child first, and
     /// no shell comes between.
@@ -72,9 +74,7 @@ class ProgramHome : public TemporaryFolder {
                               const std::function<void()>& prepare) const {
         return Child::fork_off([&] {
             std::vector<char*> argv;
-            for (std::string& word : words) {
-                argv.push_back(word.data());
-            }
+            std::ranges::transform(words, std::back_inserter(argv), [](auto& word) { return word.data(); });
             argv.push_back(nullptr);
             ::setenv("KVR_HOME", path().c_str(), 1);
             ::setenv("KVR", KVR_PROGRAM, 1);

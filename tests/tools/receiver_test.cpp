@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: MIT
+// The rules by which the listener chooses who goes, whose unfinished message and whose place; and its spool: names that
+// a sender chose, files that replace nothing.
+#include <gmock/gmock.h>
+
+#include "kavutil/error.h"
+#include "receiver/admission.h"
+#include "receiver/spool.h"
+#include "receiver/unfinished.h"
+#include "support/folder.h"
+
+namespace kvr::test {
+namespace {
+
+namespace fs = std::filesystem;
+using std::chrono::seconds;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+TEST(Unfinished, TheGreatestOfWhichNothingComesGoThenThoseThatWaitForRoom) {
+    const UnfinishedTrial::Clock::time_point start{};
+    const Unfinished before[] = {{1, 600, 0, 0},      {2, 900, 0, 0}, {3, 700, 50'000, 0},
+                                 {4, 800, 0, 90'000}, {7, 10, 0, 0},  {8, 90, 0, 0, true}};
+    const Unfinished after[] = {
+        {1, 600, 500, 0},    // a byte now and then
+        {2, 900, 90'000, 0}, // moves
+        {3, 700, 50'000, 0}, // silent
+        {4, 800, 0, 90'000}, // held back
+        {6, 999, 0, 0},      // not there before
+        {7, 10, 0, 0},       // keeps too little to matter
+        {8, 90, 0, 7, true}, // waits for room itself
+    };
+    UnfinishedTrial trial{seconds(2)};
+    EXPECT_THAT(trial.judge(before, 9999, start), IsEmpty());
+    EXPECT_THAT(trial.judge(after, 9999, start + seconds(1)), IsEmpty()) << "before its time";
+    EXPECT_THAT(trial.judge(after, 9999, start + seconds(2)), ElementsAre(3, 1));
+    const Unfinished left[] = {{2, 900, 180'000, 0}, after[3], after[6]};
+    EXPECT_THAT(trial.judge(left, 1, start + seconds(4)), ElementsAre(8));
+    trial.stop();
+    EXPECT_THAT(trial.judge(after, 9999, start + seconds(60)), IsEmpty()) << "a new trial";
+}
+
+TEST(WhoMakesRoom, IsTheLongestIdleOfTheAddressWithMost) {
+    const Occupied places[] = {{"a", seconds(900), true}, {"b", seconds(20), true},  {"b", seconds(40), true},
+                               {"b", seconds(30), true},  {"b", seconds(99), false}, {"c", seconds(5), true}};
+    EXPECT_EQ(who_makes_room(places, "", seconds(10), 4), 2U);
+    EXPECT_EQ(who_makes_room(places, "", seconds(50), 4), 0U) << "none of the first address";
+    EXPECT_EQ(who_makes_room(places, "", seconds(50), 3), 2U) << "more than its share";
+    EXPECT_EQ(who_makes_room(places, "b", seconds(50), 3), std::nullopt) << "for one of its own";
+    EXPECT_EQ(who_makes_room(places, "a", seconds(10), 4), 0U);
+}
+
+TEST(SpoolFolder, IsPrivateAndItsNamesAreHarmlessAndReplaceAndFollowNothing) {
+    const TemporaryFolder folder;
+    const fs::path dir = folder.path() / "spool";
+    Spool spool(dir);
+    std::ofstream(folder.path() / "precious") << "untouched";
+    fs::create_symlink(folder.path() / "precious", dir / "link");
+    fs::create_symlink(folder.path() / "nowhere", dir / "dangling");
+    fs::create_directory(dir / "folder");
+    const std::pair<std::string, std::string> cases[] = {
+        {"..", "%2E."},
+        {"../../etc/passwd", "..%2F..%2Fetc%2Fpasswd"},
+        {std::string("a\nb\x7f\x1b[2J\0\xff", 10), "a%0Ab%7F%1B[2J%00\xff"},
+        {"", "%"},
+        {std::string(511, 'n'), std::string(255, 'n')},
+        {std::string(511, 'n'), std::string(244, 'n') + ".1"},
+        {std::string(300, 'n') + ".tar", std::string(251, 'n') + ".tar"},
+        {"link", "link.1"},
+        {"dangling", "dangling.1"},
+        {"folder", "folder.1"},
+        {Spool::kIncoming, std::string(Spool::kIncoming) + ".1"},
+        {"link", "link.2"},
+    };
+    for (const auto& [wire_name, name] : cases) {
+        IncomingFile file(spool, wire_name);
+        std::span<const char> bytes(name);
+        EXPECT_TRUE(file.write(bytes) && file.finish());
+        EXPECT_EQ(file.publish(), dir / name);
+        EXPECT_EQ(contents(dir / name), name);
+    }
+    EXPECT_EQ(contents(folder.path() / "precious"), "untouched");
+    EXPECT_EQ(names_in(folder.path()), (std::set<std::string>{"precious", "spool"}));
+    const fs::path deep = folder.path() / std::string(230, 'd') / std::string(230, 'd');
+    fs::create_directories(deep);
+    fs::create_directory(folder.path() / "other");
+    fs::create_directory_symlink(folder.path() / "other", folder.path() / "other.link");
+    for (const fs::path& path : {dir, deep, folder.path() / "other.link", folder.path() / "other.link/"}) {
+        EXPECT_THROW(Spool{path}, Error) << path;
+    }
+}
+
+} // namespace
+} // namespace kvr::test
