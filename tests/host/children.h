@@ -44,36 +44,22 @@ class Child {
 
     /// Waits for the end: exit status, or minus the signal that ended it; -1000 when it did not end (it is killed
     /// then).
-    int result() { return result_within(kDeadline); }
+    int result() { return result_under(0); }
 
     /// As result(), sending `signal` again and again until the child ends.
     int result_under(int signal) {
+        const int fd = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
         const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-        while (std::chrono::steady_clock::now() < deadline) {
+        pollfd entry{fd, POLLIN, 0};
+        do {
             kill(pid_, signal);
-            if (ends_within(std::chrono::milliseconds(10))) {
-                break;
-            }
-        }
-        return result_within(std::chrono::seconds(0));
+        } while (poll(&entry, 1, 10) != 1 && std::chrono::steady_clock::now() < deadline);
+        close(fd);
+        const int status = end();
+        return entry.revents == 0 ? -1000 : WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
     }
 
   private:
-    int result_within(std::chrono::milliseconds time) {
-        constexpr int kNoEnd = -1000;
-        const bool ended = ends_within(time);
-        const int status = end();
-        return !ended ? kNoEnd : WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-    }
-
-    [[nodiscard]] bool ends_within(std::chrono::milliseconds time) const {
-        const int fd = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
-        pollfd entry{fd, POLLIN, 0};
-        const bool ended = poll(&entry, 1, static_cast<int>(time.count())) == 1;
-        close(fd);
-        return ended;
-    }
-
     int end() {
         int status = 0;
         if (pid_ > 0) {
