@@ -219,7 +219,7 @@ Result ChannelTest::run(const std::function<void()>& body) {
                 at->second = "127.0.0.1(" + std::to_string(port) + ")";
             }
         }
-        host().recording = true;
+        start_recording();
         body();
         _exit(0);
     }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The operations of the scripted host with a store or a log behind them, and the trace: a file in memory to which every
-// process of a run appends its entries, each with one write.
+// The operations of the scripted host that have a store or a log behind them, and the trace: a file in memory to which
+// every process of a run appends its entries, each with one write.
 #include "recording_host.h"
 
 #include <fcntl.h>
@@ -11,11 +11,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <span>
 
 #include "kavro_ac.h"
 #include "kavro_log.h"
@@ -57,12 +57,12 @@ void log_line(const char* end, const char* tag, int level, const char* mod, cons
     }
     const bool loss = strncmp(text, "line disconnected", 17) == 0;
     trace(net ? kNetLog : loss ? kLoss : kLog, "%d %s%s", level, text, end);
-    if (const auto hook = host().hooks.find(std::string_view("failure"));
-        net && level == 1 && hook != host().hooks.end()) {
+    if (const auto hook = host().hooks.find("failure"); net && level == 1 && hook != host().hooks.end()) {
         hook->second({1, 0});
     }
     errno = EXDEV; // a log function may do so
-    const Gate as_a_call("log");
+    static Row row{.name = "log"};
+    pass(row, "", 0, [](bool) { return 0L; });
 }
 
 int context_log(char* tag, int level, char* mod, char* file, int line, const char* func, char* fmt, ...) {
@@ -73,68 +73,79 @@ int context_log(char* tag, int level, char* mod, char* file, int line, const cha
     return -1; // ignored
 }
 
-/// "<class> <name> <attribute>..." or, with values, "... <attribute>=<value>...".
-std::string shown(const std::string& object, int count, char** names, char** values = nullptr) {
-    std::string text = object;
-    std::replace(text.begin(), text.end(), '/', ' ');
-    for (int i = 0; i < count; ++i) {
-        text.append(" ").append(names[i]).append(values == nullptr ? "" : std::string("=") + values[i]);
-    }
-    return text;
+constexpr Row operation(const char* name, const char* told) {
+    return {.name = name, .errors = {EIO}, .told = told, .failed = kHostError, .kind = kHost, .own = true};
 }
 
-int get_attrs(const char* op, void* db, const std::string& name, int count, char** names, char** bufs) {
-    const auto r = recorded(kHost, op, shown(name, count, names), 0, db == kObjDb);
-    if (r) {
-        return r.as<int>();
+/// `good` false: it is not to be called so.
+int perform(
+    Row& row, const std::string& shown, bool good, const std::function<int()>& what = [] { return kSuccess; }) {
+    if (!good && host().recording) {
+        trace(kFault, "%s(%s) with wrong arguments", row.name, shown.c_str());
     }
-    const auto object = host().objects.find(name);
-    if (object == host().objects.end()) {
-        return -1;
+    return static_cast<int>(pass(row, shown, 0, [&what](bool) { return what(); }));
+}
+
+/// An operation on an object: name and as many texts to show, "<class> <name> <attribute>..." or "<attribute>=<value>".
+struct Object {
+    std::string cls, name;
+    std::span<char*> attributes, values;
+
+    Attrs* found() const {
+        const auto at = host().objects.find(cls + "/" + name);
+        return at != host().objects.end() ? &at->second : nullptr;
     }
-    for (int i = 0; i < count; ++i) {
-        if (const auto attr = object->second.find(names[i]); attr != object->second.end()) {
-            strcpy(bufs[i], attr->second.c_str());
+    std::string shown(bool with_values) const {
+        std::string text = cls + " " + name;
+        for (size_t i = 0; i < attributes.size(); ++i) {
+            text += std::string(" ") + attributes[i] + (with_values ? std::string("=") + values[i] : "");
         }
+        return text;
     }
-    return kSuccess;
+};
+
+int get_attrs(Row& row, void* db, const Object& object) {
+    return perform(row, object.shown(false), db == kObjDb, [&object] {
+        Attrs* const found = object.found();
+        for (size_t i = 0; found != nullptr && i < object.attributes.size(); ++i) {
+            if (const auto attr = found->find(object.attributes[i]); attr != found->end()) {
+                strcpy(object.values[i], attr->second.c_str());
+            }
+        }
+        return found != nullptr ? kSuccess : -1;
+    });
 }
 
-int set_attrs(const char* op, void* db, const std::string& name, int count, char** names, char** values, bool add) {
-    const auto r = recorded(kHost, op, shown(name, count, names, values), 0, db == kObjDb);
-    if (r) {
-        return r.as<int>();
-    }
-    if (host().objects.contains(name) == add) {
-        return -1;
-    }
-    for (int i = 0; i < count; ++i) {
-        host().objects[name][names[i]] = values[i];
-    }
-    return kSuccess;
+int set_attrs(Row& row, void* db, const Object& object, bool add = false) {
+    return perform(row, object.shown(true), db == kObjDb, [&] {
+        if ((object.found() == nullptr) != add) {
+            return -1;
+        }
+        for (size_t i = 0; i < object.attributes.size(); ++i) {
+            host().objects[object.cls + "/" + object.name][object.attributes[i]] = object.values[i];
+        }
+        return kSuccess;
+    });
 }
 
-int next_step(T_KAVRO_MD* md, char* buf, int* len) {
-    const Own at_work;
-    if (host().get.empty()) {
-        _exit(kScriptOver);
-    }
-    GetStep step = std::move(host().get.front());
-    host().get.pop_front();
-    return step(md, buf, len);
-}
-
-std::string key(const char* cls, const char* name) {
-    return std::string(cls) + "/" + name;
+Object object_of(char* cls, char* name, int count, char** attributes, char** values) {
+    return {cls, name, {attributes, static_cast<size_t>(count)}, {values, static_cast<size_t>(count)}};
 }
 
 /// The arguments of a variadic call: names, then as many values.
 std::vector<char*> arguments(int count, va_list ap) {
-    std::vector<char*> all;
-    for (int i = 0; i < 2 * count; ++i) {
-        all.push_back(va_arg(ap, char*));
-    }
+    std::vector<char*> all(2 * static_cast<size_t>(count));
+    std::ranges::generate(all, [&ap] { return va_arg(ap, char*); });
     return all;
+}
+
+int next_step(T_KAVRO_MD* md, char* buf, int* len) {
+    if (host().get.empty()) {
+        _exit(kScriptOver);
+    }
+    const GetStep step = std::move(host().get.front());
+    host().get.pop_front();
+    return step(md, buf, len);
 }
 
 } // namespace
@@ -172,30 +183,10 @@ std::vector<Entry> trace_entries() {
 }
 
 void wait_for(const std::string& text) {
-    for (int i = 0; i < 10000; ++i) {
-        for (const Entry& e : trace_entries()) {
-            if (e.text.find(text) != std::string::npos) {
-                return;
-            }
-        }
+    const auto has_text = [&text](const Entry& e) { return e.text.find(text) != std::string::npos; };
+    for (int i = 0; i < 10000 && std::ranges::none_of(trace_entries(), has_text); ++i) {
         poll(nullptr, 0, 1);
     }
-}
-
-Gate recorded(char kind, const char* op, const std::string& shown, long a, bool good) {
-    std::optional<int> scripted;
-    if (host().recording) {
-        trace(kind, "%s(%s)", op, shown.c_str());
-        if (!good) {
-            trace(kFault, "%s(%s) of what it must not be called with", op, shown.c_str());
-        }
-        static std::map<std::string, int, std::less<>> calls;
-        if (const auto hook = host().hooks.find(std::string_view(op)); hook != host().hooks.end()) {
-            const Own at_work;
-            scripted = hook->second(Call{++calls[op], a});
-        }
-    }
-    return Gate(op, -1, scripted);
 }
 
 Host& host() {
@@ -237,14 +228,16 @@ char* KVR_GetQmgrName(void) {
 }
 
 int KVR_InitQmgrCtx(T_KAVRO_QMGR_CTX* ptCtx, char* psQmgrName) {
+    static Row row = operation(__func__, "1 KVR_InitQmgrCtx[-110]");
     const bool zeroed = ptCtx->sObjName[0] == 0 && ptCtx->hObjDB == nullptr && ptCtx->hQueDB == nullptr;
     ptCtx->hObjDB = kObjDb;
     ptCtx->hQueDB = kQueDb;
-    return recorded(kHost, "KVR_InitQmgrCtx", psQmgrName, 0, zeroed).value_or(kSuccess);
+    return perform(row, psQmgrName, zeroed);
 }
 
 int KVR_LogSetQMName(char* psQmgrName) {
-    recorded(kHost, "KVR_LogSetQMName", psQmgrName);
+    static Row row = operation(__func__, nullptr);
+    perform(row, psQmgrName, true);
     return -1; // ignored
 }
 
@@ -257,63 +250,72 @@ int KVR_LogPrint(char* psTag, int iLevel, char* psMod, char* psFile, int iLine, 
 }
 
 int KVR_ObjAdd(void* hObjDB, char* psClass, char* psName, int iCnt, char** ppsAttrs, char** ppsVals, int iFlags) {
-    return set_attrs("KVR_ObjAdd", iFlags == 0 ? hObjDB : nullptr, key(psClass, psName), iCnt, ppsAttrs, ppsVals, true);
+    static Row row = operation(__func__, "1 KVR_ObjAdd[CHS][CH1] return[-110]");
+    return set_attrs(row, iFlags == 0 ? hObjDB : nullptr, object_of(psClass, psName, iCnt, ppsAttrs, ppsVals), true);
 }
 
 int KVR_ObjGetAttr(void* hObjDB, char* psClass, char* psName, int iCnt, char** ppsAttrs, char** ppsBufs) {
-    return get_attrs("KVR_ObjGetAttr", hObjDB, key(psClass, psName), iCnt, ppsAttrs, ppsBufs);
+    static Row row = operation(__func__, "1 get chl[CH1] error[-110]");
+    return get_attrs(row, hObjDB, object_of(psClass, psName, iCnt, ppsAttrs, ppsBufs));
 }
 
 int KVR_ObjGetAttrV(void* hObjDB, char* psClass, char* psName, int iCnt, ...) {
+    static Row row = operation(__func__, "return[-110]");
     va_list ap;
     va_start(ap, iCnt);
     auto args = arguments(iCnt, ap);
     va_end(ap);
-    return get_attrs("KVR_ObjGetAttrV", hObjDB, key(psClass, psName), iCnt, args.data(), args.data() + iCnt);
+    return get_attrs(row, hObjDB, object_of(psClass, psName, iCnt, args.data(), args.data() + iCnt));
 }
 
 int KVR_ObjSetAttr(void* hObjDB, char* psClass, char* psName, int iCnt, char** ppsAttrs, char** ppsVals) {
-    return set_attrs("KVR_ObjSetAttr", hObjDB, key(psClass, psName), iCnt, ppsAttrs, ppsVals, false);
+    static Row row = operation(__func__, "1 KVR_ObjSetAttr[CHS][CH1] return[-110]");
+    return set_attrs(row, hObjDB, object_of(psClass, psName, iCnt, ppsAttrs, ppsVals));
 }
 
 int KVR_ObjSetAttrV(void* hObjDB, char* psClass, char* psName, int iCnt, ...) {
+    static Row row = operation(__func__, "1 KVR_ObjSetAttrV[CHS][CH1] return[-110]");
     va_list ap;
     va_start(ap, iCnt);
     auto args = arguments(iCnt, ap);
     va_end(ap);
-    return set_attrs("KVR_ObjSetAttrV", hObjDB, key(psClass, psName), iCnt, args.data(), args.data() + iCnt, false);
+    return set_attrs(row, hObjDB, object_of(psClass, psName, iCnt, args.data(), args.data() + iCnt));
 }
 
 int KVR_QueOpen(void* hQueDB, char* psName, void** phObj, int iOpt) {
-    const auto r = recorded(kHost, "KVR_QueOpen", psName, 0, hQueDB == kQueDb && iOpt == 0);
-    if (r) {
-        return r.as<int>();
-    }
-    *phObj = strcmp(psName, xmit_queue) == 0 ? xmit_queue : dead_queue;
-    return kSuccess;
+    static Row row = operation(__func__, "Q] return[-110]");
+    return perform(row, psName, hQueDB == kQueDb && iOpt == 0, [=] {
+        *phObj = strcmp(psName, xmit_queue) == 0 ? xmit_queue : dead_queue;
+        return kSuccess;
+    });
 }
 
 int KVR_QueClose(void* hQueDB, char* psName, void* hObj, int iOpt) {
+    static Row row = operation(__func__, "1 KVR_QueClose[");
     const bool good = hQueDB == kQueDb && iOpt == 0 && (hObj == xmit_queue || hObj == dead_queue);
-    const std::string shown = std::string(psName) + " " + (good ? static_cast<char*>(hObj) : "?");
-    return recorded(kHost, "KVR_QueClose", shown, 0, good).value_or(kSuccess);
+    return perform(row, std::string(psName) + " " + (good ? static_cast<char*>(hObj) : "?"), good);
 }
 
 int KVR_QueMsgGet(void* hQueDB, void* hObj, T_KAVRO_MD* ptMD, T_KAVRO_GMO* ptGMO, char* psBuf, int* piLen) {
+    static Row row{.name = __func__,
+                   .errors = {EIO, EINTR},
+                   .told = "1 RecvIpcMsg error[-110]",
+                   .failed = kHostError,
+                   .kind = kHost};
     constexpr T_KAVRO_GMO options{{'G', 'M', 'O', ' '}, 1, 0, 0, 0, 0};
     T_KAVRO_MD blank{};
     memcpy(blank.sStrucId, "MD  ", 4);
     blank.iVersion = 2;
     blank.cMsgStoreType = '1';
     blank.pOptData = ptMD->pOptData;
-    const auto r = recorded(kHost, "KVR_QueMsgGet", "", 0,
-                            hQueDB == kQueDb && hObj == xmit_queue && memcmp(&blank, ptMD, sizeof blank) == 0 &&
-                                ptMD->pOptData != nullptr && memcmp(&options, ptGMO, sizeof options) == 0 &&
-                                *piLen == 2098376 && psBuf[2098375] == '\0');
-    close_window();
+    const int waited = perform(row, "",
+                               hQueDB == kQueDb && hObj == xmit_queue && memcmp(&blank, ptMD, sizeof blank) == 0 &&
+                                   ptMD->pOptData != nullptr && memcmp(&options, ptGMO, sizeof options) == 0 &&
+                                   *piLen == 2098376 && psBuf[2098375] == '\0');
+    open_window(false);
     kvr::stop_point(kvr::StopPlace::kBetweenMessages);
-    if (r) {
-        return r.as<int>();
+    if (waited < 0) {
+        return waited;
     }
     const int result = next_step(ptMD, psBuf, piLen);
     kvr::stop_point(kvr::StopPlace::kBetweenMessages);
@@ -321,6 +323,7 @@ int KVR_QueMsgGet(void* hQueDB, void* hObj, T_KAVRO_MD* ptMD, T_KAVRO_GMO* ptGMO
 }
 
 int KVR_QueMsgPut(void* hQueDB, void* hObj, T_KAVRO_MD* ptMD, T_KAVRO_PMO* ptPMO, char* psBuf, int iLen) {
+    static Row row = operation(__func__, "1 KVR_QueMsgPut[");
     constexpr T_KAVRO_PMO options{{'G', 'M', 'O', ' '}, 1, 0, 0};
     // The next get uses the message up: no signal of the line may end the put.
     sigset_t held;
@@ -329,9 +332,8 @@ int KVR_QueMsgPut(void* hQueDB, void* hObj, T_KAVRO_MD* ptMD, T_KAVRO_PMO* ptPMO
         sigismember(&held, SIGUSR2) == 1 && sigismember(&held, SIGALRM) == 1 && sigismember(&held, SIGCHLD) == 1;
     const bool as_received = memcmp(&host().in_hand.md, ptMD, sizeof *ptMD) == 0 &&
                              std::string(psBuf, static_cast<size_t>(iLen)) == host().in_hand.data;
-    return recorded(kHost, "KVR_QueMsgPut", std::to_string(iLen), 0,
-                    hQueDB == kQueDb && hObj == dead_queue && calm && as_received &&
-                        memcmp(&options, ptPMO, sizeof options) == 0)
-        .value_or(kSuccess);
+    return perform(row, std::to_string(iLen),
+                   hQueDB == kQueDb && hObj == dead_queue && calm && as_received &&
+                       memcmp(&options, ptPMO, sizeof options) == 0);
 }
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// A scripted host for tests of the channel plug-in: it defines the host operations, and the few system calls whose
-// failures or order matter, in the test program itself, so that the plug-in and the TCP library resolve to them.
+// A scripted host for tests of the channel plug-in: the test program itself defines the host's operations, so that the
+// plug-in resolves to them.
 // Each call and each log line is appended to a trace in shared memory; a hook may change what a call does. The channel
 // runs in a forked process (channel_run.h); what is set up here before the fork is that process's host.
 #pragma once
@@ -8,13 +8,11 @@
 #include <sys/types.h>
 
 #include <deque>
-#include <functional>
 #include <map>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "gate.h"
+#include "calls.h"
 #include "kavro_api.h"
 #include "plug_mgr.h"
 
@@ -45,16 +43,6 @@ void trace_reset();
 std::vector<Entry> trace_entries();
 /// Waits, at most 10 s, until the text stands in the trace.
 void wait_for(const std::string& text);
-
-/// One call that a hook looks at.
-struct Call {
-    int n;  ///< 1 for the first call of this operation in the channel process
-    long a; ///< length of a write, process id, signal, seconds or socket, whichever the operation has first
-};
-/// A value replaces the call's own behaviour and is its result; nothing lets the call go on.
-using Hook = std::function<std::optional<int>(const Call&)>;
-/// Records the call when it comes from a process of the channel, and asks the hook set for it. `good` false: a fault.
-Gate recorded(char kind, const char* op, const std::string& shown, long a = 0, bool good = true);
 
 struct Message {
     T_KAVRO_MD md{};
