@@ -1,28 +1,22 @@
 // SPDX-License-Identifier: MIT
-// What a disk holds for certain, as platter.cpp keeps it.
+// What a disk holds for certain of the files beside the platter, as platter.cpp keeps it there.
 #pragma once
 
-#include <string>
+#include <filesystem>
+
+#include "kavutil/unique_fd.h"
 
 namespace kvr::test {
 
-/// Environment: the folder whose files count, and the folder of the platter.
-inline constexpr char kPlatterOf[] = "KVR_PLATTER_OF";
+/// Environment: the folder of the platter; what lies in the folder above it is kept.
 inline constexpr char kPlatter[] = "KVR_PLATTER";
 
-/// Number and birth of a file: numbers are used again. `path` counts from `fd`, and may be empty.
-std::string platter_key(int fd, const char* path);
+/// Where the durable content of a file is kept, whatever its name.
+std::filesystem::path durable_content(const std::filesystem::path& file);
+/// Where the durable names of a folder's files are kept, each a link to the content.
+std::filesystem::path durable_names(const std::filesystem::path& folder);
 
-/// Held while the platter changes, for all processes.
-class PlatterLock {
-  public:
-    explicit PlatterLock(const std::string& platter);
-    ~PlatterLock();
-    PlatterLock(const PlatterLock&) = delete;
-    PlatterLock& operator=(const PlatterLock&) = delete;
-
-  private:
-    int fd_;
-};
+/// As long as it is held, by whatever process, nothing becomes durable.
+UniqueFd hold_platter();
 
 } // namespace kvr::test
