@@ -8,7 +8,6 @@
 #include <csignal>
 #include <fstream>
 #include <functional>
-#include <initializer_list>
 #include <poll.h>
 #include <string>
 #include <sys/syscall.h>
@@ -93,15 +92,6 @@ inline void await_stopped(const Child& child) {
     siginfo_t how{};
     EXPECT_EQ(waitid(P_PID, static_cast<id_t>(child.pid()), &how, WSTOPPED | WEXITED | WNOWAIT), 0);
     EXPECT_EQ(how.si_code, CLD_STOPPED);
-}
-
-/// Waits until a child is in one of these system calls.
-inline void await_call(const Child& child, std::initializer_list<long> calls) {
-    const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-    for (long call = -1; std::find(calls.begin(), calls.end(), call) == calls.end();) {
-        ASSERT_LT(std::chrono::steady_clock::now(), deadline);
-        std::ifstream("/proc/" + std::to_string(child.pid()) + "/syscall") >> call;
-    }
 }
 
 } // namespace kvr::test

@@ -65,12 +65,9 @@ TEST_F(Log, ShowsWhatIsPrintableAndMasksSecrets) {
     for (const auto& [text, expected] : cases) {
         EXPECT_EQ(shown(text), expected);
     }
-    for (auto [id, ending] : {std::pair<std::string, std::string>("18EA83FB95128DA5", " msg[18EA83FB95128DA5]"),
-                              {"a\nb", " msg[0x610a62]"}}) {
-        id.resize(kvr::kMessageIdSize);
-        kvr::log_set_message(id.c_str());
-        EXPECT_EQ(shown("text"), "text" + ending);
-    }
+    const char id[kvr::kMessageIdSize] = {'a', '\n', 'b'};
+    kvr::log_set_message(id);
+    EXPECT_EQ(shown("text"), "text msg[0x610a62]");
     Child::fork_off([] { return log_text(1, "from a child"); }).result();
     EXPECT_THAT(contents(file_), EndsWith("from a child\n")) << "whose message it is not";
     kvr::log_set_message(nullptr);

@@ -46,30 +46,20 @@ class Send : public ChannelTest {
 };
 
 TEST_F(Send, FramesByteForByte) {
-    Message first = message("", std::string(32, 'q'));
-    first.md.iMsgType = -5;
-    first.md.iMsgCode = 123456789;
-    Message second = message("", std::string());
-    second.md.iMsgType = 99999999;
-    second.md.iMsgCode = INT_MIN;
-    Message odd_header = message("body"); // of which only identifier and destination count
-    odd_header.data.replace(4, 4, "\xff\xff\xff\xff", 4);
-    odd_header.data.replace(40, 32, std::string(32, '?'));
+    Message empty = message("", std::string(32, 'q'));
+    empty.md.iMsgType = -5;
+    empty.md.iMsgCode = INT_MIN;
     std::string largest(2098304, 'L');
     largest.back() = 'e';
     const Result r = expect_sent({{message("hello"), "000000750100000000" + ("0Q1" + nuls(30)) +
                                                          "000000010000000000000277" + plain_block('1') + "hello"},
-                                  {first, frame('0', std::string(32, 'q'), "-0000005", "12345678", plain_block('1'))},
-                                  {second, frame('0', "", "99999999", "-2147483", plain_block('1'))},
-                                  {odd_header, data_frame("body")},
+                                  {empty, frame('0', std::string(32, 'q'), "-0000005", "-2147483", plain_block('1'))},
                                   {message(largest), data_frame(largest)}});
-    EXPECT_TRUE(in_order(r,
-                         {"4 rcv len[77]", "4 dest queue[Q1]", "5 NETSTAT[1]",
-                          "cork(1) | 5 start write chl hdr | write(75) | 5 start write chl msg md | write(272) | "
-                          "5 main msg len[5] | write(5) | cork(0) | 4 send data[277] success. | "
-                          "4 send 5 real size[277]",
-                          "write(0)", "4 send 0 real size[272]"},
-                         "LHST"));
+    EXPECT_TRUE(in_order(r, {"4 rcv len[77]", "4 dest queue[Q1]", "5 NETSTAT[1]",
+                             "cork(1) | 5 start write chl hdr | write(75) | 5 start write chl msg md | write(272) | "
+                             "5 main msg len[5] | write(5) | cork(0) | 4 send data[277] success. | "
+                             "4 send 5 real size[277]",
+                             "write(0)", "4 send 0 real size[272]"}));
 }
 
 TEST_F(Send, DescriptorBlockFieldByField) {
