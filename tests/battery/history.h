@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,8 @@ struct Cost {
     std::uint64_t bytes = 0;  ///< spent only: of the longest run
 };
 
+struct Fault;
+
 class History {
   public:
     /// `exact`: nothing is preloaded, and the memory of the processes, which a sanitizer may watch, is not judged.
@@ -36,10 +39,10 @@ class History {
     std::optional<Child> worker;
 
     /// A number below this one, by the seed.
-    std::uint64_t below(std::uint64_t bound);
+    std::uint64_t below(std::uint64_t bound) { return random_() % bound; }
     template <class List>
     const auto& one_of(const List& list) {
-        return *(std::begin(list) + below(std::size(list)));
+        return std::data(list)[below(std::size(list))];
     }
     void pause_up_to(std::uint64_t microseconds);
 
@@ -49,7 +52,6 @@ class History {
     void put_too_much(std::size_t times = 1);
     /// Messages put so far.
     [[nodiscard]] std::uint32_t last() const { return static_cast<std::uint32_t>(plans_.size()); }
-    [[nodiscard]] std::filesystem::path files() const { return field.home() / "files"; }
     /// Bytes that a message takes on the wire; of a file message without the path of its file.
     [[nodiscard]] std::uint64_t wire_size_of(std::uint32_t number) const {
         return wire_size(plans_[number - 1], number);
@@ -58,11 +60,13 @@ class History {
     [[nodiscard]] const std::vector<std::string>& last_files() const { return last_files_; }
 
     void listen(const Words& options = {});
-    /// Ends the listener at rest, when that costs nothing, and starts it with other options: it says anew what it has
-    /// said before.
-    void relisten(const Words& options = {});
+    /// Ends the listener at rest, when that costs nothing, and starts it with other options, the channel with other
+    /// settings: it says anew what it has said before.
+    void relisten(const Words& options = {}, const Attributes& channel = {});
     /// Its status says whether it told of losses; what is lost is judged by the messages.
     void end_listener();
+    /// Starts the worker; texts count from here on.
+    void start();
     /// Starts the worker and waits until its channel runs.
     void run();
     /// Stops the worker by one SIGTERM, and looks what it leaves.
@@ -71,17 +75,16 @@ class History {
     static void kill(std::optional<Child>& child);
     [[nodiscard]] std::vector<pid_t> watchers() const { return children_of(worker->pid()); }
 
-    /// Says whether the step cannot be made where this runs.
-    bool skips(bool impossible) { return skipped_ = impossible; }
-    [[nodiscard]] bool skipped() const { return skipped_; }
-    void begin_step();
+    /// Makes a fault, and gives back what it took: settings, room, disks, programs with their ordinary options.
+    void meet(const Fault& fault);
     /// Texts count from here on.
     void mark();
     /// Waits for a text in a file of the field, written since the mark.
     void await_text(const char* file, const std::string& text, std::size_t times = 1);
     [[nodiscard]] std::size_t since(const char* file, const std::string& text) const;
-    void forget(const char* file) { marks_[file] = 0; } ///< a new one has taken its place
 
+    /// Waits until the queue is empty.
+    void drain();
     /// Waits until the queue is empty and its last message has arrived.
     void settle();
     void quiet() { settle(), mark(); }
@@ -90,49 +93,47 @@ class History {
     /// The end of the history: everything stops and leaves nothing.
     void finish();
 
-    /// Runs some work and expects the same descriptors and hardly more memory of the worker afterwards.
-    void expect_no_growth(const std::function<void()>& work);
-
   private:
+    void recover();
     void collect();
     [[nodiscard]] Cost spent();
+    Cost judge(const Cost& allowed);
     void judge_processes();
-    void expect_no_leftovers() const;
 
     bool exact_;
     std::uint64_t seed_;
-    std::uint64_t state_;
+    std::mt19937_64 random_;
     std::vector<ProofPlan> plans_; ///< by number - 1
     std::vector<std::string> last_files_;
     std::map<std::string, std::size_t> marks_;
     ProofCheck arrived_;
     ProofCheck dead_;
-    std::uint64_t next_arrived_ = 0;
-    std::uint64_t next_dead_ = 0;
-    std::set<std::string> files_arrived_;
+    std::map<std::string, std::uint64_t> next_; ///< to be read, by queue
+    std::set<std::string> files_read_;
     std::uint32_t judged_ = 0;
     Cost before_; ///< sums at the last rest
     bool leftovers_ = false;
-    bool skipped_ = false;
+    bool listens_oddly_ = false;
     std::size_t listener_from_ = 0; ///< where its words begin
-    std::size_t descriptors_of_worker_ = 0;
-    std::size_t descriptors_of_listener_ = 0;
-    std::uint64_t memory_of_worker_ = 0;
+    std::size_t descriptors_ = 0;   ///< of worker and listener at the first rest
+    std::uint64_t memory_ = 0;      ///< of the worker at the first rest
 };
 
 /// A way in which something can go wrong.
 struct Fault {
     enum class Carriers { kAny, kPlain, kTls };
     const char* name;
-    Cost cost;
-    Carriers carriers;
-    /// Makes it while the channel runs, sees it happen, and leaves the channel able to go on.
+    /// Makes it while the channel runs, and sees it happen.
     void (*make)(History&);
+    Cost cost = {};
+    Carriers carriers = Carriers::kAny;
 };
+
+/// Free are so many bytes from now on.
+void leave_quota(Store& store, std::uint64_t bytes);
 
 std::vector<Fault> faults_of_lines();
 std::vector<Fault> faults_of_disks();
 std::vector<Fault> faults_of_processes();
-std::vector<Fault> faults_of_stops();
 
 } // namespace kvr::test
