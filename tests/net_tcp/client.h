@@ -2,7 +2,9 @@
 // A client record for tests, with everything it logged, and a signal handler that works on it.
 #pragma once
 
+#include <cerrno>
 #include <csignal>
+#include <cstdarg>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -10,6 +12,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 
 #include "net_tcp_client.h"
 #include "support/folder.h"
@@ -17,51 +20,41 @@
 
 namespace kvr::test {
 
-/// "<level> <module>/<file>/<function> <text>" of each line since the latest Client was made. Nothing is recorded while
-/// a handler runs.
-std::vector<std::string>& logged_lines();
-int record_line(char* psTag, int iLevel, char* psMod, char* psFile, int iLine, const char* psFunc, char* psFmt, ...)
-    __attribute__((format(printf, 7, 8)));
+inline std::function<void()> handler_action;
+inline thread_local volatile sig_atomic_t in_handler = 0;
 
-class Client {
-  public:
-    explicit Client(Carrier carrier = Carrier::kPlain);
-    ~Client() { record.pfnClose(&record, 0); }
-    Client(const Client&) = delete;
-    Client& operator=(const Client&) = delete;
-
-    int init(int extra_options = 0) { return record.pfnInit(&record, tls_option_ | extra_options); }
-    int connect(int port, const char* address = "127.0.0.1", int options = 0);
-    int connect(const Peer& peer) { return connect(peer.port()); }
-    /// Init and connect.
-    bool up(const Peer& peer, int extra_options = 0) { return init(extra_options) == 0 && connect(peer) == 0; }
-    int write(const std::string& data);
-    int close() { return record.pfnClose(&record, 0); }
-    std::string error() const { return record.sErrorStr; }
-    /// No socket and no session; `context` tells whether the TLS context stands.
-    void expect_down(bool context) const;
-    /// Bytes that the peer sent and nobody took in.
-    int pending() const;
-    /// The connection takes no more bytes: a write waits.
-    bool stalled() const;
-
-    T_NET_TCPCLIENT record{};
-
-  private:
-    int tls_option_;
-};
-
-/// A suite that runs over carriers.
-class CarrierTest : public testing::TestWithParam<Carrier> {
-  protected:
-    CarrierTest() { options_.carrier = GetParam(); }
-    static bool tls() { return GetParam() != Carrier::kPlain; }
-    PeerOptions options_;
-};
-inline std::string carrier_of(const testing::TestParamInfo<Carrier>& info) {
-    return carrier_name(info.param);
+/// From now on SIGUSR2 runs this in a handler, installed without SA_RESTART.
+inline void handle(std::function<void()> action) {
+    handler_action = std::move(action);
+    struct sigaction handler {};
+    handler.sa_handler = [](int) {
+        const int saved = std::exchange(errno, 0);
+        in_handler = 1;
+        handler_action();
+        in_handler = 0;
+        errno = saved;
+    };
+    sigaction(SIGUSR2, &handler, nullptr);
 }
-inline const auto kAllCarriers = testing::Values(Carrier::kPlain, Carrier::kTls12, Carrier::kTls13);
+
+/// "<level> <operation> <text>" of each line since the latest Client was made. A handler's are left out.
+inline std::vector<std::string> logged_lines;
+
+__attribute__((format(printf, 7, 8))) inline int record_line(char* /*psTag*/, int iLevel, char* psMod, char* psFile,
+                                                             int /*iLine*/, const char* psFunc, char* psFmt, ...) {
+    if (in_handler == 0) {
+        EXPECT_EQ(std::string(psMod) + "/" + psFile + "/" + std::string(psFunc, 12),
+                  "$net_tcp/net_tcp_client/netTcpClient");
+        char text[4096];
+        va_list arguments;
+        va_start(arguments, psFmt);
+        vsnprintf(text, sizeof(text), psFmt, arguments);
+        va_end(arguments);
+        logged_lines.push_back(std::to_string(iLevel) + " " + (psFunc + strlen("netTcpClient")) + " " + text);
+        errno = EDOM; // a log function may do that
+    }
+    return 0;
+}
 
 template <std::size_t N>
 void set_text(char (&field)[N], const std::string& text) {
@@ -69,22 +62,57 @@ void set_text(char (&field)[N], const std::string& text) {
     memcpy(field, text.c_str(), text.size() + 1);
 }
 
-/// Runs `action` in a handler of SIGUSR2, installed without SA_RESTART, while it lives.
-class Handler {
-  public:
-    explicit Handler(std::function<void()> action);
-    ~Handler();
-    Handler(const Handler&) = delete;
-    Handler& operator=(const Handler&) = delete;
+struct Client : T_NET_TCPCLIENT {
+    /// With the files of a client that every peer trusts.
+    explicit Client(Carrier carrier) : carrier_option(carrier == Carrier::kPlain ? 0 : NET_TCP_OPT_SSL) {
+        signal(SIGPIPE, SIG_IGN);
+        logged_lines.clear();
+        netTcpClientCreate(this, record_line);
+        set_text(sCaFile, tls_material().ca_file);
+        set_text(sCertFile, tls_material().client.cert_file);
+        set_text(sKeyFile, tls_material().client.key_file);
+    }
+    ~Client() { close(); }
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
 
-    /// Times that the handler has run.
-    static int runs();
+    int init(int extra_options = 0) { return pfnInit(this, carrier_option | extra_options); }
+    int connect(int port, std::string address = "127.0.0.1", int options = 0) {
+        return pfnConnect(this, address.data(), port, options);
+    }
+    /// Init and connect.
+    bool up(const Peer& peer, int extra_options = 0) { return init(extra_options) == 0 && connect(peer.port()) == 0; }
+    int write(const std::string& data) {
+        // The operation only reads what its parameter lets it write.
+        return pfnWrite(this, const_cast<char*>(data.data()), static_cast<int>(data.size()), 0);
+    }
+    /// What came is in `got`.
+    int read(int size) {
+        int length = -1;
+        got.assign(static_cast<std::size_t>(size), '\0');
+        const int result = pfnRead(this, got.data(), size, &length, 0);
+        got.resize(static_cast<std::size_t>(length));
+        return result;
+    }
+    int close() { return pfnClose(this, 0); }
+    std::string error() const { return sErrorStr; }
+    /// Not connected, without socket or session; `context` tells whether the TLS context stands.
+    bool is_down(bool context) const {
+        return iStat == 0 && iSocketNo == 0 && ssl == nullptr && (ctx != nullptr) == context;
+    }
+    /// Bytes that the peer sent and nobody took in.
+    int pending() const {
+        int bytes = 0;
+        ioctl(iSocketNo, FIONREAD, &bytes);
+        return bytes;
+    }
 
-  private:
-    struct sigaction before_ {};
+    int carrier_option;
+    std::string got;
 };
 
-/// More than the buffers of a connection hold: writing it stalls when the peer does not read.
-const std::string& huge_data();
+inline std::string carrier_of(const testing::TestParamInfo<Carrier>& info) {
+    return carrier_name(info.param);
+}
 
 } // namespace kvr::test

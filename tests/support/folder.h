@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 
@@ -40,9 +39,7 @@ class TemporaryFolder {
 
 inline std::string contents(const std::filesystem::path& path) {
     std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 inline std::set<std::string> names_in(const std::filesystem::path& folder) {

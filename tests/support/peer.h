@@ -1,18 +1,18 @@
 // SPDX-License-Identifier: MIT
 // A scripted receiver for tests: listens on a loopback port and runs a function over each connection, in a thread of
-// its own that takes no signals. Connections come one after the other.
+// its own. Connections come one after the other.
 #pragma once
 
-#include <atomic>
-#include <condition_variable>
-#include <cstddef>
 #include <functional>
-#include <mutex>
+#include <latch>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <thread>
 
 #include <openssl/types.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
 
 #include "support/tls_material.h"
 
@@ -20,19 +20,6 @@ namespace kvr::test {
 
 /// No wait of a test lasts longer; reaching it is a failure.
 inline constexpr int kDeadlineSeconds = 20;
-
-/// Something that one thread waits for and another tells.
-class Event {
-  public:
-    void set();
-    /// False when the deadline passed first.
-    [[nodiscard]] bool wait();
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool set_ = false;
-};
 
 /// Asks again and again until the condition holds; false when the deadline passed first.
 [[nodiscard]] bool wait_until(const std::function<bool()>& condition);
@@ -46,28 +33,22 @@ struct PeerOptions {
     int tickets = -1;             ///< TLS 1.3 session tickets after the handshake; negative: OpenSSL's default
     bool ask_client_cert = false; ///< the handshake fails without a trusted one
     bool anonymous = false;       ///< TLS 1.2 without any certificate
-    bool handshake = true;        ///< false: a TLS peer whose script begins before the handshake
     int receive_buffer = 0;       ///< bytes; 0: the system's default
 };
 
 class PeerConnection {
   public:
+    /// `context` null: plain TCP.
     PeerConnection(int socket, SSL_CTX* context);
-    ~PeerConnection();
-    PeerConnection(const PeerConnection&) = delete;
-    PeerConnection& operator=(const PeerConnection&) = delete;
+    ~PeerConnection() { close(); }
 
     bool handshake();
     /// Reads so many bytes; fewer when the connection ended first.
     std::string read(std::size_t size);
-    std::string read_all();
-    bool write(std::string_view data);
-    /// Bytes that lie in the receive buffer.
-    int pending() const;
+    std::string read_all() { return read(std::string::npos); }
+    void write(std::string_view data);
     /// The other end's port.
     int port() const;
-    /// How the last read ended before its size: true at an orderly end, false at an error.
-    bool ended_well() const { return ended_well_; }
 
     void send_tickets(int count); ///< TLS 1.3
     void update_keys();           ///< TLS 1.3: changes keys and asks the other end to do so too
@@ -76,11 +57,8 @@ class PeerConnection {
     void reset(); ///< closes with a reset
 
   private:
-    std::string read_up_to(std::size_t size);
-
     int socket_;
-    SSL* ssl_;
-    bool ended_well_ = true;
+    std::unique_ptr<SSL, void (*)(SSL*)> ssl_; ///< null: plain TCP
 };
 
 class Peer {
@@ -88,26 +66,20 @@ class Peer {
     using Script = std::function<void(PeerConnection&)>;
 
     Peer(const PeerOptions& options, Script script);
-    /// Waits for the running script and ends the thread.
+    /// Waits for the scripts of all connections made so far and ends the thread.
     ~Peer();
-    Peer(const Peer&) = delete;
-    Peer& operator=(const Peer&) = delete;
 
     int port() const { return port_; }
-    /// Connections taken so far.
-    int accepted() const { return accepted_; }
 
   private:
     void serve();
 
-    PeerOptions options_;
     Script script_;
-    SSL_CTX* context_ = nullptr;
-    int listener_ = -1;
-    int stop_pipe_[2] = {-1, -1};
+    std::shared_ptr<SSL_CTX> context_;
+    int listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int stop_ = eventfd(0, EFD_CLOEXEC);
     int port_ = 0;
-    std::atomic<int> accepted_ = 0;
-    Event serving_;
+    std::latch serving_{1};
     std::thread thread_;
 };
 
