@@ -249,12 +249,10 @@ Result ChannelTest::run(const std::function<void()>& body) {
     return result;
 }
 
-Result ChannelTest::run_events(const std::vector<int>& ids) {
-    return run([&ids] {
+Result ChannelTest::run_channel(const std::vector<int>& events) {
+    return run([&events] {
         load();
-        for (int id : ids) {
-            event(id);
-        }
+        std::ranges::for_each(events, event);
     });
 }
 

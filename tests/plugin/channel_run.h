@@ -84,8 +84,7 @@ class ChannelTest : public testing::Test {
     /// hooks, cues and results of the get.
     Result run(const std::function<void()>& body);
     /// Loads and raises these events.
-    Result run_events(const std::vector<int>& ids);
-    Result run_channel() { return run_events({1, 2}); }
+    Result run_channel(const std::vector<int>& events = {1, 2});
     /// The same on a queue that delivers these messages.
     Result run_messages(const std::vector<Message>& msgs);
     /// Writes a file in the test's own folder, where the channel runs; its path, "files/<name>".
@@ -94,8 +93,8 @@ class ChannelTest : public testing::Test {
     /// Both ends inside TLS, with the channel's own certificate asked for.
     void use_tls(Carrier carrier);
 
-    static Attrs& chl() { return host().objects["CHL/CH1"]; }
-    static Attrs& qmgr() { return host().objects["QMGR/QMGR"]; }
+    static Attrs& chl() { return host().objects["CHL CH1"]; }
+    static Attrs& qmgr() { return host().objects["QMGR QMGR"]; }
 
     std::vector<Cue> cues_;
     bool listening_ = true; ///< false: the receiver's port refuses connections

@@ -39,7 +39,7 @@ void Life::expect(const std::vector<Case>& cases) {
         host().objects = usual;
         for (const auto& [attr, value] : c.given) {
             const bool of_status = attr == "PID" || attr == "STATUS";
-            (of_status ? host().objects["CHS/CH1"] : attr == "DEADQ" ? qmgr() : chl())[attr] = value;
+            (of_status ? host().objects["CHS CH1"] : attr == "DEADQ" ? qmgr() : chl())[attr] = value;
         }
         host().hooks = c.hooks;
         // The close in a handler wakes the line's watcher, which reports it: that must not end the pause.
@@ -77,7 +77,7 @@ TEST_F(Life, EventsWithoutAStartOrANameDoNothing) {
 }
 
 TEST_F(Life, ChannelNamesOfSixtyThreeCharactersAtMost) {
-    host().objects["CHL/" + std::string(63, 'Z')] = chl();
+    host().objects["CHL " + std::string(63, 'Z')] = chl();
     for (const auto& [length, told] : {std::pair<size_t, std::string>(63, "event 1 = 0"), {64, "event 1 = -10002"}}) {
         host().name = std::string(length, 'z');
         EXPECT_TRUE(in_order(run_channel(), {told}));
@@ -158,7 +158,7 @@ TEST_F(Life, FailuresAreToldWithTheirReasons) {
 }
 
 TEST_F(Life, ClaimsTheStatusObjectUnlessALiveProcessHoldsIt) {
-    const std::string dead = std::to_string(run_events({}).pid);
+    const std::string dead = std::to_string(run_channel({}).pid);
     const std::string live = std::to_string(getpid());
     const std::string claim = "KVR_ObjSetAttrV(CHS CH1 PID=PID STATUS=BINDING)";
     const Attrs stopped = {{"STATUS", "STOPED"}, {"PID", live}};
@@ -184,7 +184,7 @@ TEST_F(Life, AnExitReleasesOnlyWhatThisProcessHolds) {
             load();
             std::ranges::for_each(before, event);
             if (taken) {
-                host().objects["CHS/CH1"] = {{"STATUS", "RUNING"}, {"PID", std::to_string(getppid())}};
+                host().objects["CHS CH1"] = {{"STATUS", "RUNING"}, {"PID", std::to_string(getppid())}};
             }
             event(1);
             event(4);

@@ -15,7 +15,6 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <span>
 
 #include "kavro_ac.h"
 #include "kavro_log.h"
@@ -42,35 +41,10 @@ constexpr char kOperations[] =
     " Connect2Lsr BindChl SndrNetInit StartNetChkProc CheckNetStat OnNetDisconn HeartBeat ExitEventHandler"
     " netTcpClientInit netTcpClientConnect netTcpClientWrite ";
 
-/// The line-loss handler logs too, wherever it interrupts: nothing is allocated here.
-void log_line(const char* end, const char* tag, int level, const char* mod, const char* file, int line,
-              const char* func, const char* fmt, va_list ap) {
-    const bool net = strcmp(mod, "$net_tcp") == 0;
-    char text[2100];
-    vsnprintf(text, sizeof text, fmt, ap);
-    char operation[64];
-    snprintf(operation, sizeof operation, " %s ", func);
-    if (tag != nullptr || line <= 0 || level < 1 || level > 5 || strstr(kOperations, operation) == nullptr ||
-        strcmp(net ? "net_tcp_client" : "plug_kavro_chls", file) != 0 ||
-        (!net && strcmp(mod, "$plug_kavro_chls") != 0)) {
-        trace(kFault, "log line with wrong origin: %s %s:%d %s %s", mod, file, line, func, text);
-    }
-    const bool loss = strncmp(text, "line disconnected", 17) == 0;
-    trace(net ? kNetLog : loss ? kLoss : kLog, "%d %s%s", level, text, end);
-    if (const auto hook = host().hooks.find("failure"); net && level == 1 && hook != host().hooks.end()) {
-        hook->second({1, 0});
-    }
-    errno = EXDEV; // a log function may do so
-    static Row row{.name = "log"};
-    pass(row, "", 0, [](bool) { return 0L; });
-}
+enum class Access { kGet, kSet, kAdd };
 
-int context_log(char* tag, int level, char* mod, char* file, int line, const char* func, char* fmt, ...) {
-    va_list ap;
-    va_start(ap, fmt);
-    log_line("", tag, level, mod, file, line, func, fmt, ap);
-    va_end(ap);
-    return -1; // ignored
+std::string key(const char* cls, const char* name) {
+    return std::string(cls) + " " + name;
 }
 
 constexpr Row operation(const char* name, const char* told) {
@@ -86,50 +60,27 @@ int perform(
     return static_cast<int>(pass(row, shown, 0, [&what](bool) { return what(); }));
 }
 
-/// An operation on an object: name and as many texts to show, "<class> <name> <attribute>..." or "<attribute>=<value>".
-struct Object {
-    std::string cls, name;
-    std::span<char*> attributes, values;
-
-    Attrs* found() const {
-        const auto at = host().objects.find(cls + "/" + name);
-        return at != host().objects.end() ? &at->second : nullptr;
+/// An operation on the object's attributes; the trace shows "<class> <name> <attribute>..." or
+/// "<attribute>=<value>...".
+int on_object(Row& row, void* db, Access access, const std::string& object, int count, char** names, char** values) {
+    std::string shown = object;
+    for (int i = 0; i < count; ++i) {
+        shown += std::string(" ") + names[i] + (access != Access::kGet ? std::string("=") + values[i] : "");
     }
-    std::string shown(bool with_values) const {
-        std::string text = cls + " " + name;
-        for (size_t i = 0; i < attributes.size(); ++i) {
-            text += std::string(" ") + attributes[i] + (with_values ? std::string("=") + values[i] : "");
-        }
-        return text;
-    }
-};
-
-int get_attrs(Row& row, void* db, const Object& object) {
-    return perform(row, object.shown(false), db == kObjDb, [&object] {
-        Attrs* const found = object.found();
-        for (size_t i = 0; found != nullptr && i < object.attributes.size(); ++i) {
-            if (const auto attr = found->find(object.attributes[i]); attr != found->end()) {
-                strcpy(object.values[i], attr->second.c_str());
-            }
-        }
-        return found != nullptr ? kSuccess : -1;
-    });
-}
-
-int set_attrs(Row& row, void* db, const Object& object, bool add = false) {
-    return perform(row, object.shown(true), db == kObjDb, [&] {
-        if ((object.found() == nullptr) != add) {
+    return perform(row, shown, db == kObjDb, [&] {
+        if (host().objects.contains(object) == (access == Access::kAdd)) {
             return -1;
         }
-        for (size_t i = 0; i < object.attributes.size(); ++i) {
-            host().objects[object.cls + "/" + object.name][object.attributes[i]] = object.values[i];
+        Attrs& attrs = host().objects[object];
+        for (int i = 0; i < count; ++i) {
+            if (access != Access::kGet) {
+                attrs[names[i]] = values[i];
+            } else if (attrs.contains(names[i])) {
+                strcpy(values[i], attrs[names[i]].c_str());
+            }
         }
         return kSuccess;
     });
-}
-
-Object object_of(char* cls, char* name, int count, char** attributes, char** values) {
-    return {cls, name, {attributes, static_cast<size_t>(count)}, {values, static_cast<size_t>(count)}};
 }
 
 /// The arguments of a variadic call: names, then as many values.
@@ -139,28 +90,18 @@ std::vector<char*> arguments(int count, va_list ap) {
     return all;
 }
 
-int next_step(T_KAVRO_MD* md, char* buf, int* len) {
-    if (host().get.empty()) {
-        _exit(kScriptOver);
-    }
-    const GetStep step = std::move(host().get.front());
-    host().get.pop_front();
-    return step(md, buf, len);
-}
-
 } // namespace
 
 void trace(char kind, const char* fmt, ...) {
     const int saved = errno;
-    char entry[2300];
-    size_t used = static_cast<size_t>(snprintf(entry, sizeof entry, "%d %c ", getpid(), kind));
+    char text[2200];
     va_list ap;
     va_start(ap, fmt);
-    used += static_cast<size_t>(vsnprintf(entry + used, sizeof entry - used, fmt, ap));
+    vsnprintf(text, sizeof text, fmt, ap);
     va_end(ap);
-    used = std::min(used, sizeof entry - 1);
-    entry[used++] = '\n';
-    if (syscall(SYS_write, trace_file, entry, used) != static_cast<long>(used)) { // no call of the channel's
+    char entry[2300];
+    const int size = snprintf(entry, sizeof entry, "%d %c %s\n", getpid(), kind, text);
+    if (syscall(SYS_write, trace_file, entry, size) != size) { // no call of the channel's
         _exit(99);
     }
     errno = saved;
@@ -196,14 +137,9 @@ Host& host() {
 
 void load() {
     Host& h = host();
-    for (int i = 0; i < kOptions + 6; ++i) {
-        static char decoy[] = "decoy";
-        h.ctx.tRTCoreArgv.tArg[i].psValue = decoy;
-    }
-    h.ctx.tRTCoreArgv.iArgc = kOptions + 6;
     h.ctx.tRTCoreArgv.iOptc = kOptions;
     h.ctx.tRTCoreArgv.tArg[kOptions + 4].psValue = h.name.data();
-    h.ctx.pfnLogPrint = context_log;
+    h.ctx.pfnLogPrint = KVR_LogPrint;
     h.var.ptRTCoreCtx = &h.ctx;
     OnPlugLoad(&h.var);
 }
@@ -241,22 +177,40 @@ int KVR_LogSetQMName(char* psQmgrName) {
     return -1; // ignored
 }
 
+/// The context's log function too. The line-loss handler logs wherever it interrupts: nothing is allocated here.
 int KVR_LogPrint(char* psTag, int iLevel, char* psMod, char* psFile, int iLine, const char* psFunc, char* psFmt, ...) {
+    static Row row{.name = "log"};
+    char text[2100];
     va_list ap;
     va_start(ap, psFmt);
-    log_line(" (KVR_LogPrint)", psTag, iLevel, psMod, psFile, iLine, psFunc, psFmt, ap);
+    vsnprintf(text, sizeof text, psFmt, ap);
     va_end(ap);
-    return -1;
+    char operation[64];
+    snprintf(operation, sizeof operation, " %s ", psFunc);
+    const bool net = strcmp(psMod, "$net_tcp") == 0;
+    const bool known = net ? strcmp(psFile, "net_tcp_client") == 0
+                           : strcmp(psMod, "$plug_kavro_chls") == 0 && strcmp(psFile, "plug_kavro_chls") == 0;
+    if (psTag != nullptr || iLine <= 0 || !known || strstr(kOperations, operation) == nullptr) {
+        trace(kFault, "log line with wrong origin: %s %s:%d %s %s", psMod, psFile, iLine, psFunc, text);
+    }
+    const bool loss = strncmp(text, "line disconnected", 17) == 0;
+    trace(net ? kNetLog : loss ? kLoss : kLog, "%d %s", iLevel, text);
+    if (const auto hook = host().hooks.find("failure"); net && iLevel == 1 && hook != host().hooks.end()) {
+        hook->second({1, 0});
+    }
+    errno = EXDEV; // a log function may do so
+    pass(row, "", 0, [](bool) { return 0L; });
+    return -1; // ignored
 }
 
 int KVR_ObjAdd(void* hObjDB, char* psClass, char* psName, int iCnt, char** ppsAttrs, char** ppsVals, int iFlags) {
     static Row row = operation(__func__, "1 KVR_ObjAdd[CHS][CH1] return[-110]");
-    return set_attrs(row, iFlags == 0 ? hObjDB : nullptr, object_of(psClass, psName, iCnt, ppsAttrs, ppsVals), true);
+    return on_object(row, iFlags == 0 ? hObjDB : nullptr, Access::kAdd, key(psClass, psName), iCnt, ppsAttrs, ppsVals);
 }
 
 int KVR_ObjGetAttr(void* hObjDB, char* psClass, char* psName, int iCnt, char** ppsAttrs, char** ppsBufs) {
     static Row row = operation(__func__, "1 get chl[CH1] error[-110]");
-    return get_attrs(row, hObjDB, object_of(psClass, psName, iCnt, ppsAttrs, ppsBufs));
+    return on_object(row, hObjDB, Access::kGet, key(psClass, psName), iCnt, ppsAttrs, ppsBufs);
 }
 
 int KVR_ObjGetAttrV(void* hObjDB, char* psClass, char* psName, int iCnt, ...) {
@@ -265,12 +219,12 @@ int KVR_ObjGetAttrV(void* hObjDB, char* psClass, char* psName, int iCnt, ...) {
     va_start(ap, iCnt);
     auto args = arguments(iCnt, ap);
     va_end(ap);
-    return get_attrs(row, hObjDB, object_of(psClass, psName, iCnt, args.data(), args.data() + iCnt));
+    return on_object(row, hObjDB, Access::kGet, key(psClass, psName), iCnt, args.data(), args.data() + iCnt);
 }
 
 int KVR_ObjSetAttr(void* hObjDB, char* psClass, char* psName, int iCnt, char** ppsAttrs, char** ppsVals) {
     static Row row = operation(__func__, "1 KVR_ObjSetAttr[CHS][CH1] return[-110]");
-    return set_attrs(row, hObjDB, object_of(psClass, psName, iCnt, ppsAttrs, ppsVals));
+    return on_object(row, hObjDB, Access::kSet, key(psClass, psName), iCnt, ppsAttrs, ppsVals);
 }
 
 int KVR_ObjSetAttrV(void* hObjDB, char* psClass, char* psName, int iCnt, ...) {
@@ -279,7 +233,7 @@ int KVR_ObjSetAttrV(void* hObjDB, char* psClass, char* psName, int iCnt, ...) {
     va_start(ap, iCnt);
     auto args = arguments(iCnt, ap);
     va_end(ap);
-    return set_attrs(row, hObjDB, object_of(psClass, psName, iCnt, args.data(), args.data() + iCnt));
+    return on_object(row, hObjDB, Access::kSet, key(psClass, psName), iCnt, args.data(), args.data() + iCnt);
 }
 
 int KVR_QueOpen(void* hQueDB, char* psName, void** phObj, int iOpt) {
@@ -308,16 +262,21 @@ int KVR_QueMsgGet(void* hQueDB, void* hObj, T_KAVRO_MD* ptMD, T_KAVRO_GMO* ptGMO
     blank.iVersion = 2;
     blank.cMsgStoreType = '1';
     blank.pOptData = ptMD->pOptData;
-    const int waited = perform(row, "",
-                               hQueDB == kQueDb && hObj == xmit_queue && memcmp(&blank, ptMD, sizeof blank) == 0 &&
-                                   ptMD->pOptData != nullptr && memcmp(&options, ptGMO, sizeof options) == 0 &&
-                                   *piLen == 2098376 && psBuf[2098375] == '\0');
-    open_window(false);
+    const bool good = hQueDB == kQueDb && hObj == xmit_queue && memcmp(&blank, ptMD, sizeof blank) == 0 &&
+                      ptMD->pOptData != nullptr && memcmp(&options, ptGMO, sizeof options) == 0 && *piLen == 2098376 &&
+                      psBuf[2098375] == '\0';
+    const int waited = perform(row, "", good);
+    attack.open = false;
     kvr::stop_point(kvr::StopPlace::kBetweenMessages);
     if (waited < 0) {
         return waited;
     }
-    const int result = next_step(ptMD, psBuf, piLen);
+    if (host().get.empty()) {
+        _exit(kScriptOver);
+    }
+    const GetStep step = std::move(host().get.front());
+    host().get.pop_front();
+    const int result = step(ptMD, psBuf, piLen);
     kvr::stop_point(kvr::StopPlace::kBetweenMessages);
     return result;
 }
@@ -332,8 +291,7 @@ int KVR_QueMsgPut(void* hQueDB, void* hObj, T_KAVRO_MD* ptMD, T_KAVRO_PMO* ptPMO
         sigismember(&held, SIGUSR2) == 1 && sigismember(&held, SIGALRM) == 1 && sigismember(&held, SIGCHLD) == 1;
     const bool as_received = memcmp(&host().in_hand.md, ptMD, sizeof *ptMD) == 0 &&
                              std::string(psBuf, static_cast<size_t>(iLen)) == host().in_hand.data;
-    return perform(row, std::to_string(iLen),
-                   hQueDB == kQueDb && hObj == dead_queue && calm && as_received &&
-                       memcmp(&options, ptPMO, sizeof options) == 0);
+    const bool good = hQueDB == kQueDb && hObj == dead_queue && memcmp(&options, ptPMO, sizeof options) == 0;
+    return perform(row, std::to_string(iLen), good && calm && as_received);
 }
 }

@@ -107,7 +107,7 @@ TEST_F(Send, FilesByteForByte) {
          {file_message(far), file_frames(1023)},
          {file_message(path + nuls(1) + "leftovers of a longer message" + std::string(1000, '?')),
           file_frames(path.size())}});
-    EXPECT_TRUE(in_order(r, {"5 snd file0[files/a.txt] (KVR_LogPrint)", "5 start write attachment header",
+    EXPECT_TRUE(in_order(r, {"5 snd file0[files/a.txt]", "5 start write attachment header",
                              "4 ----------------------start process accessories---------------------", "5 ACCSNUM[2]",
                              "5 -------------------start send file[files/a.txt]------------------",
                              "4 begin send file[files/a.txt] data[1000]",

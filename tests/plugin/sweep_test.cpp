@@ -13,29 +13,25 @@
 namespace kvr::test {
 namespace {
 
-enum class Road { kStart, kMessage, kNewLine, kDeadLetter, kLostLine, kHeartbeat, kStop };
-constexpr const char* kRoadNames[] = {"Start", "Message", "NewLine", "DeadLetter", "LostLine", "Heartbeat", "Stop"};
-
 /// A stop that was asked for this often is overdue.
 constexpr int kOverdue = 10;
 
-int stop_requests = 0;
 int descriptors_before = 0;
 
-class Sweep : public ChannelTest, public testing::WithParamInterface<std::tuple<Road, Carrier>> {
+class Sweep : public ChannelTest, public testing::WithParamInterface<std::tuple<std::string, Carrier>> {
   protected:
     Sweep();
     /// One run with one attack. False when the road has no such call any more.
-    bool strike(const Attack& attack);
+    bool strike(const Attack& asked);
 
-    const Road road_ = std::get<0>(GetParam());
+    const std::string road_ = std::get<0>(GetParam());
     const Carrier carrier_ = std::get<1>(GetParam());
 
   private:
     void script();
     GetStep hand_over(size_t number);
-    void judge(const Attack& attack, const Result& r) const;
-    void judge_end(const Attack& attack, const Result& r) const;
+    void judge(const Result& r) const;
+    void judge_end(const Result& r) const;
     std::vector<int> judge_frames(const Result& r) const;
 
     std::vector<Message> messages_;
@@ -56,12 +52,12 @@ Sweep::Sweep() {
     second.md.cMsgStoreType = KVR_STORE_FILE;
     second.md.iMsgFlags = KVR_MSGFLAG_ACCESSORIES;
     second.files = {file("long", long_file)};
-    messages_ = {message("first"), road_ == Road::kDeadLetter ? raw("no header") : second, message("third")};
+    messages_ = {message("first"), road_ == "DeadLetter" ? raw("no header") : second, message("third")};
     wire_ = {data_frame("first"),
              header('4', 272 + 9 + 100) + plain_block('2', 4) + padded("own", 9) + attachment_block({"long"}) +
                  file_frame(long_file) + file_frame("content"),
              data_frame("third")};
-    if (road_ == Road::kDeadLetter) {
+    if (road_ == "DeadLetter") {
         wire_[1].clear();
     }
 }
@@ -88,9 +84,9 @@ GetStep Sweep::hand_over(size_t number) {
             host().get.push_front(hand_over(number));
             return wait_on_dead_line();
         }
-        if (number == 1 && road_ != Road::kStart) {
-            lost_ = road_ == Road::kNewLine;
-            open_window();
+        if (number == 1 && road_ != "Start") {
+            lost_ = road_ == "NewLine";
+            attack.open = true;
         }
         trace(kNote, "in hand %zu", number);
         return deliver(messages_[number])(md, buf, len);
@@ -106,10 +102,6 @@ void note_what_is_left(const char* when) {
 
 /// As a host does when a stop was asked for: from inside its operations, after an event that failed, at an exit.
 void end_stopped(StopPlace) {
-    static bool ended = false;
-    if (std::exchange(ended, true)) {
-        return;
-    }
     stop_set_hook(nullptr);
     for (const int sig : {SIGALRM, SIGUSR2, SIGTERM}) {
         signal(sig, SIG_IGN);
@@ -119,9 +111,7 @@ void end_stopped(StopPlace) {
 }
 
 void end_if_stopped() {
-    if (stop_pending()) {
-        end_stopped({});
-    }
+    stop_point({});
 }
 
 void live() {
@@ -132,27 +122,27 @@ void live() {
 }
 
 void Sweep::script() {
-    if (carrier_ == Carrier::kTls13 && road_ != Road::kStart) {
+    if (carrier_ == Carrier::kTls13 && road_ != "Start") {
         // On a line that the channel has closed they would make a reset, which takes back what was sent.
-        receiver_.tickets = road_ == Road::kNewLine ? 0 : -1;
+        receiver_.tickets = road_ == "NewLine" ? 0 : -1;
         cues_ = {{"KVR_QueMsgGet()", [](PeerConnection& connection) {
                       connection.send_tickets(2);
                       trace(kNote, "tickets sent");
                   }}};
     }
     GetStep second = hand_over(1);
-    if (road_ == Road::kLostLine || road_ == Road::kHeartbeat) {
+    if (road_ == "LostLine" || road_ == "Heartbeat") {
         second = [this](T_KAVRO_MD* md, char* buf, int* len) {
-            open_window();
-            return interrupted(road_ == Road::kLostLine ? SIGUSR2 : SIGALRM)(md, buf, len);
+            attack.open = true;
+            return interrupted(road_ == "LostLine" ? SIGUSR2 : SIGALRM)(md, buf, len);
         };
-    } else if (road_ == Road::kStop) {
+    } else if (road_ == "Stop") {
         second = [](T_KAVRO_MD*, char*, int*) {
             stop_request();
-            open_window();
+            attack.open = true;
             return -4;
         };
-    } else if (road_ == Road::kNewLine) {
+    } else if (road_ == "NewLine") {
         host().hooks["sockCanRead"] = [this](const Call&) {
             return std::exchange(lost_, false) ? std::optional(1) : std::nullopt;
         };
@@ -165,10 +155,9 @@ void Sweep::script() {
                   })};
 }
 
-bool Sweep::strike(const Attack& attack) {
+bool Sweep::strike(const Attack& asked) {
     script();
-    stop_requests = attack.action == Action::kBefore ? 1 : kOverdue;
-    plan(attack);
+    attack = asked;
     const Result r = run([&] {
         load();
         descriptors_before = open_descriptors();
@@ -176,26 +165,25 @@ bool Sweep::strike(const Attack& attack) {
             signal(sig, SIG_IGN); // until the channel has its handlers
         }
         signal(SIGTERM, [](int) {
-            for (int i = 0; i < stop_requests; ++i) {
+            for (int requests = attack.action == Attack::kBefore ? 1 : kOverdue; requests > 0; --requests) {
                 stop_request();
             }
         });
         stop_set_hook(end_stopped);
         atexit(end_if_stopped);
-        open_window(road_ == Road::kStart);
+        attack.open = road_ == "Start";
         live();
-        open_window(false);
+        attack.open = false;
         event(4);
         live();
     });
-    judge(attack, r);
+    judge(r);
     if (HasFailure()) {
-        const char* const call = attacked().row != nullptr ? attacked().row->name : "none";
-        ADD_FAILURE() << "action " << static_cast<int>(attack.action) << " signal " << attack.signal << " at call "
-                      << attacked().fired << " " << call << " error " << attacked().error << "\n"
+        ADD_FAILURE() << "action " << attack.action << " signal " << attack.signal << " at call " << attack.fired << " "
+                      << (attack.row != nullptr ? attack.row->name : "") << " error " << attack.failure << "\n"
                       << r.dump();
     }
-    return attacked().fired != 0 && !HasFailure();
+    return attack.fired != 0 && !HasFailure();
 }
 
 /// How often each message arrived. On each connection there are whole frames, in order, and a cut one only at the end.
@@ -225,9 +213,8 @@ std::vector<int> Sweep::judge_frames(const Result& r) const {
     return arrived;
 }
 
-void Sweep::judge(const Attack& attack, const Result& r) const {
-    const Attacked& done = attacked();
-    const std::string call = done.row != nullptr ? done.row->name : "";
+void Sweep::judge(const Result& r) const {
+    const std::string call = attack.row != nullptr ? attack.row->name : "";
     std::vector<int> outcomes = judge_frames(r); // sent whole, laid aside, or back on the queue
     // A message is the channel's from the get that delivers it to the next get, which uses it up.
     std::vector<int> expected(messages_.size(), 0);
@@ -235,8 +222,8 @@ void Sweep::judge(const Attack& attack, const Result& r) const {
     for (const std::string& text : r.lines("EH")) {
         // A host keeps what its dead-letter queue did not take.
         if (text.starts_with("KVR_QueMsgPut(") ||
-            (text == "KVR_QueOpen(DLQ)" && done.error != 0 && call == "KVR_QueOpen")) {
-            EXPECT_TRUE(wire_[in_hand].empty() || (road_ == Road::kNewLine && attack.action == Action::kFail))
+            (text == "KVR_QueOpen(DLQ)" && attack.failure != 0 && call == "KVR_QueOpen")) {
+            EXPECT_TRUE(wire_[in_hand].empty() || (road_ == "NewLine" && attack.action == Attack::kFail))
                 << "a message that can be sent was laid aside";
             ++outcomes[in_hand];
         } else if (text.starts_with("in hand ")) {
@@ -251,23 +238,22 @@ void Sweep::judge(const Attack& attack, const Result& r) const {
     }
     EXPECT_EQ(outcomes, expected) << "a message lost or handled twice";
     // A get that fails after a line signal counts as interrupted.
-    const bool passing = done.error == 0 || done.error == EINTR || done.error == EAGAIN ||
-                         (call == "KVR_QueMsgGet" && r.count("3 line disconnected") > 0);
-    if (!passing && done.row->told != nullptr) {
-        EXPECT_GT(r.count(done.row->told), 0) << "no line says '" << done.row->told << "'";
+    const bool passes = attack.failure == 0 || attack.failure == EINTR || attack.failure == EAGAIN ||
+                        (call == "KVR_QueMsgGet" && r.count("3 line disconnected") > 0);
+    if (!passes && attack.row->told != nullptr) {
+        EXPECT_GT(r.count(attack.row->told), 0) << "no line says '" << attack.row->told << "'";
     }
     if (attack.signal == SIGALRM) {
-        EXPECT_EQ(r.conns.size(), road_ == Road::kNewLine || road_ == Road::kLostLine ? 2U : 1U)
-            << "an alarm costs none";
+        EXPECT_EQ(r.conns.size(), road_ == "NewLine" || road_ == "LostLine" ? 2U : 1U) << "an alarm costs none";
     }
-    judge_end(attack, r);
+    judge_end(r);
 }
 
-void Sweep::judge_end(const Attack& attack, const Result& r) const {
-    const bool stopped = road_ == Road::kStop || (attack.signal == SIGTERM && attacked().fired != 0);
+void Sweep::judge_end(const Result& r) const {
+    const bool stopped = road_ == "Stop" || (attack.signal == SIGTERM && attack.fired != 0);
     const std::string objects = carrier_ == Carrier::kPlain ? "0" : "2";
     if (r.status == 1) {
-        EXPECT_EQ(attack.action, Action::kFail);
+        EXPECT_EQ(attack.action, Attack::kFail);
         EXPECT_GT(r.count("1 RecvIpcMsg error[") + r.count("1 SndrNetInit error["), 0);
         return;
     }
@@ -276,7 +262,7 @@ void Sweep::judge_end(const Attack& attack, const Result& r) const {
         EXPECT_EQ(r.count("STATUS=STOPED"), 1);
     } else {
         // A line that a message finds there may do without its watcher.
-        const std::string descriptors = road_ == Road::kNewLine && r.count("1 fork error[") > 0 ? "1" : "2";
+        const std::string descriptors = road_ == "NewLine" && r.count("1 fork error[") > 0 ? "1" : "2";
         EXPECT_EQ(r.count("over, " + descriptors + " descriptors more, " + objects + " TLS objects, 0 children"), 1);
     }
     if (r.count("1 Connect2Lsr error[") + r.count("1 BindChl error[") > 0) {
@@ -285,46 +271,39 @@ void Sweep::judge_end(const Attack& attack, const Result& r) const {
 }
 
 TEST_P(Sweep, EachCallFailsAndMeetsEachSignalOnce) {
-    // Without more time the attacks take turns at the calls; inside TLS a run costs ten times as much.
-    const bool plain = carrier_ == Carrier::kPlain;
-#ifdef __SANITIZE_ADDRESS__
-    const int first = 3;
-    const int others = plain ? 6 : 24;
-#else
-    const int first = 1;
-    const int others = plain ? 2 : 8;
-#endif
     std::vector<Attack> attacks;
-    for (int error = 0; error < static_cast<int>(Row{}.errors.size()); ++error) {
-        attacks.push_back({.action = Action::kFail, .error = error});
+    for (int error = 0; error < 5; ++error) {
+        attacks.push_back({.action = Attack::kFail, .error = error});
     }
     for (const int sig : {SIGUSR2, SIGALRM, SIGTERM}) {
-        for (const Action action : {Action::kBefore, Action::kAfter, Action::kInsteadOf}) {
+        for (const Attack::Action action : {Attack::kBefore, Attack::kAfter, Attack::kInsteadOf}) {
             attacks.push_back({.action = action, .signal = sig});
         }
     }
+#ifdef __SANITIZE_ADDRESS__
+    const int slow = 3;
+#else
+    const int slow = 1;
+#endif
+    // Without more time the attacks take turns at the calls; inside TLS a run costs ten times as much.
+    const int others = carrier_ == Carrier::kPlain ? 2 * slow : 8 * slow;
     int struck = 0;
     for (size_t i = 0; i < attacks.size() && !HasFailure(); ++i) {
-        Attack attack = attacks[i];
-        const int sample = i == 0 ? first : others;
+        const int sample = i == 0 ? slow : others;
         const int stride = getenv("KVR_BATTERY_ROUNDS") != nullptr ? 1 : sample;
-        for (attack.target = 1 + static_cast<int>(i) % stride; strike(attack);
-             attack.target = attacked().fired + stride) {
+        Attack& asked = attacks[i];
+        for (asked.target = 1 + static_cast<int>(i) % stride; strike(asked); asked.target = attack.fired + stride) {
             ++struck;
         }
     }
     RecordProperty("calls struck", struck);
 }
 
-INSTANTIATE_TEST_SUITE_P(Roads, Sweep,
-                         testing::Combine(testing::Values(Road::kStart, Road::kMessage, Road::kNewLine,
-                                                          Road::kDeadLetter, Road::kLostLine, Road::kHeartbeat,
-                                                          Road::kStop),
-                                          testing::Values(Carrier::kPlain, Carrier::kTls12, Carrier::kTls13)),
-                         [](const auto& tested) {
-                             return kRoadNames[static_cast<int>(std::get<0>(tested.param))] +
-                                    std::string(carrier_name(std::get<1>(tested.param)));
-                         });
+INSTANTIATE_TEST_SUITE_P(
+    Roads, Sweep,
+    testing::Combine(testing::Values("Start", "Message", "NewLine", "DeadLetter", "LostLine", "Heartbeat", "Stop"),
+                     testing::Values(Carrier::kPlain, Carrier::kTls12, Carrier::kTls13)),
+    [](const auto& tested) { return std::get<0>(tested.param) + carrier_name(std::get<1>(tested.param)); });
 
 } // namespace
 } // namespace kvr::test
