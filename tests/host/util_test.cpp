@@ -93,23 +93,33 @@ TEST(Process, ExistsOnlyWhileItRunsAndIsOneToSignal) {
     EXPECT_EQ(child.result(), -SIGKILL);
 }
 
+int g_sockets[2];
+
 TEST(Stream, CarriesEveryByteUnderSignals) {
-    int sockets[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);
-    constexpr int kLarge = 8 << 20;
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, g_sockets), 0);
+    constexpr int kLarge = 32 << 20;
     std::vector<unsigned> sent(kLarge / sizeof(unsigned));
     std::iota(sent.begin(), sent.end(), 0x01020304U);
     struct sigaction interrupts {}; // no SA_RESTART
-    interrupts.sa_handler = [](int) {};
+    interrupts.sa_handler = [](int) {
+        const int error = errno;
+        send(g_sockets[0], "!", 1, MSG_DONTWAIT | MSG_NOSIGNAL);
+        errno = error;
+    };
     sigaction(SIGALRM, &interrupts, nullptr);
     Child reader = Child::fork_off([&] {
-        kvr::test::repeat_alarm(300);
+        close(g_sockets[1]);
+        kvr::test::repeat_alarm(100);
         std::vector<unsigned> received(sent.size());
-        return streamReadNByte(received.data(), kLarge, nullptr, sockets[0]) == kLarge && received == sent ? 0 : 1;
+        return streamReadNByte(received.data(), kLarge, nullptr, g_sockets[0]) == kLarge && received == sent ? 0 : 1;
     });
-    kvr::test::repeat_alarm(300);
-    EXPECT_EQ(streamWriteNByte(sent.data(), kLarge, sockets[1]), kLarge);
+    close(std::exchange(g_sockets[0], -1));
+    char signals[20]; // that interrupted the reader before a byte came
+    EXPECT_EQ(streamReadNByte(signals, sizeof signals, nullptr, g_sockets[1]), 20);
+    kvr::test::repeat_alarm(100);
+    EXPECT_EQ(streamWriteNByte(sent.data(), kLarge, g_sockets[1]), kLarge);
     kvr::test::repeat_alarm(0);
+    close(g_sockets[1]);
     EXPECT_EQ(reader.result(), 0);
 }
 

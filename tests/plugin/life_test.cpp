@@ -235,7 +235,7 @@ TEST_F(Life, TheWatcherReportsALostLineOnce) {
     EXPECT_EQ(r.conns.back(), kBind + data_frame("x"));
 }
 
-TEST_F(Life, TheWatcherSignalsNobodyWhenChannelAndLineEndTogether) {
+TEST_F(Life, TheWatcherSignalsNobodyWhenChannelAndLineEndTogetherOrItCannotWatch) {
     cues_ = {{"stopped", &PeerConnection::close}};
     host().get = {finally([] {
         wait_for("select()");
@@ -246,9 +246,13 @@ TEST_F(Life, TheWatcherSignalsNobodyWhenChannelAndLineEndTogether) {
         pollfd line{host().sock, POLLIN, 0};
         trace(kNote, "line closed: %d", poll(&line, 1, 10000));
     })};
-    const Result r = run_channel();
+    Result r = run_channel();
     EXPECT_EQ(r.count("line closed: 1"), 1);
     EXPECT_THAT(r.lines("LHS", r.watchers.at(0)), ElementsAre(testing::_, "select()", "2 parent abort[PID]"));
+    host().hooks["select"] = failing(-1, 1, 9, EBADF);
+    host().get = {finally([] { wait_for("1 select error"); })};
+    r = run_channel();
+    EXPECT_EQ(r.lines("LHS", r.watchers.at(0)).back(), "1 select error[" + err(EBADF) + "]");
 }
 
 } // namespace
