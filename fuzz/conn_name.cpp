@@ -2,9 +2,9 @@
 // Any text as a channel's connection name: host and port come out within their bounds.
 #include <algorithm>
 #include <array>
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
+
+#include "require.h"
 
 // The parser has internal linkage in the channel's one translation unit.
 #include "plug_kavro_chls.cpp"
@@ -15,12 +15,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::array<char, CHLS_VALUE_SIZE> host{};
     host.fill('?');
     int port = -1;
-    if (AnlyConnName(name.data(), &port, host.data()) != 0 || port == 0) {
-        std::abort();
-    }
+    require(AnlyConnName(name.data(), &port, host.data()) == 0 && port != 0);
     const std::size_t length = std::strcspn(name.data(), "(");
-    if (strnlen(host.data(), host.size()) != length || std::memcmp(host.data(), name.data(), length) != 0) {
-        std::abort();
-    }
+    require(strnlen(host.data(), host.size()) == length && std::memcmp(host.data(), name.data(), length) == 0);
     return 0;
 }

@@ -1,20 +1,9 @@
 // SPDX-License-Identifier: MIT
 // Any bytes as a message record of the store: refused as damaged, or views that lie inside them.
-#include <cstdint>
-#include <cstdlib>
 #include <vector>
 
+#include "require.h"
 #include "store/message_record.h"
-
-namespace {
-
-void require(bool holds) {
-    if (!holds) {
-        std::abort();
-    }
-}
-
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::vector<char> record(data, data + size);
