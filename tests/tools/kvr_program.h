@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Runs the program kvr as an operator would: a command line, standard input and a home folder of its own, in which it
-// runs.
+// Runs the program kvr as an operator would: a shell's command line, standard input and a home folder of its own.
 #pragma once
-
-#include <fcntl.h>
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
@@ -25,24 +22,36 @@ struct ProgramResult {
     std::string err;
 };
 
-/// A case with a private folder that ends with it, the value of KVR_HOME for the runs.
+/// A case with a private folder that ends with it: the value of KVR_HOME, and where all commands run. In it is the
+/// queue manager EAST with the queue Q. A shell has the program as $KVR.
 class ProgramTest : public ::testing::Test, protected TemporaryFolder {
   protected:
+    ProgramTest() {
+        done("create EAST");
+        done("define queue Q");
+    }
     /// Makes a file in the folder and returns its path.
     std::string file(const std::string& name, const std::string& text) const {
         std::ofstream(path() / name, std::ios::binary) << text;
         return path() / name;
     }
     [[nodiscard]] std::string text(const std::string& name) const { return contents(path() / name); }
-    /// @param line  for a shell that has the program as $KVR
-    [[nodiscard]] ProgramResult shell(const std::string& line, const std::string& input = "") const {
-        file("in", input);
-        const int code = start({"/bin/sh", "-c", line}, ".run", [] {}).result();
-        return {code, text(".run.out"), text(".run.err")};
+    /// A shell that goes on beside the test; its standard output and error go to files of this name.
+    [[nodiscard]] Child start(const std::string& line, const std::string& name = "background") const {
+        return Child::fork_off([&] {
+            ::setenv("KVR_HOME", path().c_str(), 1);
+            ::setenv("KVR", KVR_PROGRAM, 1);
+            ::unsetenv("KVR_QMGR");
+            std::filesystem::current_path(path());
+            const std::string all = "exec <in >" + name + ".out 2>" + name + ".err; " + line;
+            return ::execl("/bin/sh", "sh", "-c", all.c_str(), nullptr);
+        });
     }
-    /// @param line  for a shell, after "kvr"
+    /// @param line  after "kvr"
     [[nodiscard]] ProgramResult run(const std::string& line, const std::string& input = "") const {
-        return shell("exec $KVR " + line, input);
+        file("in", input);
+        const int code = start("exec $KVR " + line, ".run").result();
+        return {code, text(".run.out"), text(".run.err")};
     }
     /// Runs a command that must succeed without a word on standard error; gives its standard output.
     std::string done(const std::string& line, const std::string& input = "") const {
@@ -58,34 +67,6 @@ class ProgramTest : public ::testing::Test, protected TemporaryFolder {
             text = "[" + text.substr(0, text.size() - 1) + "]";
         }
         return json::parse(text);
-    }
-    /// A run that goes on beside the test, its standard error in background.err; `prepare` runs in the child first, and
-    /// no shell comes between.
-    [[nodiscard]] Child in_background(
-        const std::string& line, const std::function<void()>& prepare = [] {}) const {
-        std::istringstream words(KVR_PROGRAM + (" " + line));
-        file("in", "");
-        return start({std::istream_iterator<std::string>(words), {}}, "background", prepare);
-    }
-
-  private:
-    /// Standard output and error go to files of this name.
-    [[nodiscard]] Child start(std::vector<std::string> words, const std::string& name,
-                              const std::function<void()>& prepare) const {
-        return Child::fork_off([&] {
-            std::vector<char*> argv;
-            std::ranges::transform(words, std::back_inserter(argv), [](auto& word) { return word.data(); });
-            argv.push_back(nullptr);
-            ::setenv("KVR_HOME", path().c_str(), 1);
-            ::setenv("KVR", KVR_PROGRAM, 1);
-            ::unsetenv("KVR_QMGR");
-            std::filesystem::current_path(path());
-            ::dup2(::open("in", O_RDONLY), STDIN_FILENO);
-            ::dup2(::creat((name + ".out").c_str(), 0600), STDOUT_FILENO);
-            ::dup2(::creat((name + ".err").c_str(), 0600), STDERR_FILENO);
-            prepare();
-            return ::execv(argv[0], argv.data());
-        });
     }
 };
 

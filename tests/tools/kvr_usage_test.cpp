@@ -7,15 +7,7 @@
 namespace kvr::test {
 namespace {
 
-using ::testing::MatchesRegex;
-
-class KvrUsage : public ProgramTest {
-  protected:
-    KvrUsage() {
-        done("create EAST");
-        done("define queue Q");
-    }
-};
+using KvrUsage = ProgramTest;
 
 TEST_F(KvrUsage, RefusalsChangeNothingAndSayWhatToDo) {
     done("define channel C XMITQ=Q CONNAME=h");
@@ -30,7 +22,6 @@ TEST_F(KvrUsage, RefusalsChangeNothingAndSayWhatToDo) {
     store->object_add("CHL", "NOQ", {{"CHLTYPE", "SNDR"}, {"XMITQ", "NOWHERE"}});
     const TlsMaterial& tls = tls_material();
     const std::string listen = "listen --discard --address 127.0.0.1 --port 0 --tls --cert ";
-    const std::string encrypted = tls.encrypted_client.cert_file + " --key " + tls.encrypted_client.key_file;
     const struct {
         int code; ///< 2: it cannot be right, whatever the state of the system
         std::string line;
@@ -39,17 +30,16 @@ TEST_F(KvrUsage, RefusalsChangeNothingAndSayWhatToDo) {
         {2, "create 'BAD\nNAME'", "BAD\\\\nNAME.*letters, digits"},
         {2, "create SMALL --quota 1K", "4M to 4096G"},
         {2, "define channel N", "has no XMITQ"},
-        {2, "define channel N XMITQ=Q CONNAME=h:5301", "write h\\(5301\\)"},
         {2, "set qmgr KEYPASS=secret", "--keypass-file"},
         {2, "put Q x --data y", "more than one place"},
         {2, "put Q x --format NINECHARS", "--format.*at most 8"},
         {2, "put Q x --msgid 0x123", "hexadecimal"},
-        {2, "put Q --size 1 --seqno 4", "--seqno"},
         {2, "get Q --all --out empty", "folder"},
         {2, "move Q Q", "same"},
         {2, "listen --discard --tls --cert a --ca a", "--ca alone checks nobody"},
         {1, "create EAST", "exists already"},
         {1, "delete qmgr NOQM --yes", "NOQM is no queue manager.*by hand"},
+        {2, "delete qmgr EAST --purge", "--yes"},
         {1, "delete qmgr EAST --yes", "--purge"},
         {1, "define channel c XMITQ=Q CONNAME=h", "channel 'C' exists already.*--replace"},
         {1, "set channel C XMITQ=DEAD.LETTER.QUEUE", "round for ever"},
@@ -67,21 +57,21 @@ TEST_F(KvrUsage, RefusalsChangeNothingAndSayWhatToDo) {
         {1, "run NOQ", "queue 'NOWHERE'"},
         {1, "run C --plugin large", "cannot be loaded"},
         {1, "run C --plugin " NO_PLUGIN, "OnPlugLoad"},
-        {1, listen + encrypted, "encrypted: give .* with --key-pass-file"},
+        {1, listen + tls.encrypted_client.cert_file + " --key " + tls.encrypted_client.key_file,
+         "encrypted: give .* with --key-pass-file"},
         {1, listen + tls.server.cert_file + " --key " + tls.client.key_file, "cannot use the key"},
     };
     for (const auto& [code, line, says] : cases) {
         const ProgramResult result = run(line);
         EXPECT_EQ(result.code, code) << line << result.err;
         EXPECT_EQ(result.out, "") << line;
-        EXPECT_THAT(result.err, AllOf(ContainsRegex(says), MatchesRegex("(kvr: [^\n]+\n)+"))) << line;
+        EXPECT_THAT(result.err, AllOf(ContainsRegex(says), ::testing::MatchesRegex("(kvr: [^\n]+\n)+"))) << line;
     }
     EXPECT_EQ(store->queue_info("Q").depth, 0U);
     EXPECT_EQ(store->queue_info("BINARY").depth, 1U);
     EXPECT_TRUE(store->object_names("CHS").empty());
     done("create WEST");
     EXPECT_THAT(run("show").err, HasSubstr("EAST, WEST"));
-    EXPECT_THAT(run("delete qmgr WEST").err, HasSubstr("--yes"));
 }
 
 TEST_F(KvrUsage, OutputThatCannotBeWrittenIsAFailureAndLosesNothing) {
@@ -95,10 +85,11 @@ TEST_F(KvrUsage, OutputThatCannotBeWrittenIsAFailureAndLosesNothing) {
     EXPECT_EQ(shown("show queue Q")[0]["depth"], 3000);
     EXPECT_THAT(run("put Q x > /dev/full").err, HasSubstr("done all the same: put 1 message"));
     const auto first_line_of = [this](const std::string& command) {
-        return shell("{ $KVR " + command + "; echo $? >&2; } | head -n 1").err;
+        EXPECT_EQ(start("{ $KVR " + command + "; echo $? >&2; } | head -n 1").result(), 0);
+        return text("background.err");
     };
     EXPECT_EQ(first_line_of("browse Q --all"), "0\n");
-    EXPECT_THAT(first_line_of("get Q --all"), MatchesRegex("kvr: .*stays on its queue\n1\n"));
+    EXPECT_THAT(first_line_of("get Q --all"), ::testing::MatchesRegex("kvr: .*stays on its queue\n1\n"));
 }
 
 } // namespace
