@@ -65,12 +65,10 @@ TEST_P(ContractTest, QuotaStopsPutsAndItsRoomComesBackWhole) {
     const std::string large(100000, 'x');
     const auto fill = [&] {
         std::size_t count = 0;
-        Errc result{};
-        for (; result == Errc{}; result = put(large)) {
-            ++count;
+        for (; put(large) == Errc{}; ++count) {
         }
-        EXPECT_EQ(result, Errc::kFull);
-        return count - 1;
+        EXPECT_EQ(put(large), Errc::kFull);
+        return count;
     };
     make_store({{"quota", "2097152"}});
     const std::size_t fitted = fill();
@@ -132,7 +130,6 @@ TEST(Schema, RefusesWhatCouldNotWork) {
         {"HBINT", Errc{}, "0;86400"},
         {"HBINT", Errc::kInvalid, "86401;5s; 5;;"},
         {"DISCINT", Errc::kTooLong, std::string(64, '0')},
-        {"CHLTYPE", Errc{}, "sndr"},
         {"CHLTYPE", Errc::kInvalid, "SND"},
         {"DESCR", Errc::kInvalid, "a\nb"},
         {"CONNAME", Errc{}, "10.0.0.1(65535);w_1.east-2.example.(1);3com"},

@@ -12,24 +12,28 @@
 namespace kvr {
 namespace {
 
+using enum Errc;
+
 class HistoryTest : public StoreTest {
   protected:
     void live(const std::string& history) {
         std::istringstream parts(history);
         bool killed = false;
         for (std::string steps; std::getline(parts, steps, '|'); killed = !killed) {
-            if (killed) {
-                const auto run_and_die = [&] { return run(steps, true), HasFailure() ? 1 : ::raise(SIGKILL); };
-                EXPECT_EQ(fork_user(run_and_die).result(), -SIGKILL);
-            } else {
-                run(steps, false);
+            if (!killed) {
+                run(steps);
+                continue;
             }
+            const auto run_and_die = [&] {
+                static_cast<void>(getter_.release()); // its parent's: not to be closed here
+                return run(steps), HasFailure() ? 1 : ::raise(SIGKILL);
+            };
+            EXPECT_EQ(fork_user(run_and_die).result(), -SIGKILL);
         }
     }
 
   private:
-    void run(const std::string& steps, bool anew) {
-        static_cast<void>(anew ? getter_.release() : nullptr); // its parent's: not to be closed here
+    void run(const std::string& steps) {
         std::istringstream lines(steps);
         for (std::string line; std::getline(lines >> std::ws, line, ',') && !HasFailure();) {
             std::istringstream words(line);
@@ -67,16 +71,16 @@ class HistoryTest : public StoreTest {
         return texts;
     }
     static std::string moved(std::string_view text) {
-        return text == "5" ? throw Error(Errc::kTooLarge, "refused") : "m" + std::string(text);
+        return text == "5" ? throw Error(kTooLarge, "refused") : "m" + std::string(text);
     }
 
     std::unique_ptr<Getter> getter_;
     const OutgoingMessage dead_{&descriptor_, {}, std::string_view("dead")};
-    const std::map<std::string, Errc> codes_{{"busy", Errc::kBusy},
-                                             {"exists", Errc::kExists},
-                                             {"invalid", Errc::kInvalid},
-                                             {"not_found", Errc::kNotFound},
-                                             {"too_large", Errc::kTooLarge}};
+    const std::map<std::string, Errc> codes_{{"busy", kBusy},
+                                             {"exists", kExists},
+                                             {"invalid", kInvalid},
+                                             {"not_found", kNotFound},
+                                             {"too_large", kTooLarge}};
     const std::map<std::string, std::function<void(const Texts&)>> steps_{
         {"put", [&](const Texts& words) { put_all(numbers(words)); }},
         {"takes", [&](const Texts& words) { expect_taken(numbers(words)); }},
