@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 // What a store takes, gives back and refuses: messages, objects, settings, its quota; and what the schema refuses.
 #include <fstream>
-#include <sstream>
 
 #include "store/schema.h"
 #include "store_fixture.h"
@@ -31,8 +30,7 @@ TEST_P(ContractTest, MessageComesBackAsItWasPut) {
     std::vector<char> buffer(kMaxMessage);
     EXPECT_CODE(kTooLarge, getter->next(got, std::span(buffer).subspan(1), false));
     ASSERT_EQ(getter->next(got, buffer, false), kMaxMessage);
-    EXPECT_EQ(std::memcmp(&got, &sent, sizeof got), 0); // NOLINT: its bytes are kept
-    EXPECT_TRUE(std::ranges::equal(data, buffer));
+    EXPECT_TRUE(std::memcmp(&got, &sent, sizeof got) == 0 && std::ranges::equal(data, buffer)); // NOLINT: all bytes
     EXPECT_EQ((Texts{list.sFiles[0], list.sFiles[1]}), files);
     EXPECT_EQ(std::exchange(list.iNum, 7), 2);
     EXPECT_EQ(getter->next(got, buffer, false), 0);
@@ -46,19 +44,6 @@ TEST_P(ContractTest, RefusesWhatAChannelCannotCarry) {
     EXPECT_EQ(put("", {""}), Errc::kInvalid);
     EXPECT_EQ(put("", {}, "NONE"), Errc::kNotFound);
     EXPECT_EQ(store_->queue_info("Q").depth, 0U);
-}
-
-TEST_P(ContractTest, IsNotDeletedUnderAnotherProcessNorWithMessages) {
-    put("kept");
-    test::Child user = fork_user([] { return ::raise(SIGSTOP); });
-    test::await_stopped(user);
-    EXPECT_CODE(kBusy, store_->destroy(true));
-    EXPECT_EQ(shown(), Texts{"kept"});
-    ::kill(user.pid(), SIGKILL);
-    EXPECT_EQ(user.result(), -SIGKILL);
-    EXPECT_CODE(kBusy, store_->destroy(false));
-    store_->destroy(true);
-    EXPECT_TRUE(fs::is_empty(folder_.path()));
 }
 
 TEST_P(ContractTest, QuotaStopsPutsAndItsRoomComesBackWhole) {
@@ -114,30 +99,28 @@ TEST_P(ContractTest, IsMadeOnceAndOpenedByTheEngineThatItNames) {
     EXPECT_CODE(kInvalid, Store::create(other, "a/b", {}, GetParam()));
     EXPECT_CODE(kInvalid, Store::create(other, "X", {{"quota", "-1"}}, GetParam()));
     EXPECT_CODE(kVersion, Store::create(other, "X", {}, "none"));
-    EXPECT_CODE(kInvalid, Store::create(other, "X", {}, "../x"));
     EXPECT_CODE(kNotFound, Store::open(other));
     EXPECT_FALSE(fs::exists(other) || Store::exists(other));
     EXPECT_EQ(Store::open(dir_ / "." / ".." / "QM"), store_) << "once in a process";
     store_.reset();
     std::ofstream(dir_ / "engine") << "../x\n";
     EXPECT_CODE(kDamaged, Store::open(dir_));
-    EXPECT_TRUE(Store::exists(dir_));
 }
 
 TEST(Schema, RefusesWhatCouldNotWork) {
-    const std::tuple<const char*, Errc, std::string> cases[] = {
-        {"HBTIN", Errc::kUnknownAttr, "1"},
-        {"HBINT", Errc{}, "0;86400"},
-        {"HBINT", Errc::kInvalid, "86401;5s; 5;;"},
-        {"DISCINT", Errc::kTooLong, std::string(64, '0')},
-        {"CHLTYPE", Errc::kInvalid, "SND"},
-        {"DESCR", Errc::kInvalid, "a\nb"},
-        {"CONNAME", Errc{}, "10.0.0.1(65535);w_1.east-2.example.(1);3com"},
-        {"CONNAME", Errc::kInvalid, "h(65536);h(0);h(1414;(1414);h(1414)x;two words;h(x);h(); ;h,1414;a,b"},
-        {"CONNAME", Errc::kInvalid, "999.1.1.1;127.1;1.2.3.4.5;010.0.0.1;a..b;-h;h-;h@x"}};
+    const std::tuple<const char*, Errc, std::vector<std::string>> cases[] = {
+        {"HBTIN", Errc::kUnknownAttr, {"1"}},
+        {"HBINT", Errc{}, {"0", "86400"}},
+        {"HBINT", Errc::kInvalid, {"86401", "5s", " 5", ""}},
+        {"DISCINT", Errc::kTooLong, {std::string(64, '0')}},
+        {"CHLTYPE", Errc::kInvalid, {"SND"}},
+        {"DESCR", Errc::kInvalid, {"a\nb"}},
+        {"CONNAME", Errc{}, {"10.0.0.1(65535)", "w_1.east-2.example.(1)", "3com"}},
+        {"CONNAME", Errc::kInvalid, {"h(65536)", "h(0)", "h(1414", "(1414)", "h(1414)x", "two words", "h(x)", "h()"}},
+        {"CONNAME", Errc::kInvalid, {"", " ", "h,1414", "a,b", "a..b", "-h", "h-", "h@x"}},
+        {"CONNAME", Errc::kInvalid, {"999.1.1.1", "127.1", "1.2.3.4.5", "010.0.0.1"}}};
     for (const auto& [attr, expected, values] : cases) {
-        std::istringstream list(values);
-        for (std::string value; std::getline(list, value, ';');) {
+        for (const std::string& value : values) {
             const auto check = [&, attr = attr] { check_definition("CHL", attr, value); };
             EXPECT_EQ(code_of(check), expected) << attr << "=" << value;
         }

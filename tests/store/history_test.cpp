@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: MIT
 // What becomes of messages, as histories of the queue Q and its drainer. A step is a word and what belongs to it:
 //   put FIRST COUNT, take TEXT... (- for none), takes FIRST COUNT       hold, release COUNT, back, skip, commit, close
-//   instead QUEUE (a dead-letter put), move COUNT (of 3, to DEAD)       define, delete, purge, drain
+//   instead QUEUE (a dead-letter put), move COUNT (of 3, to DEAD)       define, delete, purge, drain, destroy
 //   busy|exists|invalid|not_found|too_large STEP: its error             drainer self|parent|none
 //   shown TEXT..., dead TEXT... (on DEAD; ! held, * in hand), depth COUNT
 // Between two bars stand the steps of another process, which is killed after them.
+#include <algorithm>
 #include <sstream>
 
 #include "store_fixture.h"
@@ -50,10 +51,7 @@ class HistoryTest : public StoreTest {
             steps_.at(word)(words);
         }
     }
-    Getter& getter() {
-        getter_ = getter_ ? std::move(getter_) : store_->drain("Q");
-        return *getter_;
-    }
+    Getter& getter() { return *(getter_ = getter_ ? std::move(getter_) : store_->drain("Q")); }
     void expect_taken(const Texts& texts) {
         for (const std::string& text : texts) {
             ASSERT_EQ(take(getter()), text);
@@ -65,9 +63,8 @@ class HistoryTest : public StoreTest {
     }
     static Texts numbers(const Texts& first_and_count) {
         Texts texts(std::stoul(first_and_count.at(1)));
-        for (int at = std::stoi(first_and_count.at(0)); std::string & text : texts) {
-            text = std::to_string(at++);
-        }
+        std::ranges::generate(texts,
+                              [at = std::stoi(first_and_count.at(0))]() mutable { return std::to_string(at++); });
         return texts;
     }
     static std::string moved(std::string_view text) {
@@ -100,7 +97,8 @@ class HistoryTest : public StoreTest {
         {"drain", [&](const Texts& /*none*/) { store_->drain("Q"); }},
         {"define", [&](const Texts& /*none*/) { store_->queue_define("Q", ""); }},
         {"delete", [&](const Texts& /*none*/) { store_->queue_delete("Q", false); }},
-        {"purge", [&](const Texts& /*none*/) { store_->queue_delete("Q", true); }}};
+        {"purge", [&](const Texts& /*none*/) { store_->queue_delete("Q", true); }},
+        {"destroy", [&](const Texts& /*none*/) { store_->destroy(false); }}};
 };
 
 constexpr const char* kHistories[] = {
@@ -112,8 +110,10 @@ constexpr const char* kHistories[] = {
     "put 1 6, take 1 2, hold, move 2, too_large move 0, release 1, move 1, shown 5 6, dead m3 m4 m2",
     "put 1 2, take 1, invalid move 0, shown 1* 2",
     // A queue has one drainer, and is not deleted under it.
-    "put 1 2, take 1, busy drain, busy purge | busy drain, drainer parent | drainer self, take 2, close, drainer none",
+    "put 1 2, take 1, busy drain, busy purge | busy drain, busy destroy, drainer parent | drainer self, take 2, close, "
+    "drainer none",
     "put 1 2, exists define, busy delete, purge, not_found drain, define, take -, close, delete, not_found depth 0",
+    "put 1 1, busy destroy, purge, destroy, not_found depth 0",
     // Released ones stand where they stood, behind a drainer in the middle of a group or before it, and an idle drainer
     // looks for them, too.
     "put 1 9, take 1, hold, take 2 3, release 1, take 4, hold, take 1 5 6, release 1, shown 4 6* 7 8 9, commit,"

@@ -9,10 +9,6 @@
 namespace kvr {
 namespace {
 
-char* c(const char* text) {
-    return const_cast<char*>(text); // NOLINT: the operations write through none of them
-}
-
 class HostOpsTest : public StoreTest {
   protected:
     HostOpsTest() {
@@ -21,8 +17,8 @@ class HostOpsTest : public StoreTest {
         EXPECT_EQ(open("Q"), Errc{});
         got_.pOptData = &files_;
     }
-    Errc open(const char* name) { return Errc{KVR_QueOpen(context_.hQueDB, c(name), &handle_, 0)}; }
-    Errc close(T_KVR_QUE_OBJ_HANDLE handle) { return Errc{KVR_QueClose(context_.hQueDB, c("any"), handle, 0)}; }
+    Errc open(std::string name) { return Errc{KVR_QueOpen(context_.hQueDB, name.data(), &handle_, 0)}; }
+    Errc close(T_KVR_QUE_OBJ_HANDLE handle) { return Errc{KVR_QueClose(context_.hQueDB, nullptr, handle, 0)}; }
     Errc get(T_KVR_QUE_OBJ_HANDLE handle) {
         length_ = sizeof buffer_;
         return Errc{KVR_QueMsgGet(context_.hQueDB, handle, &got_, nullptr, buffer_, &length_)};
@@ -56,7 +52,7 @@ TEST_P(HostOpsTest, AHandleIsGoodUntilItsCloseWhichUsesUpUnlessTheMessageWasGive
     }
     context_.hQueDB = &length_;
     EXPECT_EQ(open("Q"), Errc::kNotOpen);
-    EXPECT_EQ(Errc{KVR_InitQmgrCtx(&context_, c("../QM"))}, Errc::kInvalid);
+    EXPECT_EQ(Errc{KVR_InitQmgrCtx(&context_, std::string("../QM").data())}, Errc::kInvalid);
 }
 
 TEST_P(HostOpsTest, DeadLetterPutTakesTheMessageAlongOrItIsHeld) {

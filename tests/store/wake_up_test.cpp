@@ -49,11 +49,10 @@ class WakeUpTest : public StoreTest {
 KVR_OVER_EVERY_ENGINE(WakeUpTest);
 
 TEST_P(WakeUpTest, APutOrAReleaseRightBeforeTheWaitEndsIt) {
-    for (const char* text : {"1", "2", "3"}) {
-        EXPECT_EQ(take_with([&] { put(text); }), text);
-    }
+    EXPECT_EQ(take_with([&] { put("1"); }), "1");
+    EXPECT_EQ(take_with([&] { put("2"); }), "2");
     getter_->hold("test");
-    EXPECT_EQ(take_with([&] { store_->release_held("Q"); }), "3");
+    EXPECT_EQ(take_with([&] { store_->release_held("Q"); }), "2");
 }
 
 TEST_P(WakeUpTest, ASignalRightBeforeTheWaitEndsItUnlessTheCallerHoldsIt) {
