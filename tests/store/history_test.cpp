@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 // What becomes of messages, as histories of the queue Q and its drainer. A step is a word and what belongs to it:
-//   put FIRST COUNT, take TEXT... (- for none), takes FIRST COUNT       hold, release COUNT, back, skip, commit, close
-//   instead QUEUE (a dead-letter put), move COUNT (of 3, to DEAD)       define, delete, purge, drain, destroy
-//   busy|exists|invalid|not_found|too_large STEP: its error             drainer self|parent|none
-//   shown TEXT..., dead TEXT... (on DEAD; ! held, * in hand), depth COUNT
+//   put FIRST COUNT, attach TEXT (put with a file), take TEXT... (- for none), takes FIRST COUNT       hold, release
+//   COUNT, back, skip, commit, close instead QUEUE (a dead-letter put), move COUNT (of 3, to DEAD)       define,
+//   delete, purge, drain, destroy busy|exists|invalid|not_found|too_large STEP: its error             drainer
+//   self|parent|none shown TEXT..., dead TEXT... (on DEAD; ! held, * in hand), depth COUNT
 // Between two bars stand the steps of another process, which is killed after them.
 #include <algorithm>
 #include <sstream>
@@ -80,6 +80,7 @@ class HistoryTest : public StoreTest {
                                              {"too_large", kTooLarge}};
     const std::map<std::string, std::function<void(const Texts&)>> steps_{
         {"put", [&](const Texts& words) { put_all(numbers(words)); }},
+        {"attach", [&](const Texts& words) { StoreTest::put(words.at(0), {"/f"}); }},
         {"takes", [&](const Texts& words) { expect_taken(numbers(words)); }},
         {"take", [&](const Texts& words) { expect_taken(words); }},
         {"shown", [&](const Texts& words) { EXPECT_EQ(shown(), words); }},
@@ -107,8 +108,8 @@ constexpr const char* kHistories[] = {
     "put 1 4, take 1 2, instead DEAD, shown 3 4, dead dead, take 3, not_found instead NONE, shown 3! 4",
     "put 1 3, take 1, hold, take 2, instead Q, shown 1! 3 dead, depth 3, invalid instead DEAD",
     // A move passes held messages and ends before one that is refused.
-    "put 1 6, take 1 2, hold, move 2, too_large move 0, release 1, move 1, shown 5 6, dead m3 m4 m2",
-    "put 1 2, take 1, invalid move 0, shown 1* 2",
+    "put 1 6, take 1 2, hold, close, move 2, too_large move 0, release 1, move 1, shown 5 6, dead m3 m4 m2",
+    "attach 1, put 2 1, move 2, dead m1& m2, put 1 2, take 1, invalid move 0, shown 1* 2",
     // A queue has one drainer, and is not deleted under it.
     "put 1 2, take 1, busy drain, busy purge | busy drain, busy destroy, drainer parent | drainer self, take 2, close, "
     "drainer none",

@@ -71,12 +71,12 @@ class StoreTest : public testing::TestWithParam<const char*> {
         }
         store_->put("Q", group);
     }
-    /// Texts as a browse shows them, held ones marked with '!', the one in hand with '*'.
+    /// Texts as a browse shows them, held ones marked with '!', the one in hand with '*', those with files with '&'.
     Texts shown(const std::string& queue = "Q") {
         Texts texts;
         store_->browse(queue, 0, [&](const StoredMessage& message) {
             texts.push_back(std::string(message.data.begin(), message.data.end()) + (message.held ? "!" : "") +
-                            (message.in_hand ? "*" : ""));
+                            (message.in_hand ? "*" : "") + (message.attachments.empty() ? "" : "&"));
             return true;
         });
         return texts;

@@ -9,6 +9,7 @@
 
 namespace {
 
+pollfd g_waits_for{};                ///< what the drainer is about to wait for
 std::function<void()> g_before_wait; ///< runs once between the drainer's last look and its wait
 std::function<void()> g_in_flush;    ///< runs once in the next flush
 volatile std::sig_atomic_t g_handled = 0;
@@ -23,6 +24,7 @@ void run_once(std::function<void()>& act) {
 
 extern "C" KVR_EXPORT int ppoll(pollfd* fds, nfds_t count, const timespec* /*timeout*/, const sigset_t* mask) {
     static const auto real = reinterpret_cast<decltype(&ppoll)>(::dlsym(RTLD_NEXT, "ppoll")); // NOLINT
+    g_waits_for = *fds;
     run_once(g_before_wait);
     return real(fds, count, nullptr, mask);
 }
@@ -49,7 +51,12 @@ class WakeUpTest : public StoreTest {
 KVR_OVER_EVERY_ENGINE(WakeUpTest);
 
 TEST_P(WakeUpTest, APutOrAReleaseRightBeforeTheWaitEndsIt) {
-    EXPECT_EQ(take_with([&] { put("1"); }), "1");
+    store_->change_settings({{"sync", "on"}});
+    const auto put_and_look = [&] {
+        g_in_flush = [] { EXPECT_EQ(::poll(&g_waits_for, 1, 0), 0) << "woken before the message is there"; };
+        put("1");
+    };
+    EXPECT_EQ(take_with(put_and_look), "1");
     EXPECT_EQ(take_with([&] { put("2"); }), "2");
     getter_->hold("test");
     EXPECT_EQ(take_with([&] { store_->release_held("Q"); }), "2");
