@@ -71,6 +71,7 @@ class History {
     void run();
     /// Stops the worker by one SIGTERM, and looks what it leaves.
     void stop();
+    void stop_at_rest() { quiet(), stop(); }
     /// Kills one of them, which may have ended by itself with status 0.
     static void kill(std::optional<Child>& child);
     [[nodiscard]] std::vector<pid_t> watchers() const { return children_of(worker->pid()); }
@@ -96,7 +97,6 @@ class History {
   private:
     void recover();
     void collect();
-    [[nodiscard]] Cost spent();
     Cost judge(const Cost& allowed);
     void judge_processes();
 
