@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 
@@ -39,7 +40,9 @@ class TemporaryFolder {
 
 inline std::string contents(const std::filesystem::path& path) {
     std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::ostringstream text;
+    text << file.rdbuf(); // an iterator would throw when a process ends under its file of /proc
+    return text.str();
 }
 
 inline std::set<std::string> names_in(const std::filesystem::path& folder) {
