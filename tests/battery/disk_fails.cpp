@@ -1,22 +1,20 @@
 // SPDX-License-Identifier: MIT
 // Preloaded into the programs of a history: makes pauses and the alarm of one second short, and the disk fail while the
 // file that KVR_TROUBLE names exists. It holds "CALL ERROR ONE_IN [MILLISECONDS]": one in so many calls that change
-// plain files fails with that number, by chance and after that time; CALL is write, fsync, linkat, open or any. With
-// ERROR 0 it only takes the time.
+// plain files fails with that number, by chance and after that time; CALL is write, fsync, linkat or any. With ERROR 0
+// it only takes the time.
 //
 // Or it holds what becomes of one write of a store's head page, which takes the file away: "head", it fails; "told", it
 // is done and told to have failed, and the one that puts the old head back fails.
 #include <array>
-#include <atomic>
 #include <cerrno>
-#include <cstdarg>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
+#include <random>
+#include <string_view>
+#include <utility>
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -38,31 +36,26 @@ struct Trouble {
     int error = 0;
     unsigned one_in = 1;
     unsigned milliseconds = 0;
+
+    [[nodiscard]] bool is(std::string_view name) const { return name == call.data(); }
 };
 
 const char* file_of_trouble() {
     return std::getenv("KVR_TROUBLE"); // NOLINT(concurrency-mt-unsafe): nobody changes it
 }
 
-/// By system calls of its own: open and write are among those that fail.
 Trouble read_trouble() {
+    const int before = errno;
     Trouble trouble;
     std::array<char, 64> text{};
-    const auto fd = static_cast<int>(::syscall(SYS_openat, AT_FDCWD, file_of_trouble(), O_RDONLY | O_CLOEXEC));
-    if (fd >= 0 && ::read(fd, text.data(), text.size() - 1) > 0) {
+    const int fd = ::open(file_of_trouble(), O_RDONLY | O_CLOEXEC);
+    if (::read(fd, text.data(), text.size() - 1) > 0) {
         (void)std::sscanf(text.data(), "%7s %d %u %u", trouble.call.data(), &trouble.error, &trouble.one_in,
                           &trouble.milliseconds);
     }
     ::close(fd);
+    errno = before;
     return trouble;
-}
-
-bool is_unlucky(unsigned one_in) {
-    static std::atomic<std::uint64_t> state{static_cast<std::uint64_t>(::getpid())};
-    std::uint64_t x = state += 0x9E3779B97F4A7C15U; // splitmix64
-    x = (x ^ (x >> 30U)) * 0xBF58476D1CE4E5B9U;
-    x = (x ^ (x >> 27U)) * 0x94D049BB133111EBU;
-    return (x ^ (x >> 31U)) % one_in == 0;
 }
 
 void pause_for(unsigned milliseconds) {
@@ -70,51 +63,39 @@ void pause_for(unsigned milliseconds) {
     (void)::nanosleep(&time, nullptr);
 }
 
-/// Whether this call fails; errno says why.
-bool fails(const char* call) {
-    const int before = errno;
+/// Whether this call fails; errno says why. The program's own words and its sockets stay.
+bool fails(const char* call, int fd) {
+    thread_local std::minstd_rand luck(static_cast<unsigned>(::gettid()));
+    struct stat status {};
+    if (fd <= STDERR_FILENO || ::fstat(fd, &status) != 0 || !(S_ISREG(status.st_mode) || S_ISDIR(status.st_mode))) {
+        return false;
+    }
     const Trouble trouble = read_trouble();
-    errno = before;
-    if (std::strcmp(trouble.call.data(), call) != 0 && std::strcmp(trouble.call.data(), "any") != 0) {
+    if (!trouble.is(call) && !trouble.is("any")) {
         return false;
     }
     pause_for(trouble.milliseconds);
-    errno = trouble.error == 0 ? before : trouble.error;
-    return trouble.error != 0 && is_unlucky(trouble.one_in);
-}
-
-/// The program's own words and its sockets stay.
-bool fails_on(const char* call, int fd) {
-    struct stat status {};
-    return fd > STDERR_FILENO && ::fstat(fd, &status) == 0 && (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode)) &&
-           fails(call);
-}
-
-template <class Call>
-Call next(Call /*type*/, const char* name) {
-    return reinterpret_cast<Call>(dlsym(RTLD_NEXT, name)); // NOLINT: so dlsym is used
+    errno = trouble.error;
+    return trouble.error != 0 && luck() % trouble.one_in == 0;
 }
 
 /// Whether this write of a head page is to fail, done or not.
 bool head_fails(int fd, const void* data, size_t size, off_t at) {
     static bool puts_back = false;
-    if (puts_back) {
-        puts_back = false;
+    errno = EIO;
+    if (std::exchange(puts_back, false)) {
         return true;
     }
     const Trouble trouble = read_trouble();
-    const bool fails_undone = std::strcmp(trouble.call.data(), "head") == 0;
-    puts_back = std::strcmp(trouble.call.data(), "told") == 0;
-    return (fails_undone || (puts_back && next(&pwrite, "pwrite")(fd, data, size, at) >= 0)) &&
+    puts_back = trouble.is("told");
+    return (trouble.is("head") || (puts_back && ::syscall(SYS_pwrite64, fd, data, size, at) >= 0)) &&
            ::unlink(file_of_trouble()) == 0;
 }
 
-bool fails_to_open(int flags) {
-    return (flags & O_ACCMODE) != O_RDONLY && fails("open");
-}
-
-mode_t mode_of(int flags, va_list arguments) {
-    return (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+/// The call itself, unless it fails.
+template <class... Arguments>
+long pass_on(bool has_failed, long number, Arguments... arguments) {
+    return has_failed ? -1 : ::syscall(number, arguments...);
 }
 
 } // namespace
@@ -124,44 +105,26 @@ KVR_REPLACES unsigned sleep(unsigned seconds) {
     return 0;
 }
 KVR_REPLACES unsigned alarm(unsigned seconds) noexcept {
-    const itimerval limit{{0, 0},
-                          {seconds == 1 ? 0 : static_cast<time_t>(seconds), seconds == 1 ? kPauseMs * 1000 : 0}};
+    const itimerval limit{{0, 0}, {seconds == 1 ? 0 : time_t{seconds}, seconds == 1 ? kPauseMs * 1000 : 0}};
     ::setitimer(ITIMER_REAL, &limit, nullptr);
     return 0;
 }
 KVR_REPLACES int fdatasync(int fd) {
-    return fails_on("fsync", fd) ? -1 : next(&fdatasync, "fdatasync")(fd);
+    return static_cast<int>(pass_on(fails("fsync", fd), SYS_fdatasync, fd));
 }
 KVR_REPLACES int fsync(int fd) {
-    return fails_on("fsync", fd) ? -1 : next(&fsync, "fsync")(fd);
+    return static_cast<int>(pass_on(fails("fsync", fd), SYS_fsync, fd));
 }
 KVR_REPLACES ssize_t write(int fd, const void* bytes, size_t count) {
-    return fails_on("write", fd) ? -1 : next(&write, "write")(fd, bytes, count);
+    return pass_on(fails("write", fd), SYS_write, fd, bytes, count);
 }
 KVR_REPLACES ssize_t writev(int fd, const iovec* pieces, int count) {
-    return fails_on("write", fd) ? -1 : next(&writev, "writev")(fd, pieces, count);
+    return pass_on(fails("write", fd), SYS_writev, fd, pieces, count);
 }
 KVR_REPLACES ssize_t pwrite(int fd, const void* bytes, size_t count, off_t at) {
-    if (at < kEndOfHeads && head_fails(fd, bytes, count, at)) {
-        errno = EIO;
-        return -1;
-    }
-    return fails_on("write", fd) ? -1 : next(&pwrite, "pwrite")(fd, bytes, count, at);
+    const bool has_failed = (at < kEndOfHeads && head_fails(fd, bytes, count, at)) || fails("write", fd);
+    return pass_on(has_failed, SYS_pwrite64, fd, bytes, count, at);
 }
-KVR_REPLACES int linkat(int from_fd, const char* from, int to_fd, const char* to, int flags) {
-    return fails("linkat") ? -1 : next(&linkat, "linkat")(from_fd, from, to_fd, to, flags);
-}
-KVR_REPLACES int open(const char* path, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    const mode_t mode = mode_of(flags, arguments);
-    va_end(arguments);
-    return fails_to_open(flags) ? -1 : next(&open, "open")(path, flags, mode);
-}
-KVR_REPLACES int openat(int folder, const char* path, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    const mode_t mode = mode_of(flags, arguments);
-    va_end(arguments);
-    return fails_to_open(flags) ? -1 : next(&openat, "openat")(folder, path, flags, mode);
+KVR_REPLACES int linkat(int from_fd, const char* from, int to_fd, const char* to, int flags) noexcept {
+    return static_cast<int>(pass_on(fails("linkat", from_fd), SYS_linkat, from_fd, from, to_fd, to, flags));
 }

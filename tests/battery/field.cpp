@@ -2,41 +2,20 @@
 #include "field.h"
 
 #include <algorithm>
-#include <charconv>
-#include <chrono>
-#include <fstream>
-#include <stdexcept>
-#include <thread>
+#include <iterator>
 
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <unistd.h>
+
+#include "kavutil/unique_fd.h"
 
 namespace kvr::test {
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr auto kAwait = std::chrono::seconds(60);
-constexpr auto kLookAgain = std::chrono::milliseconds(2);
 constexpr int kCannotRun = 127;
-
-fs::path new_folder(const fs::path& where) {
-    std::string name = (where / "kvr-battery.XXXXXX").native();
-    if (::mkdtemp(name.data()) == nullptr) {
-        throw std::runtime_error("no temporary folder");
-    }
-    return name;
-}
-
-std::shared_ptr<Store> make_qmgr(const fs::path& folder, const char* name) {
-    Store::create(folder, name, Settings{});
-    auto store = Store::open(folder);
-    store->queue_define(kDeadQueue, "");
-    store->object_add("QMGR", "QMGR", {{"DEADQ", kDeadQueue}});
-    return store;
-}
 
 /// Mounts of this process are nobody else's business, and end with it.
 bool has_own_mounts() {
@@ -45,38 +24,50 @@ bool has_own_mounts() {
     return own;
 }
 
-fs::path folder_in(const fs::path& home, const char* name) {
-    fs::create_directory(home / name);
-    return home / name;
+std::shared_ptr<Store> make_qmgr(const fs::path& folder, const char* queue) {
+    Store::create(folder, folder.filename(), Settings{});
+    auto store = Store::open(folder);
+    store->queue_define(queue, "");
+    store->queue_define(kDeadQueue, "");
+    store->object_add("QMGR", "QMGR", {{"DEADQ", kDeadQueue}});
+    return store;
 }
 
-std::vector<pid_t> processes(const std::function<bool(const fs::path&)>& wanted) {
+Words split(const std::string& line) {
+    std::istringstream words(line);
+    return {std::istream_iterator<std::string>(words), {}};
+}
+
+std::vector<pid_t> processes(const std::function<bool(pid_t)>& wanted) {
     std::vector<pid_t> found;
-    for (const auto& entry : fs::directory_iterator("/proc")) {
-        const std::string name = entry.path().filename();
-        pid_t pid = 0;
-        if (std::from_chars(name.data(), name.data() + name.size(), pid).ec == std::errc{} && wanted(entry.path())) {
-            found.push_back(pid);
+    for (const std::string& name : names_in("/proc")) {
+        if (name.find_first_not_of("0123456789") == name.npos && wanted(std::stoi(name))) {
+            found.push_back(std::stoi(name));
         }
     }
     return found;
 }
 
+std::string proc(pid_t pid, const char* file) {
+    return "/proc/" + std::to_string(pid) + "/" + file;
+}
+
 } // namespace
 
 void await(const std::string& what, const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + kAwait;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            throw std::runtime_error("waited in vain for " + what);
-        }
-        std::this_thread::sleep_for(kLookAgain);
+    if (!wait_until(condition)) {
+        throw std::runtime_error("waited in vain for " + what);
     }
 }
 
-Disk::Disk(fs::path folder)
-    : folder_(std::move(folder)), mounted_(!folder_.empty() && has_own_mounts() &&
-                                           ::mount("tmpfs", folder_.c_str(), "tmpfs", 0, "size=2g,mode=711") == 0) {}
+Disk::Disk(fs::path folder, bool own) : folder_(std::move(folder)) {
+    fs::create_directory(folder_);
+    mounted_ = own && has_own_mounts() && ::mount("tmpfs", folder_.c_str(), "tmpfs", 0, "size=2g,mode=711") == 0;
+}
+
+Disk::~Disk() {
+    (void)(mounted_ && ::umount2(folder_.c_str(), MNT_DETACH) == 0);
+}
 
 void Disk::leave(std::uint64_t bytes) const {
     const auto space = fs::space(folder_);
@@ -86,21 +77,12 @@ void Disk::leave(std::uint64_t bytes) const {
     }
 }
 
-void Disk::give_back() const {
-    leave(1U << 30U);
-}
-
 Field::Field(Carrier carrier, bool exact, const fs::path& where)
-    : home_(new_folder(where)), carrier_(carrier), exact_(exact),
-      senders_disk_(exact ? fs::path() : folder_in(home_, "sender")),
-      receivers_disk_(exact ? fs::path() : folder_in(home_, "receiver")) {
-    for (const char* folder : {"files", "sender", "receiver", "receiver/spool"}) {
-        fs::create_directory(home_ / folder);
-    }
-    sender_ = make_qmgr(qmgr(kSender), kSender);
-    receiver_ = make_qmgr(qmgr(kReceiver), kReceiver);
-    sender_->queue_define(kXmitQueue, "");
-    receiver_->queue_define(kTarget, "");
+    : home_(where), carrier_(carrier), exact_(exact), senders_disk_(home() / "sender", !exact),
+      receivers_disk_(home() / "receiver", !exact), sender_(make_qmgr(qmgr(kSender), kXmitQueue)),
+      receiver_(make_qmgr(qmgr(kReceiver), kTarget)) {
+    fs::create_directory(home() / "files");
+    fs::create_directory(spool());
     sender_->object_add("CHL", kChannel,
                         {{"XMITQ", kXmitQueue},
                          {"CHLTYPE", "SNDR"},
@@ -119,26 +101,18 @@ Field::Field(Carrier carrier, bool exact, const fs::path& where)
 }
 
 Field::~Field() {
-    sender_.reset();
-    receiver_.reset();
-    std::error_code ignored;
-    for (const char* disk : {"sender", "receiver"}) {
-        (void)::umount2((home_ / disk).c_str(), MNT_DETACH);
-    }
     if (::testing::Test::HasFailure()) {
-        std::fprintf(stderr, "log, out and journal are left in %s\n", home_.c_str());
-        return;
+        home_.keep();
+        std::fprintf(stderr, "log, out and journal are left in %s\n", home().c_str());
     }
-    fs::remove_all(home_, ignored);
 }
 
 fs::path Field::qmgr(const char* name) const {
-    return home_ / (std::string(name) == kSender ? "sender" : "receiver") / name;
+    return home() / (std::string(name) == kSender ? "sender" : "receiver") / name;
 }
 
 Child Field::start(const char* qmgr_name, const Words& words, const std::string& who) {
-    const fs::path folder = qmgr(qmgr_name);
-    Words all{"--home", folder.parent_path().native(), "--qmgr", folder.filename().native()};
+    Words all{"--home", qmgr(qmgr_name).parent_path(), "--qmgr", qmgr_name};
     all.insert(all.end(), words.begin(), words.end());
     return start(all, who);
 }
@@ -149,76 +123,56 @@ Child Field::start(Words words, const std::string& who) {
         words.insert(words.begin(), {"/bin/bash", "-c", prelude_ + " \"$0\" \"$@\""});
     }
     std::vector<char*> argv;
-    for (std::string& word : words) {
-        argv.push_back(word.data());
-    }
+    std::ranges::transform(words, std::back_inserter(argv), [](std::string& word) { return word.data(); });
     argv.push_back(nullptr);
     return Child::fork_off([&] {
         if (!exact_) {
             (void)::setenv("LD_PRELOAD", KVR_DISK_FAILS, 1);
-            (void)::setenv("KVR_TROUBLE", (home_ / ("trouble." + who)).c_str(), 1);
+            (void)::setenv("KVR_TROUBLE", trouble_of(who).c_str(), 1);
         }
-        const int out = ::open((home_ / "out").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-        const int in = ::open("/dev/null", O_RDONLY);
-        ::dup2(in, STDIN_FILENO);
-        ::dup2(out, STDOUT_FILENO);
-        ::dup2(out, STDERR_FILENO);
-        ::close(in);
-        ::close(out);
+        const UniqueFd in(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+        const UniqueFd out(::open((home() / "out").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+        ::dup2(in.get(), STDIN_FILENO);
+        ::dup2(out.get(), STDOUT_FILENO);
+        ::dup2(out.get(), STDERR_FILENO);
         ::execv(argv[0], argv.data());
         return kCannotRun;
     });
 }
 
 Child Field::listen(const Words& options) {
-    const fs::path port_file = home_ / "port";
+    const fs::path port_file = home() / "port";
     fs::remove(port_file);
-    Words words{"listen",
-                "--bind",
-                "127.0.0.1",
-                "--port",
-                std::to_string(port_),
-                "--port-file",
-                port_file.native(),
-                "--journal",
-                (home_ / "journal").native()};
+    std::string line = "listen --bind 127.0.0.1 --port " + std::to_string(port_) + " --port-file " +
+                       port_file.native() + " --journal " + (home() / "journal").native();
     if (std::ranges::find(options, "--discard") == options.end()) {
-        words.insert(words.end(), {"--spool", spool().native()});
+        line += " --spool " + spool().native();
     }
     if (carrier_ != Carrier::kPlain) {
-        words.insert(words.end(),
-                     {"--tls", "--cert", identity_.cert_file, "--key", identity_.key_file, "--tls-max",
-                      carrier_ == Carrier::kTls12 ? "1.2" : "1.3", "--tls-tickets", "2", "--tls-late-ticket", "50"});
+        line += " --tls --cert " + identity_.cert_file + " --key " + identity_.key_file + " --tls-max " +
+                (carrier_ == Carrier::kTls12 ? "1.2" : "1.3") + " --tls-tickets 2 --tls-late-ticket 50";
     }
+    Words words = split(line);
     words.insert(words.end(), options.begin(), options.end());
     Child child = start(kReceiver, words, "listener");
-    await("the listener's port", [&] {
-        const std::string text = contents(port_file);
-        return text.find('\n') != std::string::npos &&
-               std::from_chars(text.data(), text.data() + text.size(), port_).ec == std::errc{};
-    });
+    await("the listener's port", [&] { return contents(port_file).ends_with('\n'); });
+    port_ = std::stoi(contents(port_file));
     point_at(port_);
     return child;
 }
 
 Child Field::run_channel() {
-    return start(kSender,
-                 {"run", kChannel, "--plugin", KVR_PLUGIN, "--log-file", (home_ / "log").native(), "--log-level", "5"},
+    return start(kSender, {"run", kChannel, "--plugin", KVR_PLUGIN, "--log-file", home() / "log", "--log-level", "5"},
                  "worker");
 }
 
 void Field::trouble(const std::string& who, const std::string& what) const {
-    const fs::path file = home_ / ("trouble." + who);
     if (what.empty()) {
-        fs::remove(file);
+        fs::remove(trouble_of(who));
         return;
     }
-    std::ofstream(file.native() + ".new") << what;
-    fs::rename(file.native() + ".new", file);
-}
-
-bool Field::troubled(const std::string& who) const {
-    return fs::exists(home_ / ("trouble." + who));
+    std::ofstream(trouble_of("new")) << what;
+    fs::rename(trouble_of("new"), trouble_of(who));
 }
 
 std::string Field::status(const std::string& attribute) {
@@ -229,36 +183,12 @@ std::string Field::status(const std::string& attribute) {
     }
 }
 
-std::string Field::text(const char* file, std::size_t from) const {
-    std::ifstream stream(home_ / file, std::ios::binary);
-    stream.seekg(static_cast<std::streamoff>(from));
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
-
-std::size_t Field::count(const char* file, const std::string& wanted, std::size_t from) const {
-    const std::string all = text(file, from);
-    std::size_t count = 0;
-    for (std::size_t at = all.find(wanted); at != std::string::npos; at = all.find(wanted, at + wanted.size())) {
-        ++count;
-    }
-    return count;
-}
-
-std::size_t Field::journalled(const std::string& event) const {
-    return count("journal", "\"event\":\"" + event + '"');
-}
-
 std::uint64_t cut_window() {
-    std::uint64_t window = 0;
-    for (const char* name : {"/proc/sys/net/ipv4/tcp_wmem", "/proc/sys/net/ipv4/tcp_rmem"}) {
-        std::ifstream stream(name);
-        std::uint64_t least = 0;
-        std::uint64_t usual = 0;
-        std::uint64_t greatest = 0;
-        stream >> least >> usual >> greatest;
-        window += greatest;
-    }
-    return window;
+    const auto greatest = [](const char* setting) {
+        const std::string three = contents(fs::path("/proc/sys/net/ipv4") / setting);
+        return std::stoull(three.substr(three.rfind('\t')));
+    };
+    return greatest("tcp_wmem") + greatest("tcp_rmem");
 }
 
 bool has_ended(const Child& child) {
@@ -267,32 +197,21 @@ bool has_ended(const Child& child) {
 }
 
 std::vector<pid_t> processes_with(const std::string& text) {
-    return processes([&](const fs::path& folder) { return contents(folder / "cmdline").find(text) != text.npos; });
+    return processes([&](pid_t each) { return contents(proc(each, "cmdline")).find(text) != text.npos; });
 }
 
 std::vector<pid_t> children_of(pid_t pid) {
-    return processes([&](const fs::path& folder) {
-        const std::string stat = contents(folder / "stat");
-        const std::size_t end = stat.rfind(')');
-        std::istringstream rest(end == std::string::npos ? "" : stat.substr(end + 1));
-        char state = 0;
-        pid_t parent = 0;
-        return rest >> state >> parent && parent == pid;
-    });
+    return processes([&](pid_t each) { return memory_of(each, "PPid") == static_cast<std::uint64_t>(pid); });
 }
 
 std::size_t descriptors_of(pid_t pid) {
-    return names_in("/proc/" + std::to_string(pid) + "/fd").size();
+    return names_in(proc(pid, "fd")).size();
 }
 
 std::uint64_t memory_of(pid_t pid, const std::string& figure) {
-    std::ifstream stream("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(stream, line);) {
-        if (line.rfind(figure + ":", 0) == 0) {
-            return std::stoull(line.substr(figure.size() + 1));
-        }
-    }
-    return 0;
+    const std::string all = contents(proc(pid, "status"));
+    const std::size_t at = all.find("\n" + figure + ":");
+    return at == all.npos ? 0 : std::stoull(all.substr(at + figure.size() + 2));
 }
 
 } // namespace kvr::test

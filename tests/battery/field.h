@@ -3,18 +3,10 @@
 // own, and real processes between them. Every wait ends with an event, or throws at its deadline.
 #pragma once
 
-#include <cstdint>
-#include <filesystem>
-#include <functional>
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "host/children.h"
 #include "store/store.h"
 #include "support/folder.h"
 #include "support/peer.h"
-#include "support/tls_material.h"
 
 namespace kvr::test {
 
@@ -30,14 +22,18 @@ using Words = std::vector<std::string>;
 /// Asks until it holds; throws, naming `what`, when the deadline passes.
 void await(const std::string& what, const std::function<bool()>& condition);
 
-/// A folder that is a file system of its own where the system lets us mount one; it ends with the test's process.
+/// A folder that is a file system of its own where that is wanted and the system lets us mount one.
 class Disk {
   public:
-    explicit Disk(std::filesystem::path folder);
+    Disk(std::filesystem::path folder, bool own);
+    ~Disk();
+    Disk(const Disk&) = delete;
+    Disk& operator=(const Disk&) = delete;
+
     [[nodiscard]] bool mounted() const { return mounted_; }
     /// Free are so many bytes from now on.
     void leave(std::uint64_t bytes) const;
-    void give_back() const;
+    void give_back() const { leave(1U << 30U); }
 
   private:
     std::filesystem::path folder_;
@@ -54,8 +50,8 @@ class Field {
     Field(const Field&) = delete;
     Field& operator=(const Field&) = delete;
 
-    [[nodiscard]] const std::filesystem::path& home() const { return home_; }
-    [[nodiscard]] std::filesystem::path spool() const { return home_ / "receiver" / "spool"; }
+    [[nodiscard]] const std::filesystem::path& home() const { return home_.path(); }
+    [[nodiscard]] std::filesystem::path spool() const { return home() / "receiver" / "spool"; }
     [[nodiscard]] std::filesystem::path qmgr(const char* name) const;
     [[nodiscard]] Store& sender() { return *sender_; }
     [[nodiscard]] Store& receiver() { return *receiver_; }
@@ -84,19 +80,28 @@ class Field {
     /// From now on calls of that program fail as disk_fails.cpp reads it; empty: none.
     void trouble(const std::string& who, const std::string& what) const;
     /// Whether that trouble has not come or still lasts.
-    [[nodiscard]] bool troubled(const std::string& who) const;
+    [[nodiscard]] bool troubled(const std::string& who) const { return std::filesystem::exists(trouble_of(who)); }
 
+    /// Of the channel; empty before its first start.
     [[nodiscard]] std::string status(const std::string& attribute = "STATUS");
     /// A file of the home from a place on: "log" of the worker, "journal" of the listener, "out" of all programs.
-    [[nodiscard]] std::string text(const char* file, std::size_t from = 0) const;
+    [[nodiscard]] std::string text(const char* file, std::size_t from = 0) const {
+        return contents(home() / file, from);
+    }
     /// How often something stands there.
-    [[nodiscard]] std::size_t count(const char* file, const std::string& text, std::size_t from = 0) const;
-    [[nodiscard]] std::size_t journalled(const std::string& event) const;
+    [[nodiscard]] std::size_t count(const char* file, const std::string& wanted, std::size_t from = 0) const {
+        return occurrences(text(file, from), wanted);
+    }
+    [[nodiscard]] std::size_t journalled(const std::string& event) const {
+        return count("journal", "\"event\":\"" + event + '"');
+    }
     [[nodiscard]] std::uint64_t depth(const char* queue = kXmitQueue) { return sender_->queue_info(queue).depth; }
     [[nodiscard]] std::uint64_t arrived() { return receiver_->queue_info(kTarget).depth; }
 
   private:
-    std::filesystem::path home_;
+    [[nodiscard]] std::filesystem::path trouble_of(const std::string& who) const { return home() / ("trouble." + who); }
+
+    TemporaryFolder home_;
     Carrier carrier_;
     bool exact_;
     TlsIdentity identity_ = tls_material().server;
@@ -117,7 +122,7 @@ std::vector<pid_t> processes_with(const std::string& text);
 /// Processes whose parent is `pid` (zombies included).
 std::vector<pid_t> children_of(pid_t pid);
 std::size_t descriptors_of(pid_t pid);
-/// A figure of /proc/PID/status in KiB ("RssAnon").
+/// A figure of /proc/PID/status, memory in KiB ("RssAnon"); 0 when it has none.
 std::uint64_t memory_of(pid_t pid, const std::string& figure);
 
 } // namespace kvr::test

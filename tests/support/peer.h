@@ -19,7 +19,7 @@
 namespace kvr::test {
 
 /// No wait of a test lasts longer; reaching it is a failure.
-inline constexpr int kDeadlineSeconds = 20;
+inline constexpr int kDeadlineSeconds = 60;
 
 /// Asks again and again until the condition holds; false when the deadline passed first.
 [[nodiscard]] bool wait_until(const std::function<bool()>& condition);
