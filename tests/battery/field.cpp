@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <sstream>
 
 #include <fcntl.h>
 #include <sched.h>

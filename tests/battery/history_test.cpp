@@ -9,6 +9,7 @@
 #include <chrono>
 #include <fstream>
 #include <random>
+#include <sstream>
 
 #include <fmt/format.h>
 

@@ -6,6 +6,7 @@
 #include <functional>
 #include <latch>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -26,6 +27,10 @@ inline constexpr int kDeadlineSeconds = 60;
 
 enum class Carrier { kPlain, kTls12, kTls13 };
 const char* carrier_name(Carrier carrier);
+/// In the names of tests.
+inline void PrintTo(Carrier carrier, std::ostream* out) {
+    *out << carrier_name(carrier);
+}
 
 struct PeerOptions {
     Carrier carrier = Carrier::kPlain;
