@@ -16,6 +16,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr int kAwaitSeconds = 60;
 constexpr int kCannotRun = 127;
 
 /// Mounts of this process are nobody else's business, and end with it.
@@ -56,7 +57,7 @@ std::string proc(pid_t pid, const char* file) {
 } // namespace
 
 void await(const std::string& what, const std::function<bool()>& condition) {
-    if (!wait_until(condition)) {
+    if (!wait_until(condition, kAwaitSeconds)) {
         throw std::runtime_error("waited in vain for " + what);
     }
 }

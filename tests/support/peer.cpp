@@ -40,7 +40,7 @@ std::shared_ptr<SSL_CTX> make_context(const PeerOptions& options) {
 
 } // namespace
 
-bool wait_until(const std::function<bool()>& condition) {
+bool wait_until(const std::function<bool()>& condition, int seconds) {
     for (int looks = 0; !condition(); looks++) {
         if (looks == kDeadlineSeconds * 1000) {
             return false;
