@@ -42,7 +42,7 @@ std::shared_ptr<SSL_CTX> make_context(const PeerOptions& options) {
 
 bool wait_until(const std::function<bool()>& condition, int seconds) {
     for (int looks = 0; !condition(); looks++) {
-        if (looks == kDeadlineSeconds * 1000) {
+        if (looks == seconds * 1000) {
             return false;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
