@@ -20,15 +20,14 @@ constexpr std::size_t kBindFrame = 78;
 constexpr char kHere[] = "here"; ///< connection name that stands for the receiver's
 
 /// Replaces ids and ports, which differ from run to run, by their names.
-std::string named(std::string text, const std::map<long, std::string>& names) {
-    for (const std::string before : {"127.0.0.1:", "127.0.0.1(", "REMOTEPORT=", "LOCALPORT=", "PID=", "abort[",
-                                     "Exist(", "Proc(", "MonPid[", "waitpid "}) {
+std::string named(std::string text, const std::map<std::string, std::string>& names) {
+    for (const std::string before :
+         {"127.0.0.1:", "127.0.0.1(", "PORT=", "PID=", "abort[", "Exist(", "Proc(", "waitpid "}) {
         for (size_t at = 0; (at = text.find(before, at)) != std::string::npos;) {
             at += before.size();
-            char* end = nullptr;
-            const auto name = names.find(strtol(&text[at], &end, 10));
-            if (name != names.end()) {
-                text.replace(at, static_cast<size_t>(end - &text[at]), name->second);
+            const size_t size = std::min(text.find_first_not_of("0123456789", at), text.size()) - at;
+            if (const auto name = names.find(text.substr(at, size)); name != names.end()) {
+                text.replace(at, size, name->second);
             }
         }
     }
@@ -153,8 +152,8 @@ Lines Result::lines(const std::string& kinds, pid_t of) const {
 }
 
 int Result::count(const std::string& text) const {
-    return static_cast<int>(std::count_if(trace.begin(), trace.end(),
-                                          [&](const Entry& e) { return e.text.find(text) != std::string::npos; }));
+    return static_cast<int>(
+        std::ranges::count_if(trace, [&](const Entry& e) { return e.text.find(text) != std::string::npos; }));
 }
 
 std::string Result::dump() const {
@@ -194,10 +193,10 @@ ChannelTest::ChannelTest() {
 
 Result ChannelTest::run(const std::function<void()>& body) {
     Result result;
-    std::map<long, std::string> names;
+    std::map<std::string, std::string> names;
     trace_reset();
     std::optional<Peer> peer(std::in_place, receiver_, [&](PeerConnection& connection) {
-        names[connection.port()] = "PORT" + std::to_string(result.conns.size() + 1);
+        names[std::to_string(connection.port())] = "PORT" + std::to_string(result.conns.size() + 1);
         result.conns.push_back(connection.read(cues_.empty() ? 0 : kBindFrame));
         for (const Cue& cue : std::exchange(cues_, {})) {
             wait_for(cue.after);
@@ -229,7 +228,7 @@ Result ChannelTest::run(const std::function<void()>& body) {
     for (const Entry& e : trace_entries()) {
         if (e.kind == kChild) {
             result.watchers.push_back(std::stoi(e.text));
-            names[result.watchers.back()] = "W" + std::to_string(result.watchers.size());
+            names[e.text] = "W" + std::to_string(result.watchers.size());
             kill(result.watchers.back(), SIGCONT); // a case may have stopped its watcher
         }
     }
@@ -238,8 +237,8 @@ Result ChannelTest::run(const std::function<void()>& body) {
     peer.reset(); // the receiver has seen the end of every connection
     host().get.clear();
     host().hooks.clear();
-    names[port] = "PORT";
-    names[result.pid] = "PID";
+    names[std::to_string(port)] = "PORT";
+    names[std::to_string(result.pid)] = "PID";
     result.trace = trace_entries();
     for (Entry& e : result.trace) {
         e.text = named(e.text, names);
@@ -266,8 +265,8 @@ Result ChannelTest::run_messages(const std::vector<Message>& msgs) {
 void ChannelTest::use_tls(Carrier carrier) {
     chl()["SSLCAUTH"] = "ENABLE";
     qmgr() = {{"CAFILE", tls_material().ca_file},
-              {"CERTFILE", tls_material().encrypted_client.cert_file},
-              {"KEYFILE", tls_material().encrypted_client.key_file},
+              {"CERTFILE", tls_material().client.cert_file},
+              {"KEYFILE", tls_material().client.key_file},
               {"KEYPASS", kKeyPass},
               {"DEADQ", "DLQ"}};
     receiver_.carrier = carrier;

@@ -47,8 +47,8 @@ std::string key(const char* cls, const char* name) {
     return std::string(cls) + " " + name;
 }
 
-constexpr Row operation(const char* name, const char* told) {
-    return {.name = name, .errors = {EIO}, .told = told, .failed = kHostError, .kind = kHost, .own = true};
+constexpr Row operation(const char* name, const char* told, const std::array<int, 5>& errors = {EIO}) {
+    return {.name = name, .errors = errors, .told = told, .failed = kHostError, .kind = kHost, .own = true};
 }
 
 /// `good` false: it is not to be called so.
@@ -251,11 +251,7 @@ int KVR_QueClose(void* hQueDB, char* psName, void* hObj, int iOpt) {
 }
 
 int KVR_QueMsgGet(void* hQueDB, void* hObj, T_KAVRO_MD* ptMD, T_KAVRO_GMO* ptGMO, char* psBuf, int* piLen) {
-    static Row row{.name = __func__,
-                   .errors = {EIO, EINTR},
-                   .told = "1 RecvIpcMsg error[-110]",
-                   .failed = kHostError,
-                   .kind = kHost};
+    static Row row = operation(__func__, "1 RecvIpcMsg error[-110]", {EIO, EINTR});
     constexpr T_KAVRO_GMO options{{'G', 'M', 'O', ' '}, 1, 0, 0, 0, 0};
     T_KAVRO_MD blank{};
     memcpy(blank.sStrucId, "MD  ", 4);
