@@ -73,8 +73,6 @@ struct Client : T_NET_TCPCLIENT {
         set_text(sKeyFile, tls_material().client.key_file);
     }
     ~Client() { close(); }
-    Client(const Client&) = delete;
-    Client& operator=(const Client&) = delete;
 
     int init(int extra_options = 0) { return pfnInit(this, carrier_option | extra_options); }
     int connect(int port, std::string address = "127.0.0.1", int options = 0) {
