@@ -7,12 +7,14 @@ namespace kvr::test {
 void (*heap_used)() = nullptr;
 } // namespace kvr::test
 
-extern "C" void __sanitizer_malloc_hook(const volatile void* block, std::size_t /*size*/) {
+#define KVR_HOOK extern "C" __attribute__((visibility("default"))) void
+
+KVR_HOOK __sanitizer_malloc_hook(const volatile void* block, std::size_t /*size*/) {
     if (block != nullptr && kvr::test::heap_used != nullptr) {
         kvr::test::heap_used();
     }
 }
 
-extern "C" void __sanitizer_free_hook(const volatile void* block) {
+KVR_HOOK __sanitizer_free_hook(const volatile void* block) {
     __sanitizer_malloc_hook(block, 0);
 }
