@@ -97,6 +97,8 @@ TEST(Secrets, NoLinkIsFollowed) {
     const fs::path sender = field.qmgr(kSender);
     fs::create_directory(folder);
     std::ofstream(file) << "precious";
+    fs::create_symlink(file, field.home() / "port.new"); // what becomes the port file
+    EXPECT_EQ(field.listen().result_under(SIGTERM), 0);
     field.set_channel({{"SHORTRTY", "0"}}); // a worker that is not refused ends by itself, with the same status
     const Words run{"run", kChannel, "--plugin", KVR_PLUGIN};
     const Words listen{"listen", "--port", "0", "--journal", named};
