@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // What a store takes, gives back and refuses: messages, objects, settings, its quota; and what the schema refuses.
+#include <cstring>
 #include <fstream>
 
 #include "store/schema.h"
@@ -43,6 +44,7 @@ TEST_P(ContractTest, RefusesWhatAChannelCannotCarry) {
     EXPECT_EQ(put("", {std::string(512, 'f')}), Errc::kTooLarge);
     EXPECT_EQ(put("", {""}), Errc::kInvalid);
     EXPECT_EQ(put("", {}, "NONE"), Errc::kNotFound);
+    EXPECT_CODE(kExists, store_->queue_define("Q", ""));
     EXPECT_EQ(store_->queue_info("Q").depth, 0U);
 }
 

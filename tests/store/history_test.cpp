@@ -2,7 +2,7 @@
 // What becomes of messages, as histories of the queue Q and its drainer. A step is a word and what belongs to it:
 //   put FIRST COUNT, attach TEXT (put with a file), take TEXT... (- for none), takes FIRST COUNT       hold, release
 //   COUNT, back, skip, commit, close instead QUEUE (a dead-letter put), move COUNT (of 3, to DEAD)       define,
-//   delete, purge, drain, destroy busy|exists|invalid|not_found|too_large STEP: its error             drainer
+//   delete, purge, drain, destroy busy|invalid|not_found|too_large STEP: its error             drainer
 //   self|parent|none shown TEXT..., dead TEXT... (on DEAD; ! held, * in hand), depth COUNT
 // Between two bars stand the steps of another process, which is killed after them.
 #include <algorithm>
@@ -73,11 +73,8 @@ class HistoryTest : public StoreTest {
 
     std::unique_ptr<Getter> getter_;
     const OutgoingMessage dead_{&descriptor_, {}, std::string_view("dead")};
-    const std::map<std::string, Errc> codes_{{"busy", kBusy},
-                                             {"exists", kExists},
-                                             {"invalid", kInvalid},
-                                             {"not_found", kNotFound},
-                                             {"too_large", kTooLarge}};
+    const std::map<std::string, Errc> codes_{
+        {"busy", kBusy}, {"invalid", kInvalid}, {"not_found", kNotFound}, {"too_large", kTooLarge}};
     const std::map<std::string, std::function<void(const Texts&)>> steps_{
         {"put", [&](const Texts& words) { put_all(numbers(words)); }},
         {"attach", [&](const Texts& words) { StoreTest::put(words.at(0), {"/f"}); }},
@@ -113,7 +110,7 @@ constexpr const char* kHistories[] = {
     // A queue has one drainer, and is not deleted under it.
     "put 1 2, take 1, busy drain, busy purge | busy drain, busy destroy, drainer parent | drainer self, take 2, close, "
     "drainer none",
-    "put 1 2, exists define, busy delete, purge, not_found drain, define, take -, close, delete, not_found depth 0",
+    "put 1 2, busy delete, purge, not_found drain, define, take -, close, delete, not_found depth 0",
     "put 1 1, busy destroy, purge, destroy, not_found depth 0",
     // Released ones stand where they stood, behind a drainer in the middle of a group or before it, and an idle drainer
     // looks for them, too.

@@ -30,7 +30,7 @@ class HostOpsTest : public StoreTest {
 
     T_KAVRO_QMGR_CTX context_{};
     T_KVR_QUE_OBJ_HANDLE handle_ = nullptr; ///< of the queue that was opened last
-    T_KAVRO_MD got_ = blank_descriptor();
+    T_KAVRO_MD got_{};
     T_KAVRO_ACCESSORIES_MD files_{};
     char buffer_[64];
     int length_ = 0;

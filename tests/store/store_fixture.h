@@ -3,8 +3,6 @@
 // do with it.
 #pragma once
 
-#include <cstring>
-
 #include <gmock/gmock.h>
 
 #include "host/children.h"
@@ -15,14 +13,6 @@ namespace kvr {
 
 /// Runs a suite over every engine, case by case the same.
 #define KVR_OVER_EVERY_ENGINE(suite) INSTANTIATE_TEST_SUITE_P(Engine, suite, testing::Values("lmdb"))
-
-inline T_KAVRO_MD blank_descriptor() {
-    T_KAVRO_MD descriptor{};
-    std::memcpy(descriptor.sStrucId, "MD  ", 4);
-    descriptor.iVersion = 2;
-    descriptor.cMsgStoreType = KVR_STORE_DATA;
-    return descriptor;
-}
 
 /// The code of the error that `work` throws; Errc{} for none.
 template <class Work>
@@ -39,7 +29,7 @@ Errc code_of(Work work) {
 /// The next message's text, "-" for none.
 inline std::string take(Getter& getter, bool wait = false) {
     static std::vector<char> buffer(kMaxMessage);
-    T_KAVRO_MD descriptor = blank_descriptor();
+    T_KAVRO_MD descriptor{};
     const std::int64_t length = getter.next(descriptor, buffer, wait);
     return length < 0 ? "-" : std::string(buffer.data(), static_cast<std::size_t>(length));
 }
@@ -91,7 +81,7 @@ class StoreTest : public testing::TestWithParam<const char*> {
         });
     }
 
-    const T_KAVRO_MD descriptor_ = blank_descriptor();
+    const T_KAVRO_MD descriptor_{};
     test::TemporaryFolder folder_;
     std::filesystem::path dir_ = folder_.path() / "QM";
     std::shared_ptr<Store> store_;

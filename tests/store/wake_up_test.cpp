@@ -41,6 +41,7 @@ class WakeUpTest : public StoreTest {
     WakeUpTest() : getter_(store_->drain("Q")) {
         std::signal(SIGUSR1, [](int) { g_handled = g_handled + 1; });
         g_handled = 0;
+        store_->change_settings({{"sync", "on"}});
     }
     std::string take_with(const std::function<void()>& before_wait) {
         g_before_wait = before_wait;
@@ -51,7 +52,6 @@ class WakeUpTest : public StoreTest {
 KVR_OVER_EVERY_ENGINE(WakeUpTest);
 
 TEST_P(WakeUpTest, APutOrAReleaseRightBeforeTheWaitEndsIt) {
-    store_->change_settings({{"sync", "on"}});
     const auto put_and_look = [&] {
         g_in_flush = [] { EXPECT_EQ(::poll(&g_waits_for, 1, 0), 0) << "woken before the message is there"; };
         put("1");
@@ -74,7 +74,6 @@ TEST_P(WakeUpTest, ASignalRightBeforeTheWaitEndsItUnlessTheCallerHoldsIt) {
 }
 
 TEST_P(WakeUpTest, ASignalInTheDeletesOfTheLastGroupEndsTheWait) {
-    store_->change_settings({{"sync", "on"}});
     for (const std::size_t count : {1U, 512U}) { // of 512 the group is full, too
         put_all(Texts(count, "x"));
         for (std::size_t i = 0; i < count; ++i) {

@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 
 #include "kavutil/export.h"
+#include "store/message_record.h"
 #include "store/store_fixture.h"
 
 namespace {
@@ -151,8 +152,8 @@ TEST_P(LmdbStoreTest, RefusesAStoreThatOthersCanWriteTo) {
 }
 
 TEST_P(LmdbStoreTest, RefusesAnotherVersionAndDamage) {
-    put_all({"1", "2"});
-    damage("MD  ", -12); // the version of each message's record
+    put_all({"text", "text"});
+    damage("text", -12 - std::ptrdiff_t{kDescriptorSize}); // the version of each message's record
     store_ = Store::open(dir_);
     EXPECT_CODE(kDamaged, take(*store_->drain("Q")));
     EXPECT_CODE(kDamaged, shown());
