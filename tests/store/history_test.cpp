@@ -111,7 +111,7 @@ constexpr const char* kHistories[] = {
     "put 1 2, take 1, busy drain, busy purge | busy drain, busy destroy, drainer parent | drainer self, take 2, close, "
     "drainer none",
     "put 1 2, busy delete, purge, not_found drain, define, take -, close, delete, not_found depth 0",
-    "put 1 1, busy destroy, purge, destroy, not_found depth 0",
+    "put 1 1, busy destroy, shown 1",
     // Released ones stand where they stood, behind a drainer in the middle of a group or before it, and an idle drainer
     // looks for them, too.
     "put 1 9, take 1, hold, take 2 3, release 1, take 4, hold, take 1 5 6, release 1, shown 4 6* 7 8 9, commit,"
