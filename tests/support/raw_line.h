@@ -20,18 +20,15 @@ namespace kvr::test {
 struct RawLineOptions {
     bool tls = false;
     const TlsIdentity* identity = nullptr;
-    const char* address = "127.0.0.1"; ///< its own
 };
 
 class RawLine {
   public:
     explicit RawLine(int port, const RawLineOptions& options = {})
         : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        const sockaddr_in own{AF_INET, 0, {::inet_addr(options.address)}, {}};
         const sockaddr_in other{AF_INET, htons(static_cast<in_port_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
         const timeval limit{kDeadlineSeconds, 0};
         (void)::setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-        EXPECT_EQ(::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&own), sizeof own), 0);
         EXPECT_EQ(::connect(fd_.get(), reinterpret_cast<const sockaddr*>(&other), sizeof other), 0);
         if (options.tls) {
             begin_tls(options.identity);

@@ -42,7 +42,6 @@ TEST_F(KvrDissect, ShowsEachFrameAtItsOffsetAndRefusesWhatIsJustTooMuch) {
         {data(flagged + body + names), "end of stream before file 1 of a message"},
         {data(flagged + body + "b" + names), "length 2116323 is not"},
         {data(block('1', 0) + body + "b"), "body of 2098305"},
-        {data(std::string(271, 'x')), "length 271 is not"},
         {bind_frame(std::string(64, 'N')), "length 64 "},
         {bind + frame('2', "", "00000000", "00000000", "x"), " 143  end +malformed: .*length 1 "},
         {data(flagged + attachment_block({std::string(512, 'n')})), "attachment 1: .*1 to 511"},

@@ -19,7 +19,6 @@ TEST_F(KvrUsage, RefusalsChangeNothingAndSayWhatToDo) {
     std::filesystem::create_directory(path() / "NOQM");
     const auto store = Store::open(path() / "EAST");
     store->object_add("CHL", "RECEIVER", {{"CHLTYPE", "RCVR"}, {"XMITQ", "Q"}});
-    store->object_add("CHL", "NOQ", {{"CHLTYPE", "SNDR"}, {"XMITQ", "NOWHERE"}});
     const TlsMaterial& tls = tls_material();
     const std::string listen = "listen --discard --address 127.0.0.1 --port 0 --tls --cert ";
     const struct {
@@ -37,7 +36,6 @@ TEST_F(KvrUsage, RefusalsChangeNothingAndSayWhatToDo) {
         {2, "get Q --all --out empty", "folder"},
         {2, "move Q Q", "same"},
         {2, "listen --discard --tls --cert a --ca a", "--ca alone checks nobody"},
-        {1, "create EAST", "exists already"},
         {1, "delete qmgr NOQM --yes", "NOQM is no queue manager.*by hand"},
         {2, "delete qmgr EAST --purge", "--yes"},
         {1, "delete qmgr EAST --yes", "--purge"},
@@ -54,7 +52,6 @@ TEST_F(KvrUsage, RefusalsChangeNothingAndSayWhatToDo) {
         {1, "run NONE", "kvr define channel NONE"},
         {1, "run TLS", "kvr set qmgr CAFILE=FILE"},
         {1, "run RECEIVER", "has type 'RCVR'"},
-        {1, "run NOQ", "queue 'NOWHERE'"},
         {1, "run C --plugin large", "cannot be loaded"},
         {1, "run C --plugin " NO_PLUGIN, "OnPlugLoad"},
         {1, listen + tls.encrypted_client.cert_file + " --key " + tls.encrypted_client.key_file,

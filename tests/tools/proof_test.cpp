@@ -22,7 +22,6 @@ TEST(Proof, FindsEveryDamageAndNoOther) {
          },
          {6}},
         {[](Messages& all) { all[1].data.back() ^= 1; }, {5, 1}},
-        {[](Messages& all) { all[0].descriptor.sStrucId[0] = 'X'; }, {5, 1}},
         {[](Messages& all) { all[0].descriptor.sPutTime[6] = '9'; }, {5, 1}},
         {[](Messages& all) { std::ofstream(all[2].attachments[1]) << "other bytes"; }, {5, 1}},
         {[](Messages& all) { all[2].attachments.pop_back(); }, {5, 1}},
