@@ -239,5 +239,24 @@ TEST_P(TlsTest, SignalsEndAStalledWriteInAHandler) {
     EXPECT_THAT(client.error(), testing::EndsWith("error[interrupted]"));
 }
 
+TEST(TlsHandshake, EndsCleanlyWhenAHandlerCloses) {
+    const pthread_t main_thread = pthread_self();
+    Client client(Carrier::kTls13);
+    const int before = open_descriptors();
+    {
+        Peer peer({}, [&](PeerConnection& connection) {
+            EXPECT_EQ(connection.read(1).size(), 1U); // of the client's hello
+            pthread_kill(main_thread, SIGUSR2);
+            connection.read_all();
+        });
+        handle([&] { client.close(); });
+        EXPECT_FALSE(client.up(peer));
+        EXPECT_EQ(client.iErrorCode, ECONNABORTED);
+        EXPECT_THAT(client.error(), testing::EndsWith("error[103:Software caused connection abort]"));
+        EXPECT_TRUE(client.is_down(false));
+    }
+    EXPECT_EQ(open_descriptors(), before);
+}
+
 } // namespace
 } // namespace kvr::test
