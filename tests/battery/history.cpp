@@ -108,10 +108,6 @@ void History::kill(std::optional<Child>& child) {
 void History::meet(const Fault& fault) {
     mark();
     fault.make(*this);
-    recover();
-}
-
-void History::recover() {
     field.set_prelude("");
     for (const char* who : {"worker", "listener", "other"}) {
         field.trouble(who, "");

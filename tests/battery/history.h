@@ -95,7 +95,6 @@ class History {
     void finish();
 
   private:
-    void recover();
     void collect();
     Cost judge(const Cost& allowed);
     void judge_processes();
