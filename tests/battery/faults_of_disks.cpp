@@ -69,7 +69,6 @@ void stop_full_listener(History& h) {
 void trouble_receiver(History& h) {
     static const char* const kTroubles[][2] = {{"write 28 1", "No space left on device"},
                                                {"any 30 1", "Read-only file system"},
-                                               {"open 24 1", "Too many open files"},
                                                {"any 5 300", ""},
                                                {"fsync 0 1 10", ""}};
     const auto& [how, said] = h.one_of(kTroubles);
