@@ -45,10 +45,11 @@ class StoreLock {
     /// From here on no other process has the store open, nor gets it. Waits a moment for short commands. Throws kBusy
     /// with a process that has it open, kIo.
     void take_alone();
+    /// Others may have the store open again. Throws as the constructor.
+    void share();
 
   private:
     bool try_lock_bytes(bool may_be_next, bool& is_next);
-    void share();
 
     std::filesystem::path folder_;
     UniqueFd fd_;

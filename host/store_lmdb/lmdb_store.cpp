@@ -145,8 +145,8 @@ Settings LmdbStore::settings() const {
 }
 
 void LmdbStore::change_settings(const Settings& changes) {
-    LmdbSettings now;
-    env_.set_sync(true); // the change itself is flushed in any case
+    LmdbSettings now = changed_settings(lmdb_settings(), changes); // refused before anything is done
+    env_.set_sync(true);                                           // the change itself is flushed in any case
     write(Need::kMust, [&](WriteTxn& write) {
         now = changed_settings(load_settings(write.txn(), env_), changes);
         save_settings(write, now);
@@ -177,6 +177,7 @@ void LmdbStore::destroy(bool purge) {
         messages += queue.depth;
     }
     if (messages > 0 && !purge) {
+        env_.store_lock().share();
         throw Error(Errc::kBusy, qmgr() + " has " + std::to_string(messages) +
                                      " messages on its queues: take them off, or have them deleted, too");
     }
