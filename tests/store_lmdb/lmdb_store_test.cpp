@@ -101,6 +101,17 @@ TEST_P(LmdbStoreTest, TheMarkOfAKilledDrainerIsBelievedOnlyWhereItIsTrue) {
     EXPECT_EQ(shown(), (Texts{"1", "2", "3"})) << "the mark is of a later state";
 }
 
+TEST_P(LmdbStoreTest, AGroupEndsBeforeItWouldPass8MiB) {
+    put_all(Texts(5, std::string(2'000'000, 'x')));
+    kill_a_drainer(5);
+    store_.reset();
+    for (const auto& mark : fs::directory_iterator(dir_ / "queues")) {
+        fs::remove(mark);
+    }
+    store_ = Store::open(dir_);
+    EXPECT_EQ(shown().size(), 1U) << "what came before the last is deleted";
+}
+
 TEST_P(LmdbStoreTest, WhatAKilledDrainerUsedIsPassedOverOnAFullDisk) {
     put_all({"1", "2", "3"});
     kill_a_drainer(2); // "1" is used, "2" in hand
