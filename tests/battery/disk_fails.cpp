@@ -8,11 +8,12 @@
 // is done and told to have failed, and the one that puts the old head back fails.
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <random>
 #include <string_view>
+#include <thread>
 #include <utility>
 
 #include <fcntl.h>
@@ -27,8 +28,7 @@
 namespace {
 
 constexpr off_t kEndOfHeads = 8192;
-constexpr long kMilli = 1'000'000;
-constexpr unsigned kPauseMs = 20;
+constexpr std::chrono::milliseconds kPause(20);
 constexpr unsigned kLong = 100; ///< seconds: from here on each of them
 
 struct Trouble {
@@ -58,11 +58,6 @@ Trouble read_trouble() {
     return trouble;
 }
 
-void pause_for(unsigned milliseconds) {
-    const timespec time{milliseconds / 1000, static_cast<long>(milliseconds % 1000) * kMilli};
-    (void)::nanosleep(&time, nullptr);
-}
-
 /// Whether this call fails; errno says why. The program's own words and its sockets stay.
 bool fails(const char* call, int fd) {
     thread_local std::minstd_rand luck(static_cast<unsigned>(::gettid()));
@@ -74,7 +69,7 @@ bool fails(const char* call, int fd) {
     if (!trouble.is(call) && !trouble.is("any")) {
         return false;
     }
-    pause_for(trouble.milliseconds);
+    std::this_thread::sleep_for(std::chrono::milliseconds(trouble.milliseconds));
     errno = trouble.error;
     return trouble.error != 0 && luck() % trouble.one_in == 0;
 }
@@ -92,39 +87,34 @@ bool head_fails(int fd, const void* data, size_t size, off_t at) {
            ::unlink(file_of_trouble()) == 0;
 }
 
-/// The call itself, unless it fails.
-template <class... Arguments>
-long pass_on(bool has_failed, long number, Arguments... arguments) {
-    return has_failed ? -1 : ::syscall(number, arguments...);
-}
-
 } // namespace
 
 KVR_REPLACES unsigned sleep(unsigned seconds) {
-    pause_for(seconds < kLong ? kPauseMs : seconds * kPauseMs);
+    std::this_thread::sleep_for(seconds < kLong ? kPause : seconds * kPause);
     return 0;
 }
 KVR_REPLACES unsigned alarm(unsigned seconds) noexcept {
-    const itimerval limit{{0, 0}, {seconds == 1 ? 0 : time_t{seconds}, seconds == 1 ? kPauseMs * 1000 : 0}};
+    const suseconds_t pause = std::chrono::microseconds(kPause).count();
+    const itimerval limit{{0, 0}, {seconds == 1 ? 0 : time_t{seconds}, seconds == 1 ? pause : 0}};
     ::setitimer(ITIMER_REAL, &limit, nullptr);
     return 0;
 }
 KVR_REPLACES int fdatasync(int fd) {
-    return static_cast<int>(pass_on(fails("fsync", fd), SYS_fdatasync, fd));
+    return fails("fsync", fd) ? -1 : static_cast<int>(::syscall(SYS_fdatasync, fd));
 }
 KVR_REPLACES int fsync(int fd) {
-    return static_cast<int>(pass_on(fails("fsync", fd), SYS_fsync, fd));
+    return fails("fsync", fd) ? -1 : static_cast<int>(::syscall(SYS_fsync, fd));
 }
 KVR_REPLACES ssize_t write(int fd, const void* bytes, size_t count) {
-    return pass_on(fails("write", fd), SYS_write, fd, bytes, count);
+    return fails("write", fd) ? -1 : ::syscall(SYS_write, fd, bytes, count);
 }
 KVR_REPLACES ssize_t writev(int fd, const iovec* pieces, int count) {
-    return pass_on(fails("write", fd), SYS_writev, fd, pieces, count);
+    return fails("write", fd) ? -1 : ::syscall(SYS_writev, fd, pieces, count);
 }
 KVR_REPLACES ssize_t pwrite(int fd, const void* bytes, size_t count, off_t at) {
     const bool has_failed = (at < kEndOfHeads && head_fails(fd, bytes, count, at)) || fails("write", fd);
-    return pass_on(has_failed, SYS_pwrite64, fd, bytes, count, at);
+    return has_failed ? -1 : ::syscall(SYS_pwrite64, fd, bytes, count, at);
 }
 KVR_REPLACES int linkat(int from_fd, const char* from, int to_fd, const char* to, int flags) noexcept {
-    return static_cast<int>(pass_on(fails("linkat", from_fd), SYS_linkat, from_fd, from, to_fd, to, flags));
+    return fails("linkat", from_fd) ? -1 : static_cast<int>(::syscall(SYS_linkat, from_fd, from, to_fd, to, flags));
 }

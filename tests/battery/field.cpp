@@ -9,8 +9,6 @@
 #include <sched.h>
 #include <sys/mount.h>
 
-#include "kavutil/unique_fd.h"
-
 namespace kvr::test {
 namespace {
 
@@ -132,11 +130,9 @@ Child Field::start(Words words, const std::string& who) {
             (void)::setenv("LD_PRELOAD", KVR_DISK_FAILS, 1);
             (void)::setenv("KVR_TROUBLE", trouble_of(who).c_str(), 1);
         }
-        const UniqueFd in(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-        const UniqueFd out(::open((home() / "out").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
-        ::dup2(in.get(), STDIN_FILENO);
-        ::dup2(out.get(), STDOUT_FILENO);
-        ::dup2(out.get(), STDERR_FILENO);
+        ::dup2(::open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
+        ::dup2(::open((home() / "out").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), STDOUT_FILENO);
+        ::dup2(STDOUT_FILENO, STDERR_FILENO);
         ::execv(argv[0], argv.data());
         return kCannotRun;
     });

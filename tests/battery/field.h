@@ -79,8 +79,6 @@ class Field {
     [[nodiscard]] Child start(Words words, const std::string& who = "other");
     /// From now on calls of that program fail as disk_fails.cpp reads it; empty: none.
     void trouble(const std::string& who, const std::string& what) const;
-    /// Whether that trouble has not come or still lasts.
-    [[nodiscard]] bool troubled(const std::string& who) const { return std::filesystem::exists(trouble_of(who)); }
 
     /// Of the channel; empty before its first start.
     [[nodiscard]] std::string status(const std::string& attribute = "STATUS");
