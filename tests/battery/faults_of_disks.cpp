@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: MIT
 // Room that runs out, and disks that fail: at the sender, where a put is refused or holds, and at the receiver, which
 // waits, says why, and goes on by itself.
+#include <sys/resource.h>
+
 #include "history.h"
+#include "support/raw_line.h"
+#include "support/receiver_stream.h"
 
 namespace kvr::test {
 namespace {
@@ -110,6 +114,33 @@ void fail_head_page(History& h) {
     });
 }
 
+/// No descriptor is left for files: they wait.
+void take_descriptors(History& h) {
+    h.relisten();
+    rlimit before{};
+    ::prlimit(h.listener->pid(), RLIMIT_NOFILE, nullptr, &before);
+    const rlimit few{3, before.rlim_max};
+    ::prlimit(h.listener->pid(), RLIMIT_NOFILE, &few, nullptr);
+    h.put(20, {10, 1'000}, ProofKind::kAttached);
+    h.await_text("out", "Too many open files");
+    ::prlimit(h.listener->pid(), RLIMIT_NOFILE, &before, nullptr);
+}
+
+/// Another sender's unfinished file has all the room: it goes.
+void fill_spool(History& h) {
+    if (!h.field.receivers_disk().mounted()) {
+        return;
+    }
+    h.relisten({"--idle-time", "1"});
+    h.field.receivers_disk().leave(4U << 20U);
+    const RawLine silent(h.field.port());
+    const std::string whole = bind_frame("SILENT") + file_message(kTarget, {"f", std::string(20'000'000, 'f')}, 1);
+    (void)silent.send(whole.substr(0, 5'000'000));
+    h.await_text("out", "cannot store a file [28:");
+    h.put(5, {10, 10'000}, ProofKind::kFile);
+    h.settle();
+}
+
 void take_spool_away(History& h) {
     const fs::path spool = h.field.spool();
     h.relisten();
@@ -130,6 +161,8 @@ std::vector<Fault> faults_of_disks() {
         {"receiver's disk in trouble", trouble_receiver},
         {"sender's disk in trouble", trouble_worker, {.dead = 1}},
         {"head page of a store fails", fail_head_page},
+        {"no descriptor for files", take_descriptors},
+        {"spool filled by one that falls silent", fill_spool, {}, Fault::Carriers::kPlain},
         {"spool taken away", take_spool_away},
     };
 }
