@@ -46,7 +46,7 @@ struct Own {
 
 void check(bool good, const char* fault) {
     if (!good) {
-        trace(kFault, "%s by %s", fault, g_last);
+        trace("fault: %s by %s", fault, g_last);
     }
 }
 
@@ -100,7 +100,7 @@ long note_socket(long made, const Arguments& /*arguments*/) {
 long note_option(long result, const Arguments& arguments) {
     if (arguments[1] == IPPROTO_TCP && (arguments[2] == TCP_CORK || arguments[2] == TCP_NODELAY)) {
         const int on = *reinterpret_cast<const int*>(arguments[3]);
-        trace(kSocket, "%s(%d)", arguments[2] == TCP_CORK ? "cork" : "nodelay", on);
+        trace("%s(%d)", arguments[2] == TCP_CORK ? "cork" : "nodelay", on);
     }
     return result;
 }
@@ -108,7 +108,7 @@ long note_option(long result, const Arguments& arguments) {
 long note_child(long pid, const Arguments& /*arguments*/) {
     if (pid > 0) {
         host().watcher = static_cast<pid_t>(pid);
-        trace(kChild, "%ld", pid);
+        trace("child %ld", pid);
     }
     return pid;
 }
@@ -144,10 +144,10 @@ std::optional<int> strike(Row& row) {
     return error;
 }
 
-std::optional<long> scripted(Row& row, long argument) {
+std::optional<long> scripted(const Row& row, long argument) {
     const Own at_work;
     const auto hook = host().hooks.find(row.name);
-    return hook != host().hooks.end() ? hook->second({++row.calls, argument}) : std::nullopt;
+    return hook != host().hooks.end() ? hook->second(argument) : std::nullopt;
 }
 
 /// A call that goes on to the next library that has it.
@@ -171,9 +171,6 @@ struct Onward {
         return row.then != nullptr ? row.then(result, arguments) : result;
     }
     std::string shown() const {
-        if (row.text) {
-            return reinterpret_cast<const char*>(arguments[0]);
-        }
         std::string text;
         for (const size_t number : row.shown) {
             text += number == 0
@@ -213,8 +210,8 @@ long pass(Row& row, const std::string& shown, long argument, const std::function
         return real(false);
     }
     g_last = row.name;
-    if (row.kind != 0) {
-        trace(row.kind == kLoss && argument != 1 ? char{kSystem} : row.kind, "%s(%s)", row.name, shown.c_str());
+    if (row.traced) {
+        trace("%s(%s)", row.name, shown.c_str());
     }
     check(!row.gives_back || g_depth == 0, "something given back in a handler");
     std::optional<long> result = scripted(row, argument);
@@ -270,7 +267,7 @@ CALL(getsockopt, .errors = {ENOBUFS}, .fd = 1)
 CALL(getsockname, .errors = {ENOBUFS}, .fd = 1)
 CALL(shutdown, .errors = {ENOTCONN}, .fd = 1)
 CALL(poll, .errors = {ENOMEM, EINTR}, .again = true)
-CALL(select, .kind = kSystem)
+CALL(select, .traced = true)
 
 // Descriptors and files
 CALL(open, .errors = {EMFILE, EACCES})
@@ -279,7 +276,7 @@ CALL_AS(write, "system write", .errors = {EPIPE, EIO, EAGAIN, EINTR, kHalf}, .fd
 CALL(close, .errors = {EIO}, .fd = 1, .gives_back = true)
 CALL(fcntl, .fd = 1)
 CALL(ioctl, .errors = {EIO}, .fd = 1)
-CALL_AS(pipe2, "pipe", .errors = {EMFILE, ENFILE}, .told = "1 pipe error[", .kind = kSystem)
+CALL_AS(pipe2, "pipe", .errors = {EMFILE, ENFILE}, .told = "1 pipe error[", .traced = true)
 CALL(stat, .errors = {EACCES})
 CALL(fstat, .errors = {EIO}, .told = "1 open [", .fd = 1)
 CALL(fdopen, .errors = {ENOMEM}, .told = "1 open [", .failed = 0, .fd = 1)
@@ -290,24 +287,24 @@ CALL(ferror, .errors = {EIO}, .told = "1 tell [", .failed = 1)
 CALL(fclose, .errors = {EIO}, .gives_back = true)
 
 // Processes and signals
-CALL(fork, .errors = {EAGAIN, ENOMEM}, .told = "1 fork error[", .kind = kSystem, .then = note_child)
-CALL(waitpid, .errors = {ECHILD, EINTR}, .told = "4 Waitpid error[", .kind = kSystem, .pid = true, .again = true,
+CALL(fork, .errors = {EAGAIN, ENOMEM}, .told = "1 fork error[", .traced = true, .then = note_child)
+CALL(waitpid, .errors = {ECHILD, EINTR}, .told = "4 Waitpid error[", .traced = true, .pid = true, .again = true,
      .gives_back = true)
 CALL(kill, .errors = {EPERM, ESRCH}, .pid = true)
-CALL(sigset, .errors = {EINVAL}, .kind = kSystem, .shown = {1}, .then = watch)
+CALL(sigset, .errors = {EINVAL}, .traced = true, .shown = {1}, .then = watch)
 CALL(pthread_sigmask)
-CALL(sleep, .kind = kSystem, .shown = {1}, .faked = true)
-CALL(alarm, .kind = kLoss, .shown = {1}, .faked = true, .then = arm)
+CALL(sleep, .traced = true, .shown = {1}, .faked = true)
+CALL(alarm, .traced = true, .shown = {1}, .faked = true, .then = arm)
 
 // The host's utilities
-CALL(procIsExist, .errors = {EPERM}, .kind = kHost, .shown = {1}, .pid = true, .then = exists)
-CALL(procSndSig2Proc, .errors = {EPERM, ESRCH}, .told = "1 procSndSig2Proc f_iMonPid[", .kind = kHost, .shown = {1, 2},
+CALL(procIsExist, .errors = {EPERM}, .traced = true, .shown = {1}, .pid = true, .then = exists)
+CALL(procSndSig2Proc, .errors = {EPERM, ESRCH}, .told = "1 procSndSig2Proc f_iMonPid[", .traced = true, .shown = {1, 2},
      .pid = true)
-CALL(sockCanRead, .errors = {EBADF}, .kind = kHost, .fd = 1)
-CALL(sockGetHostIp, .errors = {EAGAIN, ENXIO}, .told = "1 sockGetHostIp[", .kind = kHost, .shown = {1}, .text = true)
+CALL(sockCanRead, .errors = {EBADF}, .traced = true, .fd = 1)
+CALL(sockGetHostIp, .errors = {EAGAIN, ENXIO}, .told = "1 sockGetHostIp[")
 CALL(sockGetLocalAddr, .errors = {ENOBUFS}, .fd = 1)
-CALL(sockSetSTimeOut, .errors = {EINVAL}, .kind = kHost, .shown = {2}, .fd = 1, .faked = true)
-CALL_AS(streamWriteNByte, "write", .errors = {EPIPE, EAGAIN}, .told = "1 write[", .kind = kHost, .shown = {2}, .fd = 3)
+CALL(sockSetSTimeOut, .errors = {EINVAL}, .traced = true, .shown = {2}, .fd = 1, .faked = true)
+CALL_AS(streamWriteNByte, "write", .errors = {EPIPE, EAGAIN}, .told = "1 write[", .traced = true, .shown = {2}, .fd = 3)
 CALL(strToUpper, .errors = {EINVAL})
 
 // OpenSSL

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <regex>
 
 namespace kvr::test {
 
@@ -19,49 +20,15 @@ namespace {
 constexpr std::size_t kBindFrame = 78;
 constexpr char kHere[] = "here"; ///< connection name that stands for the receiver's
 
-/// Replaces ids and ports, which differ from run to run, by their names.
-std::string named(std::string text, const std::map<std::string, std::string>& names) {
-    for (const std::string before :
-         {"127.0.0.1:", "127.0.0.1(", "PORT=", "PID=", "abort[", "Exist(", "Proc(", "waitpid "}) {
-        for (size_t at = 0; (at = text.find(before, at)) != std::string::npos;) {
-            at += before.size();
-            const size_t size = std::min(text.find_first_not_of("0123456789", at), text.size()) - at;
-            if (const auto name = names.find(text.substr(at, size)); name != names.end()) {
-                text.replace(at, size, name->second);
-            }
-        }
-    }
-    return text;
-}
-
 } // namespace
 
-Hook failing(int result, int from, int to, int err) {
-    return [=](const Call& c) -> std::optional<int> {
-        errno = err;
-        return c.n >= from && c.n <= to ? std::optional(result) : std::nullopt;
+Hook failing(const Failure& failure) {
+    return [failure, calls = 0](long argument) mutable -> std::optional<int> {
+        errno = failure.err;
+        calls += failure.of.value_or(argument) == argument ? 1 : 0;
+        const bool fails = failure.of.value_or(argument) == argument && calls >= failure.from && calls <= failure.to;
+        return fails ? std::optional(failure.result) : std::nullopt;
     };
-}
-
-Hook failing_of(long a, int times, int result, int err) {
-    return [=, left = times](const Call& c) mutable -> std::optional<int> {
-        errno = err;
-        return c.a == a && left-- > 0 ? std::optional(result) : std::nullopt;
-    };
-}
-
-Hook raising(int sig) {
-    return [=](const Call&) {
-        raise(sig);
-        return std::optional<int>();
-    };
-}
-
-bool held(int sig) {
-    raise(sig);
-    sigset_t pending;
-    sigpending(&pending);
-    return sigismember(&pending, sig) == 1;
 }
 
 Message message(const std::string& body, const std::string& dest) {
@@ -104,20 +71,6 @@ GetStep interrupted(int sig) {
     };
 }
 
-GetStep idle() {
-    return [](T_KAVRO_MD*, char*, int*) {
-        wait_for("select()");
-        sigset_t held;
-        sigset_t before;
-        sigfillset(&held);
-        sigprocmask(SIG_SETMASK, &held, &before);
-        trace(kNote, "idle");
-        sigsuspend(&before);
-        sigprocmask(SIG_SETMASK, &before, nullptr);
-        return -4;
-    };
-}
-
 GetStep finally(std::function<void()> what) {
     return [what = std::move(what)](T_KAVRO_MD*, char*, int*) -> int {
         what();
@@ -141,36 +94,34 @@ std::string err(int code) {
     return std::to_string(code) + ":" + strerror(code);
 }
 
-Lines Result::lines(const std::string& kinds, pid_t of) const {
-    Lines texts;
-    for (const Entry& e : trace) {
-        if (e.pid == (of == 0 ? pid : of) && kinds.find(e.kind) != std::string::npos) {
-            texts.push_back(e.text);
-        }
+std::string Result::named(std::string text) const {
+    for (const auto& [name, number] : names) {
+        text = std::regex_replace(text, std::regex(name), number);
     }
-    return texts;
+    return text;
 }
 
 int Result::count(const std::string& text) const {
-    return static_cast<int>(
-        std::ranges::count_if(trace, [&](const Entry& e) { return e.text.find(text) != std::string::npos; }));
+    return static_cast<int>(std::ranges::count_if(
+        trace, [wanted = named(text)](const Entry& e) { return e.text.find(wanted) != std::string::npos; }));
 }
 
 std::string Result::dump() const {
     std::string text = "status " + std::to_string(status) + ", " + std::to_string(conns.size()) + " connections\n";
     for (const Entry& e : trace) {
-        text += std::string(e.pid == pid ? "  " : "  (other process) ") + e.kind + " " + e.text + "\n";
+        text += std::string(e.pid == pid ? "  " : "  (other process) ") + e.text + "\n";
     }
     return text;
 }
 
-testing::AssertionResult in_order(const Result& r, const Lines& texts, const std::string& kinds) {
+testing::AssertionResult in_order(const Result& r, const Lines& texts) {
     std::string all = " | ";
-    for (const std::string& line : r.lines(kinds)) {
-        all += line + " | ";
+    for (const Entry& e : r.trace) {
+        all += e.pid == r.pid ? e.text + " | " : "";
     }
     std::size_t at = 0;
-    for (const std::string& text : texts) {
+    for (std::string text : texts) {
+        text = r.named(text);
         at = all.find(" | " + text + " | ", at);
         if (at == std::string::npos) {
             return testing::AssertionFailure() << "missing in this order: " << text << "\n" << r.dump();
@@ -193,30 +144,25 @@ ChannelTest::ChannelTest() {
 
 Result ChannelTest::run(const std::function<void()>& body) {
     Result result;
-    std::map<std::string, std::string> names;
     trace_reset();
     std::optional<Peer> peer(std::in_place, receiver_, [&](PeerConnection& connection) {
-        names[std::to_string(connection.port())] = "PORT" + std::to_string(result.conns.size() + 1);
-        result.conns.push_back(connection.read(cues_.empty() ? 0 : kBindFrame));
-        for (const Cue& cue : std::exchange(cues_, {})) {
+        const Cue cue = std::exchange(cue_, {});
+        result.names.emplace("<own port>", std::to_string(connection.port()));
+        result.conns.push_back(connection.read(cue.act ? kBindFrame : 0));
+        if (cue.act) {
             wait_for(cue.after);
             cue.act(connection);
         }
         result.conns.back() += connection.read_all();
     });
-    const int port = peer->port();
-    if (!listening_) {
-        peer.reset();
-    }
+    const std::string port = std::to_string(peer->port());
     fflush(nullptr);
     result.pid = fork();
     if (result.pid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         signal(SIGPIPE, SIG_DFL);
-        for (auto& [name, attributes] : host().objects) {
-            if (auto at = attributes.find("CONNAME"); at != attributes.end() && at->second == kHere) {
-                at->second = "127.0.0.1(" + std::to_string(port) + ")";
-            }
+        if (chl()["CONNAME"] == kHere) {
+            chl()["CONNAME"] = "127.0.0.1(" + port + ")";
         }
         start_recording();
         body();
@@ -225,11 +171,12 @@ Result ChannelTest::run(const std::function<void()>& body) {
     int status = 0;
     waitpid(result.pid, &status, 0);
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    int watchers = 0;
     for (const Entry& e : trace_entries()) {
-        if (e.kind == kChild) {
-            result.watchers.push_back(std::stoi(e.text));
-            names[e.text] = "W" + std::to_string(result.watchers.size());
-            kill(result.watchers.back(), SIGCONT); // a case may have stopped its watcher
+        if (e.text.starts_with("child ")) {
+            const std::string id = e.text.substr(6);
+            result.names["<watcher " + std::to_string(++watchers) + ">"] = id;
+            kill(std::stoi(id), SIGCONT); // a case may have stopped its watcher
         }
     }
     while (waitpid(-1, nullptr, 0) > 0) {
@@ -237,12 +184,10 @@ Result ChannelTest::run(const std::function<void()>& body) {
     peer.reset(); // the receiver has seen the end of every connection
     host().get.clear();
     host().hooks.clear();
-    names[std::to_string(port)] = "PORT";
-    names[std::to_string(result.pid)] = "PID";
+    result.names.insert({{"<port>", port}, {"<pid>", std::to_string(result.pid)}});
     result.trace = trace_entries();
-    for (Entry& e : result.trace) {
-        e.text = named(e.text, names);
-        EXPECT_NE(e.kind, kFault) << e.text;
+    for (const Entry& e : result.trace) {
+        EXPECT_FALSE(e.text.starts_with("fault: ")) << e.text;
     }
     EXPECT_NE(result.status, 66) << "a sanitizer ended the channel process";
     return result;
@@ -253,24 +198,6 @@ Result ChannelTest::run_channel(const std::vector<int>& events) {
         load();
         std::ranges::for_each(events, event);
     });
-}
-
-Result ChannelTest::run_messages(const std::vector<Message>& msgs) {
-    for (const Message& msg : msgs) {
-        host().get.push_back(deliver(msg));
-    }
-    return run_channel();
-}
-
-void ChannelTest::use_tls(Carrier carrier) {
-    chl()["SSLCAUTH"] = "ENABLE";
-    qmgr() = {{"CAFILE", tls_material().ca_file},
-              {"CERTFILE", tls_material().client.cert_file},
-              {"KEYFILE", tls_material().client.key_file},
-              {"KEYPASS", kKeyPass},
-              {"DEADQ", "DLQ"}};
-    receiver_.carrier = carrier;
-    receiver_.ask_client_cert = true;
 }
 
 std::string ChannelTest::file(const std::string& name, const std::string& content) {

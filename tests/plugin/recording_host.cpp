@@ -48,14 +48,14 @@ std::string key(const char* cls, const char* name) {
 }
 
 constexpr Row operation(const char* name, const char* told, const std::array<int, 5>& errors = {EIO}) {
-    return {.name = name, .errors = errors, .told = told, .failed = kHostError, .kind = kHost, .own = true};
+    return {.name = name, .errors = errors, .told = told, .failed = kHostError, .traced = true, .own = true};
 }
 
 /// `good` false: it is not to be called so.
 int perform(
     Row& row, const std::string& shown, bool good, const std::function<int()>& what = [] { return kSuccess; }) {
     if (!good && host().recording) {
-        trace(kFault, "%s(%s) with wrong arguments", row.name, shown.c_str());
+        trace("fault: %s(%s) with wrong arguments", row.name, shown.c_str());
     }
     return static_cast<int>(pass(row, shown, 0, [&what](bool) { return what(); }));
 }
@@ -92,7 +92,7 @@ std::vector<char*> arguments(int count, va_list ap) {
 
 } // namespace
 
-void trace(char kind, const char* fmt, ...) {
+void trace(const char* fmt, ...) {
     const int saved = errno;
     char text[2200];
     va_list ap;
@@ -100,7 +100,7 @@ void trace(char kind, const char* fmt, ...) {
     vsnprintf(text, sizeof text, fmt, ap);
     va_end(ap);
     char entry[2300];
-    const int size = snprintf(entry, sizeof entry, "%d %c %s\n", getpid(), kind, text);
+    const int size = snprintf(entry, sizeof entry, "%d %s\n", getpid(), text);
     if (syscall(SYS_write, trace_file, entry, size) != size) { // no call of the channel's
         _exit(99);
     }
@@ -117,7 +117,7 @@ std::vector<Entry> trace_entries() {
     std::ifstream file("/proc/self/fd/" + std::to_string(trace_file));
     std::vector<Entry> all;
     // Without an entry of which only a first part is written.
-    for (Entry e{}; file >> e.pid >> e.kind && getline(file.ignore(), e.text) && !file.eof();) {
+    for (Entry e{}; file >> e.pid && getline(file.ignore(), e.text) && !file.eof();) {
         all.push_back(e);
     }
     return all;
@@ -135,6 +135,12 @@ Host& host() {
     return *the;
 }
 
+bool line_signals_held() {
+    sigset_t held;
+    sigprocmask(SIG_BLOCK, nullptr, &held);
+    return sigismember(&held, SIGUSR2) == 1 && sigismember(&held, SIGALRM) == 1 && sigismember(&held, SIGCHLD) == 1;
+}
+
 void load() {
     Host& h = host();
     h.ctx.tRTCoreArgv.iOptc = kOptions;
@@ -148,7 +154,7 @@ int event(int id) {
     char in[8] = "in";
     char out[8] = "out";
     const int result = host().var.pfnEventHdl(host().var.iId, id, in, out);
-    trace(kNote, "event %d = %d", id, result);
+    trace("event %d = %d", id, result);
     return result;
 }
 
@@ -178,7 +184,7 @@ int KVR_LogSetQMName(char* psQmgrName) {
 }
 
 /// The context's log function too. The line-loss handler logs wherever it interrupts: nothing is allocated here.
-int KVR_LogPrint(char* psTag, int iLevel, char* psMod, char* psFile, int iLine, const char* psFunc, char* psFmt, ...) {
+int KVR_LogPrint(char*, int iLevel, char*, char*, int, const char* psFunc, char* psFmt, ...) {
     static Row row{.name = "log"};
     char text[2100];
     va_list ap;
@@ -187,19 +193,12 @@ int KVR_LogPrint(char* psTag, int iLevel, char* psMod, char* psFile, int iLine, 
     va_end(ap);
     char operation[64];
     snprintf(operation, sizeof operation, " %s ", psFunc);
-    const bool net = strcmp(psMod, "$net_tcp") == 0;
-    const bool known = net ? strcmp(psFile, "net_tcp_client") == 0
-                           : strcmp(psMod, "$plug_kavro_chls") == 0 && strcmp(psFile, "plug_kavro_chls") == 0;
-    if (psTag != nullptr || iLine <= 0 || !known || strstr(kOperations, operation) == nullptr) {
-        trace(kFault, "log line with wrong origin: %s %s:%d %s %s", psMod, psFile, iLine, psFunc, text);
+    if (strstr(kOperations, operation) == nullptr) {
+        trace("fault: log line of another operation: %s %s", psFunc, text);
     }
-    const bool loss = strncmp(text, "line disconnected", 17) == 0;
-    trace(net ? kNetLog : loss ? kLoss : kLog, "%d %s", iLevel, text);
-    if (const auto hook = host().hooks.find("failure"); net && iLevel == 1 && hook != host().hooks.end()) {
-        hook->second({1, 0});
-    }
+    trace("%d %s", iLevel, text);
     errno = EXDEV; // a log function may do so
-    pass(row, "", 0, [](bool) { return 0L; });
+    pass(row, "", iLevel, [](bool) { return 0L; });
     return -1; // ignored
 }
 
@@ -280,14 +279,10 @@ int KVR_QueMsgGet(void* hQueDB, void* hObj, T_KAVRO_MD* ptMD, T_KAVRO_GMO* ptGMO
 int KVR_QueMsgPut(void* hQueDB, void* hObj, T_KAVRO_MD* ptMD, T_KAVRO_PMO* ptPMO, char* psBuf, int iLen) {
     static Row row = operation(__func__, "1 KVR_QueMsgPut[");
     constexpr T_KAVRO_PMO options{{'G', 'M', 'O', ' '}, 1, 0, 0};
-    // The next get uses the message up: no signal of the line may end the put.
-    sigset_t held;
-    sigprocmask(SIG_BLOCK, nullptr, &held);
-    const bool calm =
-        sigismember(&held, SIGUSR2) == 1 && sigismember(&held, SIGALRM) == 1 && sigismember(&held, SIGCHLD) == 1;
     const bool as_received = memcmp(&host().in_hand.md, ptMD, sizeof *ptMD) == 0 &&
                              std::string(psBuf, static_cast<size_t>(iLen)) == host().in_hand.data;
     const bool good = hQueDB == kQueDb && hObj == dead_queue && memcmp(&options, ptPMO, sizeof options) == 0;
-    return perform(row, std::to_string(iLen), good && calm && as_received);
+    // The next get uses the message up: no signal of the line may end the put.
+    return perform(row, std::to_string(iLen), good && as_received && line_signals_held());
 }
 }

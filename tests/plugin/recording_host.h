@@ -23,27 +23,14 @@
 
 namespace kvr::test {
 
-/// What an entry of the trace tells of.
-enum Kind : char {
-    kLog = 'L',    ///< log line of the plug-in: "<level> <text>"
-    kNetLog = 'N', ///< log line of the TCP library
-    kLoss = 'D', ///< log and alarm of the line-loss handler: a close on this side may call it, sooner or later or never
-    kHost = 'H', ///< host operation with its arguments
-    kSystem = 'S', ///< sleep, alarm, pipe, fork, waitpid, sigset, select
-    kSocket = 'T', ///< TCP option set on a socket
-    kNote = 'E',   ///< written by the test
-    kChild = 'W',  ///< process id of a forked line watcher
-    kFault = '!',  ///< what no case may show
-};
-
 struct Entry {
     pid_t pid;
-    char kind;
     std::string text;
 };
 
-/// Appends to the trace; callable from a signal handler and from every process of a run.
-void trace(char kind, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+/// Appends to the trace: "<call>(<arguments>)", "<level> <log line>", a note of the test's, or "fault: <what no case
+/// may show>". Callable from a signal handler and from every process of a run.
+void trace(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 void trace_reset();
 std::vector<Entry> trace_entries();
 /// Waits, at most 10 s, until the text stands in the trace.
@@ -57,11 +44,10 @@ struct Row {
     std::array<int, 5> errors{};        ///< as it can plausibly fail; none: it cannot
     const char* told = nullptr;         ///< what the log says when it fails for good; null: the failure costs nothing
     long failed = -1;                   ///< its result then
-    char kind = 0;                      ///< of its entry in the trace; 0: none
+    bool traced = false;                ///< has an entry in the trace
     std::array<std::size_t, 2> shown{}; ///< arguments in that entry, counted from 1
     std::size_t fd = 0;                 ///< argument that is a descriptor
     std::size_t half = 0;               ///< argument that is a size
-    bool text = false;                  ///< what it shows is a text
     bool pid = false;                   ///< its first argument is a process
     bool again = false;                 ///< to be repeated when a signal ended it
     bool gives_back = false;            ///< a descriptor or child, even when it fails; never in a handler
@@ -69,15 +55,10 @@ struct Row {
     bool faked = false;                 ///< passes at once
     int tls = 0;                        ///< 1: makes a session or context, -1: releases one
     long (*then)(long result, const Arguments& arguments) = nullptr; ///< looks at a call that was made, and its result
-    int calls = 0;                                                   ///< that hooks saw
 };
 
-/// What a hook is told of a call. A value that it returns replaces what the call does; nothing lets it go on.
-struct Call {
-    int n;  ///< 1 for the first of its name in the process
-    long a; ///< its first shown argument
-};
-using Hook = std::function<std::optional<int>(const Call&)>;
+/// Told the first shown argument of a call. A value that it returns replaces what the call does; nothing lets it go on.
+using Hook = std::function<std::optional<int>(long argument)>;
 
 /// Lets a call pass; `real` makes it, by halves if it is told to.
 long pass(Row& row, const std::string& shown, long argument, const std::function<long(bool half)>& real);
@@ -125,7 +106,7 @@ using Attrs = std::map<std::string, std::string>;
 /// leave it.
 struct Host {
     std::map<std::string, Attrs> objects; ///< "CLASS NAME"
-    /// By operation or system call; "failure": a level-1 line of the TCP client.
+    /// By operation or system call; "log": a log line, with its level.
     std::map<std::string, Hook, std::less<>> hooks;
     std::deque<GetStep> get;
     std::string name = "ch1";  ///< channel name among the process arguments
@@ -143,6 +124,9 @@ constexpr int kSuccess = 3; ///< of the store's operations: only the sign of a r
 constexpr int kHostError = -110;
 constexpr int kScriptOver = 77;
 constexpr int kOptions = 2; ///< option entries in the argument table
+
+/// Whether none of the signals that come and go with a line can interrupt.
+bool line_signals_held();
 
 /// In the channel process: calls OnPlugLoad with a fresh context; raises an event and notes "event <n> = <result>".
 void load();

@@ -55,11 +55,8 @@ TEST_F(Send, FramesByteForByte) {
                                                          "000000010000000000000277" + plain_block('1') + "hello"},
                                   {empty, frame('0', std::string(32, 'q'), "-0000005", "-2147483", plain_block('1'))},
                                   {message(largest), data_frame(largest)}});
-    EXPECT_TRUE(in_order(r, {"4 rcv len[77]", "4 dest queue[Q1]", "5 NETSTAT[1]",
-                             "cork(1) | 5 start write chl hdr | write(75) | 5 start write chl msg md | write(272) | "
-                             "5 main msg len[5] | write(5) | cork(0) | 4 send data[277] success. | "
-                             "4 send 5 real size[277]",
-                             "write(0)", "4 send 0 real size[272]"}));
+    EXPECT_TRUE(in_order(r, {"4 dest queue[Q1]", "cork(1)", "write(75)", "write(272)", "write(5)", "cork(0)",
+                             "4 send data[277] success.", "4 send 5 real size[277]", "4 send 0 real size[272]"}));
 }
 
 TEST_F(Send, DescriptorBlockFieldByField) {
@@ -107,18 +104,14 @@ TEST_F(Send, FilesByteForByte) {
          {file_message(far), file_frames(1023)},
          {file_message(path + nuls(1) + "leftovers of a longer message" + std::string(1000, '?')),
           file_frames(path.size())}});
-    EXPECT_TRUE(in_order(r, {"5 snd file0[files/a.txt]", "5 start write attachment header",
-                             "4 ----------------------start process accessories---------------------", "5 ACCSNUM[2]",
-                             "5 -------------------start send file[files/a.txt]------------------",
-                             "4 begin send file[files/a.txt] data[1000]",
-                             "4 send file[files/a.txt] data[1000] success.", "3 send file[files/a.txt]", "cork(0)",
+    EXPECT_TRUE(in_order(r, {"4 send file[files/a.txt] data[1000] success.", "3 send file[files/a.txt]", "cork(0)",
                              "4 send data[1464] success.", "4 send 1023 real size[1302]"}));
 }
 
 /// A message of which only a part arrives, or nothing.
 struct Refused {
     Message msg;
-    std::string told;
+    std::string told = "1 ProcMsg[-1]";
     int attempts = 0;    ///< connections that get the part; after four, or none, it is laid aside
     std::string part{};  ///< of its bytes
     std::string whole{}; ///< what arrives with the attempt after those
@@ -145,8 +138,7 @@ TEST_F(Send, WhatCannotBeSentIsTriedFourTimesAtMostAndLaidAside) {
     const std::string good = data_frame("good");
     const std::string xmit_header = message("").data;
     const std::string block = attachment_block({"files"});
-    const std::string headless = "1 msg no xmit header | 1 ProcMsg[-1]";
-    const std::string refused = "1 ProcMsg[-1]";
+    const std::string headless = "1 msg no xmit header";
     Message no_list = with_files("m", {}, 1);
     no_list.null_list = true;
     const Message hello = message("hello");
@@ -162,30 +154,41 @@ TEST_F(Send, WhatCannotBeSentIsTriedFourTimesAtMostAndLaidAside) {
         // Nothing outside the buffer is sent or put.
         {of_length(2098377, message(std::string(2098376 - 72, 'c'))),
          "1 message of [2098377] bytes exceeds the buffer of [2098376]: not sent"},
-        {file_message("files/huge"), refused},
-        {with_files("m", {"files/empty", "files/huge"}), refused},
-        {file_message(std::string(1024, 'p')), refused},
-        {with_files("m", {}, 31), refused},
-        {with_files("m", {}, -1), refused},
-        {no_list, refused},
+        {file_message("files/huge")},
+        {with_files("m", {"files/empty", "files/huge"})},
+        {file_message(std::string(1024, 'p'))},
+        {with_files("m", {}, 31)},
+        {with_files("m", {}, -1)},
+        {no_list},
         bad_file("files/none", "1 open [files/none] error[2:No such file or directory]"),
         bad_file("files/empty", "1 tell [files/empty] ret[0] error[0:Success]"),
         bad_file("files/fifo", "1 open [files/fifo] error[29:Illegal seek]"),
-        bad_file("/dev/zero", "1 open [/dev/zero] error[29:Illegal seek] | 1 SendFile2Rcvr[/dev/zero] error[-2]"),
+        bad_file("/dev/zero", "1 SendFile2Rcvr[/dev/zero] error[-2]"),
         {with_files("m", {"files"}), "1 open [files] error[21:Is a directory]", 4,
          header('0', 273 + block.size()) + plain_block('1', 4) + "m" + block},
-        {hello, reset + " return[-1]", 3, half, whole, {{"write", failing_of(5, 3, 2, ECONNRESET)}}},
+        {hello,
+         reset + " return[-1]",
+         3,
+         half,
+         whole,
+         {{"write", failing({.result = 2, .err = ECONNRESET, .to = 3, .of = 5})}}},
         // The watcher's copy of the line would keep the half message.
-        {hello, "5 waitpid W4 end | 1 ProcMsg[-1]", 4, half, "", {{"write", failing_of(5, 4, 2, ECONNRESET)}}},
+        {hello,
+         "5 waitpid <watcher 4> end",
+         4,
+         half,
+         "",
+         {{"write", failing({.result = 2, .err = ECONNRESET, .to = 4, .of = 5})}}},
     };
     for (const Refused& c : cases) {
         host().hooks = c.hooks;
-        const Result r = run_messages({message("good"), c.msg, message("good")});
+        host().get = {deliver(message("good")), deliver(c.msg), deliver(message("good"))};
+        const Result r = run_channel();
         Lines conns(static_cast<size_t>(c.attempts), kBind + c.part);
         conns.push_back(kBind + c.whole + good);
         conns[0].insert(kBind.size(), good);
         EXPECT_EQ(r.conns, conns) << r.dump();
-        EXPECT_TRUE(in_order(r, {c.told}, "L"));
+        EXPECT_GT(r.count(c.told), 0) << c.told << r.dump();
         EXPECT_EQ(r.count("KVR_QueMsgPut(" + std::to_string(c.msg.data.size()) + ")"), c.whole.empty() ? 1 : 0);
         EXPECT_EQ(r.count("sleep("), 0);
     }

@@ -7,6 +7,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "channel_run.h"
 #include "kavutil/stop_point.h"
 
@@ -45,7 +47,14 @@ Sweep::Sweep() {
     chl()["SHORTRTY"] = "1";
     chl()["HBINT"] = "0";
     if (carrier_ != Carrier::kPlain) {
-        use_tls(carrier_);
+        chl()["SSLCAUTH"] = "ENABLE";
+        qmgr() = {{"CAFILE", tls_material().ca_file},
+                  {"CERTFILE", tls_material().client.cert_file},
+                  {"KEYFILE", tls_material().client.key_file},
+                  {"KEYPASS", kKeyPass},
+                  {"DEADQ", "DLQ"}};
+        receiver_.carrier = carrier_;
+        receiver_.ask_client_cert = true;
     }
     const std::string long_file(12000, 'l');
     Message second = message(file("own", "content"));
@@ -71,7 +80,7 @@ GetStep Sweep::hand_over(size_t number) {
         if (number == 2 && poll(&line, 1, 0) == 1 && (line.revents & (POLLRDHUP | POLLHUP)) != 0) {
             // On a line that is down nothing but an alarm ends the get: the first comes before it waits.
             for (int alarms = 0; alarms < 2; ++alarms) {
-                trace(std::exchange(host().alarm, 0) == 1 ? kNote : kFault, "alarm on a dead line");
+                trace(std::exchange(host().alarm, 0) == 1 ? "alarm on a dead line" : "fault: none on a dead line");
                 raise(SIGALRM);
             }
             host().get.push_front(hand_over(number));
@@ -81,7 +90,7 @@ GetStep Sweep::hand_over(size_t number) {
             lost_ = road_ == "NewLine";
             attack.open = true;
         }
-        trace(kNote, "in hand %zu", number);
+        trace("in hand %zu", number);
         return deliver(messages_[number])(md, buf, len);
     };
 }
@@ -101,7 +110,7 @@ int Sweep::wait() const {
 void note_what_is_left(const char* when) {
     siginfo_t child{};
     const bool children = waitid(P_ALL, 0, &child, WEXITED | WNOHANG | WNOWAIT) == 0;
-    trace(kNote, "%s, %d descriptors more, %d TLS objects, %d children", when, open_descriptors() - descriptors_before,
+    trace("%s, %d descriptors more, %d TLS objects, %d children", when, open_descriptors() - descriptors_before,
           tls_objects(), children ? 1 : 0);
 }
 
@@ -126,12 +135,12 @@ void Sweep::script() {
     // On a line that the channel has closed they would make a reset, which takes back what was sent.
     receiver_.tickets = road_ == "NewLine" ? 0 : -1;
     if (sends_tickets_) {
-        cues_ = {{"KVR_QueMsgGet()", [](PeerConnection& connection) {
-                      connection.send_tickets(2);
-                      trace(kNote, "tickets sent");
-                  }}};
+        cue_ = {"KVR_QueMsgGet()", [](PeerConnection& connection) {
+                    connection.send_tickets(2);
+                    trace("tickets sent");
+                }};
     }
-    host().hooks["sockCanRead"] = [this](const Call&) {
+    host().hooks["sockCanRead"] = [this](long) {
         return std::exchange(lost_, false) ? std::optional(1) : std::nullopt;
     };
     const bool waits = road_ == "LostLine" || road_ == "Heartbeat" || road_ == "Stop";
@@ -209,7 +218,7 @@ void Sweep::judge(const Result& r) const {
     // A message is the channel's from the get that delivers it to the next get, which uses it up.
     std::vector<int> expected(messages_.size(), 0);
     size_t in_hand = messages_.size();
-    for (const std::string& text : r.lines("EH")) {
+    for (const auto& [pid, text] : r.trace) {
         // A host keeps what its dead-letter queue did not take.
         if (text.starts_with("KVR_QueMsgPut(") || (text == "KVR_QueOpen(DLQ)" && failed == "KVR_QueOpen")) {
             EXPECT_TRUE(wire_[in_hand].empty() || (road_ == "NewLine" && attack.action == Attack::kFail))
