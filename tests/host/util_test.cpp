@@ -1,12 +1,8 @@
 // SPDX-License-Identifier: MIT
-// Utilities of the host on real processes and sockets: exact-length read and write under signals, the look-up of an
-// address, processes.
+// Utilities of the host: the look-up of an address, processes.
 #include <arpa/inet.h>
 #include <climits>
 #include <netdb.h>
-#include <numeric>
-#include <sys/socket.h>
-#include <vector>
 
 #include <gmock/gmock.h>
 
@@ -91,36 +87,6 @@ TEST(Process, ExistsOnlyWhileItRunsAndIsOneToSignal) {
     ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child.pid()), &info, WEXITED | WNOWAIT), 0);
     EXPECT_EQ(procIsExist(child.pid()), 0) << "a zombie";
     EXPECT_EQ(child.result(), -SIGKILL);
-}
-
-int g_sockets[2];
-
-TEST(Stream, CarriesEveryByteUnderSignals) {
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, g_sockets), 0);
-    constexpr int kLarge = 32 << 20;
-    std::vector<unsigned> sent(kLarge / sizeof(unsigned));
-    std::iota(sent.begin(), sent.end(), 0x01020304U);
-    struct sigaction interrupts {}; // no SA_RESTART
-    interrupts.sa_handler = [](int) {
-        const int error = errno;
-        send(g_sockets[0], "!", 1, MSG_DONTWAIT | MSG_NOSIGNAL);
-        errno = error;
-    };
-    sigaction(SIGALRM, &interrupts, nullptr);
-    Child reader = Child::fork_off([&] {
-        close(g_sockets[1]);
-        kvr::test::repeat_alarm(100);
-        std::vector<unsigned> received(sent.size());
-        return streamReadNByte(received.data(), kLarge, nullptr, g_sockets[0]) == kLarge && received == sent ? 0 : 1;
-    });
-    close(std::exchange(g_sockets[0], -1));
-    char signals[20]; // that interrupted the reader before a byte came
-    EXPECT_EQ(streamReadNByte(signals, sizeof signals, nullptr, g_sockets[1]), 20);
-    kvr::test::repeat_alarm(100);
-    EXPECT_EQ(streamWriteNByte(sent.data(), kLarge, g_sockets[1]), kLarge);
-    kvr::test::repeat_alarm(0);
-    close(g_sockets[1]);
-    EXPECT_EQ(reader.result(), 0);
 }
 
 } // namespace

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: MIT
-// A client record for tests, with everything it logged, and a signal handler that works on it.
+// A client record for tests, with everything it logged.
 #pragma once
 
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -20,39 +19,20 @@
 
 namespace kvr::test {
 
-inline std::function<void()> handler_action;
-inline thread_local volatile sig_atomic_t in_handler = 0;
-
-/// From now on SIGUSR2 runs this in a handler, installed without SA_RESTART.
-inline void handle(std::function<void()> action) {
-    handler_action = std::move(action);
-    struct sigaction handler {};
-    handler.sa_handler = [](int) {
-        const int saved = std::exchange(errno, 0);
-        in_handler = 1;
-        handler_action();
-        in_handler = 0;
-        errno = saved;
-    };
-    sigaction(SIGUSR2, &handler, nullptr);
-}
-
-/// "<level> <operation> <text>" of each line since the latest Client was made. A handler's are left out.
+/// "<level> <operation> <text>" of each line since the latest Client was made.
 inline std::vector<std::string> logged_lines;
 
 __attribute__((format(printf, 7, 8))) inline int record_line(char* /*psTag*/, int iLevel, char* psMod, char* psFile,
                                                              int /*iLine*/, const char* psFunc, char* psFmt, ...) {
-    if (in_handler == 0) {
-        EXPECT_EQ(std::string(psMod) + "/" + psFile + "/" + std::string(psFunc, 12),
-                  "$net_tcp/net_tcp_client/netTcpClient");
-        char text[4096];
-        va_list arguments;
-        va_start(arguments, psFmt);
-        vsnprintf(text, sizeof(text), psFmt, arguments);
-        va_end(arguments);
-        logged_lines.push_back(std::to_string(iLevel) + " " + (psFunc + strlen("netTcpClient")) + " " + text);
-        errno = EDOM; // a log function may do that
-    }
+    EXPECT_EQ(std::string(psMod) + "/" + psFile + "/" + std::string(psFunc, 12),
+              "$net_tcp/net_tcp_client/netTcpClient");
+    char text[4096];
+    va_list arguments;
+    va_start(arguments, psFmt);
+    vsnprintf(text, sizeof(text), psFmt, arguments);
+    va_end(arguments);
+    logged_lines.push_back(std::to_string(iLevel) + " " + (psFunc + strlen("netTcpClient")) + " " + text);
+    errno = EDOM; // a log function may do that
     return 0;
 }
 
@@ -63,10 +43,11 @@ void set_text(char (&field)[N], const std::string& text) {
 }
 
 struct Client : T_NET_TCPCLIENT {
-    /// With the files of a client that every peer trusts.
+    /// With the files of a client that every peer trusts, over a record that holds anything.
     explicit Client(Carrier carrier) : carrier_option(carrier == Carrier::kPlain ? 0 : NET_TCP_OPT_SSL) {
         signal(SIGPIPE, SIG_IGN);
         logged_lines.clear();
+        memset(static_cast<T_NET_TCPCLIENT*>(this), 0x5a, sizeof(T_NET_TCPCLIENT));
         netTcpClientCreate(this, record_line);
         set_text(sCaFile, tls_material().ca_file);
         set_text(sCertFile, tls_material().client.cert_file);

@@ -8,7 +8,6 @@
 #include "kavutil.h"
 #include "net_tcp/client.h"
 #include "net_tcp_common.h"
-#include "support/heap_watch.h"
 
 namespace kvr::test {
 namespace {
@@ -16,6 +15,18 @@ namespace {
 using testing::HasSubstr;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
+
+std::function<void()> g_action;
+
+/// From now on SIGUSR2 runs this in a handler.
+void handle(std::function<void()> action) {
+    g_action = std::move(action);
+    signal(SIGUSR2, [](int) {
+        const int saved = errno;
+        g_action();
+        errno = saved;
+    });
+}
 
 class TlsTest : public testing::TestWithParam<Carrier> {
   protected:
@@ -40,10 +51,7 @@ TEST_P(TlsTest, EachEndIsJudgedByWhatItShows) {
     } cases[] = {
         {made.server, made.client, kUp, "", ""},
         {made.expired_server, made.client, kChecked, "certificate has expired, subject CN = Receiver.Test]", untrusted},
-        {made.future_server, made.client, kChecked, "certificate is not yet valid", untrusted},
         {made.foreign_server, made.client, kChecked, "unable to get local issuer certificate", untrusted},
-        {made.self_signed_server, made.client, kChecked, "self-signed certificate", untrusted},
-        {{}, made.client, kChecked, "peer has no certificate]", untrusted},
         {made.server, made.client, kChecked, "common name differs", "X509_NAME_get_text_by_NID [] error\n",
          NET_TCP_SSL_CHECK_CN},
         {made.server, made.foreign_server, kRefused, "tlsv1 alert unknown ca]", ""},
@@ -51,11 +59,7 @@ TEST_P(TlsTest, EachEndIsJudgedByWhatItShows) {
     for (const auto& row : cases) {
         SCOPED_TRACE(row.reason);
         options_.identity = row.server;
-        options_.anonymous = row.server.cert_file.empty();
-        options_.ask_client_cert = !options_.anonymous;
-        if (options_.anonymous && GetParam() != Carrier::kTls12) {
-            continue; // there is no such thing
-        }
+        options_.ask_client_cert = true;
         std::string received;
         {
             Peer peer(options_, [&](PeerConnection& connection) { received = connection.read_all(); });
@@ -63,7 +67,6 @@ TEST_P(TlsTest, EachEndIsJudgedByWhatItShows) {
             set_text(client.sCertFile, row.client.cert_file);
             set_text(client.sKeyFile, row.client.key_file);
             ASSERT_EQ(client.init(), 0);
-            SSL_CTX_set_cipher_list(client.ctx, options_.anonymous ? "aNULL:@SECLEVEL=0" : "DEFAULT");
             CaptureStderr();
             bool up = client.connect(peer.port(), "127.0.0.1", row.options) == 0;
             EXPECT_EQ(GetCapturedStderr(), row.on_stderr);
@@ -85,7 +88,6 @@ TEST(TlsCheck, ComparesTheWholeCommonName) {
     const TlsMaterial& made = tls_material();
     const std::tuple<TlsIdentity, std::string, int> cases[] = {{made.server, "rECEIVER.tEST", 0},
                                                                {made.server, "Receiver.Tes", -2},
-                                                               {made.nameless_server, "", 0},
                                                                {made.nul_name_server, "Receiver.Test", -2}};
     for (const auto& [identity, name, result] : cases) {
         Peer peer({.carrier = Carrier::kTls13, .identity = identity}, &PeerConnection::read_all);
@@ -185,37 +187,6 @@ TEST(TlsTickets, MayComeAtAnyTime) {
         closed = true;
     }
     EXPECT_EQ(received.size(), data.size());
-}
-
-/// Some suites make a digest of each record beside the cipher; what both ends prefer is the sweep's.
-TEST_P(TlsTest, AWriteInAHandlerUsesNoHeap) {
-    static int heap_calls;
-    heap_calls = 0;
-    heap_used = [] { heap_calls += in_handler; };
-    const std::string frame(75, 'f');
-    for (const char* suite : {"ECDHE-ECDSA-AES256-SHA384", "ECDHE-ECDSA-AES128-SHA256", "ECDHE-ECDSA-AES256-SHA"}) {
-        Peer peer(options_, [&](PeerConnection& connection) {
-            connection.read(frame.size());
-            if (GetParam() == Carrier::kTls13) {
-                connection.update_keys(); // the next write finds this and tickets pending
-            }
-            connection.read_all();
-        });
-        Client client(GetParam());
-        ASSERT_EQ(client.init(), 0);
-        ASSERT_EQ(SSL_CTX_set_cipher_list(client.ctx, suite), 1);
-        ASSERT_EQ(client.connect(peer.port()), 0) << client.error();
-        int written = 0;
-        handle([&] { written += client.write(frame); });
-        raise(SIGUSR2);
-        EXPECT_TRUE(GetParam() == Carrier::kTls12 || wait_until([&] { return client.pending() > 0; }));
-        raise(SIGUSR2);
-        EXPECT_EQ(client.write(""), 0); // takes it in
-        raise(SIGUSR2);
-        EXPECT_EQ(written, 3 * 75);
-    }
-    heap_used = nullptr;
-    EXPECT_EQ(heap_calls, 0);
 }
 
 /// The host cannot stop a write in a handler: there a second interruption without progress ends it.

@@ -2,7 +2,6 @@
 #include "support/peer.h"
 
 #include <chrono>
-#include <utility>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -22,12 +21,10 @@ std::shared_ptr<SSL_CTX> make_context(const PeerOptions& options) {
     const int version = options.carrier == Carrier::kTls12 ? TLS1_2_VERSION : TLS1_3_VERSION;
     SSL_CTX_set_min_proto_version(context, version);
     SSL_CTX_set_max_proto_version(context, version);
-    if (options.anonymous) {
-        SSL_CTX_set_cipher_list(context, "aNULL:@SECLEVEL=0");
-    } else {
-        SSL_CTX_use_certificate_file(context, options.identity.cert_file.c_str(), SSL_FILETYPE_PEM);
-        SSL_CTX_use_PrivateKey_file(context, options.identity.key_file.c_str(), SSL_FILETYPE_PEM);
-    }
+    // With TLS 1.2 a digest beside the cipher, for which a client that writes in a handler may need the heap.
+    SSL_CTX_set_cipher_list(context, "ECDHE-ECDSA-AES256-SHA384");
+    SSL_CTX_use_certificate_file(context, options.identity.cert_file.c_str(), SSL_FILETYPE_PEM);
+    SSL_CTX_use_PrivateKey_file(context, options.identity.key_file.c_str(), SSL_FILETYPE_PEM);
     if (options.tickets >= 0) {
         SSL_CTX_set_num_tickets(context, static_cast<std::size_t>(options.tickets));
     }
@@ -58,23 +55,23 @@ const char* carrier_name(Carrier carrier) {
 PeerConnection::PeerConnection(int socket, SSL_CTX* context)
     : socket_(socket), ssl_(context != nullptr ? SSL_new(context) : nullptr, SSL_free) {
     const timeval deadline{kDeadlineSeconds, 0};
-    setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof(deadline));
+    setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof(deadline));
     if (ssl_) {
-        SSL_set_fd(ssl_.get(), socket_);
+        SSL_set_fd(ssl_.get(), socket);
     }
 }
 
 bool PeerConnection::handshake() {
-    return !ssl_ || SSL_accept(ssl_.get()) == 1;
+    return !ssl_ || (SSL_is_server(ssl_.get()) ? SSL_accept : SSL_connect)(ssl_.get()) == 1;
 }
 
-std::string PeerConnection::read(std::size_t size) {
+std::string PeerConnection::read(std::size_t size) const {
     std::string all;
     char buffer[16384];
-    while (socket_ >= 0 && all.size() < size) {
+    while (socket_ && all.size() < size) {
         const std::size_t wanted = std::min(size - all.size(), sizeof(buffer));
         const ssize_t got =
-            ssl_ ? SSL_read(ssl_.get(), buffer, static_cast<int>(wanted)) : recv(socket_, buffer, wanted, 0);
+            ssl_ ? SSL_read(ssl_.get(), buffer, static_cast<int>(wanted)) : recv(socket_.get(), buffer, wanted, 0);
         if (got <= 0) {
             break;
         }
@@ -83,18 +80,16 @@ std::string PeerConnection::read(std::size_t size) {
     return all;
 }
 
-void PeerConnection::write(std::string_view data) {
-    if (ssl_) {
-        SSL_write(ssl_.get(), data.data(), static_cast<int>(data.size()));
-    } else {
-        send(socket_, data.data(), data.size(), MSG_NOSIGNAL);
-    }
+bool PeerConnection::write(std::string_view data) const {
+    const auto size = static_cast<int>(data.size());
+    return size == (ssl_ ? SSL_write(ssl_.get(), data.data(), size)
+                         : send(socket_.get(), data.data(), data.size(), MSG_NOSIGNAL));
 }
 
 int PeerConnection::port() const {
     sockaddr_in address{};
     socklen_t length = sizeof(address);
-    getpeername(socket_, reinterpret_cast<sockaddr*>(&address), &length);
+    getpeername(socket_.get(), reinterpret_cast<sockaddr*>(&address), &length);
     return ntohs(address.sin_port);
 }
 
@@ -116,15 +111,9 @@ void PeerConnection::send_close_alert() {
     }
 }
 
-void PeerConnection::close() {
-    if (socket_ >= 0) {
-        ::close(std::exchange(socket_, -1));
-    }
-}
-
 void PeerConnection::reset() {
     const linger at_once{1, 0};
-    setsockopt(socket_, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
+    setsockopt(socket_.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
     close();
 }
 

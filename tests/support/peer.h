@@ -15,6 +15,7 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
+#include "kavutil/unique_fd.h"
 #include "support/tls_material.h"
 
 namespace kvr::test {
@@ -37,32 +38,31 @@ struct PeerOptions {
     TlsIdentity identity = tls_material().server;
     int tickets = -1;             ///< TLS 1.3 session tickets after the handshake; negative: OpenSSL's default
     bool ask_client_cert = false; ///< the handshake fails without a trusted one
-    bool anonymous = false;       ///< TLS 1.2 without any certificate
     int receive_buffer = 0;       ///< bytes; 0: the system's default
 };
 
 class PeerConnection {
   public:
-    /// `context` null: plain TCP.
+    /// `context` null: plain TCP; it says which end of the handshake this is.
     PeerConnection(int socket, SSL_CTX* context);
-    ~PeerConnection() { close(); }
 
     bool handshake();
     /// Reads so many bytes; fewer when the connection ended first.
-    std::string read(std::size_t size);
-    std::string read_all() { return read(std::string::npos); }
-    void write(std::string_view data);
+    std::string read(std::size_t size) const;
+    std::string read_all() const { return read(std::string::npos); }
+    /// False when the other end did not take all.
+    bool write(std::string_view data) const;
     /// The other end's port.
     int port() const;
 
     void send_tickets(int count); ///< TLS 1.3
     void update_keys();           ///< TLS 1.3: changes keys and asks the other end to do so too
     void send_close_alert();
-    void close();
+    void close() { socket_.reset(); }
     void reset(); ///< closes with a reset
 
-  private:
-    int socket_;
+  protected:
+    UniqueFd socket_;
     std::unique_ptr<SSL, void (*)(SSL*)> ssl_; ///< null: plain TCP
 };
 

@@ -21,10 +21,7 @@ struct TlsMaterial {
     TlsIdentity client;
     TlsIdentity encrypted_client; ///< its key needs kKeyPass
     TlsIdentity expired_server;
-    TlsIdentity future_server;  ///< not yet valid
-    TlsIdentity foreign_server; ///< of another CA
-    TlsIdentity self_signed_server;
-    TlsIdentity nameless_server; ///< no common name
+    TlsIdentity foreign_server;  ///< of another CA
     TlsIdentity nul_name_server; ///< common name "Receiver.Test", a NUL, "evil"
 };
 
