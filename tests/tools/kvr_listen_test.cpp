@@ -37,11 +37,7 @@ class KvrListen : public ProgramTest {
     }
     /// How often a text stands in a file.
     [[nodiscard]] std::size_t count(const std::string& wanted, const char* name = "journal") const {
-        std::size_t found = 0;
-        const std::string all = text(name);
-        for (std::size_t at = 0; (at = all.find(wanted, at)) != std::string::npos; ++at, ++found) {
-        }
-        return found;
+        return occurrences(text(name), wanted);
     }
     /// False when it does not stand there so often before the deadline.
     [[nodiscard]] bool has(const std::string& wanted, std::size_t times = 1, const char* name = "journal") const {

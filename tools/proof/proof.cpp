@@ -213,14 +213,6 @@ ProofMessage make_proof(const ProofPlan& plan, std::uint32_t number, const T_KAV
     return message;
 }
 
-std::uint64_t proven_size(const ProofPlan& plan, std::uint32_t number) {
-    std::uint64_t size = data_size(plan, number);
-    for (const File& file : files_of(plan, number)) {
-        size += file.size;
-    }
-    return size;
-}
-
 std::uint64_t wire_size(const ProofPlan& plan, std::uint32_t number) {
     std::uint64_t size = sizeof(T_KAVRO_CHL_HDR) + sizeof(T_KAVRO_CHL_MD) + data_size(plan, number);
     for (const File& file : files_of(plan, number)) {

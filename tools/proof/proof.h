@@ -60,9 +60,7 @@ struct ProofMessage {
 /// Throws Error(kIo) when a file cannot be written.
 ProofMessage make_proof(const ProofPlan& plan, std::uint32_t number, const T_KAVRO_MD& descriptor,
                         const std::filesystem::path& folder = {});
-/// Data and files of that message, in bytes.
-std::uint64_t proven_size(const ProofPlan& plan, std::uint32_t number);
-/// What it takes on the wire: frames, data and files; of a file message without the path of its file.
+/// What that message takes on the wire: frames, data and files; of a file message without the path of its file.
 std::uint64_t wire_size(const ProofPlan& plan, std::uint32_t number);
 
 /// What came of one run.
