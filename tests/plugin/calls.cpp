@@ -145,36 +145,30 @@ std::optional<long> scripted(const Row& row, long argument) {
     return hook != host().hooks.end() ? hook->second(argument) : std::nullopt;
 }
 
-/// A call that goes on to the next library that has it.
-struct Onward {
-    Row& row;
-    Function* next;
-    Arguments arguments;
+std::string shown(const Row& row, const Arguments& arguments) {
+    std::string text;
+    for (const size_t number : row.shown) {
+        const std::string separator = text.empty() ? "" : " ";
+        text += number != 0 ? separator + std::to_string(static_cast<int>(arguments.at(number - 1))) : "";
+    }
+    return text;
+}
 
-    long operator()(bool half) {
-        std::optional<Own> inside;
-        if (row.own) {
-            inside.emplace();
-        }
-        if (half && arguments.at(row.half - 1) > 1) {
-            arguments.at(row.half - 1) /= 2;
-        }
-        const long result = row.faked ? 0 : std::apply(next, arguments);
-        const bool failed = (row.fd != 0 || row.pid) && static_cast<int>(result) < 0;
-        check(!failed || (errno != EBADF && errno != ECHILD), "a descriptor or child that is none used");
+/// Lets a call go on to the next library that has it.
+long go_on(const Row& row, Function* next, Arguments arguments, bool half) {
+    std::optional<Own> inside;
+    if (row.own) {
         inside.emplace();
-        return row.then != nullptr ? row.then(result, arguments) : result;
     }
-    std::string shown() const {
-        std::string text;
-        for (const size_t number : row.shown) {
-            text += number == 0
-                        ? ""
-                        : (text.empty() ? "" : " ") + std::to_string(static_cast<int>(arguments.at(number - 1)));
-        }
-        return text;
+    if (half && arguments.at(row.half - 1) > 1) {
+        arguments.at(row.half - 1) /= 2;
     }
-};
+    const long result = row.faked ? 0 : std::apply(next, arguments);
+    const bool failed = (row.fd != 0 || row.pid) && static_cast<int>(result) < 0;
+    check(!failed || (errno != EBADF && errno != ECHILD), "a descriptor or child that is none used");
+    inside.emplace();
+    return row.then != nullptr ? row.then(result, arguments) : result;
+}
 
 /// All arguments are integers and pointers, which six longs carry, whichever and however many they are.
 long call(Row& row, const char* symbol, Function*& next, const Arguments& arguments) {
@@ -189,10 +183,10 @@ long call(Row& row, const char* symbol, Function*& next, const Arguments& argume
     const auto fd = row.fd != 0 ? static_cast<size_t>(arguments.at(row.fd - 1) & INT32_MAX) : STDERR_FILENO;
     check(fd == STDERR_FILENO || (fd < g_foreign.size() && !g_foreign.at(fd)), "a foreign descriptor used");
     check(!row.pid || static_cast<int>(arguments[0]) > 0, "a group of processes meant");
-    Onward onward{row, next, arguments};
+    const auto onward = [&](bool half) { return go_on(row, next, arguments, half); };
     const int objects = tls_objects();
     const long argument = arguments.at(std::max<size_t>(row.shown[0], 1) - 1);
-    const long result = pass(row, onward.shown(), argument, std::ref(onward)); // which needs no heap
+    const long result = pass(row, shown(row, arguments), argument, std::ref(onward)); // which needs no heap
     // A session gives its own references back inside.
     g_tls_objects = objects + ((row.tls > 0 ? result : arguments[0]) != 0 ? row.tls : 0);
     return result;

@@ -22,12 +22,17 @@ constexpr char kHere[] = "here"; ///< connection name that stands for the receiv
 
 } // namespace
 
-Hook failing(const Failure& failure) {
-    return [failure, calls = 0](long argument) mutable -> std::optional<int> {
-        errno = failure.err;
-        calls += failure.of.value_or(argument) == argument ? 1 : 0;
-        const bool fails = failure.of.value_or(argument) == argument && calls >= failure.from && calls <= failure.to;
-        return fails ? std::optional(failure.result) : std::nullopt;
+Hook failing(int result, int nth, int err) {
+    return [=, calls = 0](long) mutable {
+        errno = err;
+        return nth == 0 || ++calls == nth ? std::optional(result) : std::nullopt;
+    };
+}
+
+Hook failing_of(long argument, int times, int result, int err) {
+    return [=, left = times](long given) mutable {
+        errno = err;
+        return given == argument && left-- > 0 ? std::optional(result) : std::nullopt;
     };
 }
 
@@ -38,10 +43,8 @@ Message message(const std::string& body, const std::string& dest) {
     return msg;
 }
 
-Message raw(const std::string& data) {
-    Message msg;
-    msg.data = data;
-    return msg;
+Message raw(const std::string& data, std::optional<int> length) {
+    return {.data = data, .length = length};
 }
 
 GetStep deliver(const Message& msg) {
@@ -88,10 +91,6 @@ std::string plain_block(char store_type, int flags) {
 
 std::string data_frame(const std::string& body) {
     return header('0', 272 + body.size()) + plain_block('1') + body;
-}
-
-std::string err(int code) {
-    return std::to_string(code) + ":" + strerror(code);
 }
 
 std::string Result::named(std::string text) const {

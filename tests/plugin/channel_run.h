@@ -15,20 +15,15 @@ namespace kvr::test {
 
 using Lines = std::vector<std::string>;
 
-/// How calls fail, of those with the argument `of` when one is given: the `from`-th to the `to`-th.
-struct Failure {
-    int result = -1;
-    int err = 0;
-    int from = 1;
-    int to = 1 << 30;
-    std::optional<long> of = {};
-};
-Hook failing(const Failure& failure);
+/// Fails each call, or the n-th only.
+Hook failing(int result, int nth = 0, int err = 0);
+/// Fails the first so many calls with this argument.
+Hook failing_of(long argument, int times, int result, int err);
 
 /// A message with a transmission header for `dest`.
 Message message(const std::string& body, const std::string& dest = "Q1");
-/// A message of no other bytes than these.
-Message raw(const std::string& data);
+/// A message of no other bytes than these; the get may tell another length.
+Message raw(const std::string& data, std::optional<int> length = {});
 GetStep deliver(const Message& msg);
 /// Raises a signal inside the get, which then fails as an interrupted wait does.
 GetStep interrupted(int sig);
@@ -41,9 +36,6 @@ std::string header(char type, std::size_t package);
 std::string plain_block(char store_type, int flags = 0);
 /// One such message without attachments, whole.
 std::string data_frame(const std::string& body);
-/// "<errno>:<text>", as failures show it.
-std::string err(int code);
-
 /// What a run left behind.
 struct Result {
     pid_t pid = 0;

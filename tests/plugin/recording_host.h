@@ -91,11 +91,11 @@ int tls_objects();
 
 struct Message {
     T_KAVRO_MD md{};
-    std::string data;
-    std::vector<std::string> files; ///< listed when the descriptor has the flag
-    std::optional<int> file_count;  ///< a count other than that of `files`
-    std::optional<int> length;      ///< told by the get, other than that of `data`
-    bool null_list = false;         ///< pOptData is null after the get
+    std::string data{};
+    std::vector<std::string> files{}; ///< listed when the descriptor has the flag
+    std::optional<int> file_count{};  ///< a count other than that of `files`
+    std::optional<int> length{};      ///< told by the get, other than that of `data`
+    bool null_list = false;           ///< pOptData is null after the get
 };
 
 /// One result of the get.
@@ -109,7 +109,6 @@ struct Host {
     /// By operation or system call; "log": a log line, with its level.
     std::map<std::string, Hook, std::less<>> hooks;
     std::deque<GetStep> get;
-    std::string name = "ch1";  ///< channel name among the process arguments
     int sock = 0;              ///< the latest socket
     pid_t watcher = 0;         ///< the latest line watcher
     unsigned alarm = 0;        ///< what is armed: it never fires by itself

@@ -118,12 +118,6 @@ struct Refused {
     decltype(Host::hooks) hooks{};
 };
 
-/// One that a host tells another length of.
-Message of_length(int length, Message msg) {
-    msg.length = length;
-    return msg;
-}
-
 /// Such a file is refused when it is opened, behind the message's frame: it may be mended before the next attempt.
 Refused bad_file(const std::string& path, const std::string& why) {
     const std::string body = padded(path.substr(path.rfind('/') + 1), path.size());
@@ -144,15 +138,16 @@ TEST_F(Send, WhatCannotBeSentIsTriedFourTimesAtMostAndLaidAside) {
     const Message hello = message("hello");
     const std::string whole = data_frame("hello");
     const std::string half = whole.substr(0, 347);
-    const std::string reset = "1 write [5] to receiver error[104:write[5] ret[2] error[" + err(ECONNRESET) + "]]";
+    const std::string reset =
+        "1 write [5] to receiver error[104:write[5] ret[2] error[104:Connection reset by peer]] return[-1]";
     const Refused cases[] = {
         {raw(std::string(500, '-')), headless},
         {raw(xmit_header.substr(0, 71)), headless},
         {raw(""), headless},
         {raw("xtmh" + xmit_header.substr(4)), headless},
-        {of_length(-1, raw("")), headless},
+        {raw("", -1), headless},
         // Nothing outside the buffer is sent or put.
-        {of_length(2098377, message(std::string(2098376 - 72, 'c'))),
+        {raw(message(std::string(2098376 - 72, 'c')).data, 2098377),
          "1 message of [2098377] bytes exceeds the buffer of [2098376]: not sent"},
         {file_message("files/huge")},
         {with_files("m", {"files/empty", "files/huge"})},
@@ -166,19 +161,9 @@ TEST_F(Send, WhatCannotBeSentIsTriedFourTimesAtMostAndLaidAside) {
         bad_file("/dev/zero", "1 SendFile2Rcvr[/dev/zero] error[-2]"),
         {with_files("m", {"files"}), "1 open [files] error[21:Is a directory]", 4,
          header('0', 273 + block.size()) + plain_block('1', 4) + "m" + block},
-        {hello,
-         reset + " return[-1]",
-         3,
-         half,
-         whole,
-         {{"write", failing({.result = 2, .err = ECONNRESET, .to = 3, .of = 5})}}},
+        {hello, reset, 3, half, whole, {{"write", failing_of(5, 3, 2, ECONNRESET)}}},
         // The watcher's copy of the line would keep the half message.
-        {hello,
-         "5 waitpid <watcher 4> end",
-         4,
-         half,
-         "",
-         {{"write", failing({.result = 2, .err = ECONNRESET, .to = 4, .of = 5})}}},
+        {hello, "5 waitpid <watcher 4> end", 4, half, "", {{"write", failing_of(5, 4, 2, ECONNRESET)}}},
     };
     for (const Refused& c : cases) {
         host().hooks = c.hooks;
