@@ -8,19 +8,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <fstream>
 #include <regex>
 
 namespace kvr::test {
 
-namespace {
-
-constexpr std::size_t kBindFrame = 78;
 constexpr char kHere[] = "here"; ///< connection name that stands for the receiver's
-
-} // namespace
 
 Hook failing(int result, int nth, int err) {
     return [=, calls = 0](long) mutable {
@@ -147,7 +140,7 @@ Result ChannelTest::run(const std::function<void()>& body) {
     std::optional<Peer> peer(std::in_place, receiver_, [&](PeerConnection& connection) {
         const Cue cue = std::exchange(cue_, {});
         result.names.emplace("<own port>", std::to_string(connection.port()));
-        result.conns.push_back(connection.read(cue.act ? kBindFrame : 0));
+        result.conns.push_back(connection.read(cue.act ? bind_frame("CH1").size() : 0));
         if (cue.act) {
             wait_for(cue.after);
             cue.act(connection);

@@ -192,11 +192,11 @@ TEST_F(Life, ALineIsKeptAliveOrReplaced) {
     const std::string sent = data_frame("x");
     const std::string beat = kBind + heartbeat_frame();
     const Lines kept = {beat + sent};
+    const Lines broken = {kBind + sent.substr(0, 347), kBind + sent};
     const Lines replaced = {kBind, kBind + sent};
     const GetStep x = deliver(message("x"));
     const GetStep alarm = interrupted(SIGALRM);
     const GetStep loss = interrupted(SIGUSR2);
-    const GetStep fails = [](T_KAVRO_MD*, char*, int*) { return -7; };
     const Hook loss_at_an_error = [](long level) -> std::optional<int> {
         level == 1 ? raise(SIGUSR2) : 0;
         return {};
@@ -212,13 +212,10 @@ TEST_F(Life, ALineIsKeptAliveOrReplaced) {
         {{}, {failed, "whole pause"}, {{"write", failing_of(75, 1, 9, EPIPE)}}, {alarm, x}, replaced},
         {{}, {"3 line disconnected [0]", "alarm(0)", "sleep(3)", "whole pause", kRetrying}, {}, {loss, x}, replaced},
         {{}, {"1 sockCanRead [-3]", "5 waitpid <watcher 1> end"}, {{"sockCanRead", failing(-3, 1)}}, {x}, replaced},
-        {{}, {"1 RecvIpcMsg error[-7]"}, {}, {alarm, fails}, {beat}, 1},
+        {{}, {"1 RecvIpcMsg error[-7]"}, {}, {alarm, [](auto...) { return -7; }}, {beat}, 1},
         {{}, {"1 SndrNetInit error[-1]"}, {{"sockGetHostIp", failing(-1, 2)}}, {loss}, {kBind}, 1},
-        {{}, // the close in the handler clears the reason
-         {reset},
-         {{"write", failing_of(1, 1, 0, ECONNRESET)}, {"log", loss_at_an_error}},
-         {x},
-         {kBind + sent.substr(0, 347), kBind + sent}},
+        // The close in the handler clears the reason.
+        {{}, {reset}, {{"write", failing_of(1, 1, 0, ECONNRESET)}, {"log", loss_at_an_error}}, {x}, broken},
     });
 }
 

@@ -48,11 +48,10 @@ Sweep::Sweep() {
     chl()["HBINT"] = "0";
     if (carrier_ != Carrier::kPlain) {
         chl()["SSLCAUTH"] = "ENABLE";
-        qmgr() = {{"CAFILE", tls_material().ca_file},
-                  {"CERTFILE", tls_material().client.cert_file},
-                  {"KEYFILE", tls_material().client.key_file},
-                  {"KEYPASS", kKeyPass},
-                  {"DEADQ", "DLQ"}};
+        qmgr()["CAFILE"] = tls_material().ca_file;
+        qmgr()["CERTFILE"] = tls_material().client.cert_file;
+        qmgr()["KEYFILE"] = tls_material().client.key_file;
+        qmgr()["KEYPASS"] = kKeyPass;
         receiver_.carrier = carrier_;
         receiver_.ask_client_cert = true;
     }
@@ -62,13 +61,9 @@ Sweep::Sweep() {
     second.md.iMsgFlags = KVR_MSGFLAG_ACCESSORIES;
     second.files = {file("long", long_file)};
     messages_ = {message("first"), road_ == "DeadLetter" ? raw("no header") : second, message("third")};
-    wire_ = {data_frame("first"),
-             header('4', 272 + 9 + 100) + plain_block('2', 4) + padded("own", 9) + attachment_block({"long"}) +
-                 file_frame(long_file) + file_frame("content"),
-             data_frame("third")};
-    if (road_ == "DeadLetter") {
-        wire_[1].clear();
-    }
+    const std::string bytes = header('4', 272 + 9 + 100) + plain_block('2', 4) + padded("own", 9) +
+                              attachment_block({"long"}) + file_frame(long_file) + file_frame("content");
+    wire_ = {data_frame("first"), road_ == "DeadLetter" ? "" : bytes, data_frame("third")};
 }
 
 GetStep Sweep::hand_over(size_t number) {
