@@ -11,7 +11,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/ioctl.h>
 
 #include "net_tcp_client.h"
 #include "support/folder.h"
@@ -78,12 +77,6 @@ struct Client : T_NET_TCPCLIENT {
     /// Not connected, without socket or session; `context` tells whether the TLS context stands.
     bool is_down(bool context) const {
         return iStat == 0 && iSocketNo == 0 && ssl == nullptr && (ctx != nullptr) == context;
-    }
-    /// Bytes that the peer sent and nobody took in.
-    int pending() const {
-        int bytes = 0;
-        ioctl(iSocketNo, FIONREAD, &bytes);
-        return bytes;
     }
 
     int carrier_option;
