@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: MIT
 // Cases at the edge of what the field can be brought to, each with an outcome of its own: room for the creation of a
 // queue manager, disks that fail at one moment, more bytes than can be counted.
+#include <chrono>
+#include <thread>
+
 #include <sys/stat.h>
 
 #include "history.h"
@@ -112,6 +115,40 @@ TEST_F(Edges, ThirtyOfTheLargestFilesCountAsSent) {
     await("the message", [&] { return field_.journalled("end") == 1; });
     EXPECT_EQ(field_.count("journal", "\"length\":99999999"), static_cast<std::size_t>(KVR_ACC_MAX));
     EXPECT_EQ(field_.depth(kDeadQueue), 0U);
+}
+
+// Line signals and alarms from outside at 1 to 10 kHz, from the start over sends, waits and lost lines to the stop.
+TEST(Storm, DamagesNothingAndTheChannelGetsOn) {
+    for (const Carrier carrier : {Carrier::kPlain, Carrier::kTls13}) {
+        History h(1, carrier);
+        h.stop();
+        h.field.set_channel({{"SHORTTMR", "0"}, {"HBINT", "1"}});
+        h.start();
+        h.await_text("log", "starting, plug-in");
+        const auto steps = [&h] { return h.since("log", "start recv msg") + h.since("log", "begin connect"); };
+        {
+            const std::jthread storm([pid = h.worker->pid()](const std::stop_token& over) {
+                for (int sent = 0; !over.stop_requested(); ++sent) {
+                    ::kill(pid, sent % 2 == 0 ? SIGUSR2 : SIGALRM);
+                    std::this_thread::sleep_for(std::chrono::microseconds(1000 - sent % 1000 * 9 / 10));
+                }
+            });
+            for (int round = 1; round <= 100; ++round) {
+                h.put(3, {0, 5'000});
+                await("the channel to get on", [&, before = steps()] { return steps() > before; });
+                if (round % 20 == 0) {
+                    h.end_listener();
+                    h.listen();
+                }
+            }
+            ::kill(h.worker->pid(), SIGTERM);
+            await("the worker's end", [&h] { return has_ended(*h.worker); });
+        } // before the process id is free for others
+        EXPECT_EQ(h.worker->result(), 0);
+        h.run();
+        h.rest({.cuts = 300, .dead = 300});
+        h.finish();
+    }
 }
 
 } // namespace

@@ -33,7 +33,7 @@ void stall(History& h) {
 
 /// A write that takes longer than the send time-out is no failure while it moves.
 void move_slowly(History& h) {
-    h.relisten({"--read-rate", "3000000", "--receive-buffer", "65536"}, {{"SHORTTMR", "1"}});
+    h.relisten({"--read-rate", "1000000", "--receive-buffer", "65536"}, {{"SHORTTMR", "1"}});
     h.put(3, {2'000'000, 2'000'000}, ProofKind::kData);
     h.put(1, {1, 1'500'000}, ProofKind::kFile);
     h.settle();

@@ -71,7 +71,8 @@ Child frozen_writer(const fs::path& qmgr) {
         const int fd = ::open((qmgr / "store" / "write.lock").c_str(), O_RDWR | O_CLOEXEC);
         return ::fcntl(fd, F_SETLKW, &turn) == 0 ? ::raise(SIGSTOP) : 1;
     });
-    await_stopped(child);
+    siginfo_t stopped{};
+    EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(child.pid()), &stopped, WSTOPPED | WNOWAIT), 0);
     return child;
 }
 
@@ -161,12 +162,15 @@ void replace_file(History& h) {
 
 void hang_up(History& h) {
     h.quiet();
-    fs::rename(h.field.home() / "log", h.field.home() / "log.old");
+    for (const char* file : {"log", "journal"}) {
+        fs::rename(h.field.home() / file, h.field.home() / (std::string(file) + ".old"));
+    }
     h.mark();
     ::kill(h.worker->pid(), SIGHUP);
     ::kill(h.listener->pid(), SIGHUP);
     h.put(50);
     h.await_text("log", "log reopened");
+    h.await_text("journal", R"("event":"message")");
     h.settle();
     EXPECT_EQ(h.since("journal", "\"event\":\"connect\""), 0U);
 }

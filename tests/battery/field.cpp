@@ -38,16 +38,6 @@ Words split(const std::string& line) {
     return {std::istream_iterator<std::string>(words), {}};
 }
 
-std::vector<pid_t> processes(const std::function<bool(pid_t)>& wanted) {
-    std::vector<pid_t> found;
-    for (const std::string& name : names_in("/proc")) {
-        if (name.find_first_not_of("0123456789") == name.npos && wanted(std::stoi(name))) {
-            found.push_back(std::stoi(name));
-        }
-    }
-    return found;
-}
-
 std::string proc(pid_t pid, const char* file) {
     return "/proc/" + std::to_string(pid) + "/" + file;
 }
@@ -195,11 +185,18 @@ bool has_ended(const Child& child) {
 }
 
 std::vector<pid_t> processes_with(const std::string& text) {
-    return processes([&](pid_t each) { return contents(proc(each, "cmdline")).find(text) != text.npos; });
+    std::vector<pid_t> found;
+    for (const std::string& name : names_in("/proc")) {
+        if (contents("/proc/" + name + "/cmdline").find(text) != text.npos && std::isdigit(name[0]) != 0) {
+            found.push_back(std::stoi(name));
+        }
+    }
+    return found;
 }
 
 std::vector<pid_t> children_of(pid_t pid) {
-    return processes([&](pid_t each) { return memory_of(each, "PPid") == static_cast<std::uint64_t>(pid); });
+    std::istringstream all(contents(proc(pid, ("task/" + std::to_string(pid) + "/children").c_str())));
+    return {std::istream_iterator<pid_t>(all), {}};
 }
 
 std::size_t descriptors_of(pid_t pid) {

@@ -117,7 +117,7 @@ std::uint64_t cut_window();
 bool has_ended(const Child& child);
 /// Processes whose command line holds this text (zombies have none).
 std::vector<pid_t> processes_with(const std::string& text);
-/// Processes whose parent is `pid` (zombies included).
+/// Those that its main thread made (zombies included).
 std::vector<pid_t> children_of(pid_t pid);
 std::size_t descriptors_of(pid_t pid);
 /// A figure of /proc/PID/status, memory in KiB ("RssAnon"); 0 when it has none.

@@ -31,8 +31,7 @@ struct Fault;
 
 class History {
   public:
-    /// `exact`: nothing is preloaded, and the memory of the processes, which a sanitizer may watch, is not judged.
-    History(std::uint64_t seed, Carrier carrier, bool exact = false);
+    History(std::uint64_t seed, Carrier carrier);
 
     Field field;
     std::optional<Child> listener;
@@ -99,7 +98,6 @@ class History {
     Cost judge(const Cost& allowed);
     void judge_processes();
 
-    bool exact_;
     std::uint64_t seed_;
     std::mt19937_64 random_;
     std::vector<ProofPlan> plans_; ///< by number - 1

@@ -87,11 +87,4 @@ inline void mask_signal(int how, int signal) {
     pthread_sigmask(how, &set, nullptr);
 }
 
-/// Waits until a child has stopped.
-inline void await_stopped(const Child& child) {
-    siginfo_t how{};
-    EXPECT_EQ(waitid(P_PID, static_cast<id_t>(child.pid()), &how, WSTOPPED | WEXITED | WNOWAIT), 0);
-    EXPECT_EQ(how.si_code, CLD_STOPPED);
-}
-
 } // namespace kvr::test

@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: MIT
 // The client's operations over plain TCP, TLS 1.2 and TLS 1.3: results, error texts, log lines, ownership.
-#include <chrono>
-
 #include <fcntl.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
@@ -145,36 +143,6 @@ TEST_P(ClientTest, WhatAReceiverSaysMeansALostLine) {
         expect_error(0, "Read",
                      "read[8:" + std::to_string(sent.size()) + "] ret[0] error[" + (tls_ ? "" : "0:") +
                          "connection closed by peer]");
-    }
-}
-
-/// A great send buffer counts as writable only when a third of it is free, here after more than the send time-out.
-TEST_P(ClientTest, SendTimeOutRunsOnlyWhileThePeerTakesNothing) {
-    constexpr int kSendBuffer = 150'000;
-    options_.receive_buffer = 4096;
-    const std::string data(450'000, 'd');
-    for (const bool takes : {true, false}) {
-        std::atomic<bool> closed = false;
-        std::size_t received = 0;
-        {
-            Peer peer(options_, [&](PeerConnection& connection) {
-                for (int i = 0; takes && i < 100; i++) {
-                    received += connection.read(1000).size();
-                    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-                }
-                received += takes ? connection.read(data.size() - received).size() : 0;
-                EXPECT_TRUE(wait_until([&] { return closed.load(); }));
-            });
-            client_.iSndTimeOut = 1;
-            ASSERT_TRUE(client_.up(peer, NET_TCP_OPT_SNDTIMEO)) << client_.error();
-            setsockopt(client_.iSocketNo, SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof(kSendBuffer));
-            EXPECT_EQ(client_.write(data), takes ? static_cast<int>(data.size()) : -1) << client_.error();
-            const char* reason = takes ? "" : tls_ ? "timed out]" : "11:Resource temporarily unavailable]";
-            EXPECT_THAT(client_.error(), testing::EndsWith(reason));
-            client_.close();
-            closed = true;
-        }
-        EXPECT_EQ(received, takes ? data.size() : 0);
     }
 }
 
