@@ -1,13 +1,19 @@
 // SPDX-License-Identifier: MIT
 // Any bytes as a channel's stream: fed whole and in pieces the splitter must tell the same, keep within its bounds, and
 // order its events so that no sink can be led astray.
+#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "receiver/frame_splitter.h"
-#include "require.h"
 
 namespace {
+
+void require(bool holds) {
+    if (!holds) {
+        std::abort();
+    }
+}
 
 /// Writes down what it is told, and requires that it comes in order and within its bounds.
 struct Witness : kvr::FrameSink {

@@ -3,11 +3,9 @@
 // plain TCP and TLS by turns, so that twenty meet all of it; the order changes from round to round.
 //
 // KVR_BATTERY_SEEDS="FIRST COUNT" makes others than the first twenty. The same seed draws the same faults at the same
-// places; moments between processes are the system's. What each step did and cost is appended to the file that
-// KVR_BATTERY_RESULTS names.
+// places; moments between processes are the system's.
 #include <algorithm>
 #include <chrono>
-#include <fstream>
 #include <random>
 #include <sstream>
 
@@ -50,19 +48,7 @@ std::vector<Fault> drawn_by(std::uint64_t seed) {
     return drawn;
 }
 
-/// What several faults cost together counts for each that may cost it.
-void record(const std::vector<Fault>& faults, const Cost& cost) {
-    const char* file = std::getenv("KVR_BATTERY_RESULTS"); // NOLINT(concurrency-mt-unsafe)
-    std::ofstream results(file == nullptr ? "/dev/null" : file, std::ios::app);
-    for (const Fault& fault : faults) {
-        const Cost& most = fault.cost;
-        results << fmt::format("{}\t{}\t{}\t{}\t{}\n", fault.name, most.cuts == 0 ? 0 : cost.messages,
-                               most.cuts == 0 ? 0 : cost.bytes, most.repeats == 0 ? 0 : cost.repeats,
-                               most.dead == 0 ? 0 : cost.dead);
-    }
-}
-
-/// What is printed is for the one who reads a failure.
+/// What is printed is for the one who reads a failure, and for the table of scripts/battery.
 void live_through(History& history, std::uint64_t seed) {
     const auto begin = Clock::now();
     std::vector<Fault> unjudged;
@@ -77,7 +63,6 @@ void live_through(History& history, std::uint64_t seed) {
         const Cost cost = history.rest(allowed);
         fmt::print("lost {} in {} cuts, {} bytes at once; {} repeated, {} dead letters\n", cost.messages, cost.cuts,
                    cost.bytes, cost.repeats, cost.dead);
-        record(unjudged, cost);
         unjudged.clear();
     };
     judge();

@@ -132,7 +132,6 @@ void Sweep::script() {
     if (sends_tickets_) {
         cue_ = {"KVR_QueMsgGet()", [](PeerConnection& connection) {
                     connection.send_tickets(2);
-                    connection.update_keys();
                     trace("tickets sent");
                 }};
     }

@@ -178,12 +178,16 @@ TEST_P(LmdbStoreTest, RefusesAStoreThatOthersCanWriteTo) {
 }
 
 TEST_P(LmdbStoreTest, RefusesAnotherVersionAndDamage) {
-    put_all({"text", "text"});
-    damage("text", -12 - std::ptrdiff_t{kDescriptorSize}); // the version of each message's record
-    store_ = Store::open(dir_);
-    EXPECT_CODE(kDamaged, take(*store_->drain("Q")));
-    EXPECT_CODE(kDamaged, shown());
-    EXPECT_EQ(store_->queue_info("Q").depth, 2U);
+    for (const int field : {0, 5, 7, 11, 301}) { // of each record: its version, high bytes of lengths and counts
+        make_store({});
+        put("text", {"file"});
+        put("text", {"file"});
+        damage("filetext", field - 14 - std::ptrdiff_t{kDescriptorSize});
+        store_ = Store::open(dir_);
+        EXPECT_CODE(kDamaged, take(*store_->drain("Q"))) << field;
+        EXPECT_CODE(kDamaged, shown()) << field;
+        EXPECT_EQ(store_->queue_info("Q").depth, 2U);
+    }
     damage("kavro.identity", 14);
     EXPECT_CODE(kVersion, Store::open(dir_));
 }

@@ -100,9 +100,11 @@ void PeerConnection::send_tickets(int count) {
     }
 }
 
-void PeerConnection::update_keys() {
+bool PeerConnection::update_keys() {
     SSL_key_update(ssl_.get(), SSL_KEY_UPDATE_REQUESTED);
     SSL_do_handshake(ssl_.get());
+    pollfd answer{socket_.get(), POLLIN, 0};
+    return poll(&answer, 1, kDeadlineSeconds * 1000) == 1;
 }
 
 void PeerConnection::send_close_alert() {

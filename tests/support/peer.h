@@ -56,7 +56,8 @@ class PeerConnection {
     int port() const;
 
     void send_tickets(int count); ///< TLS 1.3
-    void update_keys();           ///< TLS 1.3: changes keys and asks the other end to do so too
+    /// TLS 1.3: changes keys and asks the other end to do so too. True when something comes back.
+    bool update_keys();
     void send_close_alert();
     void close() { socket_.reset(); }
     void reset(); ///< closes with a reset
