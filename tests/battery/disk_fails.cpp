@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Preloaded into the programs of a history: makes pauses and the alarm of one second short, and the disk fail while the
 // file that KVR_TROUBLE names exists. It holds "CALL ERROR ONE_IN [MILLISECONDS]": one in so many calls that change
-// plain files fails with that number, by chance and after that time; CALL is write, fsync, linkat or any. With ERROR 0
+// plain files fails with that number, by chance and after that time; CALL is write, fsync or any. With ERROR 0
 // it only takes the time.
 //
 // Or it holds what becomes of one write of a store's head page, which takes the file away: "head", it fails; "told", it
@@ -114,7 +114,4 @@ KVR_REPLACES ssize_t writev(int fd, const iovec* pieces, int count) {
 KVR_REPLACES ssize_t pwrite(int fd, const void* bytes, size_t count, off_t at) {
     const bool has_failed = (at < kEndOfHeads && head_fails(fd, bytes, count, at)) || fails("write", fd);
     return has_failed ? -1 : ::syscall(SYS_pwrite64, fd, bytes, count, at);
-}
-KVR_REPLACES int linkat(int from_fd, const char* from, int to_fd, const char* to, int flags) noexcept {
-    return fails("linkat", from_fd) ? -1 : static_cast<int>(::syscall(SYS_linkat, from_fd, from, to_fd, to, flags));
 }

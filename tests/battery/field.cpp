@@ -15,7 +15,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr int kAwaitSeconds = 60;
-constexpr int kCannotRun = 127;
 
 /// Mounts of this process are nobody else's business, and end with it.
 bool has_own_mounts() {
@@ -31,11 +30,6 @@ std::shared_ptr<Store> make_qmgr(const fs::path& folder, const char* queue) {
     store->queue_define(kDeadQueue, "");
     store->object_add("QMGR", "QMGR", {{"DEADQ", kDeadQueue}});
     return store;
-}
-
-Words split(const std::string& line) {
-    std::istringstream words(line);
-    return {std::istream_iterator<std::string>(words), {}};
 }
 
 std::string proc(pid_t pid, const char* file) {
@@ -124,7 +118,7 @@ Child Field::start(Words words, const std::string& who) {
         ::dup2(::open((home() / "out").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), STDOUT_FILENO);
         ::dup2(STDOUT_FILENO, STDERR_FILENO);
         ::execv(argv[0], argv.data());
-        return kCannotRun;
+        return 127; // as a shell that cannot run it
     });
 }
 
@@ -140,7 +134,8 @@ Child Field::listen(const Words& options) {
         line += " --tls --cert " + identity_.cert_file + " --key " + identity_.key_file + " --tls-max " +
                 (carrier_ == Carrier::kTls12 ? "1.2" : "1.3") + " --tls-tickets 2 --tls-late-ticket 50";
     }
-    Words words = split(line);
+    std::istringstream fixed(line);
+    Words words{std::istream_iterator<std::string>(fixed), {}};
     words.insert(words.end(), options.begin(), options.end());
     Child child = start(kReceiver, words, "listener");
     await("the listener's port", [&] { return contents(port_file).ends_with('\n'); });
@@ -192,11 +187,6 @@ std::vector<pid_t> processes_with(const std::string& text) {
         }
     }
     return found;
-}
-
-std::vector<pid_t> children_of(pid_t pid) {
-    std::istringstream all(contents(proc(pid, ("task/" + std::to_string(pid) + "/children").c_str())));
-    return {std::istream_iterator<pid_t>(all), {}};
 }
 
 std::size_t descriptors_of(pid_t pid) {

@@ -58,7 +58,6 @@ class Field {
     [[nodiscard]] const Disk& senders_disk() const { return senders_disk_; }
     [[nodiscard]] const Disk& receivers_disk() const { return receivers_disk_; }
     [[nodiscard]] int port() const { return port_; }
-    [[nodiscard]] Carrier carrier() const { return carrier_; }
 
     void set_channel(const Attributes& attributes) { sender_->object_set("CHL", kChannel, attributes); }
     void set_qmgr(const Attributes& attributes) { sender_->object_set("QMGR", "QMGR", attributes); }
@@ -117,8 +116,6 @@ std::uint64_t cut_window();
 bool has_ended(const Child& child);
 /// Processes whose command line holds this text (zombies have none).
 std::vector<pid_t> processes_with(const std::string& text);
-/// Those that its main thread made (zombies included).
-std::vector<pid_t> children_of(pid_t pid);
 std::size_t descriptors_of(pid_t pid);
 /// A figure of /proc/PID/status, memory in KiB ("RssAnon"); 0 when it has none.
 std::uint64_t memory_of(pid_t pid, const std::string& figure);

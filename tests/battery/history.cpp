@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <iterator>
+#include <sstream>
 #include <thread>
 
 #include "proof/xmit_header.h"
@@ -35,13 +37,10 @@ void History::pause_up_to(std::uint64_t microseconds) {
 }
 
 void History::put(std::size_t count, SizeRange size, std::optional<ProofKind> kind) {
-    T_KAVRO_MD descriptor{};
-    std::copy_n("MD  ", sizeof descriptor.sStrucId, descriptor.sStrucId);
-    descriptor.iVersion = 2;
     const SizeRange file{std::max<std::size_t>(size.least, 1), std::max<std::size_t>(size.greatest, 1)};
     for (; count > 0; --count) {
         const ProofPlan plan{seed_, kMostMessages, kind.value_or(static_cast<ProofKind>(below(3))), size, file};
-        ProofMessage message = make_proof(plan, last() + 1, descriptor, field.home() / "files");
+        ProofMessage message = make_proof(plan, last() + 1, {}, field.home() / "files");
         last_files_ = plan.kind == ProofKind::kFile ? Words{message.data} : message.attachments;
         message.data.insert(0, xmit_header({kTarget, kReceiver}));
         field.sender().put(kXmitQueue, OutgoingMessage{&message.descriptor, message.attachments, message.data});
@@ -102,6 +101,12 @@ void History::kill(std::optional<Child>& child) {
     const int result = child->result();
     EXPECT_TRUE(result == -SIGKILL || result == 0) << result;
     child.reset();
+}
+
+std::vector<pid_t> History::watchers() const {
+    const std::string pid = std::to_string(worker->pid());
+    std::istringstream children(contents("/proc/" + pid + "/task/" + pid + "/children"));
+    return {std::istream_iterator<pid_t>(children), {}};
 }
 
 void History::meet(const Fault& fault) {

@@ -25,6 +25,11 @@ struct Cost {
     bool leftovers = false;   ///< files in the spool without a message
     std::size_t messages = 0; ///< spent only: lost ones
     std::uint64_t bytes = 0;  ///< spent only: of the longest run
+
+    void operator+=(const Cost& more) {
+        cuts += more.cuts, repeats += more.repeats, dead += more.dead;
+        leftovers = leftovers || more.leftovers;
+    }
 };
 
 struct Fault;
@@ -73,7 +78,7 @@ class History {
     void stop_at_rest() { quiet(), stop(); }
     /// Kills one of them, which may have ended by itself with status 0.
     static void kill(std::optional<Child>& child);
-    [[nodiscard]] std::vector<pid_t> watchers() const { return children_of(worker->pid()); }
+    [[nodiscard]] std::vector<pid_t> watchers() const;
 
     /// Makes a fault, and gives back what it took: settings, room, disks, programs with their ordinary options.
     void meet(const Fault& fault);

@@ -18,7 +18,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kSteps = 5;
+constexpr std::size_t kSteps = 5; ///< so that twenty seeds meet a table of up to 50 rows
 
 bool is_plain(std::uint64_t seed) {
     return seed % 2 == 0;
@@ -51,26 +51,18 @@ std::vector<Fault> drawn_by(std::uint64_t seed) {
 /// What is printed is for the one who reads a failure, and for the table of scripts/battery.
 void live_through(History& history, std::uint64_t seed) {
     const auto begin = Clock::now();
-    std::vector<Fault> unjudged;
+    Cost allowed;
     const auto judge = [&] {
-        Cost allowed;
-        for (const Fault& fault : unjudged) {
-            allowed.cuts += fault.cost.cuts;
-            allowed.repeats += fault.cost.repeats;
-            allowed.dead += fault.cost.dead;
-            allowed.leftovers = allowed.leftovers || fault.cost.leftovers;
-        }
-        const Cost cost = history.rest(allowed);
+        const Cost cost = history.rest(std::exchange(allowed, {}));
         fmt::print("lost {} in {} cuts, {} bytes at once; {} repeated, {} dead letters\n", cost.messages, cost.cuts,
                    cost.bytes, cost.repeats, cost.dead);
-        unjudged.clear();
     };
     judge();
     for (const Fault& fault : drawn_by(seed)) {
         fmt::print("  {:6} ms  message {:5}  {}; ",
                    std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin).count(),
                    history.last() + 1, fault.name);
-        unjudged.push_back(fault);
+        allowed += fault.cost;
         history.put(20);
         history.meet(fault);
         if (history.below(3) == 0) { // the next one meets what this one left
@@ -107,12 +99,6 @@ auto seeds() {
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, Histories, seeds(), [](const auto& test) { return std::to_string(test.param); });
-
-TEST(Table, IsMetByTheFirstSeeds) {
-    for (const bool plain : {true, false}) {
-        EXPECT_LE(table(plain).size(), 10 * kSteps);
-    }
-}
 
 } // namespace
 } // namespace kvr::test

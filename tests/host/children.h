@@ -2,14 +2,11 @@
 // Child processes of a test: their end is always waited for with a deadline, and no child outlives its test.
 #pragma once
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <fstream>
 #include <functional>
 #include <poll.h>
-#include <string>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>

@@ -114,7 +114,6 @@ TEST(TlsContext, IsMadeOfFilesThatFitTogether) {
     } cases[] = {
         {made.ca_file, locked, kKeyPass, "", ""},
         {made.ca_file, locked, "sesame", "", no_key + locked.key_file + "] error\n"},
-        {made.ca_file, locked, "", "", no_key + locked.key_file + "] error\n"},
         {made.ca_file, mixed, "", "key values mismatch]", no_key + mixed.key_file + "] error\n"},
         {made.ca_file, none, "", "No such file or directory]", no_cert + "/none.pem] error\n"},
         {"/none.pem", made.client, "", "No such file or directory]", "SSL_CTX_load_verify_locations error\n"},

@@ -42,15 +42,11 @@ TEST_F(KvrDissect, ShowsEachFrameAtItsOffsetAndRefusesWhatIsJustTooMuch) {
         {data(flagged + body + names), "end of stream before file 1 of a message"},
         {data(flagged + body + "b" + names), "length 2116323 is not"},
         {data(block('1', 0) + body + "b"), "body of 2098305"},
-        {bind_frame(std::string(64, 'N')), "length 64 "},
-        {bind + frame('2', "", "00000000", "00000000", "x"), " 143  end +malformed: .*length 1 "},
         {data(flagged + attachment_block({std::string(512, 'n')})), "attachment 1: .*1 to 511"},
-        {data(flagged + digits(2) + nuls(72) + "a" + "0000000100000081"), "attachment 1: "},
     };
     for (const auto& [stream, shown] : cases) {
         EXPECT_THAT(run("dissect -", stream).out, ContainsRegex(shown));
     }
-    EXPECT_EQ(shown("dissect " + file("stream", good)).size(), 6U);
 }
 
 } // namespace

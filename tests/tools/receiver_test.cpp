@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: MIT
-// The rules by which the listener chooses who goes, whose unfinished message and whose place; and its spool: names that
-// a sender chose, files that replace nothing.
+// The rules by which the listener chooses whose unfinished message goes; and its spool: names that a sender chose,
+// files that replace nothing.
 #include <gmock/gmock.h>
 
 #include "kavutil/error.h"
-#include "receiver/admission.h"
 #include "receiver/spool.h"
 #include "receiver/unfinished.h"
 #include "support/folder.h"
@@ -36,15 +35,6 @@ TEST(Unfinished, TheGreatestOfWhichNothingComesGoThenThoseThatWaitForRoom) {
     EXPECT_THAT(trial.judge(after, 9999, start + seconds(2)), ElementsAre(3, 1));
     const Unfinished left[] = {{2, 900, 180'000, 0}, after[3], after[6]};
     EXPECT_THAT(trial.judge(left, 1, start + seconds(4)), ElementsAre(8));
-}
-
-TEST(WhoMakesRoom, IsTheLongestIdleOfTheAddressWithMost) {
-    const Occupied places[] = {{"a", seconds(900), true}, {"b", seconds(20), true},  {"b", seconds(40), true},
-                               {"b", seconds(30), true},  {"b", seconds(99), false}, {"c", seconds(5), true}};
-    EXPECT_EQ(who_makes_room(places, "", seconds(10), 4), 2U);
-    EXPECT_EQ(who_makes_room(places, "", seconds(50), 4), 0U) << "none of the first address";
-    EXPECT_EQ(who_makes_room(places, "", seconds(50), 3), 2U) << "more than its share";
-    EXPECT_EQ(who_makes_room(places, "b", seconds(50), 3), std::nullopt) << "for one of its own";
 }
 
 TEST(SpoolFolder, IsPrivateAndItsNamesAreHarmlessAndReplaceAndFollowNothing) {

@@ -112,9 +112,6 @@ class Work {
 
   private:
     void put_all(const std::stop_token& stop) {
-        T_KAVRO_MD descriptor{};
-        std::copy_n("MD  ", sizeof descriptor.sStrucId, descriptor.sStrucId);
-        descriptor.iVersion = 2;
         while (put_ < kMessages && !stop.stop_requested()) {
             const std::uint32_t end = put_ + at_once(put_);
             std::vector<ProofMessage> messages;
@@ -122,7 +119,7 @@ class Work {
             messages.reserve(end - put_);
             for (std::uint32_t number = put_ + 1; number <= end; ++number) {
                 ProofMessage& message =
-                    messages.emplace_back(make_proof(plan_of(number), number, descriptor, field_.home() / "files"));
+                    messages.emplace_back(make_proof(plan_of(number), number, {}, field_.home() / "files"));
                 message.data.insert(0, xmit_header({kTarget, ""}));
                 outgoing.push_back({&message.descriptor, message.attachments, message.data});
             }
