@@ -40,7 +40,7 @@ void History::put(std::size_t count, SizeRange size, std::optional<ProofKind> ki
     const SizeRange file{std::max<std::size_t>(size.least, 1), std::max<std::size_t>(size.greatest, 1)};
     for (; count > 0; --count) {
         const ProofPlan plan{seed_, kMostMessages, kind.value_or(static_cast<ProofKind>(below(3))), size, file};
-        ProofMessage message = make_proof(plan, last() + 1, {}, field.home() / "files");
+        ProofMessage message = make_proof(plan, last() + 1, blank_descriptor(), field.home() / "files");
         last_files_ = plan.kind == ProofKind::kFile ? Words{message.data} : message.attachments;
         message.data.insert(0, xmit_header({kTarget, kReceiver}));
         field.sender().put(kXmitQueue, OutgoingMessage{&message.descriptor, message.attachments, message.data});

@@ -41,7 +41,6 @@ TEST_F(KvrUsage, RefusalsChangeNothingAndSayWhatToDo) {
         {1, "put Q x --attach empty", "0 bytes.*1 to 99,999,999"},
         {1, "get BINARY", "no text: take it with --raw"},
         {1, "delete queue Q --purge", "channel 'C': set another one"},
-        {1, "delete queue DEAD.LETTER.QUEUE", "DEADQ"},
         {1, "run NONE", "kvr define channel NONE"},
         {1, "run TLS", "kvr set qmgr CAFILE=FILE"},
         {1, "run RECEIVER", "has type 'RCVR'"},

@@ -98,14 +98,6 @@ std::span<const DescriptorField> descriptor_fields() {
     return kFields;
 }
 
-T_KAVRO_MD blank_descriptor() {
-    T_KAVRO_MD descriptor{};
-    std::memcpy(descriptor.sStrucId, "MD  ", sizeof descriptor.sStrucId);
-    descriptor.iVersion = 2;
-    descriptor.cMsgStoreType = KVR_STORE_DATA;
-    return descriptor;
-}
-
 std::string message_id_text(const T_KAVRO_MD& descriptor) {
     return id_text({descriptor.sMsgId, sizeof descriptor.sMsgId});
 }

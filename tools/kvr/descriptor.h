@@ -29,8 +29,6 @@ struct DescriptorField {
 
 std::span<const DescriptorField> descriptor_fields();
 
-/// "MD  ", version 2, storage type KVR_STORE_DATA, the rest clear.
-T_KAVRO_MD blank_descriptor();
 /// The value for people and programs; reading it back with set_field gives the same bytes.
 std::string field_text(const T_KAVRO_MD& descriptor, const DescriptorField& field);
 /// The message id as field_text gives it.

@@ -9,6 +9,7 @@
 #include <sys/time.h>
 
 #include "descriptor.h"
+#include "proof/proof.h"
 #include "proof/text_field.h"
 
 namespace kvr {

@@ -185,6 +185,14 @@ bool holds(const Digest& wanted, const T_KAVRO_MD& descriptor, std::string_view 
 
 } // namespace
 
+T_KAVRO_MD blank_descriptor() {
+    T_KAVRO_MD descriptor{};
+    std::memcpy(descriptor.sStrucId, "MD  ", sizeof descriptor.sStrucId);
+    descriptor.iVersion = 2;
+    descriptor.cMsgStoreType = KVR_STORE_DATA;
+    return descriptor;
+}
+
 ProofMessage make_proof(const ProofPlan& plan, std::uint32_t number, const T_KAVRO_MD& descriptor,
                         const std::filesystem::path& folder) {
     ProofMessage message{descriptor, {}, {}, 0};

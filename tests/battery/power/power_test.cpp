@@ -118,8 +118,8 @@ class Work {
             std::vector<OutgoingMessage> outgoing;
             messages.reserve(end - put_);
             for (std::uint32_t number = put_ + 1; number <= end; ++number) {
-                ProofMessage& message =
-                    messages.emplace_back(make_proof(plan_of(number), number, {}, field_.home() / "files"));
+                ProofMessage& message = messages.emplace_back(
+                    make_proof(plan_of(number), number, blank_descriptor(), field_.home() / "files"));
                 message.data.insert(0, xmit_header({kTarget, ""}));
                 outgoing.push_back({&message.descriptor, message.attachments, message.data});
             }
