@@ -170,11 +170,15 @@ long go_on(const Row& row, Function* next, Arguments arguments, bool half) {
     return row.then != nullptr ? row.then(result, arguments) : result;
 }
 
+/// Once for each call, before there are threads: a fork must not copy the loader's lock, or what a look-up left undone.
+Function* next_after(const char* symbol) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, symbol));
+}
+
 /// All arguments are integers and pointers, which six longs carry, whichever and however many they are.
 long call(Row& row, const char* symbol, Function*& next, const Arguments& arguments) {
-    if (next == nullptr) {
-        const Own allocates;
-        next = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, symbol));
+    if (next == nullptr) { // called by what begins before this file
+        next = next_after(symbol);
     }
     if (!host().recording || g_own != 0) {
         return std::apply(next, arguments);
@@ -247,7 +251,7 @@ extern "C" void __sanitizer_free_hook(const volatile void* block) {
 /// The function carries the call's name as a label of the assembler: no header's declaration stands in its way.
 #define CALL_AS(SYMBOL, NAME, ...)                                                                                     \
     static Row row_##SYMBOL{.name = NAME __VA_OPT__(, ) __VA_ARGS__};                                                  \
-    static Function* next_##SYMBOL;                                                                                    \
+    static Function* next_##SYMBOL = next_after(#SYMBOL);                                                              \
     extern "C" __attribute__((visibility("default"))) Function on_##SYMBOL __asm__(#SYMBOL);                           \
     long on_##SYMBOL(long a, long b, long c, long d, long e, long f) {                                                 \
         return call(row_##SYMBOL, #SYMBOL, next_##SYMBOL, {a, b, c, d, e, f});                                         \
