@@ -2,6 +2,7 @@
 #include "store/owner.h"
 
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 namespace kvr {
@@ -23,8 +24,7 @@ std::uint64_t start_of(pid_t process) {
 
 std::string process_facts(pid_t process) {
     std::ifstream file("/proc/" + std::to_string(process) + "/stat");
-    std::string facts;
-    std::getline(file, facts);
+    const std::string facts((std::istreambuf_iterator<char>(file)), {});
     return facts.substr(facts.rfind(')') + 1);
 }
 
