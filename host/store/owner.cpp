@@ -2,7 +2,6 @@
 #include "store/owner.h"
 
 #include <fstream>
-#include <iterator>
 #include <sstream>
 
 namespace kvr {
@@ -24,7 +23,9 @@ std::uint64_t start_of(pid_t process) {
 
 std::string process_facts(pid_t process) {
     std::ifstream file("/proc/" + std::to_string(process) + "/stat");
-    const std::string facts((std::istreambuf_iterator<char>(file)), {});
+    std::ostringstream text;
+    text << file.rdbuf(); // an iterator would throw when the process ends under its file
+    const std::string facts = text.str();
     return facts.substr(facts.rfind(')') + 1);
 }
 

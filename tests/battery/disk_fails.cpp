@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// Preloaded into the programs of a history: makes pauses and the alarm of one second short, and the disk fail while the
-// file that KVR_TROUBLE names exists. It holds "CALL ERROR ONE_IN [MILLISECONDS]": one in so many calls that change
-// plain files fails with that number, by chance and after that time; CALL is write, fsync or any. With ERROR 0
+// Preloaded into the programs of a history: makes short pauses and the alarm of one second shorter, and the disk fail
+// while the file that KVR_TROUBLE names exists. It holds "CALL ERROR ONE_IN [MILLISECONDS]": one in so many calls that
+// change plain files fails with that number, by chance and after that time; CALL is write, fsync or any. With ERROR 0
 // it only takes the time.
 //
 // Or it holds what becomes of one write of a store's head page, which takes the file away: "head", it fails; "told", it
@@ -29,7 +29,8 @@ namespace {
 
 constexpr off_t kEndOfHeads = 8192;
 constexpr std::chrono::milliseconds kPause(20);
-constexpr unsigned kLong = 100; ///< seconds: from here on each of them
+constexpr long kNanoseconds = std::chrono::nanoseconds(kPause).count();
+constexpr unsigned kLong = 100; ///< seconds: from here on a pause stays as it is
 
 struct Trouble {
     std::array<char, 8> call{};
@@ -90,8 +91,8 @@ bool head_fails(int fd, const void* data, size_t size, off_t at) {
 } // namespace
 
 KVR_REPLACES unsigned sleep(unsigned seconds) {
-    std::this_thread::sleep_for(seconds < kLong ? kPause : seconds * kPause);
-    return 0;
+    const timespec pause{seconds < kLong ? 0 : time_t{seconds}, seconds < kLong ? kNanoseconds : 0};
+    return ::nanosleep(&pause, nullptr) == 0 ? 0 : 1; // a signal ends it
 }
 KVR_REPLACES unsigned alarm(unsigned seconds) noexcept {
     const suseconds_t pause = std::chrono::microseconds(kPause).count();

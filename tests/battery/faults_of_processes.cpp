@@ -33,7 +33,7 @@ void kill_worker(History& h) {
 /// it.)
 void kill_worker_behind_frozen_listener(History& h) {
     h.quiet();
-    ::kill(h.listener->pid(), SIGSTOP);
+    h.freeze(*h.listener);
     h.put(120, {10'000, 10'000}, ProofKind::kData);
     h.await_text("log", "real size[", 110);
     h.kill(h.worker);
@@ -54,32 +54,18 @@ void end_listener(History& h) {
 
 /// Worker or listener.
 void freeze(History& h) {
-    const pid_t who = (h.below(2) == 0 ? h.worker : h.listener)->pid();
+    Child& who = *(h.below(2) == 0 ? h.worker : h.listener);
     h.put(50);
-    ::kill(who, SIGSTOP);
+    h.freeze(who);
     h.put(100);
     h.pause_up_to(200'000);
-    ::kill(who, SIGCONT);
-}
-
-/// Has the writer's turn of a store, and sits on it, as a process that was stopped in the middle of a write.
-Child frozen_writer(const fs::path& qmgr) {
-    Child child = Child::fork_off([&] {
-        struct flock turn {};
-        turn.l_type = F_WRLCK;
-        turn.l_len = 1;
-        const int fd = ::open((qmgr / "store" / "write.lock").c_str(), O_RDWR | O_CLOEXEC);
-        return ::fcntl(fd, F_SETLKW, &turn) == 0 ? ::raise(SIGSTOP) : 1;
-    });
-    siginfo_t stopped{};
-    EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(child.pid()), &stopped, WSTOPPED | WNOWAIT), 0);
-    return child;
+    ::kill(who.pid(), SIGCONT);
 }
 
 /// The worker says what it waits for and can be stopped; other programs name the process.
 void freeze_writer_at_sender(History& h) {
     h.quiet();
-    ::kill(h.worker->pid(), SIGSTOP);
+    h.freeze(*h.worker);
     h.put(5);
     const Child writer = frozen_writer(h.field.qmgr(kSender));
     ::kill(h.worker->pid(), SIGCONT);
@@ -145,16 +131,16 @@ void start_with_odd_descriptors(History& h) {
 void replace_file(History& h) {
     h.quiet();
     const bool sent = h.below(2) == 0;
-    const pid_t frozen = (sent ? h.listener : h.worker)->pid();
+    Child& frozen = *(sent ? h.listener : h.worker);
     const std::uint64_t dead = h.field.depth(kDeadQueue) + (sent ? 0 : 1);
-    ::kill(frozen, SIGSTOP);
+    h.freeze(frozen);
     h.put(1, {30'000'000, 30'000'000}, ProofKind::kFile);
     h.await_text("log", "begin send file[", sent ? 1 : 0);
     const fs::path file = h.last_files().back();
     const fs::path away = file.native() + ".away";
     fs::rename(file, away);
     std::ofstream(file).flush();
-    ::kill(frozen, SIGCONT);
+    ::kill(frozen.pid(), SIGCONT);
     h.drain();
     fs::rename(away, file);
     EXPECT_EQ(h.field.depth(kDeadQueue), dead);

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <sched.h>
 #include <sys/mount.h>
 
@@ -66,11 +67,10 @@ Field::Field(Carrier carrier, bool exact, const fs::path& where)
       receivers_disk_(home() / "receiver", !exact), sender_(make_qmgr(qmgr(kSender), kXmitQueue)),
       receiver_(make_qmgr(qmgr(kReceiver), kTarget)) {
     fs::create_directory(home() / "files");
-    fs::create_directory(spool());
     sender_->object_add("CHL", kChannel,
                         {{"XMITQ", kXmitQueue},
                          {"CHLTYPE", "SNDR"},
-                         {"CONNAME", "127.0.0.1(1)"},
+                         {"CONNAME", "127.0.0.1(" + std::to_string(port_) + ")"},
                          {"HBINT", "0"},
                          {"DISCINT", "0"},
                          {"SSLCAUTH", carrier == Carrier::kPlain ? "DISABLE" : "ENABLE"},
@@ -89,6 +89,18 @@ Field::~Field() {
         home_.keep();
         std::fprintf(stderr, "log, out and journal are left in %s\n", home().c_str());
     }
+}
+
+int Field::reserve(int socket) {
+    const int on = 1;
+    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t length = sizeof address;
+    auto* const any = reinterpret_cast<sockaddr*>(&address);
+    ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (::bind(socket, any, length) != 0 || ::getsockname(socket, any, &length) != 0) {
+        throw std::runtime_error("no port to be had");
+    }
+    return ntohs(address.sin_port);
 }
 
 fs::path Field::qmgr(const char* name) const {
@@ -127,9 +139,6 @@ Child Field::listen(const Words& options) {
     fs::remove(port_file);
     std::string line = "listen --bind 127.0.0.1 --port " + std::to_string(port_) + " --port-file " +
                        port_file.native() + " --journal " + (home() / "journal").native();
-    if (std::ranges::find(options, "--discard") == options.end()) {
-        line += " --spool " + spool().native();
-    }
     if (carrier_ != Carrier::kPlain) {
         line += " --tls --cert " + identity_.cert_file + " --key " + identity_.key_file + " --tls-max " +
                 (carrier_ == Carrier::kTls12 ? "1.2" : "1.3") + " --tls-tickets 2 --tls-late-ticket 50";
@@ -139,8 +148,6 @@ Child Field::listen(const Words& options) {
     words.insert(words.end(), options.begin(), options.end());
     Child child = start(kReceiver, words, "listener");
     await("the listener's port", [&] { return contents(port_file).ends_with('\n'); });
-    port_ = std::stoi(contents(port_file));
-    point_at(port_);
     return child;
 }
 

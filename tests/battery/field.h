@@ -51,7 +51,7 @@ class Field {
     Field& operator=(const Field&) = delete;
 
     [[nodiscard]] const std::filesystem::path& home() const { return home_.path(); }
-    [[nodiscard]] std::filesystem::path spool() const { return home() / "receiver" / "spool"; }
+    [[nodiscard]] std::filesystem::path spool() const { return qmgr(kReceiver) / "spool"; }
     [[nodiscard]] std::filesystem::path qmgr(const char* name) const;
     [[nodiscard]] Store& sender() { return *sender_; }
     [[nodiscard]] Store& receiver() { return *receiver_; }
@@ -69,7 +69,7 @@ class Field {
     /// Programs are started by a shell that first does this; it begins a command line that the program ends
     /// ("ulimit -n 12; exec"). Empty: no shell.
     void set_prelude(std::string prelude) { prelude_ = std::move(prelude); }
-    /// A listener that takes connections. The first one picks the port, later ones take the same.
+    /// A listener that takes connections, on the field's port.
     [[nodiscard]] Child listen(const Words& options = {});
     /// A worker with its log at level 5.
     [[nodiscard]] Child run_channel();
@@ -96,6 +96,7 @@ class Field {
     [[nodiscard]] std::uint64_t arrived() { return receiver_->queue_info(kTarget).depth; }
 
   private:
+    static int reserve(int socket);
     [[nodiscard]] std::filesystem::path trouble_of(const std::string& who) const { return home() / ("trouble." + who); }
 
     TemporaryFolder home_;
@@ -105,7 +106,8 @@ class Field {
     Disk senders_disk_;
     Disk receivers_disk_;
     std::string prelude_;
-    int port_ = 0;
+    UniqueFd reserved_{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)}; ///< has the port while no listener does
+    int port_ = reserve(reserved_.get());
     std::shared_ptr<Store> sender_;
     std::shared_ptr<Store> receiver_;
 };

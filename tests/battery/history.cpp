@@ -7,6 +7,8 @@
 #include <sstream>
 #include <thread>
 
+#include <fcntl.h>
+
 #include "proof/xmit_header.h"
 
 namespace kvr::test {
@@ -21,7 +23,25 @@ constexpr std::uint64_t kWorkerKib = 8U << 10U;            ///< a message's buff
 constexpr std::uint64_t kListenerKib = 160U << 10U;        ///< its store's pages included
 constexpr std::uint64_t kEnough = 1U << 30U;
 
+/// A signal's sender returns before it stands.
+void await_stop(const Child& child) {
+    siginfo_t stopped{};
+    EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(child.pid()), &stopped, WSTOPPED | WNOWAIT), 0);
+}
+
 } // namespace
+
+Child frozen_writer(const fs::path& qmgr) {
+    Child child = Child::fork_off([&] {
+        struct flock turn {};
+        turn.l_type = F_WRLCK;
+        turn.l_len = 1;
+        const int fd = ::open((qmgr / "store" / "write.lock").c_str(), O_RDWR | O_CLOEXEC);
+        return ::fcntl(fd, F_SETLKW, &turn) == 0 ? ::raise(SIGSTOP) : 1;
+    });
+    await_stop(child);
+    return child;
+}
 
 void leave_quota(Store& store, std::uint64_t bytes) {
     store.change_settings({{"quota", std::to_string(store.usage().bytes + bytes)}});
@@ -39,7 +59,7 @@ void History::pause_up_to(std::uint64_t microseconds) {
 void History::put(std::size_t count, SizeRange size, std::optional<ProofKind> kind) {
     const SizeRange file{std::max<std::size_t>(size.least, 1), std::max<std::size_t>(size.greatest, 1)};
     for (; count > 0; --count) {
-        const ProofPlan plan{seed_, kMostMessages, kind.value_or(static_cast<ProofKind>(below(3))), size, file};
+        const ProofPlan plan{seed_, kMostMessages, kind ? *kind : static_cast<ProofKind>(below(3)), size, file};
         ProofMessage message = make_proof(plan, last() + 1, blank_descriptor(), field.home() / "files");
         last_files_ = plan.kind == ProofKind::kFile ? Words{message.data} : message.attachments;
         message.data.insert(0, xmit_header({kTarget, kReceiver}));
@@ -169,6 +189,12 @@ void History::collect() {
     };
     take(field.receiver(), kTarget, arrived_);
     take(field.sender(), kDeadQueue, dead_);
+}
+
+void History::freeze(const Child& child) const {
+    const Child turn = frozen_writer(field.qmgr(kSender));
+    ::kill(child.pid(), SIGSTOP);
+    await_stop(child);
 }
 
 void History::drain() {

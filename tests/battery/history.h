@@ -88,6 +88,10 @@ class History {
     void await_text(const char* file, const std::string& text, std::size_t times = 1);
     [[nodiscard]] std::size_t since(const char* file, const std::string& text) const;
 
+    /// Stops it by SIGSTOP, but not in the middle of a write to the sender's store, for whose end all others would
+    /// wait.
+    void freeze(const Child& child) const;
+
     /// Waits until the queue is empty.
     void drain();
     /// Waits until the queue is empty and its last message has arrived.
@@ -131,6 +135,8 @@ struct Fault {
     Carriers carriers = Carriers::kAny;
 };
 
+/// Has the writer's turn of a store, and sits on it, as a process that was stopped in the middle of a write.
+Child frozen_writer(const std::filesystem::path& qmgr);
 /// Free are so many bytes from now on.
 void leave_quota(Store& store, std::uint64_t bytes);
 

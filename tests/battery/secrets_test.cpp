@@ -56,10 +56,12 @@ TEST(Secrets, WhatIsWrittenIsPrivateToItsOwnerWhateverTheUmask) {
     const fs::path home = folder.path() / "home";
     const fs::path file = folder.path() / "file";
     std::ofstream(file) << "contents";
+    fs::permissions(file, fs::perms(0644));
     ASSERT_EQ(::chown(folder.path().c_str(), owner, owner), 0);
     Field field;
     field.set_prelude("umask 0; exec");
     ::setenv("KVR_HOME", home.c_str(), 1);
+    ::unsetenv("KVR_QMGR");
     EXPECT_EQ(field.start({"create", "EAST"}).result(), 0);
     EXPECT_EQ(field.start({"define", "queue", "Q"}).result(), 0);
     Child listener =
@@ -100,13 +102,14 @@ TEST(Secrets, NoLinkIsFollowed) {
     fs::create_symlink(file, field.home() / "port.new"); // what becomes the port file
     EXPECT_EQ(field.listen().result_under(SIGTERM), 0);
     field.set_channel({{"SHORTRTY", "0"}}); // a worker that is not refused ends by itself, with the same status
+    EXPECT_EQ(field.start(kSender, {"put", kXmitQueue, "x", "--dest", kTarget}).result(), 0);
     const Words run{"run", kChannel, "--plugin", KVR_PLUGIN};
     const Words listen{"listen", "--port", "0", "--journal", named};
     const std::tuple<fs::path, fs::path, const char*, Words> cases[] = {
         {sender / "run", folder, kSender, run},
         {sender / "log", folder, kSender, run},
         {sender / "log" / (std::string(kChannel) + ".log"), file, kSender, run},
-        {sender / "queues" / "2.fifo", file, kSender, {"get", kXmitQueue, "--wait", "1"}},
+        {sender / "queues" / "1.fifo", file, kSender, {"get", kXmitQueue, "--raw"}},
         {named, file, kSender, {"run", kChannel, "--plugin", KVR_PLUGIN, "--log", named}},
         {field.qmgr(kReceiver) / "spool", folder, kReceiver, listen},
         {named, file, kReceiver, listen}};

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <functional>
 #include <poll.h>
+#include <stdexcept>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -17,11 +18,10 @@
 
 namespace kvr::test {
 
-constexpr std::chrono::seconds kDeadline{30};
-
 class Child {
   public:
-    explicit Child(pid_t pid) : pid_(pid) {}
+    /// Throws for a fork that failed: -1 names every process to kill.
+    explicit Child(pid_t pid) : pid_(pid > 0 ? pid : throw std::runtime_error("no process to be had")) {}
     ~Child() { end(); }
     Child(Child&& other) noexcept : pid_(std::exchange(other.pid_, 0)) {}
     Child(const Child&) = delete;
@@ -45,7 +45,7 @@ class Child {
     /// As result(), sending `signal` again and again until the child ends.
     int result_under(int signal) {
         const int fd = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
-        const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         pollfd entry{fd, POLLIN, 0};
         do {
             kill(pid_, signal);

@@ -22,6 +22,7 @@ extern "C" const char* __asan_default_options() {
 namespace kvr::test {
 
 Attack& attack = *new (mmap(nullptr, sizeof(Attack), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Attack;
+int tls_objects = 0;
 
 namespace {
 
@@ -35,7 +36,6 @@ volatile sig_atomic_t g_own = 0;   ///< above 0: the test itself is at work
 volatile sig_atomic_t g_depth = 0; ///< handlers of the channel that run
 void (*g_handlers[NSIG])(int);     ///< the channel's
 std::array<bool, 256> g_foreign;   ///< descriptors that are not the channel's
-int g_tls_objects = 0;
 const char* g_last = "";
 
 struct Own {
@@ -188,11 +188,11 @@ long call(Row& row, const char* symbol, Function*& next, const Arguments& argume
     check(fd == STDERR_FILENO || (fd < g_foreign.size() && !g_foreign.at(fd)), "a foreign descriptor used");
     check(!row.pid || static_cast<int>(arguments[0]) > 0, "a group of processes meant");
     const auto onward = [&](bool half) { return go_on(row, next, arguments, half); };
-    const int objects = tls_objects();
+    const int objects = tls_objects;
     const long argument = arguments.at(std::max<size_t>(row.shown[0], 1) - 1);
     const long result = pass(row, shown(row, arguments), argument, std::ref(onward)); // which needs no heap
     // A session gives its own references back inside.
-    g_tls_objects = objects + ((row.tls > 0 ? result : arguments[0]) != 0 ? row.tls : 0);
+    tls_objects = objects + ((row.tls > 0 ? result : arguments[0]) != 0 ? row.tls : 0);
     return result;
 }
 
@@ -229,10 +229,6 @@ void start_recording() {
     }
     g_channel = getpid();
     host().recording = true;
-}
-
-int tls_objects() {
-    return g_tls_objects;
 }
 
 } // namespace kvr::test

@@ -126,7 +126,7 @@ testing::AssertionResult in_order(const Result& r, const Lines& texts) {
 ChannelTest::ChannelTest() {
     prctl(PR_SET_CHILD_SUBREAPER, 1); // line watchers that outlive their channel come to us
     signal(SIGPIPE, SIG_IGN);         // the receiver's TLS may answer a connection that is gone
-    EXPECT_EQ(chdir(dir_.c_str()), 0);
+    EXPECT_EQ(chdir(folder_.path().c_str()), 0);
     mkdir("files", 0700);
     host() = Host{};
     chl() = {{"XMITQ", "XQ"},   {"CHLTYPE", "SNDR"}, {"HBINT", "5"},   {"DISCINT", "9"}, {"SSLCAUTH", ""},
@@ -140,7 +140,7 @@ Result ChannelTest::run(const std::function<void()>& body) {
     std::optional<Peer> peer(std::in_place, receiver_, [&](PeerConnection& connection) {
         const Cue cue = std::exchange(cue_, {});
         result.names.emplace("<own port>", std::to_string(connection.port()));
-        result.conns.push_back(connection.read(cue.act ? bind_frame("CH1").size() : 0));
+        result.conns.push_back(connection.read(cue.act ? kBind.size() : 0));
         if (cue.act) {
             wait_for(cue.after);
             cue.act(connection);
@@ -163,11 +163,11 @@ Result ChannelTest::run(const std::function<void()>& body) {
     int status = 0;
     waitpid(result.pid, &status, 0);
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-    int watchers = 0;
+    std::map<std::string, std::string> names{{"<port>", port}, {"<pid>", std::to_string(result.pid)}};
     for (const Entry& e : trace_entries()) {
         if (e.text.starts_with("child ")) {
             const std::string id = e.text.substr(6);
-            result.names["<watcher " + std::to_string(++watchers) + ">"] = id;
+            names["<watcher " + std::to_string(names.size() - 1) + ">"] = id;
             kill(std::stoi(id), SIGCONT); // a case may have stopped its watcher
         }
     }
@@ -176,7 +176,7 @@ Result ChannelTest::run(const std::function<void()>& body) {
     peer.reset(); // the receiver has seen the end of every connection
     host().get.clear();
     host().hooks.clear();
-    result.names.insert({{"<port>", port}, {"<pid>", std::to_string(result.pid)}});
+    result.names.merge(names);
     result.trace = trace_entries();
     for (const Entry& e : result.trace) {
         EXPECT_FALSE(e.text.starts_with("fault: ")) << e.text;

@@ -15,6 +15,8 @@ namespace kvr::test {
 
 using Lines = std::vector<std::string>;
 
+inline const std::string kBind = bind_frame("CH1");
+
 /// Fails each call, or the n-th only.
 Hook failing(int result, int nth = 0, int err = 0);
 /// Fails the first so many calls with this argument.
@@ -81,7 +83,6 @@ class ChannelTest : public testing::Test {
     Cue cue_;
     PeerOptions receiver_;
     TemporaryFolder folder_;
-    std::string dir_ = folder_.path();
 };
 
 } // namespace kvr::test

@@ -4,7 +4,6 @@
 #include "recording_host.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
@@ -21,6 +20,7 @@
 #include "kavro_object.h"
 #include "kavro_queue.h"
 #include "kavutil/stop_point.h"
+#include "support/peer.h"
 
 extern "C" int OnPlugLoad(T_PLUG_MGR_PLUG_VAR* ptPlugVar);
 
@@ -126,8 +126,8 @@ std::vector<Entry> trace_entries() {
 
 void wait_for(const std::string& text) {
     const auto has_text = [&text](const Entry& e) { return e.text.find(text) != std::string::npos; };
-    for (int i = 0; i < 10000 && std::ranges::none_of(trace_entries(), has_text); ++i) {
-        poll(nullptr, 0, 1);
+    if (!wait_until([&] { return std::ranges::any_of(trace_entries(), has_text); })) {
+        trace("fault: waited in vain for %s", text.c_str());
     }
 }
 

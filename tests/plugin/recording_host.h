@@ -33,7 +33,7 @@ struct Entry {
 void trace(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 void trace_reset();
 std::vector<Entry> trace_entries();
-/// Waits, at most 10 s, until the text stands in the trace.
+/// Waits until the text stands in the trace; that it never does is a fault.
 void wait_for(const std::string& text);
 
 /// What is known of a call.
@@ -87,7 +87,7 @@ extern Attack& attack;
 /// In the channel process: from now on its calls are looked at, and what it has open is not the channel's.
 void start_recording();
 /// Sessions and contexts that were made and not released.
-int tls_objects();
+extern int tls_objects;
 
 struct Message {
     T_KAVRO_MD md{};

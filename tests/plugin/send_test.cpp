@@ -12,8 +12,6 @@
 namespace kvr::test {
 namespace {
 
-const std::string kBind = bind_frame("CH1");
-
 Message with_files(const std::string& body, const Lines& files, std::optional<int> count = {}) {
     Message msg = message(body);
     msg.md.iMsgFlags = KVR_MSGFLAG_ACCESSORIES;

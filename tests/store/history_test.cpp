@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-// What becomes of messages, as histories of the queue Q and its drainer. A step is a word and what belongs to it:
-//   put FIRST COUNT, attach TEXT (put with a file), take TEXT... (- for none), takes FIRST COUNT       hold, release
-//   COUNT, back, skip, commit, close instead QUEUE (a dead-letter put), move COUNT (of 3, to DEAD)       define,
-//   delete, purge, drain, destroy busy|invalid|not_found|too_large STEP: its error             drainer
-//   self|parent|none shown TEXT..., dead TEXT... (on DEAD; ! held, * in hand), depth COUNT
+// What becomes of messages, as histories of the queue Q and its drainer. A step is a word and what belongs to it.
+// put FIRST COUNT; attach TEXT: a put with a file; take TEXT..., - for none; takes FIRST COUNT; hold; release COUNT;
+// back; skip; commit; close; instead QUEUE: a dead-letter put; move COUNT: of 3, to DEAD; define; delete; purge;
+// drain; destroy; busy, invalid, not_found or too_large STEP: its error; drainer self, parent or none; shown TEXT...;
+// dead TEXT...: those on DEAD, held ones with !, the one in hand with *, those with files with &; depth COUNT.
 // Between two bars stand the steps of another process, which is killed after them.
 #include <algorithm>
 #include <sstream>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The wait of a drainer: no put and no signal is missed. The system call of the wait is replaced by one without the
-// second look, so that a missed wake-up hangs, and with something happening right before it; that of a flush by one in
+// The wait of a drainer: no put and no signal is missed. The system call of the wait is replaced by one without its
+// time limit, so that a missed wake-up hangs, and with something happening right before it; that of a flush by one in
 // which something can happen.
 #include <dlfcn.h>
 

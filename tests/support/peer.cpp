@@ -25,9 +25,7 @@ std::shared_ptr<SSL_CTX> make_context(const PeerOptions& options) {
     SSL_CTX_set_cipher_list(context, "ECDHE-ECDSA-AES256-SHA384");
     SSL_CTX_use_certificate_file(context, options.identity.cert_file.c_str(), SSL_FILETYPE_PEM);
     SSL_CTX_use_PrivateKey_file(context, options.identity.key_file.c_str(), SSL_FILETYPE_PEM);
-    if (options.tickets >= 0) {
-        SSL_CTX_set_num_tickets(context, static_cast<std::size_t>(options.tickets));
-    }
+    SSL_CTX_set_num_tickets(context, options.tickets);
     if (options.ask_client_cert) {
         SSL_CTX_load_verify_locations(context, tls_material().ca_file.c_str(), nullptr);
         SSL_CTX_set_verify(context, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
@@ -111,12 +109,6 @@ void PeerConnection::send_close_alert() {
     if (ssl_) {
         SSL_shutdown(ssl_.get());
     }
-}
-
-void PeerConnection::reset() {
-    const linger at_once{1, 0};
-    setsockopt(socket_.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
-    close();
 }
 
 Peer::Peer(const PeerOptions& options, Script script) : script_(std::move(script)), context_(make_context(options)) {

@@ -36,7 +36,7 @@ inline void PrintTo(Carrier carrier, std::ostream* out) {
 struct PeerOptions {
     Carrier carrier = Carrier::kPlain;
     TlsIdentity identity = tls_material().server;
-    int tickets = -1;             ///< TLS 1.3 session tickets after the handshake; negative: OpenSSL's default
+    std::size_t tickets = 2;      ///< TLS 1.3 session tickets after the handshake
     bool ask_client_cert = false; ///< the handshake fails without a trusted one
     int receive_buffer = 0;       ///< bytes; 0: the system's default
 };
@@ -60,7 +60,6 @@ class PeerConnection {
     bool update_keys();
     void send_close_alert();
     void close() { socket_.reset(); }
-    void reset(); ///< closes with a reset
 
   protected:
     UniqueFd socket_;

@@ -31,13 +31,11 @@ class RawLine : public PeerConnection {
 
     /// False when the listener ended the line.
     [[nodiscard]] bool send(std::string_view bytes) const { return write(bytes); }
-    /// Past the TLS session; false when not all was taken.
-    [[nodiscard]] bool send_plain(std::string_view bytes, int flags = 0) const {
-        return ::send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | flags) ==
+    /// Past the TLS session and without waiting for room; false when not all was taken.
+    [[nodiscard]] bool offer(std::string_view bytes) const {
+        return ::send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT) ==
                static_cast<ssize_t>(bytes.size());
     }
-    /// As send_plain, without waiting for room.
-    [[nodiscard]] bool offer(std::string_view bytes) const { return send_plain(bytes, MSG_DONTWAIT); }
     void finish() const { (void)::shutdown(socket_.get(), SHUT_WR); }
     /// Waits for the listener's end of the line; false when that was no orderly one.
     bool await_end() const {

@@ -83,10 +83,8 @@ inline std::string message_with_files(std::string_view queue, std::string_view b
            frames;
 }
 
-/// @param path_length length of the sender's path, of which only the base name travels
-inline std::string file_message(std::string_view queue, const NamedFile& file, std::size_t path_length) {
-    return frame('4', queue, "00000000", "00000000", block('2', 0) + padded(file.first, path_length)) +
-           file_frame(file.second);
+inline std::string file_message(std::string_view queue, const NamedFile& file) {
+    return frame('4', queue, "00000000", "00000000", block('2', 0) + file.first) + file_frame(file.second);
 }
 
 } // namespace kvr::test

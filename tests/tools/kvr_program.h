@@ -38,14 +38,11 @@ class ProgramTest : public ::testing::Test, protected TemporaryFolder {
     [[nodiscard]] std::string text(const std::string& name) const { return contents(path() / name); }
     /// A shell that goes on beside the test; its standard output and error go to files of this name.
     [[nodiscard]] Child start(const std::string& line, const std::string& name = "background") const {
-        return Child::fork_off([&] {
-            ::setenv("KVR_HOME", path().c_str(), 1);
-            ::setenv("KVR", KVR_PROGRAM, 1);
-            ::unsetenv("KVR_QMGR");
-            std::filesystem::current_path(path());
-            const std::string all = "exec <in >" + name + ".out 2>" + name + ".err; " + line;
-            return ::execl("/bin/sh", "sh", "-c", all.c_str(), nullptr);
-        });
+        ::setenv("KVR_HOME", path().c_str(), 1);
+        ::setenv("KVR", KVR_PROGRAM, 1);
+        ::unsetenv("KVR_QMGR");
+        const std::string all = "cd " + path().native() + " && exec <in >" + name + ".out 2>" + name + ".err; " + line;
+        return Child::fork_off([&all] { return ::execl("/bin/sh", "sh", "-c", all.c_str(), nullptr); });
     }
     /// @param line  after "kvr"
     [[nodiscard]] ProgramResult run(const std::string& line, const std::string& input = "") const {
