@@ -33,8 +33,9 @@ void stall(History& h) {
 
 /// A write that takes longer than the send time-out is no failure while it moves.
 void move_slowly(History& h) {
-    h.relisten({"--read-rate", "500000", "--receive-buffer", "65536"}, {{"SHORTTMR", "2"}});
-    h.put(2, {2'000'000, 2'000'000}, ProofKind::kData);
+    h.relisten({"--read-rate", "700000", "--receive-buffer", "65536"}, {{"SHORTTMR", "2"}});
+    // The first ones find room in the buffers between.
+    h.put(4, {2'000'000, 2'000'000}, ProofKind::kData);
     h.put(1, {1, 1'500'000}, ProofKind::kFile);
     h.settle();
     EXPECT_EQ(h.since("log", "error[-201]"), 0U);
