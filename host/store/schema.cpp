@@ -25,7 +25,7 @@ constexpr std::size_t kQueueNameRoom = 32;
 constexpr std::array<AttrSpec, 11> kChannel{{
     {"DESCR", kLong, AttrKind::kText, 0, 0, "", "", "free text for operators"},
     {"CHLTYPE", kLong, AttrKind::kChoice, 0, 0, "SNDR", "SNDR", "type of the channel; SNDR sends"},
-    {"XMITQ", kQueueNameRoom, AttrKind::kText, 0, 0, "", "", "transmission queue that the channel drains"},
+    {"XMITQ", kQueueNameRoom, AttrKind::kQueue, 0, 0, "", "", "transmission queue that the channel drains"},
     {"CONNAME", kLong, AttrKind::kAddress, 0, 0, "", "",
      "listener's address, IPv4: host or host(port); port 5151 if none"},
     {"HBINT", kLong, AttrKind::kNumber, 0, kMaxSeconds, "", "30",
@@ -44,7 +44,7 @@ constexpr std::array<AttrSpec, 11> kChannel{{
 
 constexpr std::array<AttrSpec, 6> kQmgr{{
     {"DESCR", kLong, AttrKind::kText, 0, 0, "", "", "free text for operators"},
-    {"DEADQ", kQueueNameRoom, AttrKind::kText, 0, 0, "", "", "dead-letter queue for messages that cannot be sent"},
+    {"DEADQ", kQueueNameRoom, AttrKind::kQueue, 0, 0, "", "", "dead-letter queue for messages that cannot be sent"},
     {"CAFILE", kLong, AttrKind::kPath, 0, 0, "", "", "trusted CA certificates, PEM"},
     {"CERTFILE", kLong, AttrKind::kPath, 0, 0, "", "", "own certificate, PEM"},
     {"KEYFILE", kLong, AttrKind::kPath, 0, 0, "", "", "private key of the certificate, PEM"},
@@ -237,6 +237,7 @@ void check_definition(std::string_view cls, std::string_view attr, std::string_v
         }
         break;
     case AttrKind::kText:
+    case AttrKind::kQueue:
     case AttrKind::kSecret:
     case AttrKind::kPath:
         break;

@@ -13,6 +13,7 @@ namespace kvr {
 
 enum class AttrKind {
     kText,
+    kQueue,   ///< name of a queue
     kNumber,  ///< decimal integer within min..max
     kChoice,  ///< one of `choices`, case aside
     kAddress, ///< connection name: host, or host(port) with a port of 1 to 65535

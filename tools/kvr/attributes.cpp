@@ -36,6 +36,26 @@ std::string attribute_names(const ClassSpec& cls) {
     return names;
 }
 
+/// What help calls a value, and completion knows it by.
+std::string value_name(const AttrSpec& attr) {
+    switch (attr.kind) {
+    case AttrKind::kNumber:
+        return "NUMBER";
+    case AttrKind::kPath:
+        return "FILE";
+    case AttrKind::kQueue:
+        return "QUEUE";
+    case AttrKind::kChoice:
+        return std::string(attr.choices);
+    case AttrKind::kAddress:
+        return "HOST[(PORT)]";
+    case AttrKind::kText:
+    case AttrKind::kSecret:
+        break;
+    }
+    return "TEXT";
+}
+
 void check_file(std::string_view attr, const fs::path& path) {
     std::error_code error;
     if (!fs::exists(path, error)) {
@@ -94,8 +114,6 @@ std::shared_ptr<AttributeArguments> add_attribute_arguments(CLI::App& command, c
         std::string help(attr.help);
         if (attr.kind == AttrKind::kNumber) {
             help += fmt::format(" ({} to {})", attr.min, attr.max);
-        } else if (attr.kind == AttrKind::kChoice) {
-            help += fmt::format(" ({})", attr.choices);
         }
         if (!attr.default_text.empty()) {
             help += fmt::format(" [{}]", attr.default_text);
@@ -105,9 +123,8 @@ std::shared_ptr<AttributeArguments> add_attribute_arguments(CLI::App& command, c
             .add_option_function<std::string>(
                 "--" + with_case(name, std::tolower),
                 [arguments, name](const std::string& value) { arguments->options[name] = value; }, help)
-            ->type_name(attr.kind == AttrKind::kNumber ? "NUMBER"
-                        : attr.kind == AttrKind::kPath ? "FILE"
-                                                       : "TEXT");
+            ->type_name(value_name(attr))
+            ->group(kAttributeGroup);
     }
     return arguments;
 }

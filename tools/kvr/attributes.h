@@ -13,6 +13,9 @@
 
 namespace kvr {
 
+/// The group of a command's options that stand for an attribute each.
+constexpr const char* kAttributeGroup = "Attributes";
+
 struct AttributeArguments {
     std::vector<std::string> pairs;             ///< ATTR=VALUE
     std::map<std::string, std::string> options; ///< by attribute name

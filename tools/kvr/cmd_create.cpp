@@ -69,7 +69,7 @@ void create(const GlobalOptions& global, const CreateOptions& options) {
 void add_create_command(CLI::App& app, GlobalOptions& global) {
     auto options = std::make_shared<CreateOptions>();
     CLI::App* command = app.add_subcommand("create", "Make a queue manager");
-    command->add_option("name", options->qmgr, "Name of the queue manager")->required()->type_name("QMGR");
+    command->add_option("name", options->qmgr, "Name of the queue manager")->required()->type_name("NAME");
     command->add_option("--quota", options->quota, "Bytes of messages beyond which puts are refused [7G]")
         ->type_name("SIZE");
     command->add_flag("--fast", options->fast, "Do not wait for the disk: a power loss can take the last seconds");

@@ -87,17 +87,16 @@ void add_tls_options(CLI::App& command, TlsOptions& tls) {
     command
         .add_option_function<std::string>(
             "--client-cert", [&tls](const std::string& mode) { tls.client_cert = kClientCerts.at(mode); },
-            "Ask senders for a certificate: none, optional, required [none]")
+            "Ask senders for a certificate [none]")
         ->group(group)
         ->transform(CLI::IsMember({"none", "optional", "required"}, CLI::ignore_case).description(""))
-        ->type_name("MODE");
-    for (const auto& [name, version, text] :
-         {std::tuple("--tls-min", &tls.min_version, "Lowest version: 1.2 or 1.3 [1.2]"),
-          std::tuple("--tls-max", &tls.max_version, "Highest version: 1.2 or 1.3 [1.3]")}) {
+        ->type_name("none|optional|required");
+    for (const auto& [name, version, text] : {std::tuple("--tls-min", &tls.min_version, "Lowest version [1.2]"),
+                                              std::tuple("--tls-max", &tls.max_version, "Highest version [1.3]")}) {
         command.add_option(name, *version, text)
             ->group(group)
             ->check(CLI::IsMember({"1.2", "1.3"}).description(""))
-            ->type_name("V");
+            ->type_name("1.2|1.3");
     }
     command.add_option("--tls-tickets", tls.tickets, "TLS 1.3 session tickets after the handshake [0]")
         ->group(group)

@@ -81,8 +81,8 @@ void move(const GlobalOptions& global, MoveOptions& options) {
 void add_move_command(CLI::App& app, GlobalOptions& global) {
     auto options = std::make_shared<MoveOptions>();
     CLI::App* command = app.add_subcommand("move", "Put messages of one queue on another one");
-    command->add_option("from", options->from, "Queue to take from")->required()->type_name("FROM");
-    command->add_option("to", options->to, "Queue to put on")->required()->type_name("TO");
+    command->add_option("from", options->from, "Queue to take from")->required()->type_name("QUEUE");
+    command->add_option("to", options->to, "Queue to put on")->required()->type_name("QUEUE");
     CLI::Option* strip = command->add_flag("--strip-header", options->strip_header, "Take the transmission header off");
     command->add_option("--dest", options->destination, "Give the messages this destination, in a new header")
         ->type_name("QUEUE[@QMGR]")

@@ -373,11 +373,11 @@ void add_put_command(CLI::App& app, GlobalOptions& global) {
         ->type_name("N");
     command
         ->add_option("--size", options->size, "Generate data of this size, numbered and checksummed for 'get --verify'")
-        ->type_name("BYTES|MIN-MAX");
+        ->type_name("MIN[-MAX]");
     command
         ->add_option("--file-size", options->file_size,
                      "Generate two attached files of this size with the data; without --size, file messages")
-        ->type_name("BYTES|MIN-MAX");
+        ->type_name("MIN[-MAX]");
     command->add_option("--file-dir", options->file_dir, "Folder in which generated files are made, and stay")
         ->type_name("DIR");
     command->add_option("--seed", options->seed, "Seed of generated data (default: random)")
