@@ -11,7 +11,7 @@ kBuildPackages=(
     libssl-dev liblmdb-dev zlib1g-dev libcli11-dev libfmt-dev nlohmann-json3-dev
     libgtest-dev libgmock-dev libbenchmark-dev openssl
 )
-kTestPackages=(bash-completion zsh fish)
+kTestPackages=(groff-base mandoc bash-completion zsh fish)
 kCheckPackages=(clang-format-14 clang-tidy-14)
 kSourceFolders=(include src host tools tests bench fuzz)
 
