@@ -9,7 +9,7 @@ kRoot=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 kBuildPackages=(
     g++ cmake ninja-build pkg-config
     libssl-dev liblmdb-dev zlib1g-dev libcli11-dev libfmt-dev nlohmann-json3-dev
-    libgtest-dev libgmock-dev libbenchmark-dev openssl
+    libgtest-dev libgmock-dev libbenchmark-dev openssl systemd logrotate
 )
 kTestPackages=(groff-base mandoc bash-completion zsh fish)
 kCheckPackages=(clang-format-14 clang-tidy-14)

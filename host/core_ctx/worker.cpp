@@ -24,6 +24,7 @@
 #include "kavro_log/log.h"
 #include "kavro_queue/kavro_queue_host.h"
 #include "kavutil.h"
+#include "kavutil/service.h"
 #include "kavutil/stop_point.h"
 #include "plug_mgr/plugin.h"
 #include "store/store.h"
@@ -62,7 +63,7 @@ void log_line(int level, const std::string& text, int line = __builtin_LINE()) {
 /// what was diverted from standard error.
 void warn(const std::string& text) {
     if (!worker().log_file.empty()) {
-        std::fprintf(stderr, "kvr: %s\n", text.c_str());
+        std::fprintf(stderr, "%skvr: %s\n", journal_reads(STDERR_FILENO) ? "<3>" : "", text.c_str());
     }
     log_line(kLevelFailure, text);
 }
@@ -249,6 +250,9 @@ void prepare(const WorkerOptions& options, int argc, char** argv) {
     self.channel = checked_channel(options.channel);
     self.log_file = options.log_file;
     log_set_level(options.log_level);
+    if (journal_reads(STDERR_FILENO)) {
+        log_mark_priorities();
+    }
     if (log_open(options.log_file.c_str()) != 0) {
         throw Error(Errc::kIo, "log file '" + options.log_file.string() + "' cannot be opened (" +
                                    std::error_code(errno, std::generic_category()).message() +
@@ -296,6 +300,7 @@ void run_worker(const WorkerOptions& options, int argc, char** argv) {
     if (started < 0) {
         end_failed(options, "could not start", started);
     }
+    tell_service_manager("READY=1"); // it is the channel's by now; whether the listener is there is its own affair
     std::atexit(on_exit_in_run);
     stop_set_hook(on_stop);
     stop_point(StopPlace::kBetweenMessages);

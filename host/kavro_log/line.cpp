@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "kavro_log/line.h"
 
+#include <algorithm>
 #include <cstring>
 #include <ctime>
 
@@ -43,6 +44,14 @@ void LogLine::add_number(long number, int min_digits) {
         digits[--at] = '-';
     }
     put(digits + at, sizeof(digits) - at);
+}
+
+void LogLine::add_priority(int level) {
+    constexpr int kFailure = 3; // the journal's "err", level 1 here; its next ones follow in the same order
+    constexpr int kDebug = 7;
+    add("<");
+    add_number(std::clamp(level + kFailure - 1, kFailure, kDebug));
+    add(">");
 }
 
 // gmtime_r() is not on the list of what a handler may call; the civil date is computed here, with years that begin in

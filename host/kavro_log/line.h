@@ -15,6 +15,8 @@ class LogLine {
     /// Appends what is known to be clean.
     void add(const char* text);
     void add_number(long number, int min_digits = 1);
+    /// Appends the journal's mark for a line of this level of the log.
+    void add_priority(int level);
     /// Appends the current time, UTC with milliseconds.
     void add_time();
     /// Appends a text from outside: what is not printable as \xNN. A null text shows as "-".

@@ -33,7 +33,8 @@ int g_fd = STDERR_FILENO;
 char g_path[PATH_MAX];  ///< empty: the log is on standard error
 bool g_regular = false; ///< a regular file never blocks a writer; what standard error is was not looked at yet
 volatile int g_stalled = 0;
-int g_rotation = -1; ///< readable while the signal of a rotation is pending
+bool g_marked = false; ///< lines on standard error begin with their priority
+int g_rotation = -1;   ///< readable while the signal of a rotation is pending
 char g_qmgr[kQmgrSize];
 
 int open_file(const char* path) {
@@ -59,6 +60,9 @@ __attribute__((noinline, format(printf, 3, 0))) void print_line(int level, const
                                                                 va_list arguments) {
     const int saved = errno;
     kvr::LogLine line;
+    if (g_marked && g_path[0] == '\0') {
+        line.add_priority(level);
+    }
     line.add_time();
     line.add(" ");
     line.add_number(level);
@@ -191,6 +195,11 @@ void log_restore_stderr() {
     if (g_path[0] == '\0') {
         g_fd = STDERR_FILENO;
     }
+}
+
+void log_mark_priorities() {
+    g_marked = true;
+    mark_stray_lines();
 }
 
 void log_set_level(int level) {

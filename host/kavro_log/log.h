@@ -34,6 +34,10 @@ KVR_EXPORT int log_divert_stderr();
 /// Passes on what is left and makes descriptor 2 the real standard error again. Harmless when nothing is diverted.
 KVR_EXPORT void log_restore_stderr();
 
+/// From now on lines on standard error begin with the mark of their level, "<3>" to "<7>", for a journal that reads
+/// them (kavutil/service.h).
+KVR_EXPORT void log_mark_priorities();
+
 /// Drops lines above this level (0 drops all).
 KVR_EXPORT void log_set_level(int level);
 

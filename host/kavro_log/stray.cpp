@@ -25,11 +25,16 @@ constexpr std::size_t kLongestWrite = 2048;
 int g_real = STDERR_FILENO;
 bool g_real_regular = false;
 volatile int g_real_stalled = 0;
-int g_pipe = -1; ///< its end for reading, -1 while nothing is diverted
+bool g_marked = false; ///< for the journal
+int g_pipe = -1;       ///< its end for reading, -1 while nothing is diverted
 std::atomic_flag g_passing_on = ATOMIC_FLAG_INIT;
 
 void write_stamped(const char* text, std::size_t length) {
+    constexpr int kLevelWarning = 2;
     LogLine line;
+    if (g_marked) {
+        line.add_priority(kLevelWarning);
+    }
     line.add_time();
     line.add(" ");
     line.add_masked(text, length, false);
@@ -122,6 +127,10 @@ void restore_stderr() {
     close(g_real);
     g_pipe = -1;
     g_real = STDERR_FILENO;
+}
+
+void mark_stray_lines() {
+    g_marked = true;
 }
 
 void pass_on_stray_lines() {

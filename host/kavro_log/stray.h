@@ -21,6 +21,9 @@ int real_stderr();
 int divert_stderr();
 void restore_stderr();
 
+/// From now on these lines begin with the journal's mark of a warning: nobody knows what they are.
+void mark_stray_lines();
+
 /// Copies what has come since to the real standard error, with the time. Safe in signal handlers, from any thread;
 /// keeps nothing for later.
 void pass_on_stray_lines();

@@ -11,6 +11,7 @@
 
 #include "kavro_log/log_secret.h"
 #include "kavutil/export.h"
+#include "kavutil/service.h"
 #include "kavutil/stop_point.h"
 #include "store/c_border.h"
 #include "store/db_handle.h"
@@ -103,6 +104,14 @@ void log_line_up(const char* channel, Attributes& status) {
                  status["REMOTEPORT"].c_str());
 }
 
+/// For whoever looks at the service: the state, and with whom.
+void show_state(const std::string& state, Attributes& status) {
+    const std::string with = state == "RUNING"     ? ", sends to " + status["REMOTEIP"] + ":" + status["REMOTEPORT"]
+                             : state == "RETRYING" ? ", tries " + status["CONNAME"]
+                                                   : "";
+    tell_service_manager(("STATUS=" + state + with).c_str());
+}
+
 void set_attributes(const void* handle, const char* cls, const char* name, int count, char** attrs, char** values) {
     stop_point(StopPlace::kMidMessage);
     check_arguments(cls, name, count, attrs, values);
@@ -110,6 +119,9 @@ void set_attributes(const void* handle, const char* cls, const char* name, int c
     const std::string state = std::strcmp(cls, "CHS") == 0 && given.contains("STATUS") ? given["STATUS"] : "";
     add_own_status(cls, given);
     store_of(handle)->object_set(cls, name, given);
+    if (!state.empty()) {
+        show_state(state, given);
+    }
     if (state == "RUNING" && given.contains("REMOTEIP")) {
         log_line_up(name, given);
     }

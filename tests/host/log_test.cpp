@@ -129,6 +129,7 @@ TEST(LogOnStandardError, LinesOfOthersGetTheTimeBlockNobodyAndSurviveAnAbort) {
         kvr::log_restore_stderr();
         say("plain\n");
         kvr::log_divert_stderr();
+        kvr::log_mark_priorities();
         say("last words\n");
         abort();
         return 0;
@@ -136,7 +137,7 @@ TEST(LogOnStandardError, LinesOfOthersGetTheTimeBlockNobodyAndSurviveAnAbort) {
     EXPECT_EQ(child.result(), -SIGABRT);
     const std::string time = "[0-9-]{10}T[0-9:]{8}\\.[0-9]{3}Z ";
     EXPECT_THAT(contents(file), MatchesRegex(time + "one\n" + time + "two\\\\x1b\n" + time + "1 [^\n]* work own\n(" +
-                                             time + "x{1000}\n)+plain\n" + time + "last words\n"));
+                                             time + "x{1000}\n)+plain\n<4>" + time + "last words\n"));
 }
 
 } // namespace

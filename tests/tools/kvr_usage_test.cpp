@@ -22,7 +22,7 @@ TEST_F(KvrUsage, RefusalsChangeNothingAndSayWhatToDo) {
     const TlsMaterial& tls = tls_material();
     const std::string listen = "listen --discard --address 127.0.0.1 --port 0 --tls --cert ";
     const struct {
-        int code; ///< 2: it cannot be right, whatever the state of the system
+        int code; ///< 2: it cannot be right, whatever the state of the system; 6: not before something is changed
         std::string line;
         const char* says; ///< regular expression within standard error
     } cases[] = {
@@ -41,13 +41,13 @@ TEST_F(KvrUsage, RefusalsChangeNothingAndSayWhatToDo) {
         {1, "put Q x --attach empty", "0 bytes.*1 to 99,999,999"},
         {1, "get BINARY", "no text: take it with --raw"},
         {1, "delete queue Q --purge", "channel 'C': set another one"},
-        {1, "run NONE", "kvr define channel NONE"},
-        {1, "run TLS", "kvr set qmgr CAFILE=FILE"},
-        {1, "run RECEIVER", "has type 'RCVR'"},
-        {1, "run C --plugin " NO_PLUGIN, "OnPlugLoad"},
-        {1, listen + tls.encrypted_client.cert_file + " --key " + tls.encrypted_client.key_file,
+        {6, "run NONE", "kvr define channel NONE"},
+        {6, "run TLS", "kvr set qmgr CAFILE=FILE"},
+        {6, "run RECEIVER", "has type 'RCVR'"},
+        {6, "run C --plugin " NO_PLUGIN, "OnPlugLoad"},
+        {6, listen + tls.encrypted_client.cert_file + " --key " + tls.encrypted_client.key_file,
          "encrypted: give .* with --key-pass-file"},
-        {1, listen + tls.server.cert_file + " --key " + tls.client.key_file, "cannot use the key"},
+        {6, listen + tls.server.cert_file + " --key " + tls.client.key_file, "cannot use the key"},
     };
     for (const auto& [code, line, says] : cases) {
         const ProgramResult result = run(line);

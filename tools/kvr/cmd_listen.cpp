@@ -9,6 +9,7 @@
 
 #include "commands.h"
 #include "held_signals.h"
+#include "kavutil/service.h"
 #include "receiver/listener_options.h"
 #include "session.h"
 
@@ -64,6 +65,11 @@ void listen(const GlobalOptions& global, ListenCommand& command) {
             options.spool = options.store->dir() / "spool";
         }
     }
+    options.on_listening = [&options](int port) {
+        tell_service_manager(fmt::format("READY=1\nSTATUS=listens on {} port {}, {}", options.address, port,
+                                         options.tls.enabled ? "TLS" : "plain")
+                                 .c_str());
+    };
     if (const int result = run_listener(options); result != 0) {
         throw Error(Errc::kIo, "messages or lines of the journal were lost: the log above says which and why");
     }
@@ -203,7 +209,7 @@ void add_listen_command(CLI::App& app, GlobalOptions& global) {
         awkward.reset_after = given("--reset-after", options->reset_after);
         awkward.stall_after = given("--stall-after", options->stall_after);
         check_tls(*command, options->listener.tls);
-        listen(global, *options);
+        serve([&] { listen(global, *options); });
     });
 }
 

@@ -40,7 +40,7 @@ std::string& last_words() {
 
 void say_last_words(int status, void* /*unused*/) {
     if (status != 0 && !last_words().empty()) {
-        remark(last_words());
+        complain(last_words());
     }
 }
 
@@ -119,6 +119,17 @@ WorkerOptions worker_options(const GlobalOptions& global, const RunOptions& opti
     return worker;
 }
 
+/// "EAST:EAST.WEST": a service has one word for both names.
+void split_off_qmgr(GlobalOptions& global, std::string& channel) {
+    const std::size_t colon = channel.find(':');
+    if (colon != std::string::npos) {
+        const std::string qmgr = checked_qmgr_name(channel.substr(0, colon));
+        refuse_other_qmgr(global, qmgr);
+        global.qmgr = qmgr;
+        channel.erase(0, colon + 1);
+    }
+}
+
 void run(const GlobalOptions& global, const RunOptions& options) {
     hold_signals({SIGTERM, SIGINT, SIGHUP});
     WorkerOptions worker;
@@ -150,7 +161,9 @@ void run(const GlobalOptions& global, const RunOptions& options) {
 void add_run_command(CLI::App& app, GlobalOptions& global) {
     auto options = std::make_shared<RunOptions>();
     CLI::App* command = app.add_subcommand("run", "Run a channel in the foreground");
-    command->add_option("channel", options->channel, "Channel")->required()->type_name("CHANNEL");
+    command->add_option("channel", options->channel, "Channel, or with its queue manager QMGR:CHANNEL")
+        ->required()
+        ->type_name("CHANNEL");
     command
         ->add_option("--log,--log-file", options->log,
                      "Log file; - for standard error (default: log/CHANNEL.log in the queue manager's folder)")
@@ -160,9 +173,15 @@ void add_run_command(CLI::App& app, GlobalOptions& global) {
         ->type_name("1-5");
     command->add_option("--plugin", options->plugin, "Channel plug-in (default: beside this program, in ../lib)")
         ->type_name("FILE");
-    set_examples(*command, "  kvr run EAST.WEST\n  kvr run EAST.WEST --log - --log-level 5\n"
-                           "The program ends with 0 after a stop and with 1 when the channel failed.\n");
-    command->callback([options, &global] { run(global, *options); });
+    set_examples(
+        *command,
+        "  kvr run EAST.WEST\n  kvr run EAST.WEST --log - --log-level 5\n"
+        "The program ends with 0 after a stop, with 1 when the channel failed, and with 6 when it cannot start\n"
+        "until something is changed: the definition, a file, the process that runs it already.\n");
+    command->callback([options, &global] {
+        split_off_qmgr(global, options->channel);
+        serve([&] { run(global, *options); });
+    });
 }
 
 } // namespace kvr

@@ -10,6 +10,7 @@
 
 #include "kavutil/error.h"
 #include "output.h"
+#include "session.h"
 #include "store_owner.h"
 
 namespace kvr {
@@ -43,7 +44,8 @@ Examples:
   kvr put TO.WEST 'hello' --dest ORDERS@WEST          a message for the queue ORDERS of WEST
   kvr status --watch                                  see it leave
 
-Exit codes: 0 done, 1 failed, 2 wrong usage. 'kvr COMMAND --help' has the options and examples of a command.)";
+Exit codes: 0 done, 1 failed, 2 wrong usage, 6 a channel or listener that cannot
+start until something is changed. 'kvr COMMAND --help' has the options and examples of a command.)";
 
 /// The command as far as it was recognised: as typed, for the pointer to its help, and its place.
 std::pair<std::string, const CLI::App*> recognised_command(const CLI::App& app) {
@@ -133,19 +135,18 @@ int run_command_line(int argc, char** argv) {
         return std::cout.good() ? kExitDone : kExitFailed;
     } catch (const CLI::ParseError& error) {
         const auto [words, command] = recognised_command(app);
-        (void)std::fprintf(stderr, "kvr: %s: see '%s --help'\n", complaint(app, *command, error).c_str(),
-                           words.c_str());
+        complain(fmt::format("{}: see '{} --help'", complaint(app, *command, error), words));
         return kExitUsage;
     } catch (const UsageError& error) {
         (void)std::fflush(stdout);
-        (void)std::fprintf(stderr, "kvr: %s\n", error.what());
+        complain(error.what());
         return kExitUsage;
     } catch (const ReaderGone&) {
         return kExitDone;
     } catch (const std::exception& error) {
         (void)std::fflush(stdout);
-        (void)std::fprintf(stderr, "kvr: %s%s\n", error.what(), owner_note().c_str());
-        return kExitFailed;
+        complain(error.what() + owner_note());
+        return dynamic_cast<const CannotStart*>(&error) != nullptr ? kExitCannotStart : kExitFailed;
     }
 }
 

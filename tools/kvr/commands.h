@@ -15,7 +15,7 @@ class Validator;
 namespace kvr {
 
 /// Exit codes of the program.
-enum ExitCode : int { kExitDone = 0, kExitFailed = 1, kExitUsage = 2 };
+enum ExitCode : int { kExitDone = 0, kExitFailed = 1, kExitUsage = 2, kExitCannotStart = 6 };
 
 /// A command line that cannot be right, whatever the state of the system. Texts read "<what is wrong>: <what to do>".
 class UsageError : public std::runtime_error {

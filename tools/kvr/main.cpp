@@ -2,10 +2,8 @@
 // The operator's program: sets its process up and runs the command line.
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <string>
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -13,6 +11,7 @@
 #include <unistd.h>
 
 #include "command_line.h"
+#include "output.h"
 #include "store/store.h"
 
 namespace {
@@ -33,14 +32,14 @@ void occupy_standard_descriptors() {
 int main(int argc, char** argv) {
     occupy_standard_descriptors();
     (void)std::signal(SIGPIPE, SIG_IGN);
-    kvr::set_notice([](const std::string& line) { (void)std::fprintf(stderr, "kvr: %s\n", line.c_str()); });
+    kvr::set_notice(kvr::complain);
     (void)::umask(S_IRWXG | S_IRWXO);
     const rlimit no_core{0, 0}; // memory holds keys and pass phrases
     (void)::setrlimit(RLIMIT_CORE, &no_core);
     try {
         return kvr::run_command_line(argc, argv);
     } catch (const std::exception& error) {
-        (void)std::fprintf(stderr, "kvr: %s\n", error.what());
+        kvr::complain(error.what());
         return kvr::kExitFailed;
     }
 }

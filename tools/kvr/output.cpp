@@ -7,10 +7,13 @@
 #include <cstdio>
 #include <cstring>
 
+#include <unistd.h>
+
 #include <fmt/format.h>
 #include <openssl/evp.h>
 
 #include "kavutil/printable.h"
+#include "kavutil/service.h"
 
 namespace kvr {
 namespace {
@@ -69,6 +72,10 @@ void print_outcome(bool json, const Json& value, const std::string& line) {
 
 void remark(const std::string& text) {
     (void)std::fprintf(stderr, "kvr: %s\n", text.c_str());
+}
+
+void complain(const std::string& text) {
+    (void)std::fprintf(stderr, "%skvr: %s\n", journal_reads(STDERR_FILENO) ? "<3>" : "", text.c_str());
 }
 
 void Table::measure() {

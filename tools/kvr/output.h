@@ -31,6 +31,8 @@ void flush_output();
 void print_outcome(bool json, const Json& value, const std::string& line);
 /// A remark for people on standard error; it never fails.
 void remark(const std::string& text);
+/// As remark, for what went wrong: where the journal reads standard error, it is an error there.
+void complain(const std::string& text);
 
 /// Columns as wide as their widest cell; columns of numbers are aligned to the right. A long table is printed in
 /// blocks: the first has the headings and decides the alignment, a later one widens a column where it must.

@@ -160,6 +160,18 @@ std::shared_ptr<Store> open_store(const GlobalOptions& global) {
     return Store::open(qmgr_folder(global));
 }
 
+void serve(const std::function<void()>& work) {
+    try {
+        work();
+    } catch (const Error& error) {
+        const Errc code = error.code();
+        if (code == Errc::kIo || code == Errc::kFull || code == Errc::kInterrupted) {
+            throw;
+        }
+        throw CannotStart(code, error.what());
+    }
+}
+
 std::string checked_qmgr_name(const std::string& name) {
     return checked_name("queue manager", name, kMaxQueueName, false);
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -27,6 +28,15 @@ std::filesystem::path qmgr_folder(const GlobalOptions& global);
 constexpr std::chrono::seconds kStoreTimeout{3};
 /// Opens the queue manager that is meant, as its owner.
 std::shared_ptr<Store> open_store(const GlobalOptions& global);
+
+/// A worker or a listener that cannot start until somebody has changed something: to start it again changes nothing.
+class CannotStart : public Error {
+  public:
+    using Error::Error;
+};
+/// Does the work of a command that a supervisor may start again and again: of its Errors those become CannotStart that
+/// do not pass by themselves.
+void serve(const std::function<void()>& work);
 
 /// Names are 1 to 32 (channels 63) letters, digits and . _ % -, and begin with neither a dot nor a dash: a queue
 /// manager's name is a folder's, and no name may be taken for an option. Throw UsageError.
