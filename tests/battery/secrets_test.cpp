@@ -117,7 +117,8 @@ TEST(Secrets, NoLinkIsFollowed) {
         fs::create_directories(link.parent_path());
         fs::remove_all(link);
         fs::create_symlink(target, link);
-        EXPECT_EQ(field.start(qmgr, words).result(), 1) << link;
+        const int code = field.start(qmgr, words).result();
+        EXPECT_TRUE(code == 1 || code == 6) << link << " " << code;
         EXPECT_TRUE(fs::remove(link) && contents(file) == "precious" && fs::is_empty(folder)) << link;
     }
 }
