@@ -18,7 +18,7 @@ class ServiceManager {
         name.copy(address.sun_path, sizeof address.sun_path - 1);
         address.sun_path[0] = name[0] == '@' ? '\0' : name[0];
         const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
-        const timeval longest{kDeadline.count(), 0};
+        const timeval longest{kDeadlineSeconds, 0};
         EXPECT_EQ(::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &longest, sizeof longest), 0);
         EXPECT_EQ(::bind(fd_, reinterpret_cast<const sockaddr*>(&address), length), 0);
     }
