@@ -223,7 +223,7 @@ std::string command_page(const CLI::App& command, const Sections& parts, const S
     std::string title = page_name(command);
     std::transform(title.begin(), title.end(), title.begin(),
                    [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-    std::string page = ".TH " + title + " 1 " + date + " \"kvr " KVR_VERSION "\" \"Message channel\"\n";
+    std::string page = ".TH " + title + " 1 " + date + " \"kvr " KVR_VERSION "\" \"Message channel\"\n.nh\n";
     const Sections own = described(command);
     for (const std::string name : kSections) {
         const std::string more = text_of(common, name) + text_of(parts, name);
