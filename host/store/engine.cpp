@@ -2,6 +2,7 @@
 #include "store/engine.h"
 
 #include <algorithm>
+#include <string_view>
 #include <system_error>
 
 #include <dlfcn.h>
@@ -46,7 +47,14 @@ const StoreEngine& load_engine(const std::string& name) {
                     "the store's engine '" + used + "' cannot be loaded (" + (why ? why : "no reason") +
                         "): install it, or use the version that made the queue manager");
     }
-    return *reinterpret_cast<decltype(&kavro_store_engine)>(function)(); // NOLINT: the loader gives an address
+    const auto& engine = *reinterpret_cast<decltype(&kavro_store_engine)>(function)(); // NOLINT: as above
+    if (std::string_view(engine.version) != kEngineVersion) {
+        throw Error(Errc::kVersion, "the store's engine '" + used + "' is of version " + engine.version +
+                                        ", this process of " + kEngineVersion +
+                                        ": start the process anew, and install both in one version if that does not "
+                                        "help");
+    }
+    return engine;
 }
 
 } // namespace kvr

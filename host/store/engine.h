@@ -12,8 +12,14 @@
 
 namespace kvr {
 
+/// Of the tree that this is compiled in.
+inline constexpr const char* kEngineVersion = KVR_VERSION;
+
 /// The operations throw kvr::Error, as those of Store.
 struct StoreEngine {
+    /// kEngineVersion as the engine knows it; stays the first field. One of another version is refused: a process that
+    /// opens its first store of an engine after an upgrade would meet a Store that is laid out in another way.
+    const char* version;
     /// Refuses settings that no store could be made with, before anything is made.
     void (*check)(const Settings& settings);
     /// Makes a store in the folder of a new queue manager, private and empty but for what says the engine's name.
@@ -27,7 +33,8 @@ struct StoreEngine {
 
 /// Whether it can name an engine: it becomes a part of a file's name. The empty one stands for the embedded engine.
 bool is_engine_name(const std::string& name);
-/// The engine of that name. Throws kInvalid, kVersion when there is none, kIo when it cannot be loaded.
+/// The engine of that name. Throws kInvalid, kVersion when there is none or one of another version, kIo when it cannot
+/// be loaded.
 const StoreEngine& load_engine(const std::string& name);
 
 } // namespace kvr

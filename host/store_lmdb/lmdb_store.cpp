@@ -122,7 +122,8 @@ void check_settings(const Settings& given) {
     static_cast<void>(changed_settings({}, given));
 }
 
-constexpr StoreEngine kEngine{.check = check_settings, .fill = fill_folder, .exists = holds_store, .open = open_store};
+constexpr StoreEngine kEngine{
+    .version = kEngineVersion, .check = check_settings, .fill = fill_folder, .exists = holds_store, .open = open_store};
 
 } // namespace
 

@@ -64,7 +64,7 @@ StoreIdentity load_identity(MDB_txn* txn, const Environment& env) {
     if (version != kStoreVersion) {
         throw Error(Errc::kVersion, env.folder().string() + " was written in format " + std::to_string(version) +
                                         ", this program reads format " + std::to_string(kStoreVersion) +
-                                        ": use the version that wrote it");
+                                        ": install the version that wrote it, or one after that");
     }
     IdentityPart part{};
     if (value->size() <= sizeof part) {

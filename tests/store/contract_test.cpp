@@ -103,6 +103,7 @@ TEST_P(ContractTest, IsMadeOnceAndOpenedByTheEngineThatItNames) {
     EXPECT_CODE(kInvalid, Store::create(other, "a/b", {}, GetParam()));
     EXPECT_CODE(kInvalid, Store::create(other, "X", {{"quota", "-1"}}, GetParam()));
     EXPECT_CODE(kVersion, Store::create(other, "X", {}, "none"));
+    EXPECT_CODE(kVersion, Store::create(other, "X", {}, "foreign")) << "built with another version of the store";
     EXPECT_CODE(kNotFound, Store::open(other));
     EXPECT_FALSE(fs::exists(other) || Store::exists(other));
     EXPECT_EQ(Store::open(dir_ / "." / ".." / "QM"), store_) << "once in a process";
