@@ -90,8 +90,8 @@ struct Usage {
 using Notice = void (*)(const std::string& line);
 /// Sets the process's one; null, as at first: nobody is told.
 KVR_EXPORT void set_notice(Notice notice);
-/// Called each second in which a get of this process waits for a message, with the caller's signals held; null:
-/// nothing.
+/// Called each second in which a get of this process waits for a message, and when a signal ends the wait, with the
+/// caller's signals held; null: nothing.
 KVR_EXPORT void set_idle_look(void (*look)());
 /// Longest single wait of this process for another one, waits that are under way included; without limit at first. When
 /// it is over the call throws kBusy and nothing has happened. A process whose loop must go on sets it short and takes

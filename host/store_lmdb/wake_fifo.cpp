@@ -81,7 +81,7 @@ bool WakeFifo::wait(const sigset_t& mask) {
     if (ready < 0 && errno != EINTR) {
         throw Error(Errc::kIo, "cannot wait for a message: " + std::string(std::strerror(errno)));
     }
-    if (ready == 0) {
+    if (ready <= 0) { // an alarm of each second, a heartbeat's, leaves no other occasion
         look_while_idle();
     }
     if (ready > 0) {
