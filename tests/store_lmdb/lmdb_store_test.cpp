@@ -191,6 +191,39 @@ TEST_P(LmdbStoreTest, RefusesAnotherVersionAndDamage) {
     EXPECT_CODE(kVersion, Store::open(dir_));
 }
 
+TEST_P(LmdbStoreTest, AStoreOfTheVersionBeforeGoesOn) {
+    ASSERT_EQ(std::system(("tar --no-same-owner -xpzf " KVR_EARLIER_STORE " -C " + folder_.path().native()).c_str()),
+              0);
+    dir_ = folder_.path() / "EAST"; // tests/upgrade/make_store says what it holds
+    store_ = Store::open(dir_);
+    const std::string large(70000, 'x');
+    EXPECT_EQ(shown("LOCAL"), (Texts{"one", "two", large, "with files&"})) << "the mark is of an earlier boot";
+    store_.reset();
+    constexpr int kBootId = 24;
+    std::fstream(dir_ / "queues" / "3.mark").seekp(kBootId)
+        << test::contents("/proc/sys/kernel/random/boot_id").substr(0, 36);
+    store_ = Store::open(dir_);
+    EXPECT_EQ(shown("LOCAL"), (Texts{large, "with files&"}));
+    EXPECT_EQ(shown("TO.WEST")[0], "no destination!");
+    EXPECT_EQ(store_->settings()["quota"], "8388608");
+    EXPECT_EQ(store_->object_get("CHL", "EAST.WEST")["HBINT"], "7");
+    EXPECT_EQ(store_->object_get("QMGR", "QMGR")["KEYPASS"], "phrase");
+    EXPECT_NE(store_->object_get("CHS", "EAST.WEST")["FAILURE"].find("could not reach"), std::string::npos);
+    store_->browse("LOCAL", 4, [](const StoredMessage& message) {
+        EXPECT_EQ(message.attachments.size() == 2 && message.attachments[1].ends_with("/orders"), true);
+        EXPECT_EQ(message.descriptor.iPriority, 5);
+        EXPECT_STREQ(message.descriptor.sReplyToQ, "REPLIES");
+        return true;
+    });
+    EXPECT_EQ(put("new", {}, "LOCAL"), Errc{});
+    EXPECT_EQ(store_->release_held("TO.WEST"), 1U);
+    const auto local = store_->drain("LOCAL");
+    for (const std::string& text : {large, std::string("with files"), std::string("new"), std::string("-")}) {
+        EXPECT_EQ(take(*local), text);
+    }
+    EXPECT_EQ(take(*store_->drain("TO.WEST")), "no destination");
+}
+
 TEST_P(LmdbStoreTest, RefusesAFileThatLacksPagesUnlessAllOfThemAreFree) {
     const std::string large(300000, 'x');
     put(large, {}, "DEAD");
