@@ -6,6 +6,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include "key_log_env.h"
 #include "net_tcp/client.h"
 #include "net_tcp_common.h"
 
@@ -232,6 +233,32 @@ TEST(TlsHandshake, EndsCleanlyWhenAHandlerCloses) {
         EXPECT_TRUE(client.is_down(false));
     }
     EXPECT_EQ(open_descriptors(), before);
+}
+
+/// Nothing is written unless the environment names a file, and then into a private one only.
+TEST_P(TlsTest, KeysAreWrittenWhereTheEnvironmentSaysSo) {
+    const TemporaryFolder folder;
+    const std::string keys = folder.path() / "keys";
+    const auto logged_with = [&](const std::string& file) {
+        ::setenv(KVR_KEY_LOG_ENV, file.c_str(), 1);
+        Peer peer(options_, [](PeerConnection& connection) { connection.read_all(); });
+        Client client(GetParam());
+        EXPECT_TRUE(client.up(peer));
+        ::unsetenv(KVR_KEY_LOG_ENV);
+        return testing::PrintToString(logged_lines);
+    };
+    EXPECT_THAT(logged_with(""), testing::Not(HasSubstr("keys")));
+    EXPECT_THAT(logged_with(keys) + logged_with(keys), HasSubstr("1 Init TLS keys are written to [" + keys));
+    EXPECT_EQ(std::filesystem::status(keys).permissions(), std::filesystem::perms(0600));
+    const std::string written = contents(keys);
+    const char* const label = GetParam() == Carrier::kTls12 ? "CLIENT_RANDOM " : "\nSERVER_TRAFFIC_SECRET_0 ";
+    EXPECT_EQ(occurrences(written, label), 2U) << "two sessions, one after the other";
+    std::filesystem::create_symlink(keys, keys + ".link");
+    std::ofstream(keys + ".open") << "";
+    for (const std::string& bad : {keys + ".link", keys + ".open", folder.path().native()}) {
+        EXPECT_THAT(logged_with(bad), HasSubstr("1 Init key log [" + bad + "] error["));
+    }
+    EXPECT_EQ(contents(keys) + contents(keys + ".open"), written);
 }
 
 } // namespace

@@ -104,6 +104,11 @@ void add_tls_options(CLI::App& command, TlsOptions& tls) {
             ->check(CLI::IsMember({"1.2", "1.3"}).description(""))
             ->type_name("1.2|1.3");
     }
+    command
+        .add_option("--key-log", tls.key_log,
+                    "Append the keys of all sessions to this file, for an analyser: who reads it can read the line")
+        ->group(group)
+        ->type_name("FILE");
     command.add_option("--tls-tickets", tls.tickets, "TLS 1.3 session tickets after the handshake [0]")
         ->group(group)
         ->check(CLI::Range(0, 100))

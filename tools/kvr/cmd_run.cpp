@@ -14,7 +14,9 @@
 #include "commands.h"
 #include "core_ctx/worker.h"
 #include "held_signals.h"
+#include "key_log_env.h"
 #include "output.h"
+#include "receiver/key_log.h"
 #include "session.h"
 #include "store/permissions.h"
 
@@ -29,6 +31,7 @@ struct RunOptions {
     std::string channel;
     std::string log;
     std::string plugin;
+    std::string key_log;
     int log_level = 3;
 };
 
@@ -64,7 +67,7 @@ fs::path plugin_file(const std::string& given) {
     return file;
 }
 
-fs::path log_file(const Store& store, const std::string& channel, const std::string& given) {
+fs::path log_file(Store& store, const std::string& channel, const std::string& given) {
     if (given == "-") {
         return {};
     }
@@ -76,10 +79,13 @@ fs::path log_file(const Store& store, const std::string& channel, const std::str
     return folder / (channel + ".log");
 }
 
+bool uses_tls(Store& store, const std::string& channel) {
+    return ::strcasecmp(value_of(store.object_get("CHL", channel), "SSLCAUTH").c_str(), "ENABLE") == 0;
+}
+
 /// The connection could never be made without these; better said now than in a log after the first retries.
 void check_tls_files(Store& store, const std::string& channel) {
-    const std::string tls = value_of(store.object_get("CHL", channel), "SSLCAUTH");
-    if (::strcasecmp(tls.c_str(), "ENABLE") != 0) {
+    if (!uses_tls(store, channel)) {
         return;
     }
     const Attributes qmgr = store.object_get("QMGR", "QMGR");
@@ -99,6 +105,23 @@ void check_tls_files(Store& store, const std::string& channel) {
     }
 }
 
+/// Tells the TCP client where keys go: nowhere, unless this command line says so.
+void set_key_log(Store& store, const std::string& channel, const std::string& given) {
+    ::unsetenv(KVR_KEY_LOG_ENV);
+    if (given.empty()) {
+        return;
+    }
+    if (!uses_tls(store, channel)) {
+        throw Error(Errc::kInvalid, fmt::format("--key-log without TLS: leave it out, or set channel {} to "
+                                                "SSLCAUTH=ENABLE",
+                                                channel));
+    }
+    const fs::path file = fs::absolute(given);
+    static_cast<void>(open_key_log(file));
+    ::setenv(KVR_KEY_LOG_ENV, file.c_str(), 1);
+    remark(key_log_warning(file));
+}
+
 bool stop_is_held_back() {
     sigset_t pending;
     return ::sigpending(&pending) == 0 &&
@@ -116,6 +139,7 @@ WorkerOptions worker_options(const GlobalOptions& global, const RunOptions& opti
     worker.home = store->dir().parent_path();
     worker.qmgr = store->qmgr();
     worker.log_file = log_file(*store, worker.channel, options.log);
+    set_key_log(*store, worker.channel, options.key_log);
     return worker;
 }
 
@@ -172,6 +196,11 @@ void add_run_command(CLI::App& app, GlobalOptions& global) {
         ->check(CLI::Range(1, 5).description(""))
         ->type_name("1-5");
     command->add_option("--plugin", options->plugin, "Channel plug-in (default: beside this program, in ../lib)")
+        ->type_name("FILE");
+    command
+        ->add_option(
+            "--key-log", options->key_log,
+            "Append the keys of its TLS sessions to this file, for an analyser: who reads it can read the line")
         ->type_name("FILE");
     set_examples(
         *command,

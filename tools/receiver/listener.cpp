@@ -24,6 +24,7 @@
 
 #include "acceptor.h"
 #include "handshakes.h"
+#include "key_log.h"
 #include "listen_log.h"
 #include "listen_signals.h"
 #include "listen_socket.h"
@@ -106,6 +107,9 @@ Listener::Listener(const ListenerOptions& options)
         (!tls_ || options.tls.client_cert != ClientCert::kRequired)) {
         listen_log("note: whoever reaches this port can put messages; --tls with --client-cert required lets in "
                    "holders of a certificate only");
+    }
+    if (!options.tls.key_log.empty()) {
+        listen_log(key_log_warning(options.tls.key_log));
     }
     if (options.on_listening) {
         options.on_listening(port);

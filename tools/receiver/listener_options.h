@@ -21,7 +21,8 @@ struct TlsOptions {
     std::filesystem::path cert;          ///< PEM, with the chain after it
     std::filesystem::path key;           ///< PEM; empty: in the file of the certificate
     std::filesystem::path key_pass_file; ///< first line is the key's pass phrase
-    std::filesystem::path ca; ///< PEM, whom to believe about client certificates; needed where they are asked for
+    std::filesystem::path ca;      ///< PEM, whom to believe about client certificates; needed where they are asked for
+    std::filesystem::path key_log; ///< gets the keys of all sessions; empty: none
     ClientCert client_cert = ClientCert::kNone;
     std::string min_version = "1.2"; ///< 1.2 or 1.3
     std::string max_version = "1.3";

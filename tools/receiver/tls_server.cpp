@@ -130,6 +130,9 @@ TlsServer::TlsServer(const TlsOptions& options) : context_(SSL_CTX_new(TLS_serve
     require(options.tickets >= 0 && SSL_CTX_set_num_tickets(context, static_cast<std::size_t>(options.tickets)) == 1,
             "the number of session tickets does not go");
     SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
+    if (!options.key_log.empty()) {
+        key_log_ = std::make_unique<KeyLog>(options.key_log, context);
+    }
     // Idle connections hold no record buffers.
     SSL_CTX_set_mode(context, SSL_MODE_RELEASE_BUFFERS | SSL_MODE_ENABLE_PARTIAL_WRITE);
 }

@@ -9,6 +9,7 @@
 #include <openssl/ssl.h>
 
 #include "kavutil/unique_fd.h"
+#include "key_log.h"
 #include "listener_options.h"
 
 namespace kvr {
@@ -24,6 +25,7 @@ class TlsServer {
         void operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
     };
     std::unique_ptr<SSL_CTX, Free> context_;
+    std::unique_ptr<KeyLog> key_log_; ///< null: none
 };
 
 enum class StreamEnd {

@@ -40,6 +40,7 @@ int netTcpClientInit(void* pThis, int iOptions) {
         errno = tReason.iErrno;
         return -1;
     }
+    LogKeys(ptClient, ctx);
     NET_TCP_LOG(ptClient, 4, __func__, "netTcpSSLInitCtx[%s] [%s] [%s] sucess", ptClient->sCertFile, ptClient->sKeyFile,
                 ptClient->sKeyPass);
     return 0;

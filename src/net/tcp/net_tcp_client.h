@@ -12,6 +12,9 @@
 // session.
 //
 // Callers ignore SIGPIPE: a write inside TLS raises it when the peer has gone.
+//
+// An environment variable (key_log_env.h) has the keys of TLS sessions written to a file; without it none leaves the
+// process.
 #pragma once
 
 #include <cstddef>

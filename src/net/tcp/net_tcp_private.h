@@ -61,6 +61,12 @@ int WaitToRead(int iSocketNo);
 bool BeginPool();
 void EndPool(bool bOwner);
 
+// ---- net_tcp_keylog.cpp
+
+/// Has the keys of the context's sessions written down, and says so in the log at each call, where the environment asks
+/// for it (key_log_env.h); else it does nothing. Main flow only.
+void LogKeys(T_NET_TCPCLIENT* ptClient, SSL_CTX* ctx);
+
 // ---- net_tcp_error.cpp: how an operation reports its failure. All of it may run in a handler.
 
 constexpr char LOG_MODULE[] = "$net_tcp";
