@@ -8,10 +8,10 @@ kRoot=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 kBuildPackages=(
     g++ cmake ninja-build pkg-config
-    libssl-dev liblmdb-dev zlib1g-dev libcli11-dev libfmt-dev nlohmann-json3-dev
+    libssl-dev liblmdb-dev zlib1g-dev libpcap-dev libcli11-dev libfmt-dev nlohmann-json3-dev
     libgtest-dev libgmock-dev libbenchmark-dev openssl systemd logrotate
 )
-kTestPackages=(groff-base mandoc bash-completion zsh fish)
+kTestPackages=(groff-base mandoc bash-completion zsh fish tshark)
 kCheckPackages=(clang-format-14 clang-tidy-14)
 kSourceFolders=(include src host tools tests bench fuzz)
 

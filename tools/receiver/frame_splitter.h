@@ -70,6 +70,8 @@ class FrameSplitter {
         std::string reason;
     };
 
+    /// For a stream whose beginning was missed: no bind frame is waited for. Called before anything is fed.
+    void begin_in_the_middle() { bound_ = true; }
     /// @param input (in/out) advanced past what was used
     FeedEnd feed(std::span<const char>& input, FrameSink& sink);
 
