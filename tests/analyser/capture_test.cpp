@@ -1,0 +1,85 @@
+// SPDX-License-Identifier: MIT
+// Captures as kvr dissect reads them: the streams in them are the ones that were sent, and what a capture lacks is
+// said.
+#include "analyser/capture_writer.h"
+#include "tools/kvr_program.h"
+
+namespace kvr::test {
+namespace {
+
+class Capture : public ProgramTest {
+  protected:
+    const std::string stream_ = bind_frame("C") + message("Q", "first") + heartbeat_frame() +
+                                message_with_files("Q", "body", {{"a.txt", "12345"}}) + message("Q", "last");
+};
+
+TEST_F(Capture, WhatItLacksAndWhatIsNoStreamIsSaid) {
+    std::string keys;
+    const std::vector<MadeSegment> whole = {
+        {0, kSyn}, {1, kPush, stream_.substr(0, 100)}, {101, kFin, stream_.substr(100)}};
+    const std::vector<MadeSegment> mixed = {
+        whole[0], whole[2], whole[1], {0, kAck, "?"}, {60, kPush, stream_.substr(59, 99)}};
+    const struct {
+        std::vector<MadeSegment> segments;
+        const char* shown; ///< regular expressions
+        const char* error;
+        std::string options = "";
+        std::size_t port = 40000;
+        int link = kRaw;
+    } rows[] = {
+        {whole, "connection 1, 127.0.0.1:40000 to 127.0.0.1:5151\n", "^$"},
+        {whole, "connection 1, \\[::1\\]:40001 to \\[::1\\]:5151\n", "^$", "--filter 'tcp port 5151'", 40001},
+        {mixed, "1, \\[::1\\]:40001 (.*\n)+.* end of stream\n$", "^$", "", 40001, kEthernet},
+        {mixed, "1, 127.0.0.1:40000 (.*\n)+.* end of stream\n$", "^$", "", 40000, kSll},
+        {mixed, "1, \\[::1\\]:40001 (.*\n)+.* end of stream\n$", "^$", "--full", 40001, kSll2},
+        {whole, "^$", "no channel's stream in", "--filter 'port 1'"},
+        {whole, "^$", "cannot use the filter", "--filter 'prot 1'"},
+        {whole, "^$", "kind of link", "", 40000, 105},
+        {{{0, kSyn}, {1, kPush, "GET / HTTP/1.1"}}, "^$", "capture the port"},
+        {{{0, kSyn}, {1, kPush, tls_pieces({}, TLS1_3_VERSION, keys).front().second}},
+         "^$",
+         "1 connections? in TLS.*\n.*no channel's stream.*tshark"},
+        {{whole[0], whole[1], {70, kPush, "what?", true}, whole[2]}, "answer +the receiver sent 5 bytes", "^$"},
+        {{whole[0], whole[1], {111, kPush, "later"}},
+         "end +10 bytes are lacking in the capture, in a frame",
+         "not whole"},
+        {{whole[0], {1, kPush, stream_.substr(0, 100), false, 80}, whole[2]},
+         "lacking .*, which cut packets off",
+         "not whole"},
+        {{{500, kPush, "the end of a message"}, {520, kPush, message("Q", "whole")}},
+         "middle on, 20 bytes skipped\n +0  message.*\n(.*\n)+.* end of the capture\n",
+         "^$"},
+        {{whole[0], whole[1], {0, kReset, "", true}}, "reset by the receiver in a frame header", "not whole"},
+        {{whole[0], {1, kPush, stream_}, {7000, kSyn}, {7001, kFin, stream_}}, // the port again
+         "a new connection of the same ports\nconnection 2, (.*\n)+.* end of stream\n$",
+         "^$"},
+    };
+    for (const auto& row : rows) {
+        {
+            CaptureWriter capture(path() / "capture", row.link);
+            for (const MadeSegment& segment : row.segments) {
+                capture.add(row.port, segment);
+            }
+        }
+        const ProgramResult result = run("dissect capture " + row.options);
+        EXPECT_THAT(result.out, ContainsRegex(row.shown));
+        EXPECT_THAT(result.err, ContainsRegex(row.error));
+        EXPECT_EQ(result.code, std::string(row.error) == "^$" ? 0 : 1) << result.err;
+    }
+}
+
+TEST_F(Capture, FilesOfEitherFormAreReadFromAPipeTooAndDamagedOnesRefused) {
+    CaptureWriter(path() / "capture").connection(40000, plain_pieces(stream_, 100));
+    const std::string wanted = done("dissect capture");
+    ASSERT_EQ(start("exec editcap -F pcapng capture capture.ng").result(), 0) << text("background.err");
+    EXPECT_EQ(done("dissect capture.ng"), wanted);
+    EXPECT_EQ(done("dissect -", text("capture.ng")), wanted);
+    const ProgramResult cut = run("dissect -", text("capture").substr(0, 1000));
+    EXPECT_THAT(cut.out, HasSubstr("bind         channel C"));
+    EXPECT_THAT(cut.err, HasSubstr("standard input is cut or damaged"));
+    EXPECT_THAT(run("dissect -", "\xd4 is no capture").err, HasSubstr("cannot read the capture"));
+    EXPECT_THAT(run("dissect - --filter tcp", stream_).err, HasSubstr("leave --filter out"));
+}
+
+} // namespace
+} // namespace kvr::test
