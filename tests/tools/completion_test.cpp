@@ -37,7 +37,7 @@ const std::vector<std::pair<std::string, std::string>> kCases = {
     {"kvr -m EA", "kvr -m EAST"},
     {"kvr put TO", "kvr put TO.WEST"},
     {"kvr run EA", "kvr run EAST.WEST"},
-    {"kvr set channel EAST.WEST XM", "kvr set channel EAST.WEST XMITQ="},
+    {"kvr set channel EAST.WEST XM", "kvr set channel EAST.WEST XMITQ="}, // a word that goes on
     {"kvr set channel EAST.WEST XMITQ=TO", "kvr set channel EAST.WEST XMITQ=TO.WEST"},
     {"kvr put Q --dest=TO", "kvr put Q --dest=TO.WEST"},
     {"kvr put Q --dest X@EA", "kvr put Q --dest X@EAST"},
@@ -47,6 +47,11 @@ const std::vector<std::pair<std::string, std::string>> kCases = {
     {"kvr --home 'other home' put TH", "kvr --home 'other home' put THERE"},
     {"kvr --home nowhere put TO", "kvr --home nowhere put TO"},
 };
+
+/// A word that is complete has a blank after it.
+std::string inserted(const std::string& typed, const std::string& becomes) {
+    return becomes + (becomes == typed || becomes.ends_with('=') || becomes.ends_with('/') ? "" : " ");
+}
 
 /// A shell on a terminal of its own, whose start file binds Ctrl-G to showing and emptying the line.
 class Terminal {
@@ -76,8 +81,7 @@ class Terminal {
     std::string complete(const std::string& typed) {
         const std::string keys = typed + "\t\a";
         EXPECT_EQ(::write(fd_, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
-        std::string line = after("<<", ">>");
-        return line.substr(0, line.find_last_not_of(' ') + 1);
+        return after("<<", ">>");
     }
 
   private:
@@ -116,7 +120,7 @@ TEST_F(Completion, Bash) {
         bind 'set enable-bracketed-paste off')");
     Terminal bash(path(), {"bash", "--noprofile", "--rcfile", start.c_str(), "-i"});
     for (const auto& [typed, becomes] : kCases) {
-        EXPECT_EQ(bash.complete(typed), becomes);
+        EXPECT_EQ(bash.complete(typed), inserted(typed, becomes));
     }
 }
 
@@ -128,7 +132,7 @@ TEST_F(Completion, Zsh) {
         zle -N show && bindkey '^G' show)");
     Terminal zsh(path(), {"zsh", "-d", "-i"});
     for (const auto& [typed, becomes] : kCases) {
-        EXPECT_EQ(zsh.complete(typed), becomes);
+        EXPECT_EQ(zsh.complete(typed), inserted(typed, becomes));
     }
 }
 
