@@ -12,6 +12,7 @@ kBuildPackages=(
     libgtest-dev libgmock-dev libbenchmark-dev openssl systemd logrotate
 )
 kTestPackages=(groff-base mandoc bash-completion zsh fish tshark)
+kPackagePackages=(dpkg-dev file lintian)
 kCheckPackages=(clang-format-14 clang-tidy-14)
 kSourceFolders=(include src host tools tests bench fuzz)
 

@@ -15,14 +15,13 @@ namespace {
 
 constexpr const char* kDefaultEngine = "lmdb";
 
-/// The folder of this library, empty when the loader does not tell: an engine of any other place is none.
-fs::path own_folder() {
+} // namespace
+
+fs::path library_folder() {
     Dl_info info{};
-    const auto* const here = reinterpret_cast<const void*>(&own_folder); // NOLINT: the loader asks for an address
+    const auto* const here = static_cast<const void*>(kDefaultEngine);
     return ::dladdr(here, &info) != 0 ? fs::path(info.dli_fname).parent_path() : fs::path();
 }
-
-} // namespace
 
 bool is_engine_name(const std::string& name) {
     constexpr std::size_t kMaxName = 32;
@@ -35,7 +34,7 @@ const StoreEngine& load_engine(const std::string& name) {
         throw Error(Errc::kInvalid, "the name of a store's engine takes up to 32 small letters and digits");
     }
     const std::string used = name.empty() ? kDefaultEngine : name;
-    const fs::path folder = own_folder();
+    const fs::path folder = library_folder();
     const fs::path file = folder / ("libkavro_store_" + used + ".so");
     // It stays for as long as the process: a store of it may.
     void* const library = folder.empty() ? nullptr : ::dlopen(file.c_str(), RTLD_NOW);

@@ -31,6 +31,9 @@ struct StoreEngine {
     std::shared_ptr<Store> (*open)(const std::filesystem::path& dir);
 };
 
+/// The folder of this library, in which the engines and the channel plug-in lie too: those of any other place may be of
+/// another version. Empty when the loader does not tell.
+KVR_EXPORT std::filesystem::path library_folder();
 /// Whether it can name an engine: it becomes a part of a file's name. The empty one stands for the embedded engine.
 bool is_engine_name(const std::string& name);
 /// The engine of that name. Throws kInvalid, kVersion when there is none or one of another version, kIo when it cannot

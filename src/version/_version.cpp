@@ -3,7 +3,8 @@
 
 namespace {
 
-char f_sKAVROVerInfo[256] = "^__VERSION_ID__^=Version[KAVRO_v1.1.7_release] Id[$Rev: 152 $] Build[Apr 15 2014]";
+char f_sKAVROVerInfo[256] =
+    "^__VERSION_ID__^=Version[KAVRO_v" KVR_VERSION "_release] Id[$Rev: 152 $] Build[Apr 15 2014]";
 
 }
 

@@ -18,6 +18,7 @@
 #include "output.h"
 #include "receiver/key_log.h"
 #include "session.h"
+#include "store/engine.h"
 #include "store/permissions.h"
 
 namespace kvr {
@@ -57,8 +58,7 @@ fs::path plugin_file(const std::string& given) {
         }
         return file;
     }
-    const fs::path folder = fs::read_symlink("/proc/self/exe", error).parent_path();
-    fs::path file = (folder / ".." / "lib" / kPluginFile).lexically_normal();
+    fs::path file = library_folder() / kPluginFile;
     if (!fs::is_regular_file(file, error)) {
         throw Error(Errc::kNotFound, fmt::format("the plug-in {} does not exist: build or install it, or name it with "
                                                  "--plugin FILE",
@@ -195,7 +195,7 @@ void add_run_command(CLI::App& app, GlobalOptions& global) {
     command->add_option("--log-level", options->log_level, "1 failures to 5 every step [3]")
         ->check(CLI::Range(1, 5).description(""))
         ->type_name("1-5");
-    command->add_option("--plugin", options->plugin, "Channel plug-in (default: beside this program, in ../lib)")
+    command->add_option("--plugin", options->plugin, "Channel plug-in (default: the one installed with this program)")
         ->type_name("FILE");
     command
         ->add_option(

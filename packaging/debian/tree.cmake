@@ -1,0 +1,20 @@
+# SPDX-License-Identifier: MIT
+# Called by CPack between installing and packing: gives the tree of a Debian package the places and forms that Debian
+# wants. A tarball stays as it was installed.
+foreach(component_and_package "kvr;kvr" "channel;kvr-channel")
+  list(GET component_and_package 0 component)
+  list(GET component_and_package 1 package)
+  set(root ${CPACK_TEMPORARY_INSTALL_DIRECTORY}/${component})
+  set(doc ${root}/usr/share/doc/${package})
+  if(EXISTS ${root}/usr/etc)
+    file(RENAME ${root}/usr/etc ${root}/etc)
+  endif()
+  if(EXISTS ${root}/usr/lib/systemd)
+    file(MAKE_DIRECTORY ${root}/lib)
+    file(RENAME ${root}/usr/lib/systemd ${root}/lib/systemd)
+  endif()
+  file(RENAME ${doc}/LICENSE ${doc}/copyright)
+  file(RENAME ${doc}/CHANGELOG.md ${doc}/changelog)
+  configure_file(${CPACK_KVR_CHANGELOG} ${doc}/changelog.Debian COPYONLY)
+  execute_process(COMMAND gzip -9n ${doc}/changelog ${doc}/changelog.Debian COMMAND_ERROR_IS_FATAL ANY)
+endforeach()
