@@ -32,7 +32,7 @@ set(CPACK_DEBIAN_KVR_PACKAGE_NAME kvr)
 set(CPACK_DEBIAN_KVR_PACKAGE_DEPENDS adduser)
 set(CPACK_DEBIAN_KVR_PACKAGE_CONTROL_EXTRA
     ${CMAKE_CURRENT_LIST_DIR}/debian/postinst ${CMAKE_CURRENT_LIST_DIR}/debian/prerm
-    ${CMAKE_CURRENT_LIST_DIR}/debian/postrm)
+    ${CMAKE_CURRENT_LIST_DIR}/debian/postrm ${CMAKE_CURRENT_LIST_DIR}/debian/conffiles)
 set(CPACK_COMPONENT_KVR_DESCRIPTION
 "message channel between queue managers
 A queue manager keeps messages on queues; a channel moves them, with attached
