@@ -85,7 +85,7 @@ class LmdbStoreTest : public StoreTest {
     const fs::path queues_ = dir_ / "queues";
     const fs::path file_ = dir_ / "store" / "data.mdb";
 };
-KVR_OVER_EVERY_ENGINE(LmdbStoreTest);
+INSTANTIATE_TEST_SUITE_P(Engine, LmdbStoreTest, testing::Values("lmdb"));
 
 TEST_P(LmdbStoreTest, TheMarkOfAKilledDrainerIsBelievedOnlyWhereItIsTrue) {
     put_all({"1", "2", "3"});
