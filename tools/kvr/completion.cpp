@@ -48,9 +48,9 @@ std::string value_name(const CLI::Option& option) {
 }
 
 /// The line up to the word in question: the command, and what is expected next.
-class Line {
+class CommandLine {
   public:
-    Line(const CLI::App& app, GlobalOptions& global) : command_(&app), global_(global) {}
+    CommandLine(const CLI::App& app, GlobalOptions& global) : command_(&app), global_(global) {}
 
     void take(const std::string& word) {
         if (awaiting_ != nullptr) {
@@ -180,7 +180,7 @@ std::vector<Candidate> names(const std::string& kind, const GlobalOptions& globa
 
 class Completer {
   public:
-    Completer(const Line& line, const GlobalOptions& global, std::string word)
+    Completer(const CommandLine& line, const GlobalOptions& global, std::string word)
         : line_(line), global_(global), word_(std::move(word)) {}
 
     Completion result() {
@@ -267,7 +267,7 @@ class Completer {
         }
     }
 
-    const Line& line_;
+    const CommandLine& line_;
     const GlobalOptions& global_;
     std::string word_;
     Completion result_;
@@ -277,7 +277,7 @@ class Completer {
 
 Completion complete(const CLI::App& app, GlobalOptions global, std::vector<std::string> words) {
     std::transform(words.begin(), words.end(), words.begin(), unquoted);
-    Line line(app, global);
+    CommandLine line(app, global);
     for (std::size_t at = 1; at + 1 < words.size(); ++at) {
         line.take(words[at]);
     }
