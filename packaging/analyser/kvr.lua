@@ -144,10 +144,11 @@ end
 
 function Unit:read_header()
     local begin = self:raw(0, math.min(self.have, #kHeaderBegin))
-    if begin ~= kHeaderBegin:sub(1, #begin) then
-        if begin:sub(1, kDigits) ~= kHeaderBegin:sub(1, math.min(#begin, kDigits)) then
-            return self:fail(0, kDigits, ("header length '%s' instead of '00000075'"):format(escaped(begin:sub(1, kDigits))))
-        end
+    local may_go_on = #begin < #kHeaderBegin and begin:sub(1, 1) == "0" -- enough to wait for the rest
+    if begin:sub(1, kDigits) ~= kHeaderBegin:sub(1, kDigits) and not may_go_on then
+        return self:fail(0, kDigits, ("header length '%s' instead of '00000075'"):format(escaped(begin:sub(1, kDigits))))
+    end
+    if begin:sub(9) ~= kHeaderBegin:sub(9) and not may_go_on then
         return self:fail(8, 2, ("version '%s' instead of '01'"):format(escaped(begin:sub(9))))
     end
     if not self:has(kHeaderSize) then return false end

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 // A line between the real programs: the key logs of both ends, and, where KVR_CAPTURE is set because this system lets
 // us capture, the frames that the analyser finds in it.
+#include <iterator>
+
 #include "support/peer.h"
 #include "tools/kvr_program.h"
 
@@ -12,23 +14,19 @@ class RealLine : public ProgramTest, public testing::WithParamInterface<Carrier>
     [[nodiscard]] bool has(const std::string& name, const std::string& wanted) const {
         return wait_until([&] { return text(name).find(wanted) != std::string::npos; });
     }
-    /// Of the captured messages for the queue T, the values of a field.
-    [[nodiscard]] std::string captured(const std::string& name, const std::string& keys) const {
+    /// Of the captured messages for the queue T.
+    [[nodiscard]] std::string captured_types(const std::string& keys) const {
         const std::string line =
             "exec tshark -X lua_script:" KVR_LUA " -o kvr.ports:1-65535 -o tls.keylog_file:" + keys +
-            R"( -r capture -T fields -Y 'kvr.sDestQue == "T" && kvr.channel == "C"' -e )" + name;
+            R"( -r capture -T fields -Y 'kvr.sDestQue == "T" && kvr.channel == "C"' -e kvr.sMsgType)";
         (void)start(line, "tshark").result();
         std::string values = text("tshark.out");
         std::ranges::replace(values, '\n', ',');
         return values;
     }
-    std::set<std::string> lines(const std::string& name) const {
+    std::set<std::string> words(const std::string& name) const {
         std::istringstream all(text(name));
-        std::set<std::string> found;
-        for (std::string line; std::getline(all, line);) {
-            found.insert(line);
-        }
-        return found;
+        return {std::istream_iterator<std::string>(all), {}};
     }
 };
 INSTANTIATE_TEST_SUITE_P(Carriers, RealLine, testing::Values(Carrier::kPlain, Carrier::kTls12, Carrier::kTls13),
@@ -66,8 +64,7 @@ TEST_P(RealLine, KeysAreWrittenWhereAskedForAndOpenTheLine) {
     EXPECT_TRUE(wait_until([&] { return shown("-m WEST show queue T")[0]["depth"] == 3; }));
     if (capture) {
         const std::string keys = asked ? "worker.keys" : "listener.keys";
-        EXPECT_TRUE(wait_until([&] { return captured("kvr.sMsgType", keys) == "0,0,4,"; })) << text("tshark.out");
-        EXPECT_THAT(captured("kvr.file_name", keys), AllOf(HasSubstr("list.csv"), HasSubstr("data.csv")));
+        EXPECT_TRUE(wait_until([&] { return captured_types(keys) == "0,0,4,"; })) << text("tshark.out");
     }
     EXPECT_EQ(worker.result_under(SIGTERM), 0);
     EXPECT_EQ(listener.result_under(SIGTERM), 0);
@@ -76,17 +73,13 @@ TEST_P(RealLine, KeysAreWrittenWhereAskedForAndOpenTheLine) {
     EXPECT_EQ(text("listener.err").find(warning) != std::string::npos, tls);
     EXPECT_EQ(text("worker.err").find("WARNING: " + warning) != std::string::npos, asked);
     EXPECT_EQ(text("log").find(warning) != std::string::npos, asked);
-    EXPECT_EQ(lines("listener.keys").empty(), !tls);
+    EXPECT_EQ(words("listener.keys").empty(), !tls);
     if (asked) {
-        EXPECT_EQ(lines("worker.keys"), lines("listener.keys"));
+        EXPECT_EQ(words("worker.keys"), words("listener.keys"));
         file("open", "");
         std::filesystem::create_symlink("worker.keys", path() / "link");
         for (const std::string bad : {"open", "link"}) {
             EXPECT_THAT(run("-m EAST run C --key-log " + bad).err, ContainsRegex("key log .*(alone|link)"));
-            EXPECT_THAT(run("listen --discard --tls --port 0 --cert " + pem.server.cert_file + " --key " +
-                            pem.server.key_file + " --key-log " + bad)
-                            .err,
-                        ContainsRegex("key log .*(alone|link)"));
         }
     } else if (!tls) {
         EXPECT_THAT(run("-m EAST run C --key-log k").err, HasSubstr("without TLS"));
