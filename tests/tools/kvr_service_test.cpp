@@ -3,38 +3,29 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include "kavutil/unique_fd.h"
 #include "kvr_program.h"
-#include "support/folder.h"
 #include "support/peer.h"
 
 namespace kvr::test {
 namespace {
 
 /// The socket of a service manager, "@..." for one that is no file.
-class ServiceManager {
-  public:
-    explicit ServiceManager(const std::string& name) {
-        sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-        name.copy(address.sun_path, sizeof address.sun_path - 1);
-        address.sun_path[0] = name[0] == '@' ? '\0' : name[0];
-        const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
-        const timeval longest{kDeadlineSeconds, 0};
-        EXPECT_EQ(::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &longest, sizeof longest), 0);
-        EXPECT_EQ(::bind(fd_, reinterpret_cast<const sockaddr*>(&address), length), 0);
-    }
-    ServiceManager(const ServiceManager&) = delete;
-    ServiceManager& operator=(const ServiceManager&) = delete;
-    ~ServiceManager() { ::close(fd_); }
-    /// The next datagram.
-    [[nodiscard]] std::string told() const {
-        char text[1000];
-        const ssize_t length = ::recv(fd_, text, sizeof text, 0);
-        return {text, static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
-    }
+UniqueFd manager_at(const std::string& name) {
+    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+    name.copy(address.sun_path, sizeof address.sun_path - 1);
+    address.sun_path[0] = name[0] == '@' ? '\0' : name[0];
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+    UniqueFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    EXPECT_EQ(::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), length), 0);
+    return fd;
+}
 
-  private:
-    int fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-};
+/// The next datagram; hangs here if there is none.
+std::string told(const UniqueFd& manager) {
+    char text[1000];
+    return {text, static_cast<std::size_t>(::recv(manager.get(), text, sizeof text, 0))};
+}
 
 class KvrService : public ProgramTest {
   protected:
@@ -48,25 +39,25 @@ class KvrService : public ProgramTest {
 
 TEST_F(KvrService, TheServiceManagerIsToldWhenItIsReadyAndItsState) {
     const std::string name = "@" + path().native();
-    const ServiceManager of_listener(name);
+    const UniqueFd of_listener = manager_at(name);
     const Child listener =
         start("NOTIFY_SOCKET=" + name + " exec $KVR listen --address 127.0.0.1 --port 0 --port-file port");
-    const std::string listens = of_listener.told();
+    const std::string listens = told(of_listener);
     const std::string port = text("port").substr(0, text("port").size() - 1);
     EXPECT_EQ(listens, "READY=1\nSTATUS=listens on 127.0.0.1 port " + port + ", plain");
 
     done("define channel C XMITQ=Q CONNAME='127.0.0.1(" + port + ")'");
-    const ServiceManager of_worker(path() / "socket");
+    const UniqueFd of_worker = manager_at(path() / "socket");
     const std::string command = "NOTIFY_SOCKET=$PWD/socket exec $KVR run EAST:C";
     Child worker = start(command);
-    EXPECT_EQ(of_worker.told(), "READY=1");
-    EXPECT_EQ(of_worker.told(), "STATUS=RETRYING, tries 127.0.0.1(" + port + ")");
-    EXPECT_EQ(of_worker.told(), "STATUS=BINDING");
-    EXPECT_EQ(of_worker.told(), "STATUS=RUNING, sends to 127.0.0.1:" + port);
+    for (const std::string& next : {std::string("READY=1"), "STATUS=RETRYING, tries 127.0.0.1(" + port + ")",
+                                    std::string("STATUS=BINDING"), "STATUS=RUNING, sends to 127.0.0.1:" + port}) {
+        EXPECT_EQ(told(of_worker), next);
+    }
     EXPECT_EQ(start(command).result(), 6) << "a second one, never ready";
     kill(worker.pid(), SIGTERM);
     EXPECT_EQ(worker.result(), 0);
-    EXPECT_EQ(of_worker.told(), "STATUS=STOPED");
+    EXPECT_EQ(told(of_worker), "STATUS=STOPED");
 }
 
 TEST_F(KvrService, LinesOfTheJournalBeginWithTheirPriority) {
