@@ -11,12 +11,16 @@ using nlohmann::ordered_json;
 /// Of one frame: the fields by name, each with its values in order.
 using Frame = std::map<std::string, std::vector<std::string>>;
 
-/// The analyser's names of what kvr dissect shows of a message, in its order.
-constexpr const char* kNames[] = {
+/// The analyser's names of what kvr dissect shows of each kind of frame, in its order.
+const std::vector<std::string> kOfMessages = {
     "sDestQue",     "sIPCMsgType", "sIPCMsgCode", "cMsgStoreType", "sMsgId",    "sCorrelId",       "sGroupId",
     "iUsage",       "iMsgFlags",   "iExpiry",     "iFeedback",     "iEncoding", "iCodedCharSetId", "iPriority",
     "iPersistence", "iMsgSeqNo",   "iReportOpt",  "sFmtName",      "sReplyToQ", "sReplyToQMgr",    "iPutApplType",
     "sPutApplName", "sPutDate",    "sPutTime",    "body_length",   "attachment"};
+const std::map<std::string, std::vector<std::string>> kNames = {
+    {"bind", {"channel"}}, {"heartbeat", {}}, {"message", kOfMessages}, {"file message", kOfMessages}};
+const std::map<std::string, const char*> kTypes = {
+    {"bind", "1"}, {"heartbeat", "2"}, {"message", "0"}, {"file message", "4"}};
 
 std::string text_of(const ordered_json& value) {
     return value.is_string() ? value.get<std::string>() : value.dump();
@@ -56,7 +60,7 @@ class Analyser : public ProgramTest, public testing::WithParamInterface<Carrier>
     /// Each connection's frames as the analyser shows them.
     [[nodiscard]] std::map<int, std::vector<Frame>> analysed(const std::string& options) const {
         const std::string line =
-            "exec tshark -X lua_script:" KVR_LUA " -T json --no-duplicate-keys -J 'kvr tcp' -Y kvr ";
+            "HOME=. exec tshark -X lua_script:" KVR_LUA " -T json --no-duplicate-keys -J 'kvr tcp' -Y kvr ";
         EXPECT_EQ(start(line + options, "tshark").result(), 0) << text("tshark.err");
         std::map<int, std::vector<Frame>> connections;
         for (const json& packet : json::parse(text("tshark.out"))) {
@@ -107,23 +111,19 @@ TEST_P(Analyser, ShowsEachFieldAndEachFaultAsKvrDissectDoes) {
         const std::string kind = fields["frame"];
         const int connection = fields["connection"];
         std::vector<Frame>& frames = wanted[connection];
-        if (kind == "bind") {
-            frames.push_back({{"kvr.sMsgType", {"1"}}, {"kvr.channel", {fields["channel"]}}});
-        } else if (kind == "heartbeat") {
-            frames.push_back({{"kvr.sMsgType", {"2"}}});
-        } else if (kind == "file") {
+        if (kind == "file") {
             frames.back()["kvr.file_length"].push_back(text_of(fields["length"]));
-        } else if (kind != "end" && kind != "connection") {
-            frames.push_back({{"kvr.sMsgType", {kind == "message" ? "0" : "4"}}});
-            auto value = std::next(fields.begin(), 3); // after connection, offset and frame
-            for (const char* const name : kNames) {
-                Frame one;
-                collect({{name, *value++}}, one);
-                frames.back()[std::string("kvr.") + name] = one[name];
-            }
         } else if (kind == "end") {
             ++ended;
             compare(frames, shown[connection], fields["whole"], fields["text"]);
+        } else if (kind != "connection") {
+            frames.push_back({{"kvr.sMsgType", {kTypes.at(kind)}}});
+            auto value = std::next(fields.begin(), 3); // after connection, offset and frame
+            for (auto name = kNames.at(kind).begin(); name != kNames.at(kind).end(); ++name, ++value) {
+                Frame one;
+                collect({{*name, *value}}, one);
+                frames.back()["kvr." + *name] = one[*name];
+            }
         }
     }
     EXPECT_EQ(ended, streams.size());
