@@ -13,7 +13,7 @@ local kHeaderSize, kBlockSize, kEntrySize, kTrailerSize, kDigits = 75, 272, 80, 
 local kHeaderBegin = "0000007501"
 local kPackageMax, kBodyMax, kNameMax, kPathMax, kChannelMax, kFilesMax = 2116322, 2098304, 511, 1023, 63, 30
 local kWithAttachments = 4
-local kUnitMax = 64 * 1024 * 1024 -- a message with more bytes of files is not put together: memory
+local kUnitMax = 128 * 1024 * 1024 -- a message with more bytes of files is not put together: memory
 local kTypes = { ["0"] = "message", ["1"] = "bind", ["2"] = "heartbeat", ["4"] = "file message" }
 local kPackageBounds = {
     ["0"] = { kBlockSize, kPackageMax }, ["1"] = { 1, kChannelMax }, ["2"] = { 0, 0 }, ["4"] = { kBlockSize, kPackageMax },
@@ -76,9 +76,10 @@ local fin, reset = Field.new("tcp.flags.fin"), Field.new("tcp.flags.reset")
 local binds = {} -- by TCP stream: the bind frame's channel, and which unit it was
 local unfinished = {} -- by TCP stream: what it stands in, in the first pass over the packets
 local cuts = {} -- by packet: what the connection ended in
+local titled -- the packet that has titles already: the end of a unit comes in one piece, what is behind it in another
 
 function kvr.init()
-    binds, unfinished, cuts = {}, {}, {}
+    binds, unfinished, cuts, titled = {}, {}, {}, nil
 end
 
 -- ---- values
@@ -323,7 +324,13 @@ function Unit:show_files(tree)
     end
 end
 
+-- Bytes of which nothing says that a frame should begin with them.
+function Unit:is_outside()
+    return self.error and self.at == 0 and not self.type
+end
+
 function Unit:title()
+    if self:is_outside() then return "no frame begins here" end
     if not self.type or not kTypes[self.type] then return "malformed" end
     local title = kTypes[self.type]
     if self.channel then title = title .. " " .. self.channel end
@@ -349,8 +356,10 @@ function Unit:show(root, length)
         self:show_files(tree)
     end
     if self.error then
-        local wrong = tree:add(self:range(self.error.from, self.error.count), "Malformed: " .. self.error.reason)
-        wrong:add_proto_expert_info(malformed, self.error.reason)
+        -- At the beginning of what came it need not be damage: what is before it may be missing.
+        local reason = self:is_outside() and "no frame begins here: " .. self.error.reason or self.error.reason
+        tree:add(self:range(self.error.from, self.error.count), reason)
+            :add_proto_expert_info(self:is_outside() and continued or malformed, reason)
     end
     return tree
 end
@@ -384,8 +393,9 @@ end
 
 local function show_titles(pinfo, titles)
     if #titles > 0 then
-        pinfo.cols.info = table.concat(titles, "; ")
+        pinfo.cols.info = (titled == pinfo.number and "; " or "") .. table.concat(titles, "; ")
         pinfo.cols.info:fence()
+        titled = pinfo.number
     end
 end
 
@@ -420,9 +430,6 @@ local function dissect(tvb, pinfo, root, may_ask)
         if unit.need then
             tree:add_proto_expert_info(partial, too_large and "more bytes of files than are put together"
                 or ("%d bytes of it are not here"):format(unit.need))
-        elseif unit.error and at == 0 and not unit.type then
-            tree:add_proto_expert_info(continued, "no frame begins here: bytes before were missed, the stream is out of "
-                .. "step, or the receiver speaks")
         end
         if kTypes[unit.type] then relate_to_bind(unit, tree, pinfo) end
         at = at + length
