@@ -35,7 +35,7 @@ Child frozen_writer(const fs::path& qmgr) {
     Child child = Child::fork_off([&] {
         struct flock turn {};
         turn.l_type = F_WRLCK;
-        turn.l_len = 1;
+        turn.l_len = 2; // nobody is the next one either, which others would wait for as well
         const int fd = ::open((qmgr / "store" / "write.lock").c_str(), O_RDWR | O_CLOEXEC);
         return ::fcntl(fd, F_SETLKW, &turn) == 0 ? ::raise(SIGSTOP) : 1;
     });

@@ -6,7 +6,6 @@
 #include <functional>
 #include <latch>
 #include <memory>
-#include <ostream>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -27,11 +26,7 @@ inline constexpr int kDeadlineSeconds = 20;
 [[nodiscard]] bool wait_until(const std::function<bool()>& condition, int seconds = kDeadlineSeconds);
 
 enum class Carrier { kPlain, kTls12, kTls13 };
-const char* carrier_name(Carrier carrier);
-/// In the names of tests.
-inline void PrintTo(Carrier carrier, std::ostream* out) {
-    *out << carrier_name(carrier);
-}
+const char* carrier_name(Carrier carrier); ///< in the names of tests
 
 struct PeerOptions {
     Carrier carrier = Carrier::kPlain;

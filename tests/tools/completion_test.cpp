@@ -7,7 +7,9 @@
 #include <poll.h>
 #include <pty.h>
 
+#include "kavutil/unique_fd.h"
 #include "kvr_program.h"
+#include "support/peer.h"
 
 namespace kvr::test {
 namespace {
@@ -24,9 +26,7 @@ class Completion : public ProgramTest {
         ::setenv("PATH", (KVR_BIN ":" + std::string(std::getenv("PATH"))).c_str(), 1);
         ::setenv("XDG_DATA_DIRS", KVR_COMPLETION_SHARE ":/usr/share", 1);
         ::setenv("HOME", path().c_str(), 1);
-        ::setenv("KVR_HOME", path().c_str(), 1);
         ::setenv("TERM", "dumb", 1);
-        ::unsetenv("KVR_QMGR");
     }
 };
 
@@ -53,75 +53,40 @@ std::string inserted(const std::string& typed, const std::string& becomes) {
     return becomes + (becomes == typed || becomes.ends_with('=') || becomes.ends_with('/') ? "" : " ");
 }
 
-/// A shell on a terminal of its own, whose start file binds Ctrl-G to showing and emptying the line.
-class Terminal {
-  public:
-    Terminal(const std::filesystem::path& folder, const std::vector<const char*>& command)
-        : pid_(::forkpty(&fd_, nullptr, nullptr, nullptr)) {
-        if (pid_ == 0) {
-            std::filesystem::current_path(folder);
-            std::vector<char*> words;
-            for (const char* word : command) {
-                words.push_back(const_cast<char*>(word));
-            }
-            words.push_back(nullptr);
-            ::execvp(words[0], words.data());
-            ::_exit(1);
-        }
-        (void)after("ready", ">");
+/// Types all cases in a shell on a terminal of its own, whose start file binds Ctrl-G to showing and emptying the line.
+void expect_completed(const std::string& folder, const std::string& shell) {
+    int terminal = -1;
+    const pid_t pid = ::forkpty(&terminal, nullptr, nullptr, nullptr);
+    if (pid == 0) {
+        ::_exit(::execl("/bin/sh", "sh", "-c", ("cd " + folder + " && exec " + shell).c_str(), nullptr));
     }
-    ~Terminal() {
-        ::kill(pid_, SIGKILL);
-        ::waitpid(pid_, nullptr, 0);
-        ::close(fd_);
-    }
-    Terminal(const Terminal&) = delete;
-    Terminal& operator=(const Terminal&) = delete;
-
-    std::string complete(const std::string& typed) {
-        const std::string keys = typed + "\t\a";
-        EXPECT_EQ(::write(fd_, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
-        return after("<<", ">>");
-    }
-
-  private:
-    /// What stands between these two in the output.
-    std::string after(const std::string& begin, const std::string& end) {
-        constexpr int kPatience = 60'000;
-        for (;;) {
-            const std::size_t from = seen_.find(begin);
-            const std::size_t to = from == std::string::npos ? from : seen_.find(end, from + begin.size());
-            if (to != std::string::npos) {
-                const std::string text = seen_.substr(from + begin.size(), to - from - begin.size());
-                seen_.erase(0, to + end.size());
-                return text;
-            }
-            pollfd wait{fd_, POLLIN, 0};
+    const Child child(pid);
+    const UniqueFd fd(terminal);
+    std::string seen;
+    const auto shows = [&](const std::string& text) {
+        return wait_until([&] {
+            pollfd wait{fd.get(), POLLIN, 0};
             char bytes[4096];
-            const ssize_t count = ::poll(&wait, 1, kPatience) == 1 ? ::read(fd_, bytes, sizeof bytes) : -1;
-            if (count <= 0) {
-                ADD_FAILURE() << "the shell said no more than " << seen_;
-                return {};
-            }
-            seen_.append(bytes, static_cast<std::size_t>(count));
-        }
+            const ssize_t count = ::poll(&wait, 1, 100) == 1 ? ::read(fd.get(), bytes, sizeof bytes) : 0;
+            seen.append(bytes, static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+            return seen.find(text) != std::string::npos;
+        });
+    };
+    ASSERT_TRUE(shows("ready>")) << seen;
+    for (const auto& [typed, becomes] : kCases) {
+        const std::string keys = typed + "\t\a";
+        EXPECT_EQ(::write(fd.get(), keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+        ASSERT_TRUE(shows("<<" + inserted(typed, becomes) + ">>")) << seen;
     }
-
-    int fd_ = -1;
-    pid_t pid_;
-    std::string seen_;
-};
+}
 
 TEST_F(Completion, Bash) {
-    const std::string start = file("start", R"(PS1='ready>'
+    expect_completed(path(), "bash --noprofile --rcfile " + file("start", R"(PS1='ready>'
         . /usr/share/bash-completion/bash_completion
         show() { printf '<<%s>>' "$READLINE_LINE"; READLINE_LINE= READLINE_POINT=0; }
         bind -x '"\C-g": show'
-        bind 'set enable-bracketed-paste off')");
-    Terminal bash(path(), {"bash", "--noprofile", "--rcfile", start.c_str(), "-i"});
-    for (const auto& [typed, becomes] : kCases) {
-        EXPECT_EQ(bash.complete(typed), inserted(typed, becomes));
-    }
+        bind 'set enable-bracketed-paste off')") +
+                                 " -i");
 }
 
 TEST_F(Completion, Zsh) {
@@ -130,14 +95,10 @@ TEST_F(Completion, Zsh) {
         autoload -Uz compinit && compinit -u -D
         show() { print -rn -- "<<$BUFFER>>"; BUFFER= }
         zle -N show && bindkey '^G' show)");
-    Terminal zsh(path(), {"zsh", "-d", "-i"});
-    for (const auto& [typed, becomes] : kCases) {
-        EXPECT_EQ(zsh.complete(typed), inserted(typed, becomes));
-    }
+    expect_completed(path(), "zsh -d -i");
 }
 
 TEST_F(Completion, Fish) {
-    file("in", "");
     std::string script;
     std::string wanted;
     for (const auto& [typed, becomes] : kCases) {

@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: MIT
 // Writes a manual page for kvr and for each of its commands: kvr_manual PARTS-FOLDER OUTPUT-FOLDER DATE. The pages of
-// commands that are no more vanish from the output folder; parts of such commands are an error.
+// commands that are no more vanish from the output folder; parts of such commands are an error, and so are references
+// to pages that are not there, in any page of the folders beside it.
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <regex>
 #include <set>
 #include <stdexcept>
 
@@ -50,6 +53,22 @@ class Manual {
         }
     }
 
+    /// "kvr-put(1)", in whatever type.
+    void refuse_dead_references() const {
+        static const std::regex kReference(R"(\b(kvr(?:[a-z]|\\?-)*)(?:\\fR| )\(([157])\))");
+        for (const auto& entry : fs::recursive_directory_iterator(out_.parent_path())) {
+            std::ifstream file(entry.is_regular_file() ? entry.path() : "/dev/null");
+            const std::string text((std::istreambuf_iterator<char>(file)), {});
+            for (std::sregex_iterator found(text.begin(), text.end(), kReference), end; found != end; ++found) {
+                const std::string section = (*found)[2];
+                const std::string page = std::regex_replace((*found)[1].str(), std::regex("\\\\"), "") + "." + section;
+                if (!fs::exists(out_.parent_path() / ("man" + section) / page)) {
+                    throw std::runtime_error(entry.path().native() + " refers to " + page + ", which is not there");
+                }
+            }
+        }
+    }
+
   private:
     fs::path parts_;
     fs::path out_;
@@ -74,6 +93,7 @@ int main(int argc, char** argv) {
         kvr::Manual manual(argv[1], argv[2], argv[3]);
         manual.write(app);
         manual.refuse_idle_parts();
+        manual.refuse_dead_references();
         return kvr::kExitDone;
     } catch (const std::exception& error) {
         (void)std::fprintf(stderr, "kvr_manual: %s\n", error.what());
