@@ -134,7 +134,7 @@ function Unit:ends_with_package()
 end
 
 function Unit:is_flagged()
-    return bit32.band(self.tvb(self.at + kHeaderSize + 72, 4):int(), kWithAttachments) ~= 0
+    return self.tvb(self.at + kHeaderSize + 72, 4):bitfield(29, 1) == 1 -- iMsgFlags: it has attached files
 end
 
 -- The first thing that is wrong stays.

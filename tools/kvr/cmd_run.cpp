@@ -119,7 +119,7 @@ void set_key_log(Store& store, const std::string& channel, const std::string& gi
     const fs::path file = fs::absolute(given);
     static_cast<void>(open_key_log(file));
     ::setenv(KVR_KEY_LOG_ENV, file.c_str(), 1);
-    remark(key_log_warning(file));
+    complain(key_log_warning(file));
 }
 
 bool stop_is_held_back() {

@@ -9,6 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "kavutil/service.h"
+
 namespace kvr {
 
 namespace {
@@ -23,9 +25,10 @@ bool takes_a_line() {
     return ::poll(&entry, 1, 0) == 1 && (entry.revents & POLLOUT) != 0;
 }
 
-void write_line(std::string_view text) {
+void write_line(std::string_view text, bool warning = false) {
     constexpr std::size_t kLongest = 4096; // PIPE_BUF
-    std::string line = fmt::format("{} {}", time_text(), text);
+    std::string line = warning && journal_reads(STDERR_FILENO) ? "<4>" : "";
+    line += fmt::format("{} {}", time_text(), text);
     line.resize(std::min(line.size(), kLongest - 1));
     line += '\n';
     // Nobody is left to tell when the log itself cannot be written.
@@ -50,6 +53,14 @@ void listen_log(std::string_view text) {
     }
     if (takes_a_line()) {
         write_line(text);
+    } else {
+        ++g_dropped;
+    }
+}
+
+void listen_warning(std::string_view text) {
+    if (takes_a_line()) {
+        write_line(text, true);
     } else {
         ++g_dropped;
     }

@@ -19,6 +19,8 @@ namespace kvr {
 constexpr std::chrono::seconds kLogInterval{10};
 
 void listen_log(std::string_view text);
+/// As that, marked as a warning where the journal reads it.
+void listen_warning(std::string_view text);
 /// A line that a peer caused.
 /// @param cause  of a small set: what happened, as the count will name it; empty: always written
 /// @param peer   its address without the port

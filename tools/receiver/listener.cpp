@@ -105,11 +105,11 @@ Listener::Listener(const ListenerOptions& options)
                            options.store ? ", for queue manager " + options.store->qmgr() : ", dropping messages"));
     if (!options.address.starts_with("127.") && options.address != "::1" &&
         (!tls_ || options.tls.client_cert != ClientCert::kRequired)) {
-        listen_log("note: whoever reaches this port can put messages; --tls with --client-cert required lets in "
-                   "holders of a certificate only");
+        listen_warning("note: whoever reaches this port can put messages; --tls with --client-cert required lets in "
+                       "holders of a certificate only");
     }
     if (!options.tls.key_log.empty()) {
-        listen_log(key_log_warning(options.tls.key_log));
+        listen_warning(key_log_warning(options.tls.key_log));
     }
     if (options.on_listening) {
         options.on_listening(port);
