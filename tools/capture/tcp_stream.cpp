@@ -2,6 +2,12 @@
 #include "tcp_stream.h"
 
 namespace kvr {
+namespace {
+
+/// Of a piece that waits: its node and two blocks of the heap. Segments of single bytes cost little else.
+constexpr std::size_t kPieceCost = 128;
+
+} // namespace
 
 /// Numbers wrap around: the one that is nearest to where the stream stands is meant. A probe of the connection can lie
 /// before the beginning.
@@ -28,17 +34,24 @@ void TcpStream::add(std::uint32_t sequence, std::span<const char> bytes, const T
     use(at, bytes);
     while (!later_.empty() && later_.begin()->first <= taken_) {
         const auto next = later_.extract(later_.begin());
-        waiting_ -= next.mapped().size();
+        waiting_ -= kPieceCost + next.mapped().size();
         use(next.key(), next.mapped());
     }
 }
 
 void TcpStream::keep(std::int64_t at, std::span<const char> bytes) {
-    std::vector<char>& piece = later_[at];
+    const auto [place, is_new] = later_.try_emplace(at);
+    waiting_ += is_new ? kPieceCost : 0;
+    std::vector<char>& piece = place->second;
     if (bytes.size() > piece.size()) {
         waiting_ += bytes.size() - piece.size();
         piece.assign(bytes.begin(), bytes.end());
     }
+}
+
+void TcpStream::forget() {
+    later_.clear();
+    waiting_ = 0;
 }
 
 std::int64_t TcpStream::lacking() const {

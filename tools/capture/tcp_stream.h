@@ -30,8 +30,10 @@ class TcpStream {
     [[nodiscard]] bool ended() const { return end_ && taken_ >= *end_; }
     /// Bytes that are known to be missing where the stream stands, because later ones came; 0: none.
     [[nodiscard]] std::int64_t lacking() const;
-    /// Bytes that wait for those.
+    /// Memory of what waits for those, about: its bytes, and what each piece costs beside them.
     [[nodiscard]] std::size_t waiting() const { return waiting_; }
+    /// Lets go of what waits: nothing more of the stream is wanted.
+    void forget();
 
   private:
     [[nodiscard]] std::int64_t position(std::uint32_t sequence) const;
