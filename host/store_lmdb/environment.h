@@ -25,6 +25,9 @@
 
 namespace kvr {
 
+/// Bytes of the map that a reader takes in before it lets its pages go; the kernel maps more around them.
+constexpr std::uint64_t kReadBeforeDrop = 4ULL << 20;
+
 class Reader;
 
 class Environment {

@@ -12,9 +12,6 @@ namespace kvr {
 
 namespace {
 
-/// Bytes of the map that may stay in this process's memory before they are let go; the kernel maps more around them.
-constexpr std::uint64_t kReadBeforeDrop = 4ULL << 20;
-
 QueueRecord read_queue(Reader& reader, const std::string& queue) {
     const ReadScope scope(reader);
     return load_queue(reader.txn(), queue, reader.env());

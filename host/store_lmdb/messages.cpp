@@ -17,8 +17,6 @@ namespace kvr {
 
 namespace {
 
-/// Bytes that a browse reads before it lets go of the mapped pages.
-constexpr std::size_t kReadBeforeDrop = 4UL << 20;
 /// What a browse copies out in one transaction: so many messages, or the one that exceeds so many bytes.
 constexpr std::size_t kBrowseMessages = 512;
 constexpr std::size_t kBrowseBytes = 256UL << 10;

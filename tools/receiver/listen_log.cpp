@@ -73,8 +73,8 @@ void listen_log(std::string_view text, std::string_view cause, std::string_view 
 }
 
 std::chrono::steady_clock::time_point log_counts(bool all) {
-    using Clock = RepeatedLines::Clock;
-    const Clock::time_point now = all ? Clock::time_point::max() : Clock::now();
+    using SteadyClock = RepeatedLines::Clock;
+    const SteadyClock::time_point now = all ? SteadyClock::time_point::max() : SteadyClock::now();
     for (std::string line; g_repeated.end_interval(now, line);) {
         listen_log(line);
     }
