@@ -63,7 +63,7 @@ void log_line(int level, const std::string& text, int line = __builtin_LINE()) {
 /// what was diverted from standard error.
 void warn(const std::string& text) {
     if (!worker().log_file.empty()) {
-        std::fprintf(stderr, "%skvr: %s\n", journal_reads(STDERR_FILENO) ? "<3>" : "", text.c_str());
+        std::fprintf(stderr, "%skvr: %s\n", journal_mark(STDERR_FILENO, "<3>"), text.c_str());
     }
     log_line(kLevelFailure, text);
 }

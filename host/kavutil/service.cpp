@@ -59,4 +59,8 @@ bool journal_reads(int fd) {
            info.st_dev == device && info.st_ino == inode;
 }
 
+const char* journal_mark(int fd, const char* mark) {
+    return journal_reads(fd) ? mark : "";
+}
+
 } // namespace kvr

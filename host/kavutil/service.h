@@ -14,5 +14,7 @@ KVR_EXPORT void tell_service_manager(const char* lines);
 /// Whether it is the journal that reads this descriptor: it takes a mark before a line, "<3>" (error) to "<7>" (debug),
 /// as the line's priority.
 KVR_EXPORT bool journal_reads(int fd);
+/// Such a mark where the journal reads the descriptor, else "".
+KVR_EXPORT const char* journal_mark(int fd, const char* mark);
 
 } // namespace kvr

@@ -19,13 +19,6 @@ namespace fs = std::filesystem;
 
 constexpr std::string_view kMask = "********";
 
-std::string with_case(std::string_view text, int (*convert)(int)) {
-    std::string out(text);
-    std::transform(out.begin(), out.end(), out.begin(),
-                   [convert](unsigned char c) { return static_cast<char>(convert(c)); });
-    return out;
-}
-
 std::string attribute_names(const ClassSpec& cls) {
     std::string names;
     for (const AttrSpec& attr : cls.attrs) {
@@ -94,6 +87,13 @@ void add_attribute(Attributes& attributes, const ClassSpec& cls, const std::stri
 }
 
 } // namespace
+
+std::string with_case(std::string_view text, int (*convert)(int)) {
+    std::string out(text);
+    std::transform(out.begin(), out.end(), out.begin(),
+                   [convert](unsigned char c) { return static_cast<char>(convert(c)); });
+    return out;
+}
 
 const ClassSpec& class_spec(const char* name) {
     const ClassSpec* cls = find_class(name);

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "commands.h"
@@ -15,6 +16,9 @@ namespace kvr {
 
 /// The group of a command's options that stand for an attribute each.
 constexpr const char* kAttributeGroup = "Attributes";
+
+/// The text with std::toupper or std::tolower applied to each character.
+std::string with_case(std::string_view text, int (*convert)(int));
 
 struct AttributeArguments {
     std::vector<std::string> pairs;             ///< ATTR=VALUE

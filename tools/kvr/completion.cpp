@@ -141,12 +141,6 @@ class CommandLine {
     std::set<const CLI::Option*> used_;
 };
 
-std::string upper_case(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-    return text;
-}
-
 std::vector<Candidate> queues(const GlobalOptions& global) {
     std::vector<Candidate> found;
     for (const QueueInfo& queue : open_store(global)->queues()) {
@@ -255,7 +249,7 @@ class Completer {
     void offer_attributes() {
         for (const CLI::Option* option : line_.command().get_options()) {
             if (option->get_group() == kAttributeGroup) {
-                offer(upper_case(option->get_lnames().front()) + "=", option->get_description());
+                offer(with_case(option->get_lnames().front(), std::toupper) + "=", option->get_description());
             }
         }
     }

@@ -75,7 +75,7 @@ void remark(const std::string& text) {
 }
 
 void complain(const std::string& text) {
-    (void)std::fprintf(stderr, "%skvr: %s\n", journal_reads(STDERR_FILENO) ? "<3>" : "", text.c_str());
+    (void)std::fprintf(stderr, "%skvr: %s\n", journal_mark(STDERR_FILENO, "<3>"), text.c_str());
 }
 
 void Table::measure() {

@@ -53,23 +53,31 @@ class Manual {
         }
     }
 
-    /// "kvr-put(1)", in whatever type.
     void refuse_dead_references() const {
-        static const std::regex kReference(R"(\b(kvr(?:[a-z]|\\?-)*)(?:\\fR| )\(([157])\))");
         for (const auto& entry : fs::recursive_directory_iterator(out_.parent_path())) {
-            std::ifstream file(entry.is_regular_file() ? entry.path() : "/dev/null");
-            const std::string text((std::istreambuf_iterator<char>(file)), {});
-            for (std::sregex_iterator found(text.begin(), text.end(), kReference), end; found != end; ++found) {
-                const std::string section = (*found)[2];
-                const std::string page = std::regex_replace((*found)[1].str(), std::regex("\\\\"), "") + "." + section;
-                if (!fs::exists(out_.parent_path() / ("man" + section) / page)) {
-                    throw std::runtime_error(entry.path().native() + " refers to " + page + ", which is not there");
-                }
+            if (entry.is_regular_file()) {
+                refuse_dead_references_of(entry.path());
             }
         }
     }
 
   private:
+    /// "kvr-put(1)", in whatever type.
+    void refuse_dead_references_of(const fs::path& page) const {
+        static const std::regex kReference(R"(\b(kvr(?:[a-z]|\\?-)*)(?:\\fR| )\(([157])\))");
+        std::ifstream file(page);
+        const std::string text((std::istreambuf_iterator<char>(file)), {});
+        for (std::sregex_iterator found(text.begin(), text.end(), kReference), end; found != end; ++found) {
+            std::string name = (*found)[1];
+            std::erase(name, '\\');
+            const std::string section = (*found)[2];
+            if (!fs::exists(out_.parent_path() / ("man" + section) / (name + "." + section))) {
+                throw std::runtime_error(page.native() + " refers to " + name + "(" + section +
+                                         "), which is not there");
+            }
+        }
+    }
+
     fs::path parts_;
     fs::path out_;
     std::string date_;

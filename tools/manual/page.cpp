@@ -8,6 +8,7 @@
 
 #include <fmt/format.h>
 
+#include "attributes.h"
 #include "roff.h"
 
 namespace kvr {
@@ -220,9 +221,7 @@ std::string page_name(const CLI::App& command) {
 
 std::string command_page(const CLI::App& command, const Sections& parts, const Sections& common,
                          const std::string& date) {
-    std::string title = page_name(command);
-    std::transform(title.begin(), title.end(), title.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+    const std::string title = with_case(page_name(command), std::toupper);
     std::string page = ".TH " + title + " 1 " + date + " \"kvr " KVR_VERSION "\" \"Message channel\"\n.nh\n";
     const Sections own = described(command);
     for (const std::string name : kSections) {

@@ -25,14 +25,25 @@ bool takes_a_line() {
     return ::poll(&entry, 1, 0) == 1 && (entry.revents & POLLOUT) != 0;
 }
 
-void write_line(std::string_view text, bool warning = false) {
+void write_line(std::string_view text, const char* mark) {
     constexpr std::size_t kLongest = 4096; // PIPE_BUF
-    std::string line = warning && journal_reads(STDERR_FILENO) ? "<4>" : "";
-    line += fmt::format("{} {}", time_text(), text);
+    std::string line = fmt::format("{}{} {}", mark, time_text(), text);
     line.resize(std::min(line.size(), kLongest - 1));
     line += '\n';
     // Nobody is left to tell when the log itself cannot be written.
     [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, line.data(), line.size());
+}
+
+/// @param mark  of the line's priority, or ""
+void say(std::string_view text, const char* mark) {
+    if (g_dropped > 0 && takes_a_line()) {
+        write_line(fmt::format("{} lines are missing here: standard error took none", std::exchange(g_dropped, 0)), "");
+    }
+    if (takes_a_line()) {
+        write_line(text, mark);
+    } else {
+        ++g_dropped;
+    }
 }
 
 } // namespace
@@ -48,22 +59,11 @@ std::string time_text() {
 }
 
 void listen_log(std::string_view text) {
-    if (g_dropped > 0 && takes_a_line()) {
-        write_line(fmt::format("{} lines are missing here: standard error took none", std::exchange(g_dropped, 0)));
-    }
-    if (takes_a_line()) {
-        write_line(text);
-    } else {
-        ++g_dropped;
-    }
+    say(text, "");
 }
 
 void listen_warning(std::string_view text) {
-    if (takes_a_line()) {
-        write_line(text, true);
-    } else {
-        ++g_dropped;
-    }
+    say(text, journal_mark(STDERR_FILENO, "<4>"));
 }
 
 void listen_log(std::string_view text, std::string_view cause, std::string_view peer) {
