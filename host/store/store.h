@@ -35,6 +35,7 @@
 #include "kavro_api.h"
 #include "kavutil/error.h"
 #include "kavutil/export.h"
+#include "store/keep.h"
 #include "store/owner.h"
 
 namespace kvr {
@@ -62,7 +63,9 @@ struct StoredMessage {
     std::span<const char> data;
     bool held; ///< kept back after a dead-letter put that failed
     std::string held_reason;
-    bool in_hand; ///< reserved by the process that drains the queue
+    bool in_hand;                  ///< reserved by the process that drains the queue
+    bool repeat;                   ///< was used before, and is handed out again
+    std::optional<KeptFacts> kept; ///< of browse_kept alone
 };
 
 struct QueueInfo {
@@ -72,6 +75,10 @@ struct QueueInfo {
     std::uint64_t bytes; ///< their data
     std::uint64_t held;
     std::optional<Owner> drained_by;
+    std::uint64_t kept;       ///< used ones that stay for a while, not counted in the depth (keep.h)
+    std::uint64_t kept_bytes; ///< theirs on the line
+    std::uint64_t suspected;  ///< of the kept ones: those that can be gone with a line
+    std::uint64_t repeats;    ///< of the depth: those that are handed out again
 };
 
 /// Limits and trade-offs of a queue manager by name, as texts. Every engine takes "quota", the bytes of messages and
@@ -149,16 +156,28 @@ class KVR_EXPORT Store {
     /// Puts all messages or none, and wakes a getter that waits. Throws kNotFound, kTooLarge, kFull, kIo.
     virtual void put(const std::string& queue, std::span<const OutgoingMessage> messages) = 0;
     void put(const std::string& queue, const OutgoingMessage& message) { put(queue, {&message, 1}); }
+    /// As put, but leaves out each message whose identity is among the last `remember` that this queue manager took
+    /// here, whatever the queue. Messages and what is remembered of them are one transaction, for all processes.
+    /// Returns for each message whether it was put.
+    virtual std::vector<bool> put_once(const std::string& queue, std::span<const OutgoingMessage> messages,
+                                       std::span<const MessageIdentity> identities, std::uint64_t remember) = 0;
 
     /// Shows messages oldest first, from `from` on, until `visit` returns false. Used messages are not shown.
     virtual void browse(const std::string& queue, std::uint64_t from,
                         const std::function<bool(const StoredMessage&)>& visit) = 0;
+    /// The same for used messages that are kept.
+    virtual void browse_kept(const std::string& queue, std::uint64_t from,
+                             const std::function<bool(const StoredMessage&)>& visit) = 0;
     /// Puts held messages back to where they stood. Returns how many.
     virtual std::uint64_t release_held(const std::string& queue) = 0;
+    /// Puts kept messages of these places back to where they stood: they are handed out again, as repeats. Returns how
+    /// many.
+    virtual std::uint64_t replay(const std::string& queue, std::span<const Places> places) = 0;
 
     /// Takes the queue over for draining; it belongs to the getter until that is destroyed or its process ends.
     /// Throws kBusy with its owner.
-    virtual std::unique_ptr<Getter> drain(const std::string& queue) = 0;
+    virtual std::unique_ptr<Getter> drain(const std::string& queue, const DrainOptions& options) = 0;
+    std::unique_ptr<Getter> drain(const std::string& queue) { return drain(queue, {}); }
 };
 
 /// The one drainer of a queue.
@@ -200,6 +219,18 @@ class KVR_EXPORT Getter {
     virtual void hold(std::string_view what, std::string_view why) = 0;
     void hold(std::string_view what) { hold(what, {}); }
     [[nodiscard]] virtual bool in_hand() const = 0;
+    /// Whether the message in hand was used before, and is handed out again.
+    [[nodiscard]] virtual bool is_repeat() const = 0;
+
+    // For a drainer that keeps what it used, and uses it over one line after the other.
+    /// What the last drainer of the queue used on its last line, when it ended without line_ended(); suspected, or
+    /// handed out again, already.
+    [[nodiscard]] virtual const Loss& inherited_loss() const = 0;
+    /// The line broke over which the messages since the last call, or since the start, were used; the one in hand is
+    /// not among them. Returns what can be gone; with DrainOptions::repeat it comes again at the following next().
+    virtual Loss line_lost() = 0;
+    /// The line ended in order: nothing of what was used is suspected later. Deletes or keeps what was used.
+    virtual void line_ended() = 0;
 };
 
 } // namespace kvr

@@ -40,6 +40,10 @@ class Environment {
     Environment& operator=(const Environment&) = delete;
 
     void open_tables(bool create);
+    /// False for a store that was made before there were `kept` and `taken`: they are to be made at its opening, so
+    /// that all who have it open see what they will hold.
+    [[nodiscard]] bool has_newer_tables() const { return newer_tables_; }
+    void make_newer_tables(MDB_txn* txn);
 
     [[nodiscard]] const std::filesystem::path& folder() const { return folder_; }
     /// Null after it could not be opened anew.
@@ -50,6 +54,8 @@ class Environment {
     MDB_dbi queues = 0;   ///< name → queue record
     MDB_dbi messages = 0; ///< queue id, sequence → message record
     MDB_dbi held = 0;     ///< queue id, sequence of a message that is held → reason
+    MDB_dbi kept = 0;     ///< queue id, last sequence of a range of used messages → what is known of the range
+    MDB_dbi taken = 0;    ///< number of a put → identities of its messages
 
     /// Makes the map at least this large. No transaction of the calling thread may be open.
     void grow_map(std::uint64_t size);
@@ -92,12 +98,14 @@ class Environment {
     void adopt_size();
     void set_flag(unsigned flag, bool on);
     void open_all_tables(bool create);
+    bool open_newer_tables(bool create);
     void open_table_set(bool create, std::initializer_list<std::pair<const char*, MDB_dbi*>> tables);
 
     std::filesystem::path folder_;
     StoreLock store_lock_;
     MDB_env* env_ = nullptr;
     bool sync_ = true;
+    bool newer_tables_ = false;
     dev_t device_ = 0; ///< with inode_: the file that is open
     ino_t inode_ = 0;
     std::atomic<std::uint64_t> openings_{0};

@@ -38,8 +38,8 @@ std::size_t copy_out(const MessageView& view, T_KAVRO_MD& descriptor, std::span<
 
 } // namespace
 
-LmdbGetter::LmdbGetter(std::shared_ptr<LmdbStore> store, std::string queue)
-    : store_(std::move(store)), env_(store_->env()), queue_(std::move(queue)), reader_(env_) {
+LmdbGetter::LmdbGetter(std::shared_ptr<LmdbStore> store, std::string queue, const DrainOptions& options)
+    : store_(std::move(store)), env_(store_->env()), queue_(std::move(queue)), reader_(env_), options_(options) {
     id_ = read_queue(reader_, queue_).id;
     if (const pid_t holder = store_->drain_locks().acquire(id_); holder != 0) {
         throw Error(Errc::kBusy, "queue '" + queue_ + "' is drained by " + process_text(holder) +

@@ -26,7 +26,7 @@ namespace kvr {
 class LmdbGetter final : public Getter {
   public:
     /// Takes the queue over. Throws kNotFound, kBusy.
-    LmdbGetter(std::shared_ptr<LmdbStore> store, std::string queue);
+    LmdbGetter(std::shared_ptr<LmdbStore> store, std::string queue, const DrainOptions& options);
     ~LmdbGetter() override;
     LmdbGetter(const LmdbGetter&) = delete;
     LmdbGetter& operator=(const LmdbGetter&) = delete;
@@ -40,6 +40,10 @@ class LmdbGetter final : public Getter {
                              const std::function<std::string(std::string_view)>& change) override;
     void hold(std::string_view what, std::string_view why) override;
     [[nodiscard]] bool in_hand() const override { return hand_ != 0; }
+    [[nodiscard]] bool is_repeat() const override { return false; }
+    [[nodiscard]] const Loss& inherited_loss() const override { return inherited_; }
+    Loss line_lost() override { return {}; }
+    void line_ended() override { commit(); }
 
   private:
     using Found = ReadingOrder::Found;
@@ -73,6 +77,8 @@ class LmdbGetter final : public Getter {
     bool must_hold_ = false; ///< the message in hand must be held, not used up
     std::string reason_;     ///< of the hold; empty also where there was no memory for it
     std::uint64_t read_ = 0; ///< bytes since pages were let go
+    DrainOptions options_;
+    Loss inherited_;
 };
 
 } // namespace kvr

@@ -130,6 +130,9 @@ constexpr StoreEngine kEngine{
 LmdbStore::LmdbStore(const fs::path& dir)
     : files_{dir}, env_(files_.store(), std::nullopt), identity_(read_identity(env_)), reserve_(files_.reserve()),
       drain_locks_(files_.drain_locks()) {
+    if (!env_.has_newer_tables()) {
+        write(Need::kMust, [&](WriteTxn& write) { env_.make_newer_tables(write.txn()); });
+    }
     const LmdbSettings now = lmdb_settings();
     env_.set_sync(now.sync);
     env_.grow_map(now.map_size);

@@ -45,10 +45,16 @@ class LmdbStore final : public Store, public std::enable_shared_from_this<LmdbSt
     [[nodiscard]] std::vector<QueueInfo> queues() override;
 
     void put(const std::string& queue, std::span<const OutgoingMessage> messages) override;
+    std::vector<bool> put_once(const std::string& queue, std::span<const OutgoingMessage> messages,
+                               std::span<const MessageIdentity> identities, std::uint64_t remember) override;
     void browse(const std::string& queue, std::uint64_t from,
                 const std::function<bool(const StoredMessage&)>& visit) override;
+    void browse_kept(const std::string& queue, std::uint64_t from,
+                     const std::function<bool(const StoredMessage&)>& visit) override;
     std::uint64_t release_held(const std::string& queue) override;
-    [[nodiscard]] std::unique_ptr<Getter> drain(const std::string& queue) override;
+    std::uint64_t replay(const std::string& queue, std::span<const Places> places) override;
+    using Store::drain;
+    [[nodiscard]] std::unique_ptr<Getter> drain(const std::string& queue, const DrainOptions& options) override;
 
     // For the getter.
     [[nodiscard]] Environment& env() { return env_; }

@@ -171,8 +171,21 @@ std::uint64_t LmdbStore::release_held(const std::string& queue) {
     return released;
 }
 
-std::unique_ptr<Getter> LmdbStore::drain(const std::string& queue) {
-    return std::make_unique<LmdbGetter>(shared_from_this(), queue);
+std::vector<bool> LmdbStore::put_once(const std::string& queue, std::span<const OutgoingMessage> messages,
+                                      std::span<const MessageIdentity> /*identities*/, std::uint64_t /*remember*/) {
+    put(queue, messages);
+    return std::vector<bool>(messages.size(), true);
+}
+
+void LmdbStore::browse_kept(const std::string& /*queue*/, std::uint64_t /*from*/,
+                            const std::function<bool(const StoredMessage&)>& /*visit*/) {}
+
+std::uint64_t LmdbStore::replay(const std::string& /*queue*/, std::span<const Places> /*places*/) {
+    return 0;
+}
+
+std::unique_ptr<Getter> LmdbStore::drain(const std::string& queue, const DrainOptions& options) {
+    return std::make_unique<LmdbGetter>(shared_from_this(), queue, options);
 }
 
 } // namespace kvr

@@ -167,7 +167,11 @@ QueueInfo LmdbStore::info_of(MDB_txn* txn, const std::string& name, const Snapsh
             .depth = now.record.depth - std::min(now.record.depth, used),
             .bytes = now.record.bytes - std::min(now.record.bytes, used_bytes),
             .held = now.record.held,
-            .drained_by = drainer != 0 ? std::optional(local_owner(drainer)) : std::nullopt};
+            .drained_by = drainer != 0 ? std::optional(local_owner(drainer)) : std::nullopt,
+            .kept = 0,
+            .kept_bytes = 0,
+            .suspected = 0,
+            .repeats = 0};
 }
 
 QueueInfo LmdbStore::queue_info(const std::string& name) {
