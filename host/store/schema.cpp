@@ -19,10 +19,13 @@ constexpr std::size_t kPathRoom = 4095; ///< for what no reader copies
 constexpr long kMaxSeconds = 86400;     ///< a day: longer pauses look like a dead channel
 constexpr long kMaxRetries = 999999999;
 constexpr long kMaxPort = 65535;
+constexpr long kMaxKeptSeconds = 31536000; ///< a year
+constexpr long kMaxMebibytes = 1048576;
+constexpr long kMaxTrial = 3600;
 /// Queue names fit 32 bytes wherever they travel, although the readers' buffers hold 63.
 constexpr std::size_t kQueueNameRoom = 32;
 
-constexpr std::array<AttrSpec, 11> kChannel{{
+constexpr std::array<AttrSpec, 17> kChannel{{
     {"DESCR", kLong, AttrKind::kText, 0, 0, "", "", "free text for operators"},
     {"CHLTYPE", kLong, AttrKind::kChoice, 0, 0, "SNDR", "SNDR", "type of the channel; SNDR sends"},
     {"XMITQ", kQueueNameRoom, AttrKind::kQueue, 0, 0, "", "", "transmission queue that the channel drains"},
@@ -40,6 +43,17 @@ constexpr std::array<AttrSpec, 11> kChannel{{
     {"LONGRTY", kLong, AttrKind::kNumber, 0, kMaxRetries, "", "1000000",
      "attempts at the long pause after the short ones"},
     {"LONGTMR", kShort, AttrKind::kNumber, 0, kMaxSeconds, "", "60", "seconds before each long retry"},
+    // The host's own.
+    {"KEEPINT", kShort, AttrKind::kNumber, 0, kMaxKeptSeconds, "", "0",
+     "seconds that sent messages are kept on their queue; 0: not at all"},
+    {"KEEPMAX", kShort, AttrKind::kNumber, 1, kMaxMebibytes, "", "64", "MiB of sent messages that are kept at most"},
+    {"REPEAT", kShort, AttrKind::kChoice, 0, 0, "NEVER|LOSS", "NEVER",
+     "LOSS: what can be gone with a line that was lost is sent again"},
+    {"LOSSINT", kShort, AttrKind::kNumber, 0, kMaxSeconds, "", "60",
+     "seconds before a loss from which messages can be gone; 0: no limit"},
+    {"LOSSMAX", kShort, AttrKind::kNumber, 1, kMaxMebibytes, "", "48", "MiB that can be gone at most with a line"},
+    {"TRIALTMR", kShort, AttrKind::kNumber, 0, kMaxTrial, "", "8",
+     "seconds at most that a line lasts before it is fed after losses; 0: none"},
 }};
 
 constexpr std::array<AttrSpec, 6> kQmgr{{
@@ -184,6 +198,12 @@ std::string address_fault(std::string_view value) {
     return {};
 }
 
+/// As the definition says, or as it says when it does not.
+std::string_view channel_text(const Attributes& channel, const std::string& attr) {
+    const auto given = channel.find(attr);
+    return given != channel.end() ? std::string_view(given->second) : require_attr("CHL", attr).default_text;
+}
+
 } // namespace
 
 std::span<const ClassSpec> schema() {
@@ -241,6 +261,41 @@ void check_definition(std::string_view cls, std::string_view attr, std::string_v
     case AttrKind::kSecret:
     case AttrKind::kPath:
         break;
+    }
+}
+
+long channel_number(const Attributes& channel, const std::string& attr) {
+    long number = 0;
+    check_definition("CHL", attr, channel_text(channel, attr));
+    (void)parse_number(channel_text(channel, attr), number);
+    return number;
+}
+
+bool channel_repeats(const Attributes& channel) {
+    check_definition("CHL", "REPEAT", channel_text(channel, "REPEAT"));
+    return is_choice("LOSS", channel_text(channel, "REPEAT"));
+}
+
+void check_channel(const Attributes& channel) {
+    if (!channel_repeats(channel)) {
+        return;
+    }
+    const long keep = channel_number(channel, "KEEPINT");
+    if (keep == 0) {
+        throw Error(Errc::kInvalid, "REPEAT LOSS repeats what is kept, and KEEPINT 0 keeps nothing: set KEEPINT to the "
+                                    "seconds for which sent messages are to be kept");
+    }
+    if (const long window = channel_number(channel, "LOSSINT"); keep < window) {
+        throw Error(Errc::kInvalid, "KEEPINT " + std::to_string(keep) + " is less than LOSSINT " +
+                                        std::to_string(window) +
+                                        ": what is to be repeated must be kept for as long, set KEEPINT to " +
+                                        std::to_string(window) + " or more");
+    }
+    if (const long most = channel_number(channel, "LOSSMAX"); channel_number(channel, "KEEPMAX") < most) {
+        throw Error(Errc::kInvalid, "KEEPMAX " + std::to_string(channel_number(channel, "KEEPMAX")) +
+                                        " is less than LOSSMAX " + std::to_string(most) +
+                                        ": what is to be repeated must be kept, set KEEPMAX to " +
+                                        std::to_string(most) + " or more");
     }
 }
 

@@ -2,6 +2,7 @@
 // Object classes with their attributes, and the greatest lengths that readers have room for.
 #pragma once
 
+#include <map>
 #include <span>
 #include <string>
 #include <string_view>
@@ -10,6 +11,8 @@
 #include "kavutil/export.h"
 
 namespace kvr {
+
+using Attributes = std::map<std::string, std::string>;
 
 enum class AttrKind {
     kText,
@@ -46,5 +49,13 @@ KVR_EXPORT const AttrSpec* find_attr(const ClassSpec& cls, std::string_view name
 KVR_EXPORT void check_attr(std::string_view cls, std::string_view attr, std::string_view value);
 /// What a definition by an operator refuses on top of that: values that could not work. Throws kvr::Error.
 KVR_EXPORT void check_definition(std::string_view cls, std::string_view attr, std::string_view value);
+
+/// Of a channel's definition, of which attributes can be missing: they have their defaults then. Throws kvr::Error for
+/// a value that could not work.
+KVR_EXPORT long channel_number(const Attributes& channel, const std::string& attr);
+/// Whether what can be gone with a line is to be sent again.
+KVR_EXPORT bool channel_repeats(const Attributes& channel);
+/// What a whole definition refuses: attributes that contradict each other. Throws kvr::Error.
+KVR_EXPORT void check_channel(const Attributes& channel);
 
 } // namespace kvr

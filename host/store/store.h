@@ -37,6 +37,7 @@
 #include "kavutil/export.h"
 #include "store/keep.h"
 #include "store/owner.h"
+#include "store/schema.h"
 
 namespace kvr {
 
@@ -45,8 +46,6 @@ constexpr std::size_t kMaxMessage = 2098376;
 /// Greatest name of a queue, channel or queue manager. Queue names travel in fields of 32 bytes.
 constexpr std::size_t kMaxQueueName = 32;
 constexpr std::size_t kMaxChannelName = 63;
-
-using Attributes = std::map<std::string, std::string>;
 
 /// A message to be put. The views are read during the call only.
 struct OutgoingMessage {

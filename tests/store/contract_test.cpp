@@ -132,5 +132,20 @@ TEST(Schema, RefusesWhatCouldNotWork) {
     }
 }
 
+TEST(Schema, RepeatsOnlyWhatIsKept) {
+    const std::tuple<Errc, Attributes> cases[] = {
+        {Errc{}, {}},
+        {Errc::kInvalid, {{"REPEAT", "LOSS"}}},
+        {Errc{}, {{"REPEAT", "loss"}, {"KEEPINT", "60"}}},
+        {Errc::kInvalid, {{"REPEAT", "LOSS"}, {"KEEPINT", "59"}}},
+        {Errc{}, {{"REPEAT", "LOSS"}, {"KEEPINT", "1"}, {"LOSSINT", "0"}}},
+        {Errc::kInvalid, {{"REPEAT", "LOSS"}, {"KEEPINT", "60"}, {"LOSSMAX", "65"}}},
+        {Errc::kInvalid, {{"KEEPINT", "60"}, {"REPEAT", "yes"}}}};
+    for (const auto& [expected, definition] : cases) {
+        EXPECT_EQ(code_of([&, attrs = definition] { check_channel(attrs); }), expected)
+            << testing::PrintToString(definition);
+    }
+}
+
 } // namespace
 } // namespace kvr

@@ -46,7 +46,7 @@ void define_queue(const GlobalOptions& global, const DefineOptions& options) {
 }
 
 /// What a channel cannot do without; queues that are missing yet are only worth a remark.
-void check_channel(Store& store, const std::string& name, const Attributes& attributes) {
+void check_needs(Store& store, const std::string& name, const Attributes& attributes) {
     for (const char* attr : {"XMITQ", "CONNAME"}) {
         if (value_of(attributes, attr).empty()) {
             throw UsageError(
@@ -81,7 +81,8 @@ void define_channel(const GlobalOptions& global, const DefineOptions& options, c
         attributes[attr] = value;
     }
     const auto store = open_store(global);
-    check_channel(*store, name, attributes);
+    check_needs(*store, name, attributes);
+    check_channel(attributes);
     const bool exists = object_exists(*store, "CHL", name);
     if (exists && !options.replace) {
         throw Error(Errc::kExists, fmt::format("channel '{}' exists already: choose another name, change it with 'kvr "

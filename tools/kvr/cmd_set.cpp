@@ -112,6 +112,9 @@ void set_channel(const GlobalOptions& global, const std::string& given_name, con
             refuse_round_trip(xmitq, name);
         }
     }
+    Attributes whole = attributes;
+    whole.merge(store->object_get("CHL", name));
+    check_channel(whole);
     store->object_set("CHL", name, attributes);
     print_outcome(global.json, {{"qmgr", store->qmgr()}, {"channel", name}, {"changed", true}},
                   fmt::format("changed channel {}; {}", name, effect_of_change(*store, name)));
