@@ -37,6 +37,8 @@ const std::vector<std::pair<std::string, std::string>> kCases = {
     {"kvr -m EA", "kvr -m EAST"},
     {"kvr put TO", "kvr put TO.WEST"},
     {"kvr run EA", "kvr run EAST.WEST"},
+    {"kvr replay EA", "kvr replay EAST.WEST"},
+    {"kvr replay TO", "kvr replay TO.WEST"},
     {"kvr set channel EAST.WEST XM", "kvr set channel EAST.WEST XMITQ="}, // a word that goes on
     {"kvr set channel EAST.WEST XMITQ=TO", "kvr set channel EAST.WEST XMITQ=TO.WEST"},
     {"kvr put Q --dest=TO", "kvr put Q --dest=TO.WEST"},

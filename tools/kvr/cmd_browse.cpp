@@ -14,6 +14,7 @@
 #include "output.h"
 #include "proof/text_field.h"
 #include "session.h"
+#include "utc_time.h"
 
 namespace kvr {
 namespace {
@@ -28,12 +29,28 @@ struct BrowseOptions {
     std::uint64_t from = 0;
     bool all = false;
     bool held = false;
+    bool kept = false;
     bool hex = false;
     bool full = false;
 };
 
 std::string_view state_of(const StoredMessage& message) {
-    return message.held ? "held" : message.in_hand ? "in hand" : "ready";
+    if (message.kept) {
+        return message.kept->suspected ? "suspected" : "kept";
+    }
+    return message.held ? "held" : message.in_hand ? "in hand" : message.repeat ? "repeat" : "ready";
+}
+
+std::string used_at(const StoredMessage& message) {
+    return message.kept ? utc_text(message.kept->used_at) : std::string();
+}
+
+std::vector<std::string> headings(bool kept) {
+    std::vector<std::string> names{"SEQ", "STATE", "LENGTH", "DESTINATION", "FORMAT", "FILES", "MESSAGE ID", "DATA"};
+    if (kept) {
+        names.insert(names.begin() + 2, "USED AT");
+    }
+    return names;
 }
 
 std::vector<std::string> table_row(const StoredMessage& message) {
@@ -44,39 +61,48 @@ std::vector<std::string> table_row(const StoredMessage& message) {
     if (body.size() > kPreview) {
         preview += "...";
     }
-    return {std::to_string(message.sequence),
-            std::string(state_of(message)),
-            std::to_string(body.size()),
-            destination ? destination_text(*destination) : "-",
-            printable(field_string(message.descriptor.sFmtName, sizeof message.descriptor.sFmtName)),
-            std::to_string(message.attachments.size() + (message.descriptor.cMsgStoreType == KVR_STORE_FILE ? 1 : 0)),
-            message_id_text(message.descriptor),
-            preview};
+    std::vector<std::string> row{
+        std::to_string(message.sequence),
+        std::string(state_of(message)),
+        std::to_string(body.size()),
+        destination ? destination_text(*destination) : "-",
+        printable(field_string(message.descriptor.sFmtName, sizeof message.descriptor.sFmtName)),
+        std::to_string(message.attachments.size() + (message.descriptor.cMsgStoreType == KVR_STORE_FILE ? 1 : 0)),
+        message_id_text(message.descriptor),
+        preview};
+    if (message.kept) {
+        row.insert(row.begin() + 2, used_at(message));
+    }
+    return row;
 }
 
 class Browser {
   public:
     Browser(const GlobalOptions& global, const BrowseOptions& options)
         : json_(global.json), options_(options), detailed_(options.full || options.hex),
-          table_({"SEQ", "STATE", "LENGTH", "DESTINATION", "FORMAT", "FILES", "MESSAGE ID", "DATA"}) {}
+          table_(headings(options.kept)) {}
 
     void run(Store& store) {
-        store.browse(options_.queue, options_.from, [&](const StoredMessage& message) {
-            if (options_.held && !message.held) {
-                return true;
-            }
-            if (!options_.all && shown_ == (options_.count > 0 ? options_.count : kDefaultCount)) {
-                cut_ = options_.count == 0;
-                return false;
-            }
-            ++shown_;
-            add(message);
-            return true;
-        });
+        const auto browse = options_.kept ? &Store::browse_kept : &Store::browse;
+        (store.*browse)(options_.queue, options_.from, [this](const StoredMessage& message) { return take(message); });
         finish();
     }
 
   private:
+    /// False once enough was shown.
+    bool take(const StoredMessage& message) {
+        if (options_.held && !message.held) {
+            return true;
+        }
+        if (!options_.all && shown_ == (options_.count > 0 ? options_.count : kDefaultCount)) {
+            cut_ = options_.count == 0;
+            return false;
+        }
+        ++shown_;
+        add(message);
+        return true;
+    }
+
     void add(const StoredMessage& message) {
         if (!json_ && !detailed_) {
             table_.row(table_row(message));
@@ -86,11 +112,9 @@ class Browser {
             }
             return;
         }
-        const ShownMessage view{message.sequence,
-                                message.descriptor,
-                                message.attachments,
-                                {message.data.data(), message.data.size()},
-                                state_of(message)};
+        const ShownMessage view{message.sequence,    message.descriptor,
+                                message.attachments, {message.data.data(), message.data.size()},
+                                state_of(message),   used_at(message)};
         DataForm form = options_.hex ? DataForm::kHex : options_.full ? DataForm::kText : DataForm::kNone;
         if (json_) {
             print_json(message_json(view, form), true);
@@ -104,7 +128,7 @@ class Browser {
             return;
         }
         if (shown_ == 0) {
-            print(options_.held ? "no held messages\n" : "no messages\n");
+            print(options_.held ? "no held messages\n" : options_.kept ? "no kept messages\n" : "no messages\n");
         } else if (table_.size() > 0) {
             print(table_.text());
         }
@@ -143,11 +167,15 @@ void add_browse_command(CLI::App& app, GlobalOptions& global) {
     command->add_option("--from", options->from, "Begin at this place (column SEQ)")
         ->check(CLI::Range(std::int64_t{0}, std::numeric_limits<std::int64_t>::max()).description(""))
         ->type_name("SEQ");
-    command->add_flag("--held", options->held, "Held messages only: those whose dead-letter put failed");
+    CLI::Option* held =
+        command->add_flag("--held", options->held, "Held messages only: those whose dead-letter put failed");
+    command->add_flag("--kept", options->kept, "Messages that were sent and are kept for a while, instead")
+        ->excludes(held);
     command->add_flag("--full", options->full, "Every descriptor field, the attachments and the data");
     command->add_flag("--hex", options->hex, "As --full, the data in hexadecimal");
     set_examples(*command,
                  "  kvr browse TO.WEST\n  kvr browse DEAD.LETTER.QUEUE --full\n"
+                 "  kvr browse TO.WEST --kept --from 1000\n"
                  "  kvr browse TO.WEST --from 1042 --count 1 --hex\n"
                  "With --json there is one object on one line for each message, with --full its data, too.\n");
     command->callback([options, &global] { browse(global, *options); });

@@ -22,8 +22,10 @@ struct DeleteOptions {
     bool yes = false;
 };
 
-void report(const GlobalOptions& global, const char* what, const std::string& name) {
-    print_outcome(global.json, {{"deleted", what}, {"name", name}}, fmt::format("deleted {} {}", what, name));
+/// @param kept  messages that were sent, which went with it
+void report(const GlobalOptions& global, const char* what, const std::string& name, std::uint64_t kept = 0) {
+    const std::string with = kept == 0 ? "" : fmt::format(" with {} that it kept", message_count(kept));
+    print_outcome(global.json, {{"deleted", what}, {"name", name}}, fmt::format("deleted {} {}{}", what, name, with));
 }
 
 void delete_queue(const GlobalOptions& global, const DeleteOptions& options) {
@@ -52,7 +54,7 @@ void delete_queue(const GlobalOptions& global, const DeleteOptions& options) {
                                              message_count(queue.depth)));
     }
     store->queue_delete(name, options.purge);
-    report(global, "queue", name);
+    report(global, "queue", name, queue.kept);
 }
 
 void refuse_running(Store& store, const std::string& channel) {
@@ -122,7 +124,8 @@ void add_delete_command(CLI::App& app, GlobalOptions& global) {
                            "  kvr delete qmgr EAST --purge --yes\n");
     auto options = std::make_shared<DeleteOptions>();
 
-    CLI::App* queue = add_kind(*command, "queue", "QUEUE", "Delete a queue", options);
+    CLI::App* queue =
+        add_kind(*command, "queue", "QUEUE", "Delete a queue, with the messages that were sent and are kept", options);
     queue->add_flag("--purge", options->purge, "Delete its messages, too");
     set_examples(*queue, "  kvr delete queue TO.WEST\n  kvr delete queue TO.WEST --purge\n");
     queue->callback([options, &global] { delete_queue(global, *options); });

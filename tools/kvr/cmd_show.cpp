@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // kvr show: definitions of the queue manager, its queues and its channels. Pass phrases are masked.
+#include <algorithm>
 #include <memory>
 #include <optional>
 
@@ -8,6 +9,7 @@
 
 #include "attributes.h"
 #include "commands.h"
+#include "kept_text.h"
 #include "output.h"
 #include "session.h"
 
@@ -53,9 +55,11 @@ std::string qmgr_text(Store& store) {
 }
 
 Json queue_json(const QueueInfo& queue) {
-    return {{"name", queue.name},   {"description", queue.description},
-            {"depth", queue.depth}, {"bytes", queue.bytes},
-            {"held", queue.held},   {"drained_by", queue.drained_by ? queue.drained_by->process : 0}};
+    Json json{{"name", queue.name},   {"description", queue.description},
+              {"depth", queue.depth}, {"bytes", queue.bytes},
+              {"held", queue.held},   {"drained_by", queue.drained_by ? queue.drained_by->process : 0}};
+    add_kept(json, queue);
+    return json;
 }
 
 std::vector<QueueInfo> chosen_queues(Store& store, const std::string& name) {
@@ -73,11 +77,29 @@ std::string drainer_word(const std::optional<Owner>& drainer) {
     return drainer->process == kUnseenProcess ? "not visible here" : std::to_string(drainer->process);
 }
 
+/// Columns about what is kept, for a table in which any queue keeps or repeats something.
+bool has_kept(const std::vector<QueueInfo>& queues) {
+    return std::any_of(queues.begin(), queues.end(), [](const QueueInfo& queue) { return queue.kept + queue.repeats; });
+}
+
 std::string queues_text(const std::vector<QueueInfo>& queues) {
-    Table table({"QUEUE", "DEPTH", "BYTES", "HELD", "DRAINED BY", "DESCRIPTION"});
+    std::vector<std::string> headings{"QUEUE", "DEPTH", "BYTES", "HELD"};
+    const bool kept = has_kept(queues);
+    if (kept) {
+        headings.insert(headings.end(), {"REPEATS", "KEPT", "KEPT BYTES", "SUSPECTED"});
+    }
+    headings.insert(headings.end(), {"DRAINED BY", "DESCRIPTION"});
+    Table table(headings);
     for (const QueueInfo& queue : queues) {
-        table.row({queue.name, std::to_string(queue.depth), std::to_string(queue.bytes), std::to_string(queue.held),
-                   drainer_word(queue.drained_by), printable(queue.description)});
+        std::vector<std::string> row{queue.name, std::to_string(queue.depth), std::to_string(queue.bytes),
+                                     std::to_string(queue.held)};
+        if (kept) {
+            for (const std::uint64_t number : {queue.repeats, queue.kept, queue.kept_bytes, queue.suspected}) {
+                row.push_back(std::to_string(number));
+            }
+        }
+        row.insert(row.end(), {drainer_word(queue.drained_by), printable(queue.description)});
+        table.row(std::move(row));
     }
     return queues.empty() ? "no queues\n" : table.text();
 }

@@ -16,6 +16,7 @@
 
 #include "commands.h"
 #include "core_ctx/channel_status.h"
+#include "kept_text.h"
 #include "output.h"
 #include "session.h"
 
@@ -55,17 +56,6 @@ extern "C" void on_end(int /*signal*/) {
     g_ended = 1;
 }
 
-std::optional<QueueInfo> info_if_there(Store& store, const std::string& queue) {
-    try {
-        return store.queue_info(queue);
-    } catch (const Error& error) {
-        if (error.code() != Errc::kNotFound && error.code() != Errc::kInvalid) {
-            throw;
-        }
-        return std::nullopt;
-    }
-}
-
 Picture take_picture(Store& store, const std::string& channel) {
     Picture picture;
     std::vector<std::string> names{channel};
@@ -77,14 +67,13 @@ Picture take_picture(Store& store, const std::string& channel) {
     for (const std::string& name : names) {
         Attributes definition = store.object_get("CHL", name);
         ChannelStatus status = channel_status(store, name);
-        const bool served = status.is_current() && status.taken.contains("XMITQ");
-        std::string xmitq = value_of(served ? status.taken : definition, "XMITQ");
+        std::string xmitq = transmission_queue(status, definition);
         Line line{name, std::move(status), std::move(xmitq), std::move(definition), std::nullopt};
-        line.queue = info_if_there(store, line.xmitq);
+        line.queue = queue_if_there(store, line.xmitq);
         picture.lines.push_back(std::move(line));
     }
     picture.dead_queue = dead_letter_queue(store);
-    picture.dead_info = info_if_there(store, picture.dead_queue);
+    picture.dead_info = queue_if_there(store, picture.dead_queue);
     picture.usage = store.usage();
     picture.frozen_writer = store.frozen_writer();
     return picture;
@@ -214,6 +203,7 @@ std::string picture_text(const Picture& picture) {
         remarks += is_connecting(status) ? connecting_text(line) : "";
         remarks += changes_text(line);
         remarks += has_failed(status) ? failure_text(line) : "";
+        remarks += line.queue ? kept_remarks(line.channel, *line.queue) : "";
     }
     return table.text() + remarks + dead_letter_text(picture) + store_text(picture);
 }
@@ -224,6 +214,7 @@ Json queue_json(const std::string& name, const std::optional<QueueInfo>& info) {
         json["depth"] = info->depth;
         json["held"] = info->held;
         json["bytes"] = info->bytes;
+        add_kept(json, *info);
     }
     return json;
 }

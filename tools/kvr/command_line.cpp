@@ -89,6 +89,7 @@ void add_commands(CLI::App& app, GlobalOptions& global) {
     add_browse_command(app, global);
     add_release_command(app, global);
     add_move_command(app, global);
+    add_replay_command(app, global);
     add_run_command(app, global);
     add_stop_command(app, global);
     add_status_command(app, global);

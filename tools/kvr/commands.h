@@ -48,6 +48,7 @@ void add_get_command(CLI::App& app, GlobalOptions& global);
 void add_browse_command(CLI::App& app, GlobalOptions& global);
 void add_release_command(CLI::App& app, GlobalOptions& global);
 void add_move_command(CLI::App& app, GlobalOptions& global);
+void add_replay_command(CLI::App& app, GlobalOptions& global);
 void add_run_command(CLI::App& app, GlobalOptions& global);
 void add_stop_command(CLI::App& app, GlobalOptions& global);
 void add_status_command(CLI::App& app, GlobalOptions& global);

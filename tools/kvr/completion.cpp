@@ -233,6 +233,9 @@ class Completer {
             mark == std::string::npos ? offer_attributes() : offer_attribute_values(mark);
         } else if (kind == "QUEUE[@QMGR]" && mark != std::string::npos) {
             offer_all(names("QMGR", global_), mark + 1);
+        } else if (kind == "CHANNEL|QUEUE") {
+            offer_all(names("CHANNEL", global_), at);
+            offer_all(names("QUEUE", global_), at);
         } else if (kind.find('|') != std::string::npos) {
             offer_all(plain(CLI::detail::split(kind, '|')), at);
         } else {

@@ -43,6 +43,9 @@ std::string message_text(const ShownMessage& message, DataForm form) {
     const std::string_view body = destination ? message.data.substr(kXmitHeaderSize) : message.data;
     std::string out = message.sequence ? fmt::format("message {}", *message.sequence) : std::string("message");
     out += message.state.empty() ? "\n" : fmt::format(" ({})\n", message.state);
+    if (!message.used_at.empty()) {
+        out += line("used at", message.used_at);
+    }
     for (const DescriptorField& field : descriptor_fields()) {
         out += line(field.label, printable(field_text(message.descriptor, field)));
     }
@@ -67,6 +70,9 @@ Json message_json(const ShownMessage& message, DataForm form) {
     }
     if (!message.state.empty()) {
         json["state"] = message.state;
+    }
+    if (!message.used_at.empty()) {
+        json["used_at"] = message.used_at;
     }
     for (const DescriptorField& field : descriptor_fields()) {
         if (field.kind == FieldKind::kNumber) {

@@ -18,7 +18,8 @@ struct ShownMessage {
     const T_KAVRO_MD& descriptor;
     std::span<const std::string> attachments;
     std::string_view data;
-    std::string_view state; ///< "ready", "held", "in hand"
+    std::string_view state; ///< on its queue; empty: it is on none
+    std::string used_at{};  ///< of a kept one: when; else empty
 };
 
 enum class DataForm {

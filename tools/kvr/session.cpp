@@ -259,6 +259,21 @@ void refuse_round_trip(const std::string& queue, const std::string& channel) {
                                             queue, channel));
 }
 
+std::string transmission_queue(const ChannelStatus& status, const Attributes& definition) {
+    return value_of(status.is_current() && status.taken.contains("XMITQ") ? status.taken : definition, "XMITQ");
+}
+
+std::optional<QueueInfo> queue_if_there(Store& store, const std::string& queue) {
+    try {
+        return store.queue_info(queue);
+    } catch (const Error& error) {
+        if (error.code() != Errc::kNotFound && error.code() != Errc::kInvalid) {
+            throw;
+        }
+        return std::nullopt;
+    }
+}
+
 std::string dead_letter_queue(Store& store) {
     return value_of(store.object_get("QMGR", "QMGR"), "DEADQ");
 }

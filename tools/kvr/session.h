@@ -5,6 +5,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,6 +13,8 @@
 #include "store/store.h"
 
 namespace kvr {
+
+struct ChannelStatus;
 
 /// The folder of the queue managers. With `create` it is made (0700) when it is missing, and root
 /// becomes its owner.
@@ -60,6 +63,10 @@ std::string channel_that_drains(Store& store, const std::string& queue);
 bool runs_on(Store& store, const std::string& channel, const std::string& queue);
 /// Refuses a dead-letter queue that a channel drains: a message that cannot be sent would go round for ever.
 [[noreturn]] void refuse_round_trip(const std::string& queue, const std::string& channel);
+/// The transmission queue of a channel: that its process drains, else that of its definition.
+std::string transmission_queue(const ChannelStatus& status, const Attributes& definition);
+/// Nothing where there is no such queue, or cannot be.
+std::optional<QueueInfo> queue_if_there(Store& store, const std::string& queue);
 /// Name of the dead-letter queue, empty for none.
 std::string dead_letter_queue(Store& store);
 /// A value of an attribute, empty when unset.
