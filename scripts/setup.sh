@@ -8,7 +8,7 @@ kRoot=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 kBuildPackages=(
     g++ cmake ninja-build pkg-config
-    libssl-dev liblmdb-dev zlib1g-dev libpcap-dev libcli11-dev libfmt-dev nlohmann-json3-dev
+    libssl-dev liblmdb-dev libxxhash-dev zlib1g-dev libpcap-dev libcli11-dev libfmt-dev nlohmann-json3-dev
     libgtest-dev libgmock-dev libbenchmark-dev openssl systemd logrotate
 )
 kTestPackages=(groff-base mandoc bash-completion zsh fish tshark)

@@ -126,6 +126,8 @@ class KVR_EXPORT Store {
     /// The queue manager's folder on this machine: its logs, locks and spool; where its messages lie is the engine's
     /// affair.
     [[nodiscard]] virtual const std::filesystem::path& dir() const = 0;
+    /// Random, made with the store and kept with it: for digests that nobody outside can foresee. Never shown.
+    [[nodiscard]] virtual std::uint64_t seed() const = 0;
     [[nodiscard]] virtual Settings settings() const = 0;
     /// Changes the settings that are given. Some take effect when a process opens the store the next time. Throws
     /// kUnknownAttr, kInvalid.
@@ -157,7 +159,8 @@ class KVR_EXPORT Store {
     void put(const std::string& queue, const OutgoingMessage& message) { put(queue, {&message, 1}); }
     /// As put, but leaves out each message whose identity is among the last `remember` that this queue manager took
     /// here, whatever the queue. Messages and what is remembered of them are one transaction, for all processes.
-    /// Returns for each message whether it was put.
+    /// Returns for each message whether it was put; the same call after an error that left open whether it happened
+    /// returns that, too, for those that had been put then.
     virtual std::vector<bool> put_once(const std::string& queue, std::span<const OutgoingMessage> messages,
                                        std::span<const MessageIdentity> identities, std::uint64_t remember) = 0;
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The store in an LMDB environment of its own: lmdb_store.cpp makes and opens it, objects.cpp, queues.cpp and
+// The store in an LMDB environment of its own: lmdb_store.cpp makes and opens it, objects.cpp, queues.cpp, puts.cpp and
 // messages.cpp hold its operations, getter.h the drainer of a queue.
 #pragma once
 
@@ -16,6 +16,7 @@
 #include "store_lmdb/mark_file.h"
 #include "store_lmdb/queue_record.h"
 #include "store_lmdb/store_layout.h"
+#include "store_lmdb/taken_once.h"
 #include "store_lmdb/write_store.h"
 
 namespace kvr {
@@ -26,6 +27,7 @@ class LmdbStore final : public Store, public std::enable_shared_from_this<LmdbSt
 
     [[nodiscard]] const std::string& qmgr() const override { return identity_.qmgr; }
     [[nodiscard]] const std::filesystem::path& dir() const override { return files_.dir; }
+    [[nodiscard]] std::uint64_t seed() const override { return identity_.id; }
     [[nodiscard]] Settings settings() const override;
     void change_settings(const Settings& changes) override;
     [[nodiscard]] Usage usage() override;
@@ -67,6 +69,9 @@ class LmdbStore final : public Store, public std::enable_shared_from_this<LmdbSt
 
   private:
     [[nodiscard]] LmdbSettings lmdb_settings() const;
+    /// Says within the transaction which of the messages are put.
+    using Choice = std::function<std::span<const OutgoingMessage>(WriteTxn&)>;
+    void put_chosen(const std::string& queue, std::span<const OutgoingMessage> messages, const Choice& choose);
     /// A queue whose record and mark are of one moment.
     struct Snapshot {
         QueueRecord record;
@@ -91,6 +96,7 @@ class LmdbStore final : public Store, public std::enable_shared_from_this<LmdbSt
     StoreIdentity identity_;
     ReserveFile reserve_;
     DrainLocks drain_locks_;
+    TakenOnce taken_;
     std::mutex marks_mutex_;
     std::map<std::uint32_t, std::shared_ptr<MarkFile>> marks_;
 };

@@ -1,17 +1,14 @@
 // SPDX-License-Identifier: MIT
-// Puts, browses and releases of messages.
+// Browses and releases of messages.
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <shared_mutex>
 
 #include "store/message_record.h"
-#include "store/system_error.h"
 #include "store_lmdb/getter.h"
 #include "store_lmdb/keys.h"
 #include "store_lmdb/lmdb_store.h"
 #include "store_lmdb/message_table.h"
-#include "store_lmdb/wake_fifo.h"
 
 namespace kvr {
 
@@ -20,24 +17,6 @@ namespace {
 /// What a browse copies out in one transaction: so many messages, or the one that exceeds so many bytes.
 constexpr std::size_t kBrowseMessages = 512;
 constexpr std::size_t kBrowseBytes = 256UL << 10;
-
-void check_quota(WriteTxn& write, std::uint64_t growth) {
-    const std::uint64_t quota = load_settings(write.txn(), write.env()).quota;
-    const std::uint64_t usage = load_usage(write.txn(), write.env());
-    if (usage + growth > quota) {
-        throw FullError(Shortage::kQuota, "the queue manager's quota of " + std::to_string(quota) +
-                                              " bytes is used up: drain its queues or raise the quota");
-    }
-}
-
-/// Without a reserve on the disk a put must leave as much free inside the store.
-void check_free_pages(Environment& env, std::uint64_t growth) {
-    Reader reader(env);
-    const ReadScope scope(reader);
-    if (reader.free_bytes() < ReserveFile::kSize + 2 * growth) {
-        throw_system("put messages", env.folder(), ENOSPC);
-    }
-}
 
 StoredMessage to_stored(std::uint64_t sequence, const MessageView& view) {
     StoredMessage message{};
@@ -51,46 +30,7 @@ StoredMessage to_stored(std::uint64_t sequence, const MessageView& view) {
     return message;
 }
 
-bool ensure_reserve(const ReserveFile& reserve, const Environment& env) {
-    try {
-        return reserve.ensure();
-    } catch (const Error&) {
-        env.check_in_place(); // says more, where the whole store is gone
-        throw;
-    }
-}
-
 } // namespace
-
-void LmdbStore::put(const std::string& queue, std::span<const OutgoingMessage> messages) {
-    std::uint64_t growth = 0;
-    for (const OutgoingMessage& message : messages) {
-        check_message(message);
-        growth += stored_size(encoded_size(message));
-    }
-    if (!ensure_reserve(reserve_, env_)) {
-        check_free_pages(env_, growth);
-    }
-    std::uint32_t id = 0;
-    std::shared_ptr<MarkFile> its_mark;
-    write(Need::kMayFail, [&](WriteTxn& write) {
-        QueueRecord record = load_queue(write.txn(), queue, env_);
-        check_quota(write, growth);
-        id = record.id;
-        its_mark = mark(id); // before the commit: nothing may fail after it
-        for (const OutgoingMessage& message : messages) {
-            append_message(write, record, message);
-        }
-        save_queue(write, queue, record);
-    });
-    wake(id, *its_mark);
-}
-
-void LmdbStore::wake(std::uint32_t queue, MarkFile& mark) const {
-    if (mark.claim_wake_up()) {
-        WakeFifo::wake(files_.fifo(queue));
-    }
-}
 
 std::vector<LmdbStore::Copied> LmdbStore::copy_block(Reader& reader, const std::string& queue, std::uint64_t& from,
                                                      std::size_t limit) {
@@ -169,12 +109,6 @@ std::uint64_t LmdbStore::release_held(const std::string& queue) {
     });
     wake(id, *its_mark);
     return released;
-}
-
-std::vector<bool> LmdbStore::put_once(const std::string& queue, std::span<const OutgoingMessage> messages,
-                                      std::span<const MessageIdentity> /*identities*/, std::uint64_t /*remember*/) {
-    put(queue, messages);
-    return std::vector<bool>(messages.size(), true);
 }
 
 void LmdbStore::browse_kept(const std::string& /*queue*/, std::uint64_t /*from*/,

@@ -145,6 +145,27 @@ TEST_P(LmdbStoreTest, MessageThatCannotBeHeldIsNotUsedUp) {
     EXPECT_EQ(store_->queue_info("Q").held, 1U);
 }
 
+TEST_P(LmdbStoreTest, WhatWasPutByAPutOfUnknownOutcomeIsNoRepeatForOnce) {
+    const MessageIdentity identities[]{{'1'}, {'2'}};
+    const std::vector<OutgoingMessage> both(2, {&descriptor_, {}, std::string_view("once")});
+    const auto put_once = [&](std::size_t first, std::size_t count) {
+        return store_->put_once("Q", std::span(both).subspan(first, count), std::span(identities).subspan(first, count),
+                                1000);
+    };
+    g_behind_head = fail<EIO>;
+    EXPECT_CODE(kIo, put_once(0, 1));
+    heal();
+    EXPECT_EQ(put_once(0, 2), (std::vector{true, true}));
+    EXPECT_EQ(put_once(0, 2), (std::vector{false, false}));
+    EXPECT_EQ(shown(), (Texts{"once", "once"}));
+    g_instead = fail<EIO>;
+    EXPECT_CODE(kIo, store_->put_once("Q", both, std::vector<MessageIdentity>{{'3'}, {'4'}}, 1000));
+    heal();
+    EXPECT_EQ(store_->put_once("Q", both, std::vector<MessageIdentity>{{'3'}, {'1'}}, 1000),
+              (std::vector{true, false}));
+    EXPECT_EQ(shown().size(), 3U);
+}
+
 TEST_P(LmdbStoreTest, AMarkMadeSinceABackupSaysNothingOfALaterQueue) {
     store_->queue_delete("Q", false);
     const std::string backup = test::contents(file_);

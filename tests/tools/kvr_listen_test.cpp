@@ -12,6 +12,7 @@ namespace {
 
 constexpr const char* kBind = R"("event":"bind")";
 constexpr const char* kMessage = R"("event":"message")";
+constexpr const char* kRepeat = R"("event":"repeat")";
 constexpr const char* kEnd = R"("event":"end")";
 constexpr const char* kLog = "background.err";
 /// Shell: standard error is from now on a pipe that is full, and that nobody reads.
@@ -78,6 +79,44 @@ TEST_F(KvrListen, AMessageGoesToItsQueueOrToTheDeadLettersOrNowhere) {
     const json dead = shown("browse DEAD.LETTER.QUEUE --full")[0];
     EXPECT_EQ(dead["destination"], (json{{"queue", "NO.SUCH.QUEUE"}, {"qmgr", "EAST"}}));
     EXPECT_EQ(count("messages for unknown queues: 499 more from 127.0.0.1", kLog), 1U);
+}
+
+TEST_F(KvrListen, ARepeatIsLeftOutAndWhatDiffersInAnyByteIsNone) {
+    const std::string file = message_with_files("Q", "body", {{"a", "first"}, {"b", "second"}});
+    const std::string all =
+        message("Q", "x") + file + file_message("Q", {"c", "x"}) + message("NO.SUCH.QUEUE", "stray");
+    const auto send = [&](const std::string& bytes, const std::string& channel = "S") {
+        const RawLine sender = line();
+        EXPECT_TRUE(sender.send(bind_frame(channel) + bytes));
+        sender.finish();
+        (void)sender.await_end();
+    };
+    const std::string spool = path() / "EAST" / "spool/";
+    listen("--take-once");
+    send(all + all);
+    EXPECT_TRUE(has(kMessage, 4) && has(kRepeat, 4));
+    EXPECT_EQ(names_in(spool), (std::set<std::string>{".incoming", "a", "b", "c"}));
+    kill(process_->pid(), SIGKILL);
+    EXPECT_EQ(process_->result(), -SIGKILL);
+
+    listen("--take-once=1000");
+    const std::string others[] = {message("DEAD.LETTER.QUEUE", "x"),
+                                  message("Q", "y"),
+                                  message_with_files("Q", "body", {{"a", "firsT"}, {"b", "second"}}),
+                                  message_with_files("Q", "body", {{"a", "firsts"}, {"b", "econd"}}),
+                                  message_with_files("Q", "body", {{"a", "first"}, {"B", "second"}}),
+                                  file_message("Q", {"c", "y"}),
+                                  frame('0', "Q", "00000007", "-0000006", block('1', 0) + "x"),
+                                  frame('0', "Q", "00000007", "-0000005", block('1', 8) + "x")};
+    send(fmt::format("{}{}{}", all, fmt::join(others, ""), all));
+    EXPECT_TRUE(has(kMessage, std::size(others)) && has(kRepeat, 8));
+    send(all, "T");
+    EXPECT_TRUE(has(kMessage, std::size(others) + 4));
+    kill(process_->pid(), SIGTERM);
+    EXPECT_EQ(process_->result(), 0);
+    EXPECT_EQ(count(kRepeat), 8U);
+    EXPECT_EQ(count("dead-lettered, 8 repeats left out", kLog), 1U);
+    EXPECT_EQ(names_in(spool).size(), 4U + 3 * 2 + 1 + 3) << "files of what is stored";
 }
 
 TEST_F(KvrListen, AStopTakesInWhatHasBeenSentAndALogThatBlocksHoldsNothingUp) {

@@ -17,6 +17,8 @@ namespace kvr {
 namespace {
 
 constexpr const char* kTlsGroup = "TLS";
+constexpr std::uint64_t kTakeOnce = 262144;        ///< 7 MB of memory
+constexpr std::uint64_t kMostTakeOnce = 16U << 20; ///< 400 MiB
 
 struct ListenCommand {
     ListenerOptions listener;
@@ -58,6 +60,9 @@ void listen(const GlobalOptions& global, ListenCommand& command) {
     ListenerOptions& options = command.listener;
     if (command.discard && !options.spool.empty()) {
         throw UsageError("--discard stores no file: leave --spool out");
+    }
+    if (command.discard && options.take_once > 0) {
+        throw UsageError("--discard stores nothing to compare with: leave --take-once out");
     }
     if (!command.discard) {
         options.store = open_store(global);
@@ -173,6 +178,16 @@ void add_listen_command(CLI::App& app, GlobalOptions& global) {
         ->add_option("--spool", listener.spool,
                      "Folder for received files (default: spool in the queue manager's folder)")
         ->type_name("DIR");
+    command
+        ->add_option_function<std::string>(
+            "--take-once",
+            [&listener](const std::string& count) {
+                listener.take_once = count.empty() ? kTakeOnce : std::stoul(count);
+            },
+            "Leave out what came before among the last N messages; 262144 of them where N is not given")
+        ->expected(0, 1)
+        ->check(CLI::Range(1UL, kMostTakeOnce))
+        ->type_name("N");
     command->add_option("--journal", listener.journal, "Append a JSON line per connection, bind, heartbeat and message")
         ->type_name("FILE");
     command

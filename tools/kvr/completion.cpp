@@ -119,7 +119,7 @@ class CommandLine {
             return;
         }
         if (end >= word.size()) {
-            awaiting_ = option;
+            awaiting_ = option->get_items_expected_min() > 0 ? option : nullptr;
         } else {
             set(*option, word.substr(word.starts_with("--") ? end + 1 : end));
         }

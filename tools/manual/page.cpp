@@ -84,7 +84,11 @@ std::string option_tag(const CLI::Option& option) {
             tag += (tag.empty() ? "" : ", ") + bold(dashes + name);
         }
     }
-    return tag + (has_value(option) ? " " + italic(value_and_range(option).first) : "");
+    if (!has_value(option)) {
+        return tag;
+    }
+    const std::string value = italic(value_and_range(option).first);
+    return tag + (option.get_items_expected_min() > 0 ? " " + value : "[=" + value + "]");
 }
 
 /// The options of `level` that `command` does not have itself, or all of its own.

@@ -45,8 +45,8 @@ std::string dead_letter_name(Store& store) {
 
 } // namespace
 
-Delivery::Delivery(std::shared_ptr<Store> store, Spool* spool, Journal& journal)
-    : store_(std::move(store)), spool_(spool), journal_(journal) {}
+Delivery::Delivery(std::shared_ptr<Store> store, Spool* spool, Journal& journal, std::uint64_t remember)
+    : store_(std::move(store)), spool_(spool), journal_(journal), remember_(remember) {}
 
 /// The queue itself, else the dead-letter queue, else nothing.
 std::string Delivery::home_of(const std::string& queue) {
@@ -86,7 +86,7 @@ void Delivery::add(ReceivedMessage message) {
     for (const std::string& file : message.files) {
         bytes_ += 2 * (sizeof(std::string) + file.size()); // it is most often an attachment as well
     }
-    group_.push_back({std::move(message), {}, false, false});
+    group_.push_back({std::move(message), {}, false, false, false});
 }
 
 void Delivery::find_homes() {
@@ -212,11 +212,20 @@ void Delivery::put_group(const std::string& home) {
 
 void Delivery::put(const std::string& home, const std::vector<Queued*>& messages) {
     std::vector<OutgoingMessage> outgoing;
+    std::vector<MessageIdentity> identities;
     outgoing.reserve(messages.size());
     for (const Queued* queued : messages) {
         outgoing.push_back({&queued->message.descriptor, queued->message.attachments, queued->message.data});
+        identities.push_back(queued->message.identity);
     }
-    store_->put(home, outgoing);
+    if (remember_ == 0) {
+        store_->put(home, outgoing);
+        return;
+    }
+    const std::vector<bool> put = store_->put_once(home, outgoing, identities, remember_);
+    for (std::size_t i = 0; i < messages.size(); ++i) {
+        messages[i]->repeat = !put[i];
+    }
 }
 
 void Delivery::drop(const ReceivedMessage& message, std::string_view reason) {
@@ -225,9 +234,22 @@ void Delivery::drop(const ReceivedMessage& message, std::string_view reason) {
                            escaped_field(message.descriptor.sMsgId), escaped(message.queue), reason),
                cause, message.peer);
     journal_.add("dropped", message.connection, message.journal);
+    drop_files(message);
+}
+
+void Delivery::drop_files(const ReceivedMessage& message) {
     for (const std::string& file : message.files) {
         spool_->remove(file);
     }
+}
+
+void Delivery::leave_out(const ReceivedMessage& message) {
+    ++repeats_;
+    listen_log(fmt::format("connection {}: repeat left out: the message {} for queue '{}' came before",
+                           message.connection, escaped_field(message.descriptor.sMsgId), escaped(message.queue)),
+               "repeats left out", message.peer);
+    drop_files(message);
+    journal_.add("repeat", message.connection, message.journal);
 }
 
 /// A message that its queue will never take: the dead-letter queue is tried once.
@@ -244,6 +266,10 @@ void Delivery::refuse(Queued& queued, const Error& error) {
 
 void Delivery::done(Queued& queued) {
     queued.done = true;
+    if (queued.repeat) {
+        leave_out(queued.message);
+        return;
+    }
     ++delivered_;
     ReceivedMessage& message = queued.message;
     if (queued.dead_letter) {

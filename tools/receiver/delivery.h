@@ -10,6 +10,8 @@
 // A message is refused for a fault of its own only: too large, invalid, for a queue that does not exist while there is
 // no dead-letter queue. It is dropped, those behind it are taken in. Every other error is trouble with the store:
 // nothing is judged, the group waits and is tried again.
+//
+// Where each message is taken once, the store knows which came before: such a repeat is left out, and its files go.
 #pragma once
 
 #include <chrono>
@@ -36,6 +38,7 @@ struct ReceivedMessage {
     std::vector<std::string> attachments; ///< paths in the spool
     std::vector<std::string> files;       ///< all files of the message, in the spool
     std::string journal;                  ///< members of its journal line
+    MessageIdentity identity{};           ///< where each message is taken once
     bool lost = false;                    ///< its files were given up: it is counted only
 };
 
@@ -47,7 +50,8 @@ class Delivery {
 
     /// @param store  null: messages are dropped
     /// @param spool  null only without a store
-    Delivery(std::shared_ptr<Store> store, Spool* spool, Journal& journal);
+    /// @param remember  0, or each message is taken once as long as it is among so many
+    Delivery(std::shared_ptr<Store> store, Spool* spool, Journal& journal, std::uint64_t remember);
     Delivery(const Delivery&) = delete;
     Delivery& operator=(const Delivery&) = delete;
 
@@ -70,6 +74,7 @@ class Delivery {
     [[nodiscard]] std::uint64_t delivered() const { return delivered_; }
     [[nodiscard]] std::uint64_t dead_lettered() const { return dead_lettered_; }
     [[nodiscard]] std::uint64_t dropped() const { return dropped_; }
+    [[nodiscard]] std::uint64_t repeats() const { return repeats_; }
 
   private:
     struct Queued {
@@ -77,6 +82,7 @@ class Delivery {
         std::string home; ///< where it will lie; empty until flush() asks
         bool dead_letter; ///< that is not its own queue
         bool done;        ///< lies there
+        bool repeat;      ///< lies there, or elsewhere, since it came before
     };
 
     std::string home_of(const std::string& queue);
@@ -86,12 +92,15 @@ class Delivery {
     void put(const std::string& home, const std::vector<Queued*>& messages);
     void refuse(Queued& queued, const Error& error);
     void done(Queued& queued);
+    void leave_out(const ReceivedMessage& message);
+    void drop_files(const ReceivedMessage& message);
     void lose(const ReceivedMessage& message);
     void discard();
 
     std::shared_ptr<Store> store_;
     Spool* spool_;
     Journal& journal_;
+    std::uint64_t remember_;
     std::vector<Queued> group_;
     std::size_t bytes_ = 0;
     std::map<std::string, bool> known_; ///< queues looked up for this group
@@ -99,6 +108,7 @@ class Delivery {
     std::uint64_t delivered_ = 0;
     std::uint64_t dead_lettered_ = 0;
     std::uint64_t dropped_ = 0;
+    std::uint64_t repeats_ = 0;
     std::uint64_t lost_ = 0;
     bool given_up_ = false;
 };

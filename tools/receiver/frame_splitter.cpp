@@ -168,6 +168,7 @@ FeedEnd FrameSplitter::use_data(Bytes package, FrameSink& sink) {
     WireMessage message{};
     message.type = header_.sMsgType[0];
     message.queue = parse_padded_text(header_.sDestQue).value_or(std::string_view());
+    message.block = package.first<kBlockSize>();
     message.descriptor = decode_descriptor(package.first<kBlockSize>());
     message.descriptor.iMsgType = static_cast<int>(parse_signed_number(header_.sIPCMsgType).value_or(0));
     message.descriptor.iMsgCode = static_cast<int>(parse_signed_number(header_.sIPCMsgCode).value_or(0));

@@ -26,7 +26,8 @@ constexpr std::size_t kMaxWirePath = 1023;                      ///< body of a f
 struct WireMessage {
     char type; ///< KVR_CHL_FRAME_DATA or KVR_CHL_FRAME_FILE
     std::string_view queue;
-    T_KAVRO_MD descriptor; ///< with the header's type and code; texts are raw copies and may lack a NUL
+    T_KAVRO_MD descriptor;       ///< with the header's type and code; texts are raw copies and may lack a NUL
+    std::span<const char> block; ///< the descriptor's, as it came
     std::span<const char> body;
     std::string_view file_name; ///< of a file message: the base name in its body
     std::span<const std::string_view> attachments;

@@ -14,6 +14,9 @@ IncomingMessage::IncomingMessage(const Line& line, ListenerContext& context) : l
     if (context_.journal.enabled()) {
         digest_ = std::make_unique<Sha256>();
     }
+    if (context_.options.take_once > 0) {
+        identity_ = std::make_unique<IdentityDigest>(context_.options.store->seed());
+    }
 }
 
 void IncomingMessage::begin(const WireMessage& message) {
@@ -30,6 +33,9 @@ void IncomingMessage::begin(const WireMessage& message) {
     if (digest_) {
         digest_->add(message.body);
         body_digest_ = digest_->finish();
+    }
+    if (identity_) {
+        identity_->begin(line_.channel, message);
     }
     files_.clear();
     facts_.clear();
@@ -60,6 +66,9 @@ std::size_t IncomingMessage::kept_memory() const {
 
 void IncomingMessage::begin_file(std::size_t index, std::uint64_t length) {
     facts_[index].length = length;
+    if (identity_) {
+        identity_->begin_file(length);
+    }
     current_file_ = index;
 }
 
@@ -78,8 +87,12 @@ bool IncomingMessage::take_file_bytes(std::span<const char>& bytes) {
         bytes = {};
     }
     spooled_ += keeps() ? offered.size() - bytes.size() : 0;
+    const std::span<const char> taken = offered.first(offered.size() - bytes.size());
     if (digest_) {
-        digest_->add(offered.first(offered.size() - bytes.size()));
+        digest_->add(taken);
+    }
+    if (identity_) {
+        identity_->add_file_bytes(taken);
     }
     no_room_ = no_room_ && failed != nullptr;
     return failed == nullptr;
@@ -157,6 +170,9 @@ void IncomingMessage::hand_over() {
     ++count_;
     if (context_.journal.enabled()) {
         message_.journal = facts();
+    }
+    if (identity_) {
+        message_.identity = identity_->finish();
     }
     std::vector<FileFacts>().swap(facts_);
     if (drop_reason_.empty()) {

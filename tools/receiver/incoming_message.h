@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "frame_splitter.h"
+#include "identity_digest.h"
 #include "listener_context.h"
 #include "sha256.h"
 
@@ -83,7 +84,8 @@ class IncomingMessage {
     std::vector<IncomingFile> files_;
     std::vector<FileFacts> facts_; ///< of each file, for the journal
     std::size_t current_file_ = 0;
-    std::unique_ptr<Sha256> digest_; ///< null without a journal
+    std::unique_ptr<Sha256> digest_;           ///< null without a journal
+    std::unique_ptr<IdentityDigest> identity_; ///< null where nobody asks for it
 };
 
 } // namespace kvr

@@ -92,10 +92,8 @@ Listener::Listener(const ListenerOptions& options)
     : journal_(options.journal),
       tls_(options.tls.enabled ? std::optional<TlsServer>(std::in_place, options.tls) : std::nullopt),
       spool_(options.store ? std::optional<Spool>(std::in_place, options.spool) : std::nullopt),
-      delivery_(options.store, spool_ ? &*spool_ : nullptr, journal_), context_{options,
-                                                                                tls_ ? tls_->context() : nullptr,
-                                                                                spool_ ? &*spool_ : nullptr, delivery_,
-                                                                                journal_},
+      delivery_(options.store, spool_ ? &*spool_ : nullptr, journal_, options.take_once),
+      context_{options, tls_ ? tls_->context() : nullptr, spool_ ? &*spool_ : nullptr, delivery_, journal_},
       acceptor_(context_, connections_) {
     const int port = acceptor_.port();
     if (!options.port_file.empty()) {
@@ -321,9 +319,11 @@ int Listener::end() {
     log_counts(true);
     const std::string dropped =
         delivery_.dropped() > 0 ? fmt::format(", {} messages dropped", delivery_.dropped()) : std::string();
-    listen_log(fmt::format("stopped: {} connections, {} messages, {} bytes, {} messages dead-lettered{}",
+    const std::string repeats =
+        context_.options.take_once > 0 ? fmt::format(", {} repeats left out", delivery_.repeats()) : std::string();
+    listen_log(fmt::format("stopped: {} connections, {} messages, {} bytes, {} messages dead-lettered{}{}",
                            acceptor_.accepted(), delivery_.delivered(), context_.bytes, delivery_.dead_lettered(),
-                           dropped));
+                           dropped, repeats));
     const bool lost = lost_unseen_ || delivery_.lost() + context_.lost_bytes > 0;
     if (lost) {
         listen_log(fmt::format("lost: {} complete messages, and {} bytes of others that had come", delivery_.lost(),

@@ -54,6 +54,7 @@ struct ListenerOptions {
     std::shared_ptr<Store> store;       ///< null: messages are split, checked, counted and dropped
     std::filesystem::path spool;        ///< with a store; its parent must exist
     std::filesystem::path journal;      ///< empty: none
+    std::uint64_t take_once = 0;        ///< leave out repeats of the last so many messages; 0: of none; with a store
     std::size_t max_connections = 1024; ///< fewer when the limit of open files is not enough for them
     std::size_t max_per_address = 256;  ///< beyond it an idle one of the address makes room
     int idle_seconds = 10;              ///< without progress, before a connection can be asked to make room

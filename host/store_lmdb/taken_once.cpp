@@ -1,0 +1,165 @@
+// SPDX-License-Identifier: MIT
+#include "store_lmdb/taken_once.h"
+
+#include <algorithm>
+#include <array>
+#include <string>
+
+#include "store_lmdb/mdb_error.h"
+#include "store_lmdb/message_table.h"
+#include "store_lmdb/store_layout.h"
+
+namespace kvr {
+
+namespace {
+
+constexpr std::size_t kIdentitySize = sizeof(MessageIdentity);
+/// Two such records fill a page; a larger one would get pages of its own.
+constexpr std::size_t kRecordIdentities = 126;
+/// A put deletes so many more than it brings, where there are too many.
+constexpr std::size_t kTrim = 512;
+
+/// Big-endian, so that records lie in the order of their numbers.
+class RecordKey {
+  public:
+    explicit RecordKey(std::uint64_t number) {
+        for (std::size_t i = bytes_.size(); i-- > 0; number >>= 8U) {
+            bytes_.at(i) = static_cast<char>(number & 0xffU);
+        }
+    }
+    [[nodiscard]] std::string_view view() const { return {bytes_.data(), bytes_.size()}; }
+    static std::uint64_t number(const MDB_val& key) {
+        std::uint64_t number = 0;
+        for (const char c : to_view(key)) {
+            number = number << 8U | static_cast<unsigned char>(c);
+        }
+        return number;
+    }
+
+  private:
+    std::array<char, sizeof(std::uint64_t)> bytes_{};
+};
+
+void append_record(WriteTxn& write, std::uint64_t number, std::span<const MessageIdentity> identities) {
+    const RecordKey key(number);
+    MDB_val key_val = to_val(key.view());
+    MDB_val value{identities.size_bytes(), const_cast<char*>(identities.front().data())}; // NOLINT: LMDB reads it only
+    check_mdb(mdb_put(write.txn(), write.env().taken, &key_val, &value, MDB_APPEND), "remember messages",
+              write.env().folder());
+}
+
+} // namespace
+
+std::vector<bool> TakenOnce::take(WriteTxn& write, std::span<const MessageIdentity> identities,
+                                  std::uint64_t remember) {
+    known_.reserve(remember + remember / 8 + 2 * kTrim);
+    try {
+        follow(write.txn(), write.env());
+    } catch (...) {
+        clear(); // it may have got half of a record
+        throw;
+    }
+    std::set<MessageIdentity> seen;
+    std::vector<MessageIdentity> fresh;
+    std::vector<bool> is_fresh;
+    for (const MessageIdentity& identity : identities) {
+        is_fresh.push_back(!known_.contains(identity) && seen.insert(identity).second);
+        if (is_fresh.back()) {
+            fresh.push_back(identity);
+        }
+    }
+    remember_these(write, fresh, remember);
+    return is_fresh;
+}
+
+/// Whatever makes the newest record in memory another one than the table's, a table that was put back to an earlier
+/// state or all of it replaced by other processes, has memory read anew.
+void TakenOnce::follow(MDB_txn* txn, Environment& env) {
+    const std::uint64_t next = first_ + counts_.size();
+    const auto newest = counts_.empty() ? std::nullopt : table_get(txn, env.taken, RecordKey(next - 1).view(), env);
+    if (!newest || newest->size() != counts_.back() * kIdentitySize || !known_.ends_with(*newest)) {
+        clear();
+    }
+    Cursor cursor(txn, env.taken, env);
+    MDB_val key{};
+    MDB_val value{};
+    if (!cursor.get(key, value, MDB_FIRST)) {
+        return;
+    }
+    const std::uint64_t oldest = RecordKey::number(key);
+    if (counts_.empty()) {
+        first_ = oldest;
+    }
+    for (; first_ < oldest; ++first_) {
+        for (std::size_t i = counts_.front(); i > 0; --i) {
+            known_.pop();
+        }
+        counts_.pop_front();
+    }
+    load_from(cursor, env);
+}
+
+/// Adds what comes behind the records in memory.
+void TakenOnce::load_from(Cursor& cursor, Environment& env) {
+    const RecordKey start(first_ + counts_.size());
+    MDB_val key = to_val(start.view());
+    MDB_val value{};
+    std::uint64_t read = 0;
+    for (bool found = cursor.get(key, value, MDB_SET_RANGE); found; found = cursor.get(key, value, MDB_NEXT)) {
+        add_record(to_view(value));
+        if ((read += value.mv_size) > kReadBeforeDrop) {
+            env.drop_pages();
+            read = 0;
+        }
+    }
+}
+
+void TakenOnce::add_record(std::string_view record) {
+    const std::size_t count = record.size() / kIdentitySize;
+    for (std::size_t i = 0; i < count; ++i) {
+        MessageIdentity identity;
+        std::ranges::copy(record.substr(i * kIdentitySize, kIdentitySize), identity.begin());
+        known_.push(identity);
+    }
+    counts_.push_back(static_cast<std::uint8_t>(count));
+}
+
+void TakenOnce::remember_these(WriteTxn& write, std::span<const MessageIdentity> identities, std::uint64_t remember) {
+    if (identities.empty()) {
+        return;
+    }
+    std::uint64_t added = 0;
+    std::uint64_t number = first_ + counts_.size();
+    for (std::span<const MessageIdentity> rest = identities; !rest.empty();) {
+        const auto part = rest.first(std::min(rest.size(), kRecordIdentities));
+        append_record(write, number++, part);
+        added += stored_size(part.size_bytes());
+        rest = rest.subspan(part.size());
+    }
+    std::uint64_t freed = 0;
+    std::uint64_t left = known_.size() + identities.size();
+    const std::uint64_t enough = left - std::min<std::uint64_t>(left, identities.size() + kTrim);
+    for (std::size_t i = 0; i < counts_.size() && left > enough && left - counts_[i] >= remember; ++i) {
+        table_erase(write, write.env().taken, RecordKey(first_ + i).view());
+        freed += stored_size(counts_[i] * kIdentitySize);
+        left -= counts_[i];
+    }
+    const std::uint64_t usage = load_usage(write.txn(), write.env()) + added;
+    save_usage(write, usage - std::min(usage, freed));
+}
+
+void TakenOnce::clear() {
+    known_.clear();
+    counts_.clear();
+    first_ = 1;
+}
+
+void TakenOnce::settle(std::span<const MessageIdentity> identities, std::vector<bool>& put) {
+    for (std::size_t i = 0; !open_.empty() && i < identities.size(); ++i) {
+        if (open_.erase(identities[i]) > 0) {
+            put[i] = true;
+        }
+    }
+}
+
+} // namespace kvr
