@@ -30,6 +30,7 @@ std::tm in_utc(std::int64_t seconds) {
 std::optional<std::int64_t> parse_age(std::string_view text) {
     constexpr std::int64_t kMinuteSeconds = 60;
     constexpr std::int64_t kHourSeconds = 60 * kMinuteSeconds;
+    constexpr std::int64_t kDaySeconds = 24 * kHourSeconds;
     std::uint32_t number = 0;
     const char* const end = text.data() + text.size();
     const auto [rest, error] = std::from_chars(text.data(), end, number);
@@ -44,7 +45,7 @@ std::optional<std::int64_t> parse_age(std::string_view text) {
     case 'h':
         return number * kHourSeconds;
     case 'd':
-        return number * 24 * kHourSeconds;
+        return number * kDaySeconds;
     default:
         return std::nullopt;
     }
