@@ -2,7 +2,9 @@
 #include "core_ctx/worker.h"
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,11 +24,13 @@
 #include "kavro_ac/kavro_ac_host.h"
 #include "kavro_log.h"
 #include "kavro_log/log.h"
+#include "kavro_object/kavro_object_host.h"
 #include "kavro_queue/kavro_queue_host.h"
 #include "kavutil.h"
 #include "kavutil/service.h"
 #include "kavutil/stop_point.h"
 #include "plug_mgr/plugin.h"
+#include "store/schema.h"
 #include "store/store.h"
 
 extern "C" void __gcov_dump() __attribute__((weak)); // NOLINT(bugprone-reserved-identifier)
@@ -105,6 +109,21 @@ bool queue_exists(Store& store, const std::string& name) {
     }
 }
 
+/// What the host itself goes by of the definition. Throws for what could not work.
+void take_line_settings(const std::string& channel, const Attributes& definition) {
+    constexpr std::uint64_t kMebibyte = 1U << 20U;
+    const auto seconds = [&](const char* attr) { return std::chrono::seconds(channel_number(definition, attr)); };
+    const auto bytes = [&](const char* attr) {
+        return static_cast<std::uint64_t>(channel_number(definition, attr)) * kMebibyte;
+    };
+    check_channel(definition);
+    line_settings({channel,
+                   {KeepLimits{seconds("KEEPINT"), bytes("KEEPMAX")},
+                    {seconds("LOSSINT"), bytes("LOSSMAX")},
+                    channel_repeats(definition)},
+                   seconds("TRIALTMR")});
+}
+
 /// Returns whether the channel uses TLS.
 bool check_definition(Store& store, const std::string& channel) {
     std::optional<Attributes> definition = find_object(store, "CHL", channel);
@@ -125,6 +144,7 @@ bool check_definition(Store& store, const std::string& channel) {
         throw Error(Errc::kNotFound, "transmission queue '" + queue + "' of channel '" + channel +
                                          "' does not exist: define it with 'kvr define queue " + queue + "'");
     }
+    take_line_settings(channel, *definition);
     return strcasecmp((*definition)["SSLCAUTH"].c_str(), "ENABLE") == 0;
 }
 
@@ -302,6 +322,7 @@ void run_worker(const WorkerOptions& options, int argc, char** argv) {
     }
     tell_service_manager("READY=1"); // it is the channel's by now; whether the listener is there is its own affair
     std::atexit(on_exit_in_run);
+    object_set_status_hook(line_status);
     stop_set_hook(on_stop);
     stop_point(StopPlace::kBetweenMessages);
     const int result = plugin.raise(PluginEvent::kRun);

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "kavro_log/log_secret.h"
+#include "kavro_object/kavro_object_host.h"
 #include "kavutil/export.h"
 #include "kavutil/service.h"
 #include "kavutil/stop_point.h"
@@ -25,6 +26,14 @@ namespace {
 /// Attributes of one call: more than any class has.
 constexpr int kMaxCount = 32;
 constexpr BorderModule kSelf{"$kavro_object", "kavro_object"};
+
+StatusHook g_status_hook = nullptr;
+
+void tell_hook(const std::string& state, const Attributes& status) {
+    if (!state.empty() && g_status_hook != nullptr) {
+        g_status_hook(status);
+    }
+}
 
 /// What this process goes by of its channel's definition: each attribute as it was when the channel read it, at its
 /// start or when it began to connect. Operators change the definition meanwhile.
@@ -118,12 +127,19 @@ void set_attributes(const void* handle, const char* cls, const char* name, int c
     Attributes given = to_attributes(count, attrs, values);
     const std::string state = std::strcmp(cls, "CHS") == 0 && given.contains("STATUS") ? given["STATUS"] : "";
     add_own_status(cls, given);
+    const bool up = state == "RUNING";
+    if (!up) {
+        tell_hook(state, given); // a loss is one, whether the status can be written or not
+    }
     store_of(handle)->object_set(cls, name, given);
     if (!state.empty()) {
         show_state(state, given);
     }
-    if (state == "RUNING" && given.contains("REMOTEIP")) {
+    if (up && given.contains("REMOTEIP")) {
         log_line_up(name, given);
+    }
+    if (up) {
+        tell_hook(state, given);
     }
 }
 
@@ -167,6 +183,10 @@ int run_list(Operation operation, const void* handle, const char* cls, const cha
 }
 
 } // namespace
+
+void object_set_status_hook(StatusHook hook) {
+    g_status_hook = hook;
+}
 
 } // namespace kvr
 

@@ -9,11 +9,13 @@
 
 #include <cstring>
 #include <exception>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "kavro_log/log_message.h"
-#include "kavro_queue/kavro_queue_host.h"
+#include "kavro_queue/line_watch.h"
+#include "kavro_queue/message_files.h"
 #include "kavro_queue/open_queues.h"
 #include "kavutil/export.h"
 #include "kavutil/stop_point.h"
@@ -38,30 +40,17 @@ void hold_message_in_hand(const char* what, const std::exception& why) {
     }
 }
 
-std::vector<std::string> attachments_of(const T_KAVRO_MD& descriptor) {
-    std::vector<std::string> paths;
-    if ((descriptor.iMsgFlags & KVR_MSGFLAG_ACCESSORIES) == 0) {
-        return paths;
-    }
-    const auto* files = static_cast<const T_KAVRO_ACCESSORIES_MD*>(descriptor.pOptData);
-    if (files == nullptr || files->iNum < 0 || files->iNum > KVR_ACC_MAX) {
-        throw Error(Errc::kInvalid, "the message is flagged to have attached files and lists none that can be");
-    }
-    for (int i = 0; i < files->iNum; ++i) {
-        const char* path = files->sFiles[i];
-        const std::size_t length = strnlen(path, KVR_ACC_PATH_SIZE);
-        paths.emplace_back(path, length); // one without NUL is too long for the store, which says so
-    }
-    return paths;
-}
-
 void put_message(T_KVR_QUE_OBJ_HANDLE handle, const T_KAVRO_MD* descriptor, const char* data, int length) {
     const std::shared_ptr<OpenQueue> target = find_open_queue(handle);
     if (descriptor == nullptr || length < 0 || (data == nullptr && length > 0)) {
         throw Error(Errc::kInvalid, "a put needs a descriptor and its data");
     }
+    const std::span<const char> bytes(data, static_cast<std::size_t>(length));
+    if (line_watch().spares(*descriptor, bytes)) {
+        return;
+    }
     const std::vector<std::string> attachments = attachments_of(*descriptor);
-    const OutgoingMessage message{descriptor, attachments, {data, static_cast<std::size_t>(length)}};
+    const OutgoingMessage message{descriptor, attachments, bytes};
     if (const std::shared_ptr<OpenQueue> source = queue_in_hand()) {
         source->getter->put_instead(target->name, message);
     } else {
@@ -91,6 +80,9 @@ extern "C" KVR_EXPORT int KVR_QueOpen(T_KVR_QUE_DB_HANDLE hQueDB, char* psName, 
         return 0;
     } catch (const std::exception& error) {
         const int result = kvr::fail_at_border(kvr::kSelf, error, kvr::BorderPlace::here());
+        if (kvr::line_watch().spares_without_files()) {
+            return result;
+        }
         kvr::hold_message_in_hand("no dead-letter queue: ", error);
         return result;
     }
@@ -103,7 +95,7 @@ extern "C" KVR_EXPORT int KVR_QueClose(T_KVR_QUE_DB_HANDLE /*hQueDB*/, char* /*p
         if (queue->getter) {
             kvr::log_set_message(nullptr);
             const std::unique_ptr<kvr::Getter> getter = std::move(queue->getter);
-            getter->commit();
+            kvr::line_watch().close(*getter);
         }
         return 0;
     } catch (const std::exception& error) {
@@ -120,15 +112,15 @@ extern "C" KVR_EXPORT int KVR_QueMsgGet(T_KVR_QUE_DB_HANDLE /*hQueDB*/, T_KVR_QU
         }
         if (!queue->getter) {
             kvr::stop_point(kvr::StopPlace::kBetweenMessages);
-            queue->getter = queue->store->drain(queue->name);
+            queue->getter = kvr::line_watch().drain(*queue->store, queue->name);
         }
         kvr::log_set_message(nullptr);
-        const std::int64_t length = queue->getter->next(*ptMD, {psBuf, static_cast<std::size_t>(*piLen)}, true);
+        const std::int64_t length =
+            kvr::line_watch().next(*queue->getter, *ptMD, {psBuf, static_cast<std::size_t>(*piLen)});
         if (length < 0) {
             return static_cast<int>(Errc::kInterrupted); // no fault: nothing for the log
         }
         *piLen = static_cast<int>(length);
-        kvr::log_set_message(ptMD->sMsgId);
         return 0;
     } catch (const std::exception& error) {
         return kvr::fail_at_border(kvr::kSelf, error, kvr::BorderPlace::here());

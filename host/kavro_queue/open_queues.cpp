@@ -30,6 +30,18 @@ std::uintptr_t to_number(T_KVR_QUE_OBJ_HANDLE handle) {
     return reinterpret_cast<std::uintptr_t>(handle);
 }
 
+template <class Condition>
+std::shared_ptr<OpenQueue> find_queue(Condition condition) {
+    OpenQueues& all = open_queues();
+    const std::scoped_lock guard(all.mutex);
+    for (const auto& [handle, queue] : all.by_handle) {
+        if (condition(*queue)) {
+            return queue;
+        }
+    }
+    return nullptr;
+}
+
 [[noreturn]] void not_open() {
     throw Error(Errc::kNotOpen, "the handle is of no open queue: open the queue first");
 }
@@ -64,15 +76,12 @@ std::shared_ptr<OpenQueue> remove_open_queue(T_KVR_QUE_OBJ_HANDLE handle) {
     return node.mapped();
 }
 
+std::shared_ptr<OpenQueue> drained_queue() {
+    return find_queue([](const OpenQueue& queue) { return queue.getter != nullptr; });
+}
+
 std::shared_ptr<OpenQueue> queue_in_hand() {
-    OpenQueues& all = open_queues();
-    const std::scoped_lock guard(all.mutex);
-    for (const auto& [handle, queue] : all.by_handle) {
-        if (queue->getter && queue->getter->in_hand()) {
-            return queue;
-        }
-    }
-    return nullptr;
+    return find_queue([](const OpenQueue& queue) { return queue.getter && queue.getter->in_hand(); });
 }
 
 void queue_give_back() {

@@ -23,6 +23,8 @@ T_KVR_QUE_OBJ_HANDLE add_open_queue(std::shared_ptr<OpenQueue> queue);
 std::shared_ptr<OpenQueue> find_open_queue(T_KVR_QUE_OBJ_HANDLE handle);
 /// Takes the queue out of the table. Throws kNotOpen.
 std::shared_ptr<OpenQueue> remove_open_queue(T_KVR_QUE_OBJ_HANDLE handle);
+/// The queue that the process drains, null for none.
+std::shared_ptr<OpenQueue> drained_queue();
 /// The queue whose message the process holds in hand, null for none.
 std::shared_ptr<OpenQueue> queue_in_hand();
 

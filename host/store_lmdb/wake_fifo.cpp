@@ -37,26 +37,6 @@ UniqueFd open_fifo(const std::filesystem::path& path) {
 
 } // namespace
 
-void SignalBlock::block() {
-    if (blocked_) {
-        return;
-    }
-    sigset_t set;
-    sigfillset(&set);
-    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP}) {
-        sigdelset(&set, fault);
-    }
-    pthread_sigmask(SIG_BLOCK, &set, &original_);
-    blocked_ = true;
-}
-
-void SignalBlock::restore() {
-    if (blocked_) {
-        blocked_ = false;
-        pthread_sigmask(SIG_SETMASK, &original_, nullptr);
-    }
-}
-
 void WakeFifo::create(const std::filesystem::path& path) {
     if (::mkfifo(path.c_str(), 0600) != 0 && errno != EEXIST) {
         throw_system("make", path, errno);

@@ -7,27 +7,10 @@
 #include <csignal>
 #include <filesystem>
 
+#include "kavutil/signal_block.h"
 #include "kavutil/unique_fd.h"
 
 namespace kvr {
-
-/// Blocks signals from block() until destroyed, restore() apart. Synchronous ones (faults) stay deliverable.
-class SignalBlock {
-  public:
-    SignalBlock() = default;
-    ~SignalBlock() { restore(); }
-    SignalBlock(const SignalBlock&) = delete;
-    SignalBlock& operator=(const SignalBlock&) = delete;
-
-    void block();
-    void restore();
-    /// The caller's mask; valid while blocked.
-    [[nodiscard]] const sigset_t& original() const { return original_; }
-
-  private:
-    sigset_t original_{};
-    bool blocked_ = false;
-};
 
 class WakeFifo {
   public:
