@@ -4,6 +4,7 @@
 #include "kavro_ac.h"
 #include "kavro_ac/kavro_ac_host.h"
 #include "kavro_queue/kavro_queue_host.h"
+#include "kavutil/stop_point.h"
 #include "store_fixture.h"
 
 namespace kvr {
@@ -73,6 +74,83 @@ TEST_P(HostOpsTest, DeadLetterPutTakesTheMessageAlongOrItIsHeld) {
     EXPECT_EQ(close(source), Errc{});
     EXPECT_EQ(shown(), (Texts{"1!", "2!", "3!", "4"}));
     EXPECT_EQ(shown("DEAD"), Texts{"0&"});
+}
+
+/// What the channel's status says one after the other.
+void say(const std::vector<const char*>& words) {
+    for (const char* word : words) {
+        line_status({{"STATUS", word}});
+    }
+}
+
+TEST_P(HostOpsTest, AMessageThatOnlyLinesFailedIsGivenBackAndComesFirst) {
+    const std::string file = folder_.path() / "file";
+    std::ofstream(file) << "x";
+    const struct {
+        int trial;
+        Texts files;
+        std::vector<const char*> words; ///< after it was handed out
+        bool dead;
+    } cases[] = {
+        {8, {}, {"RETRYING", "BINDING", "RUNING"}, false},
+        {8, {file}, {"RETRYING", "BINDING"}, false},
+        {8, {}, {}, true},
+        {8, {}, {"RETRYING"}, true},
+        {8, {file + ".gone"}, {"RETRYING", "RUNING"}, true},
+        {8, {folder_.path()}, {"RETRYING", "RUNING"}, true},
+        {0, {}, {"RETRYING", "RUNING"}, true},
+    };
+    EXPECT_EQ(open("DEAD"), Errc{});
+    const auto dead_queue = handle_;
+    for (const auto& [trial, files, words, dead] : cases) {
+        line_settings({"C", {}, std::chrono::seconds(trial)});
+        EXPECT_EQ(open("Q"), Errc{});
+        say({"RUNING"});
+        StoreTest::put("1", files);
+        StoreTest::put("2");
+        EXPECT_EQ(get(handle_), Errc{});
+        say(words);
+        EXPECT_EQ(put(dead_queue), Errc{});
+        EXPECT_EQ(shown(), dead ? Texts{"2"} : Texts({files.empty() ? "1" : "1&", "2"}))
+            << testing::PrintToString(words);
+        line_settings({});
+        EXPECT_EQ(get(handle_), Errc{});
+        EXPECT_EQ(buffer_[0], dead ? '2' : '1');
+        EXPECT_TRUE(dead || get(handle_) == Errc{});
+        EXPECT_EQ(close(handle_), Errc{});
+    }
+}
+
+TEST_P(HostOpsTest, TheWaitForALineThatLastsEndsWithAStopOrTheReportOfALoss) {
+    put_all({"1"});
+    EXPECT_EQ(close(handle_), Errc{});
+    const auto wait_long = [&](bool in_hand, bool lost) {
+        return fork_user([&, in_hand, lost] {
+            line_settings({"C", {}, std::chrono::hours(1)});
+            stop_set_hook([](StopPlace at) { ::_exit(at == StopPlace::kMidMessage ? 2 : 1); });
+            if (KVR_InitQmgrCtx(&context_, KVR_GetQmgrName()) < 0 || open("Q") != Errc{} || get(handle_) != Errc{}) {
+                return 9;
+            }
+            if (lost) {
+                test::mask_signal(SIG_BLOCK, SIGUSR2);
+                ::raise(SIGUSR2);
+            }
+            if (!in_hand) {
+                queue_give_back();
+            }
+            test::mask_signal(SIG_UNBLOCK, SIGTERM);
+            for (int i = 0; i < 20; ++i) {
+                say({"RETRYING", "RUNING"}); // each has to last longer
+            }
+            return lost ? 3 : 9 + static_cast<int>(get(handle_));
+        });
+    };
+    std::signal(SIGTERM, [](int) { stop_request(); });
+    test::mask_signal(SIG_BLOCK, SIGTERM);
+    EXPECT_EQ(wait_long(false, false).result_under(SIGTERM), 1);
+    EXPECT_EQ(wait_long(true, false).result_under(SIGTERM), 2);
+    EXPECT_EQ(wait_long(true, true).result(), 3);
+    test::mask_signal(SIG_UNBLOCK, SIGTERM);
 }
 
 } // namespace
