@@ -30,6 +30,9 @@ class Cuts : public ::testing::TestWithParam<std::tuple<Carrier, bool>> {
 };
 
 TEST_P(Cuts, AfterEachByteCostNoMoreThanWhatWasOnTheWay) {
+    h_.stop_at_rest();
+    h_.field.set_channel({{"TRIALTMR", "0"}});
+    h_.run();
     const std::uint64_t whole = put_one_of_each().back();
     const bool quick = std::getenv("KVR_BATTERY_ROUNDS") == nullptr; // NOLINT(concurrency-mt-unsafe)
     const std::uint64_t step = quick ? whole / 30 : 1;

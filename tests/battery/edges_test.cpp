@@ -114,7 +114,7 @@ TEST(Storm, DamagesNothingAndTheChannelGetsOn) {
     for (const Carrier carrier : {Carrier::kPlain, Carrier::kTls13}) {
         History h(1, carrier);
         h.stop();
-        h.field.set_channel({{"SHORTTMR", "0"}, {"HBINT", "1"}});
+        h.field.set_channel({{"SHORTTMR", "0"}, {"HBINT", "1"}, {"TRIALTMR", "0"}});
         h.start();
         h.await_text("log", "starting, plug-in");
         const auto steps = [&h] { return h.since("log", "start recv msg") + h.since("log", "begin connect"); };
