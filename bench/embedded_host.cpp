@@ -41,12 +41,20 @@ constexpr std::size_t kGroupBytes = 8UL << 20;
 } // namespace
 
 EmbeddedHost::EmbeddedHost(std::filesystem::path program, std::filesystem::path home, std::string qmgr,
-                           std::uint16_t port)
+                           std::uint16_t port, const std::vector<std::string>& attributes)
     : program_(std::move(program)), home_(std::move(home)), qmgr_(std::move(qmgr)) {
     run_program({"create", qmgr_});
     run_program({"define", "queue", kQueue});
-    run_program({"define", "channel", kChannel, fmt::format("XMITQ={}", kQueue),
-                 fmt::format("CONNAME=127.0.0.1({})", port), "HBINT=60", "SHORTRTY=0", "LONGRTY=0"});
+    std::vector<std::string> channel = {"define",
+                                        "channel",
+                                        kChannel,
+                                        "HBINT=60",
+                                        "SHORTRTY=0",
+                                        "LONGRTY=0",
+                                        fmt::format("XMITQ={}", kQueue),
+                                        fmt::format("CONNAME=127.0.0.1({})", port)};
+    channel.insert(channel.end(), attributes.begin(), attributes.end());
+    run_program(channel);
     store_ = Store::open(home_ / qmgr_);
 }
 

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <sys/types.h>
 
@@ -21,7 +22,9 @@ namespace kvr::bench {
 class EmbeddedHost {
   public:
     /// Makes the queue manager `qmgr` in `home`, with a transmission queue and a channel to `port` on this machine.
-    EmbeddedHost(std::filesystem::path program, std::filesystem::path home, std::string qmgr, std::uint16_t port);
+    /// @param attributes  more of the channel, each as NAME=VALUE
+    EmbeddedHost(std::filesystem::path program, std::filesystem::path home, std::string qmgr, std::uint16_t port,
+                 const std::vector<std::string>& attributes = {});
 
     /// Puts `count` messages, in one commit.
     void put(const Message& message, std::size_t count);

@@ -67,5 +67,6 @@ void measure_messages(const Setup& setup);
 void measure_files(const Setup& setup);
 void measure_delays(const Setup& setup);
 void measure_depths(const Setup& setup);
+void measure_keep(const Setup& setup);
 
 } // namespace kvr::bench
