@@ -136,4 +136,27 @@ void run_bare_sender(const Message& message, Feed feed, std::uint16_t port) {
     }
 }
 
+void send_series(const Message& message, std::uint64_t count, std::uint64_t series, std::uint64_t last,
+                 std::uint16_t port) {
+    constexpr std::size_t kBatch = 256UL << 10;
+    const Frame frame(message);
+    std::string bytes = bind_frame();
+    const int sock = connect_to(port);
+    for (std::uint64_t i = 0; i <= count; ++i) {
+        T_KAVRO_CHL_MD block = frame.descriptor;
+        const std::string id = i < count ? fmt::format("{}.{}", series, i) : fmt::format("last {}", last);
+        std::memcpy(block.sMsgId, id.data(), std::min(id.size(), sizeof block.sMsgId));
+        bytes.append(reinterpret_cast<const char*>(&frame.header), sizeof frame.header);
+        bytes.append(reinterpret_cast<const char*>(&block), sizeof block);
+        bytes.append(message.data.data() + sizeof(T_KAVRO_HDR_XMITQ), message.body_size());
+        if (bytes.size() >= kBatch || i == count) {
+            write_all(sock, bytes.data(), bytes.size());
+            bytes.clear();
+        }
+    }
+    for (;;) {
+        pause();
+    }
+}
+
 } // namespace kvr::bench

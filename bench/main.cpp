@@ -77,7 +77,7 @@ struct Options {
     std::string program;
     std::string plugin;
     std::string dir = std::filesystem::temp_directory_path().string();
-    std::vector<std::string> sections = {"messages", "files", "delays", "depths", "keep"};
+    std::vector<std::string> sections = {"messages", "files", "delays", "depths", "keep", "listener"};
     int rounds = 5;
     bool quick = false;
 };
@@ -101,8 +101,10 @@ void run(const Options& options) {
                 measure_delays(setup);
             } else if (section == "keep") {
                 measure_keep(setup);
-            } else {
+            } else if (section == "depths") {
                 measure_depths(setup);
+            } else {
+                measure_listener(setup);
             }
         }
         print_targets();
@@ -134,8 +136,8 @@ int main(int argc, char** argv) {
         app.add_option("--rounds", options.rounds, "Rounds, of which the medians are shown")
             ->check(CLI::Range(1, 1000))
             ->capture_default_str();
-        app.add_option("--section", options.sections, "messages, files, delays, depths, keep [all]")
-            ->check(CLI::IsMember({"messages", "files", "delays", "depths", "keep"}));
+        app.add_option("--section", options.sections, "messages, files, delays, depths, keep, listener [all]")
+            ->check(CLI::IsMember({"messages", "files", "delays", "depths", "keep", "listener"}));
         app.add_flag("--quick", options.quick, "Everything once and small: does it run at all?");
         CLI11_PARSE(app, argc, argv);
         kvr::bench::run(options);

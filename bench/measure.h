@@ -68,5 +68,6 @@ void measure_files(const Setup& setup);
 void measure_delays(const Setup& setup);
 void measure_depths(const Setup& setup);
 void measure_keep(const Setup& setup);
+void measure_listener(const Setup& setup);
 
 } // namespace kvr::bench

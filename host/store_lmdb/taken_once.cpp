@@ -16,7 +16,8 @@ namespace {
 constexpr std::size_t kIdentitySize = sizeof(MessageIdentity);
 /// Two such records fill a page; a larger one would get pages of its own.
 constexpr std::size_t kRecordIdentities = 126;
-/// A put deletes so many more than it brings, where there are too many.
+/// Identities beyond those that stay are deleted once they are so many: each delete costs the pages on the way to the
+/// oldest. Where there are yet more, a put deletes so many more than it brings.
 constexpr std::size_t kTrim = 512;
 
 /// Big-endian, so that records lie in the order of their numbers.
@@ -107,7 +108,7 @@ void TakenOnce::load_from(Cursor& cursor, Environment& env) {
     std::uint64_t read = 0;
     for (bool found = cursor.get(key, value, MDB_SET_RANGE); found; found = cursor.get(key, value, MDB_NEXT)) {
         add_record(to_view(value));
-        if ((read += value.mv_size) > kReadBeforeDrop) {
+        if ((read += value.mv_size) > kReadBeforeDrop / 16) { // they lie apart, between pages of messages
             env.drop_pages();
             read = 0;
         }
@@ -130,15 +131,18 @@ void TakenOnce::remember_these(WriteTxn& write, std::span<const MessageIdentity>
     }
     std::uint64_t added = 0;
     std::uint64_t number = first_ + counts_.size();
+    const std::size_t records = (identities.size() + kRecordIdentities - 1) / kRecordIdentities;
+    const std::size_t each = (identities.size() + records - 1) / records;
     for (std::span<const MessageIdentity> rest = identities; !rest.empty();) {
-        const auto part = rest.first(std::min(rest.size(), kRecordIdentities));
+        const auto part = rest.first(std::min(rest.size(), each));
         append_record(write, number++, part);
         added += stored_size(part.size_bytes());
         rest = rest.subspan(part.size());
     }
     std::uint64_t freed = 0;
     std::uint64_t left = known_.size() + identities.size();
-    const std::uint64_t enough = left - std::min<std::uint64_t>(left, identities.size() + kTrim);
+    const std::uint64_t step = identities.size() + kTrim;
+    const std::uint64_t enough = left - (left < remember + kTrim ? 0 : std::min(left, step));
     for (std::size_t i = 0; i < counts_.size() && left > enough && left - counts_[i] >= remember; ++i) {
         table_erase(write, write.env().taken, RecordKey(first_ + i).view());
         freed += stored_size(counts_[i] * kIdentitySize);
