@@ -19,7 +19,7 @@ void IdentityRing::reserve(std::size_t count) {
         return;
     }
     std::vector<MessageIdentity> slots(count);
-    std::vector<std::uint32_t> index(count + count / 2);
+    std::vector<std::uint32_t> index(2 * count);
     for (std::size_t i = 0; i < size_; ++i) {
         slots[i] = slots_[(oldest_ + i) % slots_.size()];
     }

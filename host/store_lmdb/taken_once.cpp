@@ -60,12 +60,13 @@ std::vector<bool> TakenOnce::take(WriteTxn& write, std::span<const MessageIdenti
         clear(); // it may have got half of a record
         throw;
     }
-    std::set<MessageIdentity> seen;
+    IdentityRing here;
     std::vector<MessageIdentity> fresh;
     std::vector<bool> is_fresh;
     for (const MessageIdentity& identity : identities) {
-        is_fresh.push_back(!known_.contains(identity) && seen.insert(identity).second);
+        is_fresh.push_back(!known_.contains(identity) && !here.contains(identity));
         if (is_fresh.back()) {
+            here.push(identity);
             fresh.push_back(identity);
         }
     }
