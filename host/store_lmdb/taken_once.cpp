@@ -18,7 +18,9 @@ constexpr std::size_t kIdentitySize = sizeof(MessageIdentity);
 constexpr std::size_t kRecordIdentities = 126;
 /// Identities beyond those that stay are deleted once they are so many: each delete costs the pages on the way to the
 /// oldest. Where there are yet more, a put deletes so many more than it brings.
-constexpr std::size_t kTrim = 512;
+std::uint64_t greatest_surplus(std::uint64_t remember) {
+    return std::max<std::uint64_t>(512, remember / 32);
+}
 
 /// Big-endian, so that records lie in the order of their numbers.
 class RecordKey {
@@ -53,7 +55,7 @@ void append_record(WriteTxn& write, std::uint64_t number, std::span<const Messag
 
 std::vector<bool> TakenOnce::take(WriteTxn& write, std::span<const MessageIdentity> identities,
                                   std::uint64_t remember) {
-    known_.reserve(remember + remember / 8 + 2 * kTrim);
+    known_.reserve(remember + 2 * greatest_surplus(remember));
     try {
         follow(write.txn(), write.env());
     } catch (...) {
@@ -142,8 +144,8 @@ void TakenOnce::remember_these(WriteTxn& write, std::span<const MessageIdentity>
     }
     std::uint64_t freed = 0;
     std::uint64_t left = known_.size() + identities.size();
-    const std::uint64_t step = identities.size() + kTrim;
-    const std::uint64_t enough = left - (left < remember + kTrim ? 0 : std::min(left, step));
+    const std::uint64_t surplus = greatest_surplus(remember);
+    const std::uint64_t enough = left - (left < remember + surplus ? 0 : std::min(left, identities.size() + surplus));
     for (std::size_t i = 0; i < counts_.size() && left > enough && left - counts_[i] >= remember; ++i) {
         table_erase(write, write.env().taken, RecordKey(first_ + i).view());
         freed += stored_size(counts_[i] * kIdentitySize);

@@ -18,7 +18,7 @@ namespace {
 
 constexpr const char* kTlsGroup = "TLS";
 constexpr std::uint64_t kTakeOnce = 262144;        ///< 7 MB of memory
-constexpr std::uint64_t kMostTakeOnce = 16U << 20; ///< 400 MiB
+constexpr std::uint64_t kMostTakeOnce = 16U << 20; ///< 430 MB
 
 struct ListenCommand {
     ListenerOptions listener;
