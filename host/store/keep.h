@@ -14,8 +14,9 @@
 
 namespace kvr {
 
-/// Kept are messages until they are older than `time` or more than `bytes`, the oldest of them go first. They go when
-/// the queue's drainer uses messages or waits for them, in groups as they were used.
+/// Kept are messages until they are older than `time`, or as much as `bytes` was used after them, the oldest of them go
+/// first. They go in groups as they were used, while the queue's drainer uses messages or waits for them: so a group
+/// more than `bytes` can be there.
 struct KeepLimits {
     std::chrono::seconds time{0}; ///< since they were used; 0: nothing is kept, and what was kept goes
     std::uint64_t bytes = 0;

@@ -12,11 +12,6 @@ namespace kvr {
 
 namespace {
 
-QueueRecord read_queue(Reader& reader, const std::string& queue) {
-    const ReadScope scope(reader);
-    return load_queue(reader.txn(), queue, reader.env());
-}
-
 /// The record's message as the caller of next() gets it. Returns the bytes of its data.
 std::size_t copy_out(const MessageView& view, T_KAVRO_MD& descriptor, std::span<char> buffer) {
     std::memcpy(&descriptor, view.descriptor, kDescriptorSize); // the caller's pointer at its end stays
@@ -40,7 +35,7 @@ std::size_t copy_out(const MessageView& view, T_KAVRO_MD& descriptor, std::span<
 
 LmdbGetter::LmdbGetter(std::shared_ptr<LmdbStore> store, std::string queue, const DrainOptions& options)
     : store_(std::move(store)), env_(store_->env()), queue_(std::move(queue)), reader_(env_), options_(options) {
-    id_ = read_queue(reader_, queue_).id;
+    id_ = read_record().id;
     if (const pid_t holder = store_->drain_locks().acquire(id_); holder != 0) {
         throw Error(Errc::kBusy, "queue '" + queue_ + "' is drained by " + process_text(holder) +
                                      ": browse it, or stop that process first");
@@ -56,15 +51,21 @@ LmdbGetter::LmdbGetter(std::shared_ptr<LmdbStore> store, std::string queue, cons
 void LmdbGetter::take_over() {
     mark_ = store_->mark(id_);
     fifo_.emplace(store_->files().fifo(id_));
-    const QueueRecord record = read_queue(reader_, queue_); // as it is under the lock
+    const QueueRecord record = read_record(); // as it is under the lock
     if (record.id != id_) {
         throw Error(Errc::kBusy, "queue '" + queue_ + "' was defined anew meanwhile: try again");
     }
     order_.emplace(id_, queue_);
-    group_.emplace(*store_, queue_, *mark_, record.generation);
+    group_.emplace(*store_, queue_, *mark_, record, options_.keep);
     delete_left_over();
+    begin_lines();
     mark_->set_in_hand(0);
     mark_->set_waiting(false);
+}
+
+QueueRecord LmdbGetter::read_record() {
+    const ReadScope scope(reader_);
+    return load_queue(reader_.txn(), queue_, env_);
 }
 
 LmdbGetter::~LmdbGetter() {
@@ -148,7 +149,7 @@ bool LmdbGetter::take_next(T_KAVRO_MD& descriptor, std::span<char> buffer, std::
             group_->finish_late();
         } catch (const FullError&) {
             // Not even the reserve was enough. The mark knows what is used: deleted once there is room.
-            if (found == Found::kHeldOne) {
+            if (found == Found::kEdge) {
                 throw;
             }
             if (found == Found::kNothing) {
@@ -166,6 +167,7 @@ std::int64_t LmdbGetter::next(T_KAVRO_MD& descriptor, std::span<char> buffer, bo
     }
     retry_hold();
     use_up();
+    turn_back();
     stop_point(StopPlace::kBetweenMessages);
     std::int64_t length = -1;
     if (!wait) {
@@ -187,6 +189,7 @@ std::int64_t LmdbGetter::wait_for_message(T_KAVRO_MD& descriptor, std::span<char
         if (take_next(descriptor, buffer, length)) {
             return length;
         }
+        trim();
         if (!fifo_->wait(signals.original())) {
             signals.restore();
             stop_point(StopPlace::kBetweenMessages);

@@ -40,15 +40,16 @@ class LmdbGetter final : public Getter {
                              const std::function<std::string(std::string_view)>& change) override;
     void hold(std::string_view what, std::string_view why) override;
     [[nodiscard]] bool in_hand() const override { return hand_ != 0; }
-    [[nodiscard]] bool is_repeat() const override { return false; }
+    [[nodiscard]] bool is_repeat() const override { return hand_ != 0 && order_->is_repeat(); }
     [[nodiscard]] const Loss& inherited_loss() const override { return inherited_; }
-    Loss line_lost() override { return {}; }
-    void line_ended() override { commit(); }
+    Loss line_lost() override;
+    void line_ended() override;
 
   private:
     using Found = ReadingOrder::Found;
 
     void take_over();
+    QueueRecord read_record();
     void delete_left_over();
     void use_up();
     Found take(T_KAVRO_MD& descriptor, std::span<char> buffer, std::int64_t& length);
@@ -56,6 +57,12 @@ class LmdbGetter final : public Getter {
     std::int64_t wait_for_message(T_KAVRO_MD& descriptor, std::span<char> buffer, SignalBlock& signals);
     void count_read(std::uint64_t bytes);
     void let_go();
+
+    // getter_lines.cpp
+    [[nodiscard]] bool keeps() const { return options_.keep && options_.keep->time.count() > 0; }
+    void begin_lines();
+    void turn_back();
+    void trim();
 
     // getter_holds.cpp
     void replace_in_hand(const std::string& queue, const OutgoingMessage& message);
@@ -79,6 +86,7 @@ class LmdbGetter final : public Getter {
     std::uint64_t read_ = 0; ///< bytes since pages were let go
     DrainOptions options_;
     Loss inherited_;
+    bool must_turn_back_ = false; ///< after the message in hand come those that are handed out again
 };
 
 } // namespace kvr

@@ -4,6 +4,7 @@
 
 #include "store/message_record.h"
 #include "store_lmdb/getter.h"
+#include "store_lmdb/kept_ranges.h"
 #include "store_lmdb/keys.h"
 #include "store_lmdb/message_table.h"
 
@@ -32,6 +33,7 @@ void LmdbGetter::replace_in_hand(const std::string& queue, const OutgoingMessage
     std::shared_ptr<MarkFile> target_mark;
     // The quota is not asked: as much goes as comes.
     group_->finish([&](WriteTxn& write, QueueRecord& record) {
+        forget_repeats(write, record, {hand_, hand_});
         erase_messages(write, record, hand_, hand_, {});
         if (queue == queue_) {
             append_message(write, record, message);

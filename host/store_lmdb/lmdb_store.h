@@ -13,6 +13,7 @@
 
 #include "store/store.h"
 #include "store_lmdb/drain_lock.h"
+#include "store_lmdb/kept_ranges.h"
 #include "store_lmdb/mark_file.h"
 #include "store_lmdb/queue_record.h"
 #include "store_lmdb/store_layout.h"
@@ -79,14 +80,20 @@ class LmdbStore final : public Store, public std::enable_shared_from_this<LmdbSt
         std::uint64_t in_hand = 0; ///< 0 unless the mark is of the record's generation
     };
     Snapshot snapshot(Reader& reader, const std::string& queue);
+    enum class Shown { kOnQueue, kKept };
     struct Copied {
-        std::uint64_t sequence;
-        bool in_hand;
+        std::uint64_t sequence = 0;
+        bool in_hand = false;
         std::optional<std::string> held; ///< reason
+        std::optional<KeptRange> range;  ///< that holds it
         std::string record;
     };
     /// Messages from `from` on as they stand at one moment; moves `from` behind them. Empty at the queue's end only.
-    std::vector<Copied> copy_block(Reader& reader, const std::string& queue, std::uint64_t& from, std::size_t limit);
+    static std::uint64_t next_shown(RangeWalk& ranges, Shown shown, std::uint64_t place);
+    std::vector<Copied> copy_block(Reader& reader, const std::string& queue, Shown shown, std::uint64_t& from,
+                                   std::size_t limit);
+    void show(const std::string& queue, Shown shown, std::uint64_t from,
+              const std::function<bool(const StoredMessage&)>& visit);
     QueueInfo info_of(MDB_txn* txn, const std::string& name, const Snapshot& now);
     int remove_files(std::uint32_t id);
     void erase_step(const std::string& name, std::uint32_t id, bool purge, bool& done);

@@ -12,7 +12,7 @@
 //                                                          used
 // After a reboot the mark is ignored (its boot id differs): the page may be older than the last group. The group then
 // is delivered again, and after a power loss the one before it too, whose delete may not have reached the disk: at most
-// two groups (kGroupMessages, kGroupBytes in used_group.cpp, which says when a group can be larger).
+// two groups (UsedGroup::kMessages, kBytes; used_group.h says when a group can be larger).
 //
 // A queue that was deleted and defined again has another id, another store another store id: no mark passes for theirs.
 // A store that is put back from a backup gives ids again, so the definition of a queue removes what is left of an

@@ -7,7 +7,7 @@
 #include <limits>
 
 #include "store/message_record.h"
-#include "store_lmdb/keys.h"
+#include "store_lmdb/kept_ranges.h"
 #include "store_lmdb/mdb_error.h"
 #include "store_lmdb/store_layout.h"
 
@@ -19,22 +19,6 @@ constexpr std::size_t kMoveBytes = 4UL << 20;
 
 std::uint64_t less(std::uint64_t from, std::uint64_t amount) {
     return from - std::min(from, amount);
-}
-
-/// Calls `each(cursor, sequence, record)` for the queue's messages from `first` to `through` while it returns true.
-template <class Each>
-void for_range(MDB_txn* txn, const Environment& env, std::uint32_t queue, std::uint64_t first, std::uint64_t through,
-               Each each) {
-    const MessageKey start(queue, first);
-    Cursor cursor(txn, env.messages, env);
-    MDB_val key = to_val(start.view());
-    MDB_val value{};
-    for (bool found = cursor.get(key, value, MDB_SET_RANGE); found; found = cursor.get(key, value, MDB_NEXT)) {
-        const std::uint64_t sequence = MessageKey::sequence_in(to_view(key), queue);
-        if (sequence == 0 || sequence > through || !each(cursor, sequence, to_view(value))) {
-            return;
-        }
-    }
 }
 
 /// Copies the queue's first message from `from` on. Returns its sequence, 0 for none.
@@ -133,11 +117,16 @@ Moved move_messages(WriteTxn& write, QueueRecord& from, QueueRecord& to, std::ui
                     const std::function<std::string(std::string_view)>& change) {
     Moved moved{0, position};
     std::uint64_t held = first_held(write.txn(), write.env(), from.id, position + 1);
+    RangeWalk ranges(write.txn(), write.env(), from);
     std::string record; // a copy: the page that it lies on changes below
     for (std::size_t bytes = 0; moved.count < count;) {
         const std::uint64_t sequence = copy_first(write, from.id, moved.through + 1, record);
         if (sequence == 0) {
             return moved;
+        }
+        if (const KeptRange* range = ranges.at(sequence); range != nullptr && range->keeps(sequence)) {
+            moved.through = range->through;
+            continue;
         }
         if (sequence < held) {
             bytes += record.size();
@@ -145,6 +134,7 @@ Moved move_messages(WriteTxn& write, QueueRecord& from, QueueRecord& to, std::ui
                 !append_changed(write, to, record, change, moved.count > 0)) {
                 return moved;
             }
+            forget_repeats(write, from, {sequence, sequence});
             erase_messages(write, from, sequence, sequence, {});
             ++moved.count;
         } else {

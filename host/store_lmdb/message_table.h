@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "store/store.h"
+#include "store_lmdb/keys.h"
 #include "store_lmdb/mark_file.h"
 #include "store_lmdb/queue_record.h"
 #include "store_lmdb/transaction.h"
@@ -38,6 +39,22 @@ struct Moved {
 /// The work of Getter::move_group within a transaction, for messages after `position`.
 Moved move_messages(WriteTxn& write, QueueRecord& from, QueueRecord& to, std::uint64_t position, std::uint64_t count,
                     const std::function<std::string(std::string_view)>& change);
+/// Calls `each(cursor, sequence, record)` for the queue's messages from `first` to `through` while it returns true.
+template <class Each>
+void for_range(MDB_txn* txn, const Environment& env, std::uint32_t queue, std::uint64_t first, std::uint64_t through,
+               Each each) {
+    const MessageKey start(queue, first);
+    Cursor cursor(txn, env.messages, env);
+    MDB_val key = to_val(start.view());
+    MDB_val value{};
+    for (bool found = cursor.get(key, value, MDB_SET_RANGE); found; found = cursor.get(key, value, MDB_NEXT)) {
+        const std::uint64_t sequence = MessageKey::sequence_in(to_view(key), queue);
+        if (sequence == 0 || sequence > through || !each(cursor, sequence, to_view(value))) {
+            return;
+        }
+    }
+}
+
 /// Counts messages and their data in a range: what a mark says is used. Returns depth and bytes.
 std::pair<std::uint64_t, std::uint64_t> count_messages(MDB_txn* txn, const Environment& env, std::uint32_t queue,
                                                        UsedRange range);

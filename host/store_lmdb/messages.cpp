@@ -6,6 +6,7 @@
 
 #include "store/message_record.h"
 #include "store_lmdb/getter.h"
+#include "store_lmdb/kept_ranges.h"
 #include "store_lmdb/keys.h"
 #include "store_lmdb/lmdb_store.h"
 #include "store_lmdb/message_table.h"
@@ -17,6 +18,7 @@ namespace {
 /// What a browse copies out in one transaction: so many messages, or the one that exceeds so many bytes.
 constexpr std::size_t kBrowseMessages = 512;
 constexpr std::size_t kBrowseBytes = 256UL << 10;
+constexpr std::uint64_t kNowhere = UINT64_MAX;
 
 StoredMessage to_stored(std::uint64_t sequence, const MessageView& view) {
     StoredMessage message{};
@@ -32,47 +34,83 @@ StoredMessage to_stored(std::uint64_t sequence, const MessageView& view) {
 
 } // namespace
 
-std::vector<LmdbStore::Copied> LmdbStore::copy_block(Reader& reader, const std::string& queue, std::uint64_t& from,
-                                                     std::size_t limit) {
+/// Where, from this place on, messages may be that are to be shown; kNowhere: nowhere.
+std::uint64_t LmdbStore::next_shown(RangeWalk& ranges, Shown shown, std::uint64_t place) {
+    for (;;) {
+        const KeptRange* const range = ranges.at(place);
+        if (range == nullptr) {
+            return shown == Shown::kOnQueue ? place : kNowhere;
+        }
+        if (range->keeps(place) == (shown == Shown::kKept)) {
+            return place;
+        }
+        place = range->contains(place) ? range->through + 1 : range->first;
+    }
+}
+
+std::vector<LmdbStore::Copied> LmdbStore::copy_block(Reader& reader, const std::string& queue, Shown shown,
+                                                     std::uint64_t& from, std::size_t limit) {
     const ReadScope scope(reader);
     const Snapshot now = snapshot(reader, queue);
-    const std::uint64_t in_hand = drain_locks_.holder(now.record.id) != 0 ? now.in_hand : 0;
+    const std::uint32_t id = now.record.id;
+    const std::uint64_t in_hand = drain_locks_.holder(id) != 0 ? now.in_hand : 0;
     std::vector<Copied> block;
+    RangeWalk ranges(reader.txn(), env_, now.record);
     Cursor cursor(reader.txn(), env_.messages, env_);
-    const MessageKey start(now.record.id, now.used.contains(from) ? now.used.through + 1 : from);
-    MDB_val key = to_val(start.view());
+    MDB_val key{};
     MDB_val value{};
+    const auto seek = [&] {
+        const MessageKey start(id, from);
+        key = to_val(start.view());
+        return from != kNowhere && cursor.get(key, value, MDB_SET_RANGE);
+    };
     std::size_t bytes = 0;
-    for (bool found = cursor.get(key, value, MDB_SET_RANGE); found; found = cursor.get(key, value, MDB_NEXT)) {
-        const std::uint64_t sequence = MessageKey::sequence_in(to_view(key), now.record.id);
+    from = now.used.contains(from) ? now.used.through + 1 : from;
+    for (bool found = seek(); found;) {
+        const std::uint64_t sequence = MessageKey::sequence_in(to_view(key), id);
         if (sequence == 0 || block.size() >= limit || bytes > kBrowseBytes) {
             break;
         }
-        from = sequence + 1;
-        if (now.used.contains(sequence)) {
+        from = next_shown(ranges, shown, sequence);
+        if (from != sequence) {
+            found = seek();
             continue;
         }
-        Copied& copied = block.emplace_back(Copied{sequence, sequence == in_hand, {}, std::string(to_view(value))});
-        bytes += value.mv_size;
-        if (now.record.held > 0) {
-            copied.held = table_get(reader.txn(), env_.held, MessageKey(now.record.id, sequence).view(), env_);
+        from = sequence + 1;
+        if (!now.used.contains(sequence)) {
+            Copied& copied = block.emplace_back();
+            copied.sequence = sequence;
+            copied.in_hand = sequence == in_hand;
+            copied.record = to_view(value);
+            bytes += value.mv_size;
+            if (now.record.held > 0) {
+                copied.held = table_get(reader.txn(), env_.held, MessageKey(id, sequence).view(), env_);
+            }
+            if (const KeptRange* const range = ranges.at(sequence); range != nullptr && range->contains(sequence)) {
+                copied.range = *range;
+            }
         }
+        found = cursor.get(key, value, MDB_NEXT);
     }
     return block;
 }
 
-void LmdbStore::browse(const std::string& queue, std::uint64_t from,
-                       const std::function<bool(const StoredMessage&)>& visit) {
+void LmdbStore::show(const std::string& queue, Shown shown, std::uint64_t from,
+                     const std::function<bool(const StoredMessage&)>& visit) {
     // No transaction while the visitor runs: it may be slow, or use the store. Blocks begin small for a short look.
     Reader reader(env_);
     std::size_t read = 0;
     for (std::size_t limit = 1;; limit = std::min(2 * limit, kBrowseMessages)) {
-        const std::vector<Copied> block = copy_block(reader, queue, from, limit);
+        const std::vector<Copied> block = copy_block(reader, queue, shown, from, limit);
         for (const Copied& copied : block) {
             StoredMessage message = to_stored(copied.sequence, decode_message(copied.record));
             message.in_hand = copied.in_hand;
             message.held = copied.held.has_value();
             message.held_reason = copied.held.value_or("");
+            message.repeat = copied.range && !copied.range->is_kept();
+            if (copied.range && copied.range->is_kept()) {
+                message.kept = {copied.range->used_at, copied.range->state == RangeState::kSuspected};
+            }
             if (!visit(message)) {
                 return;
             }
@@ -87,6 +125,16 @@ void LmdbStore::browse(const std::string& queue, std::uint64_t from,
             read = 0;
         }
     }
+}
+
+void LmdbStore::browse(const std::string& queue, std::uint64_t from,
+                       const std::function<bool(const StoredMessage&)>& visit) {
+    show(queue, Shown::kOnQueue, from, visit);
+}
+
+void LmdbStore::browse_kept(const std::string& queue, std::uint64_t from,
+                            const std::function<bool(const StoredMessage&)>& visit) {
+    show(queue, Shown::kKept, from, visit);
 }
 
 std::uint64_t LmdbStore::release_held(const std::string& queue) {
@@ -111,11 +159,30 @@ std::uint64_t LmdbStore::release_held(const std::string& queue) {
     return released;
 }
 
-void LmdbStore::browse_kept(const std::string& /*queue*/, std::uint64_t /*from*/,
-                            const std::function<bool(const StoredMessage&)>& /*visit*/) {}
-
-std::uint64_t LmdbStore::replay(const std::string& /*queue*/, std::span<const Places> /*places*/) {
-    return 0;
+std::uint64_t LmdbStore::replay(const std::string& queue, std::span<const Places> places) {
+    // What the last drainer used is kept only once its group was finished, which the next one does first.
+    try {
+        drain(queue);
+    } catch (const Error& error) {
+        if (error.code() != Errc::kBusy) {
+            throw;
+        }
+    }
+    std::uint64_t count = 0;
+    std::uint32_t id = 0;
+    std::shared_ptr<MarkFile> its_mark;
+    write(Need::kMust, [&](WriteTxn& write) {
+        QueueRecord record = load_queue(write.txn(), queue, env_);
+        id = record.id;
+        its_mark = mark(id);
+        count = 0;
+        for (const Places& each : places) {
+            count += hand_out_again(write, record, each);
+        }
+        save_queue(write, queue, record);
+    });
+    wake(id, *its_mark);
+    return count;
 }
 
 std::unique_ptr<Getter> LmdbStore::drain(const std::string& queue, const DrainOptions& options) {

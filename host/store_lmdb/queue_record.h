@@ -19,8 +19,18 @@ struct QueueRecord {
     std::uint64_t held = 0;          ///< those that are held
     std::uint64_t next_sequence = 1; ///< of the next put; sequences never restart
     std::uint64_t generation = 1;    ///< group deletes so far: a mark of another generation says nothing
-    std::uint64_t releases = 0;      ///< times that held messages were put back
+    std::uint64_t releases = 0;      ///< times that held or kept messages were put back
     std::string description;
+
+    // Used messages that are kept (kept_ranges.h); they are in the table, and in neither depth nor bytes.
+    bool keeping = false;        ///< what the queue's last drainer used is to be kept
+    std::uint64_t kept = 0;      ///< messages
+    std::uint64_t kept_data = 0; ///< bytes of their data
+    std::uint64_t next_use = 0;  ///< number of the next range; 0: none was ever kept
+    std::uint64_t settled = 0;   ///< ranges below this number are under no suspicion that is still to be raised
+    std::uint64_t trimmed = 0;   ///< greatest number of a range that was deleted for the limits' sake
+    std::int64_t trimmed_at = 0; ///< when it was used
+    [[nodiscard]] bool has_ranges() const { return next_use > 0; }
 };
 
 /// Nothing when there is no such queue.

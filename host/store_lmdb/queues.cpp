@@ -8,6 +8,7 @@
 
 #include "store/names.h"
 #include "store/system_error.h"
+#include "store_lmdb/kept_ranges.h"
 #include "store_lmdb/keys.h"
 #include "store_lmdb/lmdb_store.h"
 #include "store_lmdb/message_table.h"
@@ -126,7 +127,8 @@ void LmdbStore::erase_step(const std::string& name, std::uint32_t id, bool purge
                                              " messages: drain it, or purge it with its messages");
             }
         }
-        if (erase_messages(write, record, 1, kLast, kPurgeStep) > 0 && record.depth > 0) {
+        if (drop_ranges(write, record) ||
+            (erase_messages(write, record, 1, kLast, kPurgeStep) > 0 && record.depth > 0)) {
             ++record.generation;
             save_queue(write, name, record);
             done = false;
@@ -162,16 +164,17 @@ LmdbStore::Snapshot LmdbStore::snapshot(Reader& reader, const std::string& queue
 QueueInfo LmdbStore::info_of(MDB_txn* txn, const std::string& name, const Snapshot& now) {
     const auto [used, used_bytes] = count_messages(txn, env_, now.record.id, now.used);
     const pid_t drainer = drain_locks_.holder(now.record.id);
+    const RangeSums ranges = sum_ranges(txn, env_, now.record);
     return {.name = name,
             .description = now.record.description,
             .depth = now.record.depth - std::min(now.record.depth, used),
             .bytes = now.record.bytes - std::min(now.record.bytes, used_bytes),
             .held = now.record.held,
             .drained_by = drainer != 0 ? std::optional(local_owner(drainer)) : std::nullopt,
-            .kept = 0,
-            .kept_bytes = 0,
-            .suspected = 0,
-            .repeats = 0};
+            .kept = now.record.kept,
+            .kept_bytes = line_bytes(now.record.kept, now.record.kept_data),
+            .suspected = ranges.suspected,
+            .repeats = ranges.repeats};
 }
 
 QueueInfo LmdbStore::queue_info(const std::string& name) {

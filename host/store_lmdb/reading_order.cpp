@@ -4,10 +4,17 @@
 #include <limits>
 
 #include "store/message_record.h"
+#include "store_lmdb/kept_ranges.h"
 #include "store_lmdb/keys.h"
 #include "store_lmdb/message_table.h"
 
 namespace kvr {
+
+namespace {
+
+constexpr std::uint64_t kNone = std::numeric_limits<std::uint64_t>::max();
+
+} // namespace
 
 void ReadingOrder::plan_group(const Reader& reader) {
     const QueueRecord record = load_queue(reader.txn(), name_, reader.env());
@@ -18,14 +25,29 @@ void ReadingOrder::plan_group(const Reader& reader) {
         releases_ = record.releases;
         position_ = 0; // messages that were held stand before it
     }
-    ceiling_ = record.held > 0 ? first_held(reader.txn(), reader.env(), queue_, position_ + 1)
-                               : std::numeric_limits<std::uint64_t>::max();
+    may_be_held_ = record.held > 0;
+    may_be_kept_ = record.has_ranges();
+    find_ceiling(reader);
+}
+
+/// Goes behind what is kept at the position.
+void ReadingOrder::find_ceiling(const Reader& reader) {
+    repeat_ = false;
+    edge_ = kNone;
+    for (bool kept = may_be_kept_; kept;) {
+        const auto range = find_range(reader.txn(), reader.env(), queue_, position_ + 1);
+        kept = range && range->keeps(position_ + 1);
+        repeat_ = range && !kept && range->contains(position_ + 1);
+        edge_ = !range ? kNone : repeat_ ? range->through + 1 : range->first;
+        position_ = kept ? range->through : position_;
+    }
+    held_ = may_be_held_ ? first_held(reader.txn(), reader.env(), queue_, position_ + 1) : kNone;
 }
 
 void ReadingOrder::pass_in_group(const Reader& reader, std::uint64_t sequence) {
     // No release counts as known: the next group looks for released messages before it.
     position_ = sequence;
-    ceiling_ = first_held(reader.txn(), reader.env(), queue_, position_ + 1);
+    find_ceiling(reader);
 }
 
 std::uint64_t ReadingOrder::move_position(const QueueRecord& record) {
@@ -49,21 +71,21 @@ ReadingOrder::Next ReadingOrder::look(const Reader& reader, const UsedGroup& gro
             at_end_ = true;
             return {.found = Found::kNothing, .sequence = 0, .record = {}};
         }
-        if (sequence < ceiling_) {
+        if (sequence < ceiling()) {
             const std::string_view record = to_view(value);
             if (!group.has_room(data_bytes(record))) {
                 return {.found = Found::kGroupFull, .sequence = 0, .record = {}};
             }
             const std::uint64_t after =
                 cursor.get(key, value, MDB_NEXT) ? MessageKey::sequence_in(to_view(key), queue_) : 0;
-            at_end_ = after == 0 || after >= ceiling_;
+            at_end_ = after == 0 || after >= ceiling();
             return {.found = Found::kMessage, .sequence = sequence, .record = record};
         }
         if (!group.empty()) {
-            return {.found = Found::kHeldOne, .sequence = 0, .record = {}};
+            return {.found = Found::kEdge, .sequence = 0, .record = {}};
         }
-        position_ = ceiling_;
-        ceiling_ = first_held(reader.txn(), reader.env(), queue_, position_ + 1);
+        position_ = held_ < edge_ ? held_ : edge_ - 1;
+        find_ceiling(reader);
     }
 }
 

@@ -61,9 +61,9 @@ StoreIdentity load_identity(MDB_txn* txn, const Environment& env) {
         throw Error(Errc::kDamaged, env.folder().string() + " holds no queue manager's store: restore it from a copy");
     }
     std::memcpy(&version, value->data(), sizeof version);
-    if (version != kStoreVersion) {
+    if (version < kFirstStoreVersion || version > kStoreVersion) {
         throw Error(Errc::kVersion, env.folder().string() + " was written in format " + std::to_string(version) +
-                                        ", this program reads format " + std::to_string(kStoreVersion) +
+                                        ", this program reads formats up to " + std::to_string(kStoreVersion) +
                                         ": install the version that wrote it, or one after that");
     }
     IdentityPart part{};
@@ -75,10 +75,18 @@ StoreIdentity load_identity(MDB_txn* txn, const Environment& env) {
 }
 
 void save_identity(WriteTxn& write, const StoreIdentity& identity) {
-    const IdentityPart part{kStoreVersion, 0, identity.id};
+    const IdentityPart part{kFirstStoreVersion, 0, identity.id};
     std::string value(sizeof part, '\0');
     std::memcpy(value.data(), &part, sizeof part);
     table_put(write, write.env().main, kIdentityKey, value + identity.qmgr);
+}
+
+void raise_format(WriteTxn& write, std::uint32_t version) {
+    std::string value(table_get(write.txn(), write.env().main, kIdentityKey, write.env()).value_or(std::string_view()));
+    if (value.size() >= sizeof version) {
+        std::memcpy(value.data(), &version, sizeof version);
+        table_put(write, write.env().main, kIdentityKey, value);
+    }
 }
 
 LmdbSettings load_settings(MDB_txn* txn, const Environment& env) {

@@ -11,8 +11,10 @@
 
 namespace kvr {
 
-/// Raised whenever an older program could misread what a newer one wrote.
-constexpr std::uint32_t kStoreVersion = 1;
+/// Raised whenever an older program could misread what a newer one wrote. A store begins with the first one, which
+/// older programs read, too; it has the second one once used messages are kept in it, which they would send again.
+constexpr std::uint32_t kFirstStoreVersion = 1;
+constexpr std::uint32_t kStoreVersion = 2;
 
 struct StoreFiles {
     std::filesystem::path dir;
@@ -36,7 +38,10 @@ struct StoreIdentity {
 
 /// Throws kDamaged, kVersion.
 StoreIdentity load_identity(MDB_txn* txn, const Environment& env);
+/// As that of a new store.
 void save_identity(WriteTxn& write, const StoreIdentity& identity);
+/// Keeps programs out that cannot read this format.
+void raise_format(WriteTxn& write, std::uint32_t version);
 
 LmdbSettings load_settings(MDB_txn* txn, const Environment& env);
 void save_settings(WriteTxn& write, const LmdbSettings& settings);

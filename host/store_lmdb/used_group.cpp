@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "store_lmdb/used_group.h"
 
+#include <ctime>
+#include <tuple>
+
+#include "store_lmdb/kept_ranges.h"
 #include "store_lmdb/message_table.h"
 
 namespace kvr {
 
 namespace {
-
-/// With 64 messages the flushes took most of a message's time. The bounds are also those of what a power loss repeats.
-constexpr std::uint64_t kGroupMessages = 512;
-constexpr std::uint64_t kGroupBytes = 8ULL << 20;
 
 /// While it lives, commits flush late: half the cost. A power loss can then undo the last one, never damage the store.
 /// Right for deletes of used messages, which a power loss may repeat anyway.
@@ -24,12 +24,20 @@ class LateFlush {
     Environment& env_;
 };
 
+bool is_on(const std::optional<KeepLimits>& keep) {
+    return keep && keep->time.count() > 0;
+}
+
 } // namespace
 
-UsedGroup::UsedGroup(LmdbStore& store, const std::string& queue, MarkFile& mark, std::uint64_t generation)
-    : store_(store), queue_(queue), mark_(mark), generation_(generation), used_(mark.used(generation)) {
+UsedGroup::UsedGroup(LmdbStore& store, const std::string& queue, MarkFile& mark, const QueueRecord& record,
+                     const std::optional<KeepLimits>& keep)
+    : store_(store), queue_(queue), mark_(mark), generation_(record.generation), keep_(keep), keeps_(is_on(keep)),
+      used_(mark.used(record.generation)), counted_(used_.empty()) {
     if (used_.empty()) {
         mark_.begin_group(generation_);
+    } else {
+        keeps_ = record.keeping && (!keep || keeps_); // as its drainer would have done, unless nothing is to be kept
     }
     go_on();
 }
@@ -41,6 +49,8 @@ void UsedGroup::add(std::uint64_t sequence, std::uint64_t bytes) {
     used_.through = sequence;
     mark_.set_used(used_);
     mark_.set_in_hand(0);
+    ++messages_;
+    data_ += bytes;
     --messages_left_;
     bytes_left_ -= bytes;
 }
@@ -49,11 +59,30 @@ bool UsedGroup::has_room(std::uint64_t bytes) const {
     return used_.empty() || (messages_left_ > 0 && bytes <= bytes_left_);
 }
 
+/// What becomes of the group's messages.
+void UsedGroup::settle(WriteTxn& write, QueueRecord& record, std::int64_t now) {
+    if (!keeps_) {
+        forget_repeats(write, record, used_);
+        erase_messages(write, record, used_.first, used_.through, {});
+        return;
+    }
+    UsedMessages used{.range = used_, .messages = messages_, .data = data_, .used_at = now};
+    if (!counted_) {
+        std::tie(used.messages, used.data) = count_messages(write.txn(), write.env(), record.id, used_);
+    }
+    keep_messages(write, record, used);
+}
+
 void UsedGroup::finish(const std::function<void(WriteTxn&, QueueRecord&)>& extra) {
+    const std::int64_t now = std::time(nullptr);
     store_.write(Need::kMust, [&](WriteTxn& write) {
         QueueRecord record = load_queue(write.txn(), queue_, write.env());
-        if (!used_.empty()) {
-            erase_messages(write, record, used_.first, used_.through, {});
+        // Another generation: an earlier try of unknown outcome did it.
+        if (!used_.empty() && record.generation == generation_) {
+            settle(write, record, now);
+        }
+        if (keep_) {
+            trim_kept(write, record, *keep_, now);
         }
         if (extra) {
             extra(write, record);
@@ -63,6 +92,10 @@ void UsedGroup::finish(const std::function<void(WriteTxn&, QueueRecord&)>& extra
     });
     mark_.begin_group(++generation_);
     used_ = {};
+    messages_ = 0;
+    data_ = 0;
+    counted_ = true;
+    keeps_ = is_on(keep_);
     go_on();
 }
 
@@ -73,9 +106,14 @@ void UsedGroup::finish_late() {
     }
 }
 
+void UsedGroup::trim_late() {
+    const LateFlush late(store_.env());
+    finish({});
+}
+
 void UsedGroup::go_on() {
-    messages_left_ = kGroupMessages;
-    bytes_left_ = kGroupBytes;
+    messages_left_ = kMessages;
+    bytes_left_ = kBytes;
 }
 
 } // namespace kvr

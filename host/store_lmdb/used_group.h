@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "store_lmdb/lmdb_store.h"
@@ -14,8 +15,14 @@ namespace kvr {
 
 class UsedGroup {
   public:
+    /// With 64 messages the flushes took most of a message's time. The bounds are also those of what a power loss
+    /// repeats.
+    static constexpr std::uint64_t kMessages = 512;
+    static constexpr std::uint64_t kBytes = 8ULL << 20;
+
     /// Takes over what the queue's last drainer left. The references outlive this.
-    UsedGroup(LmdbStore& store, const std::string& queue, MarkFile& mark, std::uint64_t generation);
+    UsedGroup(LmdbStore& store, const std::string& queue, MarkFile& mark, const QueueRecord& record,
+              const std::optional<KeepLimits>& keep);
 
     /// The next message of the queue's order is used from here on: this is the point that decides whether a killed
     /// process repeats it. `bytes` are those of its data.
@@ -26,20 +33,30 @@ class UsedGroup {
     /// The last message of the group.
     [[nodiscard]] std::uint64_t through() const { return used_.through; }
 
-    /// Deletes the group and does `extra` with the queue's record, both in one transaction; then begins a new group.
+    /// Deletes or keeps the group, deletes some of what was kept for long enough, and does `extra` with the queue's
+    /// record, all in one transaction; then begins a new group.
     void finish(const std::function<void(WriteTxn&, QueueRecord&)>& extra);
-    /// Deletes the group, if there is one; the last flush is left to the next commit.
+    /// The same for the group alone, if there is one; the last flush is left to the next commit.
     void finish_late();
+    /// Deletes some of what was kept for long enough. No message may be in the group.
+    void trim_late();
     /// Lets the group go on beyond its bounds, by as much again: where not even a delete finds room on the disk, sent
     /// once and repeated after a power loss is better than not sent.
     void go_on();
 
   private:
+    void settle(WriteTxn& write, QueueRecord& record, std::int64_t now);
+
     LmdbStore& store_;
     const std::string& queue_;
     MarkFile& mark_;
     std::uint64_t generation_; ///< of the queue's record: only the drainer moves it
+    std::optional<KeepLimits> keep_;
+    bool keeps_; ///< the current group
     UsedRange used_;
+    std::uint64_t messages_ = 0; ///< of it
+    std::uint64_t data_ = 0;     ///< bytes of their data
+    bool counted_;               ///< false: what was taken over is in neither
     std::uint64_t messages_left_ = 0;
     std::uint64_t bytes_left_ = 0;
 };

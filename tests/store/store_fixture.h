@@ -61,14 +61,18 @@ class StoreTest : public testing::TestWithParam<const char*> {
         }
         store_->put("Q", group);
     }
-    /// Texts as a browse shows them, held ones marked with '!', the one in hand with '*', those with files with '&'.
-    Texts shown(const std::string& queue = "Q") {
+    /// Texts as a browse shows them, held ones marked with '!', the one in hand with '*', those with files with '&',
+    /// repeats with '~', suspected ones with '?'.
+    Texts shown(const std::string& queue = "Q", bool kept = false) {
         Texts texts;
-        store_->browse(queue, 0, [&](const StoredMessage& message) {
+        const auto add = [&](const StoredMessage& message) {
+            EXPECT_EQ(message.kept.has_value(), kept);
             texts.push_back(std::string(message.data.begin(), message.data.end()) + (message.held ? "!" : "") +
-                            (message.in_hand ? "*" : "") + (message.attachments.empty() ? "" : "&"));
+                            (message.in_hand ? "*" : "") + (message.attachments.empty() ? "" : "&") +
+                            (message.repeat ? "~" : "") + (kept && message.kept->suspected ? "?" : ""));
             return true;
-        });
+        };
+        kept ? store_->browse_kept(queue, 0, add) : store_->browse(queue, 0, add);
         return texts;
     }
 
