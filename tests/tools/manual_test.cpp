@@ -40,7 +40,7 @@ TEST_F(Manual, NamesEveryMemberAndFileThatIsWritten) {
     const Child listener = start("exec $KVR listen --address 127.0.0.1 --port 0 --port-file port --journal journal");
     ASSERT_TRUE(wait_until([&] { return text("port").ends_with('\n'); }));
     done("define queue IN");
-    done("define channel C XMITQ=Q CONNAME='127.0.0.1(" + std::to_string(std::stoi(text("port"))) + ")'");
+    done("define channel C XMITQ=Q CONNAME='127.0.0.1(" + std::to_string(std::stoi(text("port"))) + ")' KEEPINT=60");
     const std::string data = file("data", "x");
     const std::string formats = page("man5/kvr-json.5");
     const auto members = [&](const std::string& line) { expect_members(shown(line), formats, line + ": "); };
@@ -50,9 +50,10 @@ TEST_F(Manual, NamesEveryMemberAndFileThatIsWritten) {
     members("status");
     members("stop C");
     ASSERT_TRUE(wait_until([&] { return text("journal").find(R"("event":"end")") != std::string::npos; }));
-    for (const char* line : {"browse IN --full", "get IN --out taken", "put IN --count 2 --size 1",
-                             "get IN --all --verify", "show", "release IN", "move IN Q", "create WEST",
-                             "delete qmgr WEST --yes", "dissect " KVR_CORPUS "/file_message_with_attachment"}) {
+    for (const char* line :
+         {"browse Q --kept", "replay C --last 1 --dry-run", "browse IN --full", "get IN --out taken",
+          "put IN --count 2 --size 1", "get IN --all --verify", "show", "release IN", "move IN Q", "create WEST",
+          "delete qmgr WEST --yes", "dissect " KVR_CORPUS "/file_message_with_attachment"}) {
         members(line);
     }
     const std::string events = page("man5/kvr-journal.5");
