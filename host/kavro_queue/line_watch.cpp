@@ -219,14 +219,14 @@ void LineWatch::tell_repeats() {
 }
 
 void LineWatch::close(Getter& getter) {
-    getter.commit();
-    if (!keeps() || state_ != State::kStopped) {
+    const bool stopped = keeps() && state_ == State::kStopped;
+    if (stopped && stands_at_stop_ && !loss_due_) {
+        getter.line_ended();
         return;
     }
-    if (loss_due_ || !stands_at_stop_) {
+    getter.commit();
+    if (stopped) {
         lose(getter, "at the next start");
-    } else {
-        getter.line_ended();
     }
 }
 

@@ -1,10 +1,14 @@
 // SPDX-License-Identifier: MIT
 // What only the C linkage of the host's operations can get wrong: handles, the message in hand behind them, and errors
 // that must not leave.
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include "kavro_ac.h"
 #include "kavro_ac/kavro_ac_host.h"
 #include "kavro_queue/kavro_queue_host.h"
 #include "kavutil/stop_point.h"
+#include "kavutil/unique_fd.h"
 #include "store_fixture.h"
 
 namespace kvr {
@@ -151,6 +155,79 @@ TEST_P(HostOpsTest, TheWaitForALineThatLastsEndsWithAStopOrTheReportOfALoss) {
     EXPECT_EQ(wait_long(true, false).result_under(SIGTERM), 2);
     EXPECT_EQ(wait_long(true, true).result(), 3);
     test::mask_signal(SIG_UNBLOCK, SIGTERM);
+}
+
+/// A connection, and how a status tells of it while it is up.
+struct Line {
+    Line() {
+        sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+        socklen_t length = sizeof address;
+        auto* const any = reinterpret_cast<sockaddr*>(&address);
+        EXPECT_EQ(::bind(peer.get(), any, length) | ::listen(peer.get(), 1), 0);
+        EXPECT_EQ(::getsockname(peer.get(), any, &length), 0);
+        status["REMOTEPORT"] = std::to_string(ntohs(address.sin_port));
+        EXPECT_EQ(::connect(own.get(), any, length) | ::getsockname(own.get(), any, &length), 0);
+        status["LOCALPORT"] = std::to_string(ntohs(address.sin_port));
+    }
+    UniqueFd peer{::socket(AF_INET, SOCK_STREAM, 0)};
+    UniqueFd own{::socket(AF_INET, SOCK_STREAM, 0)};
+    Attributes status{{"STATUS", "RUNING"}, {"LOCALIP", "127.0.0.1"}, {"REMOTEIP", "127.0.0.1"}};
+};
+
+TEST_P(HostOpsTest, WhatWentOverALineComesAgainUnlessItEndedInOrder) {
+    const LineSettings keeps{"C", {KeepLimits{std::chrono::hours(1), 1U << 20U}, {{}, 1U << 20U}, true}};
+    const struct {
+        bool lost;
+        std::vector<const char*> words; ///< at the end
+        Texts left;
+    } cases[] = {
+        {false, {"STOPED"}, {"3"}},
+        {true, {"STOPED"}, {"1~", "2~", "3"}}, // the stop came before the channel told of the loss
+        {true, {"RETRYING", "STOPED"}, {"1~", "2~", "3"}},
+        {false, {}, {"1~", "2~", "3"}}, // at the next start
+    };
+    EXPECT_EQ(close(handle_), Errc{});
+    for (const auto& [lost, words, left] : cases) {
+        store_->queue_delete("Q", true);
+        store_->queue_define("Q", "");
+        put_all({"1", "2", "3"});
+        line_settings(keeps);
+        EXPECT_EQ(open("Q"), Errc{});
+        Line line;
+        line_status(line.status);
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(get(handle_), Errc{});
+        }
+        queue_give_back();
+        if (lost) {
+            line.peer.reset();
+        }
+        say(words);
+        EXPECT_EQ(close(handle_), Errc{});
+        line_settings(keeps);
+        static_cast<void>(store_->drain("Q", keeps.drain));
+        EXPECT_EQ(shown(), left) << testing::PrintToString(words);
+    }
+}
+
+TEST_P(HostOpsTest, ARepeatWhoseFileIsGoneIsNoDeadLetter) {
+    const std::string file = folder_.path() / "file";
+    line_settings({"C", {KeepLimits{std::chrono::hours(1), 1U << 20U}, {{}, 1U << 20U}, true}});
+    StoreTest::put("1", {file});
+    put_all({"2", "3"});
+    say({"RUNING"});
+    EXPECT_EQ(get(handle_), Errc{});
+    EXPECT_EQ(get(handle_), Errc{});
+    say({"RETRYING", "RUNING"});
+    const auto source = handle_;
+    EXPECT_EQ(open("DEAD"), Errc{});
+    EXPECT_EQ(get(source), Errc{});
+    EXPECT_EQ(buffer_[0], '1') << "after the one that was in hand";
+    EXPECT_EQ(put(handle_), Errc{});
+    EXPECT_EQ(get(source), Errc{});
+    EXPECT_EQ(buffer_[0], '3');
+    EXPECT_EQ(shown("DEAD"), Texts{});
+    EXPECT_EQ(shown(), Texts{"3*"});
 }
 
 } // namespace
