@@ -14,6 +14,7 @@
 
 #include "field.h"
 #include "proof/proof.h"
+#include "relay.h"
 
 namespace kvr::test {
 
@@ -23,20 +24,28 @@ struct Cost {
     std::size_t repeats = 0;
     std::size_t dead = 0;     ///< dead letters
     bool leftovers = false;   ///< files in the spool without a message
+    std::size_t turns = 0;    ///< places where a message is older than the one before
     std::size_t messages = 0; ///< spent only: lost ones
     std::uint64_t bytes = 0;  ///< spent only: of the longest run
 
     void operator+=(const Cost& more) {
         cuts += more.cuts, repeats += more.repeats, dead += more.dead;
-        leftovers = leftovers || more.leftovers;
+        leftovers = leftovers || more.leftovers, turns += more.turns;
     }
 };
 
 struct Fault;
 
+/// How both ends are set, and what is between them.
+struct Terms {
+    Attributes channel;
+    Words listener;
+    Relay* relay = nullptr;
+};
+
 class History {
   public:
-    History(std::uint64_t seed, Carrier carrier);
+    History(std::uint64_t seed, Carrier carrier, const Terms& terms = {});
 
     Field field;
     std::optional<Child> listener;
@@ -73,6 +82,9 @@ class History {
     void start();
     /// Starts the worker and waits until its channel runs.
     void run();
+    /// Behind a relay: starts the worker again that has ended by itself, as a service does; a peer that resets the line
+    /// before the bind frame ends it.
+    void revive();
     /// Stops the worker by one SIGTERM, and looks what it leaves.
     void stop();
     void stop_at_rest() { quiet(), stop(); }
@@ -114,12 +126,15 @@ class History {
     std::map<std::string, std::size_t> marks_;
     ProofCheck arrived_;
     ProofCheck dead_;
-    std::map<std::string, std::uint64_t> next_; ///< to be read, by queue
+    std::map<std::string, std::uint64_t> next_;  ///< to be read, by queue
+    std::map<std::string, std::int32_t> newest_; ///< the number that came last, by queue
+    std::size_t turns_ = 0;
     std::set<std::string> files_read_;
     std::uint32_t judged_ = 0;
     Cost before_; ///< sums at the last rest
     bool leftovers_ = false;
     bool listens_oddly_ = false;
+    const Relay* relay_;
     std::size_t listener_from_ = 0; ///< where its words begin
     std::size_t descriptors_ = 0;   ///< of worker and listener at the first rest
     std::uint64_t memory_ = 0;      ///< of the worker at the first rest

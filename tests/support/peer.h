@@ -55,6 +55,8 @@ class PeerConnection {
     bool update_keys();
     void send_close_alert();
     void close() { socket_.reset(); }
+    /// For what goes past the session.
+    [[nodiscard]] int socket() const { return socket_.get(); }
 
   protected:
     UniqueFd socket_;

@@ -4,6 +4,8 @@
 //
 // What was synced is there. Of what was written since, each sector or page, each file's size and each name in a folder
 // is as it was at the last sync or as it is now.
+//
+// Every second channel keeps what it sent: its next drainer then has all that was told to be put, from the first on.
 #include <algorithm>
 #include <atomic>
 #include <fstream>
@@ -26,6 +28,9 @@ using Numbers = std::vector<std::uint32_t>;
 constexpr std::uint32_t kGroup = 512; ///< used messages that are deleted together
 constexpr std::uint32_t kMessages = 3000;
 constexpr std::uint32_t kInBulk = 1800; ///< of them, at first: small, so that groups of used messages are full
+
+constexpr std::chrono::seconds kKept{600};
+constexpr std::uint64_t kKeptBytes = 48U << 20U;
 
 /// The messages of the put behind that number.
 std::uint32_t at_once(std::uint32_t number) {
@@ -91,7 +96,10 @@ class PowerCut {
 /// A channel at work, from the first put to the last arrival, and the judge of what a cut leaves of it.
 class Work {
   public:
-    explicit Work(const fs::path& base) : field_(Carrier::kPlain, true, base) {}
+    Work(const fs::path& base, bool keeps) : field_(Carrier::kPlain, true, base), keeps_(keeps) {
+        field_.set_channel(keeps ? Attributes{{"KEEPINT", "600"}, {"REPEAT", "LOSS"}} : Attributes());
+        worker_.emplace(field_.run_channel());
+    }
     [[nodiscard]] bool goes_on() { return field_.arrived() < kMessages; }
 
     /// Returns how many messages are there again that were sent.
@@ -107,7 +115,12 @@ class Work {
         const Numbers arrived = numbers_on(kTarget, after.path(), "receiver/RECEIVER");
         EXPECT_GE(arrived.size(), field_.journalled("message"));
         EXPECT_EQ(arrived.size(), arrived.empty() ? 0 : arrived.back()) << "the first are missing";
-        return repeated_on(numbers_on(kXmitQueue, after.path(), "sender/SENDER"));
+        const Numbers waiting = numbers_on(kXmitQueue, after.path(), "sender/SENDER");
+        const std::uint32_t repeated = repeated_on(waiting);
+        if (keeps_) {
+            expect_all(after.path() / "sender/SENDER", waiting.empty() ? put_.load() : waiting.back());
+        }
+        return repeated;
     }
 
   private:
@@ -160,9 +173,24 @@ class Work {
         return sent + 1 - first;
     }
 
+    /// The drainer after a cut gets what can be gone with the line, which is all of it, and then the rest.
+    static void expect_all(const fs::path& qmgr, std::uint32_t last) {
+        const DrainOptions options{
+            .keep = KeepLimits{kKept, kKeptBytes}, .window = {kKept, kKeptBytes}, .repeat = true};
+        const auto getter = Store::open(qmgr)->drain(kXmitQueue, options);
+        T_KAVRO_MD descriptor{};
+        std::vector<char> buffer(kMaxMessage);
+        std::uint32_t number = 0;
+        while (getter->next(descriptor, buffer, false) >= 0) {
+            ASSERT_EQ(static_cast<std::uint32_t>(descriptor.iMsgSeqNo), ++number);
+        }
+        EXPECT_EQ(number, last);
+    }
+
     Field field_;
+    bool keeps_;
     Child listener_ = field_.listen();
-    Child worker_ = field_.run_channel();
+    std::optional<Child> worker_;
     std::atomic<std::uint32_t> put_ = 0;
     std::jthread putter_{[this](const std::stop_token& stop) { put_all(stop); }};
 };
@@ -176,12 +204,13 @@ TEST(Power, CutsAtAnyMomentLoseNothingThatWasTold) {
     ::setenv("LD_PRELOAD", KVR_PLATTER_LIBRARY, 1);
     ::umask(0077);
     std::uint32_t most = 0;
-    for (unsigned long cuts = 0; cuts < rounds;) {
+    bool keeps = false;
+    for (unsigned long cuts = 0; cuts < rounds; keeps = !keeps) {
         const TemporaryFolder base;
         fs::create_directory(base.path() / "platter");
         ::setenv(kPlatter, (base.path() / "platter").c_str(), 1);
-        Work work(base.path());
-        for (; work.goes_on() && cuts < rounds; ++cuts) {
+        Work work(base.path(), keeps);
+        for (const auto end = std::min(rounds, cuts + (rounds + 1) / 2); work.goes_on() && cuts < end; ++cuts) {
             ASSERT_NO_THROW(most = std::max(most, work.cut(random)));
             ASSERT_FALSE(HasFailure()) << "cut " << cuts;
             std::this_thread::sleep_for(std::chrono::milliseconds(random() % 25));
