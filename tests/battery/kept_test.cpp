@@ -26,8 +26,11 @@ const char* rounds_wanted() {
 
 Terms terms(const Road& road, Relay& relay) {
     const auto [promise, bits] = road;
-    const Words slow{"--read-rate", "10000000", "--receive-buffer", "65536"};
-    Terms all{{}, (bits & 2U) != 0 ? slow : Words(), &relay};
+    const bool slow = (bits & 2U) != 0; // and all that can be under way to it is less than by default
+    Terms all{{}, {}, &relay};
+    if (slow) {
+        all.listener = {"--read-rate", "10000000", "--receive-buffer", "65536"};
+    }
     if (promise != Promise::kOff) {
         all.channel = {
             {"KEEPINT", "600"}, {"REPEAT", "LOSS"}, {"TRIALTMR", "1"}, {"LOSSINT", (bits & 4U) != 0 ? "0" : "60"}};
