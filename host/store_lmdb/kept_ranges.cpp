@@ -337,7 +337,7 @@ Loss suspect(WriteTxn& write, QueueRecord& queue, const LossWindow& window, bool
 std::uint64_t hand_out_again(WriteTxn& write, QueueRecord& queue, Places places) {
     std::uint64_t count = 0;
     for (std::uint64_t at = std::max<std::uint64_t>(places.first, 1);;) {
-        const auto found = find_range(write.txn(), write.env(), queue.id, at);
+        const auto found = at <= places.last ? find_range(write.txn(), write.env(), queue.id, at) : std::nullopt;
         if (!found || found->first > places.last) {
             return count;
         }
