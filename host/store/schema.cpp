@@ -49,7 +49,7 @@ constexpr std::array<AttrSpec, 17> kChannel{{
     {"KEEPMAX", kShort, AttrKind::kNumber, 1, kMaxMebibytes, "", "64", "MiB of sent messages that are kept at most"},
     {"REPEAT", kShort, AttrKind::kChoice, 0, 0, "NEVER|LOSS", "NEVER",
      "LOSS: what can be gone with a line that was lost is sent again"},
-    {"LOSSINT", kShort, AttrKind::kNumber, 0, kMaxSeconds, "", "60",
+    {"LOSSINT", kShort, AttrKind::kNumber, 0, kMaxSeconds, "", "1200",
      "seconds before a loss from which messages can be gone; 0: no limit"},
     {"LOSSMAX", kShort, AttrKind::kNumber, 1, kMaxMebibytes, "", "48", "MiB that can be gone at most with a line"},
     {"TRIALTMR", kShort, AttrKind::kNumber, 0, kMaxTrial, "", "8",

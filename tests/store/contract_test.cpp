@@ -136,11 +136,11 @@ TEST(Schema, RepeatsOnlyWhatIsKept) {
     const std::tuple<Errc, Attributes> cases[] = {
         {Errc{}, {}},
         {Errc::kInvalid, {{"REPEAT", "LOSS"}}},
-        {Errc{}, {{"REPEAT", "loss"}, {"KEEPINT", "60"}}},
-        {Errc::kInvalid, {{"REPEAT", "LOSS"}, {"KEEPINT", "59"}}},
+        {Errc{}, {{"REPEAT", "loss"}, {"KEEPINT", "1200"}}},
+        {Errc::kInvalid, {{"REPEAT", "LOSS"}, {"KEEPINT", "1199"}}},
         {Errc{}, {{"REPEAT", "LOSS"}, {"KEEPINT", "1"}, {"LOSSINT", "0"}}},
-        {Errc::kInvalid, {{"REPEAT", "LOSS"}, {"KEEPINT", "60"}, {"LOSSMAX", "65"}}},
-        {Errc::kInvalid, {{"KEEPINT", "60"}, {"REPEAT", "yes"}}}};
+        {Errc::kInvalid, {{"REPEAT", "LOSS"}, {"KEEPINT", "1200"}, {"LOSSMAX", "65"}}},
+        {Errc::kInvalid, {{"KEEPINT", "1200"}, {"REPEAT", "yes"}}}};
     for (const auto& [expected, definition] : cases) {
         EXPECT_EQ(code_of([&, attrs = definition] { check_channel(attrs); }), expected)
             << testing::PrintToString(definition);

@@ -45,7 +45,7 @@ TEST_F(KvrUsage, RefusalsChangeNothingAndSayWhatToDo) {
         {1, "define channel c XMITQ=Q CONNAME=h", "channel 'C' exists already.*--replace"},
         {1, "set channel C XMITQ=DEAD.LETTER.QUEUE", "round for ever"},
         {1, "set channel C REPEAT=LOSS", "set KEEPINT"},
-        {1, "define channel D XMITQ=Q CONNAME=h REPEAT=LOSS KEEPINT=9", "LOSSINT 60"},
+        {1, "define channel D XMITQ=Q CONNAME=h REPEAT=LOSS KEEPINT=9", "LOSSINT 1200"},
         {1, "set qmgr CERTFILE=/no/such.pem", "/no/such.pem.*CERTFILE.*PEM"},
         {1, "put Q --data-file large --dest D", "at most 2,098,304 bytes after its transmission header"},
         {1, "put Q x --attach empty", "0 bytes.*1 to 99,999,999"},

@@ -97,7 +97,7 @@ class PowerCut {
 class Work {
   public:
     Work(const fs::path& base, bool keeps) : field_(Carrier::kPlain, true, base), keeps_(keeps) {
-        field_.set_channel(keeps ? Attributes{{"KEEPINT", "600"}, {"REPEAT", "LOSS"}} : Attributes());
+        field_.set_channel(keeps ? Attributes{{"KEEPINT", "3600"}, {"REPEAT", "LOSS"}} : Attributes());
         worker_.emplace(field_.run_channel());
     }
     [[nodiscard]] bool goes_on() { return field_.arrived() < kMessages; }
