@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <poll.h>
 #include <sys/signalfd.h>
+#include <utility>
 
 #include "kavro_log/log.h"
 #include "kavutil/stop_point.h"
@@ -17,9 +18,11 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr LineTrial::Clock::duration kFirst = 100ms;
-/// A line that lived longer than it had to, by this, did not end because it was fed. A loss can be noticed by the
-/// channel's alarm of a second only.
-constexpr LineTrial::Clock::duration kLasting = 2s;
+/// A line that lived for so long did not end because it was fed: longer than what stands between two ends without
+/// anybody behind it holds a connection.
+constexpr LineTrial::Clock::duration kLasting = 30s;
+/// Longest wait with a message in hand: no heartbeat leaves meanwhile.
+constexpr LineTrial::Clock::duration kLongestInMessage = 2s;
 
 bool is_zero(const timespec& time) {
     return time.tv_sec == 0 && time.tv_nsec == 0;
@@ -33,7 +36,7 @@ void LineTrial::line_up() {
 }
 
 void LineTrial::line_lost(Clock::duration lasted) {
-    need_ = std::min(lasted < need_ + kLasting ? std::max(2 * need_, kFirst) : kFirst, longest_);
+    need_ = std::min(lasted < kLasting ? std::max(2 * need_, kFirst) : kFirst, longest_);
 }
 
 void LineTrial::hold_off(Clock::duration time) {
@@ -63,15 +66,18 @@ void LineTrial::wait_in_message() {
     sigset_t report;
     sigemptyset(&report);
     sigaddset(&report, SIGUSR2);
+    const Clock::time_point fed_from = std::exchange(fed_from_, std::min(fed_from_, Clock::now() + kLongestInMessage));
     const UniqueFd reported(::signalfd(-1, &report, SFD_CLOEXEC | SFD_NONBLOCK)); // without it the wait is only longer
     for (timespec time = next_wait(); !is_zero(time); time = next_wait()) {
         pollfd entry{.fd = reported.get(), .events = POLLIN, .revents = 0};
         if (::ppoll(&entry, 1, &time, nullptr) > 0) {
-            return;
+            break;
         }
         log_look();
         stop_point(StopPlace::kMidMessage);
     }
+    fed_from_ = fed_from;
+    on_ = true; // the get has the rest
 }
 
 } // namespace kvr

@@ -29,7 +29,8 @@ class LineTrial {
     /// second, the log looks after its file.
     bool wait(const sigset_t& mask);
     /// The same within the caller's mask, for the main flow with a message in hand; ends with the report that the line
-    /// is lost, SIGUSR2, which the caller holds and gets afterwards. A stop ends it, too.
+    /// is lost, SIGUSR2, which the caller holds and gets afterwards, or after two seconds: wait() has the rest. A stop
+    /// ends it, too.
     void wait_in_message();
 
   private:

@@ -23,8 +23,9 @@ constexpr int kLevelFailure = 1;
 constexpr int kLevelEvent = 3;
 constexpr int kLevelInfo = 4;
 
-/// A message that fails for longer than this is to blame itself.
+/// A message that fails for longer than this, and after it was given back so often, is to blame itself.
 constexpr auto kPatience = 30s;
+constexpr int kTimes = 3;
 /// On a line that it knows to be down the channel interrupts the get within a second or two. Where no report of the
 /// loss came, nothing does.
 constexpr auto kReportTime = 3s;
@@ -94,7 +95,7 @@ void LineWatch::running(const LineEnds& ends) {
 }
 
 void LineWatch::stopped() {
-    stands_at_stop_ = state_ != State::kUp || line_stands(ends_);
+    stands_at_stop_ = state_ == State::kUp && line_stands(ends_);
     state_ = State::kStopped;
 }
 
@@ -134,13 +135,25 @@ void LineWatch::tell(const Loss& loss, const std::string& when, const char* wher
                                   "they are");
         return;
     }
-    text += number(loss.messages) + " messages of " + number(loss.bytes) + " bytes can be gone, from place " +
-            number(loss.first) + " to " + number(loss.last) +
+    text += number(loss.messages) + (loss.messages == 1 ? " message of " : " messages of ") + number(loss.bytes) +
+            " bytes can be gone, from place " + number(loss.first) + " to " + number(loss.last) +
             (loss.cut_short ? ", and older ones that are not kept any more" : "");
     log_line(kLevelEvent, text + (settings_.drain.repeat ? std::string("; they are sent again ") + where +
                                                                ", in their order, before all others"
                                                          : "; they are not sent again by themselves: 'kvr replay " +
                                                                settings_.channel + " --suspected' sends them"));
+}
+
+/// Before the message in hand is used up: that went over the new line. Where the disk has no room for it, the next get
+/// tries again; the message then counts as one of the old line, too.
+void LineWatch::lose_before(Getter& getter) {
+    try {
+        lose(getter, "now");
+    } catch (const Error& error) {
+        if (error.code() != Errc::kFull) {
+            throw;
+        }
+    }
 }
 
 // ---- The get
@@ -153,11 +166,11 @@ std::unique_ptr<Getter> LineWatch::drain(Store& store, const std::string& queue)
 
 std::int64_t LineWatch::next(Getter& getter, T_KAVRO_MD& descriptor, std::span<char> buffer) {
     interrupted_.reset();
-    if (getter.in_hand()) {
-        failing_since_.reset(); // it was sent
+    if (getter.in_hand() && hand_ == failing_) {
+        failing_.clear(); // it was sent
     }
     if (loss_due_) {
-        lose(getter, "now"); // before the message in hand is used up: that went over the new line
+        lose_before(getter);
     }
     const std::int64_t length = take(getter, descriptor, buffer);
     if (length < 0) {
@@ -165,6 +178,7 @@ std::int64_t LineWatch::next(Getter& getter, T_KAVRO_MD& descriptor, std::span<c
         return length;
     }
     log_set_message(descriptor.sMsgId);
+    hand_.assign(descriptor.sMsgId, sizeof descriptor.sMsgId);
     losses_before_hand_ = losses_;
     hand_has_files_ = has_files(descriptor);
     note_repeat(getter);
@@ -237,13 +251,13 @@ bool LineWatch::spares(const T_KAVRO_MD& descriptor, std::span<const char> data)
     if (!queue) {
         return false;
     }
-    const std::string gone = file_that_is_gone(descriptor, data);
-    if (gone.empty()) {
+    const std::optional<UnusableFile> file = unusable_file(descriptor, data);
+    if (!file || (queue->getter->is_repeat() && !file->gone)) {
         return give_back(*queue->getter);
     }
     if (queue->getter->is_repeat()) {
-        log_line(kLevelFailure, "a repeat is not sent: its file '" + gone +
-                                    "' cannot be opened any more; the message was sent once and is no dead letter");
+        log_line(kLevelFailure, "a repeat is not sent: its file '" + file->path +
+                                    "' is gone; the message was sent once and is no dead letter");
         return true;
     }
     return false;
@@ -261,10 +275,15 @@ bool LineWatch::give_back(Getter& getter) {
         return false;
     }
     const Clock::time_point now = Clock::now();
-    failing_since_ = failing_since_.value_or(now);
-    if (now - *failing_since_ >= kPatience) {
+    if (failing_ != hand_) {
+        failing_ = hand_;
+        failing_since_ = now;
+        times_given_back_ = 0;
+    }
+    if (times_given_back_ >= kTimes && now - failing_since_ >= kPatience) {
         return false;
     }
+    ++times_given_back_;
     log_line(kLevelEvent, "channel[" + settings_.channel + "] given back to its queue: " +
                               number(losses_ - losses_before_hand_ + 1) + " lines did not last for this message");
     if (getter.is_repeat() && repeats_ > 0) {

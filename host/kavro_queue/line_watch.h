@@ -52,6 +52,7 @@ class LineWatch {
     /// Tells the getter of the loss. Throws; `loss_due_` stands then.
     void lose(Getter& getter, const char* where);
     void try_to_lose(const char* where);
+    void lose_before(Getter& getter);
     void tell(const Loss& loss, const std::string& when, const char* where) const;
     std::int64_t take(Getter& getter, T_KAVRO_MD& descriptor, std::span<char> buffer);
     bool wait_for_line(Getter& getter);
@@ -70,8 +71,11 @@ class LineWatch {
     std::uint64_t losses_ = 0;
     std::uint64_t losses_before_hand_ = 0; ///< when the message in hand was handed out
     bool hand_has_files_ = false;
-    std::optional<Clock::time_point> failing_since_; ///< the message that is in hand, or comes next
-    std::uint64_t repeats_ = 0;                      ///< handed out since the last line about them
+    std::string hand_;    ///< id of the message that was handed out last
+    std::string failing_; ///< of the one that was given back last, until it is sent; empty: none
+    Clock::time_point failing_since_;
+    int times_given_back_ = 0;
+    std::uint64_t repeats_ = 0; ///< handed out since the last line about them
 };
 
 /// The process's.

@@ -2,6 +2,7 @@
 #include "kavro_queue/message_files.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include <fcntl.h>
@@ -14,10 +15,14 @@ namespace kvr {
 
 namespace {
 
-bool can_be_sent(const std::string& path) {
+std::optional<UnusableFile> look_at(const std::string& path) {
     const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!fd) {
+        return UnusableFile{path, errno == ENOENT || errno == ENOTDIR};
+    }
     struct stat info {};
-    return fd && ::fstat(fd.get(), &info) == 0 && S_ISREG(info.st_mode) && info.st_size > 0;
+    const bool usable = ::fstat(fd.get(), &info) == 0 && S_ISREG(info.st_mode) && info.st_size > 0;
+    return usable ? std::nullopt : std::optional(UnusableFile{path, true});
 }
 
 } // namespace
@@ -39,7 +44,7 @@ std::vector<std::string> attachments_of(const T_KAVRO_MD& descriptor) {
     return paths;
 }
 
-std::string file_that_is_gone(const T_KAVRO_MD& descriptor, std::span<const char> data) {
+std::optional<UnusableFile> unusable_file(const T_KAVRO_MD& descriptor, std::span<const char> data) {
     if (!has_files(descriptor)) {
         return {};
     }
@@ -48,8 +53,12 @@ std::string file_that_is_gone(const T_KAVRO_MD& descriptor, std::span<const char
         const std::span<const char> path = data.subspan(sizeof(T_KAVRO_HDR_XMITQ));
         paths.emplace_back(path.begin(), std::find(path.begin(), path.end(), '\0'));
     }
-    const auto gone = std::find_if_not(paths.begin(), paths.end(), can_be_sent);
-    return gone == paths.end() ? std::string() : *gone;
+    for (const std::string& path : paths) {
+        if (auto unusable = look_at(path)) {
+            return unusable;
+        }
+    }
+    return std::nullopt;
 }
 
 } // namespace kvr

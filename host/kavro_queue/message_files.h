@@ -2,6 +2,7 @@
 // The files that a message on a transmission queue brings along.
 #pragma once
 
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -17,9 +18,14 @@ namespace kvr {
 /// Full paths of the attached files. Throws kInvalid.
 std::vector<std::string> attachments_of(const T_KAVRO_MD& descriptor);
 
+struct UnusableFile {
+    std::string path;
+    bool gone; ///< false: it cannot be opened for now
+};
+
 /// The first of a message's own files, attached or sent itself, that cannot be opened as a regular file with something
-/// in it; empty when all can.
+/// in it; nothing when all can.
 /// @param data  with its transmission header
-std::string file_that_is_gone(const T_KAVRO_MD& descriptor, std::span<const char> data);
+std::optional<UnusableFile> unusable_file(const T_KAVRO_MD& descriptor, std::span<const char> data);
 
 } // namespace kvr

@@ -47,7 +47,7 @@ struct Loss {
 
 /// Of a kept message.
 struct KeptFacts {
-    std::int64_t used_at = 0; ///< seconds since the epoch: when the group with which it was used ended
+    std::int64_t used_at = 0; ///< seconds since the epoch: when the last one of its group was used
     bool suspected = false;   ///< can be gone with a line that broke, and was not handed out again since
 };
 

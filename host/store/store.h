@@ -172,8 +172,8 @@ class KVR_EXPORT Store {
                              const std::function<bool(const StoredMessage&)>& visit) = 0;
     /// Puts held messages back to where they stood. Returns how many.
     virtual std::uint64_t release_held(const std::string& queue) = 0;
-    /// Puts kept messages of these places back to where they stood: they are handed out again, as repeats. Returns how
-    /// many.
+    /// Puts kept messages of these places back to where they stood: they are handed out again, as repeats. What a
+    /// drainer that ended had used last is kept once the next one has taken the queue over. Returns how many.
     virtual std::uint64_t replay(const std::string& queue, std::span<const Places> places) = 0;
 
     /// Takes the queue over for draining; it belongs to the getter until that is destroyed or its process ends.

@@ -61,6 +61,7 @@ class LmdbGetter final : public Getter {
     // getter_lines.cpp
     [[nodiscard]] bool keeps() const { return options_.keep && options_.keep->time.count() > 0; }
     void begin_lines();
+    Loss lose(std::int64_t lost_at);
     void turn_back();
     void trim();
 
@@ -86,7 +87,8 @@ class LmdbGetter final : public Getter {
     std::uint64_t read_ = 0; ///< bytes since pages were let go
     DrainOptions options_;
     Loss inherited_;
-    bool must_turn_back_ = false; ///< after the message in hand come those that are handed out again
+    std::optional<std::int64_t> loss_due_; ///< a loss that could not be written: its time, as suspect() takes it
+    bool must_turn_back_ = false;          ///< after the message in hand come those that are handed out again
 };
 
 } // namespace kvr

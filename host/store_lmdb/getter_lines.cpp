@@ -17,9 +17,9 @@ void LmdbGetter::begin_lines() {
     const QueueRecord record = read_record();
     if (record.keeping && keeps()) {
         try {
-            inherited_ = line_lost();
+            inherited_ = lose(0);
         } catch (const FullError&) {
-            static_cast<void>(0); // counted to the next line that is lost
+            static_cast<void>(0); // it is due
         }
     } else if (record.keeping != keeps()) {
         group_->finish([&](WriteTxn& write, QueueRecord& now) {
@@ -30,19 +30,22 @@ void LmdbGetter::begin_lines() {
             now.settled = now.next_use;
         });
     }
+    group_->begin_trimming();
+}
+
+Loss LmdbGetter::lose(std::int64_t lost_at) {
+    loss_due_ = loss_due_.value_or(lost_at);
+    Loss loss;
+    group_->finish([&](WriteTxn& write, QueueRecord& record) {
+        loss = suspect(write, record, options_.window, options_.repeat, *loss_due_);
+    });
+    loss_due_.reset();
+    must_turn_back_ = hand_ != 0 && options_.repeat;
+    return loss;
 }
 
 Loss LmdbGetter::line_lost() {
-    Loss loss;
-    if (!keeps()) {
-        return loss;
-    }
-    const std::int64_t now = std::time(nullptr);
-    group_->finish([&](WriteTxn& write, QueueRecord& record) {
-        loss = suspect(write, record, options_.window, options_.repeat, now);
-    });
-    must_turn_back_ = hand_ != 0 && options_.repeat;
-    return loss;
+    return keeps() ? lose(std::time(nullptr)) : Loss{};
 }
 
 /// What was put back comes after the message that was in hand, which is a group of its own then.
@@ -65,6 +68,9 @@ void LmdbGetter::line_ended() {
     }
     retry_hold();
     use_up();
+    if (loss_due_) {
+        lose(*loss_due_); // for the next drainer; of this line, too: they cannot be told apart any more
+    }
     group_->finish([](WriteTxn& /*write*/, QueueRecord& record) { record.settled = record.next_use; });
 }
 
@@ -78,8 +84,12 @@ void LmdbGetter::trim() {
         const ReadScope scope(reader_);
         return has_aged(reader_.txn(), env_, id_, *options_.keep, std::time(nullptr));
     };
-    for (int i = 0; i < kAtOnce && aged(); ++i) {
-        group_->trim_late();
+    try {
+        for (int i = 0; i < kAtOnce && aged(); ++i) {
+            group_->trim_late();
+        }
+    } catch (const FullError&) {
+        static_cast<void>(0); // there is time
     }
 }
 

@@ -48,10 +48,6 @@ struct RangePart {
     std::uint64_t state;
 };
 
-std::uint64_t less(std::uint64_t from, std::uint64_t amount) {
-    return from - std::min(from, amount);
-}
-
 KeptRange decode_range(std::uint64_t through, std::string_view value) {
     RangePart part{};
     if (value.size() != sizeof part) {
@@ -142,12 +138,19 @@ void erase_kept(WriteTxn& write, QueueRecord& queue, const KeptRange& range) {
     queue.trimmed_at = std::max(queue.trimmed_at, range.used_at);
 }
 
+/// The one that was used first among the first ranges of the queue: places and uses go together but for what was put
+/// back and used again.
 std::optional<KeptRange> first_kept(MDB_txn* txn, const Environment& env, std::uint32_t queue) {
+    constexpr int kLookedAt = 64;
+    std::optional<KeptRange> first;
     auto range = find_range(txn, env, queue, 1);
-    while (range && !range->is_kept()) {
+    for (int looked_at = 0; range && (looked_at < kLookedAt || !first); ++looked_at) {
+        if (range->is_kept() && (!first || range->use < first->use)) {
+            first = range;
+        }
         range = find_range(txn, env, queue, range->through + 1);
     }
-    return range;
+    return first;
 }
 
 bool is_too_old(const KeptRange& range, const KeepLimits& limits, std::int64_t now) {
@@ -302,12 +305,14 @@ bool drop_ranges(WriteTxn& write, QueueRecord& queue) {
 
 Loss suspect(WriteTxn& write, QueueRecord& queue, const LossWindow& window, bool repeat, std::int64_t lost_at) {
     Loss loss;
+    const std::vector<KeptRange> ranges = of_last_line(write, queue);
+    const std::int64_t end = lost_at == 0 && !ranges.empty() ? ranges.front().used_at : lost_at;
     const auto in_time = [&](std::int64_t used_at) {
-        return window.time.count() == 0 || used_at >= lost_at - window.time.count();
+        return window.time.count() == 0 || used_at >= end - window.time.count();
     };
     bool whole = true; // nothing within the window was left out so far
     std::uint64_t behind = 0;
-    for (const KeptRange& range : of_last_line(write, queue)) {
+    for (const KeptRange& range : ranges) {
         whole = whole && behind <= window.bytes && in_time(range.used_at);
         if (!whole) {
             break;

@@ -75,13 +75,14 @@ void begin_keeping(WriteTxn& write, QueueRecord& queue);
 void keep_messages(WriteTxn& write, QueueRecord& queue, const UsedMessages& used);
 /// These messages are about to go, or to be kept: they are handed out again no more.
 void forget_repeats(WriteTxn& write, QueueRecord& queue, UsedRange range);
-/// Deletes some of the oldest that are beyond the limits.
+/// Deletes some of the first used ones that are beyond the limits.
 void trim_kept(WriteTxn& write, QueueRecord& queue, const KeepLimits& limits, std::int64_t now);
 /// Whether trim_kept would find something for their age alone.
 bool has_aged(MDB_txn* txn, const Environment& env, std::uint32_t queue, const KeepLimits& limits, std::int64_t now);
 /// Deletes some kept messages, and what is known of repeats. False when none are kept any more.
 bool drop_ranges(WriteTxn& write, QueueRecord& queue);
-/// What was kept since the last settling went over a line that broke at that time.
+/// What was kept since the last settling went over a line that broke at that time; 0: when nobody looked, so that its
+/// last use counts.
 Loss suspect(WriteTxn& write, QueueRecord& queue, const LossWindow& window, bool repeat, std::int64_t lost_at);
 /// Puts the kept messages of these places back on the queue. Returns how many.
 std::uint64_t hand_out_again(WriteTxn& write, QueueRecord& queue, Places places);

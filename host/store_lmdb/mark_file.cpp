@@ -53,6 +53,8 @@ struct MarkFile::Page {
     alignas(64) std::atomic<std::uint64_t> through; ///< moved for each message
     std::atomic<std::uint64_t> in_hand;
     alignas(64) std::atomic<std::uint32_t> waiting; ///< read by every put
+    std::atomic<std::uint32_t> kept;                ///< the group
+    std::atomic<std::int64_t> used_at;
 };
 
 MarkFile::MarkFile(const std::filesystem::path& path, std::uint64_t store_id, std::uint32_t queue_id)
@@ -96,8 +98,13 @@ std::uint64_t MarkFile::in_hand() const {
     return is_ours() ? page_->in_hand.load(std::memory_order_acquire) : 0;
 }
 
-void MarkFile::begin_group(std::uint64_t generation) {
+bool MarkFile::is_kept() const {
+    return is_ours() && page_->kept.load(std::memory_order_acquire) != 0;
+}
+
+void MarkFile::begin_group(std::uint64_t generation, bool kept) {
     page_->through.store(0, std::memory_order_release);
+    page_->kept.store(kept ? 1 : 0, std::memory_order_release);
     page_->first.store(0, std::memory_order_release);
     page_->generation.store(generation, std::memory_order_release);
     if (!is_ours()) {
@@ -117,6 +124,14 @@ void MarkFile::set_used(UsedRange range) {
         page_->first.store(range.first, std::memory_order_release);
     }
     page_->through.store(range.through, std::memory_order_release);
+}
+
+std::int64_t MarkFile::used_at() const {
+    return page_->used_at.load(std::memory_order_relaxed);
+}
+
+void MarkFile::set_used_at(std::int64_t time) {
+    page_->used_at.store(time, std::memory_order_relaxed);
 }
 
 void MarkFile::set_in_hand(std::uint64_t sequence) {

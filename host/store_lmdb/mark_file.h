@@ -48,13 +48,19 @@ class KVR_EXPORT MarkFile {
     [[nodiscard]] UsedRange used(std::uint64_t generation) const;
     /// Generation of the mark, 0 when it says nothing.
     [[nodiscard]] std::uint64_t generation() const;
+    /// Whether what is used of the group is to be kept.
+    [[nodiscard]] bool is_kept() const;
+    /// When its last message was used, in seconds since the epoch; of one that is kept.
+    [[nodiscard]] std::int64_t used_at() const;
     /// Sequence of the message that the drainer holds in hand, 0 for none. True only while a drainer lives.
     [[nodiscard]] std::uint64_t in_hand() const;
 
     // For the queue's drainer only.
     /// Takes the mark over, or begins the next group: nothing of this generation is used yet.
-    void begin_group(std::uint64_t generation);
+    /// @param kept  what is used is to be kept, whoever finds it
+    void begin_group(std::uint64_t generation, bool kept);
     void set_used(UsedRange range);
+    void set_used_at(std::int64_t time);
     void set_in_hand(std::uint64_t sequence);
 
     // Waiting word.

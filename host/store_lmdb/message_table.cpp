@@ -17,10 +17,6 @@ namespace {
 
 constexpr std::size_t kMoveBytes = 4UL << 20;
 
-std::uint64_t less(std::uint64_t from, std::uint64_t amount) {
-    return from - std::min(from, amount);
-}
-
 /// Copies the queue's first message from `from` on. Returns its sequence, 0 for none.
 std::uint64_t copy_first(WriteTxn& write, std::uint32_t queue, std::uint64_t from, std::string& record) {
     std::uint64_t found = 0;

@@ -160,14 +160,6 @@ std::uint64_t LmdbStore::release_held(const std::string& queue) {
 }
 
 std::uint64_t LmdbStore::replay(const std::string& queue, std::span<const Places> places) {
-    // What the last drainer used is kept only once its group was finished, which the next one does first.
-    try {
-        drain(queue);
-    } catch (const Error& error) {
-        if (error.code() != Errc::kBusy) {
-            throw;
-        }
-    }
     std::uint64_t count = 0;
     std::uint32_t id = 0;
     std::shared_ptr<MarkFile> its_mark;

@@ -2,6 +2,7 @@
 // What the store knows of a queue. Changed in the same transaction as the queue's messages.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -32,6 +33,11 @@ struct QueueRecord {
     std::int64_t trimmed_at = 0; ///< when it was used
     [[nodiscard]] bool has_ranges() const { return next_use > 0; }
 };
+
+/// A count less an amount that cannot be more, in a store that is whole.
+constexpr std::uint64_t less(std::uint64_t from, std::uint64_t amount) {
+    return from - std::min(from, amount);
+}
 
 /// Nothing when there is no such queue.
 std::optional<QueueRecord> find_queue(MDB_txn* txn, std::string_view name, const Environment& env);

@@ -165,6 +165,8 @@ QueueInfo LmdbStore::info_of(MDB_txn* txn, const std::string& name, const Snapsh
     const auto [used, used_bytes] = count_messages(txn, env_, now.record.id, now.used);
     const pid_t drainer = drain_locks_.holder(now.record.id);
     const RangeSums ranges = sum_ranges(txn, env_, now.record);
+    const auto range = ranges.repeats > 0 ? find_range(txn, env_, now.record.id, now.used.first) : std::nullopt;
+    const bool again = range && !range->is_kept() && range->contains(now.used.first);
     return {.name = name,
             .description = now.record.description,
             .depth = now.record.depth - std::min(now.record.depth, used),
@@ -174,7 +176,7 @@ QueueInfo LmdbStore::info_of(MDB_txn* txn, const std::string& name, const Snapsh
             .kept = now.record.kept,
             .kept_bytes = line_bytes(now.record.kept, now.record.kept_data),
             .suspected = ranges.suspected,
-            .repeats = ranges.repeats};
+            .repeats = again ? less(ranges.repeats, used) : ranges.repeats};
 }
 
 QueueInfo LmdbStore::queue_info(const std::string& name) {

@@ -48,6 +48,10 @@ void ReadingOrder::pass_in_group(const Reader& reader, std::uint64_t sequence) {
     // No release counts as known: the next group looks for released messages before it.
     position_ = sequence;
     find_ceiling(reader);
+    if (position_ != sequence) { // the group must not go on behind what is kept
+        position_ = sequence;
+        edge_ = sequence + 1;
+    }
 }
 
 std::uint64_t ReadingOrder::move_position(const QueueRecord& record) {

@@ -35,9 +35,9 @@ UsedGroup::UsedGroup(LmdbStore& store, const std::string& queue, MarkFile& mark,
     : store_(store), queue_(queue), mark_(mark), generation_(record.generation), keep_(keep), keeps_(is_on(keep)),
       used_(mark.used(record.generation)), counted_(used_.empty()) {
     if (used_.empty()) {
-        mark_.begin_group(generation_);
+        mark_.begin_group(generation_, keeps_);
     } else {
-        keeps_ = record.keeping && (!keep || keeps_); // as its drainer would have done, unless nothing is to be kept
+        keeps_ = mark_.is_kept() && (!keep || keeps_); // as its drainer would have done, unless nothing is to be kept
     }
     go_on();
 }
@@ -47,6 +47,9 @@ void UsedGroup::add(std::uint64_t sequence, std::uint64_t bytes) {
         used_.first = sequence;
     }
     used_.through = sequence;
+    if (keeps_) {
+        mark_.set_used_at(std::time(nullptr));
+    }
     mark_.set_used(used_);
     mark_.set_in_hand(0);
     ++messages_;
@@ -60,13 +63,13 @@ bool UsedGroup::has_room(std::uint64_t bytes) const {
 }
 
 /// What becomes of the group's messages.
-void UsedGroup::settle(WriteTxn& write, QueueRecord& record, std::int64_t now) {
+void UsedGroup::settle(WriteTxn& write, QueueRecord& record) {
     if (!keeps_) {
         forget_repeats(write, record, used_);
         erase_messages(write, record, used_.first, used_.through, {});
         return;
     }
-    UsedMessages used{.range = used_, .messages = messages_, .data = data_, .used_at = now};
+    UsedMessages used{.range = used_, .messages = messages_, .data = data_, .used_at = mark_.used_at()};
     if (!counted_) {
         std::tie(used.messages, used.data) = count_messages(write.txn(), write.env(), record.id, used_);
     }
@@ -79,23 +82,23 @@ void UsedGroup::finish(const std::function<void(WriteTxn&, QueueRecord&)>& extra
         QueueRecord record = load_queue(write.txn(), queue_, write.env());
         // Another generation: an earlier try of unknown outcome did it.
         if (!used_.empty() && record.generation == generation_) {
-            settle(write, record, now);
-        }
-        if (keep_) {
-            trim_kept(write, record, *keep_, now);
+            settle(write, record);
         }
         if (extra) {
             extra(write, record);
         }
+        if (keep_ && trims_) {
+            trim_kept(write, record, *keep_, now);
+        }
         record.generation = generation_ + 1;
         save_queue(write, queue_, record);
     });
-    mark_.begin_group(++generation_);
+    keeps_ = is_on(keep_);
+    mark_.begin_group(++generation_, keeps_);
     used_ = {};
     messages_ = 0;
     data_ = 0;
     counted_ = true;
-    keeps_ = is_on(keep_);
     go_on();
 }
 

@@ -38,14 +38,16 @@ class UsedGroup {
     void finish(const std::function<void(WriteTxn&, QueueRecord&)>& extra);
     /// The same for the group alone, if there is one; the last flush is left to the next commit.
     void finish_late();
-    /// Deletes some of what was kept for long enough. No message may be in the group.
+    /// From here on what was kept for long enough is deleted; not before it is known what of it is suspected.
+    void begin_trimming() { trims_ = true; }
+    /// Deletes some of it. No message may be in the group.
     void trim_late();
     /// Lets the group go on beyond its bounds, by as much again: where not even a delete finds room on the disk, sent
     /// once and repeated after a power loss is better than not sent.
     void go_on();
 
   private:
-    void settle(WriteTxn& write, QueueRecord& record, std::int64_t now);
+    void settle(WriteTxn& write, QueueRecord& record);
 
     LmdbStore& store_;
     const std::string& queue_;
@@ -53,6 +55,7 @@ class UsedGroup {
     std::uint64_t generation_; ///< of the queue's record: only the drainer moves it
     std::optional<KeepLimits> keep_;
     bool keeps_; ///< the current group
+    bool trims_ = false;
     UsedRange used_;
     std::uint64_t messages_ = 0; ///< of it
     std::uint64_t data_ = 0;     ///< bytes of their data

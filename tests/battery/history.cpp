@@ -152,7 +152,7 @@ void History::meet(const Fault& fault) {
     }
     field.set_identity(tls_material().server);
     field.set_channel(
-        {{"SHORTRTY", "999999999"}, {"SHORTTMR", "30"}, {"LONGRTY", "0"}, {"HBINT", "0"}, {"TRIALTMR", "8"}});
+        {{"SHORTRTY", "999999999"}, {"SHORTTMR", "30"}, {"LONGRTY", "0"}, {"HBINT", "0"}, {"TRIALTMR", "1"}});
     field.set_qmgr({{"DEADQ", kDeadQueue}});
     for (const Disk* disk : {&field.senders_disk(), &field.receivers_disk()}) {
         if (disk->mounted()) {

@@ -175,7 +175,9 @@ constexpr const char* kHistories[] = {
     "repeat 9999, put 1 4 | take 1 2 3 | inherits 2, shown 1~ 2~ 3 4, take 1 2 | shown 2*~ 3 4 | lost 1, take 1 3 4 -",
     "repeat 999999, put 0 1100 | takes 0 600 | inherits 599 | busy drain | takes 0 599, takes 599 501, take -, lost "
     "1100",
-    "keep 9999, put 1 3 | take 1 2 | replay 1 1 1, shown 1~ 2 3, leave, take 1 2 3 -, kept",
+    "keep 9999, put 1 3 | take 1 2 | drain, replay 1 1 1, shown 1~ 2 3, leave, take 1 2 3 -, kept",
+    "repeat 9999, put 1 5 | take 1 2, commit, later 20, take 3 4 | later 4000, inherits 3, take 1 2 3 4 5 -",
+    "keep 9999, put 1 4, take 1, ended, close, leave | take 2 3 | repeat 9999, inherits 0, kept 1, take 3 4 -",
     // Held ones between them, and ones that leave by another way.
     "repeat 9999, put 1 6, take 1, hold, take 2 3, commit, release 1, take 1 4, commit, kept 1 2 3 4, lost 4, take 1 2,"
     "hold, take 3 4, shown 2!~ 4*~ 5 6, lost 2, release 1, take 1 2 3 5 6 -, kept 1 2 3 4 5 6",
@@ -188,10 +190,12 @@ constexpr const char* kHistories[] = {
     // So many as can be gone, so many as are kept; in one second they are one range.
     "window 600, keep 9999, put 1 5, take 1 2, commit, later 1, take 3 4 5 -, lost 3, kept 1 2 3? 4? 5?",
     "keep 9999, put 1 3, take 1, commit, later 20, take 2, commit, later 20, take 3 -, later 5, lost 2, kept 1 2? 3?",
+    "keep 1000, put 1 5, take 1, commit, later 1, take 2, commit, later 1, take 3 4, commit, replay 1 1 1, take 1 5 -,"
+    "kept 1 3 4 5",
     "keep 500, put 1 5, take 1, commit, later 1, take 2, commit, later 1, take 3, commit, kept 2 3, lost 2+,"
     "take 4 5 -, lost 2",
     "keep 99, put 1 3, take 1, commit, later 61, take 2 3 -, kept 2 3, later 61, take -, kept 2 3, put 4 1, take 4 -,"
-    "kept 4, close, keep 0, take -, kept, put 5 1, take 5 -, kept",
+    "kept 4, close, keep 0, put 5 1, take 5 -, kept",
     "keep 9999, put 1 2, take 1, commit, busy delete, close, busy delete, take 2 -, close, delete, define, kept",
 };
 
