@@ -98,9 +98,6 @@ class Kept : public ::testing::TestWithParam<Road> {
     void end() {
         judge();
         h_.finish();
-        for (const auto& [name, times] : made_) {
-            RecordProperty(name, std::to_string(times));
-        }
     }
 
     const Promise promise_ = std::get<Promise>(GetParam());

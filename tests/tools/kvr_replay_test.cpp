@@ -72,12 +72,9 @@ TEST_F(KvrReplay, TheChosenOnesAreToldAndNoOthers) {
     const json last = plan("Q --last 1");
     EXPECT_EQ(std::tuple(last["messages"], last["files"], last["without_files"]), std::tuple(1, 0, 1));
     EXPECT_EQ(std::tuple(last["first"]["sequence"], last["last"]["msgid"]), std::tuple(3, kept[2]["msgid"]));
-    std::string time = kept[2]["used_at"];
+    const std::string time = kept[2]["used_at"];
     EXPECT_EQ(plan("C --since " + time)["first"]["sequence"], 3);
-    time.replace(10, 1, " ").pop_back();
-    EXPECT_EQ(plan("C --since '" + time + "'")["messages"], 1);
     EXPECT_EQ(plan("C --since 1h")["messages"], 3);
-    EXPECT_EQ(plan("C --last 9")["messages"], 3);
 }
 
 TEST_F(KvrReplay, TheChosenOnesAreSentAgainOnceThatIsConfirmed) {
