@@ -18,7 +18,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr BorderModule kSelf{"$kavro_queue", "line_watch"};
+constexpr BorderModule kWatch{"$kavro_queue", "line_watch"};
 constexpr int kLevelFailure = 1;
 constexpr int kLevelEvent = 3;
 constexpr int kLevelInfo = 4;
@@ -33,7 +33,7 @@ constexpr auto kReportTime = 3s;
 void log_line(int level, const std::string& text, const char* function = __builtin_FUNCTION(),
               int line = __builtin_LINE()) {
     // The log takes pointers to char and writes through none of them.
-    KVR_LogPrint(nullptr, level, const_cast<char*>(kSelf.module), const_cast<char*>(kSelf.file), line, function,
+    KVR_LogPrint(nullptr, level, const_cast<char*>(kWatch.module), const_cast<char*>(kWatch.file), line, function,
                  const_cast<char*>("%s"), text.c_str());
 }
 
@@ -109,7 +109,7 @@ void LineWatch::try_to_lose(const char* where) {
     try {
         lose(*queue->getter, where);
     } catch (const std::exception& error) {
-        static_cast<void>(fail_at_border(kSelf, error, BorderPlace::here())); // the next get tries again
+        static_cast<void>(fail_at_border(kWatch, error, BorderPlace::here())); // the next get tries again
     }
 }
 

@@ -12,6 +12,8 @@
 #include <set>
 #include <stdexcept>
 
+#include <fmt/format.h>
+
 #include "command_line.h"
 #include "page.h"
 
@@ -71,9 +73,9 @@ class Manual {
             std::string name = (*found)[1];
             std::erase(name, '\\');
             const std::string section = (*found)[2];
-            if (!fs::exists(out_.parent_path() / ("man" + section) / (name + "." + section))) {
-                throw std::runtime_error(page.native() + " refers to " + name + "(" + section +
-                                         "), which is not there");
+            if (!fs::exists(out_.parent_path() / ("man" + section) / fmt::format("{}.{}", name, section))) {
+                throw std::runtime_error(
+                    fmt::format("{} refers to {}({}), which is not there", page.native(), name, section));
             }
         }
     }
