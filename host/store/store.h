@@ -76,7 +76,7 @@ struct QueueInfo {
     std::optional<Owner> drained_by;
     std::uint64_t kept;       ///< used ones that stay for a while, not counted in the depth (keep.h)
     std::uint64_t kept_bytes; ///< theirs on the line
-    std::uint64_t suspected;  ///< of the kept ones: those that can be gone with a line
+    Loss suspected;           ///< of the kept ones: those that can be gone with a line
     std::uint64_t repeats;    ///< of the depth: those that are handed out again
 };
 

@@ -359,7 +359,9 @@ RangeSums sum_ranges(MDB_txn* txn, const Environment& env, const QueueRecord& qu
     RangeSums sums;
     if (queue.has_ranges()) {
         for_ranges(txn, env, queue.id, [&](const KeptRange& range) {
-            sums.suspected += range.state == RangeState::kSuspected ? range.messages : 0;
+            if (range.state == RangeState::kSuspected) {
+                add_to_loss(sums.suspected, range);
+            }
             sums.repeats += range.state == RangeState::kAgain ? range.messages : 0;
         });
     }

@@ -89,7 +89,7 @@ std::uint64_t hand_out_again(WriteTxn& write, QueueRecord& queue, Places places)
 
 /// Sums over the queue's ranges.
 struct RangeSums {
-    std::uint64_t suspected = 0;
+    Loss suspected;
     std::uint64_t repeats = 0;
 };
 RangeSums sum_ranges(MDB_txn* txn, const Environment& env, const QueueRecord& queue);

@@ -56,7 +56,7 @@ TEST_F(KvrReplay, KeptOnesAreShownAndCountedBesideTheOthers) {
     EXPECT_EQ(std::tuple(queue["depth"], queue["kept"], queue["suspected"], queue["repeats"]), std::tuple(1, 3, 2, 0));
     EXPECT_EQ(shown("status")["channels"][0]["transmission_queue"]["kept_bytes"], queue["kept_bytes"]);
     EXPECT_THAT(done("status"), AllOf(HasSubstr("C: keeps 3 messages"),
-                                      HasSubstr("C: 2 messages can be gone with the line that broke: 'kvr replay C ")));
+                                      ContainsRegex("C: 2 messages can be gone .*, places 1 to 3; .*'kvr replay C ")));
     done("delete channel C");
     EXPECT_THAT(done("delete queue Q --purge"), HasSubstr("queue Q with 3 messages that it kept"));
 }

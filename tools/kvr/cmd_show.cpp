@@ -94,7 +94,7 @@ std::string queues_text(const std::vector<QueueInfo>& queues) {
         std::vector<std::string> row{queue.name, std::to_string(queue.depth), std::to_string(queue.bytes),
                                      std::to_string(queue.held)};
         if (kept) {
-            for (const std::uint64_t number : {queue.repeats, queue.kept, queue.kept_bytes, queue.suspected}) {
+            for (const std::uint64_t number : {queue.repeats, queue.kept, queue.kept_bytes, queue.suspected.messages}) {
                 row.push_back(std::to_string(number));
             }
         }
