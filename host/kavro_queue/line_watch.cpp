@@ -81,7 +81,7 @@ void LineWatch::retrying() {
         trial_.line_lost(state_ == State::kUp ? interrupted_.value_or(Clock::now()) - up_since_ : 0s);
     }
     state_ = State::kRetrying;
-    try_to_lose("now");
+    try_to_lose();
 }
 
 void LineWatch::running(const LineEnds& ends) {
@@ -101,13 +101,13 @@ void LineWatch::stopped() {
 
 // ---- Losses
 
-void LineWatch::try_to_lose(const char* where) {
+void LineWatch::try_to_lose() {
     const std::shared_ptr<OpenQueue> queue = drained_queue();
     if (!queue || !keeps()) {
         return;
     }
     try {
-        lose(*queue->getter, where);
+        lose(*queue->getter, "now");
     } catch (const std::exception& error) {
         static_cast<void>(fail_at_border(kWatch, error, BorderPlace::here())); // the next get tries again
     }

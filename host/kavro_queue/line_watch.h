@@ -48,10 +48,10 @@ class LineWatch {
     using Clock = LineTrial::Clock;
     enum class State { kNone, kRetrying, kBinding, kUp, kStopped };
 
-    [[nodiscard]] bool keeps() const { return settings_.drain.keep && settings_.drain.keep->time.count() > 0; }
+    [[nodiscard]] bool keeps() const { return settings_.drain.keeps(); }
     /// Tells the getter of the loss. Throws; `loss_due_` stands then.
     void lose(Getter& getter, const char* where);
-    void try_to_lose(const char* where);
+    void try_to_lose();
     void lose_before(Getter& getter);
     void tell(const Loss& loss, const std::string& when, const char* where) const;
     std::int64_t take(Getter& getter, T_KAVRO_MD& descriptor, std::span<char> buffer);

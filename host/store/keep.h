@@ -34,6 +34,7 @@ struct DrainOptions {
     std::optional<KeepLimits> keep; ///< nothing: used messages are deleted, those that are kept are left alone
     LossWindow window;              ///< with `keep`
     bool repeat = false;            ///< what can be gone is handed out again, before all else
+    [[nodiscard]] bool keeps() const { return keep && keep->time.count() > 0; }
 };
 
 /// What can be gone with a line. The sequences are places of the queue, as a browse shows them.

@@ -219,30 +219,22 @@ void Environment::open_tables(bool create) {
 
 void Environment::open_all_tables(bool create) {
     open_table_set(create, {{"objects", &objects}, {"queues", &queues}, {"messages", &messages}, {"held", &held}});
-    newer_tables_ = open_newer_tables(create);
-}
-
-/// False for a store that was made before there were these.
-bool Environment::open_newer_tables(bool create) {
     try {
-        open_table_set(create, {{"kept", &kept}, {"taken", &taken}});
-        return true;
+        open_table_set(create, newer_tables());
     } catch (const Error& error) {
         if (create || error.code() != Errc::kDamaged) {
-            throw;
+            throw; // else the store was made before there were these
         }
-        return false;
     }
 }
 
 void Environment::make_newer_tables(MDB_txn* txn) {
-    for (const auto& [name, table] : {std::pair{"kept", &kept}, std::pair{"taken", &taken}}) {
+    for (const auto& [name, table] : newer_tables()) {
         check_mdb(mdb_dbi_open(txn, name, MDB_CREATE, table), "make the tables", folder_);
     }
-    newer_tables_ = true;
 }
 
-void Environment::open_table_set(bool create, std::initializer_list<std::pair<const char*, MDB_dbi*>> tables) {
+void Environment::open_table_set(bool create, const std::vector<std::pair<const char*, MDB_dbi*>>& tables) {
     MDB_txn* txn = nullptr;
     check_mdb(mdb_txn_begin(env_, nullptr, create ? 0U : MDB_RDONLY, &txn), "begin a transaction", folder_);
     for (const auto& [name, table] : tables) {

@@ -9,7 +9,6 @@
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
-#include <initializer_list>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -42,7 +41,7 @@ class Environment {
     void open_tables(bool create);
     /// False for a store that was made before there were `kept` and `taken`: they are to be made at its opening, so
     /// that all who have it open see what they will hold.
-    [[nodiscard]] bool has_newer_tables() const { return newer_tables_; }
+    [[nodiscard]] bool has_newer_tables() const { return taken != 0; }
     void make_newer_tables(MDB_txn* txn);
 
     [[nodiscard]] const std::filesystem::path& folder() const { return folder_; }
@@ -98,14 +97,16 @@ class Environment {
     void adopt_size();
     void set_flag(unsigned flag, bool on);
     void open_all_tables(bool create);
-    bool open_newer_tables(bool create);
-    void open_table_set(bool create, std::initializer_list<std::pair<const char*, MDB_dbi*>> tables);
+    /// Of those that came after the first ones.
+    [[nodiscard]] std::vector<std::pair<const char*, MDB_dbi*>> newer_tables() {
+        return {{"kept", &kept}, {"taken", &taken}};
+    }
+    void open_table_set(bool create, const std::vector<std::pair<const char*, MDB_dbi*>>& tables);
 
     std::filesystem::path folder_;
     StoreLock store_lock_;
     MDB_env* env_ = nullptr;
     bool sync_ = true;
-    bool newer_tables_ = false;
     dev_t device_ = 0; ///< with inode_: the file that is open
     ino_t inode_ = 0;
     std::atomic<std::uint64_t> openings_{0};

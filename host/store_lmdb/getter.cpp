@@ -56,7 +56,7 @@ void LmdbGetter::take_over() {
         throw Error(Errc::kBusy, "queue '" + queue_ + "' was defined anew meanwhile: try again");
     }
     order_.emplace(id_, queue_);
-    group_.emplace(*store_, queue_, *mark_, record, options_.keep);
+    group_.emplace(*store_, queue_, *mark_, record, options_);
     delete_left_over();
     begin_lines();
     mark_->set_in_hand(0);

@@ -59,7 +59,7 @@ class LmdbGetter final : public Getter {
     void let_go();
 
     // getter_lines.cpp
-    [[nodiscard]] bool keeps() const { return options_.keep && options_.keep->time.count() > 0; }
+    [[nodiscard]] bool keeps() const { return options_.keeps(); }
     void begin_lines();
     Loss lose(std::int64_t lost_at);
     void turn_back();

@@ -69,13 +69,18 @@ void erase_range(WriteTxn& write, std::uint32_t queue, const KeptRange& range) {
     table_erase(write, write.env().kept, MessageKey(queue, range.through).view());
 }
 
-/// Calls `each(range)` for the queue's ranges in rising order.
+/// Calls `each(range)` for the queue's ranges in rising order while it returns true.
 template <class Each>
 void for_ranges(MDB_txn* txn, const Environment& env, std::uint32_t queue, Each each) {
-    auto range = find_range(txn, env, queue, 1);
-    while (range) {
-        each(*range);
-        range = find_range(txn, env, queue, range->through + 1);
+    const MessageKey start(queue, 1);
+    Cursor cursor(txn, env.kept, env);
+    MDB_val key = to_val(start.view());
+    MDB_val value{};
+    for (bool found = cursor.get(key, value, MDB_SET_RANGE); found; found = cursor.get(key, value, MDB_NEXT)) {
+        const std::uint64_t through = MessageKey::sequence_in(to_view(key), queue);
+        if (through == 0 || !each(decode_range(through, to_view(value)))) {
+            return;
+        }
     }
 }
 
@@ -143,13 +148,12 @@ void erase_kept(WriteTxn& write, QueueRecord& queue, const KeptRange& range) {
 std::optional<KeptRange> first_kept(MDB_txn* txn, const Environment& env, std::uint32_t queue) {
     constexpr int kLookedAt = 64;
     std::optional<KeptRange> first;
-    auto range = find_range(txn, env, queue, 1);
-    for (int looked_at = 0; range && (looked_at < kLookedAt || !first); ++looked_at) {
-        if (range->is_kept() && (!first || range->use < first->use)) {
+    for_ranges(txn, env, queue, [&, looked_at = 0](const KeptRange& range) mutable {
+        if (range.is_kept() && (!first || range.use < first->use)) {
             first = range;
         }
-        range = find_range(txn, env, queue, range->through + 1);
-    }
+        return ++looked_at < kLookedAt || !first;
+    });
     return first;
 }
 
@@ -183,6 +187,7 @@ std::vector<KeptRange> of_last_line(WriteTxn& write, const QueueRecord& queue) {
         if (range.state == RangeState::kKept && range.use >= queue.settled) {
             ranges.push_back(range);
         }
+        return true;
     });
     std::ranges::sort(ranges, std::greater{}, &KeptRange::use);
     return ranges;
@@ -363,6 +368,7 @@ RangeSums sum_ranges(MDB_txn* txn, const Environment& env, const QueueRecord& qu
                 add_to_loss(sums.suspected, range);
             }
             sums.repeats += range.state == RangeState::kAgain ? range.messages : 0;
+            return true;
         });
     }
     return sums;

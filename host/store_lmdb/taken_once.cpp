@@ -2,9 +2,9 @@
 #include "store_lmdb/taken_once.h"
 
 #include <algorithm>
-#include <array>
 #include <string>
 
+#include "store_lmdb/keys.h"
 #include "store_lmdb/mdb_error.h"
 #include "store_lmdb/message_table.h"
 #include "store_lmdb/store_layout.h"
@@ -22,29 +22,13 @@ std::uint64_t greatest_surplus(std::uint64_t remember) {
     return std::max<std::uint64_t>(512, remember / 32);
 }
 
-/// Big-endian, so that records lie in the order of their numbers.
-class RecordKey {
-  public:
-    explicit RecordKey(std::uint64_t number) {
-        for (std::size_t i = bytes_.size(); i-- > 0; number >>= 8U) {
-            bytes_.at(i) = static_cast<char>(number & 0xffU);
-        }
-    }
-    [[nodiscard]] std::string_view view() const { return {bytes_.data(), bytes_.size()}; }
-    static std::uint64_t number(const MDB_val& key) {
-        std::uint64_t number = 0;
-        for (const char c : to_view(key)) {
-            number = number << 8U | static_cast<unsigned char>(c);
-        }
-        return number;
-    }
-
-  private:
-    std::array<char, sizeof(std::uint64_t)> bytes_{};
-};
+/// Keys as those of messages, of the queue that no queue is.
+MessageKey record_key(std::uint64_t number) {
+    return {0, number};
+}
 
 void append_record(WriteTxn& write, std::uint64_t number, std::span<const MessageIdentity> identities) {
-    const RecordKey key(number);
+    const MessageKey key = record_key(number);
     MDB_val key_val = to_val(key.view());
     MDB_val value{identities.size_bytes(), const_cast<char*>(identities.front().data())}; // NOLINT: LMDB reads it only
     check_mdb(mdb_put(write.txn(), write.env().taken, &key_val, &value, MDB_APPEND), "remember messages",
@@ -80,7 +64,7 @@ std::vector<bool> TakenOnce::take(WriteTxn& write, std::span<const MessageIdenti
 /// state or all of it replaced by other processes, has memory read anew.
 void TakenOnce::follow(MDB_txn* txn, Environment& env) {
     const std::uint64_t next = first_ + counts_.size();
-    const auto newest = counts_.empty() ? std::nullopt : table_get(txn, env.taken, RecordKey(next - 1).view(), env);
+    const auto newest = counts_.empty() ? std::nullopt : table_get(txn, env.taken, record_key(next - 1).view(), env);
     if (!newest || newest->size() != counts_.back() * kIdentitySize || !known_.ends_with(*newest)) {
         clear();
     }
@@ -90,7 +74,7 @@ void TakenOnce::follow(MDB_txn* txn, Environment& env) {
     if (!cursor.get(key, value, MDB_FIRST)) {
         return;
     }
-    const std::uint64_t oldest = RecordKey::number(key);
+    const std::uint64_t oldest = MessageKey::sequence_in(to_view(key), 0);
     if (counts_.empty()) {
         first_ = oldest;
     }
@@ -105,7 +89,7 @@ void TakenOnce::follow(MDB_txn* txn, Environment& env) {
 
 /// Adds what comes behind the records in memory.
 void TakenOnce::load_from(Cursor& cursor, Environment& env) {
-    const RecordKey start(first_ + counts_.size());
+    const MessageKey start = record_key(first_ + counts_.size());
     MDB_val key = to_val(start.view());
     MDB_val value{};
     std::uint64_t read = 0;
@@ -147,7 +131,7 @@ void TakenOnce::remember_these(WriteTxn& write, std::span<const MessageIdentity>
     const std::uint64_t surplus = greatest_surplus(remember);
     const std::uint64_t enough = left - (left < remember + surplus ? 0 : std::min(left, identities.size() + surplus));
     for (std::size_t i = 0; i < counts_.size() && left > enough && left - counts_[i] >= remember; ++i) {
-        table_erase(write, write.env().taken, RecordKey(first_ + i).view());
+        table_erase(write, write.env().taken, record_key(first_ + i).view());
         freed += stored_size(counts_[i] * kIdentitySize);
         left -= counts_[i];
     }

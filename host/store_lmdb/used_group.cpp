@@ -24,20 +24,17 @@ class LateFlush {
     Environment& env_;
 };
 
-bool is_on(const std::optional<KeepLimits>& keep) {
-    return keep && keep->time.count() > 0;
-}
-
 } // namespace
 
 UsedGroup::UsedGroup(LmdbStore& store, const std::string& queue, MarkFile& mark, const QueueRecord& record,
-                     const std::optional<KeepLimits>& keep)
-    : store_(store), queue_(queue), mark_(mark), generation_(record.generation), keep_(keep), keeps_(is_on(keep)),
-      used_(mark.used(record.generation)), counted_(used_.empty()) {
+                     const DrainOptions& options)
+    : store_(store), queue_(queue), mark_(mark), generation_(record.generation), options_(options),
+      keeps_(options.keeps()), used_(mark.used(record.generation)), counted_(used_.empty()) {
     if (used_.empty()) {
         mark_.begin_group(generation_, keeps_);
     } else {
-        keeps_ = mark_.is_kept() && (!keep || keeps_); // as its drainer would have done, unless nothing is to be kept
+        keeps_ = mark_.is_kept() &&
+                 (!options.keep || keeps_); // as its drainer would have done, unless nothing is to be kept
     }
     go_on();
 }
@@ -87,13 +84,13 @@ void UsedGroup::finish(const std::function<void(WriteTxn&, QueueRecord&)>& extra
         if (extra) {
             extra(write, record);
         }
-        if (keep_ && trims_) {
-            trim_kept(write, record, *keep_, now);
+        if (options_.keep && trims_) {
+            trim_kept(write, record, *options_.keep, now);
         }
         record.generation = generation_ + 1;
         save_queue(write, queue_, record);
     });
-    keeps_ = is_on(keep_);
+    keeps_ = options_.keeps();
     mark_.begin_group(++generation_, keeps_);
     used_ = {};
     messages_ = 0;

@@ -22,7 +22,7 @@ class UsedGroup {
 
     /// Takes over what the queue's last drainer left. The references outlive this.
     UsedGroup(LmdbStore& store, const std::string& queue, MarkFile& mark, const QueueRecord& record,
-              const std::optional<KeepLimits>& keep);
+              const DrainOptions& options);
 
     /// The next message of the queue's order is used from here on: this is the point that decides whether a killed
     /// process repeats it. `bytes` are those of its data.
@@ -53,7 +53,7 @@ class UsedGroup {
     const std::string& queue_;
     MarkFile& mark_;
     std::uint64_t generation_; ///< of the queue's record: only the drainer moves it
-    std::optional<KeepLimits> keep_;
+    const DrainOptions& options_;
     bool keeps_; ///< the current group
     bool trims_ = false;
     UsedRange used_;

@@ -212,15 +212,18 @@ void Delivery::put_group(const std::string& home) {
 
 void Delivery::put(const std::string& home, const std::vector<Queued*>& messages) {
     std::vector<OutgoingMessage> outgoing;
-    std::vector<MessageIdentity> identities;
     outgoing.reserve(messages.size());
     for (const Queued* queued : messages) {
         outgoing.push_back({&queued->message.descriptor, queued->message.attachments, queued->message.data});
-        identities.push_back(queued->message.identity);
     }
     if (remember_ == 0) {
         store_->put(home, outgoing);
         return;
+    }
+    std::vector<MessageIdentity> identities;
+    identities.reserve(messages.size());
+    for (const Queued* queued : messages) {
+        identities.push_back(queued->message.identity);
     }
     const std::vector<bool> put = store_->put_once(home, outgoing, identities, remember_);
     for (std::size_t i = 0; i < messages.size(); ++i) {
