@@ -2,17 +2,14 @@
 #include "session.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
 #include <cstdlib>
-#include <cstring>
-
-#include <sys/stat.h>
 
 #include <fmt/format.h>
 
 #include "core_ctx/channel_status.h"
 #include "output.h"
+#include "store/home.h"
 #include "store/names.h"
 #include "store/permissions.h"
 #include "store_owner.h"
@@ -50,38 +47,22 @@ std::string checked_name(const char* what, const std::string& name, std::size_t 
     return name;
 }
 
-} // namespace
+constexpr NamedBy kNamedBy{"with --home or KVR_HOME", "with -m or KVR_QMGR"};
 
-std::filesystem::path home_folder(const GlobalOptions& global, bool create) {
-    fs::path home = global.home;
-    if (home.empty()) {
-        const char* user_home = std::getenv("HOME");
-        if (user_home == nullptr || *user_home == '\0') {
-            throw UsageError("no home folder is known: give --home DIR or set KVR_HOME");
+/// What a look-up in the home folder calls invalid was given on the command line, or missing there.
+template <class Work>
+auto as_usage(Work work) {
+    try {
+        return work();
+    } catch (const Error& error) {
+        if (error.code() != Errc::kInvalid) {
+            throw;
         }
-        home = fs::path(user_home) / ".kvr";
+        throw UsageError(error.what());
     }
-    home = fs::absolute(home).lexically_normal();
-    struct stat status {};
-    if (::stat(home.c_str(), &status) == 0) {
-        if (!S_ISDIR(status.st_mode)) {
-            throw Error(Errc::kInvalid, fmt::format("{} is not a folder: give another one with --home", home.native()));
-        }
-        if (create) {
-            become_owner_of(home);
-        }
-        return home;
-    }
-    if (errno != ENOENT) {
-        throw Error(Errc::kIo, fmt::format("{} cannot be read ({}): check the folder's path and owner", home.native(),
-                                           std::strerror(errno)));
-    }
-    if (!create) {
-        throw Error(Errc::kNotFound,
-                    fmt::format("{} does not exist: make a queue manager with 'kvr create QMGR', or name the right "
-                                "folder with --home",
-                                home.native()));
-    }
+}
+
+void make_home(const fs::path& home) {
     std::error_code unknown;
     if (fs::status(home.parent_path(), unknown).type() == fs::file_type::not_found) {
         throw Error(Errc::kNotFound,
@@ -91,42 +72,32 @@ std::filesystem::path home_folder(const GlobalOptions& global, bool create) {
     }
     become_owner_of(home.parent_path());
     make_private_folder(home);
-    return home;
+}
+
+} // namespace
+
+std::filesystem::path home_folder(const GlobalOptions& global, bool create) {
+    return as_usage([&] {
+        if (!create) {
+            return find_home(global.home, kNamedBy);
+        }
+        fs::path home = home_path(global.home, kNamedBy);
+        if (is_home(home, kNamedBy)) {
+            become_owner_of(home);
+        } else {
+            make_home(home);
+        }
+        return home;
+    });
 }
 
 std::vector<std::string> qmgr_names(const GlobalOptions& global) {
-    const fs::path home = home_folder(global);
-    std::vector<std::string> names;
-    std::error_code error;
-    for (fs::directory_iterator entry(home, error), end; !error && entry != end; entry.increment(error)) {
-        const std::string name = entry->path().filename().string();
-        std::error_code ignored;
-        if (entry->is_directory(ignored) && good_name(name, kMaxQueueName, false) && Store::exists(entry->path())) {
-            names.push_back(name);
-        }
-    }
-    if (error) {
-        throw Error(Errc::kPermission, fmt::format("{} cannot be listed ({}): check the folder's owner, or give --home",
-                                                   home.native(), error.message()));
-    }
-    std::sort(names.begin(), names.end());
-    return names;
+    return qmgr_names(home_folder(global), kNamedBy);
 }
 
 std::string chosen_qmgr(const GlobalOptions& global) {
-    if (!global.qmgr.empty()) {
-        return checked_qmgr_name(global.qmgr);
-    }
-    const std::vector<std::string> names = qmgr_names(global);
-    if (names.empty()) {
-        throw Error(Errc::kNotFound, fmt::format("there is no queue manager in {}: make one with 'kvr create QMGR'",
-                                                 home_folder(global).native()));
-    }
-    if (names.size() > 1) {
-        throw UsageError(fmt::format("there is more than one queue manager ({}): name one with -m or KVR_QMGR",
-                                     fmt::join(names, ", ")));
-    }
-    return names.front();
+    const std::string named = global.qmgr.empty() ? "" : checked_qmgr_name(global.qmgr);
+    return as_usage([&] { return find_qmgr(home_folder(global), named, kNamedBy); });
 }
 
 void refuse_other_qmgr(const GlobalOptions& global, const std::string& name) {
@@ -138,21 +109,9 @@ void refuse_other_qmgr(const GlobalOptions& global, const std::string& name) {
 }
 
 std::filesystem::path qmgr_folder(const GlobalOptions& global) {
-    const std::string qmgr = chosen_qmgr(global);
-    fs::path dir = home_folder(global) / qmgr;
-    std::error_code error;
-    if (!fs::exists(dir, error) && !error) {
-        throw Error(Errc::kNotFound,
-                    fmt::format("queue manager '{}' does not exist in {}: make it with 'kvr create {}'", qmgr,
-                                dir.parent_path().native(), qmgr));
-    }
+    fs::path dir = home_folder(global) / chosen_qmgr(global);
     become_owner_of(dir);
-    if (!Store::exists(dir)) {
-        throw Error(Errc::kNotFound,
-                    fmt::format("{} is no queue manager, it has no store: name one with -m, see 'kvr show', or remove "
-                                "the folder by hand if nothing in it is needed",
-                                dir.native()));
-    }
+    require_qmgr(dir, kNamedBy);
     return dir;
 }
 
