@@ -7,7 +7,7 @@
 #include <sys/stat.h>
 
 #include "history.h"
-#include "proof/xmit_header.h"
+#include "store/xmit_header.h"
 #include "support/raw_line.h"
 #include "support/receiver_stream.h"
 

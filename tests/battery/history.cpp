@@ -9,7 +9,8 @@
 
 #include <fcntl.h>
 
-#include "proof/xmit_header.h"
+#include "store/descriptor.h"
+#include "store/xmit_header.h"
 
 namespace kvr::test {
 namespace {

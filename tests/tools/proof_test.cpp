@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "proof/proof.h"
-#include "proof/xmit_header.h"
+#include "store/xmit_header.h"
 #include "support/folder.h"
 
 namespace kvr::test {

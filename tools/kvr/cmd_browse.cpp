@@ -12,7 +12,7 @@
 #include "destination.h"
 #include "message_text.h"
 #include "output.h"
-#include "proof/text_field.h"
+#include "store/text_field.h"
 #include "session.h"
 #include "utc_time.h"
 

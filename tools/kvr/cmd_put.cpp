@@ -20,8 +20,9 @@
 #include "output.h"
 #include "progress.h"
 #include "proof/proof.h"
-#include "proof/text_field.h"
 #include "session.h"
+#include "store/descriptor.h"
+#include "store/text_field.h"
 
 namespace kvr {
 namespace {
@@ -275,7 +276,7 @@ Totals put_messages(Store& store, const PutOptions& options, const std::vector<s
             if (own_id) {
                 fill_text(descriptor.sMsgId, sizeof descriptor.sMsgId, "");
             }
-            complete_descriptor(descriptor);
+            complete_descriptor(descriptor, "kvr");
             if (number == 1) {
                 totals.first_id = message_id_text(descriptor);
             }

@@ -4,21 +4,15 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <ctime>
-#include <iterator>
-
-#include <sys/random.h>
-#include <unistd.h>
 
 #include <fmt/format.h>
 
 #include "commands.h"
 #include "output.h"
-#include "proof/text_field.h"
+#include "store/text_field.h"
 
 namespace kvr {
 namespace {
@@ -52,7 +46,6 @@ constexpr DescriptorField kFields[] = {
 #undef KVR_FIELD
 
 constexpr std::size_t kIdSize = sizeof(T_KAVRO_MD::sMsgId);
-constexpr std::string_view kApplicationName = "kvr";
 
 char* place(T_KAVRO_MD& descriptor, const DescriptorField& field) {
     return static_cast<char*>(static_cast<void*>(&descriptor)) + field.offset;
@@ -154,36 +147,6 @@ void set_field(T_KAVRO_MD& descriptor, const DescriptorField& field, const std::
         refuse(fmt::format("give exactly {} digits", room));
     }
     fill_text(target, field.size, text);
-}
-
-std::string unique_message_id() {
-    static const std::uint32_t process = [] {
-        std::uint32_t random = 0;
-        const bool drawn = ::getrandom(&random, sizeof random, 0) == static_cast<ssize_t>(sizeof random);
-        return drawn ? random : static_cast<std::uint32_t>(::getpid());
-    }();
-    static std::uint32_t count = 0;
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    const auto nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
-    return fmt::format("{:016X}{:08X}{:08X}", nanoseconds, process, ++count);
-}
-
-void complete_descriptor(T_KAVRO_MD& descriptor) {
-    if (std::all_of(std::begin(descriptor.sMsgId), std::end(descriptor.sMsgId), [](char c) { return c == '\0'; })) {
-        fill_text(descriptor.sMsgId, sizeof descriptor.sMsgId, unique_message_id());
-    }
-    if (descriptor.sPutApplName[0] == '\0') {
-        fill_text(descriptor.sPutApplName, sizeof descriptor.sPutApplName, kApplicationName);
-    }
-    const std::time_t now = std::time(nullptr);
-    std::tm utc{};
-    (void)::gmtime_r(&now, &utc);
-    if (descriptor.sPutDate[0] == '\0') {
-        (void)std::strftime(descriptor.sPutDate, sizeof descriptor.sPutDate, "%Y%m%d", &utc);
-    }
-    if (descriptor.sPutTime[0] == '\0') {
-        (void)std::strftime(descriptor.sPutTime, sizeof descriptor.sPutTime, "%H%M%S", &utc);
-    }
 }
 
 } // namespace kvr

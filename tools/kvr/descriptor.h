@@ -37,9 +37,4 @@ int field_number(const T_KAVRO_MD& descriptor, const DescriptorField& field);
 /// Throws UsageError that names the option.
 void set_field(T_KAVRO_MD& descriptor, const DescriptorField& field, const std::string& text);
 
-/// 32 characters that no other message of this system has.
-std::string unique_message_id();
-/// Fills what the putter left unset: message id, put date and time (UTC), application name.
-void complete_descriptor(T_KAVRO_MD& descriptor);
-
 } // namespace kvr

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "proof/xmit_header.h"
+#include "store/xmit_header.h"
 
 namespace kvr {
 

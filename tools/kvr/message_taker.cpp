@@ -8,9 +8,8 @@
 
 #include <sys/time.h>
 
-#include "descriptor.h"
-#include "proof/proof.h"
-#include "proof/text_field.h"
+#include "store/descriptor.h"
+#include "store/text_field.h"
 
 namespace kvr {
 namespace {

@@ -8,7 +8,7 @@
 #include "descriptor.h"
 #include "kavro_chl.h"
 #include "progress.h"
-#include "proof/xmit_header.h"
+#include "store/xmit_header.h"
 
 namespace kvr {
 namespace {

@@ -15,8 +15,8 @@
 
 #include "kavro_chl.h"
 #include "kavutil/error.h"
-#include "text_field.h"
-#include "xmit_header.h"
+#include "store/text_field.h"
+#include "store/xmit_header.h"
 
 namespace kvr {
 namespace {
@@ -184,14 +184,6 @@ bool holds(const Digest& wanted, const T_KAVRO_MD& descriptor, std::string_view 
 }
 
 } // namespace
-
-T_KAVRO_MD blank_descriptor() {
-    T_KAVRO_MD descriptor{};
-    std::memcpy(descriptor.sStrucId, "MD  ", sizeof descriptor.sStrucId);
-    descriptor.iVersion = 2;
-    descriptor.cMsgStoreType = KVR_STORE_DATA;
-    return descriptor;
-}
 
 ProofMessage make_proof(const ProofPlan& plan, std::uint32_t number, const T_KAVRO_MD& descriptor,
                         const std::filesystem::path& folder) {

@@ -55,8 +55,6 @@ struct ProofMessage {
     std::uint64_t size = 0;               ///< bytes of data and files
 };
 
-/// "MD  ", version 2, storage type KVR_STORE_DATA, the rest clear.
-T_KAVRO_MD blank_descriptor();
 /// Makes message `number` (1 to count), and its files in `folder`. The same plan always gives the same content.
 /// @param descriptor  complete but for the proof: what it says travels along and is proven, too
 /// Throws Error(kIo) when a file cannot be written.

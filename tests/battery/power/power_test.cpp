@@ -17,7 +17,8 @@
 #include "field.h"
 #include "platter.h"
 #include "proof/proof.h"
-#include "proof/xmit_header.h"
+#include "store/descriptor.h"
+#include "store/xmit_header.h"
 
 namespace kvr::test {
 namespace {

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-#include "xmit_header.h"
+#include "store/xmit_header.h"
 
 #include <cstring>
 
-#include "text_field.h"
+#include "store/text_field.h"
 
 namespace kvr {
 

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "kavro_api.h"
+#include "kavutil/export.h"
 #include "store/store.h"
 
 namespace kvr {
@@ -22,8 +23,8 @@ struct Destination {
 };
 
 /// The 72 bytes; of a name that is too long its beginning.
-std::string xmit_header(const Destination& destination);
+KVR_EXPORT std::string xmit_header(const Destination& destination);
 /// Where the data is bound for; nothing when it does not begin with a header.
-std::optional<Destination> destination_of(std::string_view data);
+KVR_EXPORT std::optional<Destination> destination_of(std::string_view data);
 
 } // namespace kvr
