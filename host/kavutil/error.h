@@ -27,6 +27,7 @@ enum class Errc : int {
     kDamaged = -113,     ///< a record does not decode
     kNotOpen = -114,     ///< a handle that is closed or of another kind
     kHeld = -115,        ///< a message in hand could be neither committed nor held; the queue is left as it is
+    kUnknown = -116,     ///< a write failed in the middle: it is not known whether it happened
 };
 
 /// An error with a text that says what is wrong and what to do about it.

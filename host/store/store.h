@@ -8,7 +8,7 @@
 //   - a queue is purged in steps: a crash or an error on the way leaves it with what was not deleted yet;
 //   - used messages are deleted in groups: after a crash or an error a message that was used can still be there, where
 //     the engine knows that it is used; a power loss can bring up to two groups of them back;
-//   - a put or a change whose error says that it is not known whether it happened: what keeps it failed in the middle.
+//   - a put or a change whose error is kUnknown: what keeps it failed in the middle, and it may have happened.
 // One Store is open once per process and queue manager (Store::open returns the same one), and belongs to the process
 // that opened it: a forked child opens its own.
 //
@@ -38,6 +38,7 @@
 #include "store/keep.h"
 #include "store/owner.h"
 #include "store/schema.h"
+#include "store/taker.h"
 
 namespace kvr {
 
@@ -62,7 +63,8 @@ struct StoredMessage {
     std::span<const char> data;
     bool held; ///< kept back after a dead-letter put that failed
     std::string held_reason;
-    bool in_hand;                  ///< reserved by the process that drains the queue
+    bool in_hand;                  ///< reserved by the process that drains the queue, or by a taker
+    std::uint32_t given_back;      ///< times that takers had it and it came back
     bool repeat;                   ///< was used before, and is handed out again
     std::optional<KeptFacts> kept; ///< of browse_kept alone
 };
@@ -73,7 +75,7 @@ struct QueueInfo {
     std::uint64_t depth; ///< messages on the queue: reserved and held ones included, used ones not
     std::uint64_t bytes; ///< their data
     std::uint64_t held;
-    std::optional<Owner> drained_by;
+    std::optional<Owner> drained_by; ///< or one of its takers
     std::uint64_t kept;       ///< used ones that stay for a while, not counted in the depth (keep.h)
     std::uint64_t kept_bytes; ///< theirs on the line
     Loss suspected;           ///< of the kept ones: those that can be gone with a line
@@ -180,6 +182,14 @@ class KVR_EXPORT Store {
     /// Throws kBusy with its owner.
     virtual std::unique_ptr<Getter> drain(const std::string& queue, const DrainOptions& options) = 0;
     std::unique_ptr<Getter> drain(const std::string& queue) { return drain(queue, {}); }
+
+    /// Becomes one of the takers of the queue (taker.h). Throws kNotFound, and kBusy with the process that drains it, or
+    /// where it has kMaxTakers.
+    virtual std::unique_ptr<Taker> take_from(const std::string& queue) = 0;
+    /// Does a unit of work: all puts, in this order, and the end of all messages taken, or nothing. What was taken stays
+    /// reserved when this throws. Throws as put; kUnknown when it is not known whether it happened: what was taken comes
+    /// again unless it did, after it was given back.
+    virtual void commit(std::span<const UnitPut> puts, std::span<const UnitTake> takes) = 0;
 };
 
 /// The one drainer of a queue.

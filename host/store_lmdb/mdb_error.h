@@ -18,7 +18,7 @@ void check_mdb(int result, const char* doing, const std::filesystem::path& path)
 class UnknownOutcome : public Error {
   public:
     explicit UnknownOutcome(const Error& error)
-        : Error(error.code(), std::string(error.what()) +
+        : Error(Errc::kUnknown, std::string(error.what()) +
                                   "; whether the last write happened is not known: look before you repeat it") {}
 };
 
