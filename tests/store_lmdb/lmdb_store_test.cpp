@@ -153,7 +153,7 @@ TEST_P(LmdbStoreTest, WhatWasPutByAPutOfUnknownOutcomeIsNoRepeatForOnce) {
                                 1000);
     };
     g_behind_head = fail<EIO>;
-    EXPECT_CODE(kIo, put_once(0, 1));
+    EXPECT_CODE(kUnknown, put_once(0, 1));
     heal();
     EXPECT_EQ(put_once(0, 2), (std::vector{true, true}));
     EXPECT_EQ(put_once(0, 2), (std::vector{false, false}));

@@ -124,7 +124,7 @@ void serve(const std::function<void()>& work) {
         work();
     } catch (const Error& error) {
         const Errc code = error.code();
-        if (code == Errc::kIo || code == Errc::kFull || code == Errc::kInterrupted) {
+        if (code == Errc::kIo || code == Errc::kUnknown || code == Errc::kFull || code == Errc::kInterrupted) {
             throw;
         }
         throw CannotStart(code, error.what());
