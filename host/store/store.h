@@ -76,10 +76,10 @@ struct QueueInfo {
     std::uint64_t bytes; ///< their data
     std::uint64_t held;
     std::optional<Owner> drained_by; ///< or one of its takers
-    std::uint64_t kept;       ///< used ones that stay for a while, not counted in the depth (keep.h)
-    std::uint64_t kept_bytes; ///< theirs on the line
-    Loss suspected;           ///< of the kept ones: those that can be gone with a line
-    std::uint64_t repeats;    ///< of the depth: those that are handed out again
+    std::uint64_t kept;              ///< used ones that stay for a while, not counted in the depth (keep.h)
+    std::uint64_t kept_bytes;        ///< theirs on the line
+    Loss suspected;                  ///< of the kept ones: those that can be gone with a line
+    std::uint64_t repeats;           ///< of the depth: those that are handed out again
 };
 
 /// Limits and trade-offs of a queue manager by name, as texts. Every engine takes "quota", the bytes of messages and
@@ -183,12 +183,12 @@ class KVR_EXPORT Store {
     virtual std::unique_ptr<Getter> drain(const std::string& queue, const DrainOptions& options) = 0;
     std::unique_ptr<Getter> drain(const std::string& queue) { return drain(queue, {}); }
 
-    /// Becomes one of the takers of the queue (taker.h). Throws kNotFound, and kBusy with the process that drains it, or
-    /// where it has kMaxTakers.
+    /// Becomes one of the takers of the queue (taker.h). Throws kNotFound, and kBusy with the process that drains it,
+    /// or where it has kMaxTakers.
     virtual std::unique_ptr<Taker> take_from(const std::string& queue) = 0;
-    /// Does a unit of work: all puts, in this order, and the end of all messages taken, or nothing. What was taken stays
-    /// reserved when this throws. Throws as put; kUnknown when it is not known whether it happened: what was taken comes
-    /// again unless it did, after it was given back.
+    /// Does a unit of work: all puts, in this order, and the end of all messages taken, or nothing. What was taken
+    /// stays reserved when this throws. Throws as put; kUnknown when it is not known whether it happened: what was
+    /// taken comes again unless it did, after it was given back.
     virtual void commit(std::span<const UnitPut> puts, std::span<const UnitTake> takes) = 0;
 };
 

@@ -35,6 +35,7 @@ using MessageId = std::array<char, 32>;
 struct Selection {
     std::optional<MessageId> message_id;
     std::optional<MessageId> correlation_id;
+    [[nodiscard]] bool operator==(const Selection&) const = default;
 };
 
 /// How long a taker waits for a message.
@@ -79,7 +80,7 @@ struct UnitPut {
     std::span<const struct OutgoingMessage> messages;
 };
 struct UnitTake {
-    Taker* taker; ///< of the same store
+    Taker* taker;                             ///< of the same store
     std::span<const std::uint64_t> sequences; ///< that it has reserved
 };
 

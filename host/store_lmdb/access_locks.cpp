@@ -207,4 +207,26 @@ void StoreLock::unlock() {
     threads_.unlock();
 }
 
+ByteLock::ByteLock(int fd, off_t byte, std::filesystem::path path, const char* doing)
+    : fd_(fd), byte_(byte), path_(std::move(path)), doing_(doing) {}
+
+void ByteLock::lock() {
+    const struct flock wanted = bytes_lock(byte_, F_WRLCK);
+    const auto take = [&](Clock::duration) {
+        std::unique_lock guard(threads_, std::try_to_lock);
+        if (!guard.owns_lock() || !try_lock(fd_, F_SETLK, wanted, path_)) {
+            return false;
+        }
+        guard.release();
+        return true;
+    };
+    wait_for(
+        take, [&] { return lock_holder(fd_, wanted); }, doing_, path_, kNoLimit);
+}
+
+void ByteLock::unlock() {
+    unlock_bytes(fd_, byte_);
+    threads_.unlock();
+}
+
 } // namespace kvr

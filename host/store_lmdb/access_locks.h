@@ -56,4 +56,22 @@ class StoreLock {
     std::mutex threads_; ///< the system's lock does not exclude the threads of one process
 };
 
+/// A lock of the process on one byte of a file that stays open, for one thread at a time. To be taken with
+/// std::unique_lock.
+class ByteLock {
+  public:
+    /// @param doing  what its holder does to `path`, for who waits
+    ByteLock(int fd, off_t byte, std::filesystem::path path, const char* doing);
+
+    void lock(); ///< throws kBusy, kIo
+    void unlock();
+
+  private:
+    int fd_;
+    off_t byte_;
+    std::filesystem::path path_;
+    const char* doing_;
+    std::mutex threads_; ///< the system's lock does not exclude the threads of one process
+};
+
 } // namespace kvr

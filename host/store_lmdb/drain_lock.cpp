@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: MIT
-// Who drains a queue: one byte of a lock file for each queue.
 #include "store_lmdb/drain_lock.h"
 
 #include <cerrno>
@@ -29,28 +28,53 @@ struct flock byte_lock(std::uint32_t queue, short type) {
 
 DrainLocks::DrainLocks(const std::filesystem::path& path) : fd_(open_allocated_file(path, 0)) {}
 
-pid_t DrainLocks::acquire(std::uint32_t queue) {
-    const std::scoped_lock guard(mutex_);
-    if (ours_.contains(queue)) {
-        return ::getpid();
-    }
+pid_t DrainLocks::lock(std::uint32_t queue, short type) {
     for (;;) {
-        struct flock lock = byte_lock(queue, F_WRLCK);
+        struct flock lock = byte_lock(queue, type);
         if (::fcntl(fd_.get(), F_SETLK, &lock) == 0) {
-            ours_.insert(queue);
             return 0;
         }
         if (errno != EAGAIN && errno != EACCES) {
             throw Error(Errc::kIo, "cannot lock the queue: " + std::string(std::strerror(errno)));
         }
-        if (const pid_t holder = lock_holder(fd_.get(), byte_lock(queue, F_WRLCK)); holder != 0) {
+        if (const pid_t holder = lock_holder(fd_.get(), byte_lock(queue, type)); holder != 0) {
             return holder;
         }
     }
 }
 
+pid_t DrainLocks::acquire(std::uint32_t queue) {
+    const std::scoped_lock guard(mutex_);
+    if (ours_.contains(queue)) {
+        return ::getpid();
+    }
+    const pid_t holder = lock(queue, F_WRLCK);
+    if (holder == 0) {
+        ours_[queue] = 0;
+    }
+    return holder;
+}
+
+pid_t DrainLocks::acquire_shared(std::uint32_t queue) {
+    const std::scoped_lock guard(mutex_);
+    const auto known = ours_.find(queue);
+    if (known != ours_.end()) {
+        return known->second == 0 ? ::getpid() : (++known->second, 0);
+    }
+    const pid_t holder = lock(queue, F_RDLCK);
+    if (holder == 0) {
+        ours_[queue] = 1;
+    }
+    return holder;
+}
+
 void DrainLocks::release(std::uint32_t queue) {
     const std::scoped_lock guard(mutex_);
+    const auto known = ours_.find(queue);
+    if (known != ours_.end() && known->second > 1) {
+        --known->second;
+        return;
+    }
     struct flock lock = byte_lock(queue, F_UNLCK);
     ::fcntl(fd_.get(), F_SETLK, &lock);
     ours_.erase(queue);

@@ -39,22 +39,23 @@ class Environment {
     Environment& operator=(const Environment&) = delete;
 
     void open_tables(bool create);
-    /// False for a store that was made before there were `kept` and `taken`: they are to be made at its opening, so
-    /// that all who have it open see what they will hold.
-    [[nodiscard]] bool has_newer_tables() const { return taken != 0; }
+    /// False for a store that was made before there were all of `kept`, `taken` and `given_back`: they are to be made
+    /// at its opening, so that all who have it open see what they will hold.
+    [[nodiscard]] bool has_newer_tables() const { return given_back != 0; }
     void make_newer_tables(MDB_txn* txn);
 
     [[nodiscard]] const std::filesystem::path& folder() const { return folder_; }
     /// Null after it could not be opened anew.
     [[nodiscard]] MDB_env* handle() const { return env_; }
 
-    MDB_dbi main = 0;     ///< settings and usage of the store
-    MDB_dbi objects = 0;  ///< class NUL name → attributes
-    MDB_dbi queues = 0;   ///< name → queue record
-    MDB_dbi messages = 0; ///< queue id, sequence → message record
-    MDB_dbi held = 0;     ///< queue id, sequence of a message that is held → reason
-    MDB_dbi kept = 0;     ///< queue id, last sequence of a range of used messages → what is known of the range
-    MDB_dbi taken = 0;    ///< number of a put → identities of its messages
+    MDB_dbi main = 0;       ///< settings and usage of the store
+    MDB_dbi objects = 0;    ///< class NUL name → attributes
+    MDB_dbi queues = 0;     ///< name → queue record
+    MDB_dbi messages = 0;   ///< queue id, sequence → message record
+    MDB_dbi held = 0;       ///< queue id, sequence of a message that is held → reason
+    MDB_dbi kept = 0;       ///< queue id, last sequence of a range of used messages → what is known of the range
+    MDB_dbi taken = 0;      ///< number of a put → identities of its messages
+    MDB_dbi given_back = 0; ///< queue id, sequence of a message that takers gave back → how often
 
     /// Makes the map at least this large. No transaction of the calling thread may be open.
     void grow_map(std::uint64_t size);
@@ -99,7 +100,7 @@ class Environment {
     void open_all_tables(bool create);
     /// Of those that came after the first ones.
     [[nodiscard]] std::vector<std::pair<const char*, MDB_dbi*>> newer_tables() {
-        return {{"kept", &kept}, {"taken", &taken}};
+        return {{"kept", &kept}, {"taken", &taken}, {"given_back", &given_back}};
     }
     void open_table_set(bool create, const std::vector<std::pair<const char*, MDB_dbi*>>& tables);
 

@@ -190,7 +190,7 @@ std::int64_t LmdbGetter::wait_for_message(T_KAVRO_MD& descriptor, std::span<char
             return length;
         }
         trim();
-        if (!fifo_->wait(signals.original())) {
+        if (fifo_->wait(signals.original()) == WakeFifo::Woken::kSignal) {
             signals.restore();
             stop_point(StopPlace::kBetweenMessages);
             return -1;

@@ -197,6 +197,15 @@ std::shared_ptr<MarkFile> LmdbStore::mark(std::uint32_t queue) {
     return mark;
 }
 
+std::shared_ptr<ClaimsFile> LmdbStore::claims(std::uint32_t queue) {
+    const std::scoped_lock guard(marks_mutex_);
+    std::shared_ptr<ClaimsFile>& claims = claims_[queue];
+    if (!claims) {
+        claims = std::make_shared<ClaimsFile>(files_.claims(queue), identity_.id, queue);
+    }
+    return claims;
+}
+
 } // namespace kvr
 
 extern "C" const kvr::StoreEngine* kavro_store_engine() {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The store in an LMDB environment of its own: lmdb_store.cpp makes and opens it, objects.cpp, queues.cpp, puts.cpp and
-// messages.cpp hold its operations, getter.h the drainer of a queue.
+// The store in an LMDB environment of its own: lmdb_store.cpp makes and opens it, objects.cpp, queues.cpp, puts.cpp,
+// units.cpp and messages.cpp hold its operations, getter.h the drainer of a queue, taker.h one of its takers.
 #pragma once
 
 #include <functional>
@@ -8,10 +8,12 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "store/store.h"
+#include "store_lmdb/claims_file.h"
 #include "store_lmdb/drain_lock.h"
 #include "store_lmdb/kept_ranges.h"
 #include "store_lmdb/mark_file.h"
@@ -59,17 +61,26 @@ class LmdbStore final : public Store, public std::enable_shared_from_this<LmdbSt
     using Store::drain;
     [[nodiscard]] std::unique_ptr<Getter> drain(const std::string& queue, const DrainOptions& options) override;
 
-    // For the getter.
+    [[nodiscard]] std::unique_ptr<Taker> take_from(const std::string& queue) override;
+    void commit(std::span<const UnitPut> puts, std::span<const UnitTake> takes) override;
+
+    // For the getter and the takers.
     [[nodiscard]] Environment& env() { return env_; }
     [[nodiscard]] DrainLocks& drain_locks() { return drain_locks_; }
     [[nodiscard]] const StoreFiles& files() const { return files_; }
     [[nodiscard]] std::shared_ptr<MarkFile> mark(std::uint32_t queue);
+    [[nodiscard]] std::shared_ptr<ClaimsFile> claims(std::uint32_t queue);
     void write(Need need, const std::function<void(WriteTxn&)>& work) { write_store(env_, reserve_, need, work); }
     /// Wakes the queue's drainer if it waits.
     void wake(std::uint32_t queue, MarkFile& mark) const;
 
   private:
     [[nodiscard]] LmdbSettings lmdb_settings() const;
+    /// Bytes that the messages will take. Throws as check_message.
+    static std::uint64_t checked_growth(std::span<const OutgoingMessage> messages);
+    /// On the disk, before a transaction that lets the store grow.
+    void make_room(std::uint64_t growth);
+    static void check_quota(WriteTxn& write, std::uint64_t growth);
     /// Says within the transaction which of the messages are put.
     using Choice = std::function<std::span<const OutgoingMessage>(WriteTxn&)>;
     void put_chosen(const std::string& queue, std::span<const OutgoingMessage> messages, const Choice& choose);
@@ -84,11 +95,13 @@ class LmdbStore final : public Store, public std::enable_shared_from_this<LmdbSt
     struct Copied {
         std::uint64_t sequence = 0;
         bool in_hand = false;
+        std::uint32_t given_back = 0;
         std::optional<std::string> held; ///< reason
         std::optional<KeptRange> range;  ///< that holds it
         std::string record;
     };
     /// Messages from `from` on as they stand at one moment; moves `from` behind them. Empty at the queue's end only.
+    std::set<std::uint64_t> in_hand(const Snapshot& now);
     static std::uint64_t next_shown(RangeWalk& ranges, Shown shown, std::uint64_t place);
     std::vector<Copied> copy_block(Reader& reader, const std::string& queue, Shown shown, std::uint64_t& from,
                                    std::size_t limit);
@@ -106,6 +119,7 @@ class LmdbStore final : public Store, public std::enable_shared_from_this<LmdbSt
     TakenOnce taken_;
     std::mutex marks_mutex_;
     std::map<std::uint32_t, std::shared_ptr<MarkFile>> marks_;
+    std::map<std::uint32_t, std::shared_ptr<ClaimsFile>> claims_;
 };
 
 } // namespace kvr

@@ -2,18 +2,14 @@
 // The mark of a queue: a page of memory shared by all processes through a file.
 #include "store_lmdb/mark_file.h"
 
-#include <algorithm>
-#include <array>
 #include <atomic>
 #include <cerrno>
-#include <fstream>
-#include <string>
-#include <system_error>
 
 #include <sys/mman.h>
 
 #include "store/permissions.h"
 #include "store/system_error.h"
+#include "store_lmdb/boot_id.h"
 
 namespace kvr {
 
@@ -21,25 +17,6 @@ namespace {
 
 constexpr std::uint64_t kMagic = 0x31304b52414d564bULL; // "KVMARK01"
 constexpr std::size_t kPageSize = 4096;
-
-using BootId = std::array<char, 40>;
-
-const BootId& boot_id() {
-    static const BootId id = [] {
-        BootId bytes{};
-        constexpr char kSource[] = "/proc/sys/kernel/random/boot_id";
-        errno = ENODATA; // for a file that is empty
-        std::ifstream file(kSource);
-        std::string text;
-        if (!std::getline(file, text) || text.empty()) {
-            throw Error(Errc::kIo, std::string("cannot read ") + kSource + ": " +
-                                       std::generic_category().message(errno) + "; is /proc mounted?");
-        }
-        std::copy_n(text.begin(), std::min(text.size(), bytes.size()), bytes.begin());
-        return bytes;
-    }();
-    return id;
-}
 
 } // namespace
 

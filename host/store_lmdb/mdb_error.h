@@ -19,7 +19,7 @@ class UnknownOutcome : public Error {
   public:
     explicit UnknownOutcome(const Error& error)
         : Error(Errc::kUnknown, std::string(error.what()) +
-                                  "; whether the last write happened is not known: look before you repeat it") {}
+                                    "; whether the last write happened is not known: look before you repeat it") {}
 };
 
 } // namespace kvr

@@ -29,6 +29,26 @@ std::uint64_t copy_first(WriteTxn& write, std::uint32_t queue, std::uint64_t fro
     return found;
 }
 
+/// For messages that are gone.
+void forget_given_back(WriteTxn& write, std::uint32_t queue, std::uint64_t first, std::uint64_t through) {
+    MDB_stat table{};
+    check_mdb(mdb_stat(write.txn(), write.env().given_back, &table), "look at the tables", write.env().folder());
+    if (table.ms_entries == 0) {
+        return;
+    }
+    const MessageKey start(queue, first);
+    Cursor cursor(write.txn(), write.env().given_back, write.env());
+    MDB_val key = to_val(start.view());
+    MDB_val value{};
+    for (bool found = cursor.get(key, value, MDB_SET_RANGE); found; found = cursor.get(key, value, MDB_NEXT)) {
+        const std::uint64_t sequence = MessageKey::sequence_in(to_view(key), queue);
+        if (sequence == 0 || sequence > through) {
+            return;
+        }
+        cursor.erase();
+    }
+}
+
 /// False, and nothing done, for a message that is refused, when `may_refuse`; otherwise its error is thrown.
 bool append_changed(WriteTxn& write, QueueRecord& to, const std::string& record,
                     const std::function<std::string(std::string_view)>& change, bool may_refuse) {
@@ -95,14 +115,17 @@ std::uint64_t erase_messages(WriteTxn& write, QueueRecord& queue, std::uint64_t 
                              EraseLimit limit) {
     std::uint64_t count = 0;
     std::uint64_t stored = 0;
+    std::uint64_t last = first;
     for_range(write.txn(), write.env(), queue.id, first, through,
-              [&](Cursor& cursor, std::uint64_t, std::string_view record) {
+              [&](Cursor& cursor, std::uint64_t sequence, std::string_view record) {
+                  last = sequence;
                   queue.bytes = less(queue.bytes, data_bytes(record));
                   stored += stored_size(record.size());
                   cursor.erase();
                   return ++count < limit.messages && stored < limit.bytes;
               });
     if (count > 0) {
+        forget_given_back(write, queue.id, first, last);
         queue.depth = less(queue.depth, count);
         save_usage(write, less(load_usage(write.txn(), write.env()), stored));
     }
@@ -164,6 +187,22 @@ std::uint64_t first_held(MDB_txn* txn, const Environment& env, std::uint32_t que
         sequence = MessageKey::sequence_in(to_view(key), queue);
     }
     return sequence != 0 ? sequence : std::numeric_limits<std::uint64_t>::max();
+}
+
+std::uint32_t times_given_back(MDB_txn* txn, const Environment& env, const MessageKey& key) {
+    std::uint32_t times = 0;
+    const auto value = table_get(txn, env.given_back, key.view(), env);
+    if (value && value->size() == sizeof times) {
+        std::memcpy(&times, value->data(), sizeof times);
+    }
+    return times;
+}
+
+void count_given_back(WriteTxn& write, const MessageKey& key) {
+    if (table_get(write.txn(), write.env().messages, key.view(), write.env())) {
+        const std::uint32_t times = times_given_back(write.txn(), write.env(), key) + 1;
+        table_put(write, write.env().given_back, key.view(), {reinterpret_cast<const char*>(&times), sizeof times});
+    }
 }
 
 } // namespace kvr

@@ -61,4 +61,9 @@ std::pair<std::uint64_t, std::uint64_t> count_messages(MDB_txn* txn, const Envir
 /// Sequence of the first held message from `from` on, UINT64_MAX for none.
 std::uint64_t first_held(MDB_txn* txn, const Environment& env, std::uint32_t queue, std::uint64_t from);
 
+/// How often takers gave a message back.
+std::uint32_t times_given_back(MDB_txn* txn, const Environment& env, const MessageKey& key);
+/// Once more, unless the message is gone.
+void count_given_back(WriteTxn& write, const MessageKey& key);
+
 } // namespace kvr

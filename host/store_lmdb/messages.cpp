@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <shared_mutex>
+#include <system_error>
 
 #include "store/message_record.h"
 #include "store_lmdb/getter.h"
@@ -10,6 +11,7 @@
 #include "store_lmdb/keys.h"
 #include "store_lmdb/lmdb_store.h"
 #include "store_lmdb/message_table.h"
+#include "store_lmdb/taker.h"
 
 namespace kvr {
 
@@ -48,12 +50,24 @@ std::uint64_t LmdbStore::next_shown(RangeWalk& ranges, Shown shown, std::uint64_
     }
 }
 
+/// Sequences that somebody has reserved.
+std::set<std::uint64_t> LmdbStore::in_hand(const Snapshot& now) {
+    if (drain_locks_.holder(now.record.id) == 0) {
+        return {};
+    }
+    std::error_code none;
+    auto reserved = std::filesystem::exists(files_.claims(now.record.id), none) ? claims(now.record.id)->reserved()
+                                                                                : std::set<std::uint64_t>{};
+    reserved.insert(now.in_hand);
+    return reserved;
+}
+
 std::vector<LmdbStore::Copied> LmdbStore::copy_block(Reader& reader, const std::string& queue, Shown shown,
                                                      std::uint64_t& from, std::size_t limit) {
     const ReadScope scope(reader);
     const Snapshot now = snapshot(reader, queue);
     const std::uint32_t id = now.record.id;
-    const std::uint64_t in_hand = drain_locks_.holder(id) != 0 ? now.in_hand : 0;
+    const std::set<std::uint64_t> reserved = in_hand(now);
     std::vector<Copied> block;
     RangeWalk ranges(reader.txn(), env_, now.record);
     Cursor cursor(reader.txn(), env_.messages, env_);
@@ -80,7 +94,8 @@ std::vector<LmdbStore::Copied> LmdbStore::copy_block(Reader& reader, const std::
         if (!now.used.contains(sequence)) {
             Copied& copied = block.emplace_back();
             copied.sequence = sequence;
-            copied.in_hand = sequence == in_hand;
+            copied.in_hand = reserved.contains(sequence);
+            copied.given_back = times_given_back(reader.txn(), env_, {id, sequence});
             copied.record = to_view(value);
             bytes += value.mv_size;
             if (now.record.held > 0) {
@@ -105,6 +120,7 @@ void LmdbStore::show(const std::string& queue, Shown shown, std::uint64_t from,
         for (const Copied& copied : block) {
             StoredMessage message = to_stored(copied.sequence, decode_message(copied.record));
             message.in_hand = copied.in_hand;
+            message.given_back = copied.given_back;
             message.held = copied.held.has_value();
             message.held_reason = copied.held.value_or("");
             message.repeat = copied.range && !copied.range->is_kept();
@@ -179,6 +195,10 @@ std::uint64_t LmdbStore::replay(const std::string& queue, std::span<const Places
 
 std::unique_ptr<Getter> LmdbStore::drain(const std::string& queue, const DrainOptions& options) {
     return std::make_unique<LmdbGetter>(shared_from_this(), queue, options);
+}
+
+std::unique_ptr<Taker> LmdbStore::take_from(const std::string& queue) {
+    return std::make_unique<LmdbTaker>(shared_from_this(), queue);
 }
 
 } // namespace kvr

@@ -21,15 +21,6 @@ std::uint64_t growth_of(std::span<const OutgoingMessage> messages) {
     return growth;
 }
 
-void check_quota(WriteTxn& write, std::uint64_t growth) {
-    const std::uint64_t quota = load_settings(write.txn(), write.env()).quota;
-    const std::uint64_t usage = load_usage(write.txn(), write.env());
-    if (usage + growth > quota) {
-        throw FullError(Shortage::kQuota, "the queue manager's quota of " + std::to_string(quota) +
-                                              " bytes is used up: drain its queues or raise the quota");
-    }
-}
-
 /// Without a reserve on the disk a put must leave as much free inside the store.
 void check_free_pages(Environment& env, std::uint64_t growth) {
     Reader reader(env);
@@ -50,13 +41,30 @@ bool ensure_reserve(const ReserveFile& reserve, const Environment& env) {
 
 } // namespace
 
-void LmdbStore::put_chosen(const std::string& queue, std::span<const OutgoingMessage> messages, const Choice& choose) {
+std::uint64_t LmdbStore::checked_growth(std::span<const OutgoingMessage> messages) {
     for (const OutgoingMessage& message : messages) {
         check_message(message);
     }
+    return growth_of(messages);
+}
+
+void LmdbStore::make_room(std::uint64_t growth) {
     if (!ensure_reserve(reserve_, env_)) {
-        check_free_pages(env_, growth_of(messages));
+        check_free_pages(env_, growth);
     }
+}
+
+void LmdbStore::check_quota(WriteTxn& write, std::uint64_t growth) {
+    const std::uint64_t quota = load_settings(write.txn(), write.env()).quota;
+    const std::uint64_t usage = load_usage(write.txn(), write.env());
+    if (usage + growth > quota) {
+        throw FullError(Shortage::kQuota, "the queue manager's quota of " + std::to_string(quota) +
+                                              " bytes is used up: drain its queues or raise the quota");
+    }
+}
+
+void LmdbStore::put_chosen(const std::string& queue, std::span<const OutgoingMessage> messages, const Choice& choose) {
+    make_room(checked_growth(messages));
     std::uint32_t id = 0;
     std::shared_ptr<MarkFile> its_mark;
     write(Need::kMayFail, [&](WriteTxn& write) {

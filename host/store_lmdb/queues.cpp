@@ -97,9 +97,10 @@ int LmdbStore::remove_files(std::uint32_t id) {
     {
         const std::scoped_lock guard(marks_mutex_);
         marks_.erase(id);
+        claims_.erase(id);
     }
     int failed = 0;
-    for (const std::filesystem::path& file : {files_.mark(id), files_.fifo(id)}) {
+    for (const std::filesystem::path& file : {files_.mark(id), files_.claims(id), files_.fifo(id)}) {
         if (::unlink(file.c_str()) != 0 && errno != ENOENT) {
             failed = errno;
         }

@@ -20,11 +20,14 @@ struct StoreFiles {
     std::filesystem::path dir;
 
     [[nodiscard]] std::filesystem::path store() const { return dir / "store"; }   ///< the environment
-    [[nodiscard]] std::filesystem::path queues() const { return dir / "queues"; } ///< marks and FIFOs
+    [[nodiscard]] std::filesystem::path queues() const { return dir / "queues"; } ///< marks, claims and FIFOs
     [[nodiscard]] std::filesystem::path reserve() const { return dir / "reserve"; }
     [[nodiscard]] std::filesystem::path drain_locks() const { return dir / "drain.lock"; }
     [[nodiscard]] std::filesystem::path mark(std::uint32_t queue) const {
         return queues() / (std::to_string(queue) + ".mark");
+    }
+    [[nodiscard]] std::filesystem::path claims(std::uint32_t queue) const {
+        return queues() / (std::to_string(queue) + ".claims");
     }
     [[nodiscard]] std::filesystem::path fifo(std::uint32_t queue) const {
         return queues() / (std::to_string(queue) + ".fifo");

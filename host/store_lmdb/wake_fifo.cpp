@@ -20,8 +20,6 @@ namespace kvr {
 
 namespace {
 
-constexpr timespec kSecondLook{.tv_sec = 1, .tv_nsec = 0};
-
 /// Opened for reading and writing: its reader never comes to an end when the last putter closes it, and a putter meets
 /// no SIGPIPE where nobody reads. Nothing for anything but a FIFO, with the reason in errno, which is 0 when something
 /// else lies there.
@@ -55,21 +53,23 @@ WakeFifo::WakeFifo(const std::filesystem::path& path) {
     }
 }
 
-bool WakeFifo::wait(const sigset_t& mask) {
-    pollfd waited{.fd = fd_.get(), .events = POLLIN, .revents = 0};
-    const int ready = ::ppoll(&waited, 1, &kSecondLook, &mask);
+WakeFifo::Woken WakeFifo::wait(const sigset_t& mask, std::chrono::milliseconds time, int interrupt) {
+    std::array<pollfd, 2> waited{{{fd_.get(), POLLIN, 0}, {interrupt, POLLIN, 0}}};
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
+    const timespec limit{seconds.count(), std::chrono::nanoseconds(time - seconds).count()};
+    const int ready = ::ppoll(waited.data(), waited.size(), &limit, &mask);
     if (ready < 0 && errno != EINTR) {
         throw Error(Errc::kIo, "cannot wait for a message: " + std::string(std::strerror(errno)));
     }
     if (ready <= 0) { // an alarm of each second, a heartbeat's, leaves no other occasion
         look_while_idle();
     }
-    if (ready > 0) {
+    if (waited[0].revents != 0) {
         std::array<char, 64> bytes{};
         while (::read(fd_.get(), bytes.data(), bytes.size()) > 0) {
         }
     }
-    return ready >= 0;
+    return ready < 0 ? Woken::kSignal : waited[1].revents != 0 ? Woken::kInterrupt : Woken::kLook;
 }
 
 void WakeFifo::wake(const std::filesystem::path& path) {

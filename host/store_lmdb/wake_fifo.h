@@ -4,6 +4,7 @@
 // one that came a moment earlier ends the wait as well, instead of being handled before it and forgotten.
 #pragma once
 
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 
@@ -17,10 +18,12 @@ class WakeFifo {
     /// Opens the FIFO for waiting; makes it when it is missing.
     explicit WakeFifo(const std::filesystem::path& path);
 
-    /// Waits with the given signal mask for a wake-up, or for a second: the queue is then looked at again, for a putter
-    /// may have been killed between its commit and its wake-up.
-    /// @return false when a signal ended the wait
-    bool wait(const sigset_t& mask);
+    enum class Woken { kLook, kSignal, kInterrupt };
+    /// The queue is looked at again so often, for a putter may have been killed between its commit and its wake-up.
+    static constexpr std::chrono::milliseconds kLook{1000};
+    /// Waits with the given signal mask for a wake-up, or for a time; kLook then.
+    /// @param interrupt  descriptor that ends the wait, too, when it can be read; -1: none
+    Woken wait(const sigset_t& mask, std::chrono::milliseconds time = kLook, int interrupt = -1);
 
     static void create(const std::filesystem::path& path);
     /// Wakes whoever waits. Never fails: who is not woken looks again by himself.

@@ -2,15 +2,21 @@
 // The wait of a drainer: no put and no signal is missed. The system call of the wait is replaced by one without its
 // time limit, so that a missed wake-up hangs, and with something happening right before it; that of a flush by one in
 // which something can happen.
+#include <atomic>
+#include <future>
+
 #include <dlfcn.h>
+#include <sys/eventfd.h>
 
 #include "kavutil/export.h"
+#include "kavutil/unique_fd.h"
 #include "store_fixture.h"
 
 namespace {
 
 bool g_limits = true;                ///< of waits hold
 pollfd g_waits_for{};                ///< what the drainer is about to wait for
+std::atomic<int> g_waiting{0};       ///< waits that began
 std::function<void()> g_before_wait; ///< runs once between the drainer's last look and its wait
 std::function<void()> g_in_flush;    ///< runs once in the next flush
 volatile std::sig_atomic_t g_handled = 0;
@@ -30,6 +36,8 @@ extern "C" KVR_EXPORT int ppoll(pollfd* fds, nfds_t count, const timespec* timeo
     }
     g_waits_for = *fds;
     run_once(g_before_wait);
+    ++g_waiting;
+    g_waiting.notify_all();
     return real(fds, count, nullptr, mask);
 }
 extern "C" KVR_EXPORT int fdatasync(int fd) {
@@ -90,6 +98,53 @@ TEST_P(WakeUpTest, ASignalInTheDeletesOfTheLastGroupEndsTheWait) {
         const auto end_a_wait_that_missed_it = [&] { g_handled > 0 ? put("missed") : Errc{}; };
         EXPECT_EQ(take_with(end_a_wait_that_missed_it), "-");
     }
+}
+
+class TakersWakeUpTest : public WakeUpTest {
+  protected:
+    TakersWakeUpTest() { getter_.reset(), taker_ = store_->take_from("Q"); }
+    Taken next(Taker& taker, const std::function<void()>& before_wait) {
+        g_before_wait = before_wait;
+        return taker.next({}, {.time = std::nullopt, .interrupt = interrupt_.get()}, message_);
+    }
+    UniqueFd interrupt_{::eventfd(0, EFD_CLOEXEC)};
+    TakenMessage message_;
+    std::unique_ptr<Taker> taker_;
+};
+KVR_OVER_EVERY_ENGINE(TakersWakeUpTest);
+
+TEST_P(TakersWakeUpTest, WhatComesRightBeforeATakersWaitEndsIt) {
+    EXPECT_EQ(next(*taker_, [&] { put("1"); }), Taken::kMessage);
+    EXPECT_EQ(next(*taker_, [] { ::raise(SIGUSR1); }), Taken::kInterrupted);
+    EXPECT_EQ(g_handled, 1);
+    EXPECT_EQ(next(*taker_, [&] { ::eventfd_write(interrupt_.get(), 1); }), Taken::kInterrupted);
+    interrupt_.reset();
+    const auto other = store_->take_from("Q");
+    EXPECT_EQ(next(*other, [&] { taker_->give_back(std::vector{message_.sequence}); }), Taken::kMessage);
+    EXPECT_EQ(message_.given_back, 1U);
+}
+
+TEST_P(TakersWakeUpTest, EachOfThoseThatWaitIsWokenForAMessageOfItsOwn) {
+    g_waiting = 0;
+    std::vector<std::future<std::string>> waiting;
+    for (int i = 0; i < 3; ++i) {
+        waiting.push_back(std::async(std::launch::async, [this] {
+            TakenMessage message;
+            const auto taker = store_->take_from("Q");
+            taker->next({}, {.time = std::nullopt}, message);
+            store_->commit({}, std::vector<UnitTake>{{taker.get(), {&message.sequence, 1}}});
+            return message.data;
+        }));
+    }
+    for (int begun = g_waiting; begun < 3; begun = g_waiting) {
+        g_waiting.wait(begun);
+    }
+    put_all({"1", "2", "3"}); // one wake-up for all
+    Texts texts;
+    for (auto& each : waiting) {
+        texts.push_back(each.get());
+    }
+    EXPECT_THAT(texts, testing::UnorderedElementsAre("1", "2", "3"));
 }
 
 } // namespace
