@@ -84,7 +84,8 @@ void LmdbTaker::take_over() {
     if (record.id != id_) {
         throw Error(Errc::kBusy, "queue '" + queue_ + "' was defined anew meanwhile: try again");
     }
-    if (UsedGroup left(*store_, queue_, *mark_, record, {}); !left.empty()) {
+    const DrainOptions plain;
+    if (UsedGroup left(*store_, queue_, *mark_, record, plain); !left.empty()) {
         left.finish({}); // what the last drainer had used when it was killed
     }
     mark_->set_in_hand(0); // of a drainer that died
