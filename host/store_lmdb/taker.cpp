@@ -115,7 +115,8 @@ std::uint64_t LmdbTaker::find(const Selection& selection, const QueueRecord& rec
     const bool any = !selection.message_id && !selection.correlation_id;
     const std::uint64_t next = claims_->next(record.releases);
     std::uint64_t from = next;
-    if (!any && sought_ == selection && sought_times_back_ == claims_->times_back()) {
+    if (!any && sought_ == selection && sought_times_back_ == claims_->times_back() &&
+        sought_releases_ == record.releases) {
         from = std::max(from, sought_before_);
     }
     RangeWalk ranges(reader_.txn(), env_, record);
@@ -139,6 +140,7 @@ std::uint64_t LmdbTaker::find(const Selection& selection, const QueueRecord& rec
         sought_ = selection;
         sought_before_ = record.next_sequence;
         sought_times_back_ = claims_->times_back();
+        sought_releases_ = record.releases;
     }
     return found;
 }

@@ -63,6 +63,7 @@ class LmdbTaker final : public Taker {
     Selection sought_;
     std::uint64_t sought_before_ = 0;
     std::uint64_t sought_times_back_ = 0;
+    std::uint64_t sought_releases_ = 0;
 };
 
 } // namespace kvr

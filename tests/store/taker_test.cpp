@@ -108,9 +108,14 @@ TEST_P(TakerTest, WhatADrainerLeftIsTakenAsItStands) {
     EXPECT_EQ(fork_user(drain_and_die).result(), -SIGKILL);
     const auto one = taker();
     EXPECT_EQ(take(*one), "3");
+    const Selection without_id{.message_id = MessageId{}, .correlation_id = {}};
+    const auto other = taker();
     EXPECT_EQ(take(*one), "-") << "the held one is nobody's";
+    EXPECT_EQ(take(*other, without_id), "-");
     EXPECT_EQ(store_->release_held("Q"), 1U);
-    EXPECT_EQ(take(*one), "held");
+    EXPECT_EQ(take(*other, without_id), "held");
+    other->give_back(Places{message_.sequence});
+    EXPECT_EQ(take(*one), "held^");
 }
 
 TEST_P(TakerTest, WhatAKilledTakerHadComesToOneThatWaits) {
