@@ -14,7 +14,7 @@ kBuildPackages=(
 kTestPackages=(groff-base mandoc bash-completion zsh fish tshark)
 kPackagePackages=(dpkg-dev file lintian)
 kCheckPackages=(clang-format-14 clang-tidy-14)
-kSourceFolders=(include src host tools tests bench fuzz)
+kSourceFolders=(include src host bindings examples tools tests bench fuzz)
 
 if [[ -t 1 ]]; then
     kGood=$'\e[32m✓\e[0m' kBad=$'\e[31m✗\e[0m' kBold=$'\e[1m' kDim=$'\e[2m' kPlain=$'\e[0m'
