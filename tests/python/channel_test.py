@@ -3,8 +3,9 @@ import subprocess
 import sys
 import time
 import unittest
+from pathlib import Path
 
-from support import HOME, TREE, Case, operator
+from support import TREE, Case, operator
 
 import kvr
 
@@ -19,7 +20,7 @@ class RequestAndReply(Case):
         return process
 
     def listen(self, qmgr):
-        file = HOME / f"{qmgr}.port"
+        file = Path(self.home, f"{qmgr}.port")
         self.start("kvr", "-m", qmgr, "listen", "--address", "127.0.0.1", "--port", 0, "--port-file", file)
         while not file.exists() or not file.read_text():
             time.sleep(0.01)
@@ -33,7 +34,6 @@ class RequestAndReply(Case):
 
     def test_reply_comes_back_over_the_other_channel(self):
         operator("create", "WEST")
-        self.addCleanup(operator, "delete", "qmgr", "WEST", "--purge")
         operator("-m", "EAST", "define", "queue", "REPLIES")
         operator("-m", "WEST", "define", "queue", "REQUESTS")
         self.channel("EAST", "WEST", self.listen("WEST"))

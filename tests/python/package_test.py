@@ -9,7 +9,7 @@ import sys
 import threading
 import unittest
 
-from support import HOME, INSTALLED, TREE, Case
+from support import INSTALLED, TREE, Case
 
 import kvr
 
@@ -62,13 +62,13 @@ class Interface(Case):
                   "application": "test", "put_date": "20010203", "put_time": "040506", "destination": ("D", "WEST")}
         numbers = "type code usage expiry feedback encoding ccsid priority persistence sequence_number report"
         values.update({name: -(2**31) + i for i, name in enumerate((numbers + " application_type").split())})
-        sent = kvr.Message(attachments=[__file__, HOME])
+        sent = kvr.Message(attachments=[__file__, INSTALLED])
         for name, value in values.items():
             setattr(sent, name, value)
         self.assertEqual(self.qm.put("Q", sent), values["message_id"])
         got = self.qm.get("Q")
         self.assertEqual({name: getattr(got, name) for name in values}, values)
-        self.assertEqual((got.attachments, got.file, got.place), ([__file__, str(HOME)], None, 1))
+        self.assertEqual((got.attachments, got.file, got.place), ([__file__, str(INSTALLED)], None, 1))
         self.qm.put("Q", kvr.Message(file=__file__))
         self.assertEqual(self.qm.get("Q").file, __file__)
 

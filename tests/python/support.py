@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""A home folder with the queue manager EAST and its queue Q, the program kvr, and the package as pip installs it."""
+"""For each case a home folder with the queue manager EAST and its queue Q; the package as pip installs it."""
 import os
 import subprocess
 import sys
@@ -9,8 +9,8 @@ from pathlib import Path
 
 TREE, BUILD = Path(os.environ["KVR_TREE"]), Path(os.environ["KVR_BUILD"])
 WORK = tempfile.TemporaryDirectory()
-INSTALLED, HOME = Path(WORK.name, "installed"), Path(WORK.name, "home")
-os.environ.update(KVR_HOME=str(HOME), PYTHONPATH=str(INSTALLED), PIP_ROOT_USER_ACTION="ignore")
+INSTALLED = Path(WORK.name, "installed")
+os.environ.update(PYTHONPATH=str(INSTALLED), PIP_ROOT_USER_ACTION="ignore")
 os.environ["PATH"] = f"{BUILD / 'bin'}:{os.environ['PATH']}"
 os.environ.pop("KVR_QMGR", None)
 
@@ -27,8 +27,9 @@ class Case(unittest.TestCase):
     def setUp(self) -> None:
         import kvr
 
+        self.home = tempfile.mkdtemp(dir=WORK.name)
+        os.environ["KVR_HOME"] = self.home
         operator("create", "EAST")
         operator("define", "queue", "Q")
         self.qm = kvr.open()
-        self.addCleanup(operator, "delete", "qmgr", "EAST", "--purge")
         self.addCleanup(self.qm.close)
