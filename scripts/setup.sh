@@ -11,7 +11,7 @@ kBuildPackages=(
     libssl-dev liblmdb-dev libxxhash-dev zlib1g-dev libpcap-dev libcli11-dev libfmt-dev nlohmann-json3-dev
     libgtest-dev libgmock-dev libbenchmark-dev openssl systemd logrotate
 )
-kTestPackages=(groff-base mandoc bash-completion zsh fish tshark)
+kTestPackages=(groff-base mandoc bash-completion zsh fish tshark python3 python3-pip python3-setuptools python3-wheel)
 kPackagePackages=(dpkg-dev file lintian)
 kCheckPackages=(clang-format-14 clang-tidy-14)
 kSourceFolders=(include src host bindings examples tools tests bench fuzz)
