@@ -31,7 +31,7 @@ from .errors import (
     TooLarge,
     UnknownOutcome,
 )
-from .message import Destination, Message
+from .message import Message
 from .queue_manager import Depth, QueueManager
 
 __all__ = [
@@ -39,7 +39,6 @@ __all__ = [
     "Code",
     "Damaged",
     "Depth",
-    "Destination",
     "Error",
     "Forked",
     "Full",

@@ -2,20 +2,13 @@
 """A message: its data, and the fields of its descriptor."""
 import os
 from ctypes import byref, c_size_t, c_void_p, string_at
-from typing import Callable, Generic, Iterable, List, NamedTuple, NoReturn, Optional, Tuple, TypeVar, Union, overload
+from typing import Callable, Generic, Iterable, List, NoReturn, Optional, Tuple, TypeVar, Union, overload
 
 from ._library import StrPath, quick, text
 from .errors import check
 
 Bytes = Union[bytes, bytearray, memoryview]
 Value = TypeVar("Value")
-
-
-class Destination(NamedTuple):
-    """Where a message on a transmission queue is bound for."""
-
-    queue: str
-    qmgr: str
 
 
 class _Field(Generic[Value]):
@@ -172,7 +165,7 @@ class Message:
         """Queue and queue manager that a message on a transmission queue is bound for; None: it has none."""
         queue = quick.kvr_message_destination_queue(self._handle)
         qmgr = quick.kvr_message_destination_qmgr(self._handle)
-        return Destination(os.fsdecode(queue), os.fsdecode(qmgr)) if queue else None
+        return (os.fsdecode(queue), os.fsdecode(qmgr)) if queue else None
 
     @destination.setter
     def destination(self, destination: Optional[Tuple[str, str]]) -> None:
