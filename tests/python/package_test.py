@@ -1,4 +1,5 @@
 # SPDX-License-Identifier: MIT
+"""The package as pip installs it."""
 import contextlib
 import os
 import pickle
@@ -10,8 +11,14 @@ import threading
 import unittest
 import unittest.mock
 
-from support import INSTALLED, TREE, Case
+from pathlib import Path
 
+from support import TREE, WORK, Case, use_package
+
+INSTALLED = Path(WORK.name, "installed")
+PIP = [sys.executable, "-m", "pip", "install", "--no-build-isolation", "--no-deps", "--no-index", "--quiet"]
+subprocess.run([*PIP, "--root-user-action=ignore", "--target", INSTALLED, TREE / "bindings/python"], check=True)
+use_package(INSTALLED)
 import kvr
 
 PPOLL = "271 "

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""For each case a home folder with the queue manager EAST and its queue Q; the package as pip installs it."""
+"""For each case a home folder with the queue manager EAST and its queue Q; the package as it lies in the tree."""
 import os
 import subprocess
 import sys
@@ -9,14 +9,18 @@ from pathlib import Path
 
 TREE, BUILD = Path(os.environ["KVR_TREE"]), Path(os.environ["KVR_BUILD"])
 WORK = tempfile.TemporaryDirectory()
-INSTALLED = Path(WORK.name, "installed")
-os.environ.update(PYTHONPATH=str(INSTALLED), PIP_ROOT_USER_ACTION="ignore")
-os.environ["PATH"] = f"{BUILD / 'bin'}:{os.environ['PATH']}"
-os.environ.pop("KVR_QMGR", None)
 
-pip = [sys.executable, "-m", "pip", "install", "--no-build-isolation", "--no-deps", "--no-index", "--quiet"]
-subprocess.run([*pip, "--target", INSTALLED, TREE / "bindings/python"], check=True)
-sys.path.insert(0, str(INSTALLED))
+
+def use_package(folder: Path) -> None:
+    """For this process, before it imports it, and for its children."""
+    os.environ["PYTHONPATH"] = str(folder)
+    sys.path.insert(0, str(folder))
+
+
+use_package(TREE / "bindings/python")
+os.environ["PATH"] = f"{BUILD / 'bin'}:{os.environ['PATH']}"
+os.environ["PYTHONDONTWRITEBYTECODE"] = "1"
+os.environ.pop("KVR_QMGR", None)
 
 
 def operator(*command: object) -> None:
