@@ -1,12 +1,12 @@
 # SPDX-License-Identifier: MIT
-# The packages: `cpack -G DEB` makes kvr and kvr-channel, `cpack -G TGZ` a tarball of each. scripts/package makes them
+# The packages: `cpack -G DEB` makes kvr, kvr-dev and kvr-channel, `cpack -G TGZ` a tarball of each. scripts/package makes them
 # from a build of its own.
 set(CPACK_PACKAGE_NAME kvr)
 set(CPACK_PACKAGE_VENDOR "The maintainers of the message channel")
 set(CPACK_PACKAGE_FILE_NAME kvr-${PROJECT_VERSION}) # the folder that a tarball unpacks into
 set(CPACK_PACKAGE_CONTACT "Maintainers of the message channel <maintainers@kvr.example.org>")
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
-set(CPACK_COMPONENTS_ALL kvr channel)
+set(CPACK_COMPONENTS_ALL kvr dev channel)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_VERBATIM_VARIABLES ON)
@@ -16,6 +16,7 @@ set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_CURRENT_LIST_DIR}/generator.cmake)
 string(TOLOWER "${CMAKE_SYSTEM_NAME}-${CMAKE_SYSTEM_PROCESSOR}" system)
 set(CPACK_ARCHIVE_COMPONENT_INSTALL ON)
 set(CPACK_ARCHIVE_KVR_FILE_NAME kvr-${PROJECT_VERSION}-${system})
+set(CPACK_ARCHIVE_DEV_FILE_NAME kvr-dev-${PROJECT_VERSION}-${system})
 set(CPACK_ARCHIVE_CHANNEL_FILE_NAME kvr-channel-${PROJECT_VERSION}-${system})
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -32,13 +33,25 @@ set(CPACK_DEBIAN_KVR_PACKAGE_NAME kvr)
 set(CPACK_DEBIAN_KVR_PACKAGE_DEPENDS adduser)
 set(CPACK_DEBIAN_KVR_PACKAGE_CONTROL_EXTRA
     ${CMAKE_CURRENT_LIST_DIR}/debian/postinst ${CMAKE_CURRENT_LIST_DIR}/debian/prerm
-    ${CMAKE_CURRENT_LIST_DIR}/debian/postrm ${CMAKE_CURRENT_LIST_DIR}/debian/conffiles)
+    ${CMAKE_CURRENT_LIST_DIR}/debian/postrm ${CMAKE_CURRENT_LIST_DIR}/debian/conffiles
+    ${CMAKE_CURRENT_LIST_DIR}/debian/shlibs ${CMAKE_CURRENT_LIST_DIR}/debian/triggers)
 set(CPACK_COMPONENT_KVR_DESCRIPTION
 "message channel between queue managers
 A queue manager keeps messages on queues; a channel moves them, with attached
 files, to a queue manager of another machine, over TCP or TLS. This package has
 the operator's program kvr, the channel with its embedded queue manager, the
-listener, and units to run them as services.")
+listener, units to run them as services, and the library through which programs
+put and take messages.")
+
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME kvr-dev)
+set(CPACK_DEBIAN_DEV_PACKAGE_SOURCE kvr)
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "kvr (>= ${PROJECT_VERSION})")
+set(CPACK_COMPONENT_DEV_DESCRIPTION
+"message queues for programs: headers of the library
+What C and C++ programs are built with that put and take messages of a queue
+manager, alone or several as one unit of work: headers, pkg-config and CMake
+packages, examples.")
 
 set(CPACK_DEBIAN_CHANNEL_PACKAGE_NAME kvr-channel)
 set(CPACK_DEBIAN_CHANNEL_PACKAGE_SOURCE kvr)

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
 # Called by CPack between installing and packing: gives the tree of a Debian package the places and forms that Debian
 # wants. A tarball stays as it was installed.
-foreach(component_and_package "kvr;kvr" "channel;kvr-channel")
+foreach(component_and_package "kvr;kvr" "dev;kvr-dev" "channel;kvr-channel")
   list(GET component_and_package 0 component)
   list(GET component_and_package 1 package)
   set(root ${CPACK_TEMPORARY_INSTALL_DIRECTORY}/${component})

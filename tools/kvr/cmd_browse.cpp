@@ -12,8 +12,8 @@
 #include "destination.h"
 #include "message_text.h"
 #include "output.h"
-#include "store/text_field.h"
 #include "session.h"
+#include "store/text_field.h"
 #include "utc_time.h"
 
 namespace kvr {
