@@ -39,9 +39,7 @@ class RequestAndReply(Case):
         self.channel("EAST", "WEST", self.listen("WEST"))
         self.channel("WEST", "EAST", self.listen("EAST"))
         server = self.start(*EXAMPLE, "--qmgr", "WEST", "serve")
-        qm = kvr.open("EAST")
-        self.addCleanup(qm.close)
-        odd = qm.put("TO.WEST", kvr.Message(b"no reply wanted", destination=("REQUESTS", "WEST")))
+        odd = self.qm.put("TO.WEST", kvr.Message(b"no reply wanted", destination=("REQUESTS", "WEST")))
         for text in ("two pallets of tea", "\u00e4rger"):
             asked = subprocess.run([*EXAMPLE, "--qmgr", "EAST", "ask", "WEST", text], stdout=subprocess.PIPE, text=True)
             self.assertEqual((asked.returncode, asked.stdout), (0, text.upper() + "\n"))
@@ -51,7 +49,3 @@ class RequestAndReply(Case):
             self.assertEqual(west.depth("REQUESTS").messages, 0)
         server.terminate()
         self.assertEqual(server.wait(), 0)
-
-
-if __name__ == "__main__":
-    unittest.main()

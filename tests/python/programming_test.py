@@ -26,7 +26,3 @@ class Manual(unittest.TestCase):
             for command in (COMPILERS.get(language), RUNNERS.get(language)):
                 done = subprocess.run(command or ["true"], input=text, capture_output=True, text=True)
                 self.assertEqual((done.returncode, done.stderr), (0, ""), text)
-
-
-if __name__ == "__main__":
-    unittest.main()
