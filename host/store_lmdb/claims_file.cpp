@@ -46,7 +46,7 @@ struct ClaimsFile::Pages {
         std::atomic<std::uint64_t> sequence; ///< 0: free; set last and cleared first
         std::atomic<std::uint64_t> taker;
     };
-    std::uint64_t magic;
+    std::atomic<std::uint64_t> magic;
     std::uint64_t store_id;
     std::uint64_t queue_id;
     BootId boot;
@@ -82,8 +82,10 @@ bool ClaimsFile::is_ours() const {
 }
 
 void ClaimsFile::reset() {
-    pages_->magic = 0;
-    std::atomic_thread_fence(std::memory_order_release);
+    const bool known = is_ours();
+    if (!known) {
+        pages_->magic = 0;
+    }
     for (Pages::Claim& claim : pages_->claims) {
         claim.sequence = 0;
     }
@@ -96,11 +98,12 @@ void ClaimsFile::reset() {
     ++pages_->times_back;
     pages_->end = 0;
     pages_->free = 0;
-    pages_->store_id = store_id_;
-    pages_->queue_id = queue_id_;
-    pages_->boot = boot_id();
-    std::atomic_thread_fence(std::memory_order_release);
-    pages_->magic = kMagic;
+    if (!known) { // else others may read it now
+        pages_->store_id = store_id_;
+        pages_->queue_id = queue_id_;
+        pages_->boot = boot_id();
+        pages_->magic = kMagic;
+    }
 }
 
 bool ClaimsFile::is_known(std::uint32_t taker) const {
@@ -145,12 +148,14 @@ void ClaimsFile::remove_taker(std::uint32_t taker) {
         }
     }
     pages_->takers.at(taker) = 0;
-    {
-        const std::scoped_lock guard(ours_mutex_);
-        ours_.erase(taker);
-    }
+    abandon_taker(taker);
+}
+
+void ClaimsFile::abandon_taker(std::uint32_t taker) {
     struct flock lock = taker_lock(taker, F_UNLCK);
-    ::fcntl(fd_.get(), F_SETLK, &lock);
+    ::fcntl(fd_.get(), F_SETLK, &lock); // first: a thread that took it over meanwhile would lose its lock
+    const std::scoped_lock guard(ours_mutex_);
+    ours_.erase(taker);
 }
 
 bool ClaimsFile::look_is_due() const {

@@ -38,6 +38,8 @@ class ClaimsFile {
     std::uint32_t add_taker();
     /// Ends the reservations of a taker, and the taker.
     void remove_taker(std::uint32_t taker);
+    /// Leaves a taker of this process to the others, as if the process had died. Needs no turn.
+    void abandon_taker(std::uint32_t taker);
     /// A taker whose process died; it is this process's now, to be removed.
     std::optional<std::uint32_t> adopt_dead();
     /// Sequences that a taker has reserved.

@@ -3,6 +3,7 @@
 #include "store_lmdb/lmdb_store.h"
 
 #include <cerrno>
+#include <condition_variable>
 #include <system_error>
 
 #include <sys/random.h>
@@ -22,9 +23,14 @@ namespace {
 /// The process's open stores by folder. LMDB takes an environment once for each process; what a parent opened is not
 /// for a forked child.
 struct OpenStores {
+    struct OpenStore {
+        std::weak_ptr<LmdbStore> store;
+        bool is_open = false; ///< until it is destroyed, which is later than its last user's end
+    };
     std::mutex mutex;
+    std::condition_variable closed;
     pid_t owner = 0;
-    std::map<std::string, std::weak_ptr<LmdbStore>> by_folder;
+    std::map<std::string, OpenStore> by_folder;
 };
 
 OpenStores& open_stores() {
@@ -64,13 +70,29 @@ void fill_folder(const fs::path& dir, const std::string& qmgr, const Settings& g
 }
 
 /// A disk without room for what an opening needs gets that of the reserve.
-std::shared_ptr<LmdbStore> open_with_reserve(const StoreFiles& files) {
+std::unique_ptr<LmdbStore> open_with_reserve(const StoreFiles& files) {
     try {
-        return std::make_shared<LmdbStore>(files.dir);
+        return std::make_unique<LmdbStore>(files.dir);
     } catch (const FullError&) {
         ReserveFile(files.reserve()).release();
-        return std::make_shared<LmdbStore>(files.dir);
+        return std::make_unique<LmdbStore>(files.dir);
     }
+}
+
+/// Nobody opens the folder in this process until the store that was open there is gone wholly: one that closes its
+/// files gives up all locks that the process has on them.
+std::shared_ptr<LmdbStore> share(std::unique_ptr<LmdbStore> store, OpenStores::OpenStore& known) {
+    const auto close = [&known, owner = ::getpid()](LmdbStore* closing) {
+        delete closing;
+        if (owner == ::getpid()) {
+            const std::scoped_lock guard(open_stores().mutex);
+            known.is_open = false;
+            open_stores().closed.notify_all();
+        }
+    };
+    std::shared_ptr<LmdbStore> shared(store.release(), close);
+    known = {shared, true};
+    return shared;
 }
 
 StoreIdentity read_identity(Environment& env) {
@@ -97,13 +119,16 @@ std::shared_ptr<Store> open_store(const fs::path& dir) {
         throw Error(Errc::kNotFound, "there is no queue manager in " + files.dir.string() + ": create it first");
     }
     OpenStores& stores = open_stores();
-    const std::scoped_lock guard(stores.mutex);
+    std::unique_lock guard(stores.mutex);
     if (stores.owner != ::getpid()) {
         stores.by_folder.clear();
         stores.owner = ::getpid();
     }
-    std::weak_ptr<LmdbStore>& known = stores.by_folder[files.dir.string()];
-    std::shared_ptr<LmdbStore> store = known.lock();
+    OpenStores::OpenStore& known = stores.by_folder[files.dir.string()];
+    std::shared_ptr<LmdbStore> store = known.store.lock();
+    for (; known.is_open && !store; store = known.store.lock()) {
+        stores.closed.wait(guard);
+    }
     if (!store) {
         check_private(files.dir, true);
         check_private(files.store(), true);
@@ -112,8 +137,7 @@ std::shared_ptr<Store> open_store(const fs::path& dir) {
         if (fs::exists(files.store() / "lock.mdb", error)) {
             check_private(files.store() / "lock.mdb", false);
         }
-        store = open_with_reserve(files);
-        known = store;
+        store = share(open_with_reserve(files), known);
     }
     return store;
 }

@@ -37,7 +37,7 @@ bool matches(const Selection& selection, std::string_view record) {
            has_id(descriptor + offsetof(T_KAVRO_MD, sCorrelId), selection.correlation_id);
 }
 
-void copy_out(std::uint64_t sequence, const MessageView& view, TakenMessage& message) {
+void copy_view(std::uint64_t sequence, const MessageView& view, TakenMessage& message) {
     message.sequence = sequence;
     message.descriptor.pOptData = nullptr;
     std::memcpy(&message.descriptor, view.descriptor, kDescriptorSize);
@@ -104,8 +104,7 @@ LmdbTaker::~LmdbTaker() {
         const std::scoped_lock turn(claims_->turn());
         claims_->remove_taker(taker_);
     } catch (const std::exception&) {
-        // As if the process had died: others give back what it had.
-        static_cast<void>(0);
+        claims_->abandon_taker(taker_); // others give back what it had
     }
     store_->drain_locks().release(id_);
 }
@@ -172,24 +171,30 @@ bool LmdbTaker::take(const Selection& selection, TakenMessage& message) {
     if (claims_->look_is_due()) {
         give_back_dead();
     }
-    std::unique_lock turn(claims_->turn());
-    const ReadScope scope(reader_);
-    const std::uint64_t sequence = reserve(selection);
-    turn.unlock();
-    if (sequence == 0) {
-        return false;
-    }
+    std::uint64_t sequence = 0;
     try {
-        const MessageKey key(id_, sequence);
-        const std::string_view stored = table_get(reader_.txn(), env_.messages, key.view(), env_).value_or("");
-        copy_out(sequence, decode_message(stored), message);
-        message.given_back = times_given_back(reader_.txn(), env_, key);
-        read_ += stored_size(stored.size());
+        std::unique_lock turn(claims_->turn());
+        const ReadScope scope(reader_);
+        sequence = reserve(selection);
+        turn.unlock();
+        if (sequence != 0) {
+            copy_out(sequence, message);
+        }
     } catch (...) {
-        end({&sequence, 1}, true);
+        if (sequence != 0) {
+            end({&sequence, 1}, true);
+        }
         throw;
     }
-    return true;
+    return sequence != 0;
+}
+
+void LmdbTaker::copy_out(std::uint64_t sequence, TakenMessage& message) {
+    const MessageKey key(id_, sequence);
+    const std::string_view stored = table_get(reader_.txn(), env_.messages, key.view(), env_).value_or("");
+    copy_view(sequence, decode_message(stored), message);
+    message.given_back = times_given_back(reader_.txn(), env_, key);
+    read_ += stored_size(stored.size());
 }
 
 Taken LmdbTaker::next(const Selection& selection, const TakeWait& wait, TakenMessage& message) {
@@ -242,8 +247,14 @@ void LmdbTaker::end(std::span<const std::uint64_t> sequences, bool back) {
     }
 }
 
-void LmdbTaker::settle(std::span<const std::uint64_t> sequences) {
-    end(sequences, false);
+void LmdbTaker::settle(std::span<const std::uint64_t> sequences) noexcept {
+    try {
+        end(sequences, false);
+    } catch (const std::exception&) { // no turn was to be had: their entries end with this taker
+        for (const std::uint64_t sequence : sequences) {
+            reserved_.erase(sequence);
+        }
+    }
 }
 
 void LmdbTaker::give_back(std::span<const std::uint64_t> sequences) {
@@ -264,7 +275,7 @@ void LmdbTaker::count(std::span<const std::uint64_t> sequences) {
                 count_given_back(write, {id_, sequence});
             }
         });
-    } catch (const Error&) {
+    } catch (const std::exception&) {
         static_cast<void>(0); // given back all the same
     }
 }
@@ -281,10 +292,15 @@ bool LmdbTaker::give_back_dead() {
             }
             return any;
         }
-        const std::vector<std::uint64_t> sequences = claims_->reserved_by(*dead);
-        turn.unlock();
-        count(sequences);
-        turn.lock();
+        try {
+            const std::vector<std::uint64_t> sequences = claims_->reserved_by(*dead);
+            turn.unlock();
+            count(sequences);
+            turn.lock();
+        } catch (...) {
+            claims_->abandon_taker(*dead); // the next one counts again
+            throw;
+        }
         claims_->remove_taker(*dead);
     }
 }

@@ -31,8 +31,8 @@ class LmdbTaker final : public Taker {
     [[nodiscard]] const LmdbStore& store() const { return *store_; }
     [[nodiscard]] const std::string& queue() const { return queue_; }
     [[nodiscard]] bool has(std::uint64_t sequence) const { return reserved_.contains(sequence); }
-    /// They were deleted.
-    void settle(std::span<const std::uint64_t> sequences);
+    /// They were deleted, and nothing may fail after that.
+    void settle(std::span<const std::uint64_t> sequences) noexcept;
 
   private:
     void take_over();
@@ -40,6 +40,7 @@ class LmdbTaker final : public Taker {
     bool take(const Selection& selection, TakenMessage& message);
     std::uint64_t find(const Selection& selection, const QueueRecord& record);
     std::uint64_t reserve(const Selection& selection);
+    void copy_out(std::uint64_t sequence, TakenMessage& message);
     Taken wait_for_message(const Selection& selection, const TakeWait& wait, const sigset_t& mask,
                            TakenMessage& message);
     bool give_back_dead();

@@ -64,12 +64,15 @@ WakeFifo::Woken WakeFifo::wait(const sigset_t& mask, std::chrono::milliseconds t
     if (ready <= 0) { // an alarm of each second, a heartbeat's, leaves no other occasion
         look_while_idle();
     }
+    if (waited[1].revents != 0) {
+        return Woken::kInterrupt; // the wake-up, if there was one, is for others who wait
+    }
     if (waited[0].revents != 0) {
         std::array<char, 64> bytes{};
         while (::read(fd_.get(), bytes.data(), bytes.size()) > 0) {
         }
     }
-    return ready < 0 ? Woken::kSignal : waited[1].revents != 0 ? Woken::kInterrupt : Woken::kLook;
+    return ready < 0 ? Woken::kSignal : Woken::kLook;
 }
 
 void WakeFifo::wake(const std::filesystem::path& path) {
