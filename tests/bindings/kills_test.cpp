@@ -1,0 +1,405 @@
+// SPDX-License-Identifier: MIT
+// Programs that are killed and stopped with messages in hand. The system's calls that matter are replaced by ones that
+// count: a worker is killed before, within and after each of them, and between the calls of the interface.
+#include <atomic>
+#include <cstdarg>
+#include <future>
+#include <random>
+#include <thread>
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/uio.h>
+
+#include "bindings/program_fixture.h"
+#include "kavutil/export.h"
+
+namespace {
+
+/// Shared by the processes of a test.
+struct Points {
+    std::atomic<std::uint32_t> passed{0};
+    std::atomic<std::uint32_t> last{0}; ///< who reaches it is killed
+    std::atomic<bool> stop_in_turn{false};
+};
+Points* g_points = nullptr; ///< of a worker
+
+void point() {
+    if (g_points != nullptr && ++g_points->passed == g_points->last) {
+        ::raise(SIGKILL);
+    }
+}
+
+} // namespace
+
+#define KVR_REAL(name) (reinterpret_cast<decltype(&::name)>(::dlsym(RTLD_NEXT, #name))) // NOLINT
+extern "C" KVR_EXPORT ssize_t pwrite(int fd, const void* data, size_t size, off_t at) {
+    static const auto real = KVR_REAL(pwrite);
+    point();
+    if (g_points != nullptr && g_points->passed + 1 == g_points->last) {
+        real(fd, data, size / 2, at);
+    }
+    point();
+    const ssize_t result = real(fd, data, size, at);
+    point();
+    return result;
+}
+extern "C" KVR_EXPORT ssize_t writev(int fd, const iovec* parts, int count) {
+    static const auto real = KVR_REAL(writev);
+    point();
+    const ssize_t result = real(fd, parts, count);
+    point();
+    return result;
+}
+extern "C" KVR_EXPORT ssize_t write(int fd, const void* data, size_t size) {
+    static const auto real = KVR_REAL(write);
+    point();
+    const ssize_t result = real(fd, data, size);
+    point();
+    return result;
+}
+extern "C" KVR_EXPORT int fdatasync(int fd) {
+    static const auto real = KVR_REAL(fdatasync);
+    point();
+    const int result = real(fd);
+    point();
+    return result;
+}
+extern "C" KVR_EXPORT int fcntl(int fd, int command, ...) {
+    static const auto real = KVR_REAL(fcntl);
+    va_list rest;
+    va_start(rest, command);
+    void* const argument = va_arg(rest, void*);
+    va_end(rest);
+    point();
+    const int result = real(fd, command, argument);
+    point();
+    const auto* const lock = static_cast<const struct flock*>(argument);
+    if (g_points != nullptr && g_points->stop_in_turn && command == F_SETLK && result == 0 && lock->l_start == 0 &&
+        lock->l_type == F_WRLCK && g_points->stop_in_turn.exchange(false)) {
+        ::raise(SIGSTOP); // who gets messages takes no other lock at the beginning of a file
+    }
+    return result;
+}
+
+namespace kvr::test {
+namespace {
+
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+using Random = std::mt19937;
+
+unsigned long from_environment(const char* name, unsigned long usual) {
+    const char* const given = std::getenv(name); // NOLINT(concurrency-mt-unsafe)
+    return given == nullptr ? usual : std::stoul(given);
+}
+
+/// Memory of all processes that are forked off from here on.
+template <class Record>
+class Shared {
+  public:
+    Record* operator->() const { return record_; }
+    Record& operator*() const { return *record_; }
+
+  private:
+    Record* record_ =
+        new (::mmap(nullptr, sizeof(Record), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Record;
+};
+
+class Kills : public BindingsTest {
+  protected:
+    static std::size_t number_of(const Message& message) { return std::stoul(std::string(message.data())); }
+
+    Random random_{std::random_device{}()};
+    std::uint32_t draw(std::uint32_t below) { return static_cast<std::uint32_t>(random_()) % below; }
+};
+
+// ---- Units of one worker ----
+
+constexpr std::size_t kBatch = 12;
+
+class KilledUnits : public Kills {
+  protected:
+    struct Record {
+        Points points;
+        struct {
+            std::atomic<std::uint32_t> handed, in_hand, back;
+        } messages[kBatch + 1];
+    };
+
+    /// Takes one to three messages, answers each on two queues, and commits, or each fourth time rolls back.
+    int work() {
+        g_points = &record_->points;
+        Connection qm = connect();
+        for (std::size_t number = 0;; ++number) {
+            Unit unit(qm);
+            Message message;
+            std::vector<std::size_t> taken;
+            while (taken.size() <= number % 3 && unit.get("Q", message) == Got::kMessage) {
+                taken.push_back(number_of(message));
+                ++record_->messages[taken.back()].handed;
+                ++record_->messages[taken.back()].in_hand;
+                point();
+                unit.put("OTHER", message);
+                point();
+                unit.put("ASIDE", message);
+                point();
+            }
+            if (taken.empty()) {
+                return 0;
+            }
+            number % 4 == 3 ? unit.rollback() : unit.commit();
+            for (const std::size_t each : taken) {
+                --record_->messages[each].in_hand;
+                record_->messages[each].back += number % 4 == 3 ? 1 : 0;
+            }
+            point();
+        }
+    }
+
+    void fill() {
+        for (auto& message : record_->messages) {
+            message.handed = message.in_hand = message.back = 0;
+        }
+        std::vector<Message> messages;
+        std::vector<const Message*> all;
+        for (std::size_t number = 1; number <= kBatch; ++number) {
+            messages.emplace_back(std::to_string(number));
+        }
+        std::ranges::transform(messages, std::back_inserter(all), [](const Message& each) { return &each; });
+        qm_.put("Q", all);
+    }
+
+    /// Each message is on Q, or answered on both queues. What was in hand is there at once, and counted.
+    void judge() {
+        Connection other = connect();
+        Unit unit(other);
+        std::vector<std::size_t> left;
+        std::size_t next = 1; // that nobody had
+        while (next <= kBatch && record_->messages[next].handed > 0) {
+            ++next;
+        }
+        for (Message message; unit.get("Q", message) == Got::kMessage;) {
+            left.push_back(number_of(message));
+            const auto& known = record_->messages[left.back()];
+            const std::uint32_t least = known.back + known.in_hand;
+            const bool had = left.back() <= next; // its get may have been under way
+            EXPECT_GE(message.given_back(), least) << left.back();
+            EXPECT_LE(message.given_back(), least + (had ? 1 : 0)) << left.back();
+        }
+        unit.commit();
+        const std::string answers = take_all(other, "OTHER");
+        EXPECT_EQ(take_all(other, "ASIDE"), answers);
+        std::istringstream texts(answers);
+        std::vector<std::size_t> all;
+        for (std::string text; std::getline(texts, text, ',');) {
+            all.push_back(std::stoul(text));
+        }
+        EXPECT_TRUE(std::ranges::is_sorted(left)) << "out of order";
+        all.insert(all.end(), left.begin(), left.end());
+        std::ranges::sort(all);
+        std::vector<std::size_t> whole(kBatch);
+        std::iota(whole.begin(), whole.end(), 1);
+        EXPECT_EQ(all, whole) << "lost or there twice";
+    }
+
+    const Shared<Record> record_;
+};
+
+TEST_F(KilledUnits, AtEveryCallHappenWhollyOrNotAtAll) {
+    const unsigned long kills = from_environment("KVR_KILLS", 40);
+    fill();
+    const auto begin = Clock::now();
+    const auto first_worker = [&] {
+        store()->change_settings({{"sync", "on"}}); // for all that open it from here on, which the test itself does not
+        return work();
+    };
+    ASSERT_EQ(Child::fork_off(first_worker).result(), 0);
+    const auto whole = Clock::now() - begin;
+    const std::uint32_t points = record_->points.passed;
+    judge();
+    std::uint32_t by_call = 0;
+    for (unsigned long kill = 0; kill < kills && !HasFailure(); ++kill) {
+        kill % 2 == 0 ? static_cast<void>(take(qm_)) : qm_.release("Q"); // a taker beside it, or none
+        fill();
+        const bool by_time = kill % 4 == 3;
+        record_->points.passed = 0;
+        record_->points.last = by_time ? 0 : kills > points ? by_call++ % points + 1 : draw(points) + 1;
+        SCOPED_TRACE("killed at " + std::to_string(record_->points.last));
+        Child worker = Child::fork_off([&] { return work(); });
+        if (by_time) {
+            std::this_thread::sleep_for(whole * draw(1000) / 1000);
+        }
+        const int result = worker.result_under(by_time ? SIGKILL : 0);
+        EXPECT_TRUE(result == -SIGKILL || (by_time && result == 0)) << result;
+        judge();
+    }
+    RecordProperty("calls", std::to_string(points));
+}
+
+TEST_F(KilledUnits, OfATakerThatIsStoppedInItsTurnAreNamedAndGoOn) {
+    fill();
+    record_->points.stop_in_turn = true;
+    Child worker = Child::fork_off([&] { return work(); });
+    int status = 0;
+    ASSERT_EQ(::waitpid(worker.pid(), &status, WUNTRACED), worker.pid());
+    ASSERT_TRUE(WIFSTOPPED(status));
+    limit_waits(milliseconds(1));
+    Message message;
+    EXPECT_EQ(code_of([&] { return qm_.get("Q", message); }), KVR_E_BUSY);
+    EXPECT_THAT(kvr_error(), testing::HasSubstr(std::to_string(worker.pid()) + ", which takes messages by"));
+    limit_waits(milliseconds::max());
+    ::kill(worker.pid(), SIGCONT);
+    EXPECT_EQ(worker.result(), 0);
+    judge();
+}
+
+// ---- Many takers and putters ----
+
+constexpr std::size_t kMany = 4;
+constexpr std::size_t kEach = 1'000'000; ///< messages of a putter, at most
+
+class Storm : public Kills {
+  protected:
+    enum PutState : std::uint8_t { kNot, kTried, kDone };
+    struct Record {
+        std::atomic<bool> over{false};
+        std::atomic<std::size_t> put[kMany]{};
+        struct {
+            std::atomic<std::uint8_t> put, handed, settled;
+        } messages[kMany * kEach];
+    };
+
+    int put_some(std::size_t who) {
+        Connection qm = connect();
+        Random random(std::random_device{}());
+        while (!record_->over && record_->put[who] + 8 < kEach) {
+            Unit unit(qm);
+            const std::size_t first = who * kEach + record_->put[who];
+            const std::size_t count = 1 + random() % 8;
+            record_->put[who] += count;
+            for (std::size_t number = first; number < first + count; ++number) {
+                Message message(std::to_string(number));
+                message.set(KVR_CORRELATION_ID, std::string(1, static_cast<char>('a' + number % 4)));
+                unit.put("Q", message);
+                record_->messages[number].put = kTried;
+            }
+            unit.commit();
+            for (std::size_t number = first; number < first + count; ++number) {
+                record_->messages[number].put = kDone;
+            }
+            while (qm.depth("Q") > 300 && !record_->over) {
+                std::this_thread::sleep_for(milliseconds(1));
+            }
+        }
+        return 0;
+    }
+
+    /// Answers odd messages, and those that are even only process. Returns 0 when all is over, else what is wrong.
+    int take_some() {
+        Connection qm = connect();
+        Random random(std::random_device{}());
+        for (std::uint64_t last = 0;;) {
+            const std::size_t most = 1 + random() % 20;
+            const std::string id(1, static_cast<char>('a' + random() % 4));
+            const bool chosen = random() % 8 == 0;
+            const bool over = record_->over;
+            Wanted wanted{over ? milliseconds(0) : milliseconds(random() % 50)};
+            if (chosen) {
+                wanted.correlation_id = id;
+            }
+            Unit unit(qm);
+            std::vector<std::size_t> taken;
+            for (Message message; taken.size() < most && unit.get("Q", message, wanted) == Got::kMessage;) {
+                const std::size_t number = number_of(message);
+                auto& known = record_->messages[number];
+                if (known.settled != 0) {
+                    return 1; // again, after its unit had happened
+                }
+                if (message.given_back() == 0 && (known.handed != 0 || (!chosen && message.place() < last))) {
+                    return 2; // again, or out of order, and nobody had given it back
+                }
+                if (chosen && message.correlation_id() != id) {
+                    return 3;
+                }
+                known.handed = 1;
+                last = chosen ? last : message.place();
+                taken.push_back(number);
+                if (number % 2 != 0) {
+                    unit.put("OTHER", message);
+                }
+            }
+            if (taken.empty() && over && !chosen) {
+                return 0;
+            }
+            if (random() % 8 == 0) {
+                continue;
+            }
+            unit.commit();
+            for (const std::size_t number : taken) {
+                record_->messages[number].settled = 1;
+            }
+        }
+    }
+
+    /// The first half of them take.
+    Child start(std::size_t who) {
+        return Child::fork_off([&] { return who < kMany ? take_some() : put_some(who - kMany); });
+    }
+
+    /// Returns how many messages were put for certain.
+    std::size_t judge() {
+        EXPECT_EQ(qm_.depth("Q"), 0U);
+        std::vector<std::uint8_t> answers(kMany * kEach);
+        store()->browse("OTHER", 0, [&](const StoredMessage& message) {
+            return ++answers.at(std::stoul(std::string(message.data.begin(), message.data.end()))) > 0;
+        });
+        std::size_t certain = 0;
+        for (std::size_t number = 0; number < answers.size(); ++number) {
+            if (number % kEach == record_->put[number / kEach]) {
+                number = (number / kEach + 1) * kEach - 1;
+                continue;
+            }
+            const auto& known = record_->messages[number];
+            const bool had = number % 2 != 0 ? answers[number] == 1 : known.handed != 0;
+            certain += known.put == kDone ? 1U : 0U;
+            EXPECT_TRUE(had || known.put != kDone) << number << " is lost";
+            EXPECT_LE(answers[number], known.put != kNot && number % 2 != 0 ? 1 : 0) << number;
+        }
+        return certain;
+    }
+
+    const Shared<Record> record_;
+};
+
+TEST_F(Storm, OfKillsLosesNothingAndRepeatsOnlyWhatWasInHand) {
+    const auto end = Clock::now() + std::chrono::seconds(from_environment("KVR_STORM_SECONDS", 2));
+    std::vector<std::optional<Child>> children;
+    for (std::size_t who = 0; who < 2 * kMany; ++who) {
+        children.emplace_back(start(who));
+    }
+    std::size_t kills = 0;
+    while (Clock::now() < end && !HasFailure()) {
+        std::this_thread::sleep_for(milliseconds(draw(30)));
+        const std::size_t who = draw(2 * kMany);
+        if (draw(4) == 0) { // others go on, or wait for it
+            ::kill(children[who]->pid(), SIGSTOP);
+            std::this_thread::sleep_for(milliseconds(draw(20)));
+            ::kill(children[who]->pid(), SIGCONT);
+            continue;
+        }
+        ASSERT_EQ(children[who]->result_under(SIGKILL), -SIGKILL);
+        children[who].emplace(start(who));
+        ++kills;
+    }
+    record_->over = true;
+    for (std::size_t left = children.size(); left-- > 0;) { // putters first
+        EXPECT_EQ(children[left]->result(), 0);
+    }
+    RecordProperty("messages", std::to_string(judge()));
+    RecordProperty("kills", std::to_string(kills));
+}
+
+} // namespace
+} // namespace kvr::test
