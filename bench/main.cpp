@@ -77,7 +77,7 @@ struct Options {
     std::string program;
     std::string plugin;
     std::string dir = std::filesystem::temp_directory_path().string();
-    std::vector<std::string> sections = {"messages", "files", "delays", "depths", "keep", "listener"};
+    std::vector<std::string> sections = {"messages", "files", "delays", "depths", "keep", "listener", "units"};
     int rounds = 5;
     bool quick = false;
 };
@@ -103,6 +103,8 @@ void run(const Options& options) {
                 measure_keep(setup);
             } else if (section == "depths") {
                 measure_depths(setup);
+            } else if (section == "units") {
+                measure_units(setup);
             } else {
                 measure_listener(setup);
             }
@@ -136,8 +138,8 @@ int main(int argc, char** argv) {
         app.add_option("--rounds", options.rounds, "Rounds, of which the medians are shown")
             ->check(CLI::Range(1, 1000))
             ->capture_default_str();
-        app.add_option("--section", options.sections, "messages, files, delays, depths, keep, listener [all]")
-            ->check(CLI::IsMember({"messages", "files", "delays", "depths", "keep", "listener"}));
+        app.add_option("--section", options.sections, "messages, files, delays, depths, keep, listener, units [all]")
+            ->check(CLI::IsMember({"messages", "files", "delays", "depths", "keep", "listener", "units"}));
         app.add_flag("--quick", options.quick, "Everything once and small: does it run at all?");
         CLI11_PARSE(app, argc, argv);
         kvr::bench::run(options);

@@ -69,5 +69,6 @@ void measure_delays(const Setup& setup);
 void measure_depths(const Setup& setup);
 void measure_keep(const Setup& setup);
 void measure_listener(const Setup& setup);
+void measure_units(const Setup& setup);
 
 } // namespace kvr::bench

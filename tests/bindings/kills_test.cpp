@@ -34,46 +34,33 @@ void point() {
 } // namespace
 
 #define KVR_REAL(name) (reinterpret_cast<decltype(&::name)>(::dlsym(RTLD_NEXT, #name))) // NOLINT
+#define KVR_COUNTED(type, name, parameters, ...)                                                                       \
+    extern "C" KVR_EXPORT type name parameters {                                                                       \
+        point();                                                                                                       \
+        const type result = KVR_REAL(name)(__VA_ARGS__);                                                               \
+        point();                                                                                                       \
+        return result;                                                                                                 \
+    }
+KVR_COUNTED(ssize_t, writev, (int fd, const iovec* parts, int count), fd, parts, count)
+KVR_COUNTED(ssize_t, write, (int fd, const void* data, size_t size), fd, data, size)
+KVR_COUNTED(int, fdatasync, (int fd), fd)
 extern "C" KVR_EXPORT ssize_t pwrite(int fd, const void* data, size_t size, off_t at) {
-    static const auto real = KVR_REAL(pwrite);
     point();
     if (g_points != nullptr && g_points->passed + 1 == g_points->last) {
-        real(fd, data, size / 2, at);
+        KVR_REAL(pwrite)(fd, data, size / 2, at);
     }
     point();
-    const ssize_t result = real(fd, data, size, at);
-    point();
-    return result;
-}
-extern "C" KVR_EXPORT ssize_t writev(int fd, const iovec* parts, int count) {
-    static const auto real = KVR_REAL(writev);
-    point();
-    const ssize_t result = real(fd, parts, count);
-    point();
-    return result;
-}
-extern "C" KVR_EXPORT ssize_t write(int fd, const void* data, size_t size) {
-    static const auto real = KVR_REAL(write);
-    point();
-    const ssize_t result = real(fd, data, size);
-    point();
-    return result;
-}
-extern "C" KVR_EXPORT int fdatasync(int fd) {
-    static const auto real = KVR_REAL(fdatasync);
-    point();
-    const int result = real(fd);
+    const ssize_t result = KVR_REAL(pwrite)(fd, data, size, at);
     point();
     return result;
 }
 extern "C" KVR_EXPORT int fcntl(int fd, int command, ...) {
-    static const auto real = KVR_REAL(fcntl);
     va_list rest;
     va_start(rest, command);
     void* const argument = va_arg(rest, void*);
     va_end(rest);
     point();
-    const int result = real(fd, command, argument);
+    const int result = KVR_REAL(fcntl)(fd, command, argument);
     point();
     const auto* const lock = static_cast<const struct flock*>(argument);
     if (g_points != nullptr && g_points->stop_in_turn && command == F_SETLK && result == 0 && lock->l_start == 0 &&
