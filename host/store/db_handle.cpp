@@ -33,7 +33,7 @@ std::shared_ptr<Store> store_of(const void* handle) {
     const std::scoped_lock guard(all.mutex);
     const auto found = all.stores.find(handle);
     if (found == all.stores.end()) {
-        throw Error(Errc::kNotOpen, "the handle is of no queue manager: attach to it first");
+        throw Error(Errc::kNotOpen, "the handle is of no queue manager: attach to it first, with KVR_InitQmgrCtx");
     }
     return found->second;
 }

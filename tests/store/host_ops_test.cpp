@@ -60,6 +60,34 @@ TEST_P(HostOpsTest, AHandleIsGoodUntilItsCloseWhichUsesUpUnlessTheMessageWasGive
     EXPECT_EQ(Errc{KVR_InitQmgrCtx(&context_, std::string("../QM").data())}, Errc::kInvalid);
 }
 
+TEST_P(HostOpsTest, AProcessThatWasToldNothingFindsItsQueueManagerByTheEnvironmentOrTheFolderItIsIn) {
+    const std::string home = folder_.path();
+    Store::create(folder_.path() / "OTHER", "OTHER", {}, GetParam());
+    const struct {
+        const char* home;    ///< KVR_HOME
+        const char* qmgr;    ///< KVR_QMGR
+        std::string given;   ///< to the attach
+        const char* belongs; ///< then; "": it fails
+    } cases[] = {
+        {home.c_str(), "QM", "", "QM"}, {home.c_str(), "QM", "OTHER", "OTHER"},
+        {home.c_str(), "", "", ""},     {"", "", "QM", "QM"},
+        {"", "NONE", "QM", "QM"},       {"/", "QM", "QM", ""},
+        {home.c_str(), "NONE", "", ""},
+    };
+    for (const auto& [at, qmgr, given, belongs] : cases) {
+        const auto attach = [&, at = at, qmgr = qmgr, given = given, belongs = std::string(belongs)]() mutable {
+            ac_set_qmgr({}, "");
+            ::setenv("HOME", "/nowhere", 1);
+            ::setenv("KVR_HOME", at, 1);
+            ::setenv("KVR_QMGR", qmgr, 1);
+            T_KAVRO_QMGR_CTX context{};
+            const bool done = ::chdir(home.c_str()) == 0 && KVR_InitQmgrCtx(&context, given.data()) == 0;
+            return done == !belongs.empty() && (!done || KVR_GetQmgrName() == belongs) ? 0 : 1;
+        };
+        EXPECT_EQ(test::Child::fork_off(attach).result(), 0) << at << " " << qmgr << " " << given;
+    }
+}
+
 TEST_P(HostOpsTest, DeadLetterPutTakesTheMessageAlongOrItIsHeld) {
     StoreTest::put("0", {"/f"});
     put_all({"1", "2", "3", "4"});
