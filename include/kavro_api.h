@@ -57,9 +57,9 @@ typedef struct T_KAVRO_GMO {
     KVRSTRUCID sStrucId;  ///< "GMO "
     KVRINT iVersion;      ///< 1
     KVRINT iOptions;      ///< 0: wait for a message
-    KVRINT iWaitInterval; ///< 0: without a time limit
-    KVRINT iSignal1;
-    KVRINT iSignal2;
+    KVRINT iWaitInterval; ///< longest wait in milliseconds; 0: without a time limit
+    KVRINT iSignal1;      ///< 0
+    KVRINT iSignal2;      ///< 0
 } T_KAVRO_GMO;
 
 /// Put options.

@@ -7,10 +7,14 @@
 // could be opened, the message is held: the next get must not use it up.
 #include "kavro_queue.h"
 
+#include <chrono>
 #include <cstring>
 #include <exception>
+#include <initializer_list>
+#include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kavro_log/log_message.h"
@@ -38,6 +42,30 @@ void hold_message_in_hand(const char* what, const std::exception& why) {
         static_cast<void>(
             fail_at_border(kSelf, error, BorderPlace::here())); // the next get tries again before anything else
     }
+}
+
+/// Options that have no meaning yet must not get one behind their caller's back.
+void refuse_unless_zero(const std::string& operation, std::initializer_list<std::pair<const char*, KVRINT>> options) {
+    for (const auto& [name, value] : options) {
+        if (value != 0) {
+            throw Error(Errc::kInvalid,
+                        "a " + operation + " has no option " + name + " " + std::to_string(value) + ": set it to 0");
+        }
+    }
+}
+
+/// Nothing: without end.
+LineWatch::Longest longest_wait(const T_KAVRO_GMO* options) {
+    if (options == nullptr) {
+        return std::nullopt;
+    }
+    refuse_unless_zero(
+        "get", {{"iOptions", options->iOptions}, {"iSignal1", options->iSignal1}, {"iSignal2", options->iSignal2}});
+    if (options->iWaitInterval < 0) {
+        throw Error(Errc::kInvalid, "a get cannot wait for " + std::to_string(options->iWaitInterval) +
+                                        " milliseconds: give iWaitInterval as 1 or more, or 0 for a wait without end");
+    }
+    return options->iWaitInterval == 0 ? LineWatch::Longest() : std::chrono::milliseconds(options->iWaitInterval);
 }
 
 void put_message(T_KVR_QUE_OBJ_HANDLE handle, const T_KAVRO_MD* descriptor, const char* data, int length) {
@@ -104,21 +132,25 @@ extern "C" KVR_EXPORT int KVR_QueClose(T_KVR_QUE_DB_HANDLE /*hQueDB*/, char* /*p
 }
 
 extern "C" KVR_EXPORT int KVR_QueMsgGet(T_KVR_QUE_DB_HANDLE /*hQueDB*/, T_KVR_QUE_OBJ_HANDLE hObj, T_KAVRO_QUE_MD* ptMD,
-                                        T_KAVRO_QUE_GMO* /*ptGMO*/, char* psBuf, int* piLen) {
+                                        T_KAVRO_QUE_GMO* ptGMO, char* psBuf, int* piLen) {
     try {
         const std::shared_ptr<kvr::OpenQueue> queue = kvr::find_open_queue(hObj);
         if (ptMD == nullptr || psBuf == nullptr || piLen == nullptr || *piLen < 0) {
             throw Error(Errc::kInvalid, "a get needs a descriptor, a buffer and its length");
         }
+        const kvr::LineWatch::Longest longest = kvr::longest_wait(ptGMO);
         if (!queue->getter) {
             kvr::stop_point(kvr::StopPlace::kBetweenMessages);
             queue->getter = kvr::line_watch().drain(*queue->store, queue->name);
         }
         kvr::log_set_message(nullptr);
+        const auto until =
+            longest ? std::chrono::steady_clock::now() + *longest : std::chrono::steady_clock::time_point::max();
         const std::int64_t length =
-            kvr::line_watch().next(*queue->getter, *ptMD, {psBuf, static_cast<std::size_t>(*piLen)});
-        if (length < 0) {
-            return static_cast<int>(Errc::kInterrupted); // no fault: nothing for the log
+            kvr::line_watch().next(*queue->getter, *ptMD, {psBuf, static_cast<std::size_t>(*piLen)}, longest);
+        if (length < 0) { // no fault: nothing for the log
+            return static_cast<int>(longest && std::chrono::steady_clock::now() >= until ? Errc::kNone
+                                                                                         : Errc::kInterrupted);
         }
         *piLen = static_cast<int>(length);
         return 0;
@@ -128,9 +160,12 @@ extern "C" KVR_EXPORT int KVR_QueMsgGet(T_KVR_QUE_DB_HANDLE /*hQueDB*/, T_KVR_QU
 }
 
 extern "C" KVR_EXPORT int KVR_QueMsgPut(T_KVR_QUE_DB_HANDLE /*hQueDB*/, T_KVR_QUE_OBJ_HANDLE hObj, T_KAVRO_QUE_MD* ptMD,
-                                        T_KAVRO_QUE_PMO* /*ptPMO*/, char* psBuf, int iLen) {
+                                        T_KAVRO_QUE_PMO* ptPMO, char* psBuf, int iLen) {
     try {
         kvr::stop_point(kvr::StopPlace::kMidMessage);
+        if (ptPMO != nullptr) {
+            kvr::refuse_unless_zero("put", {{"iOptions", ptPMO->iOptions}, {"iTimeOut", ptPMO->iTimeOut}});
+        }
         kvr::put_message(hObj, ptMD, psBuf, iLen);
         return 0;
     } catch (const std::exception& error) {

@@ -164,7 +164,7 @@ std::unique_ptr<Getter> LineWatch::drain(Store& store, const std::string& queue)
     return getter;
 }
 
-std::int64_t LineWatch::next(Getter& getter, T_KAVRO_MD& descriptor, std::span<char> buffer) {
+std::int64_t LineWatch::next(Getter& getter, T_KAVRO_MD& descriptor, std::span<char> buffer, Longest longest) {
     interrupted_.reset();
     if (getter.in_hand() && hand_ == failing_) {
         failing_.clear(); // it was sent
@@ -172,7 +172,7 @@ std::int64_t LineWatch::next(Getter& getter, T_KAVRO_MD& descriptor, std::span<c
     if (loss_due_) {
         lose_before(getter);
     }
-    const std::int64_t length = take(getter, descriptor, buffer);
+    const std::int64_t length = take(getter, descriptor, buffer, longest);
     if (length < 0) {
         interrupted_ = Clock::now();
         return length;
@@ -185,7 +185,7 @@ std::int64_t LineWatch::next(Getter& getter, T_KAVRO_MD& descriptor, std::span<c
     return length;
 }
 
-std::int64_t LineWatch::take(Getter& getter, T_KAVRO_MD& descriptor, std::span<char> buffer) {
+std::int64_t LineWatch::take(Getter& getter, T_KAVRO_MD& descriptor, std::span<char> buffer, Longest longest) {
     if (trial_.is_on() && !wait_for_line(getter)) {
         return -1;
     }
@@ -195,7 +195,7 @@ std::int64_t LineWatch::take(Getter& getter, T_KAVRO_MD& descriptor, std::span<c
         }
         tell_repeats(); // before a wait that can be long
     }
-    return getter.next(descriptor, buffer, true);
+    return getter.next(descriptor, buffer, longest);
 }
 
 /// The message in hand is used up first, as a get does it: it was sent.

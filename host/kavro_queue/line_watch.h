@@ -24,6 +24,9 @@ namespace kvr {
 
 class LineWatch {
   public:
+    /// Wait for a message; nothing: without end.
+    using Longest = std::optional<std::chrono::milliseconds>;
+
     LineWatch() = default;
     explicit LineWatch(const LineSettings& settings) : settings_(settings), trial_(settings.trial) {}
 
@@ -33,8 +36,8 @@ class LineWatch {
     void stopped();
 
     std::unique_ptr<Getter> drain(Store& store, const std::string& queue);
-    /// The get: the next message, once the line is to be fed. -1 when a signal ended the wait.
-    std::int64_t next(Getter& getter, T_KAVRO_MD& descriptor, std::span<char> buffer);
+    /// The get: the next message, once the line is to be fed. -1 when a signal ended the wait, or none came in time.
+    std::int64_t next(Getter& getter, T_KAVRO_MD& descriptor, std::span<char> buffer, Longest longest);
     /// The end of the drain: uses up what is in hand.
     void close(Getter& getter);
 
@@ -54,7 +57,7 @@ class LineWatch {
     void try_to_lose();
     void lose_before(Getter& getter);
     void tell(const Loss& loss, const std::string& when, const char* where) const;
-    std::int64_t take(Getter& getter, T_KAVRO_MD& descriptor, std::span<char> buffer);
+    std::int64_t take(Getter& getter, T_KAVRO_MD& descriptor, std::span<char> buffer, Longest longest);
     bool wait_for_line(Getter& getter);
     void note_repeat(const Getter& getter);
     void tell_repeats();

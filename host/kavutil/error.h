@@ -28,6 +28,8 @@ enum class Errc : int {
     kNotOpen = -114,     ///< a handle that is closed or of another kind
     kHeld = -115,        ///< a message in hand could be neither committed nor held; the queue is left as it is
     kUnknown = -116,     ///< a write failed in the middle: it is not known whether it happened
+    // -117 and -118 are of the library for programs alone.
+    kNone = -119, ///< a get whose time was over before a message came
 };
 
 /// An error with a text that says what is wrong and what to do about it.

@@ -206,9 +206,14 @@ class KVR_EXPORT Getter {
     /// @param descriptor   (in/out) filled; its pOptData, when not null, must point at a T_KAVRO_ACCESSORIES_MD, which
     ///                     gets the files of a message that has KVR_MSGFLAG_ACCESSORIES, be they none
     /// @param buffer       room for the data; a larger message throws kTooLarge and stays
-    /// @param wait         what to do on an empty queue: true waits for a put or a signal
-    /// @return bytes of data; -1 when the queue is empty (wait false) or a signal ended the wait (wait true)
-    virtual std::int64_t next(T_KAVRO_MD& descriptor, std::span<char> buffer, bool wait) = 0;
+    /// @param longest      wait for a put or a signal on an empty queue; 0: none; nothing: without end
+    /// @return bytes of data; -1 when none came in time or a signal ended the wait
+    virtual std::int64_t next(T_KAVRO_MD& descriptor, std::span<char> buffer,
+                              std::optional<std::chrono::milliseconds> longest) = 0;
+    /// @param wait  true: without end
+    std::int64_t next(T_KAVRO_MD& descriptor, std::span<char> buffer, bool wait) {
+        return next(descriptor, buffer, wait ? std::nullopt : std::optional(std::chrono::milliseconds(0)));
+    }
     /// Uses up the message in hand without taking another one; deletes what was used.
     virtual void commit() = 0;
     /// Gives the message in hand back.

@@ -12,6 +12,8 @@ namespace kvr {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 /// The record's message as the caller of next() gets it. Returns the bytes of its data.
 std::size_t copy_out(const MessageView& view, T_KAVRO_MD& descriptor, std::span<char> buffer) {
     std::memcpy(&descriptor, view.descriptor, kDescriptorSize); // the caller's pointer at its end stays
@@ -160,7 +162,9 @@ bool LmdbGetter::take_next(T_KAVRO_MD& descriptor, std::span<char> buffer, std::
     }
 }
 
-std::int64_t LmdbGetter::next(T_KAVRO_MD& descriptor, std::span<char> buffer, bool wait) {
+std::int64_t LmdbGetter::next(T_KAVRO_MD& descriptor, std::span<char> buffer,
+                              std::optional<std::chrono::milliseconds> longest) {
+    const bool wait = longest != std::chrono::milliseconds(0);
     SignalBlock signals;
     if (wait && (order_->at_end() || must_hold_)) {
         signals.block(); // the queue may be empty: a signal from here on ends the wait
@@ -173,15 +177,18 @@ std::int64_t LmdbGetter::next(T_KAVRO_MD& descriptor, std::span<char> buffer, bo
     if (!wait) {
         return take_next(descriptor, buffer, length) ? length : -1;
     }
-    return take(descriptor, buffer, length) == Found::kMessage ? length : wait_for_message(descriptor, buffer, signals);
+    return take(descriptor, buffer, length) == Found::kMessage ? length
+                                                               : wait_for_message(descriptor, buffer, longest, signals);
 }
 
-std::int64_t LmdbGetter::wait_for_message(T_KAVRO_MD& descriptor, std::span<char> buffer, SignalBlock& signals) {
+std::int64_t LmdbGetter::wait_for_message(T_KAVRO_MD& descriptor, std::span<char> buffer,
+                                          std::optional<std::chrono::milliseconds> longest, SignalBlock& signals) {
     struct WaitingWord {
         MarkFile& mark;
         ~WaitingWord() { mark.set_waiting(false); }
     } const word{*mark_};
     std::int64_t length = -1;
+    const std::optional<Clock::time_point> until = longest ? std::optional(Clock::now() + *longest) : std::nullopt;
     signals.block();
     for (;;) {
         env_.check_in_place();    // nobody would ever put to one that was removed
@@ -190,7 +197,9 @@ std::int64_t LmdbGetter::wait_for_message(T_KAVRO_MD& descriptor, std::span<char
             return length;
         }
         trim();
-        if (fifo_->wait(signals.original()) == WakeFifo::Woken::kSignal) {
+        const auto time = until ? std::chrono::ceil<std::chrono::milliseconds>(*until - Clock::now()) : WakeFifo::kLook;
+        if (time <= time.zero() ||
+            fifo_->wait(signals.original(), std::min(time, WakeFifo::kLook)) == WakeFifo::Woken::kSignal) {
             signals.restore();
             stop_point(StopPlace::kBetweenMessages);
             return -1;

@@ -31,7 +31,8 @@ class LmdbGetter final : public Getter {
     LmdbGetter(const LmdbGetter&) = delete;
     LmdbGetter& operator=(const LmdbGetter&) = delete;
 
-    std::int64_t next(T_KAVRO_MD& descriptor, std::span<char> buffer, bool wait) override;
+    std::int64_t next(T_KAVRO_MD& descriptor, std::span<char> buffer,
+                      std::optional<std::chrono::milliseconds> longest) override;
     void commit() override;
     void rollback() override;
     void skip() override;
@@ -54,7 +55,8 @@ class LmdbGetter final : public Getter {
     void use_up();
     Found take(T_KAVRO_MD& descriptor, std::span<char> buffer, std::int64_t& length);
     bool take_next(T_KAVRO_MD& descriptor, std::span<char> buffer, std::int64_t& length);
-    std::int64_t wait_for_message(T_KAVRO_MD& descriptor, std::span<char> buffer, SignalBlock& signals);
+    std::int64_t wait_for_message(T_KAVRO_MD& descriptor, std::span<char> buffer,
+                                  std::optional<std::chrono::milliseconds> longest, SignalBlock& signals);
     void count_read(std::uint64_t bytes);
     void let_go();
 

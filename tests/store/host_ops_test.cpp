@@ -88,6 +88,29 @@ TEST_P(HostOpsTest, AProcessThatWasToldNothingFindsItsQueueManagerByTheEnvironme
     }
 }
 
+TEST_P(HostOpsTest, OptionsDoWhatTheirNamesSayOrAreRefused) {
+    const auto with = [&](T_KAVRO_GMO options) {
+        length_ = sizeof buffer_;
+        return Errc{KVR_QueMsgGet(context_.hQueDB, handle_, &got_, &options, buffer_, &length_)};
+    };
+    EXPECT_EQ(with({{}, 1, 0, 20, 0, 0}), Errc::kNone);
+    std::signal(SIGALRM, [](int) {});
+    ::ualarm(1000, 1000);
+    EXPECT_EQ(with({{}, 1, 0, 3600000, 0, 0}), Errc::kInterrupted);
+    ::ualarm(0, 0);
+    put_all({"1", "2"});
+    EXPECT_EQ(with({{}, 1, 0, 60000, 0, 0}), Errc{});
+    for (const T_KAVRO_GMO refused :
+         {T_KAVRO_GMO{{}, 1, 1, 0, 0, 0}, {{}, 1, 0, -1, 0, 0}, {{}, 1, 0, 0, 1, 0}, {{}, 1, 0, 0, 0, 1}}) {
+        EXPECT_EQ(with(refused), Errc::kInvalid);
+    }
+    for (T_KAVRO_PMO refused : {T_KAVRO_PMO{{}, 1, 1, 0}, {{}, 1, 0, 1}}) {
+        EXPECT_EQ(Errc{KVR_QueMsgPut(context_.hQueDB, handle_, &got_, &refused, buffer_, length_)}, Errc::kInvalid);
+    }
+    EXPECT_EQ(with({{}, 1, 0, 0, 0, 0}), Errc{});
+    EXPECT_EQ(buffer_[0], '2');
+}
+
 TEST_P(HostOpsTest, DeadLetterPutTakesTheMessageAlongOrItIsHeld) {
     StoreTest::put("0", {"/f"});
     put_all({"1", "2", "3", "4"});
