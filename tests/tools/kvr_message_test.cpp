@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Messages in and out: every descriptor field, headers, attachments, sizes, proofs, dead letters.
+#include <sys/stat.h>
+
 #include "kvr_program.h"
 #include "store/store.h"
 
@@ -71,10 +73,46 @@ TEST_F(KvrMessage, GetStopsAtItsCountWaitsAsToldAndWritesFiles) {
     EXPECT_EQ(shown("show queue Q")[0]["depth"], 1);
     done("get Q --all --out out/ --raw");
     EXPECT_EQ(names_in(path() / "out"), (std::set<std::string>{"000001.dat", "000002.dat", "000003.dat"}));
-    EXPECT_EQ(run("get Q --wait 0.05").code, 1);
+    EXPECT_EQ(run("get Q --wait 0.05").code, 3);
     Child waiting = start("exec $KVR get Q --wait 30");
     done("put Q late");
     EXPECT_EQ(waiting.result(), 0);
+}
+
+TEST_F(KvrMessage, SeveralTakersShareAQueueWhichNoneHasForItself) {
+    done("put Q x --count 5");
+    const auto store = Store::open(path() / "EAST");
+    const auto taker = store->take_from("Q");
+    TakenMessage message;
+    ASSERT_EQ(taker->next({}, {}, message), Taken::kMessage);
+    EXPECT_EQ(shown("get Q --count 2").size(), 2U);
+    Child waiting = start("exec $KVR get Q --count 3 --wait 30 --raw");
+    done("put Q y");
+    EXPECT_EQ(waiting.result(), 0);
+    EXPECT_EQ(text("background.out"), "xxy");
+    taker->give_back({&message.sequence, 1});
+    EXPECT_EQ(shown("get Q --all --shared")[0]["given_back"], 1);
+}
+
+TEST_F(KvrMessage, OneIsTakenWhenItsCommandIsDoneAndIsBackOtherwise) {
+    done("define queue BAD");
+    done("put Q --dest D@WEST --correlid c --attach " + file("attached", "x"), std::string(2000000, 'x'));
+    EXPECT_EQ(run("get Q --exec 'exit 7'").code, 4); // it reads nothing
+    EXPECT_EQ(shown("browse Q")[0]["given_back"], 1);
+    ASSERT_EQ(::mkfifo((path() / "started").c_str(), 0600), 0);
+    for (const char* line : {"echo >started; exec sleep 60", "trap \"\" TERM; echo >started; sleep 60; sleep 60"}) {
+        Child stopped = start(std::string("exec $KVR get Q --all --exec '") + line + "; touch gone-on'");
+        EXPECT_EQ(text("started"), "\n"); // waits for it
+        EXPECT_EQ(stopped.result_under(SIGTERM), 0) << text("background.err");
+    }
+    EXPECT_FALSE(std::filesystem::exists(path() / "gone-on"));
+    EXPECT_EQ(done("get Q --exec 'wc -c; echo $KVR_CORRELID $KVR_DEST_QUEUE@$KVR_DEST_QMGR $KVR_DATA_SIZE "
+                   "$KVR_ATTACHMENTS $KVR_ATTACHMENT_1 $KVR_GIVEN_BACK'"),
+              "2000000\nc D@WEST 2000000 1 " + (path() / "attached").native() + " 3\n");
+    done("put Q bad"), done("put Q good");
+    EXPECT_EQ(run("get Q --exec false").code, 4);
+    EXPECT_EQ(done("get Q --exec cat --max-tries 1 --aside BAD"), "good");
+    EXPECT_EQ(done("get BAD --raw"), "bad");
 }
 
 TEST_F(KvrMessage, MovedOnesKeepEverythingButTheHeaderThatIsChanged) {

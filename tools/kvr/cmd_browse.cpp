@@ -112,9 +112,9 @@ class Browser {
             }
             return;
         }
-        const ShownMessage view{message.sequence,    message.descriptor,
-                                message.attachments, {message.data.data(), message.data.size()},
-                                state_of(message),   used_at(message)};
+        const ShownMessage view{
+            message.sequence,  message.descriptor, message.attachments, {message.data.data(), message.data.size()},
+            state_of(message), used_at(message),   message.given_back};
         DataForm form = options_.hex ? DataForm::kHex : options_.full ? DataForm::kText : DataForm::kNone;
         if (json_) {
             print_json(message_json(view, form), true);

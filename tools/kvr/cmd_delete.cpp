@@ -46,7 +46,7 @@ void delete_queue(const GlobalOptions& global, const DeleteOptions& options) {
     }
     const QueueInfo queue = store->queue_info(name);
     if (queue.drained_by) {
-        throw Error(Errc::kBusy, fmt::format("{} drains queue '{}': stop it first, see 'kvr status'",
+        throw Error(Errc::kBusy, fmt::format("{} takes messages from queue '{}': stop it first, see 'kvr show queue'",
                                              owner_text(*queue.drained_by), name));
     }
     if (queue.depth > 0 && !options.purge) {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
-// kvr get: takes messages off a queue. A message is used up only after its output has been handed over, so a full disk
-// or a closed pipe loses none.
+// kvr get: takes messages off a queue. A message is used up only after its output has been handed over, or its command
+// is done, so a full disk or a closed pipe loses none.
+#include <cmath>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -10,7 +11,10 @@
 
 #include "commands.h"
 #include "data_sink.h"
-#include "message_taker.h"
+#include "destination.h"
+#include "exec_command.h"
+#include "message_environment.h"
+#include "message_source.h"
 #include "message_text.h"
 #include "output.h"
 #include "proof_report.h"
@@ -30,6 +34,11 @@ struct GetOptions {
     bool raw = false;
     bool hex = false;
     bool verify = false;
+    bool shared = false;
+    std::string command;
+    std::uint32_t max_tries = 0;
+    std::string aside;
+    [[nodiscard]] std::uint64_t wanted() const { return all ? std::numeric_limits<std::uint64_t>::max() : count; }
 };
 
 /// Where the messages go.
@@ -47,18 +56,19 @@ class Target {
     }
 
     /// False for a message whose content is not proven, although that was asked for: it has gone nowhere.
-    bool take(const MessageTaker& message) {
-        if (options_.verify && !check_.take(message.descriptor(), message.data(), message.attachments())) {
+    bool take(const TakenView& message) {
+        if (options_.verify && !check_.take(message.descriptor, message.data, message.attachments)) {
             ++unproven_;
             return false;
         }
-        const std::string file = sink_ ? sink_->write(message.data()) : std::string();
+        const std::string file = sink_ ? sink_->write(message.data) : std::string();
         if (options_.raw) {
             if (!sink_) {
-                print(message.data());
+                print(message.data);
             }
         } else if (!options_.verify) {
-            describe({std::nullopt, message.descriptor(), message.attachments(), message.data(), ""}, file);
+            describe({std::nullopt, message.descriptor, message.attachments, message.data, "", "", message.given_back},
+                     file);
         }
         flush_output();
         return true;
@@ -107,39 +117,123 @@ class Target {
     std::uint64_t unproven_ = 0;
 };
 
-void get(const GlobalOptions& global, GetOptions& options) {
+void check_usage(const GlobalOptions& global, GetOptions& options) {
     options.queue = checked_queue_name(options.queue);
     if (options.raw && (options.hex || options.verify || global.json)) {
         throw UsageError("--raw prints the data and nothing else: leave out --hex, --verify and --json");
     }
+    if (!options.command.empty() && (options.hex || options.verify || global.json || !options.out.empty())) {
+        throw UsageError("--exec leaves the output to its command: leave out --out, --hex, --verify and --json");
+    }
+    if (!options.aside.empty() && checked_queue_name(options.aside) == options.queue) {
+        throw UsageError("--aside names the queue itself: name another one");
+    }
+}
+
+std::unique_ptr<MessageSource> open_source(Store& store, const GetOptions& options, int interrupt) {
+    constexpr double kMilliseconds = 1000;
+    if (!options.aside.empty()) {
+        require_queue(store, options.aside);
+    }
+    SourceOptions source;
+    source.wait = std::chrono::milliseconds(static_cast<std::int64_t>(std::ceil(options.wait * kMilliseconds)));
+    source.alone = options.wanted() > 1 && !options.shared && options.command.empty() && options.max_tries == 0;
+    source.interrupt = interrupt;
+    source.max_tries = options.max_tries;
+    source.aside = options.aside;
+    return open_source(store, options.queue, source);
+}
+
+/// Returns how many messages were taken.
+std::uint64_t take_all(Store& store, const GetOptions& options, Target& target) {
+    const std::unique_ptr<MessageSource> source = open_source(store, options, -1);
+    std::uint64_t taken = 0;
+    for (; taken < options.wanted(); ++taken) {
+        const std::optional<TakenView> message = source->next();
+        if (!message) {
+            break;
+        }
+        target.take(*message) ? source->use_up() : source->leave();
+    }
+    source->finish();
+    return taken;
+}
+
+/// The same, each with the command. What is in hand at a stop is given back.
+std::uint64_t exec_all(Store& store, const GetOptions& options, ExecCommand& command) {
+    const std::unique_ptr<MessageSource> source = open_source(store, options, command.stop_fd());
+    std::uint64_t taken = 0;
+    for (; taken < options.wanted() && !command.stopped(); ++taken) {
+        const std::optional<TakenView> message = source->next();
+        if (!message) {
+            break;
+        }
+        const bool cut = !options.raw && destination_of(message->data);
+        if (!command.run(message->data.substr(cut ? kXmitHeaderSize : 0),
+                         message_environment(*message, options.queue, store))) {
+            if (command.stopped()) {
+                break;
+            }
+            throw ExitError(kExitCommandFailed, Errc::kInterrupted,
+                            fmt::format("the command {} with message {}, which is back on queue {}: mend what it "
+                                        "complains of, or give --max-tries and --aside",
+                                        command.end_text(), printable(message_id_text(message->descriptor)),
+                                        options.queue));
+        }
+        source->use_up();
+    }
+    source->finish();
+    return taken;
+}
+
+void refuse_too_few(const GetOptions& options, std::uint64_t taken, bool stopped) {
+    if (options.all || taken == options.wanted()) {
+        return;
+    }
+    throw ExitError(kExitTooFew, Errc::kNotFound,
+                    stopped ? fmt::format("stopped after {} of {} messages: what is left is on queue {}", taken,
+                                          options.wanted(), options.queue)
+                            : fmt::format("queue {} had {} of {} messages: put more, or wait for them with "
+                                          "--wait SECONDS",
+                                          options.queue, taken, options.wanted()));
+}
+
+void get(const GlobalOptions& global, GetOptions& options) {
+    check_usage(global, options);
     const auto store = open_store(global);
     require_queue(*store, options.queue);
+    if (!options.command.empty()) {
+        ExecCommand command(options.command);
+        const std::uint64_t taken = exec_all(*store, options, command);
+        refuse_too_few(options, taken, command.stopped());
+        return;
+    }
     Target target(global, options);
-    const std::uint64_t wanted = options.all ? std::numeric_limits<std::uint64_t>::max() : options.count;
-    std::uint64_t taken = 0;
-    {
-        MessageTaker taker(*store, options.queue, options.wait);
-        try {
-            while (taken < wanted && taker.next()) {
-                if (!target.take(taker)) {
-                    taker.getter().skip();
-                }
-                ++taken;
-            }
-        } catch (...) {
-            if (taker.getter().in_hand()) {
-                taker.getter().rollback();
-            }
-            throw;
-        }
-        taker.getter().commit();
-    }
+    const std::uint64_t taken = take_all(*store, options, target);
     target.finish();
-    if (!options.all && taken < wanted) {
-        throw Error(Errc::kNotFound, fmt::format("queue {} had {} of {} messages: put more, or wait for them with "
-                                                 "--wait SECONDS",
-                                                 options.queue, taken, wanted));
-    }
+    refuse_too_few(options, taken, false);
+}
+
+void add_taking_options(CLI::App& command, GetOptions& options) {
+    CLI::Option* exec =
+        command.add_option("--exec", options.command,
+                           "Run this command with each message on its standard input and the attributes in its "
+                           "environment; the message is taken when it ends with 0");
+    exec->type_name("COMMAND");
+    command
+        .add_flag("--shared", options.shared,
+                  "Leave the queue to others, too, where many messages are taken; without it they are kept out "
+                  "unless they were there before")
+        ->excludes(exec);
+    CLI::Option* tries =
+        command
+            .add_option("--max-tries", options.max_tries,
+                        "Put messages that were taken so often and came back on the queue of --aside")
+            ->check(CLI::Range(std::uint32_t{1}, std::numeric_limits<std::uint32_t>::max()).description(""))
+            ->type_name("N");
+    CLI::Option* aside =
+        command.add_option("--aside", options.aside, "Queue of --max-tries")->needs(tries)->type_name("QUEUE");
+    tries->needs(aside);
 }
 
 } // namespace
@@ -165,9 +259,12 @@ void add_get_command(CLI::App& app, GlobalOptions& global) {
         "--verify", options->verify,
         "Check messages that 'put --size' and --file-size made, with --all missing ones, too; only what is proven "
         "is taken");
-    set_examples(*command, "  kvr get ORDERS\n  kvr get ORDERS --wait 10 --raw > order.xml\n"
-                           "  kvr get ORDERS --all --out orders/\n  kvr get LOAD --all --verify\n"
-                           "With --json there is one object on one line for each message.\n");
+    add_taking_options(*command, *options);
+    set_examples(*command,
+                 "  kvr get ORDERS\n  kvr get ORDERS --wait 10 --raw > order.xml\n"
+                 "  kvr get ORDERS --all --out orders/\n  kvr get LOAD --all --verify\n"
+                 "  kvr get ORDERS --all --wait 3600 --exec './book \"$KVR_MSGID\"' --max-tries 5 --aside ORDERS.BAD\n"
+                 "With --json there is one object on one line for each message.\n");
     command->callback([options, &global] {
         try {
             get(global, *options);

@@ -88,7 +88,7 @@ std::string queues_text(const std::vector<QueueInfo>& queues) {
     if (kept) {
         headings.insert(headings.end(), {"REPEATS", "KEPT", "KEPT BYTES", "SUSPECTED"});
     }
-    headings.insert(headings.end(), {"DRAINED BY", "DESCRIPTION"});
+    headings.insert(headings.end(), {"TAKEN BY", "DESCRIPTION"});
     Table table(headings);
     for (const QueueInfo& queue : queues) {
         std::vector<std::string> row{queue.name, std::to_string(queue.depth), std::to_string(queue.bytes),

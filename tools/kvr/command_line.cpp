@@ -44,7 +44,8 @@ Examples:
   kvr put TO.WEST 'hello' --dest ORDERS@WEST          a message for the queue ORDERS of WEST
   kvr status --watch                                  see it leave
 
-Exit codes: 0 done, 1 failed, 2 wrong usage, 6 a channel or listener that cannot
+Exit codes: 0 done, 1 failed, 2 wrong usage, 3 fewer messages than 'get' was to
+take, 4 the command of 'get --exec' failed, 6 a channel or listener that cannot
 start until something is changed. 'kvr COMMAND --help' has the options and examples of a command.)";
 
 /// The command as far as it was recognised: as typed, for the pointer to its help, and its place.
@@ -147,7 +148,8 @@ int run_command_line(int argc, char** argv) {
     } catch (const std::exception& error) {
         (void)std::fflush(stdout);
         complain(error.what() + owner_note());
-        return dynamic_cast<const CannotStart*>(&error) != nullptr ? kExitCannotStart : kExitFailed;
+        const auto* known = dynamic_cast<const ExitError*>(&error);
+        return known != nullptr ? known->exit_code() : kExitFailed;
     }
 }
 

@@ -7,6 +7,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "kavutil/error.h"
+
 namespace CLI {
 class App;
 class Validator;
@@ -15,7 +17,24 @@ class Validator;
 namespace kvr {
 
 /// Exit codes of the program.
-enum ExitCode : int { kExitDone = 0, kExitFailed = 1, kExitUsage = 2, kExitCannotStart = 6 };
+enum ExitCode : int {
+    kExitDone = 0,
+    kExitFailed = 1,
+    kExitUsage = 2,
+    kExitTooFew = 3,        ///< get: fewer messages than asked for
+    kExitCommandFailed = 4, ///< get --exec
+    kExitCannotStart = 6,
+};
+
+/// A failure that scripts tell from others by an exit code of its own.
+class ExitError : public Error {
+  public:
+    ExitError(ExitCode exit, Errc code, const std::string& text) : Error(code, text), exit_(exit) {}
+    [[nodiscard]] ExitCode exit_code() const { return exit_; }
+
+  private:
+    ExitCode exit_;
+};
 
 /// A command line that cannot be right, whatever the state of the system. Texts read "<what is wrong>: <what to do>".
 class UsageError : public std::runtime_error {

@@ -46,6 +46,9 @@ std::string message_text(const ShownMessage& message, DataForm form) {
     if (!message.used_at.empty()) {
         out += line("used at", message.used_at);
     }
+    if (message.given_back.value_or(0) > 0) {
+        out += line("given back", fmt::format("{} times", *message.given_back));
+    }
     for (const DescriptorField& field : descriptor_fields()) {
         out += line(field.label, printable(field_text(message.descriptor, field)));
     }
@@ -73,6 +76,9 @@ Json message_json(const ShownMessage& message, DataForm form) {
     }
     if (!message.used_at.empty()) {
         json["used_at"] = message.used_at;
+    }
+    if (message.given_back) {
+        json["given_back"] = *message.given_back;
     }
     for (const DescriptorField& field : descriptor_fields()) {
         if (field.kind == FieldKind::kNumber) {

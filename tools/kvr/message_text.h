@@ -18,8 +18,9 @@ struct ShownMessage {
     const T_KAVRO_MD& descriptor;
     std::span<const std::string> attachments;
     std::string_view data;
-    std::string_view state; ///< on its queue; empty: it is on none
-    std::string used_at{};  ///< of a kept one: when; else empty
+    std::string_view state;                    ///< on its queue; empty: it is on none
+    std::string used_at{};                     ///< of a kept one: when; else empty
+    std::optional<std::uint32_t> given_back{}; ///< times that takers had it and it came back, where that is known
 };
 
 enum class DataForm {

@@ -33,9 +33,9 @@ constexpr std::chrono::seconds kStoreTimeout{3};
 std::shared_ptr<Store> open_store(const GlobalOptions& global);
 
 /// A worker or a listener that cannot start until somebody has changed something: to start it again changes nothing.
-class CannotStart : public Error {
+class CannotStart : public ExitError {
   public:
-    using Error::Error;
+    CannotStart(Errc code, const std::string& text) : ExitError(kExitCannotStart, code, text) {}
 };
 /// Does the work of a command that a supervisor may start again and again: of its Errors those become CannotStart that
 /// do not pass by themselves.
