@@ -27,7 +27,7 @@ std::string number(std::size_t count) {
 
 /// A full path of at most so many bytes.
 std::string checked_path(const char* given, std::size_t longest) {
-    const std::string path = kvr::text_given(given, "the path of the file");
+    std::string path = kvr::text_given(given, "the path of the file");
     if (!path.starts_with('/')) {
         refuse(Errc::kInvalid, "the channel reads the file later, from its own folder: give its full path, from / on");
     }

@@ -28,6 +28,11 @@ int code_of(Work work) {
     }
 }
 
+template <class... Results>
+std::vector<int> results(Results... all) {
+    return {all...};
+}
+
 class BindingsTest : public testing::Test {
   protected:
     using Texts = std::vector<std::string>;
