@@ -12,7 +12,7 @@ as one unit of work.
             if message:
                 print(message.data)
 
-The library libkvr does the work: the file of KVR_LIBRARY, or else the one of the tree that this package is installed in,
+The library libkvr does the work: the file of KVR_LIBRARY, or else the one of the installed tree that this package lies in,
 or else the one that the system finds.
 """
 from typing import Optional

@@ -78,9 +78,11 @@ def _path() -> str:
     chosen = os.environ.get("KVR_LIBRARY")
     if chosen:
         return chosen
-    for folder in Path(__file__).resolve().parents:
-        if folder.name.startswith("lib") and (folder / _SONAME).is_file():
-            return str(folder / _SONAME)
+    here = Path(__file__).resolve()
+    if here.parts[-5:-2] == ("share", "kvr", "python"):
+        for pattern in ("lib*/", "lib*/*-linux-*/"):
+            for path in here.parents[4].glob(pattern + _SONAME):
+                return str(path)
     return _SONAME
 
 
