@@ -14,6 +14,7 @@
 #include "kvr.h"
 #include "measure.h"
 #include "senders.h"
+#include "store/descriptor.h"
 #include "store/store.h"
 
 namespace kvr::bench {
@@ -56,8 +57,15 @@ class Contract final : public Way {
     Contract(std::shared_ptr<Store> store, const Message& message)
         : store_(std::move(store)), message_(message), taker_(store_->take_from(kQueue)) {}
     void put(std::size_t count) override {
-        const std::vector<OutgoingMessage> messages(
-            count, {&message_.descriptor, {}, std::span(message_.data).last(message_.body_size())});
+        const auto body = std::span(message_.data).last(message_.body_size());
+        descriptors_.assign(count, blank_descriptor());
+        bodies_.resize(std::max(count, bodies_.size()));
+        std::vector<OutgoingMessage> messages;
+        for (std::size_t i = 0; i < count; ++i) { // each with data and an id of its own
+            bodies_[i].assign(body.begin(), body.end());
+            complete_descriptor(descriptors_[i], "kvr_bench");
+            messages.push_back({&descriptors_[i], {}, bodies_[i]});
+        }
         store_->put(kQueue, messages);
     }
     std::size_t take(std::size_t count) override {
@@ -74,6 +82,8 @@ class Contract final : public Way {
     std::shared_ptr<Store> store_;
     const Message& message_;
     std::unique_ptr<Taker> taker_;
+    std::vector<T_KAVRO_MD> descriptors_;
+    std::vector<std::vector<char>> bodies_;
     TakenMessage taken_;
     std::vector<std::uint64_t> places_;
 };

@@ -7,12 +7,11 @@
 #include <tuple>
 #include <utility>
 
-#include <unistd.h>
-
 #include "border.h"
 #include "message.h"
 #include "session.h"
 #include "store/home.h"
+#include "this_process.h"
 
 using kvr::at_border;
 using kvr::Errc;
@@ -22,9 +21,12 @@ using kvr::text_given;
 struct kvr_qm {
     explicit kvr_qm(std::shared_ptr<kvr::Store> store) : session(std::move(store)) {}
 
-    const pid_t process = ::getpid();
+    const pid_t process = kvr::this_process();
     kvr::Session session;
-    kvr::TakenMessage taken; ///< room for a get
+    // Room that is used again and again: of a get, of puts.
+    kvr::TakenMessage taken;
+    std::vector<T_KAVRO_MD> completed;
+    std::vector<kvr::OutgoingMessage> outgoing;
 };
 
 namespace {
@@ -33,7 +35,7 @@ namespace {
 constexpr std::int64_t kLongestWait = std::chrono::milliseconds(std::chrono::years(10)).count();
 
 bool is_of_this_process(const kvr_qm& qm) {
-    return qm.process == ::getpid();
+    return qm.process == kvr::this_process();
 }
 
 kvr_qm& checked(kvr_qm* qm) {
@@ -96,26 +98,25 @@ kvr::GetRequest request_from(const kvr_get_options* given) {
     return request;
 }
 
-void put(kvr::Session& session, const std::string& queue, std::span<kvr_message* const> messages, bool in_unit) {
-    std::vector<T_KAVRO_MD> completed;
-    std::vector<kvr::OutgoingMessage> outgoing;
-    completed.reserve(messages.size()); // so that none moves
-    outgoing.reserve(messages.size());
+void put(kvr_qm& qm, const std::string& queue, std::span<kvr_message* const> messages, bool in_unit) {
+    qm.completed.clear();
+    qm.outgoing.clear();
+    qm.completed.reserve(messages.size()); // so that none moves
     for (const kvr_message* const message : messages) {
         if (message == nullptr) {
             refuse(Errc::kInvalid, "a message is null: make it first");
         }
-        T_KAVRO_MD& descriptor = completed.emplace_back(message->given);
+        T_KAVRO_MD& descriptor = qm.completed.emplace_back(message->given);
         kvr::complete_descriptor(descriptor, program_invocation_short_name);
-        outgoing.push_back({&descriptor, message->attachments, message->content});
+        qm.outgoing.push_back({&descriptor, message->attachments, message->content});
     }
     const auto show = [&] {
         for (std::size_t i = 0; i < messages.size(); ++i) {
-            messages[i]->shown = completed[i];
+            messages[i]->shown = qm.completed[i];
         }
     };
     try {
-        session.put(queue, outgoing, in_unit);
+        qm.session.put(queue, qm.outgoing, in_unit);
     } catch (const kvr::Error& error) {
         if (error.code() == Errc::kUnknown) {
             show(); // by its id a message can be looked for
@@ -164,12 +165,12 @@ int kvr_put(kvr_qm* qm, const char* queue, kvr_message* message, unsigned flags)
 }
 
 int kvr_put_many(kvr_qm* qm, const char* queue, kvr_message* const* messages, size_t count, unsigned flags) {
-    return with_session(qm, [&](kvr::Session& session) {
+    return with_session(qm, [&](kvr::Session& /*of qm*/) {
         const std::string name = text_given(queue, "the queue's name");
         if (messages == nullptr && count > 0) {
             refuse(Errc::kInvalid, "the messages are null, their count is not 0");
         }
-        put(session, name, {messages, count}, in_unit(flags));
+        put(*qm, name, {messages, count}, in_unit(flags));
         return KVR_OK;
     });
 }

@@ -17,6 +17,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
+/// Data of a unit whose memory serves the next one.
+constexpr std::size_t kKept = 1U << 20U;
+
 void give_back(Taker& taker, std::span<const std::uint64_t> sequences) noexcept {
     try {
         taker.give_back(sequences);
@@ -58,23 +61,25 @@ void Session::put_in_unit(const std::string& queue, std::span<const OutgoingMess
         bytes += message.data.size();
     }
     check_room(messages.size(), bytes);
-    if (puts_.empty() || puts_.back().queue != queue) {
+    if (queue != checked_queue_) {
         (void)store_->queue_info(queue); // throws when there is none
+        checked_queue_ = queue;
     }
-    std::vector<Put> added;
-    added.reserve(messages.size());
+    std::size_t end = put_count_;
     for (const OutgoingMessage& message : messages) {
-        added.push_back({queue,
-                         *message.descriptor,
-                         {message.attachments.begin(), message.attachments.end()},
-                         {message.data.begin(), message.data.end()}});
+        Put& put = end < puts_.size() ? puts_[end] : puts_.emplace_back();
+        put.queue = queue;
+        put.descriptor = *message.descriptor;
+        put.attachments.assign(message.attachments.begin(), message.attachments.end());
+        put.data.assign(message.data.begin(), message.data.end());
+        ++end;
     }
-    puts_.insert(puts_.end(), std::make_move_iterator(added.begin()), std::make_move_iterator(added.end()));
+    put_count_ = end;
     put_bytes_ += bytes;
 }
 
 void Session::check_room(std::size_t messages, std::size_t bytes) const {
-    if (puts_.size() + taken_ + messages > KVR_MAX_UNIT_MESSAGES) {
+    if (put_count_ + taken_ + messages > KVR_MAX_UNIT_MESSAGES) {
         throw Error(Errc::kTooLarge, "a unit of work has at most " + std::to_string(KVR_MAX_UNIT_MESSAGES) +
                                          " messages: commit it, and go on in the next one");
     }
@@ -90,7 +95,8 @@ Taken Session::get(const std::string& queue, const GetRequest& request, TakenMes
     }
     check_aside(queue, request);
     Source& from = source(queue);
-    const Clock::time_point until = Clock::now() + request.wait.value_or(milliseconds(0));
+    const milliseconds longest = request.wait.value_or(milliseconds(0));
+    const Clock::time_point until = longest.count() > 0 ? Clock::now() + longest : Clock::time_point();
     for (;;) {
         const Taken result = take(from, request, until, message);
         if (result != Taken::kMessage) {
@@ -139,7 +145,7 @@ Session::Source& Session::source(const std::string& queue) {
 Taken Session::take(const Source& from, const GetRequest& request, Clock::time_point until, TakenMessage& message) {
     TakeWait wait;
     wait.time = request.wait;
-    if (request.wait) {
+    if (request.wait && request.wait->count() > 0) {
         wait.time = std::max(milliseconds(0), std::chrono::ceil<milliseconds>(until - Clock::now()));
     }
     // Who does not wait is not interrupted, but the next one that does.
@@ -164,9 +170,9 @@ void Session::use_up(const Source& from, std::uint64_t sequence, std::span<const
 
 void Session::commit() {
     std::vector<OutgoingMessage> messages;
-    messages.reserve(puts_.size());
+    messages.reserve(put_count_);
     std::vector<UnitPut> puts;
-    for (const Put& put : puts_) {
+    for (const Put& put : std::span(puts_).first(put_count_)) {
         const OutgoingMessage& message =
             messages.emplace_back(OutgoingMessage{&put.descriptor, put.attachments, put.data});
         if (puts.empty() || puts.back().queue != put.queue) {
@@ -187,6 +193,7 @@ void Session::commit() {
     try {
         store_->commit(puts, takes);
     } catch (const Error& error) {
+        checked_queue_.clear(); // it may be gone
         if (error.code() == Errc::kUnknown) {
             rollback();
         }
@@ -208,7 +215,10 @@ void Session::end_unit() noexcept {
     for (auto& [queue, from] : sources_) {
         from.in_unit.clear();
     }
-    puts_.clear();
+    if (put_bytes_ > kKept) {
+        puts_.clear();
+    }
+    put_count_ = 0;
     put_bytes_ = 0;
     taken_ = 0;
 }

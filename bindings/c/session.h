@@ -70,9 +70,11 @@ class Session {
     std::shared_ptr<Store> store_;
     UniqueFd interrupt_;
     std::map<std::string, Source> sources_;
-    std::string checked_aside_; ///< is known to be there
+    std::string checked_aside_; ///< was there when it was looked for
+    std::string checked_queue_; ///< that was put to
     // The unit, but for what the sources have.
-    std::vector<Put> puts_;
+    std::vector<Put> puts_; ///< what lies behind put_count_ is room for more
+    std::size_t put_count_ = 0;
     std::size_t put_bytes_ = 0;
     std::size_t taken_ = 0;
 };
