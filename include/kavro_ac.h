@@ -23,7 +23,8 @@ char* KVR_GetQmgrName(void);
 
 /// Attaches the process to a queue manager and fills the context. Negative on failure.
 /// @param psQmgrName  null or "": that of KVR_GetQmgrName. Its home folder, where nobody told the process: that of the
-///                    environment variable KVR_HOME, else the current one if it holds the queue manager, else $HOME/.kvr
+///                    environment variable KVR_HOME, else the current one if it holds the queue manager, else
+///                    $HOME/.kvr
 int KVR_InitQmgrCtx(T_KAVRO_QMGR_CTX* ptCtx, char* psQmgrName);
 }
 
