@@ -39,8 +39,8 @@ LmdbGetter::LmdbGetter(std::shared_ptr<LmdbStore> store, std::string queue, cons
     : store_(std::move(store)), env_(store_->env()), queue_(std::move(queue)), reader_(env_), options_(options) {
     id_ = read_record().id;
     if (const pid_t holder = store_->drain_locks().acquire(id_); holder != 0) {
-        throw Error(Errc::kBusy, "queue '" + queue_ + "' is drained by " + process_text(holder) +
-                                     ": browse it, or stop that process first");
+        throw Error(Errc::kBusy, process_text(holder) + " takes messages from queue '" + queue_ +
+                                     "': browse it, or stop that process first");
     }
     try {
         take_over();

@@ -35,7 +35,7 @@ class DeletionLock {
   public:
     DeletionLock(DrainLocks& locks, const std::string& name, std::uint32_t queue) : locks_(locks), queue_(queue) {
         if (const pid_t holder = locks_.acquire(queue_); holder != 0) {
-            throw Error(Errc::kBusy, "queue '" + name + "' is drained by " + process_text(holder) + ": stop it first");
+            throw Error(Errc::kBusy, process_text(holder) + " takes messages from queue '" + name + "': stop it first");
         }
     }
     ~DeletionLock() { locks_.release(queue_); }

@@ -91,7 +91,7 @@ TEST_F(KvrMessage, SeveralTakersShareAQueueWhichNoneHasForItself) {
     EXPECT_EQ(waiting.result(), 0);
     EXPECT_EQ(text("background.out"), "xxy");
     taker->give_back({&message.sequence, 1});
-    EXPECT_EQ(shown("get Q --all --shared")[0]["given_back"], 1);
+    EXPECT_EQ(shown("get Q --all")[0]["given_back"], 1);
 }
 
 TEST_F(KvrMessage, OneIsTakenWhenItsCommandIsDoneAndIsBackOtherwise) {

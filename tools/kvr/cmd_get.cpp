@@ -137,7 +137,7 @@ std::unique_ptr<MessageSource> open_source(Store& store, const GetOptions& optio
     }
     SourceOptions source;
     source.wait = std::chrono::milliseconds(static_cast<std::int64_t>(std::ceil(options.wait * kMilliseconds)));
-    source.alone = options.wanted() > 1 && !options.shared && options.command.empty() && options.max_tries == 0;
+    source.alone = options.all && !options.shared && options.command.empty() && options.max_tries == 0;
     source.interrupt = interrupt;
     source.max_tries = options.max_tries;
     source.aside = options.aside;
@@ -222,8 +222,8 @@ void add_taking_options(CLI::App& command, GetOptions& options) {
     exec->type_name("COMMAND");
     command
         .add_flag("--shared", options.shared,
-                  "Leave the queue to others, too, where many messages are taken; without it they are kept out "
-                  "unless they were there before")
+                  "With --all, leave the queue to others, too; without it they are kept out, unless they were there "
+                  "before")
         ->excludes(exec);
     CLI::Option* tries =
         command

@@ -114,6 +114,18 @@ class SharedSource : public MessageSource {
     TakenMessage message_;
 };
 
+/// Perhaps there are takers: then as one of them.
+std::unique_ptr<MessageSource> open_beside(Store& store, const std::string& queue, const SourceOptions& options) {
+    try {
+        return std::make_unique<SharedSource>(store, queue, options);
+    } catch (const Error& error) {
+        if (error.code() != Errc::kBusy) {
+            throw;
+        }
+        throw Error(Errc::kBusy, std::string(error.what()) + "; a 'kvr get --all' shares it with --shared");
+    }
+}
+
 } // namespace
 
 std::unique_ptr<MessageSource> open_source(Store& store, const std::string& queue, const SourceOptions& options) {
@@ -124,7 +136,7 @@ std::unique_ptr<MessageSource> open_source(Store& store, const std::string& queu
             if (error.code() != Errc::kBusy) {
                 throw;
             }
-            // Perhaps there are takers: then as one of them.
+            return open_beside(store, queue, options);
         }
     }
     return std::make_unique<SharedSource>(store, queue, options);
