@@ -22,15 +22,14 @@ TEST_F(Messages, ArriveAsTheyWerePut) {
     qm_.put("Q", sent);
     Message got("what was there");
     ASSERT_EQ(qm_.get("Q", got), Got::kMessage);
-    EXPECT_EQ(got.data(), std::string_view("da\0ta", 5));
-    EXPECT_EQ(got.id(), id);
-    EXPECT_EQ(got.correlation_id(), std::string_view("\0c", 2));
-    EXPECT_EQ(got.get(KVR_FORMAT), "12345678");
-    for (int field = KVR_TYPE; field <= KVR_APPLICATION_TYPE; ++field) {
-        EXPECT_EQ(got.number(static_cast<kvr_field>(field)), -field);
+    EXPECT_EQ(std::tuple(got.data(), got.id(), got.correlation_id()),
+              std::tuple(std::string_view("da\0ta", 5), id, std::string_view("\0c", 2)));
+    for (int field = KVR_MESSAGE_ID; field <= KVR_APPLICATION_TYPE; ++field) {
+        const auto name = static_cast<kvr_field>(field);
+        EXPECT_EQ(std::tuple(got.get(name), got.number(name)),
+                  std::tuple(sent.get(name), field < KVR_TYPE ? 0 : -field));
     }
-    EXPECT_EQ(got.destination_queue(), "ORDERS");
-    EXPECT_EQ(got.destination_qmgr(), std::string(32, 'M'));
+    EXPECT_EQ(std::tuple(got.destination_queue(), got.destination_qmgr()), std::tuple("ORDERS", std::string(32, 'M')));
     EXPECT_EQ(got.attachments(), sent.attachments());
     EXPECT_TRUE(got.file().empty());
     sent.file("/a file");

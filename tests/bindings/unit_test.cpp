@@ -5,10 +5,10 @@
 namespace kvr::test {
 namespace {
 
-using Units = BindingsTest;
+using UnitsOfWork = BindingsTest;
 using std::chrono::milliseconds;
 
-TEST_F(Units, HappenWholeOrNotAtAll) {
+TEST_F(UnitsOfWork, HappenWholeOrNotAtAll) {
     put({"one", "two", "three"});
     Connection other = connect();
     Message got;
@@ -44,7 +44,7 @@ TEST_F(Units, HappenWholeOrNotAtAll) {
     EXPECT_EQ(take_all(other, "OTHER"), "answer,second,");
 }
 
-TEST_F(Units, EndWithTheirConnection) {
+TEST_F(UnitsOfWork, EndWithTheirConnection) {
     put({"one"});
     {
         Connection other = connect();
@@ -61,7 +61,7 @@ TEST_F(Units, EndWithTheirConnection) {
     EXPECT_EQ(take(qm_), "-");
 }
 
-TEST_F(Units, RefuseWhatIsBeyondTheirLimitsAndGoOn) {
+TEST_F(UnitsOfWork, RefuseWhatIsBeyondTheirLimitsAndGoOn) {
     put({"one"});
     Unit unit(qm_);
     EXPECT_EQ(code_of([&] { return unit.put("NONE", Message()), 0; }), KVR_E_NOT_FOUND);
@@ -81,7 +81,7 @@ TEST_F(Units, RefuseWhatIsBeyondTheirLimitsAndGoOn) {
     EXPECT_EQ(take(unit), "one");
 }
 
-TEST_F(Units, OfWhichACommitFailsCanBeCommittedAgain) {
+TEST_F(UnitsOfWork, OfWhichACommitFailsCanBeCommittedAgain) {
     put({"one"});
     Unit unit(qm_);
     EXPECT_EQ(take(unit), "one");
@@ -94,7 +94,7 @@ TEST_F(Units, OfWhichACommitFailsCanBeCommittedAgain) {
     EXPECT_EQ(std::tuple(qm_.depth("Q"), qm_.depth("OTHER")), std::tuple(0, 1));
 }
 
-TEST_F(Units, SetAsideWhatWasTriedTooOften) {
+TEST_F(UnitsOfWork, SetAsideWhatWasTriedTooOften) {
     Message poison("poison");
     poison.set(KVR_CORRELATION_ID, "c");
     poison.attach("/file");
