@@ -77,7 +77,7 @@ enum kvr_result {
     KVR_E_UNKNOWN_ATTR = -104, /* a setting that there is not */
     KVR_E_TOO_LONG = -105,     /* a text does not fit its field */
     KVR_E_TOO_LARGE = -106,    /* a message or a unit beyond the limits */
-    KVR_E_BUSY = -107,         /* another process drains the queue */
+    KVR_E_BUSY = -107,         /* another process drains the queue, or it has all its takers */
     KVR_E_FULL = -109,         /* the quota is used up, or the disk is full, or too much is taken and not committed */
     KVR_E_IO = -110,           /* the system reported an error */
     KVR_E_VERSION = -111,      /* the store is of another version */
