@@ -43,7 +43,7 @@ class NotFound(Error):
 
 
 class Invalid(Error):
-    """An argument is not what it has to be."""
+    """An argument is not what it has to be, or does not fit its field."""
 
 
 class TooLarge(Error):
@@ -77,6 +77,7 @@ class Forked(Error):
 _CLASSES: Dict[int, Type[Error]] = {
     Code.NOT_FOUND: NotFound,
     Code.INVALID: Invalid,
+    Code.TOO_LONG: Invalid,
     Code.TOO_LARGE: TooLarge,
     Code.BUSY: Busy,
     Code.FULL: Full,
