@@ -9,6 +9,7 @@
 #include <string>
 #include <utility>
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -129,6 +130,7 @@ void Environment::open(std::uint64_t map_size, const OpeningLock& /*held*/) {
     int fd = -1;
     struct stat file {};
     mdb_env_get_fd(env_, &fd);
+    ::fcntl(fd, F_SETFD, FD_CLOEXEC); // of its descriptors the library leaves this one to the programs that are run
     ::fstat(fd, &file);
     device_ = file.st_dev;
     inode_ = file.st_ino;

@@ -92,7 +92,13 @@ class SharedSource : public MessageSource {
             put_aside();
         }
     }
-    void use_up() override { commit({}); }
+    void use_up() override {
+        try {
+            commit({});
+        } catch (const Error& error) {
+            throw Error(error.code(), std::string(error.what()) + "; the last message was handed over and comes again");
+        }
+    }
     void leave() override {} // reserved until the end
     void finish() override {}
 
