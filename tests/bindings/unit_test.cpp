@@ -1,6 +1,23 @@
 // SPDX-License-Identifier: MIT
 // Units of work: all or nothing, what comes back and how often, limits, and what goes aside.
+#include <sys/syscall.h>
+
 #include "bindings/program_fixture.h"
+#include "kavutil/export.h"
+
+namespace {
+enum { kWorks, kFailsBehindHead, kFails } g_disk = kWorks;
+} // namespace
+
+extern "C" KVR_EXPORT ssize_t pwrite(int fd, const void* data, std::size_t size, off_t at) {
+    constexpr off_t kEndOfHeads = 8192;
+    const ssize_t written = g_disk == kFails ? -1 : ::syscall(SYS_pwrite64, fd, data, size, at);
+    if (g_disk == kWorks || (g_disk == kFailsBehindHead && at >= kEndOfHeads)) {
+        return written;
+    }
+    g_disk = kFails;
+    return errno = EIO, -1;
+}
 
 namespace kvr::test {
 namespace {
@@ -92,6 +109,18 @@ TEST_F(UnitsOfWork, OfWhichACommitFailsCanBeCommittedAgain) {
     store()->queue_define("OTHER", "");
     unit.commit();
     EXPECT_EQ(std::tuple(qm_.depth("Q"), qm_.depth("OTHER")), std::tuple(0, 1));
+}
+
+TEST_F(UnitsOfWork, OfUnknownOutcomeAreOverAndDoneOnce) {
+    put({"one", "two"});
+    Unit unit(qm_);
+    EXPECT_EQ(take(unit), "one");
+    unit.put("OTHER", Message("answer"));
+    g_disk = kFailsBehindHead;
+    EXPECT_EQ(code_of([&] { return unit.commit(), 0; }), KVR_E_UNKNOWN);
+    g_disk = kWorks;
+    unit.commit();
+    EXPECT_EQ(std::tuple(take_all(unit), take_all(qm_, "OTHER")), std::tuple("two,", "answer,"));
 }
 
 TEST_F(UnitsOfWork, SetAsideWhatWasTriedTooOften) {
