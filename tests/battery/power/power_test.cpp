@@ -15,6 +15,7 @@
 #include <sys/stat.h>
 
 #include "field.h"
+#include "kvr.hpp"
 #include "platter.h"
 #include "proof/proof.h"
 #include "store/descriptor.h"
@@ -82,9 +83,10 @@ class PowerCut {
     static void make(const fs::path& file, std::string content) {
         constexpr std::size_t kBootId = 24;
         constexpr std::size_t kThrough = 128;
-        if (file.extension() == ".mark" && content.size() > kThrough) { // of a boot that is over, and ahead of the disk
+        const bool is_mark = file.extension() == ".mark";
+        if ((is_mark || file.extension() == ".claims") && content.size() > kThrough) { // of a boot that is over
             content[kBootId] = '?';
-            content[kThrough + 4] = 1;
+            content[kThrough + 4] = is_mark ? 1 : content[kThrough + 4]; // ahead of the disk
         }
         std::ofstream(file, std::ios::binary) << content;
     }
@@ -196,9 +198,106 @@ class Work {
     std::jthread putter_{[this](const std::stop_token& stop) { put_all(stop); }};
 };
 
-TEST(Power, CutsAtAnyMomentLoseNothingThatWasTold) {
+constexpr std::uint32_t kNumbers = 600;
+
+/// Units of work, each of which takes some numbers from one queue and puts them on two.
+class Units {
+  public:
+    explicit Units(const fs::path& base) : home_(base) {
+        Store::create(home_ / "QM", "QM", {});
+        const auto store = Store::open(home_ / "QM");
+        for (const char* const queue : {"FROM", "ONE", "TWO"}) {
+            store->queue_define(queue, "");
+        }
+        app::Connection qm(home_, "QM");
+        app::Unit unit(qm);
+        for (std::uint32_t number = 1; number <= kNumbers; ++number) {
+            unit.put("FROM", app::Message(std::to_string(number)));
+        }
+        unit.commit();
+        worker_ = std::jthread([this](const std::stop_token& stop) { work(stop); });
+    }
+    [[nodiscard]] bool goes_on() const { return done_ < kNumbers; }
+
+    void cut(std::mt19937& random) {
+        const TemporaryFolder after;
+        const UniqueFd held = hold_platter();
+        const std::uint32_t begun = begun_; // before what is done: that may get there now
+        const std::uint32_t done = done_;
+        PowerCut power_cut(random());
+        ASSERT_EQ(Child::fork_off([&] { return power_cut.leave(home_ / "QM", after.path() / "QM"); }).result(), 0);
+        app::Connection qm(after.path(), "QM");
+        const Numbers put = numbers_on(qm, "ONE");
+        EXPECT_EQ(put, numbers_on(qm, "TWO"));
+        EXPECT_TRUE(put.size() == done || put.size() == begun) << put.size() << ", told are " << done;
+        Numbers all = put;
+        const Numbers left = numbers_on(qm, "FROM");
+        all.insert(all.end(), left.begin(), left.end());
+        Numbers whole(kNumbers);
+        std::iota(whole.begin(), whole.end(), 1);
+        EXPECT_EQ(all, whole);
+    }
+
+  private:
+    void work(const std::stop_token& stop) {
+        app::Connection qm(home_, "QM");
+        app::Message message;
+        for (std::uint32_t size = 1; goes_on() && !stop.stop_requested(); size = size % 20 + 1) {
+            app::Unit unit(qm);
+            std::uint32_t count = 0;
+            while (count < size && unit.get("FROM", message) == app::Got::kMessage) {
+                unit.put("ONE", message);
+                unit.put("TWO", message);
+                ++count;
+            }
+            begun_ = done_ + count;
+            unit.commit();
+            done_ = begun_.load();
+        }
+    }
+    /// Takes all.
+    static Numbers numbers_on(app::Connection& qm, const char* queue) {
+        Numbers numbers;
+        app::Unit unit(qm);
+        for (app::Message message; unit.get(queue, message) == app::Got::kMessage;) {
+            numbers.push_back(static_cast<std::uint32_t>(std::stoul(std::string(message.data()))));
+        }
+        return numbers;
+    }
+
+    const fs::path home_;
+    std::atomic<std::uint32_t> done_ = 0;
+    std::atomic<std::uint32_t> begun_ = 0;
+    std::jthread worker_;
+};
+
+unsigned long rounds_wanted() {
     const char* wanted = std::getenv("KVR_BATTERY_ROUNDS"); // NOLINT(concurrency-mt-unsafe)
-    const unsigned long rounds = wanted == nullptr ? 20 : std::stoul(wanted);
+    return wanted == nullptr ? 20 : std::stoul(wanted);
+}
+
+TEST(Power, CutsLeaveUnitsOfWorkWholeOrUndone) {
+    const unsigned seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    ::umask(0077);
+    const TemporaryFolder base;
+    fs::create_directory(base.path() / "platter");
+    ::setenv(kPlatter, (base.path() / "platter").c_str(), 1);
+    for (unsigned long cuts = 0; cuts < rounds_wanted();) {
+        const fs::path home = base.path() / std::to_string(cuts);
+        fs::create_directory(home);
+        Units units(home);
+        for (; units.goes_on() && cuts < rounds_wanted(); ++cuts) {
+            ASSERT_NO_THROW(units.cut(random));
+            ASSERT_FALSE(testing::Test::HasFailure()) << "cut " << cuts;
+            std::this_thread::sleep_for(std::chrono::milliseconds(random() % 10));
+        }
+    }
+}
+
+TEST(Power, CutsAtAnyMomentLoseNothingThatWasTold) {
+    const unsigned long rounds = rounds_wanted();
     const unsigned seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(seed);
