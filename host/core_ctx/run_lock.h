@@ -18,11 +18,11 @@ namespace kvr {
 class RunLock {
   public:
     /// Takes the lock for the object's life. Throws kvr::Error: kBusy with the other process's id when the channel is
-    /// run already, kPermission when the locks' folder is not this user's alone, kIo.
+    /// run already, kPermission when this user is not the owner of the queue manager or the locks' folder, kIo.
     RunLock(const std::filesystem::path& qmgr_dir, const std::string& channel);
 
     /// The process that holds the lock, 0 for none, kUnseenProcess (store/owner.h). Throws kvr::Error:
-    /// kPermission when one of the folders is not this user's alone, kIo.
+    /// kPermission when this user may not use one of the folders (store/access.h), kIo.
     static pid_t holder(const std::filesystem::path& qmgr_dir, const std::string& channel);
 
   private:

@@ -8,6 +8,7 @@
 
 #include <sys/stat.h>
 
+#include "store/access.h"
 #include "store/names.h"
 #include "store/store.h"
 
@@ -61,6 +62,9 @@ bool is_home(const fs::path& home, const NamedBy& by) {
         }
         return true;
     }
+    if (errno == EACCES) {
+        refuse_on_the_way(home);
+    }
     if (errno != ENOENT) {
         const std::error_code cause(errno, std::generic_category());
         throw Error(Errc::kIo,
@@ -92,7 +96,7 @@ std::vector<std::string> qmgr_names(const fs::path& home, const NamedBy& by) {
     }
     if (error) {
         throw Error(Errc::kPermission, home.native() + " cannot be listed (" + error.message() +
-                                           "): check the folder's owner, or name another one " + by.home);
+                                           "): name the queue manager " + by.qmgr + ", or check the folder's owner");
     }
     std::sort(names.begin(), names.end());
     return names;

@@ -20,9 +20,9 @@ struct NamedBy {
 /// The folder of the queue managers as an absolute path: `named`, else KVR_HOME, else $HOME/.kvr. It need not exist.
 /// Throws kInvalid when none is known.
 KVR_EXPORT std::filesystem::path home_path(const std::filesystem::path& named, const NamedBy& by = {});
-/// Whether the folder is there. Throws kNotFound for what is no folder, kIo.
+/// Whether the folder is there. Throws kNotFound for what is no folder, kPermission, kIo.
 KVR_EXPORT bool is_home(const std::filesystem::path& home, const NamedBy& by = {});
-/// home_path of a folder that is there. Throws kInvalid, kNotFound, kIo.
+/// home_path of a folder that is there. Throws kInvalid, kNotFound, kPermission, kIo.
 KVR_EXPORT std::filesystem::path find_home(const std::filesystem::path& named, const NamedBy& by = {});
 /// Names of the queue managers in a home folder, sorted. Throws kPermission.
 KVR_EXPORT std::vector<std::string> qmgr_names(const std::filesystem::path& home, const NamedBy& by = {});

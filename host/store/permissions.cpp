@@ -3,8 +3,11 @@
 #include "store/permissions.h"
 
 #include <cerrno>
+#include <cstdint>
+#include <string>
 
 #include <fcntl.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,11 +17,46 @@ namespace kvr {
 
 namespace {
 
-constexpr mode_t kFolderMode = 0700;
-constexpr mode_t kFileMode = 0600;
 constexpr mode_t kOthersWrite = 0022;
+constexpr mode_t kModeBits = 07777;
 
-/// By a descriptor of its own that opens nothing (so that no record lock is lost with it), never through a link.
+mode_t file_mode(const std::filesystem::path& path) {
+    return is_shared_folder(path.parent_path()) ? kSharedFile : kPrivateFile;
+}
+
+/// Made under a name of its own, which nobody else opens, and given its mode before it gets `path`. Whoever is faster
+/// has made it.
+void make_shared(const std::filesystem::path& path, mode_t type) {
+    std::uint64_t random = 0;
+    ssize_t made = ::getrandom(&random, sizeof random, 0);
+    const std::string aside = path.native() + "." + std::to_string(random);
+    made = made != sizeof random ? -1 : ::mknod(aside.c_str(), type | kPrivateFile, 0);
+    if (made == 0) {
+        made = ::fchmodat(AT_FDCWD, aside.c_str(), kSharedFile, 0);
+        made = made == 0 ? ::link(aside.c_str(), path.c_str()) : made;
+    }
+    const int failed = made == 0 || errno == EEXIST ? 0 : errno;
+    ::unlink(aside.c_str());
+    if (failed != 0) {
+        throw_system("make", path, failed);
+    }
+}
+
+UniqueFd open_file(const std::filesystem::path& path, mode_t mode) {
+    constexpr int kFlags = O_RDWR | O_CLOEXEC | O_NOFOLLOW;
+    if (mode == kPrivateFile) {
+        return UniqueFd(::open(path.c_str(), kFlags | O_CREAT, mode));
+    }
+    UniqueFd fd(::open(path.c_str(), kFlags));
+    while (!fd && errno == ENOENT) { // again where somebody removes it just then
+        make_shared(path, S_IFREG);
+        fd.reset(::open(path.c_str(), kFlags));
+    }
+    return fd;
+}
+
+} // namespace
+
 void set_mode(const std::filesystem::path& path, mode_t mode, const char* doing) {
     if (::fchmodat(AT_FDCWD, path.c_str(), mode, AT_SYMLINK_NOFOLLOW) != 0) {
         const int cause = errno;
@@ -35,18 +73,22 @@ void set_mode(const std::filesystem::path& path, mode_t mode, const char* doing)
     }
 }
 
-} // namespace
+bool is_shared_folder(const std::filesystem::path& folder) {
+    struct stat info {};
+    return ::lstat(folder.c_str(), &info) == 0 &&
+           ((info.st_mode & kModeBits) == kSharedGate || (info.st_mode & kModeBits) == kSharedFolder);
+}
 
 void make_private_folder(const std::filesystem::path& path) {
-    if (::mkdir(path.c_str(), kFolderMode) != 0) {
+    if (::mkdir(path.c_str(), kPrivateFolder) != 0) {
         throw_system("make the folder", path, errno);
     }
-    set_mode(path, kFolderMode, "protect the folder");
+    set_mode(path, kPrivateFolder, "protect the folder");
     sync_folder(path.parent_path());
 }
 
 void ensure_private_folder(const std::filesystem::path& path) {
-    if (::mkdir(path.c_str(), kFolderMode) != 0) {
+    if (::mkdir(path.c_str(), kPrivateFolder) != 0) {
         if (errno != EEXIST) {
             throw_system("make the folder", path, errno);
         }
@@ -55,7 +97,23 @@ void ensure_private_folder(const std::filesystem::path& path) {
 }
 
 void make_private_file(const std::filesystem::path& path) {
-    set_mode(path, kFileMode, "protect");
+    struct stat info {};
+    const mode_t mode = file_mode(path);
+    if (::lstat(path.c_str(), &info) != 0 || (info.st_mode & kModeBits) != mode) {
+        set_mode(path, mode, "protect");
+    }
+}
+
+void make_private_fifo(const std::filesystem::path& path) {
+    struct stat info {};
+    if (file_mode(path) == kPrivateFile) {
+        if (::mkfifo(path.c_str(), kPrivateFile) != 0 && errno != EEXIST) {
+            throw_system("make", path, errno);
+        }
+    } else if (::lstat(path.c_str(), &info) != 0) {
+        make_shared(path, S_IFIFO);
+    }
+    make_private_file(path);
 }
 
 void check_private(const std::filesystem::path& path, bool folder) {
@@ -88,7 +146,8 @@ void sync_folder(const std::filesystem::path& path) {
 }
 
 UniqueFd open_allocated_file(const std::filesystem::path& path, off_t size) {
-    UniqueFd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kFileMode));
+    const mode_t mode = file_mode(path);
+    UniqueFd fd = open_file(path, mode);
     if (!fd) {
         throw_system("open", path, errno);
     }
@@ -103,7 +162,7 @@ UniqueFd open_allocated_file(const std::filesystem::path& path, off_t size) {
         // a SIGBUS. Two processes may do this at once, and it keeps what the file holds.
         failed = ::posix_fallocate(fd.get(), 0, size);
     }
-    if (failed == 0 && (info.st_mode & 07777) != kFileMode && ::fchmod(fd.get(), kFileMode) != 0) {
+    if (failed == 0 && (info.st_mode & kModeBits) != mode && ::fchmod(fd.get(), mode) != 0) {
         failed = errno;
     }
     if (failed != 0) {

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "kavutil/unique_fd.h"
+#include "store/access.h"
 #include "store/engine.h"
 #include "store/permissions.h"
 #include "store/system_error.h"
@@ -18,8 +19,6 @@ namespace kvr {
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr const char* kEngineFile = "engine";
 
 /// Beside `dir`, of this process alone, and no queue manager's: its name begins with a dot.
 fs::path aside(const fs::path& dir, const char* mark) {
@@ -73,8 +72,7 @@ std::string engine_of(const fs::path& dir) {
     std::string engine;
     const fs::file_status found = fs::symlink_status(file, error);
     if (fs::is_regular_file(found) || fs::is_symlink(found)) {
-        check_private(dir, true);
-        check_private(file, false);
+        check_part(file, false, check_access(dir));
         std::ifstream in(file);
         if (!std::getline(in, engine) || engine.empty() || !is_engine_name(engine)) {
             throw Error(Errc::kDamaged, file.string() + " does not name the store's engine: restore it from a copy");

@@ -10,6 +10,9 @@
 
 namespace kvr {
 
+/// In the folder: the name of the store's engine.
+constexpr const char* kEngineFile = "engine";
+
 /// Makes the folder (0700), with the name of the store's engine unless that is empty, and with what `fill` makes in the
 /// folder that it is given. Throws kExists.
 void make_qmgr_folder(const std::filesystem::path& dir, const std::string& engine,

@@ -84,7 +84,8 @@ struct QueueInfo {
 
 /// Limits and trade-offs of a queue manager by name, as texts. Every engine takes "quota", the bytes of messages and
 /// objects beyond which puts fail (deletes go on), and "sync": "off" is faster and lets a power loss take the last
-/// seconds. What else there is, and what is right, the engine says.
+/// seconds. The embedded one takes "group", too: the group, by name or number, whose members may use the queue manager
+/// beside its owner (access.h), or "none". What else there is, and what is right, the engine says.
 using Settings = std::map<std::string, std::string>;
 
 /// Room that a queue manager takes.
@@ -131,8 +132,9 @@ class KVR_EXPORT Store {
     /// Random, made with the store and kept with it: for digests that nobody outside can foresee. Never shown.
     [[nodiscard]] virtual std::uint64_t seed() const = 0;
     [[nodiscard]] virtual Settings settings() const = 0;
-    /// Changes the settings that are given. Some take effect when a process opens the store the next time. Throws
-    /// kUnknownAttr, kInvalid.
+    /// Changes the settings that are given. Some take effect when a process opens the store the next time. The group is
+    /// changed by the owner, while no other process has the store open and this one neither drains nor takes. Throws
+    /// kUnknownAttr, kInvalid, kBusy, kPermission.
     virtual void change_settings(const Settings& changes) = 0;
     [[nodiscard]] virtual Usage usage() = 0;
     /// A process that is stopped in the middle of a write, so that all other writers wait for it.

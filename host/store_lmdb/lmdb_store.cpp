@@ -9,10 +9,13 @@
 #include <sys/random.h>
 #include <unistd.h>
 
+#include "store/access.h"
+#include "store/accounts.h"
 #include "store/engine.h"
 #include "store/permissions.h"
 #include "store/qmgr_folder.h"
 #include "store/system_error.h"
+#include "store_lmdb/group_access.h"
 
 namespace kvr {
 
@@ -67,6 +70,9 @@ void fill_folder(const fs::path& dir, const std::string& qmgr, const Settings& g
     }
     sync_folder(files.store());
     sync_folder(files.dir);
+    if (const auto group = given.find(kGroupSetting); group != given.end()) {
+        share_store(files, group_named(group->second));
+    }
 }
 
 /// A disk without room for what an opening needs gets that of the reserve.
@@ -130,12 +136,12 @@ std::shared_ptr<Store> open_store(const fs::path& dir) {
         stores.closed.wait(guard);
     }
     if (!store) {
-        check_private(files.dir, true);
-        check_private(files.store(), true);
-        check_private(files.queues(), true);
-        check_private(files.store() / "data.mdb", false);
+        const Access access = check_access(files.dir);
+        check_part(files.store(), true, access);
+        check_part(files.queues(), true, access);
+        check_part(files.store() / "data.mdb", false, access);
         if (fs::exists(files.store() / "lock.mdb", error)) {
-            check_private(files.store() / "lock.mdb", false);
+            check_part(files.store() / "lock.mdb", false, access);
         }
         store = share(open_with_reserve(files), known);
     }
@@ -169,12 +175,37 @@ LmdbSettings LmdbStore::lmdb_settings() const {
 }
 
 Settings LmdbStore::settings() const {
-    return settings_as_texts(lmdb_settings());
+    Settings texts = settings_as_texts(lmdb_settings());
+    texts[kGroupSetting] = group_text(check_access(files_.dir).group);
+    return texts;
+}
+
+void LmdbStore::change_group(std::optional<gid_t> group) {
+    require_owner(files_.dir, "choose the group that may use it");
+    const std::optional<gid_t> before = check_access(files_.dir).group;
+    StoreLock& lock = env_.store_lock();
+    lock.take_alone();
+    try {
+        if (before && group) {
+            share_store(files_, {});
+        }
+        share_store(files_, group);
+    } catch (...) {
+        lock.share();
+        throw;
+    }
+    const std::scoped_lock guard(marks_mutex_);
+    marks_.clear(); // other files can have taken the place of those of members
+    claims_.clear();
+    lock.share();
 }
 
 void LmdbStore::change_settings(const Settings& changes) {
     LmdbSettings now = changed_settings(lmdb_settings(), changes); // refused before anything is done
-    env_.set_sync(true);                                           // the change itself is flushed in any case
+    if (const auto group = changes.find(kGroupSetting); group != changes.end()) {
+        change_group(group_named(group->second));
+    }
+    env_.set_sync(true); // the change itself is flushed in any case
     write(Need::kMust, [&](WriteTxn& write) {
         now = changed_settings(load_settings(write.txn(), env_), changes);
         save_settings(write, now);

@@ -81,6 +81,7 @@ class LmdbStore final : public Store, public std::enable_shared_from_this<LmdbSt
     /// On the disk, before a transaction that lets the store grow.
     void make_room(std::uint64_t growth);
     static void check_quota(WriteTxn& write, std::uint64_t growth);
+    void change_group(std::optional<gid_t> group);
     /// Says within the transaction which of the messages are put.
     using Choice = std::function<std::span<const OutgoingMessage>(WriteTxn&)>;
     void put_chosen(const std::string& queue, std::span<const OutgoingMessage> messages, const Choice& choose);

@@ -25,7 +25,9 @@ bool ReserveFile::ensure() const {
 }
 
 void ReserveFile::release() const {
-    ::unlink(path_.c_str());
+    if (!is_shared_folder(path_.parent_path()) || ::truncate(path_.c_str(), 0) != 0) { // members cannot remove it
+        ::unlink(path_.c_str());
+    }
 }
 
 } // namespace kvr

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <charconv>
 
+#include "store/accounts.h"
+
 namespace kvr {
 
 namespace {
@@ -51,8 +53,11 @@ LmdbSettings changed_settings(LmdbSettings settings, const Settings& changes) {
             settings.sync = text == "on";
         } else if (name == "sync") {
             throw Error(Errc::kInvalid, "the setting sync is on or off, not '" + text + "'");
+        } else if (name == kGroupSetting) {
+            static_cast<void>(group_named(text));
         } else {
-            throw Error(Errc::kUnknownAttr, "the store has no setting '" + name + "'; it has quota, map_size, sync");
+            throw Error(Errc::kUnknownAttr,
+                        "the store has no setting '" + name + "'; it has quota, map_size, sync, group");
         }
     }
     check_room(settings);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The settings of this engine: "quota" and "map_size" in bytes, "sync" on or off.
+// The settings of this engine: "quota" and "map_size" in bytes, "sync" on or off. "group" stands in the modes of the
+// folder, not in the store.
 #pragma once
 
 #include <cstdint>
@@ -7,6 +8,8 @@
 #include "store/store.h"
 
 namespace kvr {
+
+constexpr const char* kGroupSetting = "group";
 
 struct LmdbSettings {
     std::uint64_t quota = 7ULL << 30;    ///< bytes of messages and objects beyond which puts fail (deletes go on)

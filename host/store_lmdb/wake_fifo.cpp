@@ -36,10 +36,7 @@ UniqueFd open_fifo(const std::filesystem::path& path) {
 } // namespace
 
 void WakeFifo::create(const std::filesystem::path& path) {
-    if (::mkfifo(path.c_str(), 0600) != 0 && errno != EEXIST) {
-        throw_system("make", path, errno);
-    }
-    make_private_file(path);
+    make_private_fifo(path);
 }
 
 WakeFifo::WakeFifo(const std::filesystem::path& path) {

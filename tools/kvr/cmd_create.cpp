@@ -18,6 +18,7 @@ constexpr const char* kDeadLetterQueue = "DEAD.LETTER.QUEUE";
 struct CreateOptions {
     std::string qmgr;
     std::string quota;
+    std::string group;
     bool fast = false;
 };
 
@@ -41,6 +42,9 @@ void create(const GlobalOptions& global, const CreateOptions& options) {
     if (options.fast) {
         settings["sync"] = "off";
     }
+    if (!options.group.empty()) {
+        settings["group"] = options.group;
+    }
     const std::filesystem::path dir = home_folder(global, true) / qmgr;
     std::error_code ignored;
     if (std::filesystem::exists(dir, ignored)) {
@@ -57,6 +61,7 @@ void create(const GlobalOptions& global, const CreateOptions& options) {
         store->destroy(true); // all of it or nothing
         throw;
     }
+    warn_of_group(*store);
     if (global.json) {
         print_json({{"qmgr", qmgr}, {"folder", dir.native()}, {"dead_letter_queue", kDeadLetterQueue}});
         return;
@@ -73,7 +78,8 @@ void add_create_command(CLI::App& app, GlobalOptions& global) {
     command->add_option("--quota", options->quota, "Bytes of messages beyond which puts are refused [7G]")
         ->type_name("SIZE");
     command->add_flag("--fast", options->fast, "Do not wait for the disk: a power loss can take the last seconds");
-    set_examples(*command, "  kvr create EAST\n  kvr create EAST --quota 500M\n");
+    command->add_option("--group", options->group, "Group whose members may use it, too [none]")->type_name("GROUP");
+    set_examples(*command, "  kvr create EAST\n  kvr create EAST --quota 500M\n  kvr create EAST --group apps\n");
     command->callback([options, &global] { create(global, *options); });
 }
 

@@ -12,6 +12,7 @@
 #include "core_ctx/channel_status.h"
 #include "output.h"
 #include "session.h"
+#include "store/access.h"
 
 namespace kvr {
 namespace {
@@ -82,6 +83,7 @@ void delete_qmgr(const GlobalOptions& global, const DeleteOptions& options) {
     named.qmgr = checked_qmgr_name(options.name);
     refuse_other_qmgr(global, named.qmgr);
     const auto store = open_store(named);
+    require_owner(store->dir(), "delete it");
     for (const std::string& channel : store->object_names("CHL")) {
         refuse_running(*store, channel);
     }

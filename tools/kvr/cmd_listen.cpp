@@ -12,6 +12,7 @@
 #include "kavutil/service.h"
 #include "receiver/listener_options.h"
 #include "session.h"
+#include "store/access.h"
 
 namespace kvr {
 namespace {
@@ -66,6 +67,7 @@ void listen(const GlobalOptions& global, ListenCommand& command) {
     }
     if (!command.discard) {
         options.store = open_store(global);
+        require_owner(options.store->dir(), "listen for it");
         if (options.spool.empty()) {
             options.spool = options.store->dir() / "spool";
         }

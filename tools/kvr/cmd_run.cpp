@@ -18,6 +18,7 @@
 #include "output.h"
 #include "receiver/key_log.h"
 #include "session.h"
+#include "store/access.h"
 #include "store/engine.h"
 #include "store/permissions.h"
 
@@ -134,6 +135,7 @@ WorkerOptions worker_options(const GlobalOptions& global, const RunOptions& opti
     worker.plugin = plugin_file(options.plugin);
     worker.log_level = options.log_level;
     const auto store = open_store(global);
+    require_owner(store->dir(), "run its channels");
     require_channel(*store, worker.channel);
     check_tls_files(*store, worker.channel);
     worker.home = store->dir().parent_path();

@@ -23,6 +23,13 @@ struct SetQmgrOptions {
     std::string keypass_file;
     std::string quota;
     std::string sync;
+    std::string group;
+
+    [[nodiscard]] Settings settings() const {
+        Settings given{{"quota", quota.empty() ? quota : quota_setting(quota)}, {"sync", sync}, {"group", group}};
+        std::erase_if(given, [](const auto& setting) { return setting.second.empty(); });
+        return given;
+    }
 };
 
 constexpr std::size_t kMaxPassPhraseFile = 4096;
@@ -53,7 +60,8 @@ void check_dead_letter_queue(Store& store, const std::string& name) {
 
 void set_qmgr(const GlobalOptions& global, const SetQmgrOptions& options, const AttributeArguments& arguments) {
     Attributes attributes = collect_attributes(arguments, class_spec("QMGR"));
-    if (attributes.empty() && options.keypass_file.empty() && options.quota.empty() && options.sync.empty()) {
+    const Settings settings = options.settings();
+    if (attributes.empty() && options.keypass_file.empty() && settings.empty()) {
         throw UsageError("nothing to set: give ATTR=VALUE, see 'kvr set qmgr --help'");
     }
     const auto store = open_store(global);
@@ -64,18 +72,14 @@ void set_qmgr(const GlobalOptions& global, const SetQmgrOptions& options, const 
     if (const auto deadq = attributes.find("DEADQ"); deadq != attributes.end()) {
         check_dead_letter_queue(*store, deadq->second);
     }
-    if (!options.quota.empty() || !options.sync.empty()) {
-        Settings changes;
-        if (!options.quota.empty()) {
-            changes["quota"] = quota_setting(options.quota);
-        }
-        if (!options.sync.empty()) {
-            changes["sync"] = options.sync;
-        }
-        store->change_settings(changes);
+    if (!settings.empty()) {
+        store->change_settings(settings);
     }
     if (!attributes.empty()) {
         store->object_set("QMGR", "QMGR", attributes);
+    }
+    if (!options.group.empty()) {
+        warn_of_group(*store);
     }
     print_outcome(global.json, {{"qmgr", store->qmgr()}, {"changed", true}},
                   fmt::format("changed queue manager {}; a channel that runs keeps the old values until its next start",
@@ -140,9 +144,13 @@ void add_set_command(CLI::App& app, GlobalOptions& global) {
                      "take the last seconds")
         ->check(CLI::IsMember({"on", "off"}).description(""))
         ->type_name("on|off");
+    qmgr->add_option("--group", options->group,
+                     "Group whose members may use it beside its owner, none: nobody; no other process may have it open")
+        ->type_name("GROUP");
     set_examples(*qmgr, "  kvr set qmgr CERTFILE=east.pem KEYFILE=east.key CAFILE=ca.pem\n"
                         "  kvr set qmgr --keypass-file - < passphrase.txt\n"
-                        "  kvr set qmgr DEADQ=DEAD.LETTER.QUEUE\n");
+                        "  kvr set qmgr DEADQ=DEAD.LETTER.QUEUE\n"
+                        "  kvr set qmgr --group apps\n");
     qmgr->callback([options, qmgr_arguments, &global] { set_qmgr(global, *options, *qmgr_arguments); });
 
     auto name = std::make_shared<std::string>();

@@ -44,14 +44,16 @@ Json qmgr_json(Store& store) {
     json["folder"] = store.dir().native();
     json["quota"] = store.usage().quota;
     json["sync"] = is_synced(store);
+    json["group"] = store.settings()["group"];
     return json;
 }
 
 std::string qmgr_text(Store& store) {
     return object_text("queue manager " + store.qmgr(), class_spec("QMGR"), store.object_get("QMGR", "QMGR")) +
-           fmt::format("  {:<10}{}\n  {:<10}{}\n  {:<10}{}\n", "folder", store.dir().native(), "quota",
+           fmt::format("  {:<10}{}\n  {:<10}{}\n  {:<10}{}\n  {:<10}{}\n", "folder", store.dir().native(), "quota",
                        human_size(store.usage().quota), "sync",
-                       is_synced(store) ? "on" : "off: a power loss can take the last seconds");
+                       is_synced(store) ? "on" : "off: a power loss can take the last seconds", "group",
+                       store.settings()["group"]);
 }
 
 Json queue_json(const QueueInfo& queue) {

@@ -10,6 +10,7 @@
 #include "core_ctx/channel_status.h"
 #include "output.h"
 #include "session.h"
+#include "store/access.h"
 
 namespace kvr {
 namespace {
@@ -55,6 +56,7 @@ bool repaired(const std::filesystem::path& dir, const std::string& channel, cons
 void stop(const GlobalOptions& global, const std::string& given_name, double timeout) {
     const std::string channel = checked_channel_name(given_name);
     const std::filesystem::path dir = qmgr_folder(global);
+    require_owner(dir, "stop its channels");
     const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(timeout));
     const StopOutcome outcome = stop_channel(dir, channel, milliseconds);
     const std::string done = outcome_text(channel, outcome, timeout);

@@ -19,9 +19,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr mode_t kPrivateFile = 0600;
-constexpr mode_t kPrivateFolder = 0700;
-
 bool write_all(int fd, std::string_view data) {
     while (!data.empty()) {
         const ssize_t written = ::write(fd, data.data(), data.size());
