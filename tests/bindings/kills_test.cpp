@@ -230,7 +230,8 @@ constexpr std::size_t kEach = 400'000; ///< messages of a putter, at most
 class Storm : public Kills {
   protected:
     struct Record {
-        std::atomic<bool> over{false};
+        std::atomic<bool> stop{false}; ///< no more puts
+        std::atomic<bool> over{false}; ///< all was put
         std::atomic<std::size_t> put[kMany]{};
         struct {
             std::atomic<bool> put, handed, settled;
@@ -239,7 +240,7 @@ class Storm : public Kills {
 
     int put_some(std::size_t who) {
         Connection qm = connect();
-        while (!record_.over) {
+        while (!record_.stop) {
             const std::size_t first = who * kEach + record_.put[who];
             const std::size_t end = first + 1 + draw(8);
             if (end > (who + 1) * kEach || qm.depth("Q") > 300) {
@@ -343,8 +344,8 @@ TEST_F(Storm, OfKillsLosesNothingAndRepeatsOnlyWhatWasInHand) {
         children[who].emplace(start(who));
         ++kills;
     }
-    record_.over = true;
-    for (std::size_t left = children.size(); left-- > 0;) { // putters first
+    record_.stop = true;
+    for (std::size_t left = children.size(); left-- > 0; record_.over = left <= kMany) { // putters first
         EXPECT_EQ(children[left]->result(), 0);
     }
     judge();
