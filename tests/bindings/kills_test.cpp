@@ -188,6 +188,7 @@ TEST_F(KilledUnits, AtEveryCallHappenWhollyOrNotAtAll) {
     const std::uint32_t points = record_.points.passed;
     judge();
     std::uint32_t by_call = 0;
+    unsigned long killed = 0;
     for (unsigned long kill = 0; kill < kills && !HasFailure(); ++kill) {
         kill % 2 == 0 ? static_cast<void>(take(qm_)) : qm_.release("Q"); // a taker beside it, or none
         fill();
@@ -199,9 +200,11 @@ TEST_F(KilledUnits, AtEveryCallHappenWhollyOrNotAtAll) {
             std::this_thread::sleep_for(whole * draw(1000) / 1000);
         }
         const int result = worker.result_under(by_time ? SIGKILL : 0);
-        EXPECT_TRUE(result == -SIGKILL || (by_time && result == 0)) << result;
+        killed += result == -SIGKILL ? 1U : 0U;
+        EXPECT_TRUE(result == -SIGKILL || result == 0) << result; // not all make as many calls
         judge();
     }
+    EXPECT_GT(killed, kills / 2);
     RecordProperty("calls", std::to_string(points));
 }
 
@@ -216,7 +219,7 @@ TEST_F(KilledUnits, OfATakerThatIsStoppedInItsTurnAreNamedAndGoOn) {
     Message message;
     EXPECT_EQ(code_of([&] { return qm_.get("Q", message); }), KVR_E_BUSY);
     EXPECT_THAT(kvr_error(), testing::HasSubstr(std::to_string(worker.pid()) + ", which takes messages by"));
-    limit_waits(milliseconds::max());
+    limit_waits(std::chrono::hours(1));
     ::kill(worker.pid(), SIGCONT);
     EXPECT_EQ(worker.result(), 0);
     judge();
