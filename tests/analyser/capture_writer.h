@@ -5,7 +5,6 @@
 #include <array>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 
 #include <openssl/ssl.h>
 

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Cases at the edge of what the field can be brought to, each with an outcome of its own: room for the creation of a
 // queue manager, disks that fail at one moment, more bytes than can be counted.
-#include <chrono>
-#include <thread>
 
 #include <sys/stat.h>
 

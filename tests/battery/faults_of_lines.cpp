@@ -105,17 +105,6 @@ void fail_handshakes(History& h) {
     EXPECT_EQ(h.field.depth(), 3U);
 }
 
-void idle(History& h) {
-    h.stop_at_rest();
-    h.field.set_channel({{"HBINT", "1"}});
-    h.run();
-    h.await_text("log", "heartbeat channel[");
-    h.put(20);
-    h.settle();
-    EXPECT_EQ(h.since("journal", R"("event":"connect")"), 1U);
-    h.stop();
-}
-
 /// Others: silent, in mid-frame, in a handshake, with a length that never comes.
 void crowd(History& h) {
     std::string claim = bind_frame("HALF") + frame('0', kTarget, "00000000", "00000000", "");
@@ -145,7 +134,6 @@ std::vector<Fault> faults_of_lines() {
         {"silent handshake", be_silent, {}, kTls},
         {"failed handshakes", fail_handshakes, {}, kTls},
         {"60 reconnects", reconnect, {.cuts = 150, .dead = 4}},
-        {"idle line with heartbeats", idle},
         {"crowd of half-open peers", crowd},
     };
 }

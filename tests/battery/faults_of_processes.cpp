@@ -2,13 +2,11 @@
 // What happens to the processes around a channel: killed, frozen, in each other's way, short of descriptors, with files
 // that change under their hands. And one stop request in every state in which a channel can block: it ends as stopped,
 // the message in hand is back on its queue, and one that was sent is not repeated.
-#include <fstream>
 
 #include <fcntl.h>
-#include <netinet/in.h>
 
 #include "history.h"
-#include "kavutil/unique_fd.h"
+#include "support/loopback.h"
 #include "support/raw_line.h"
 
 namespace kvr::test {
@@ -50,16 +48,6 @@ void end_listener(History& h) {
     await("some messages", [&] { return h.field.arrived() > before; });
     h.pause_up_to(30'000);
     kKilled ? h.kill(h.listener) : h.end_listener();
-}
-
-/// Worker or listener.
-void freeze(History& h) {
-    Child& who = *(h.below(2) == 0 ? h.worker : h.listener);
-    h.put(50);
-    h.freeze(who);
-    h.put(100);
-    h.pause_up_to(200'000);
-    ::kill(who.pid(), SIGCONT);
 }
 
 /// The worker says what it waits for and can be stopped; other programs name the process.
@@ -161,26 +149,13 @@ void hang_up(History& h) {
     EXPECT_EQ(h.since("journal", "\"event\":\"connect\""), 0U);
 }
 
-int listen_on(const UniqueFd& socket) {
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    EXPECT_EQ(::listen(socket.get(), 0), 0);
-    EXPECT_EQ(::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length), 0);
-    return ntohs(address.sin_port);
-}
-
 /// A listening socket that takes no more connections: what is sent to it vanishes, as behind a router that drops.
 struct BlackHole {
     const UniqueFd socket{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-    const int port = listen_on(socket);
+    const int port = bind_to_loopback(socket.get());
+    const int listens = ::listen(socket.get(), 0);
     const RawLine only{port}; ///< there is no place for a second one
 };
-
-void stop_under_load(History& h) {
-    h.put(100);
-    h.pause_up_to(20'000);
-    h.stop();
-}
 
 /// Right after the last send, to a reader that has not read it.
 void stop_before_slow_reader(History& h) {
@@ -257,14 +232,12 @@ std::vector<Fault> faults_of_processes() {
         {"worker killed, listener frozen", kill_worker_behind_frozen_listener, {.repeats = 1}, kPlain},
         {"listener killed", end_listener<true>, {.cuts = 1, .leftovers = true}},
         {"listener stopped under load", end_listener<false>, {.cuts = 1}},
-        {"worker or listener frozen for a while", freeze},
         {"frozen writer at the sender", freeze_writer_at_sender},
         {"frozen writer at the receiver", freeze_writer_at_receiver},
         {"few descriptors at the start", few_descriptors_at_start, {.dead = 30}},
         {"standard descriptors closed, or a thousand open", start_with_odd_descriptors},
         {"file replaced", replace_file, {.dead = 1}},
         {"hang-up", hang_up},
-        {"stop under load", stop_under_load},
         {"stop before a slow reader", stop_before_slow_reader},
         {"stop with a message in hand", stop_with_message_in_hand},
         {"stop in a long pause", stop_in_long_pause},

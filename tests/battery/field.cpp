@@ -3,12 +3,12 @@
 
 #include <algorithm>
 #include <iterator>
-#include <sstream>
 
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <sched.h>
 #include <sys/mount.h>
+
+#include "support/loopback.h"
 
 namespace kvr::test {
 namespace {
@@ -93,14 +93,8 @@ Field::~Field() {
 
 int Field::reserve(int socket) {
     const int on = 1;
-    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    socklen_t length = sizeof address;
-    auto* const any = reinterpret_cast<sockaddr*>(&address);
     ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    if (::bind(socket, any, length) != 0 || ::getsockname(socket, any, &length) != 0) {
-        throw std::runtime_error("no port to be had");
-    }
-    return ntohs(address.sin_port);
+    return bind_to_loopback(socket);
 }
 
 fs::path Field::qmgr(const char* name) const {

@@ -2,10 +2,7 @@
 #include "history.h"
 
 #include <algorithm>
-#include <chrono>
 #include <iterator>
-#include <sstream>
-#include <thread>
 
 #include <fcntl.h>
 
@@ -132,8 +129,7 @@ void History::stop() {
 }
 
 void History::kill(std::optional<Child>& child) {
-    ::kill(child->pid(), SIGKILL);
-    const int result = child->result();
+    const int result = child->result_under(SIGKILL);
     EXPECT_TRUE(result == -SIGKILL || result == 0) << result;
     child.reset();
 }

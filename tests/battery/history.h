@@ -8,8 +8,6 @@
 #include <cstdint>
 #include <map>
 #include <optional>
-#include <random>
-#include <string>
 #include <vector>
 
 #include "field.h"

@@ -5,9 +5,6 @@
 // KVR_BATTERY_SEEDS="FIRST COUNT" makes others than the first twenty. The same seed draws the same faults at the same
 // places; moments between processes are the system's.
 #include <algorithm>
-#include <chrono>
-#include <random>
-#include <sstream>
 
 #include <fmt/format.h>
 

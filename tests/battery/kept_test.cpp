@@ -6,7 +6,6 @@
 // The same roads without these settings say what they are for: they lose and repeat. KVR_BATTERY_ROUNDS makes so many
 // rounds on all roads, each of five cuts and a kill of either end.
 #include <algorithm>
-#include <chrono>
 
 #include <fmt/format.h>
 

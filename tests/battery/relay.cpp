@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "relay.h"
 
-#include <netinet/in.h>
 #include <poll.h>
+
+#include "support/loopback.h"
 
 namespace kvr::test {
 namespace {
@@ -59,8 +60,7 @@ void Relay::carry_on(int worker, int listener) {
 void Relay::carry(int worker) {
     ++lines_;
     const UniqueFd listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const sockaddr_in other{AF_INET, htons(static_cast<in_port_t>(target_)), {htonl(INADDR_LOOPBACK)}, {}};
-    if (::connect(listener.get(), reinterpret_cast<const sockaddr*>(&other), sizeof other) == 0 && passing(1) == 1) {
+    if (connect_to_loopback(listener.get(), target_) && passing(1) == 1) {
         carry_on(worker, listener.get());
     }
     const linger reset{random_() % 2 == 0 ? 1 : 0, 0};

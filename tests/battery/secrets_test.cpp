@@ -2,10 +2,8 @@
 // The pass phrase of a key in everything that others can read, the modes of what is written, links where files are
 // expected, and what names of others' making do to what people read.
 #include <algorithm>
-#include <fstream>
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "field.h"
 #include "support/raw_line.h"

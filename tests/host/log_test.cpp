@@ -2,7 +2,6 @@
 // The host's log, through a real file: what a line looks like, what is kept out of it, and that handlers may log.
 #include "kavro_log/log.h"
 
-#include <csignal>
 #include <fcntl.h>
 
 #include <gmock/gmock.h>

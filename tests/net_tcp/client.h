@@ -6,7 +6,6 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstring>
-#include <string>
 #include <vector>
 
 #include <gmock/gmock.h>

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
-#include <sys/socket.h>
 
 #include "host/children.h"
 #include "net_tcp/client.h"

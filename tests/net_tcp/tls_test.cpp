@@ -4,7 +4,6 @@
 #include <openssl/ssl.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
 
 #include "key_log_env.h"
 #include "net_tcp/client.h"

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 // What becomes of a message: every byte of its frames, attempts, and what goes to the dead-letter queue.
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <climits>

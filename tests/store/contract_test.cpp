@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 // What a store takes, gives back and refuses: messages, objects, settings, its quota; and what the schema refuses.
 #include <cstring>
-#include <fstream>
 
 #include "store/schema.h"
 #include "store_fixture.h"

@@ -7,10 +7,9 @@
 // Of a drainer that keeps what it used: keep BYTES or repeat BYTES: how the next ones drain, 0: they keep nothing;
 // leave: they leave kept ones alone; window BYTES; lost COUNT and inherits COUNT: what can be gone with a line, with +
 // that more can; ended; kept TEXT...: suspected ones with ?; replay FIRST LAST COUNT, of places; later SECONDS.
-// Between two bars stand the steps of another process, which is killed after them.
+// Between two bars stand the steps of another process, which is killed after them. After each step the counts are those
+// of what is shown.
 #include <algorithm>
-#include <random>
-#include <sstream>
 
 #include "store_fixture.h"
 
@@ -58,6 +57,7 @@ class HistoryTest : public StoreTest {
         for (std::string line; std::getline(lines >> std::ws, line, ',') && !HasFailure();) {
             std::istringstream words(line);
             step({std::istream_iterator<std::string>(words), {}});
+            look();
             EXPECT_FALSE(HasFailure()) << line;
         }
     }
@@ -69,6 +69,28 @@ class HistoryTest : public StoreTest {
         } else {
             steps_.at(word)(words);
         }
+    }
+    /// Each message lies in one place and is counted there.
+    void look() {
+        if (code_of([&] { return store_->queue_info("Q"); }) == kNotFound) {
+            return;
+        }
+        const Texts on = shown();
+        const Texts kept = shown("Q", true);
+        const auto with = [](const Texts& texts, char mark) {
+            return static_cast<std::uint64_t>(
+                std::ranges::count_if(texts, [=](auto& text) { return text.find(mark) != std::string::npos; }));
+        };
+        const QueueInfo info = store_->queue_info("Q");
+        EXPECT_EQ(
+            (std::array{info.depth, info.held, info.kept, info.suspected.messages, info.repeats}),
+            (std::array<std::uint64_t, 5>{on.size(), with(on, '!'), kept.size(), with(kept, '?'), with(on, '~')}));
+        std::set<std::string> places;
+        for (const Texts& each : {on, kept}) {
+            std::ranges::transform(each, std::inserter(places, places.end()),
+                                   [](auto& text) { return text.substr(0, text.find_first_of("!*~?")); });
+        }
+        EXPECT_EQ(places.size(), on.size() + kept.size());
     }
     Getter& getter() { return *(getter_ = getter_ ? std::move(getter_) : store_->drain("Q", options_)); }
     void expect_taken(const Texts& texts) {
@@ -86,12 +108,6 @@ class HistoryTest : public StoreTest {
                     .repeat = repeat};
     }
     static std::string text_of(const Loss& loss) { return std::to_string(loss.messages) + (loss.cut_short ? "+" : ""); }
-    static Texts numbers(const Texts& first_and_count) {
-        Texts texts(std::stoul(first_and_count.at(1)));
-        std::ranges::generate(texts,
-                              [at = std::stoi(first_and_count.at(0))]() mutable { return std::to_string(at++); });
-        return texts;
-    }
     static std::string moved(std::string_view text) {
         return text == "5" ? throw Error(kTooLarge, "refused") : "m" + std::string(text);
     }
@@ -103,9 +119,9 @@ class HistoryTest : public StoreTest {
     const std::map<std::string, Errc> codes_{
         {"busy", kBusy}, {"invalid", kInvalid}, {"not_found", kNotFound}, {"too_large", kTooLarge}};
     const std::map<std::string, std::function<void(const Texts&)>> steps_{
-        {"put", [&](const Texts& words) { put_all(numbers(words)); }},
+        {"put", [&](const Texts& words) { put_all(numbers(std::stoi(words.at(0)), std::stoi(words.at(1)))); }},
         {"attach", [&](const Texts& words) { StoreTest::put(words.at(0), {"/f"}); }},
-        {"takes", [&](const Texts& words) { expect_taken(numbers(words)); }},
+        {"takes", [&](const Texts& words) { expect_taken(numbers(std::stoi(words.at(0)), std::stoi(words.at(1)))); }},
         {"take", [&](const Texts& words) { expect_taken(words); }},
         {"shown", [&](const Texts& words) { EXPECT_EQ(shown(), words); }},
         {"dead", [&](const Texts& words) { EXPECT_EQ(shown("DEAD"), words); }},
@@ -208,105 +224,6 @@ TEST_P(HistoryTest, GoesAsItShould) {
     }
 }
 KVR_OVER_EVERY_ENGINE(HistoryTest);
-
-/// Steps of a drainer that keeps what it used, in any order, and what has to be true after each: every message lies in
-/// one place, the counts are those of what is shown, and what can be gone with a line is what was used over it.
-class KeepModelTest : public StoreTest {
-  protected:
-    void live(unsigned seed) {
-        random_.seed(seed);
-        make_store({});
-        repeat_ = seed % 2 == 0;
-        put_ = 0;
-        open();
-        for (int i = 0; i < 120 && !HasFailure(); ++i) {
-            steps_[below(std::size(steps_))]();
-            look();
-        }
-        getter_.reset();
-        used_.clear();
-        hand_.clear();
-    }
-
-  private:
-    std::size_t below(std::size_t bound) { return random_() % bound; }
-    void open() {
-        getter_ = store_->drain("Q", {KeepLimits{std::chrono::hours(1), 1ULL << 40}, {{}, 1ULL << 40}, repeat_});
-        lose(getter_->inherited_loss());
-    }
-    void close() {
-        hand_.clear();
-        getter_.reset();
-        open();
-    }
-    void lose(const Loss& loss) { EXPECT_EQ(loss.messages, std::exchange(used_, {}).size()); }
-    void use_up() { used_.insert(std::exchange(hand_, {})), used_.erase(""); }
-    void replay() {
-        const Places places{below(put_ + 1), below(put_ + 1)};
-        const std::size_t kept = shown("Q", true).size();
-        const std::uint64_t count = store_->replay("Q", {&places, 1});
-        EXPECT_EQ(count, kept - shown("Q", true).size());
-        for (const std::string& text : shown()) {
-            used_.erase(text.substr(0, text.find('~'))); // it is to be used again
-        }
-    }
-    static std::uint64_t with(const Texts& texts, char mark) {
-        return static_cast<std::uint64_t>(
-            std::ranges::count_if(texts, [=](auto& text) { return text.find(mark) != std::string::npos; }));
-    }
-    void look() {
-        const Texts on = shown();
-        const Texts kept = shown("Q", true);
-        const QueueInfo info = store_->queue_info("Q");
-        EXPECT_EQ(
-            (std::array{info.depth, info.held, info.kept, info.suspected.messages, info.repeats}),
-            (std::array<std::uint64_t, 5>{on.size(), with(on, '!'), kept.size(), with(kept, '?'), with(on, '~')}));
-        std::set<std::string> all;
-        for (const Texts& each : {on, kept}) {
-            for (const std::string& text : each) {
-                EXPECT_TRUE(all.insert(text.substr(0, text.find_first_of("!*~?"))).second) << text;
-            }
-        }
-        all.insert(used_.begin(), used_.end()); // those of the group are shown nowhere
-        EXPECT_EQ(all.size() + shown("DEAD").size(), put_);
-    }
-
-    const std::function<void()> steps_[14] = {
-        [&] {
-            put_all({std::to_string(put_ + 1), std::to_string(put_ + 2), std::to_string(put_ + 3)}), put_ += 3;
-        },
-        [&] { use_up(), hand_ = take(*getter_), hand_ = hand_ == "-" ? "" : hand_; },
-        [&] { steps_[1](); },
-        [&] { steps_[1](); },
-        [&] { getter_->commit(), use_up(); },
-        [&] { lose(getter_->line_lost()); },
-        [&] { getter_->rollback(), hand_.clear(); },
-        [&] { getter_->skip(), hand_.clear(); },
-        [&] { getter_->hold("test"), hand_.clear(); },
-        [&] { store_->release_held("Q"); },
-        [&] {
-            if (!std::exchange(hand_, {}).empty()) {
-                getter_->put_instead("DEAD", {&descriptor_, {}, std::string_view("dead")});
-            }
-        },
-        [&] { replay(); },
-        [&] { close(); },
-        [&] { getter_->line_ended(), use_up(), used_.clear(), close(); }};
-    std::mt19937 random_;
-    std::unique_ptr<Getter> getter_;
-    std::set<std::string> used_; ///< over the line that stands
-    std::string hand_;
-    std::size_t put_ = 0;
-    bool repeat_ = false;
-};
-
-TEST_P(KeepModelTest, EachMessageLiesInOnePlaceAndIsCountedThere) {
-    for (unsigned seed = 0; seed < 15 && !HasFailure(); ++seed) {
-        SCOPED_TRACE(seed);
-        live(seed);
-    }
-}
-KVR_OVER_EVERY_ENGINE(KeepModelTest);
 
 } // namespace
 } // namespace kvr

@@ -1,15 +1,13 @@
 // SPDX-License-Identifier: MIT
 // What only the C linkage of the host's operations can get wrong: handles, the message in hand behind them, and errors
 // that must not leave.
-#include <netinet/in.h>
-#include <sys/socket.h>
-
 #include "kavro_ac.h"
 #include "kavro_ac/kavro_ac_host.h"
 #include "kavro_queue/kavro_queue_host.h"
 #include "kavutil/stop_point.h"
 #include "kavutil/unique_fd.h"
 #include "store_fixture.h"
+#include "support/loopback.h"
 
 namespace kvr {
 namespace {
@@ -63,12 +61,8 @@ TEST_P(HostOpsTest, AHandleIsGoodUntilItsCloseWhichUsesUpUnlessTheMessageWasGive
 TEST_P(HostOpsTest, AProcessThatWasToldNothingFindsItsQueueManagerByTheEnvironmentOrTheFolderItIsIn) {
     const std::string home = folder_.path();
     Store::create(folder_.path() / "OTHER", "OTHER", {}, GetParam());
-    const struct {
-        const char* home;    ///< KVR_HOME
-        const char* qmgr;    ///< KVR_QMGR
-        std::string given;   ///< to the attach
-        const char* belongs; ///< then; "": it fails
-    } cases[] = {
+    // KVR_HOME, KVR_QMGR, what the attach is given, and to whom it belongs then; "": it fails.
+    const std::tuple<const char*, const char*, std::string, const char*> cases[] = {
         {home.c_str(), "QM", "", "QM"}, {home.c_str(), "QM", "OTHER", "OTHER"},
         {home.c_str(), "", "", ""},     {"", "", "QM", "QM"},
         {"", "NONE", "QM", "QM"},       {"/", "QM", "QM", ""},
@@ -141,12 +135,8 @@ void say(const std::vector<const char*>& words) {
 TEST_P(HostOpsTest, AMessageThatOnlyLinesFailedIsGivenBackAndComesFirst) {
     const std::string file = folder_.path() / "file";
     std::ofstream(file) << "x";
-    const struct {
-        int trial;
-        Texts files;
-        std::vector<const char*> words; ///< after it was handed out
-        bool dead;
-    } cases[] = {
+    // `words`: after it was handed out.
+    const std::tuple<int, Texts, std::vector<const char*>, bool> cases[] = {
         {8, {}, {"RETRYING", "BINDING", "RUNING"}, false},
         {8, {file}, {"RETRYING", "BINDING"}, false},
         {8, {}, {}, true},
@@ -211,14 +201,10 @@ TEST_P(HostOpsTest, TheWaitForALineThatLastsEndsWithAStopOrTheReportOfALoss) {
 /// A connection, and how a status tells of it while it is up.
 struct Line {
     Line() {
-        sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-        socklen_t length = sizeof address;
-        auto* const any = reinterpret_cast<sockaddr*>(&address);
-        EXPECT_EQ(::bind(peer.get(), any, length) | ::listen(peer.get(), 1), 0);
-        EXPECT_EQ(::getsockname(peer.get(), any, &length), 0);
-        status["REMOTEPORT"] = std::to_string(ntohs(address.sin_port));
-        EXPECT_EQ(::connect(own.get(), any, length) | ::getsockname(own.get(), any, &length), 0);
-        status["LOCALPORT"] = std::to_string(ntohs(address.sin_port));
+        const int port = test::bind_to_loopback(peer.get());
+        status["REMOTEPORT"] = std::to_string(port);
+        status["LOCALPORT"] = std::to_string(test::bind_to_loopback(own.get()));
+        EXPECT_TRUE(::listen(peer.get(), 1) == 0 && test::connect_to_loopback(own.get(), port));
     }
     UniqueFd peer{::socket(AF_INET, SOCK_STREAM, 0)};
     UniqueFd own{::socket(AF_INET, SOCK_STREAM, 0)};
@@ -227,11 +213,8 @@ struct Line {
 
 TEST_P(HostOpsTest, WhatWentOverALineComesAgainUnlessItEndedInOrder) {
     const LineSettings keeps{"C", {KeepLimits{std::chrono::hours(1), 1U << 20U}, {{}, 1U << 20U}, true}};
-    const struct {
-        bool lost;
-        std::vector<const char*> words; ///< at the end
-        Texts left;
-    } cases[] = {
+    // `words`: at the end.
+    const std::tuple<bool, std::vector<const char*>, Texts> cases[] = {
         {false, {"STOPED"}, {"3"}},
         {true, {"STOPED"}, {"1~", "2~", "3"}}, // the stop came before the channel told of the loss
         {true, {"RETRYING", "STOPED"}, {"1~", "2~", "3"}},

@@ -26,13 +26,6 @@ class PutOnceTest : public StoreTest {
         }
         return taken;
     }
-    static Texts numbers(int first, int count) {
-        Texts texts;
-        while (count-- > 0) {
-            texts.push_back(std::to_string(first++));
-        }
-        return texts;
-    }
     /// Puts all from `first` on to before `end`, in calls of many sizes.
     void put_numbers(int first, int end, std::uint64_t remember) {
         for (int count = 1; first < end; first += count, count = count * 7 % 291) {

@@ -61,6 +61,11 @@ class StoreTest : public testing::TestWithParam<const char*> {
         }
         store_->put("Q", group);
     }
+    static Texts numbers(int first, int count) {
+        Texts texts(static_cast<std::size_t>(count));
+        std::ranges::generate(texts, [&first] { return std::to_string(first++); });
+        return texts;
+    }
     /// Texts as a browse shows them, held ones marked with '!', the one in hand with '*', those with files with '&',
     /// repeats with '~', suspected ones with '?'.
     Texts shown(const std::string& queue = "Q", bool kept = false) {

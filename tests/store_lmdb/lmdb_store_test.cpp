@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The embedded engine when a process dies half-way, when the disk fails, and when its files are of another
 // version, damaged, cut, moved away or replaced.
-#include <fstream>
 
 #include <lmdb.h>
 #include <sys/resource.h>

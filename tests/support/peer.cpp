@@ -3,11 +3,11 @@
 
 #include <chrono>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <openssl/ssl.h>
 #include <poll.h>
 #include <unistd.h>
+
+#include "support/loopback.h"
 
 namespace kvr::test {
 namespace {
@@ -115,12 +115,8 @@ Peer::Peer(const PeerOptions& options, Script script) : script_(std::move(script
     if (options.receive_buffer > 0) {
         setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &options.receive_buffer, sizeof(options.receive_buffer));
     }
-    sockaddr_in address{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
-    socklen_t length = sizeof(address);
-    bind(listener_, reinterpret_cast<sockaddr*>(&address), length);
+    port_ = bind_to_loopback(listener_);
     listen(listener_, 8);
-    getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
     thread_ = std::thread([this] { serve(); });
     serving_.wait(); // a fork from here on copies no lock of a thread that begins
 }

@@ -6,7 +6,6 @@
 #include <functional>
 #include <latch>
 #include <memory>
-#include <string>
 #include <string_view>
 #include <thread>
 

@@ -5,10 +5,10 @@
 #include <cerrno>
 #include <csignal>
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <openssl/ssl.h>
 
+#include "support/loopback.h"
 #include "support/peer.h"
 
 namespace kvr::test {
@@ -23,8 +23,7 @@ class RawLine : public PeerConnection {
     /// Where the handshake fails, so does what follows.
     explicit RawLine(int port, const RawLineOptions& options = {})
         : PeerConnection(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), make_context(options).get()) {
-        const sockaddr_in other{AF_INET, htons(static_cast<in_port_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
-        EXPECT_EQ(::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&other), sizeof other), 0);
+        EXPECT_TRUE(connect_to_loopback(socket_.get(), port));
         (void)::signal(SIGPIPE, SIG_IGN); // OpenSSL writes without MSG_NOSIGNAL
         handshake();
     }

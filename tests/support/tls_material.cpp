@@ -2,7 +2,6 @@
 #include "support/tls_material.h"
 
 #include <memory>
-#include <string_view>
 
 #include <openssl/evp.h>
 #include <openssl/pem.h>

@@ -4,10 +4,8 @@
 #include <regex>
 
 #include <fcntl.h>
-#include <poll.h>
 #include <pty.h>
 
-#include "kavutil/unique_fd.h"
 #include "kvr_program.h"
 #include "support/peer.h"
 

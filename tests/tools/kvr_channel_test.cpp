@@ -59,8 +59,7 @@ TEST_F(KvrChannel, StatusTellsTheTruthAboutOneThatRunsAndWhatBecameOfIt) {
     for (const char* deletion : {"delete channel C", "delete queue Q", "delete qmgr EAST --yes"}) {
         EXPECT_THAT(run(deletion).err, HasSubstr("kvr stop C"));
     }
-    kill(worker.pid(), SIGKILL);
-    EXPECT_EQ(worker.result(), -SIGKILL);
+    EXPECT_EQ(worker.result_under(SIGKILL), -SIGKILL);
     EXPECT_THAT(done("status"), HasSubstr(pid + " gone"));
     done("stop C");
     EXPECT_EQ(recorded(), "STOPED -1");

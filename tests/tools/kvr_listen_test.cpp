@@ -96,8 +96,7 @@ TEST_F(KvrListen, ARepeatIsLeftOutAndWhatDiffersInAnyByteIsNone) {
     send(all + all);
     EXPECT_TRUE(has(kMessage, 4) && has(kRepeat, 4));
     EXPECT_EQ(names_in(spool), (std::set<std::string>{".incoming", "a", "b", "c"}));
-    kill(process_->pid(), SIGKILL);
-    EXPECT_EQ(process_->result(), -SIGKILL);
+    EXPECT_EQ(process_->result_under(SIGKILL), -SIGKILL);
 
     listen("--take-once=1000");
     const std::string others[] = {message("DEAD.LETTER.QUEUE", "x"),

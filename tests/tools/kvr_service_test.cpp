@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: MIT
 // A worker and a listener as services: what the service manager and the journal are told, and the rotation of logs.
-#include <sys/socket.h>
 #include <sys/un.h>
 
-#include "kavutil/unique_fd.h"
 #include "kvr_program.h"
 #include "support/peer.h"
 
@@ -55,8 +53,7 @@ TEST_F(KvrService, TheServiceManagerIsToldWhenItIsReadyAndItsState) {
         EXPECT_EQ(told(of_worker), next);
     }
     EXPECT_EQ(start(command).result(), 6) << "a second one, never ready";
-    kill(worker.pid(), SIGTERM);
-    EXPECT_EQ(worker.result(), 0);
+    EXPECT_EQ(worker.result_under(SIGTERM), 0);
     EXPECT_EQ(told(of_worker), "STATUS=STOPED");
 }
 

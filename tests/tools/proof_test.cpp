@@ -12,15 +12,13 @@ namespace kvr::test {
 namespace {
 
 using Messages = std::vector<ProofMessage>;
+const std::string kHeader = xmit_header({"Q", "M"});
 using Found = std::array<std::uint64_t, 6>; ///< taken, altered, repeated, disordered, foreign, missing
 
 TEST(Proof, FindsEveryDamageAndNoOther) {
     const std::pair<void (*)(Messages&), Found> cases[] = {
         {[](Messages& all) { all[3].data += std::string(9, '\0'); }, {6}}, // as a path is padded
-        {[](Messages& all) {
-             all[0].data.insert(0, xmit_header({"Q", "M"}));
-         },
-         {6}},
+        {[](Messages& all) { all[0].data.insert(0, kHeader); }, {6}},
         {[](Messages& all) { all[1].data.back() ^= 1; }, {5, 1}},
         {[](Messages& all) { all[0].descriptor.sPutTime[6] = '9'; }, {5, 1}},
         {[](Messages& all) { std::ofstream(all[2].attachments[1]) << "other bytes"; }, {5, 1}},

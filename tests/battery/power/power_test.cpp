@@ -105,8 +105,7 @@ class Work {
     }
     [[nodiscard]] bool goes_on() { return field_.arrived() < kMessages; }
 
-    /// Returns how many messages are there again that were sent.
-    std::uint32_t cut(std::mt19937& random) {
+    void cut(std::mt19937& random) {
         const TemporaryFolder after;
         const UniqueFd held = hold_platter();
         PowerCut power_cut(random());
@@ -119,12 +118,12 @@ class Work {
         EXPECT_GE(arrived.size(), field_.journalled("message"));
         EXPECT_EQ(arrived.size(), arrived.empty() ? 0 : arrived.back()) << "the first are missing";
         const Numbers waiting = numbers_on(kXmitQueue, after.path(), "sender/SENDER");
-        const std::uint32_t repeated = repeated_on(waiting);
+        most_repeated = std::max(most_repeated, repeated_on(waiting));
         if (keeps_) {
             expect_all(after.path() / "sender/SENDER", waiting.empty() ? put_.load() : waiting.back());
         }
-        return repeated;
     }
+    inline static std::uint32_t most_repeated = 0; ///< messages that were there again after one cut
 
   private:
     void put_all(const std::stop_token& stop) {
@@ -276,48 +275,40 @@ unsigned long rounds_wanted() {
     return wanted == nullptr ? 20 : std::stoul(wanted);
 }
 
-TEST(Power, CutsLeaveUnitsOfWorkWholeOrUndone) {
-    const unsigned seed = std::random_device{}();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-    ::umask(0077);
-    const TemporaryFolder base;
-    fs::create_directory(base.path() / "platter");
-    ::setenv(kPlatter, (base.path() / "platter").c_str(), 1);
-    for (unsigned long cuts = 0; cuts < rounds_wanted();) {
-        const fs::path home = base.path() / std::to_string(cuts);
-        fs::create_directory(home);
-        Units units(home);
-        for (; units.goes_on() && cuts < rounds_wanted(); ++cuts) {
-            ASSERT_NO_THROW(units.cut(random));
-            ASSERT_FALSE(testing::Test::HasFailure()) << "cut " << cuts;
-            std::this_thread::sleep_for(std::chrono::milliseconds(random() % 10));
-        }
-    }
-}
-
-TEST(Power, CutsAtAnyMomentLoseNothingThatWasTold) {
+/// Cuts the power of one work after the other, of each up to so many times, at moments that chance chooses.
+/// @param make  makes a work in a folder that is on the platter
+template <class Make>
+void cut_power(unsigned long of_each, unsigned milliseconds, Make make) {
     const unsigned long rounds = rounds_wanted();
     const unsigned seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(seed);
-    ::setenv("LD_PRELOAD", KVR_PLATTER_LIBRARY, 1);
     ::umask(0077);
-    std::uint32_t most = 0;
-    bool keeps = false;
-    for (unsigned long cuts = 0; cuts < rounds; keeps = !keeps) {
+    for (unsigned long cuts = 0; cuts < rounds;) {
         const TemporaryFolder base;
         fs::create_directory(base.path() / "platter");
         ::setenv(kPlatter, (base.path() / "platter").c_str(), 1);
-        Work work(base.path(), keeps);
-        for (const auto end = std::min(rounds, cuts + (rounds + 1) / 2); work.goes_on() && cuts < end; ++cuts) {
-            ASSERT_NO_THROW(most = std::max(most, work.cut(random)));
-            ASSERT_FALSE(HasFailure()) << "cut " << cuts;
-            std::this_thread::sleep_for(std::chrono::milliseconds(random() % 25));
+        const auto work = make(base.path());
+        for (const auto end = std::min(rounds, cuts + of_each); work->goes_on() && cuts < end; ++cuts) {
+            ASSERT_NO_THROW(work->cut(random));
+            ASSERT_FALSE(testing::Test::HasFailure()) << "cut " << cuts;
+            std::this_thread::sleep_for(std::chrono::milliseconds(random() % milliseconds));
         }
     }
-    RecordProperty("cuts", std::to_string(rounds));
-    RecordProperty("most repeated", std::to_string(most));
+}
+
+TEST(Power, CutsLeaveUnitsOfWorkWholeOrUndone) {
+    cut_power(rounds_wanted(), 10, [](const fs::path& base) { return std::make_unique<Units>(base); });
+}
+
+TEST(Power, CutsAtAnyMomentLoseNothingThatWasTold) {
+    ::setenv("LD_PRELOAD", KVR_PLATTER_LIBRARY, 1);
+    cut_power((rounds_wanted() + 1) / 2, 25, [keeps = true](const fs::path& base) mutable {
+        keeps = !keeps;
+        return std::make_unique<Work>(base, keeps);
+    });
+    RecordProperty("cuts", std::to_string(rounds_wanted()));
+    RecordProperty("most repeated", std::to_string(Work::most_repeated));
 }
 
 } // namespace
