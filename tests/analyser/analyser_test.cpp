@@ -17,10 +17,12 @@ const std::vector<std::string> kOfMessages = {
     "iUsage",       "iMsgFlags",   "iExpiry",     "iFeedback",     "iEncoding", "iCodedCharSetId", "iPriority",
     "iPersistence", "iMsgSeqNo",   "iReportOpt",  "sFmtName",      "sReplyToQ", "sReplyToQMgr",    "iPutApplType",
     "sPutApplName", "sPutDate",    "sPutTime",    "body_length",   "attachment"};
-const std::map<std::string, std::vector<std::string>> kNames = {
-    {"bind", {"channel"}}, {"heartbeat", {}}, {"message", kOfMessages}, {"file message", kOfMessages}};
-const std::map<std::string, const char*> kTypes = {
-    {"bind", "1"}, {"heartbeat", "2"}, {"message", "0"}, {"file message", "4"}};
+/// The type of each kind, and its names.
+const std::map<std::string, std::pair<const char*, std::vector<std::string>>> kKinds = {
+    {"bind", {"1", {"channel"}}},
+    {"heartbeat", {"2", {}}},
+    {"message", {"0", kOfMessages}},
+    {"file message", {"4", kOfMessages}}};
 
 std::string text_of(const ordered_json& value) {
     return value.is_string() ? value.get<std::string>() : value.dump();
@@ -117,12 +119,13 @@ TEST_P(Analyser, ShowsEachFieldAndEachFaultAsKvrDissectDoes) {
             ++ended;
             compare(frames, shown[connection], fields["whole"], fields["text"]);
         } else if (kind != "connection") {
-            frames.push_back({{"kvr.sMsgType", {kTypes.at(kind)}}});
+            const auto& [type, names] = kKinds.at(kind);
+            frames.push_back({{"kvr.sMsgType", {type}}});
             auto value = std::next(fields.begin(), 3); // after connection, offset and frame
-            for (auto name = kNames.at(kind).begin(); name != kNames.at(kind).end(); ++name, ++value) {
+            for (const std::string& name : names) {
                 Frame one;
-                collect({{*name, *value}}, one);
-                frames.back()["kvr." + *name] = one[*name];
+                collect({{name, *value++}}, one);
+                frames.back()["kvr." + name] = one[name];
             }
         }
     }

@@ -5,7 +5,6 @@
 #include "tools/kvr_program.h"
 
 namespace kvr::test {
-namespace {
 
 class Capture : public ProgramTest {
   protected:
@@ -110,5 +109,4 @@ TEST_F(Capture, ABareStreamShowsEachFrameAtItsOffsetAndRefusesWhatIsJustTooMuch)
     }
 }
 
-} // namespace
 } // namespace kvr::test

@@ -2,7 +2,6 @@
 // Captures as a test makes them up, byte by byte: connections to port 5151, plain or TLS, in whatever segments.
 #pragma once
 
-#include <array>
 #include <filesystem>
 #include <fstream>
 

@@ -7,7 +7,6 @@
 #include "tools/kvr_program.h"
 
 namespace kvr::test {
-namespace {
 
 class RealLine : public ProgramTest, public testing::WithParamInterface<const char*> {
   protected:
@@ -73,5 +72,4 @@ TEST_P(RealLine, KeysAreWrittenWhereAskedForAndOpenTheLine) {
     EXPECT_EQ(words(keys), words("listener.keys"));
 }
 
-} // namespace
 } // namespace kvr::test

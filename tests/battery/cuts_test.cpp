@@ -9,7 +9,6 @@
 #include "history.h"
 
 namespace kvr::test {
-namespace {
 
 class Cuts : public ::testing::TestWithParam<std::tuple<Carrier, bool>> {
   protected:
@@ -56,5 +55,4 @@ TEST_P(Cuts, AfterEachByteCostNoMoreThanWhatWasOnTheWay) {
 INSTANTIATE_TEST_SUITE_P(Ends, Cuts,
                          ::testing::Combine(::testing::Values(Carrier::kPlain, Carrier::kTls13), ::testing::Bool()));
 
-} // namespace
 } // namespace kvr::test

@@ -3,9 +3,6 @@
 // while the file that KVR_TROUBLE names exists. It holds "CALL ERROR ONE_IN [MILLISECONDS]": one in so many calls that
 // change plain files fails with that number, by chance and after that time; CALL is write, fsync or any. With ERROR 0
 // it only takes the time.
-//
-// Or it holds what becomes of one write of a store's head page, which takes the file away: "head", it fails; "told", it
-// is done and told to have failed, and the one that puts the old head back fails.
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -14,7 +11,6 @@
 #include <random>
 #include <string_view>
 #include <thread>
-#include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -27,7 +23,6 @@
 
 namespace {
 
-constexpr off_t kEndOfHeads = 8192;
 constexpr std::chrono::milliseconds kPause(20);
 constexpr long kNanoseconds = std::chrono::nanoseconds(kPause).count();
 constexpr unsigned kLong = 100; ///< seconds: from here on a pause stays as it is
@@ -37,19 +32,13 @@ struct Trouble {
     int error = 0;
     unsigned one_in = 1;
     unsigned milliseconds = 0;
-
-    [[nodiscard]] bool is(std::string_view name) const { return name == call.data(); }
 };
-
-const char* file_of_trouble() {
-    return std::getenv("KVR_TROUBLE"); // NOLINT(concurrency-mt-unsafe): nobody changes it
-}
 
 Trouble read_trouble() {
     const int before = errno;
     Trouble trouble;
     std::array<char, 64> text{};
-    const int fd = ::open(file_of_trouble(), O_RDONLY | O_CLOEXEC);
+    const int fd = ::open(std::getenv("KVR_TROUBLE"), O_RDONLY | O_CLOEXEC); // NOLINT: nobody changes it
     if (::read(fd, text.data(), text.size() - 1) > 0) {
         (void)std::sscanf(text.data(), "%7s %d %u %u", trouble.call.data(), &trouble.error, &trouble.one_in,
                           &trouble.milliseconds);
@@ -67,25 +56,12 @@ bool fails(const char* call, int fd) {
         return false;
     }
     const Trouble trouble = read_trouble();
-    if (!trouble.is(call) && !trouble.is("any")) {
+    if (trouble.call.data() != std::string_view(call) && trouble.call.data() != std::string_view("any")) {
         return false;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(trouble.milliseconds));
     errno = trouble.error;
     return trouble.error != 0 && luck() % trouble.one_in == 0;
-}
-
-/// Whether this write of a head page is to fail, done or not.
-bool head_fails(int fd, const void* data, size_t size, off_t at) {
-    static bool puts_back = false;
-    errno = EIO;
-    if (std::exchange(puts_back, false)) {
-        return true;
-    }
-    const Trouble trouble = read_trouble();
-    puts_back = trouble.is("told");
-    return (trouble.is("head") || (puts_back && ::syscall(SYS_pwrite64, fd, data, size, at) >= 0)) &&
-           ::unlink(file_of_trouble()) == 0;
 }
 
 } // namespace
@@ -113,6 +89,5 @@ KVR_REPLACES ssize_t writev(int fd, const iovec* pieces, int count) {
     return fails("write", fd) ? -1 : ::syscall(SYS_writev, fd, pieces, count);
 }
 KVR_REPLACES ssize_t pwrite(int fd, const void* bytes, size_t count, off_t at) {
-    const bool has_failed = (at < kEndOfHeads && head_fails(fd, bytes, count, at)) || fails("write", fd);
-    return has_failed ? -1 : ::syscall(SYS_pwrite64, fd, bytes, count, at);
+    return fails("write", fd) ? -1 : ::syscall(SYS_pwrite64, fd, bytes, count, at);
 }

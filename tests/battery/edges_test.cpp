@@ -10,7 +10,6 @@
 #include "support/receiver_stream.h"
 
 namespace kvr::test {
-namespace {
 
 namespace fs = std::filesystem;
 
@@ -141,5 +140,4 @@ TEST(Storm, DamagesNothingAndTheChannelGetsOn) {
     }
 }
 
-} // namespace
 } // namespace kvr::test

@@ -102,18 +102,6 @@ void trouble_worker(History& h) {
     }
 }
 
-/// The environment is refused from then on: it is opened anew, and the write is done once.
-void fail_head_page(History& h) {
-    const bool of_worker = h.below(2) == 0;
-    h.quiet();
-    h.field.trouble(of_worker ? "worker" : "listener", h.below(2) == 0 ? "head" : "told");
-    await("the failure", [&] {
-        h.put(5, {10, 100});
-        h.settle();
-        return h.since(of_worker ? "log" : "out", "opened anew") > 0;
-    });
-}
-
 /// No descriptor is left for files: they wait.
 void take_descriptors(History& h) {
     h.relisten();
@@ -161,7 +149,6 @@ std::vector<Fault> faults_of_disks() {
         {"full listener stopped, room in time", stop_full_listener<true>},
         {"receiver's disk in trouble", trouble_receiver},
         {"sender's disk in trouble", trouble_worker, {.dead = 1}},
-        {"head page of a store fails", fail_head_page},
         {"no descriptor for files", take_descriptors},
         {"spool filled by one that falls silent", fill_spool, {}, Fault::Carriers::kPlain},
         {"spool taken away", take_spool_away},

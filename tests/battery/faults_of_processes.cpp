@@ -6,7 +6,6 @@
 #include <fcntl.h>
 
 #include "history.h"
-#include "support/loopback.h"
 #include "support/raw_line.h"
 
 namespace kvr::test {
@@ -184,15 +183,6 @@ void stop_with_message_in_hand(History& h) {
     EXPECT_EQ(h.field.depth(), 1U);
 }
 
-void stop_in_long_pause(History& h) {
-    h.stop_at_rest();
-    h.end_listener();
-    h.field.set_channel({{"SHORTRTY", "0"}, {"LONGRTY", "9"}, {"LONGTMR", "900"}});
-    h.start();
-    h.await_text("log", "sleep(900)");
-    h.stop();
-}
-
 /// What stands in the buffers of the line goes with it.
 void stop_in_stalled_write(History& h) {
     h.relisten({"--stall-after", "100000", "--receive-buffer", "4096"}, {{"SHORTTMR", "0"}});
@@ -240,7 +230,6 @@ std::vector<Fault> faults_of_processes() {
         {"hang-up", hang_up},
         {"stop before a slow reader", stop_before_slow_reader},
         {"stop with a message in hand", stop_with_message_in_hand},
-        {"stop in a long pause", stop_in_long_pause},
         {"stop in a stalled write", stop_in_stalled_write, {.cuts = 1}},
         {"stop in a handshake", stop_in_handshake, {}, kTls},
         {"stop in a file", stop_in_file},

@@ -10,12 +10,11 @@
 #include "support/receiver_stream.h"
 
 namespace kvr::test {
-namespace {
 
 namespace fs = std::filesystem;
 
 /// What the process shows of itself to the machine; and it leaves no core file.
-std::string visible(const Child& child) {
+static std::string visible(const Child& child) {
     const fs::path folder = "/proc/" + std::to_string(child.pid());
     EXPECT_NE(contents(folder / "limits").find("Max core file size        0                    0"), std::string::npos);
     return contents(folder / "cmdline") + contents(folder / "environ");
@@ -143,5 +142,4 @@ TEST(Secrets, NamesOfOthersMakingStayOneLineOfText) {
     }
 }
 
-} // namespace
 } // namespace kvr::test

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "net_tcp_client.h"
 #include "support/folder.h"

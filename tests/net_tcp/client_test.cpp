@@ -8,7 +8,6 @@
 #include "net_tcp/client.h"
 
 namespace kvr::test {
-namespace {
 
 class ClientTest : public testing::TestWithParam<Carrier> {
   protected:
@@ -145,5 +144,4 @@ TEST_P(ClientTest, WhatAReceiverSaysMeansALostLine) {
     }
 }
 
-} // namespace
 } // namespace kvr::test

@@ -43,44 +43,40 @@ TEST_P(TlsTest, EachEndIsJudgedByWhatItShows) {
     using enum End;
     const TlsMaterial& made = tls_material();
     const std::string untrusted = "SSL_get_verify_result error\n";
-    const struct {
-        TlsIdentity server, client;
-        End end;
-        std::string reason, on_stderr;
-        int options = 0;
-    } cases[] = {
-        {made.server, made.client, kUp, "", ""},
-        {made.expired_server, made.client, kChecked, "certificate has expired, subject CN = Receiver.Test]", untrusted},
-        {made.foreign_server, made.client, kChecked, "unable to get local issuer certificate", untrusted},
-        {made.server, made.client, kChecked, "common name differs", "X509_NAME_get_text_by_NID [] error\n",
-         NET_TCP_SSL_CHECK_CN},
-        {made.server, made.foreign_server, kRefused, "tlsv1 alert unknown ca]", ""},
+    const std::string expired = "certificate has expired, subject CN = Receiver.Test]";
+    const std::string other_name = "X509_NAME_get_text_by_NID [] error\n";
+    const std::tuple<TlsIdentity, TlsIdentity, End, std::string, std::string, int> cases[] = {
+        {made.server, made.client, kUp, "", "", 0},
+        {made.expired_server, made.client, kChecked, expired, untrusted, 0},
+        {made.foreign_server, made.client, kChecked, "unable to get local issuer certificate", untrusted, 0},
+        {made.server, made.client, kChecked, "common name differs", other_name, NET_TCP_SSL_CHECK_CN},
+        {made.server, made.foreign_server, kRefused, "tlsv1 alert unknown ca]", "", 0},
     };
-    for (const auto& row : cases) {
-        SCOPED_TRACE(row.reason);
-        options_.identity = row.server;
+    for (const auto& [server, own, end, reason, on_stderr, options] : cases) {
+        SCOPED_TRACE(reason);
+        options_.identity = server;
         options_.ask_client_cert = true;
         std::string received;
         {
             Peer peer(options_, [&](PeerConnection& connection) { received = connection.read_all(); });
             Client client(GetParam());
-            set_text(client.sCertFile, row.client.cert_file);
-            set_text(client.sKeyFile, row.client.key_file);
+            set_text(client.sCertFile, own.cert_file);
+            set_text(client.sKeyFile, own.key_file);
             ASSERT_EQ(client.init(), 0);
             CaptureStderr();
-            bool up = client.connect(peer.port(), "127.0.0.1", row.options) == 0;
+            bool up = client.connect(peer.port(), "127.0.0.1", options) == 0;
             EXPECT_TRUE(up || (errno == EPROTO && client.is_down(true)));
-            EXPECT_EQ(GetCapturedStderr(), row.on_stderr);
-            if (row.end == kRefused) {
+            EXPECT_EQ(GetCapturedStderr(), on_stderr);
+            if (end == kRefused) {
                 up = up && !wait_until([&] { return client.write("") < 0; });
             }
-            EXPECT_EQ(up, row.end == kUp);
-            EXPECT_THAT(client.error(), HasSubstr(row.reason));
-            EXPECT_EQ(client.error().starts_with("netTcpSSLCheckCert error["), row.end == kChecked) << client.error();
+            EXPECT_EQ(up, end == kUp);
+            EXPECT_THAT(client.error(), HasSubstr(reason));
+            EXPECT_EQ(client.error().starts_with("netTcpSSLCheckCert error["), end == kChecked) << client.error();
             EXPECT_EQ(client.iErrorCode, up ? 0 : -1);
             EXPECT_EQ(client.write("secret"), up ? 6 : -1);
         }
-        EXPECT_EQ(received, row.end == kUp ? "secret" : "");
+        EXPECT_EQ(received, end == kUp ? "secret" : "");
     }
 }
 
@@ -107,11 +103,7 @@ TEST(TlsContext, IsMadeOfFilesThatFitTogether) {
     const TlsIdentity endless{std::string(511, 'c'), std::string(511, 'k')};
     const std::string no_cert = "SSL_CTX_use_certificate_file[";
     const std::string no_key = "SSL_CTX_use_PrivateKey_file[";
-    const struct {
-        std::string ca;
-        TlsIdentity own;
-        std::string phrase, reason, on_stderr;
-    } cases[] = {
+    const std::tuple<std::string, TlsIdentity, std::string, std::string, std::string> cases[] = {
         {made.ca_file, locked, kKeyPass, "", ""},
         {made.ca_file, locked, "sesame", "", no_key + locked.key_file + "] error\n"},
         {made.ca_file, mixed, "", "key values mismatch]", no_key + mixed.key_file + "] error\n"},
@@ -119,19 +111,19 @@ TEST(TlsContext, IsMadeOfFilesThatFitTogether) {
         {"/none.pem", made.client, "", "No such file or directory]", "SSL_CTX_load_verify_locations error\n"},
         {made.ca_file, endless, std::string(511, 'p'), "", no_cert + endless.cert_file + "] error\n"}, // text is cut
     };
-    for (const auto& row : cases) {
+    for (const auto& [ca, own, phrase, reason, on_stderr] : cases) {
         Client client(Carrier::kTls13);
-        set_text(client.sCaFile, row.ca);
-        set_text(client.sCertFile, row.own.cert_file);
-        set_text(client.sKeyFile, row.own.key_file);
-        set_text(client.sKeyPass, row.phrase);
+        set_text(client.sCaFile, ca);
+        set_text(client.sCertFile, own.cert_file);
+        set_text(client.sKeyFile, own.key_file);
+        set_text(client.sKeyPass, phrase);
         CaptureStderr();
         const int result = client.init();
-        EXPECT_EQ(GetCapturedStderr(), row.on_stderr);
-        EXPECT_EQ(result, row.on_stderr.empty() ? 0 : -1);
+        EXPECT_EQ(GetCapturedStderr(), on_stderr);
+        EXPECT_EQ(result, on_stderr.empty() ? 0 : -1);
         EXPECT_EQ(client.iErrorCode, result);
-        const std::string text = "netTcpSSLInitCtx[" + row.own.cert_file + "] [" + row.own.key_file + "] [" +
-                                 row.phrase + "] error[" + row.reason;
+        const std::string text =
+            "netTcpSSLInitCtx[" + own.cert_file + "] [" + own.key_file + "] [" + phrase + "] error[" + reason;
         EXPECT_THAT(client.error(),
                     testing::StartsWith(result == 0 ? "" : text.substr(0, sizeof(client.sErrorStr) - 1)));
         EXPECT_EQ(result == 0, client.error().empty());

@@ -6,7 +6,6 @@
 #include "store_fixture.h"
 
 namespace kvr {
-namespace {
 
 namespace fs = std::filesystem;
 
@@ -146,5 +145,4 @@ TEST(Schema, RepeatsOnlyWhatIsKept) {
     }
 }
 
-} // namespace
 } // namespace kvr

@@ -5,7 +5,6 @@
 #include "store_fixture.h"
 
 namespace kvr {
-namespace {
 
 class PutOnceTest : public StoreTest {
   protected:
@@ -19,11 +18,7 @@ class PutOnceTest : public StoreTest {
         }
         const std::vector<bool> put = store_->put_once(queue, messages, identities, remember);
         Texts taken;
-        for (std::size_t i = 0; i < texts.size(); ++i) {
-            if (put.at(i)) {
-                taken.push_back(texts[i]);
-            }
-        }
+        std::ranges::copy_if(texts, std::back_inserter(taken), [&, i = 0U](auto&) mutable { return put.at(i++); });
         return taken;
     }
     /// Puts all from `first` on to before `end`, in calls of many sizes.
@@ -33,16 +28,13 @@ class PutOnceTest : public StoreTest {
             ASSERT_EQ(put_once(texts, remember), texts);
         }
     }
-    int in_another_process(const std::function<bool()>& work) {
-        return fork_user([&] { return work() ? 0 : 1; }).result();
-    }
 };
 KVR_OVER_EVERY_ENGINE(PutOnceTest);
 
 TEST_P(PutOnceTest, WhoeverPutsARepeatWherever) {
     EXPECT_EQ(put_once({"a", "b", "a", ""}), (Texts{"a", "b", ""}));
     EXPECT_EQ(put_once({"b", "c"}, 1000, "DEAD"), Texts{"c"});
-    EXPECT_EQ(in_another_process([&] { return put_once({"c", "d", "", "e"}) == Texts{"d", "e"}; }), 0);
+    EXPECT_EQ(fork_user([&] { return put_once({"c", "d", "", "e"}) == Texts{"d", "e"} ? 0 : 1; }).result(), 0);
     EXPECT_EQ(put_once({"d", "f"}), Texts{"f"});
     auto getter = store_->drain("Q");
     take(*getter);
@@ -77,7 +69,7 @@ TEST_P(PutOnceTest, TheLastOnesAreRememberedAndLittleMore) {
     const std::uint64_t before = room();
     EXPECT_EQ(put_once(numbers(4000, 1000)), Texts()) << "the last thousand";
     EXPECT_EQ(put_once({"2900"}), Texts{"2900"}) << "long ago";
-    EXPECT_EQ(in_another_process([&] { return put_numbers(5000, 20000, 1000), !HasFailure(); }), 0);
+    EXPECT_EQ(fork_user([&] { return put_numbers(5000, 20000, 1000), HasFailure() ? 1 : 0; }).result(), 0);
     EXPECT_EQ(put_once(numbers(19001, 1000)), Texts{"20000"}) << "all that was in memory is gone";
     EXPECT_EQ(put_once({"4999"}), Texts{"4999"});
     EXPECT_LT(room(), before + before / 2);
@@ -86,5 +78,4 @@ TEST_P(PutOnceTest, TheLastOnesAreRememberedAndLittleMore) {
     EXPECT_LT(room(), before / 2);
 }
 
-} // namespace
 } // namespace kvr

@@ -25,6 +25,10 @@ ssize_t fail() {
 void heal() {
     g_instead = g_behind_head = nullptr;
 }
+ssize_t fail_once() {
+    heal();
+    return errno = EIO, -1;
+}
 
 } // namespace
 
@@ -142,6 +146,19 @@ TEST_P(LmdbStoreTest, MessageThatCannotBeHeldIsNotUsedUp) {
     EXPECT_EQ(shown(), Texts{"1!"}) << "what is on the other queue after all is not held";
     EXPECT_EQ(shown("DEAD"), (Texts{"dead", "dead"}));
     EXPECT_EQ(store_->queue_info("Q").held, 1U);
+}
+
+/// It is there, and LMDB cannot put the old one back: it refuses the environment from then on.
+TEST_P(LmdbStoreTest, AfterAHeadPageThatFailsOnceTheStoreIsOpenedAnewAndTheWriteDoneOnce) {
+    const auto getter = store_->drain("Q");
+    g_behind_head = [] {
+        g_behind_head = nullptr;
+        g_instead = fail_once;
+        return errno = EIO, ssize_t{-1};
+    };
+    EXPECT_EQ(put("once"), Errc{});
+    EXPECT_EQ(g_instead, nullptr);
+    EXPECT_EQ(take(*getter) + take(*getter), "once-");
 }
 
 TEST_P(LmdbStoreTest, WhatWasPutByAPutOfUnknownOutcomeIsNoRepeatForOnce) {

@@ -5,7 +5,6 @@
 #include "support/peer.h"
 
 namespace kvr::test {
-namespace {
 
 class KvrChannel : public ProgramTest {
   protected:
@@ -100,5 +99,4 @@ TEST_F(KvrChannel, OneThatFailsSaysSoUntilItStartsAgain) {
     EXPECT_THAT(done("status"), Not(HasSubstr("failed")));
 }
 
-} // namespace
 } // namespace kvr::test

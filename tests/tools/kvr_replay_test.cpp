@@ -7,7 +7,6 @@
 #include "support/peer.h"
 
 namespace kvr::test {
-namespace {
 
 /// A queue with messages 1 to 4: 1 and 3, which has a file, were sent over lines that broke, 2 over one that ended in
 /// order, and 4 is new. 3 was sent in a later second than those before.
@@ -93,5 +92,4 @@ TEST_F(KvrReplay, TheChosenOnesAreSentAgainOnceThatIsConfirmed) {
     EXPECT_THAT(done("replay Q --last 1 --yes"), HasSubstr("keeps no messages that were sent"));
 }
 
-} // namespace
 } // namespace kvr::test

@@ -6,10 +6,9 @@
 #include "support/peer.h"
 
 namespace kvr::test {
-namespace {
 
 /// The socket of a service manager, "@..." for one that is no file.
-UniqueFd manager_at(const std::string& name) {
+static UniqueFd manager_at(const std::string& name) {
     sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
     name.copy(address.sun_path, sizeof address.sun_path - 1);
     address.sun_path[0] = name[0] == '@' ? '\0' : name[0];
@@ -20,7 +19,7 @@ UniqueFd manager_at(const std::string& name) {
 }
 
 /// The next datagram; hangs here if there is none.
-std::string told(const UniqueFd& manager) {
+static std::string told(const UniqueFd& manager) {
     char text[1000];
     return {text, static_cast<std::size_t>(::recv(manager.get(), text, sizeof text, 0))};
 }
@@ -83,5 +82,4 @@ TEST_F(KvrService, ALogIsRotatedAsInstalled) {
     EXPECT_THAT(names_in(path() / "EAST/log"), ::testing::ElementsAre("C.log", "C.log.1", "C.log.2.gz"));
 }
 
-} // namespace
 } // namespace kvr::test

@@ -5,7 +5,6 @@
 #include "support/tls_material.h"
 
 namespace kvr::test {
-namespace {
 
 using KvrUsage = ProgramTest;
 
@@ -87,5 +86,4 @@ TEST_F(KvrUsage, OutputThatCannotBeWrittenIsAFailureAndLosesNothing) {
     EXPECT_THAT(first_line_of("get Q --all"), ::testing::MatchesRegex("kvr: .*stays on its queue\n1\n"));
 }
 
-} // namespace
 } // namespace kvr::test

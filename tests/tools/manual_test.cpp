@@ -6,7 +6,6 @@
 #include "support/peer.h"
 
 namespace kvr::test {
-namespace {
 
 class Manual : public ProgramTest {
   protected:
@@ -73,5 +72,4 @@ TEST_F(Manual, NamesEveryMemberAndFileThatIsWritten) {
     }
 }
 
-} // namespace
 } // namespace kvr::test

@@ -9,7 +9,6 @@
 #include "support/folder.h"
 
 namespace kvr::test {
-namespace {
 
 using Messages = std::vector<ProofMessage>;
 const std::string kHeader = xmit_header({"Q", "M"});
@@ -51,5 +50,4 @@ TEST(Proof, FindsEveryDamageAndNoOther) {
     }
 }
 
-} // namespace
 } // namespace kvr::test

@@ -9,7 +9,6 @@
 #include "support/folder.h"
 
 namespace kvr::test {
-namespace {
 
 namespace fs = std::filesystem;
 using std::chrono::seconds;
@@ -72,5 +71,4 @@ TEST(SpoolFolder, IsPrivateAndItsNamesAreHarmlessAndReplaceAndFollowNothing) {
     }
 }
 
-} // namespace
 } // namespace kvr::test

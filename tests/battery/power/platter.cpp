@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
-#include <string>
 
 #include <dlfcn.h>
 #include <fcntl.h>
