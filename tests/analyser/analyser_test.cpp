@@ -5,7 +5,6 @@
 #include "tools/kvr_program.h"
 
 namespace kvr::test {
-namespace {
 
 using nlohmann::ordered_json;
 /// Of one frame: the fields by name, each with its values in order.
@@ -24,12 +23,12 @@ const std::map<std::string, std::pair<const char*, std::vector<std::string>>> kK
     {"message", {"0", kOfMessages}},
     {"file message", {"4", kOfMessages}}};
 
-std::string text_of(const ordered_json& value) {
+static std::string text_of(const ordered_json& value) {
     return value.is_string() ? value.get<std::string>() : value.dump();
 }
 
 /// Everything below a frame in the analyser's tree that is a field of the protocol.
-void collect(const ordered_json& tree, Frame& frame) {
+static void collect(const ordered_json& tree, Frame& frame) {
     for (const auto& [key, value] : tree.items()) {
         if (!value.is_array() && !value.is_object()) {
             frame[key].push_back(text_of(value));
@@ -42,7 +41,7 @@ void collect(const ordered_json& tree, Frame& frame) {
 }
 
 /// @param end  how kvr dissect ended; a message that the connection's end cuts is no frame to the analyser
-void compare(const std::vector<Frame>& wanted, std::vector<Frame>& shown, bool whole, const std::string& end) {
+static void compare(const std::vector<Frame>& wanted, std::vector<Frame>& shown, bool whole, const std::string& end) {
     for (std::size_t i = 0; i < wanted.size() && (whole || i + 1 < shown.size()); ++i) {
         for (const auto& [name, values] : wanted[i]) {
             EXPECT_EQ(shown.at(i)[name], values) << i << " " << name;
@@ -136,5 +135,4 @@ TEST_P(Analyser, ShowsEachFieldAndEachFaultAsKvrDissectDoes) {
     EXPECT_EQ(shown[1][1]["kvr.file_name"], (std::vector<std::string>{"a", "%7F%25"}));
 }
 
-} // namespace
 } // namespace kvr::test

@@ -12,7 +12,6 @@
 extern "C" char* _plug_kavro_chls_Get_Ver(void);
 
 namespace kvr::test {
-namespace {
 
 const std::string kRetrying = "KVR_ObjSetAttrV(CHS CH1 STATUS=RETRYING)";
 
@@ -251,5 +250,4 @@ TEST_F(Life, TheWatcherSignalsNobodyWhenChannelAndLineEndTogetherOrItCannotWatch
     EXPECT_EQ(r.count("procSndSig2Proc("), 0);
 }
 
-} // namespace
 } // namespace kvr::test

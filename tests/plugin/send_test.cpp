@@ -9,9 +9,8 @@
 #include "channel_run.h"
 
 namespace kvr::test {
-namespace {
 
-Message with_files(const std::string& body, const Lines& files, std::optional<int> count = {}) {
+static Message with_files(const std::string& body, const Lines& files, std::optional<int> count = {}) {
     Message msg = message(body);
     msg.md.iMsgFlags = KVR_MSGFLAG_ACCESSORIES;
     msg.files = files;
@@ -19,7 +18,7 @@ Message with_files(const std::string& body, const Lines& files, std::optional<in
     return msg;
 }
 
-Message file_message(const std::string& path) {
+static Message file_message(const std::string& path) {
     Message msg = message(path);
     msg.md.cMsgStoreType = KVR_STORE_FILE;
     return msg;
@@ -116,7 +115,7 @@ struct Refused {
 };
 
 /// Such a file is refused when it is opened, behind the message's frame: it may be mended before the next attempt.
-Refused bad_file(const std::string& path, const std::string& why) {
+static Refused bad_file(const std::string& path, const std::string& why) {
     const std::string body = padded(path.substr(path.rfind('/') + 1), path.size());
     return {file_message(path), why, 4, header('4', 272 + body.size()) + plain_block('2') + body};
 }
@@ -176,5 +175,4 @@ TEST_F(Send, WhatCannotBeSentIsTriedFourTimesAtMostAndLaidAside) {
     }
 }
 
-} // namespace
 } // namespace kvr::test

@@ -23,7 +23,6 @@ extern "C" KVR_EXPORT std::time_t time(std::time_t* /*out*/) noexcept {
 }
 
 namespace kvr {
-namespace {
 
 using enum Errc;
 
@@ -225,5 +224,4 @@ TEST_P(HistoryTest, GoesAsItShould) {
 }
 KVR_OVER_EVERY_ENGINE(HistoryTest);
 
-} // namespace
 } // namespace kvr

@@ -46,7 +46,6 @@ extern "C" KVR_EXPORT int fdatasync(int fd) {
 }
 
 namespace kvr {
-namespace {
 
 class WakeUpTest : public StoreTest {
   protected:
@@ -147,5 +146,4 @@ TEST_P(TakersWakeUpTest, EachOfThoseThatWaitIsWokenForAMessageOfItsOwn) {
     EXPECT_THAT(texts, testing::UnorderedElementsAre("1", "2", "3"));
 }
 
-} // namespace
 } // namespace kvr

@@ -10,7 +10,6 @@
 #include "support/peer.h"
 
 namespace kvr::test {
-namespace {
 
 class Completion : public ProgramTest {
   protected:
@@ -49,12 +48,12 @@ const std::vector<std::pair<std::string, std::string>> kCases = {
 };
 
 /// A word that is complete has a blank after it.
-std::string inserted(const std::string& typed, const std::string& becomes) {
+static std::string inserted(const std::string& typed, const std::string& becomes) {
     return becomes + (becomes == typed || becomes.ends_with('=') || becomes.ends_with('/') ? "" : " ");
 }
 
 /// Types all cases in a shell on a terminal of its own, whose start file binds Ctrl-G to showing and emptying the line.
-void expect_completed(const std::string& folder, const std::string& shell) {
+static void expect_completed(const std::string& folder, const std::string& shell) {
     int terminal = -1;
     const pid_t pid = ::forkpty(&terminal, nullptr, nullptr, nullptr);
     if (pid == 0) {
@@ -120,5 +119,4 @@ TEST_F(Completion, IsSilentAndWaitsForNobody) {
     ::close(fd);
 }
 
-} // namespace
 } // namespace kvr::test

@@ -8,7 +8,6 @@
 #include "support/receiver_stream.h"
 
 namespace kvr::test {
-namespace {
 
 constexpr const char* kBind = R"("event":"bind")";
 constexpr const char* kMessage = R"("event":"message")";
@@ -51,7 +50,7 @@ class KvrListen : public ProgramTest {
     const std::string tls_ = "--tls --cert " + pem_.server.cert_file + " --key " + pem_.server.key_file;
 };
 
-std::string many(std::size_t times, const std::string& bytes) {
+static std::string many(std::size_t times, const std::string& bytes) {
     return fmt::format("{}", fmt::join(std::vector(times, bytes), ""));
 }
 
@@ -167,7 +166,7 @@ TEST_F(KvrListen, FurtherConnectionsWaitForAPlaceOrTakeThatOfAnIdleOne) {
 }
 
 /// A message of that size which waits for a file of so many bytes, of which none has come.
-std::string waiting(std::size_t size, std::size_t file = 1) {
+static std::string waiting(std::size_t size, std::size_t file = 1) {
     return frame('0', "Q", "00000000", "00000000", block('1', 4) + std::string(size, 'b') + attachment_block({"a"})) +
            digits(file);
 }
@@ -222,5 +221,4 @@ TEST_F(KvrListen, RefusalsNameTheirCause) {
     }
 }
 
-} // namespace
 } // namespace kvr::test
