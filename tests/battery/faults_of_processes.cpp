@@ -40,13 +40,12 @@ void kill_worker_behind_frozen_listener(History& h) {
     ::kill(h.listener->pid(), SIGCONT);
 }
 
-template <bool kKilled>
-void end_listener(History& h) {
+void kill_listener(History& h) {
     const std::uint64_t before = h.field.arrived();
     h.put(200);
     await("some messages", [&] { return h.field.arrived() > before; });
     h.pause_up_to(30'000);
-    kKilled ? h.kill(h.listener) : h.end_listener();
+    h.kill(h.listener);
 }
 
 /// The worker says what it waits for and can be stopped; other programs name the process.
@@ -220,8 +219,7 @@ std::vector<Fault> faults_of_processes() {
     return {
         {"worker killed", kill_worker, {.repeats = 1}},
         {"worker killed, listener frozen", kill_worker_behind_frozen_listener, {.repeats = 1}, kPlain},
-        {"listener killed", end_listener<true>, {.cuts = 1, .leftovers = true}},
-        {"listener stopped under load", end_listener<false>, {.cuts = 1}},
+        {"listener killed", kill_listener, {.cuts = 1, .leftovers = true}},
         {"frozen writer at the sender", freeze_writer_at_sender},
         {"frozen writer at the receiver", freeze_writer_at_receiver},
         {"few descriptors at the start", few_descriptors_at_start, {.dead = 30}},

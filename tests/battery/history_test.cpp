@@ -11,21 +11,20 @@
 #include "history.h"
 
 namespace kvr::test {
-namespace {
 
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kSteps = 5; ///< so that twenty seeds meet a table of up to 50 rows
 
-bool is_plain(std::uint64_t seed) {
+static bool is_plain(std::uint64_t seed) {
     return seed % 2 == 0;
 }
 
-Carrier carrier_of(std::uint64_t seed) {
+static Carrier carrier_of(std::uint64_t seed) {
     return is_plain(seed) ? Carrier::kPlain : seed / 2 % 2 == 0 ? Carrier::kTls13 : Carrier::kTls12;
 }
 
-std::vector<Fault> table(bool plain) {
+static std::vector<Fault> table(bool plain) {
     std::vector<Fault> all;
     for (const auto& part : {faults_of_lines(), faults_of_disks(), faults_of_processes()}) {
         std::ranges::copy_if(part, std::back_inserter(all), [&](const Fault& fault) {
@@ -35,7 +34,7 @@ std::vector<Fault> table(bool plain) {
     return all;
 }
 
-std::vector<Fault> drawn_by(std::uint64_t seed) {
+static std::vector<Fault> drawn_by(std::uint64_t seed) {
     std::vector<Fault> drawn;
     for (std::uint64_t place = seed / 2 * kSteps; drawn.size() < kSteps; ++place) {
         std::vector<Fault> cards = table(is_plain(seed));
@@ -46,7 +45,7 @@ std::vector<Fault> drawn_by(std::uint64_t seed) {
 }
 
 /// What is printed is for the one who reads a failure, and for the table of scripts/battery.
-void live_through(History& history, std::uint64_t seed) {
+static void live_through(History& history, std::uint64_t seed) {
     const auto begin = Clock::now();
     Cost allowed;
     const auto judge = [&] {
@@ -86,7 +85,7 @@ TEST_P(Histories, Hold) {
     }
 }
 
-auto seeds() {
+static auto seeds() {
     const char* wanted = std::getenv("KVR_BATTERY_SEEDS"); // NOLINT(concurrency-mt-unsafe)
     std::istringstream range(wanted == nullptr ? "0 20" : wanted);
     std::uint64_t first = 0;
@@ -97,5 +96,4 @@ auto seeds() {
 
 INSTANTIATE_TEST_SUITE_P(Seeds, Histories, seeds(), [](const auto& test) { return std::to_string(test.param); });
 
-} // namespace
 } // namespace kvr::test

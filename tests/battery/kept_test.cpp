@@ -12,18 +12,17 @@
 #include "history.h"
 
 namespace kvr::test {
-namespace {
 
 constexpr std::size_t kMany = 1U << 30U;
 
 enum class Promise { kOff, kRepeat, kOnce };
 using Road = std::tuple<Promise, unsigned>; ///< its bits: TLS, a slow receiver, all of a line can be gone
 
-const char* rounds_wanted() {
+static const char* rounds_wanted() {
     return std::getenv("KVR_BATTERY_ROUNDS"); // NOLINT(concurrency-mt-unsafe)
 }
 
-Terms terms(const Road& road, Relay& relay) {
+static Terms terms(const Road& road, Relay& relay) {
     const auto [promise, bits] = road;
     const bool slow = (bits & 2U) != 0; // and all that can be under way to it is less than by default
     Terms all{{}, {}, &relay};
@@ -146,7 +145,7 @@ TEST_P(Kept, PeerThatAcceptsAndCloses) {
     end();
 }
 
-std::vector<Road> roads() {
+static std::vector<Road> roads() {
     if (rounds_wanted() == nullptr) {
         return {{Promise::kRepeat, 0}, {Promise::kOnce, 0}, {Promise::kOnce, 3}};
     }
@@ -157,12 +156,11 @@ std::vector<Road> roads() {
     return all;
 }
 
-std::string name_of(const ::testing::TestParamInfo<Road>& road) {
+static std::string name_of(const ::testing::TestParamInfo<Road>& road) {
     constexpr const char* kNames[] = {"Off", "Repeat", "Once"};
     return kNames[static_cast<int>(std::get<Promise>(road.param))] + std::to_string(std::get<unsigned>(road.param));
 }
 
 INSTANTIATE_TEST_SUITE_P(Roads, Kept, ::testing::ValuesIn(roads()), name_of);
 
-} // namespace
 } // namespace kvr::test
