@@ -167,10 +167,13 @@ void Environment::close() {
     }
     ended_.clear();
     try {
-        const OpeningLock lock(folder_, kCloseLimit);
+        std::optional<OpeningLock> lock;
+        if (std::error_code unknown; std::filesystem::exists(folder_, unknown) || unknown) {
+            lock.emplace(folder_, kCloseLimit);
+        } // else it was deleted, and nobody else opens or closes it
         mdb_env_close(env_);
     } catch (const Error&) {
-        static_cast<void>(0); // somebody is frozen while he opens it, or it was deleted: it closes with this process
+        static_cast<void>(0); // somebody is frozen while he opens it: it closes with this process
     }
 }
 

@@ -59,7 +59,7 @@ std::vector<std::string> message_environment(const TakenView& message, const std
         }
     }
     for (const auto& [name, value] : values) {
-        all.push_back(name + "=" + value);
+        all.emplace_back(name).append("=").append(value);
     }
     return all;
 }
