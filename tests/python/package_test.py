@@ -111,6 +111,7 @@ class Interface(Case):
         for error, call in ((kvr.NotFound, lambda: self.qm.put("NONE", b"")), (kvr.NotFound, lambda: kvr.open("WEST")),
                             (kvr.TooLarge, lambda: self.qm.put("Q", bytes(2098377))),
                             (kvr.Invalid, lambda: self.qm.get("Q", max_tries=1)),
+                            (kvr.Invalid, lambda: self.qm.get("Q", wait=-1)),
                             (kvr.Invalid, lambda: kvr.Message(reply_queue="R" * 33)),
                             (TypeError, lambda: self.qm.put("Q", "text")), (TypeError, lambda: pickle.dumps(self.qm)),
                             (ValueError, lambda: self.qm.put("Q\0", b"")),

@@ -46,8 +46,8 @@ std::string message_text(const ShownMessage& message, DataForm form) {
     if (!message.used_at.empty()) {
         out += line("used at", message.used_at);
     }
-    if (message.given_back.value_or(0) > 0) {
-        out += line("given back", fmt::format("{} times", *message.given_back));
+    if (const std::uint32_t times = message.given_back.value_or(0); times > 0) {
+        out += line("given back", times == 1 ? "once" : fmt::format("{} times", times));
     }
     for (const DescriptorField& field : descriptor_fields()) {
         out += line(field.label, printable(field_text(message.descriptor, field)));

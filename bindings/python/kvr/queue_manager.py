@@ -98,6 +98,8 @@ class QueueManager:
         max_tries, aside  a message that was given back so many times or more is put on the queue `aside` instead of
                     being returned, each in a unit of its own; 0: none is
         """
+        if wait is not None and not wait >= 0:
+            raise Invalid(Code.INVALID, f"a wait takes seconds, 0 for none, or None for one without end; not {wait}")
         options = GetOptions(
             GET_OPTIONS_SIZE,
             self._flags(unit),
