@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "store/descriptor.h"
-
 #include "store/text_field.h"
 
 namespace kvr {
